@@ -1,0 +1,32 @@
+#!/usr/bin/env bash
+# Installs every Debian package that building, running and testing Turnelo needs.
+# Idempotent; run as root or through sudo.
+set -euo pipefail
+
+SUDO=""
+if [ "$(id -u)" -ne 0 ]; then
+  SUDO="sudo"
+fi
+
+PACKAGES=(
+  build-essential cmake ninja-build pkg-config git
+  qt6-base-dev qt6-base-dev-tools libqt6opengl6-dev
+  libopenexr-dev libarchive-dev
+  libvulkan-dev glslang-tools mesa-vulkan-drivers vulkan-tools
+  libx11-dev libx11-xcb-dev libxext-dev libxfixes-dev
+  libgtest-dev libgmock-dev libbenchmark-dev
+  xvfb xauth dbus dbus-x11
+  nginx-light curl
+  xfconf
+)
+
+missing=()
+for p in "${PACKAGES[@]}"; do
+  dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
+done
+
+if [ ${#missing[@]} -gt 0 ]; then
+  echo "Instalando pacotes: ${missing[*]}"
+  $SUDO apt-get update
+  DEBIAN_FRONTEND=noninteractive $SUDO apt-get install -y --no-install-recommends "${missing[@]}"
+fi

@@ -1,0 +1,15 @@
+#pragma once
+
+#include <QString>
+
+// Who this build is. A development build keeps its data, log and settings apart from the
+// released one by appending " Dev" to every name the user can see on disk.
+namespace AppIdentity {
+
+bool isRelease();
+// "Turnelo" or "Turnelo Dev".
+QString appName();
+// Application version, "0.1.0".
+QString version();
+
+}  // namespace AppIdentity

@@ -1,0 +1,17 @@
+#pragma once
+
+#include <QSettings>
+
+// A QSettings format that keeps value types across restarts: Boolean, integer, double, text
+// and dictionary come back as they were stored (INI would turn them all into text).
+// Stored as one JSON object; a double with an integral value is written as {"$real": n}
+// because JSON readers give integral numbers back as integers.
+namespace JsonSettingsFormat {
+
+// Registered once per process; the same value every call.
+QSettings::Format format();
+
+QVariant fromJson(const QJsonValue &value);
+QJsonValue toJson(const QVariant &value);
+
+}  // namespace JsonSettingsFormat

@@ -1,0 +1,37 @@
+#include "core/Log.h"
+
+#include "core/AppIdentity.h"
+
+#include <QDateTime>
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+
+namespace Log {
+
+QString path()
+{
+    static const QString file = [] {
+        QString state = qEnvironmentVariable("XDG_STATE_HOME");
+        if (state.isEmpty())
+            state = QDir::homePath() + QStringLiteral("/.local/state");
+        return state + QLatin1Char('/') + AppIdentity::appName() + QStringLiteral(".log");
+    }();
+    return file;
+}
+
+void write(const QString &message)
+{
+    const QByteArray line = QDateTime::currentDateTimeUtc().toString(Qt::ISODateWithMs).toUtf8()
+        + ' ' + message.toUtf8() + '\n';
+    QFile file(path());
+    if (!file.open(QIODevice::WriteOnly | QIODevice::Append)) {
+        // The state folder may not exist yet on a fresh account.
+        QDir().mkpath(QFileInfo(file).absolutePath());
+        if (!file.open(QIODevice::WriteOnly | QIODevice::Append))
+            return;
+    }
+    file.write(line);
+}
+
+}  // namespace Log

@@ -1,0 +1,45 @@
+#pragma once
+
+#include <QByteArray>
+#include <QString>
+#include <QTemporaryDir>
+#include <chrono>
+#include <functional>
+
+namespace testsupport {
+
+// Runs the event loop until `done` holds or `timeout` passes; returns whether it held.
+bool waitUntil(const std::function<bool()> &done, std::chrono::milliseconds timeout);
+
+// Runs the event loop for `span`.
+void spin(std::chrono::milliseconds span);
+
+QByteArray readFile(const QString &path);
+void writeFile(const QString &path, const QByteArray &bytes);
+
+// A built executable of this project, by target name.
+QString builtTool(const QString &name);
+
+struct ToolResult {
+    int exitCode = -1;
+    QByteArray out;
+    QByteArray err;
+};
+ToolResult runTool(const QString &program, const QStringList &args,
+                   const QStringList &extraEnv = {}, int timeoutMs = 120000);
+
+// Sets an environment variable for the life of the object, restoring the old value after.
+class ScopedEnv {
+public:
+    ScopedEnv(const char *name, const QByteArray &value);
+    ~ScopedEnv();
+    ScopedEnv(const ScopedEnv &) = delete;
+    ScopedEnv &operator=(const ScopedEnv &) = delete;
+
+private:
+    const char *name;
+    QByteArray old;
+    bool had;
+};
+
+}  // namespace testsupport
