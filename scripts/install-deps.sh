@@ -17,7 +17,7 @@ PACKAGES=(
   libgtest-dev libgmock-dev libbenchmark-dev
   xvfb xauth dbus dbus-x11
   nginx-light curl
-  xfconf
+  xfconf libxfconf-0-3
 )
 
 missing=()
