@@ -72,6 +72,27 @@ ToolResult runTool(const QString &program, const QStringList &args, const QStrin
     return result;
 }
 
+QByteArray minimalManifest()
+{
+    return R"({
+  "contract": 1,
+  "sun_keys": ["noon"],
+  "groups": ["room"],
+  "presets": {
+    "manha": {"room": 0.6}, "dia": {"room": 1.0}, "tarde": {"room": 0.8}, "noite": {"room": 0.2}
+  },
+  "clock": [["06:00", "manha"], ["10:00", "dia"], ["15:00", "tarde"], ["19:30", "noite"]],
+  "framings": {
+    "mid": {
+      "size": [64, 48],
+      "camera": {"P": [[1, 0, 0, 0], [0, 1, 0, 0], [0, 0, 0, 1]]},
+      "cover": {"corners": [[1, 1], [9, 1], [9, 9], [1, 9]], "mask": "masks/cover.png"},
+      "label": {"corners": [[20, 20], [24, 20], [24, 24], [20, 24]], "mask": "masks/label.png"}
+    }
+  }
+})";
+}
+
 ScopedEnv::ScopedEnv(const char *name, const QByteArray &value)
     : name(name), old(qgetenv(name)), had(qEnvironmentVariableIsSet(name))
 {

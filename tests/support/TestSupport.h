@@ -28,6 +28,10 @@ struct ToolResult {
 ToolResult runTool(const QString &program, const QStringList &args,
                    const QStringList &extraEnv = {}, int timeoutMs = 120000);
 
+// A small valid manifest.json: presets manha/dia/tarde/noite on one "room" group, a clock, and
+// one framing "mid" of 64×48 with only the required sections.
+QByteArray minimalManifest();
+
 // Sets an environment variable for the life of the object, restoring the old value after.
 class ScopedEnv {
 public:
