@@ -18,6 +18,7 @@ PACKAGES=(
   xvfb xauth dbus dbus-x11
   nginx-light curl
   xfconf libxfconf-0-3
+  mpv mpv-mpris
 )
 
 missing=()
