@@ -1,0 +1,49 @@
+#pragma once
+
+#include "render/VulkanContext.h"
+
+#include <QImage>
+#include <memory>
+#include <optional>
+
+// One image that a pass draws into this frame.
+struct TargetImage {
+    VkImage image = VK_NULL_HANDLE;
+    VkImageView view = VK_NULL_HANDLE;
+    uint32_t width = 0;
+    uint32_t height = 0;
+    VkImageLayout finalLayout = VK_IMAGE_LAYOUT_TRANSFER_SRC_OPTIMAL;  // layout after the pass
+    VkSemaphore acquired = VK_NULL_HANDLE;  // waited on before drawing, when set
+    VkSemaphore rendered = VK_NULL_HANDLE;  // signalled when the frame's commands complete, when set
+};
+
+// Something the renderer draws into: an offscreen image now, a window's swapchain image
+// later. Colour format is always VK_FORMAT_B8G8R8A8_UNORM (the composite output is already
+// display-encoded). Main thread.
+class RenderTarget {
+public:
+    virtual ~RenderTarget() = default;
+    // The image for this frame, or none (the pass is skipped this frame).
+    virtual std::optional<TargetImage> acquire() = 0;
+    // Called after the frame's command buffer was submitted, in the order acquired.
+    virtual void present() {}
+};
+
+// A device image the renderer draws into and that can be read back. Readback waits for nothing:
+// call it after the renderer has finished the frame (SceneRenderer::waitIdle).
+class OffscreenTarget : public RenderTarget {
+public:
+    OffscreenTarget(std::shared_ptr<VulkanContext> context, uint32_t width, uint32_t height);
+
+    std::optional<TargetImage> acquire() override;
+    // Pixels as QImage::Format_ARGB32 (the bytes of B8G8R8A8 on a little-endian machine).
+    QImage readback();
+    const TextureRef &texture() const { return image; }
+    uint32_t width() const { return image->width; }
+    uint32_t height() const { return image->height; }
+
+private:
+    std::shared_ptr<VulkanContext> context;
+    TextureRef image;
+    bool drawn = false;
+};

@@ -1,0 +1,371 @@
+#include "render/SceneRenderer.h"
+
+#include "core/Log.h"
+#include "render/VulkanCheck.h"
+#include "render/VulkanPipelines.h"
+
+#include <cstring>
+#include <stdexcept>
+
+using namespace VulkanPipelines;
+
+namespace {
+constexpr uint32_t sceneBindingCount = 4 + SceneTextures::slotCount;
+constexpr size_t framesInFlight = 2;
+}  // namespace
+
+struct SceneRenderer::FrameSlot {
+    VkDevice device = VK_NULL_HANDLE;
+    VkCommandPool pool = VK_NULL_HANDLE;
+    VkCommandBuffer cmd = VK_NULL_HANDLE;
+    VkFence fence = VK_NULL_HANDLE;
+    VkDescriptorPool descriptors = VK_NULL_HANDLE;
+    VkQueryPool queries = VK_NULL_HANDLE;
+    std::unique_ptr<HostBuffer> uniforms;
+    std::vector<VkFramebuffer> framebuffers;
+    SceneTextures keepAlive;  // the textures the recorded commands read
+    bool submitted = false;
+
+    void releaseFramebuffers() {
+        for (VkFramebuffer fb : framebuffers) vkDestroyFramebuffer(device, fb, nullptr);
+        framebuffers.clear();
+    }
+    ~FrameSlot() {
+        releaseFramebuffers();
+        if (queries) vkDestroyQueryPool(device, queries, nullptr);
+        if (descriptors) vkDestroyDescriptorPool(device, descriptors, nullptr);
+        if (fence) vkDestroyFence(device, fence, nullptr);
+        if (pool) vkDestroyCommandPool(device, pool, nullptr);
+    }
+};
+
+std::unique_ptr<SceneRenderer> SceneRenderer::create(const ShaderLibrary &shaders) {
+    std::unique_ptr<SceneRenderer> r(new SceneRenderer());
+    try {
+        r->build(shaders);
+    } catch (const std::exception &e) {
+        Log::write(QStringLiteral("Cena: shader não compilou: ") + QString::fromUtf8(e.what()));
+        return nullptr;
+    }
+    return r;
+}
+
+void SceneRenderer::build(const ShaderLibrary &shaders) {
+    context = VulkanContext::create();
+    VkDevice device = context->device;
+
+    const VkFormatFeatureFlags renderable = VK_FORMAT_FEATURE_COLOR_ATTACHMENT_BIT |
+                                            VK_FORMAT_FEATURE_SAMPLED_IMAGE_FILTER_LINEAR_BIT;
+    if (!context->supportsFormat(VK_FORMAT_B10G11R11_UFLOAT_PACK32, renderable))
+        lightTextureFormat = VK_FORMAT_R16G16B16A16_SFLOAT;
+
+    lin = makeSampler(device, VK_FILTER_LINEAR, VK_SAMPLER_ADDRESS_MODE_CLAMP_TO_EDGE, false, 1.0f);
+    const float aniso = context->properties.limits.maxSamplerAnisotropy >= 4.0f ? 4.0f : 1.0f;
+    VkPhysicalDeviceFeatures features{};
+    vkGetPhysicalDeviceFeatures(context->physical, &features);
+    art = makeSampler(device, VK_FILTER_LINEAR, VK_SAMPLER_ADDRESS_MODE_CLAMP_TO_EDGE, true,
+                      features.samplerAnisotropy ? aniso : 1.0f);
+    sprite = makeSampler(device, VK_FILTER_LINEAR, VK_SAMPLER_ADDRESS_MODE_CLAMP_TO_BORDER, false, 1.0f);
+
+    // Composite and steam share one set layout: the uniform block, three samplers, 34 frameSlots.
+    std::vector<VkDescriptorSetLayoutBinding> bindings(sceneBindingCount);
+    VkSampler samplers[3] = {lin, art, sprite};
+    for (uint32_t b = 0; b < sceneBindingCount; ++b) {
+        bindings[b].binding = b;
+        bindings[b].descriptorCount = 1;
+        bindings[b].stageFlags = VK_SHADER_STAGE_FRAGMENT_BIT;
+        if (b == 0) {
+            bindings[b].descriptorType = VK_DESCRIPTOR_TYPE_UNIFORM_BUFFER_DYNAMIC;
+        } else if (b <= 3) {
+            bindings[b].descriptorType = VK_DESCRIPTOR_TYPE_SAMPLER;
+            bindings[b].pImmutableSamplers = &samplers[b - 1];
+        } else {
+            bindings[b].descriptorType = VK_DESCRIPTOR_TYPE_SAMPLED_IMAGE;
+        }
+    }
+    VkDescriptorSetLayoutCreateInfo slci{VK_STRUCTURE_TYPE_DESCRIPTOR_SET_LAYOUT_CREATE_INFO};
+    slci.bindingCount = sceneBindingCount;
+    slci.pBindings = bindings.data();
+    vkCheck(vkCreateDescriptorSetLayout(device, &slci, nullptr, &sceneSetLayout), "vkCreateDescriptorSetLayout");
+    VkPipelineLayoutCreateInfo plci{VK_STRUCTURE_TYPE_PIPELINE_LAYOUT_CREATE_INFO};
+    plci.setLayoutCount = 1;
+    plci.pSetLayouts = &sceneSetLayout;
+    vkCheck(vkCreatePipelineLayout(device, &plci, nullptr, &sceneLayout), "vkCreatePipelineLayout");
+
+    VkShaderModule vert = VK_NULL_HANDLE, frags[5] = {};
+    auto destroyModules = [&] {
+        if (vert) vkDestroyShaderModule(device, vert, nullptr);
+        for (VkShaderModule m : frags)
+            if (m) vkDestroyShaderModule(device, m, nullptr);
+    };
+    MixBuilder::Resources mix;
+    try {
+        vert = makeShader(device, shaders.fullscreen);
+        frags[0] = makeShader(device, shaders.composite);
+        frags[1] = makeShader(device, shaders.steam);
+        frags[2] = makeShader(device, shaders.accumulate);
+        frags[3] = makeShader(device, shaders.accumulateAlpha);
+        frags[4] = makeShader(device, shaders.convertPlate);
+
+        VkRenderPass pass = targetPass(VK_IMAGE_LAYOUT_TRANSFER_SRC_OPTIMAL);
+        composite = makePipeline(device, sceneLayout, pass, vert, frags[0], false);
+        steamPipeline = makePipeline(device, sceneLayout, pass, vert, frags[1], false);
+
+        VkDescriptorSetLayoutBinding src{};
+        src.binding = 0;
+        src.descriptorType = VK_DESCRIPTOR_TYPE_COMBINED_IMAGE_SAMPLER;
+        src.descriptorCount = 1;
+        src.stageFlags = VK_SHADER_STAGE_FRAGMENT_BIT;
+        mix.sampler = makeSampler(device, VK_FILTER_NEAREST, VK_SAMPLER_ADDRESS_MODE_CLAMP_TO_EDGE, false, 1.0f);
+        src.pImmutableSamplers = &mix.sampler;
+        VkDescriptorSetLayoutCreateInfo mslci{VK_STRUCTURE_TYPE_DESCRIPTOR_SET_LAYOUT_CREATE_INFO};
+        mslci.bindingCount = 1;
+        mslci.pBindings = &src;
+        vkCheck(vkCreateDescriptorSetLayout(device, &mslci, nullptr, &mix.setLayout), "vkCreateDescriptorSetLayout");
+        VkPushConstantRange push{VK_SHADER_STAGE_FRAGMENT_BIT, 0, 16};
+        VkPipelineLayoutCreateInfo mplci{VK_STRUCTURE_TYPE_PIPELINE_LAYOUT_CREATE_INFO};
+        mplci.setLayoutCount = 1;
+        mplci.pSetLayouts = &mix.setLayout;
+        mplci.pushConstantRangeCount = 1;
+        mplci.pPushConstantRanges = &push;
+        vkCheck(vkCreatePipelineLayout(device, &mplci, nullptr, &mix.layout), "vkCreatePipelineLayout");
+        const VkFormat acc = VK_FORMAT_R16G16B16A16_SFLOAT;
+        mix.clearPass = makeRenderPass(device, acc, VK_ATTACHMENT_LOAD_OP_CLEAR, VK_IMAGE_LAYOUT_UNDEFINED,
+                                       VK_IMAGE_LAYOUT_COLOR_ATTACHMENT_OPTIMAL);
+        mix.loadPass = makeRenderPass(device, acc, VK_ATTACHMENT_LOAD_OP_LOAD, VK_IMAGE_LAYOUT_COLOR_ATTACHMENT_OPTIMAL,
+                                      VK_IMAGE_LAYOUT_COLOR_ATTACHMENT_OPTIMAL);
+        mix.accumulate = makePipeline(device, mix.layout, mix.clearPass, vert, frags[2], true);
+        mix.accumulateAlpha = makePipeline(device, mix.layout, mix.clearPass, vert, frags[3], true);
+        std::vector<VkFormat> formats{lightTextureFormat};
+        if (lightTextureFormat != acc) formats.push_back(acc);
+        for (VkFormat f : formats) {
+            mix.resultPass[f] = makeRenderPass(device, f, VK_ATTACHMENT_LOAD_OP_DONT_CARE, VK_IMAGE_LAYOUT_UNDEFINED,
+                                               VK_IMAGE_LAYOUT_SHADER_READ_ONLY_OPTIMAL);
+            mix.convert[f] = makePipeline(device, mix.layout, mix.resultPass[f], vert, frags[4], false);
+        }
+    } catch (...) {
+        destroyModules();
+        builder = std::make_shared<MixBuilder>(context, mix);  // owns and frees what was made
+        throw;
+    }
+    destroyModules();
+    builder = std::make_shared<MixBuilder>(context, mix);
+
+    // Fallbacks: transparent black and full white.
+    empty = context->createTexture(VK_FORMAT_R16G16B16A16_SFLOAT, 1, 1,
+                                   VK_IMAGE_USAGE_SAMPLED_BIT | VK_IMAGE_USAGE_TRANSFER_DST_BIT);
+    const uint16_t zeros[4] = {0, 0, 0, 0};
+    context->upload(*empty, zeros, 8);
+    white = context->createTexture(VK_FORMAT_R8_UNORM, 1, 1,
+                                   VK_IMAGE_USAGE_SAMPLED_BIT | VK_IMAGE_USAGE_TRANSFER_DST_BIT);
+    const uint8_t full = 255;
+    context->upload(*white, &full, 1);
+
+    const VkDeviceSize align = std::max<VkDeviceSize>(context->properties.limits.minUniformBufferOffsetAlignment, 16);
+    uniformStride = (sizeof(SceneUniforms) + align - 1) / align * align;
+    for (size_t i = 0; i < framesInFlight; ++i) {
+        auto slot = std::make_unique<FrameSlot>();
+        slot->device = device;
+        VkCommandPoolCreateInfo pci{VK_STRUCTURE_TYPE_COMMAND_POOL_CREATE_INFO};
+        pci.flags = VK_COMMAND_POOL_CREATE_RESET_COMMAND_BUFFER_BIT;
+        pci.queueFamilyIndex = context->queueFamily;
+        vkCheck(vkCreateCommandPool(device, &pci, nullptr, &slot->pool), "vkCreateCommandPool");
+        VkCommandBufferAllocateInfo ai{VK_STRUCTURE_TYPE_COMMAND_BUFFER_ALLOCATE_INFO};
+        ai.commandPool = slot->pool;
+        ai.level = VK_COMMAND_BUFFER_LEVEL_PRIMARY;
+        ai.commandBufferCount = 1;
+        vkCheck(vkAllocateCommandBuffers(device, &ai, &slot->cmd), "vkAllocateCommandBuffers");
+        VkFenceCreateInfo fci{VK_STRUCTURE_TYPE_FENCE_CREATE_INFO};
+        vkCheck(vkCreateFence(device, &fci, nullptr, &slot->fence), "vkCreateFence");
+        VkDescriptorPoolSize sizes[3] = {{VK_DESCRIPTOR_TYPE_UNIFORM_BUFFER_DYNAMIC, 2},
+                                         {VK_DESCRIPTOR_TYPE_SAMPLER, 6},
+                                         {VK_DESCRIPTOR_TYPE_SAMPLED_IMAGE, 2 * SceneTextures::slotCount}};
+        VkDescriptorPoolCreateInfo dpci{VK_STRUCTURE_TYPE_DESCRIPTOR_POOL_CREATE_INFO};
+        dpci.maxSets = 2;
+        dpci.poolSizeCount = 3;
+        dpci.pPoolSizes = sizes;
+        vkCheck(vkCreateDescriptorPool(device, &dpci, nullptr, &slot->descriptors), "vkCreateDescriptorPool");
+        if (context->timestampValidBits > 0) {
+            VkQueryPoolCreateInfo qci{VK_STRUCTURE_TYPE_QUERY_POOL_CREATE_INFO};
+            qci.queryType = VK_QUERY_TYPE_TIMESTAMP;
+            qci.queryCount = 2;
+            vkCheck(vkCreateQueryPool(device, &qci, nullptr, &slot->queries), "vkCreateQueryPool");
+        }
+        slot->uniforms = context->createHostBuffer(uniformStride * 8, VK_BUFFER_USAGE_UNIFORM_BUFFER_BIT);
+        frameSlots.push_back(std::move(slot));
+    }
+}
+
+SceneRenderer::~SceneRenderer() {
+    if (!context) return;
+    VkDevice device = context->device;
+    vkDeviceWaitIdle(device);
+    frameSlots.clear();
+    if (composite) vkDestroyPipeline(device, composite, nullptr);
+    if (steamPipeline) vkDestroyPipeline(device, steamPipeline, nullptr);
+    for (auto &[layout, pass] : targetPasses) vkDestroyRenderPass(device, pass, nullptr);
+    if (sceneLayout) vkDestroyPipelineLayout(device, sceneLayout, nullptr);
+    if (sceneSetLayout) vkDestroyDescriptorSetLayout(device, sceneSetLayout, nullptr);
+    for (VkSampler s : {lin, art, sprite})
+        if (s) vkDestroySampler(device, s, nullptr);
+}
+
+VkRenderPass SceneRenderer::targetPass(VkImageLayout finalLayout) {
+    auto it = targetPasses.find(finalLayout);
+    if (it != targetPasses.end()) return it->second;
+    VkRenderPass pass = makeRenderPass(context->device, VK_FORMAT_B8G8R8A8_UNORM, VK_ATTACHMENT_LOAD_OP_DONT_CARE,
+                                       VK_IMAGE_LAYOUT_UNDEFINED, finalLayout);
+    targetPasses[finalLayout] = pass;
+    return pass;
+}
+
+void SceneRenderer::harvest(FrameSlot &slot) {
+    if (!slot.submitted) return;
+    vkWaitForFences(context->device, 1, &slot.fence, VK_TRUE, UINT64_MAX);
+    slot.submitted = false;
+    double seconds = 0;
+    if (slot.queries) {
+        uint64_t stamps[2] = {0, 0};
+        if (vkGetQueryPoolResults(context->device, slot.queries, 0, 2, sizeof(stamps), stamps, sizeof(uint64_t),
+                                  VK_QUERY_RESULT_64_BIT) == VK_SUCCESS &&
+            stamps[1] >= stamps[0])
+            seconds = double(stamps[1] - stamps[0]) * double(context->properties.limits.timestampPeriod) * 1e-9;
+    }
+    clock.add(seconds);
+    slot.releaseFramebuffers();
+    slot.keepAlive = SceneTextures{};
+}
+
+void SceneRenderer::waitIdle() {
+    for (auto &slot : frameSlots) harvest(*slot);
+}
+
+void SceneRenderer::draw(const std::optional<Pass> &base, const std::vector<Pass> &layers,
+                         const std::optional<SteamPass> &steam, const SceneTextures &textures) {
+    if (!base && layers.empty() && !steam) return;
+    VkDevice device = context->device;
+    FrameSlot &slot = *frameSlots[nextSlot];
+    nextSlot = (nextSlot + 1) % frameSlots.size();
+    harvest(slot);
+
+    try {
+        const size_t passes = (base ? 1 : 0) + layers.size() + (steam ? 1 : 0);
+        if (slot.uniforms->size < uniformStride * passes)
+            slot.uniforms = context->createHostBuffer(uniformStride * passes, VK_BUFFER_USAGE_UNIFORM_BUFFER_BIT);
+        vkCheck(vkResetFences(device, 1, &slot.fence), "vkResetFences");
+        vkCheck(vkResetDescriptorPool(device, slot.descriptors, 0), "vkResetDescriptorPool");
+        vkCheck(vkResetCommandBuffer(slot.cmd, 0), "vkResetCommandBuffer");
+
+        // One descriptor set per pass kind; passes of a kind differ only in the uniform offset.
+        VkDescriptorSetLayout setLayouts[2] = {sceneSetLayout, sceneSetLayout};
+        VkDescriptorSetAllocateInfo dai{VK_STRUCTURE_TYPE_DESCRIPTOR_SET_ALLOCATE_INFO};
+        dai.descriptorPool = slot.descriptors;
+        dai.descriptorSetCount = 2;
+        dai.pSetLayouts = setLayouts;
+        VkDescriptorSet sets[2];
+        vkCheck(vkAllocateDescriptorSets(device, &dai, sets), "vkAllocateDescriptorSets");
+
+        std::array<VkDescriptorImageInfo, SceneTextures::slotCount> images{};
+        for (int s = 0; s < SceneTextures::slotCount; ++s) {
+            const GpuTexture *t = textures.slot(s);
+            if (!t && s == 31) t = textures.artNew.get();
+            if (!t && s == 32) t = textures.artOld.get();
+            if (!t) t = (s >= 12 && s <= 15) ? white.get() : empty.get();
+            images[s] = {VK_NULL_HANDLE, t->view, VK_IMAGE_LAYOUT_SHADER_READ_ONLY_OPTIMAL};
+        }
+        VkDescriptorBufferInfo sceneBuffer{slot.uniforms->buffer, 0, sizeof(SceneUniforms)};
+        VkDescriptorBufferInfo steamBuffer{slot.uniforms->buffer, 0, sizeof(SteamUniforms)};
+        VkWriteDescriptorSet writes[4]{};
+        for (int k = 0; k < 2; ++k) {
+            writes[2 * k] = {VK_STRUCTURE_TYPE_WRITE_DESCRIPTOR_SET};
+            writes[2 * k].dstSet = sets[k];
+            writes[2 * k].dstBinding = 0;
+            writes[2 * k].descriptorCount = 1;
+            writes[2 * k].descriptorType = VK_DESCRIPTOR_TYPE_UNIFORM_BUFFER_DYNAMIC;
+            writes[2 * k].pBufferInfo = k == 0 ? &sceneBuffer : &steamBuffer;
+            writes[2 * k + 1] = {VK_STRUCTURE_TYPE_WRITE_DESCRIPTOR_SET};
+            writes[2 * k + 1].dstSet = sets[k];
+            writes[2 * k + 1].dstBinding = 4;
+            writes[2 * k + 1].descriptorCount = SceneTextures::slotCount;  // consecutive bindings
+            writes[2 * k + 1].descriptorType = VK_DESCRIPTOR_TYPE_SAMPLED_IMAGE;
+            writes[2 * k + 1].pImageInfo = images.data();
+        }
+        vkUpdateDescriptorSets(device, 4, writes, 0, nullptr);
+
+        VkCommandBufferBeginInfo bi{VK_STRUCTURE_TYPE_COMMAND_BUFFER_BEGIN_INFO};
+        bi.flags = VK_COMMAND_BUFFER_USAGE_ONE_TIME_SUBMIT_BIT;
+        vkCheck(vkBeginCommandBuffer(slot.cmd, &bi), "vkBeginCommandBuffer");
+        if (slot.queries) {
+            vkCmdResetQueryPool(slot.cmd, slot.queries, 0, 2);
+            vkCmdWriteTimestamp(slot.cmd, VK_PIPELINE_STAGE_TOP_OF_PIPE_BIT, slot.queries, 0);
+        }
+
+        std::vector<RenderTarget *> presented;
+        std::vector<VkSemaphore> waits, doneSemaphores;
+        std::vector<VkPipelineStageFlags> waitStages;
+        uint32_t uniformIndex = 0;
+        auto encode = [&](RenderTarget *target, VkPipeline pipeline, VkDescriptorSet set, const void *bytes,
+                          size_t size) {
+            if (!target) return;
+            std::optional<TargetImage> image = target->acquire();
+            if (!image) return;  // no image this frame: the pass is skipped
+            const uint32_t offset = uint32_t(uniformStride * uniformIndex++);
+            std::memcpy(static_cast<char *>(slot.uniforms->mapped) + offset, bytes, size);
+            VkFramebufferCreateInfo fci{VK_STRUCTURE_TYPE_FRAMEBUFFER_CREATE_INFO};
+            fci.renderPass = targetPass(image->finalLayout);
+            fci.attachmentCount = 1;
+            fci.pAttachments = &image->view;
+            fci.width = image->width;
+            fci.height = image->height;
+            fci.layers = 1;
+            VkFramebuffer fb;
+            vkCheck(vkCreateFramebuffer(device, &fci, nullptr, &fb), "vkCreateFramebuffer");
+            slot.framebuffers.push_back(fb);
+            VkRenderPassBeginInfo rbi{VK_STRUCTURE_TYPE_RENDER_PASS_BEGIN_INFO};
+            rbi.renderPass = fci.renderPass;
+            rbi.framebuffer = fb;
+            rbi.renderArea = {{0, 0}, {image->width, image->height}};
+            vkCmdBeginRenderPass(slot.cmd, &rbi, VK_SUBPASS_CONTENTS_INLINE);
+            vkCmdBindPipeline(slot.cmd, VK_PIPELINE_BIND_POINT_GRAPHICS, pipeline);
+            vkCmdBindDescriptorSets(slot.cmd, VK_PIPELINE_BIND_POINT_GRAPHICS, sceneLayout, 0, 1, &set, 1, &offset);
+            VkViewport vp{0, 0, float(image->width), float(image->height), 0, 1};
+            VkRect2D sc{{0, 0}, {image->width, image->height}};
+            vkCmdSetViewport(slot.cmd, 0, 1, &vp);
+            vkCmdSetScissor(slot.cmd, 0, 1, &sc);
+            vkCmdDraw(slot.cmd, 3, 1, 0, 0);
+            vkCmdEndRenderPass(slot.cmd);
+            presented.push_back(target);
+            if (image->acquired) {
+                waits.push_back(image->acquired);
+                waitStages.push_back(VK_PIPELINE_STAGE_COLOR_ATTACHMENT_OUTPUT_BIT);
+            }
+            if (image->rendered) doneSemaphores.push_back(image->rendered);
+        };
+
+        if (base) encode(base->target, composite, sets[0], &base->uniforms, sizeof(SceneUniforms));
+        for (const Pass &layer : layers) encode(layer.target, composite, sets[0], &layer.uniforms, sizeof(SceneUniforms));
+        if (steam) encode(steam->target, steamPipeline, sets[1], &steam->uniforms, sizeof(SteamUniforms));
+
+        if (slot.queries) vkCmdWriteTimestamp(slot.cmd, VK_PIPELINE_STAGE_BOTTOM_OF_PIPE_BIT, slot.queries, 1);
+        vkCheck(vkEndCommandBuffer(slot.cmd), "vkEndCommandBuffer");
+        if (presented.empty()) return;
+
+        VkSubmitInfo si{VK_STRUCTURE_TYPE_SUBMIT_INFO};
+        si.waitSemaphoreCount = uint32_t(waits.size());
+        si.pWaitSemaphores = waits.data();
+        si.pWaitDstStageMask = waitStages.data();
+        si.commandBufferCount = 1;
+        si.pCommandBuffers = &slot.cmd;
+        si.signalSemaphoreCount = uint32_t(doneSemaphores.size());
+        si.pSignalSemaphores = doneSemaphores.data();
+        vkCheck(context->submit(si, slot.fence), "vkQueueSubmit");
+        slot.submitted = true;
+        slot.keepAlive = textures;
+        for (RenderTarget *t : presented) t->present();
+        // The base image must be complete before the caller shows it.
+        if (base) harvest(slot);
+    } catch (const VulkanError &) {
+        // No command buffer this frame: the frame is skipped and the next tick tries again.
+        slot.releaseFramebuffers();
+    }
+}

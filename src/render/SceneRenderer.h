@@ -1,0 +1,75 @@
+#pragma once
+
+#include "core/GPUClock.h"
+#include "render/MixBuilder.h"
+#include "render/RenderTarget.h"
+#include "render/SceneTextures.h"
+#include "render/SceneUniforms.h"
+#include "render/ShaderLibrary.h"
+#include "render/VulkanContext.h"
+
+#include <array>
+#include <map>
+#include <memory>
+#include <optional>
+#include <vector>
+
+// Owns the device, the queue, the pipelines of the composite, steam and pre-mix passes and the
+// two fallback textures, and encodes a frame (base image, dynamic layers, steam layer) into one
+// command buffer. Main thread, except the shared `mixBuilder` and `context`.
+class SceneRenderer {
+public:
+    struct Pass {
+        RenderTarget *target = nullptr;  // not owned
+        SceneUniforms uniforms;
+    };
+    struct SteamPass {
+        RenderTarget *target = nullptr;  // not owned
+        SteamUniforms uniforms;
+    };
+
+    // None when there is no device, queue, shader or pipeline; the reason is logged as
+    // "Cena: shader não compilou: " + the error text.
+    static std::unique_ptr<SceneRenderer> create(const ShaderLibrary &shaders = ShaderLibrary::embedded());
+    ~SceneRenderer();
+
+    // One frame in one command buffer. A base, when given, is complete when this returns;
+    // layers and steam are submitted and finish later (waitIdle waits for them).
+    void draw(const std::optional<Pass> &base, const std::vector<Pass> &layers,
+              const std::optional<SteamPass> &steam, const SceneTextures &textures);
+    // Waits for every submitted frame and books its GPU time.
+    void waitIdle();
+
+    GPUClock &gpuClock() { return clock; }
+    const std::shared_ptr<VulkanContext> &vulkan() const { return context; }
+    const std::shared_ptr<MixBuilder> &mixBuilder() const { return builder; }
+    const TextureRef &emptySprite() const { return empty; }
+    const TextureRef &whiteMask() const { return white; }
+    // The format of the finished light textures: B10G11R11 where the device renders into it,
+    // RGBA16F otherwise.
+    VkFormat lightFormat() const { return lightTextureFormat; }
+
+private:
+    SceneRenderer() = default;
+    void build(const ShaderLibrary &shaders);
+    struct FrameSlot;
+    void harvest(FrameSlot &slot);
+    VkRenderPass targetPass(VkImageLayout finalLayout);
+
+    std::shared_ptr<VulkanContext> context;
+    GPUClock clock;
+    std::shared_ptr<MixBuilder> builder;
+    VkFormat lightTextureFormat = VK_FORMAT_B10G11R11_UFLOAT_PACK32;
+
+    VkDescriptorSetLayout sceneSetLayout = VK_NULL_HANDLE;
+    VkPipelineLayout sceneLayout = VK_NULL_HANDLE;
+    std::map<VkImageLayout, VkRenderPass> targetPasses;
+    VkPipeline composite = VK_NULL_HANDLE;
+    VkPipeline steamPipeline = VK_NULL_HANDLE;
+    VkSampler lin = VK_NULL_HANDLE, art = VK_NULL_HANDLE, sprite = VK_NULL_HANDLE;
+    TextureRef empty, white;
+
+    std::vector<std::unique_ptr<FrameSlot>> frameSlots;
+    size_t nextSlot = 0;
+    VkDeviceSize uniformStride = 0;
+};

@@ -1,0 +1,19 @@
+#pragma once
+
+#include <vulkan/vulkan.h>
+
+#include <cstdint>
+#include <vector>
+
+// Small builders for the fixed shapes of this renderer: one colour attachment, one full-screen
+// triangle, dynamic viewport and scissor. All throw VulkanError.
+namespace VulkanPipelines {
+
+VkRenderPass makeRenderPass(VkDevice device, VkFormat format, VkAttachmentLoadOp load, VkImageLayout initial,
+                            VkImageLayout final);
+VkShaderModule makeShader(VkDevice device, const std::vector<uint32_t> &spirv);
+VkPipeline makePipeline(VkDevice device, VkPipelineLayout layout, VkRenderPass pass, VkShaderModule vertex,
+                        VkShaderModule fragment, bool additive);
+VkSampler makeSampler(VkDevice device, VkFilter filter, VkSamplerAddressMode address, bool mipmaps, float anisotropy);
+
+}  // namespace VulkanPipelines
