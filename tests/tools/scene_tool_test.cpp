@@ -1,0 +1,127 @@
+#include "TestSupport.h"
+
+#include <ImfHeader.h>
+#include <ImfRgbaFile.h>
+#include <QDir>
+#include <QImage>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <gtest/gtest.h>
+
+using namespace testsupport;
+
+namespace {
+
+ToolResult scene(const QStringList &args) { return runTool(builtTool("turnelo-scene"), args); }
+
+QJsonObject json(const ToolResult &r) { return QJsonDocument::fromJson(r.out).object(); }
+
+void writeRgba(const QString &path, int w, int h, const std::function<Imf::Rgba(int, int)> &pixel)
+{
+    std::vector<Imf::Rgba> pixels(size_t(w) * h);
+    for (int y = 0; y < h; ++y)
+        for (int x = 0; x < w; ++x)
+            pixels[size_t(y) * w + x] = pixel(x, y);
+    Imf::RgbaOutputFile file(QFile::encodeName(path).constData(), w, h, Imf::WRITE_RGBA);
+    file.setFrameBuffer(pixels.data(), 1, w);
+    file.writePixels(h);
+}
+
+}  // namespace
+
+TEST(SceneTool, ValidateListsSectionsAndMissingFiles)
+{
+    QTemporaryDir dir;
+    writeFile(dir.filePath("manifest.json"), minimalManifest());
+    auto r = scene({"validate", dir.path()});
+    ASSERT_EQ(r.exitCode, 0) << r.err.constData();
+    QJsonObject o = json(r);
+    EXPECT_EQ(o["contract"].toInt(), 1);
+    EXPECT_EQ(o["presetOrder"].toArray(), (QJsonArray{"manha", "dia", "tarde", "noite"}));
+    EXPECT_EQ(o["framings"].toObject()["mid"].toObject()["size"].toArray(), (QJsonArray{64, 48}));
+    EXPECT_EQ(o["framings"].toObject()["mid"].toObject()["sections"].toArray(), QJsonArray{});
+    EXPECT_EQ(o["missing"].toArray(), (QJsonArray{"mid/light/room.exr", "mid/masks/cover.png", "mid/masks/label.png"}));
+
+    QDir().mkpath(dir.filePath("mid/light"));
+    QDir().mkpath(dir.filePath("mid/masks"));
+    writeRgba(dir.filePath("mid/light/room.exr"), 64, 48, [](int, int) { return Imf::Rgba(1, 1, 1, 1); });
+    QImage mask(64, 48, QImage::Format_Grayscale8);
+    mask.fill(0);
+    ASSERT_TRUE(mask.save(dir.filePath("mid/masks/cover.png")));
+    ASSERT_TRUE(mask.save(dir.filePath("mid/masks/label.png")));
+    r = scene({"validate", dir.path()});
+    EXPECT_EQ(json(r)["missing"].toArray(), QJsonArray{});
+}
+
+TEST(SceneTool, BlendAtALocalTime)
+{
+    QTemporaryDir dir;
+    writeFile(dir.filePath("manifest.json"), minimalManifest());
+    // Keyframes 06:00 manha, 10:00 dia, 15:00 tarde, 19:30 noite.
+    auto o = json(scene({"blend", dir.path(), "--at", "10:00"}));
+    EXPECT_EQ(o["blend"].toObject(), (QJsonObject{{"dia", 1}}));
+    EXPECT_EQ(o["current"].toString(), "dia");
+    EXPECT_DOUBLE_EQ(o["position"].toDouble(), 0.375);
+
+    o = json(scene({"blend", dir.path(), "--at", "08:00:00"}));
+    EXPECT_DOUBLE_EQ(o["blend"].toObject()["manha"].toDouble(), 0.5);
+    EXPECT_DOUBLE_EQ(o["blend"].toObject()["dia"].toDouble(), 0.5);
+    EXPECT_DOUBLE_EQ(o["position"].toDouble(), 0.25);
+
+    const auto bad = scene({"blend", dir.path(), "--at", "25:99"});
+    EXPECT_EQ(bad.exitCode, 1);
+    EXPECT_TRUE(bad.err.startsWith("hora inválida"));
+}
+
+TEST(SceneTool, CropKinds)
+{
+    QTemporaryDir dir;
+    const QString sprite = dir.filePath("arm.exr");
+    writeRgba(sprite, 40, 30, [](int x, int y) {
+        const bool in = x >= 10 && x < 20 && y >= 5 && y < 8;
+        return in ? Imf::Rgba(0.5f, 0.5f, 0.5f, 1) : Imf::Rgba(0, 0, 0, 0);
+    });
+    auto o = json(scene({"crop", sprite, "--kind", "sprite"}));
+    EXPECT_EQ(o["width"].toInt(), 40);
+    EXPECT_EQ(o["height"].toInt(), 30);
+    EXPECT_EQ(o["rect"].toArray(), (QJsonArray{9, 4, 12, 5}));
+    o = json(scene({"crop", sprite, "--kind", "channel:1"}));
+    EXPECT_EQ(o["rect"].toArray(), (QJsonArray{9, 4, 12, 5}));
+
+    QImage shadow(16, 16, QImage::Format_Grayscale8);
+    shadow.fill(255);
+    ASSERT_TRUE(shadow.save(dir.filePath("shadow.png")));
+    o = json(scene({"crop", dir.filePath("shadow.png"), "--kind", "shadow"}));
+    EXPECT_TRUE(o["rect"].isNull());
+
+    const auto badKind = scene({"crop", sprite, "--kind", "channel:7"});
+    EXPECT_EQ(badKind.exitCode, 1);
+}
+
+TEST(SceneTool, BadInputExitsOneWithTheMessage)
+{
+    QTemporaryDir dir;
+    const QByteArray full = minimalManifest();
+    writeFile(dir.filePath("manifest.json"), full.left(full.size() / 3));
+    auto r = scene({"validate", dir.path()});
+    EXPECT_EQ(r.exitCode, 1);
+    EXPECT_TRUE(r.out.isEmpty());
+    EXPECT_TRUE(r.err.startsWith("Cena: manifest inválido em " + dir.path().toUtf8() + ": JSON ilegível"))
+        << r.err.constData();
+
+    writeFile(dir.filePath("garbage.exr"), QByteArray("v/1\x01 not an exr at all"));
+    r = scene({"crop", dir.filePath("garbage.exr"), "--kind", "additive"});
+    EXPECT_EQ(r.exitCode, 1);
+    EXPECT_EQ(r.err.trimmed(), "ImageIO não lê garbage.exr (compressão DWAA? use ZIP/PIZ)");
+
+    writeFile(dir.filePath("garbage.png"), QByteArray("\x89PNG\r\n\x1a\n\0\0\0\rIHDR", 16));
+    r = scene({"crop", dir.filePath("garbage.png"), "--kind", "mask"});
+    EXPECT_EQ(r.exitCode, 1);
+    // libpng writes its own line first; ours is the last.
+    EXPECT_TRUE(r.err.trimmed().split('\n').last().startsWith("ImageIO não lê garbage.png")) << r.err.constData();
+
+    r = scene({"validate", dir.filePath("nowhere")});
+    EXPECT_EQ(r.exitCode, 1);
+    EXPECT_TRUE(r.err.startsWith("não achei "));
+}

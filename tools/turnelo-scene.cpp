@@ -1,0 +1,152 @@
+// Scene checks for authors and scripts. One JSON object on standard output; on bad input, exit
+// status 1 with the message on standard error.
+//   turnelo-scene validate DIR
+//   turnelo-scene blend DIR --at HH:MM[:SS]
+//   turnelo-scene crop FILE --kind sprite|additive|shadow|mask|channel:N
+#include "core/ImageDecoder.h"
+#include "core/LightMixer.h"
+#include "core/PlateManifest.h"
+#include "core/SceneFiles.h"
+
+#include <QCoreApplication>
+#include <QDir>
+#include <QFile>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <cstdio>
+#include <stdexcept>
+
+namespace {
+
+struct ToolError : std::runtime_error {
+    explicit ToolError(const QString &message) : std::runtime_error(message.toStdString()) {}
+};
+
+void print(const QJsonObject &object)
+{
+    std::fputs(QJsonDocument(object).toJson(QJsonDocument::Compact).constData(), stdout);
+    std::fputc('\n', stdout);
+}
+
+QJsonArray strings(const QStringList &list) { return QJsonArray::fromStringList(list); }
+
+PlateManifest loadManifest(const QString &dir)
+{
+    const QString root = QDir(dir).absolutePath();
+    QFile file(root + QStringLiteral("/manifest.json"));
+    if (!file.open(QIODevice::ReadOnly))
+        throw ToolError(QStringLiteral("não achei ") + file.fileName());
+    try {
+        return PlateManifest::decode(file.readAll());
+    } catch (const PlateManifest::DecodeError &error) {
+        throw ToolError(QStringLiteral("Cena: manifest inválido em ") + root + QStringLiteral(": ")
+                        + QString::fromUtf8(error.what()));
+    }
+}
+
+QJsonObject validate(const QString &dir)
+{
+    const PlateManifest manifest = loadManifest(dir);
+    QJsonObject framings;
+    QJsonArray missing;
+    for (const auto &[name, framing] : manifest.framings) {
+        framings.insert(name, QJsonObject{{"size", QJsonArray{framing.size[0], framing.size[1]}},
+                                          {"sections", strings(SceneFiles::sections(framing))}});
+        for (const QString &file : SceneFiles::referenced(manifest, name))
+            if (!QFile::exists(QDir(dir).filePath(file)))
+                missing.append(file);
+    }
+    return {{"contract", manifest.contract},
+            {"presetOrder", strings(manifest.presetOrder())},
+            {"framings", framings},
+            {"missing", missing}};
+}
+
+QJsonObject blend(const QString &dir, const QString &at)
+{
+    const QTime time = QTime::fromString(at, at.count(QLatin1Char(':')) == 2 ? "H:mm:ss" : "H:mm");
+    if (!time.isValid())
+        throw ToolError(QStringLiteral("hora inválida: ") + at + QStringLiteral(" (use HH:MM ou HH:MM:SS)"));
+    const PlateManifest manifest = loadManifest(dir);
+    const QDateTime date(QDate::currentDate(), time);
+    QJsonObject weights;
+    for (const auto &[name, weight] : LightMixer(manifest).clockBlend(date))
+        weights.insert(name, weight);
+    const auto position = LightPresets::position(manifest, date);
+    return {{"blend", weights},
+            {"current", LightPresets::current(manifest, QStringLiteral("auto"), date)},
+            {"position", position ? QJsonValue(*position) : QJsonValue(QJsonValue::Null)}};
+}
+
+QJsonObject crop(const QString &file, const QString &kind)
+{
+    using namespace ImageDecoder;
+    const auto rectJson = [](const auto &cropped) {
+        if (!cropped)
+            return QJsonValue(QJsonValue::Null);
+        return QJsonValue(QJsonArray{cropped->rect[0], cropped->rect[1], cropped->rect[2], cropped->rect[3]});
+    };
+    const auto result = [&](int64_t w, int64_t h, const QJsonValue &rect) {
+        return QJsonObject{{"width", qint64(w)}, {"height", qint64(h)}, {"rect", rect}};
+    };
+    try {
+        if (kind == "shadow" || kind == "mask") {
+            const GrayImage image = decodeGray(file);
+            return result(image.width, image.height,
+                          rectJson(kind == "shadow" ? cropShadow(image) : cropMask(image)));
+        }
+        std::optional<int> channel;
+        if (kind.startsWith("channel:")) {
+            bool ok = false;
+            channel = kind.mid(8).toInt(&ok);
+            if (!ok || *channel < 0 || *channel > 3)
+                throw ToolError(QStringLiteral("canal inválido: ") + kind.mid(8) + QStringLiteral(" (0 a 3)"));
+        } else if (kind != "sprite" && kind != "additive") {
+            throw ToolError(QStringLiteral("tipo de recorte desconhecido: ") + kind);
+        }
+        const HalfImage image = decodeEXR(file);
+        const auto cropped = channel ? cropByChannel(image, *channel)
+                                     : (kind == "sprite" ? cropSprite(image) : cropAdditive(image));
+        return result(image.width, image.height, rectJson(cropped));
+    } catch (const Failure &failure) {
+        throw ToolError(failure.description());
+    }
+}
+
+QString option(const QStringList &args, const QString &name)
+{
+    const qsizetype i = args.indexOf(name);
+    if (i < 0 || i + 1 >= args.size())
+        throw ToolError(QStringLiteral("falta a opção ") + name);
+    return args[i + 1];
+}
+
+}  // namespace
+
+int main(int argc, char **argv)
+{
+    // Image codecs chatter through Qt's warnings; standard error carries only our message.
+    qInstallMessageHandler([](QtMsgType type, const QMessageLogContext &, const QString &text) {
+        if (type == QtCriticalMsg || type == QtFatalMsg)
+            std::fprintf(stderr, "%s\n", qPrintable(text));
+    });
+    QCoreApplication app(argc, argv);
+    const QStringList args = app.arguments().mid(1);
+    try {
+        if (args.size() == 2 && args[0] == "validate")
+            print(validate(args[1]));
+        else if (args.size() == 4 && args[0] == "blend")
+            print(blend(args[1], option(args, "--at")));
+        else if (args.size() == 4 && args[0] == "crop")
+            print(crop(args[1], option(args, "--kind")));
+        else
+            throw ToolError(QStringLiteral(
+                "uso: turnelo-scene validate DIR | blend DIR --at HH:MM[:SS] | "
+                "crop FILE --kind sprite|additive|shadow|mask|channel:N"));
+    } catch (const std::exception &error) {
+        std::fprintf(stderr, "%s\n", error.what());
+        return 1;
+    }
+    return 0;
+}
