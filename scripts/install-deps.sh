@@ -17,7 +17,7 @@ PACKAGES=(
   libgtest-dev libgmock-dev libbenchmark-dev
   xvfb xauth dbus dbus-x11
   nginx-light curl
-  xfconf libxfconf-0-3
+  xfconf libxfconf-0-3 libglib2.0-bin
   mpv mpv-mpris
 )
 

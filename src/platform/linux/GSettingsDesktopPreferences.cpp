@@ -27,8 +27,9 @@ QString GSettingsDesktopPreferences::extensionSchemaDirectory()
 
 QStringList GSettingsDesktopPreferences::arguments(QStringList rest) const
 {
+    // gsettings takes the option only as two words, before the command.
     if (!schemaDirectory.isEmpty())
-        rest.prepend(QStringLiteral("--schemadir=") + schemaDirectory);
+        rest = QStringList{QStringLiteral("--schemadir"), schemaDirectory} + rest;
     return rest;
 }
 
