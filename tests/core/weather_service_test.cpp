@@ -307,3 +307,18 @@ TEST_F(WeatherServiceTest, DebugWeatherOverridesWithoutAnyRequest)
     EXPECT_FALSE(service->fetching());
     EXPECT_TRUE(server.targets.isEmpty());
 }
+
+TEST_F(WeatherServiceTest, AnswerForAPlaceLeftWhileInFlightIsDroppedAndTheNewPlaceAsked)
+{
+    server.queueBody(forecast("8.0", "8.0", "65"));  // São Paulo, arriving after the change
+    server.queueBody(forecast("0.0", "0.0", "1"));   // Tokyo
+    service->refreshIfStale();
+    ASSERT_TRUE(service->fetching());
+    settings->setWeatherCity("tokyo");
+    ASSERT_TRUE(waitUntil([&] { return server.targets.size() == 2 && !service->fetching(); }, 10s));
+    EXPECT_TRUE(query(server.targets[0]).startsWith("latitude=-23.5505&"));
+    EXPECT_TRUE(query(server.targets[1]).startsWith("latitude=35.6762&longitude=139.6503&"));
+    EXPECT_TRUE(changes.empty());
+    EXPECT_EQ(service->now(), (Now{false, 0.0}));
+    EXPECT_TRUE(newLogLines().last().contains("Clima Tokyo: código 1, chuva 0 mm/h → seco"));
+}
