@@ -53,6 +53,7 @@ class PrivateBus {
 public:
     PrivateBus()
     {
+        QDir().mkpath(serviceDir());
         const QString config = dir.filePath("session.conf");
         writeFile(config, QStringLiteral(
             "<!DOCTYPE busconfig PUBLIC \"-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN\"\n"
@@ -61,12 +62,13 @@ public:
             "  <type>session</type>\n"
             "  <listen>unix:path=%1</listen>\n"
             "  <auth>EXTERNAL</auth>\n"
+            "  <servicedir>%2</servicedir>\n"
             "  <policy context=\"default\">\n"
             "    <allow send_destination=\"*\" eavesdrop=\"true\"/>\n"
             "    <allow eavesdrop=\"true\"/>\n"
             "    <allow own=\"*\"/>\n"
             "  </policy>\n"
-            "</busconfig>\n").arg(dir.filePath("bus")).toUtf8());
+            "</busconfig>\n").arg(dir.filePath("bus"), serviceDir()).toUtf8());
         daemon.start(QStringLiteral("dbus-daemon"),
                      {QStringLiteral("--config-file=") + config, QStringLiteral("--nofork"),
                       QStringLiteral("--print-address=1")});
@@ -87,6 +89,8 @@ public:
         }
     }
     bool ok() const { return connection && connection->isConnected(); }
+    // Activatable services: "<name>.service" files here start on the first message to the name.
+    QString serviceDir() const { return dir.filePath("services"); }
     QDBusConnection &bus() { return *connection; }
 
     QTemporaryDir dir;
@@ -263,6 +267,32 @@ TEST_F(NowPlayingMprisTest, QueryMapsMprisMetadata)
 
     control("spotify", "Stop");
     EXPECT_FALSE(backend.query(backend.sources().value(0)).has_value()) << "stopped is nothing";
+}
+
+TEST_F(NowPlayingMprisTest, ReadingNeverStartsAPlayer)
+{
+    // An activatable player: the first message to its name would run it, which leaves a mark.
+    const QString mark = bus.dir.filePath("started");
+    writeFile(bus.serviceDir() + "/org.mpris.MediaPlayer2.sleeper.service",
+              QStringLiteral("[D-BUS Service]\nName=org.mpris.MediaPlayer2.sleeper\n"
+                             "Exec=/usr/bin/touch %1\n").arg(mark).toUtf8());
+    const PlayerSource sleeper{"org.mpris.MediaPlayer2.sleeper", "sleeper", "sleeper"};
+    PlayerState state;
+    MprisPlayerBackend backend(bus.bus());
+    NowPlayingMonitor monitor(state, backend);
+    monitor.start();
+    monitor.refresh(sleeper);
+    EXPECT_FALSE(backend.isRunning(sleeper));
+    EXPECT_FALSE(backend.query(sleeper).has_value()) << "not even a direct query starts it";
+    spin(500ms);
+    EXPECT_FALSE(QFile::exists(mark));
+    EXPECT_FALSE(state.track().has_value());
+
+    // The same message with auto-start does start it: the setup above is live.
+    bus.bus().call(QDBusMessage::createMethodCall(sleeper.id, "/org/mpris/MediaPlayer2",
+                                                  "org.freedesktop.DBus.Peer", "Ping"),
+                   QDBus::Block, 2000);
+    EXPECT_TRUE(waitUntil([&] { return QFile::exists(mark); }, 5s));
 }
 
 TEST_F(NowPlayingMprisTest, ChoiceAmongPlayersAndBackgroundPause)
