@@ -60,7 +60,9 @@ TextureRef MixBuilder::build(const std::vector<Term> &terms, const QString &dir,
                                              VK_IMAGE_USAGE_COLOR_ATTACHMENT_BIT | VK_IMAGE_USAGE_SAMPLED_BIT);
         band = context->createTexture(VK_FORMAT_R16G16B16A16_SFLOAT, w, bandRows,
                                       VK_IMAGE_USAGE_SAMPLED_BIT | VK_IMAGE_USAGE_TRANSFER_DST_BIT);
-        result = context->createTexture(format, w, h, VK_IMAGE_USAGE_COLOR_ATTACHMENT_BIT | VK_IMAGE_USAGE_SAMPLED_BIT);
+        result = context->createTexture(format, w, h,
+                                        VK_IMAGE_USAGE_COLOR_ATTACHMENT_BIT | VK_IMAGE_USAGE_SAMPLED_BIT |
+                                            VK_IMAGE_USAGE_TRANSFER_SRC_BIT);
         staging = context->createHostBuffer(VkDeviceSize(w) * bandRows * 8, VK_BUFFER_USAGE_TRANSFER_SRC_BIT);
     } catch (const VulkanError &) {
         throw ImageDecoder::Failure(QStringLiteral("sem memória de GPU pro pré-mix"));

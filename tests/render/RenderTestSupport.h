@@ -3,6 +3,7 @@
 // Shared by the GPU tests: they run on Mesa's software device (lavapipe) so that pixels are
 // the same on every machine, and they read pixels back.
 
+#include "core/Log.h"
 #include "core/PlateImages.h"
 #include "render/SceneRenderer.h"
 #include "render/TextureUpload.h"
@@ -93,6 +94,75 @@ inline SceneUniforms plainUniforms(int w, int h) {
     u.look = {0, 1, 0, 0};  // contrast 1, no vignette, no grain
     u.tone = {1, 0, 0, 0};  // gamma 1
     return u;
+}
+
+}  // namespace rendertest
+
+#include <ImfRgbaFile.h>
+#include <QFile>
+
+namespace rendertest {
+
+// Writes a half RGBA OpenEXR file (ZIP) whose pixel (x, y) is f(x, y).
+template <typename F>
+inline void writeExr(const QString &path, int w, int h, F f) {
+    QDir().mkpath(QFileInfo(path).absolutePath());
+    std::vector<Imf::Rgba> px(size_t(w) * h);
+    for (int y = 0; y < h; ++y)
+        for (int x = 0; x < w; ++x) {
+            std::array<float, 4> v = f(x, y);
+            px[size_t(y) * w + x] = Imf::Rgba(v[0], v[1], v[2], v[3]);
+        }
+    Imf::RgbaOutputFile file(QFile::encodeName(path).constData(), w, h, Imf::WRITE_RGBA, 1,
+                             Imath::V2f(0, 0), 1, Imf::INCREASING_Y, Imf::ZIP_COMPRESSION);
+    file.setFrameBuffer(px.data(), 1, size_t(w));
+    file.writePixels(h);
+}
+
+inline float fromHalfBits(uint16_t bits) {
+    qfloat16 h;
+    std::memcpy(&h, &bits, 2);
+    return float(h);
+}
+
+// Unsigned small float of the packed B10G11R11 format.
+inline float fromSmallFloat(uint32_t bits, int mantissaBits) {
+    const uint32_t exponent = bits >> mantissaBits, mantissa = bits & ((1u << mantissaBits) - 1);
+    const float m = float(mantissa) / float(1u << mantissaBits);
+    if (exponent == 0) return std::ldexp(m, -14);
+    return std::ldexp(1.0f + m, int(exponent) - 15);
+}
+
+// Every texel of a shader-read-only texture as RGBA floats (alpha 1 for B10G11R11).
+inline std::vector<std::array<float, 4>> readTexture(VulkanContext &ctx, const GpuTexture &t) {
+    const size_t bpp = t.format == VK_FORMAT_R16G16B16A16_SFLOAT ? 8 : 4;
+    auto buffer = ctx.createHostBuffer(VkDeviceSize(t.width) * t.height * bpp, VK_BUFFER_USAGE_TRANSFER_DST_BIT);
+    ctx.runOnce([&](VkCommandBuffer cmd) {
+        transitionImage(cmd, t.image, VK_IMAGE_LAYOUT_SHADER_READ_ONLY_OPTIMAL, VK_IMAGE_LAYOUT_TRANSFER_SRC_OPTIMAL);
+        VkBufferImageCopy region{};
+        region.imageSubresource = {VK_IMAGE_ASPECT_COLOR_BIT, 0, 0, 1};
+        region.imageExtent = {t.width, t.height, 1};
+        vkCmdCopyImageToBuffer(cmd, t.image, VK_IMAGE_LAYOUT_TRANSFER_SRC_OPTIMAL, buffer->buffer, 1, &region);
+        transitionImage(cmd, t.image, VK_IMAGE_LAYOUT_TRANSFER_SRC_OPTIMAL, VK_IMAGE_LAYOUT_SHADER_READ_ONLY_OPTIMAL);
+    });
+    std::vector<std::array<float, 4>> out(size_t(t.width) * t.height);
+    for (size_t i = 0; i < out.size(); ++i) {
+        if (bpp == 8) {
+            const uint16_t *p = static_cast<const uint16_t *>(buffer->mapped) + i * 4;
+            out[i] = {fromHalfBits(p[0]), fromHalfBits(p[1]), fromHalfBits(p[2]), fromHalfBits(p[3])};
+        } else {
+            const uint32_t v = static_cast<const uint32_t *>(buffer->mapped)[i];
+            out[i] = {fromSmallFloat(v & 0x7ff, 6), fromSmallFloat((v >> 11) & 0x7ff, 6),
+                      fromSmallFloat((v >> 22) & 0x3ff, 5), 1.0f};
+        }
+    }
+    return out;
+}
+
+inline QString readLog() {
+    QFile f(Log::path());
+    f.open(QIODevice::ReadOnly);
+    return QString::fromUtf8(f.readAll());
 }
 
 }  // namespace rendertest

@@ -1,0 +1,193 @@
+#include "RenderTestSupport.h"
+
+#include "TestSupport.h"
+#include "core/ImageDecoder.h"
+#include "render/PresetMixes.h"
+
+#include <QRegularExpression>
+#include <gtest/gtest.h>
+
+using namespace rendertest;
+using namespace std::chrono_literals;
+
+namespace {
+
+const bool envReady = (useLavapipeAndPrivateLog(), true);
+
+class Mixes : public ::testing::Test {
+protected:
+    static void SetUpTestSuite() { renderer = SceneRenderer::create().release(); }
+    static void TearDownTestSuite() {
+        delete renderer;
+        renderer = nullptr;
+    }
+    void SetUp() override {
+        ASSERT_NE(renderer, nullptr);
+        ASSERT_TRUE(tmp.isValid());
+        dir = tmp.filePath("light");
+    }
+    MixBuilder &builder() { return *renderer->mixBuilder(); }
+    std::vector<std::array<float, 4>> pixels(const TextureRef &t) { return readTexture(*renderer->vulkan(), *t); }
+
+    static SceneRenderer *renderer;
+    QTemporaryDir tmp;
+    QString dir;
+};
+SceneRenderer *Mixes::renderer = nullptr;
+
+TEST_F(Mixes, WeightedPlatesAreSummed) {
+    writeExr(dir + "/room.exr", 8, 4, [](int x, int y) { return std::array<float, 4>{0.5f, 0.25f, 1.0f, 1}; });
+    writeExr(dir + "/lamp.exr", 8, 4, [](int x, int y) { return std::array<float, 4>{x * 0.125f, 0.0f, 0.5f, 1}; });
+    MixBuilder::Stats stats;
+    TextureRef t = builder().build({{"room", {1, 2, 0.5}, false}, {"lamp", {3, 3, 3}, false}}, dir, 8, 4,
+                                   VK_FORMAT_R16G16B16A16_SFLOAT, &stats);
+    EXPECT_EQ(stats.termsDrawn, 2);
+    EXPECT_EQ(stats.bands, 2);  // one band per plate
+    const auto px = pixels(t);
+    for (int x : {0, 3, 7}) {
+        const auto &p = px[size_t(2) * 8 + x];
+        EXPECT_NEAR(p[0], 0.5f + 3 * x * 0.125f, 0.01f) << x;
+        EXPECT_NEAR(p[1], 0.5f, 0.005f);
+        EXPECT_NEAR(p[2], 0.5f + 1.5f, 0.01f);
+        EXPECT_EQ(p[3], 0.0f);  // colour terms add nothing to alpha
+    }
+}
+
+TEST_F(Mixes, APlateOf257RowsIsDrawnInTwoBands) {
+    const int w = 4, h = 257;
+    writeExr(dir + "/tall.exr", w, h, [](int x, int y) { return std::array<float, 4>{y / 512.0f, 1, 0, 1}; });
+    MixBuilder::Stats stats;
+    TextureRef t = builder().build({{"tall", {1, 1, 1}, false}}, dir, w, h, VK_FORMAT_R16G16B16A16_SFLOAT, &stats);
+    EXPECT_EQ(stats.bands, 2);
+    const auto px = pixels(t);
+    for (int y : {0, 1, 128, 255, 256})
+        EXPECT_NEAR(px[size_t(y) * w + 1][0], y / 512.0f, 0.0005f) << "row " << y;
+}
+
+TEST_F(Mixes, AlphaTermsAddWeightedLuminance) {
+    writeExr(dir + "/x_spec.exr", 4, 4, [](int, int) { return std::array<float, 4>{0.2f, 0.2f, 0.2f, 1}; });
+    writeExr(dir + "/x_diffuse.exr", 4, 4, [](int, int) { return std::array<float, 4>{1.0f, 0.5f, 0.25f, 1}; });
+    TextureRef t = builder().build({{"x_spec", {2, 2, 2}, false}, {"x_diffuse", {1, 2, 4}, true}}, dir, 4, 4,
+                                   VK_FORMAT_R16G16B16A16_SFLOAT);
+    const auto p = pixels(t)[5];
+    EXPECT_NEAR(p[0], 0.4f, 0.002f);
+    EXPECT_NEAR(p[3], 0.2126f * 1.0f + 0.7152f * 1.0f + 0.0722f * 1.0f, 0.003f);
+}
+
+TEST_F(Mixes, LightFormatDropsAlphaAndKeepsColour) {
+    writeExr(dir + "/room.exr", 4, 4, [](int, int) { return std::array<float, 4>{0.75f, 2.0f, 0.125f, 0.5f}; });
+    TextureRef t = builder().build({{"room", {1, 1, 1}, false}}, dir, 4, 4, renderer->lightFormat());
+    EXPECT_EQ(t->format, renderer->lightFormat());
+    const auto p = pixels(t)[0];
+    EXPECT_NEAR(p[0], 0.75f, 0.01f);
+    EXPECT_NEAR(p[1], 2.0f, 0.02f);
+    EXPECT_NEAR(p[2], 0.125f, 0.005f);
+}
+
+TEST_F(Mixes, MissingPlatesAreSkippedUntilNoneIsLeft) {
+    writeExr(dir + "/room.exr", 4, 4, [](int, int) { return std::array<float, 4>{1, 1, 1, 1}; });
+    MixBuilder::Stats stats;
+    TextureRef t = builder().build({{"gone", {1, 1, 1}, false}, {"room", {0.5, 0.5, 0.5}, false}}, dir, 4, 4,
+                                   VK_FORMAT_R16G16B16A16_SFLOAT, &stats);
+    EXPECT_EQ(stats.termsDrawn, 1);
+    EXPECT_NEAR(pixels(t)[0][0], 0.5f, 0.002f);
+    EXPECT_TRUE(readLog().contains("Cena: sem light/gone.exr (parcela apagada)"));
+    try {
+        builder().build({{"gone", {1, 1, 1}, false}, {"also_gone", {1, 1, 1}, false}}, dir, 4, 4,
+                        VK_FORMAT_R16G16B16A16_SFLOAT);
+        FAIL() << "a recipe without plates built";
+    } catch (const ImageDecoder::Failure &e) {
+        EXPECT_EQ(e.description(), "nenhuma plate de luz em " + dir);
+    }
+}
+
+TEST_F(Mixes, AWrongSizedPlateFailsTheBuild) {
+    writeExr(dir + "/room.exr", 4, 3, [](int, int) { return std::array<float, 4>{1, 1, 1, 1}; });
+    try {
+        builder().build({{"room", {1, 1, 1}, false}}, dir, 8, 8, VK_FORMAT_R16G16B16A16_SFLOAT);
+        FAIL() << "a wrong-sized plate built";
+    } catch (const ImageDecoder::Failure &e) {
+        EXPECT_EQ(e.description(), QString::fromUtf8("room.exr tem 4×3, manifest diz 8×8"));
+    }
+}
+
+// Presets "dia", "noite", "tarde": one plate each, plus "vazio" whose plate does not exist.
+LightMixer lights() {
+    LightMixer m;
+    m.presets["dia"].recipe = {{"sun_a", {1, 1, 1}}};
+    m.presets["noite"].recipe = {{"lamp", {1, 1, 1}}};
+    m.presets["tarde"].recipe = {{"sun_a", {0.5, 0.5, 0.5}}, {"lamp", {0.5, 0.5, 0.5}}};
+    m.presets["vazio"].recipe = {{"nothing", {1, 1, 1}}};
+    return m;
+}
+
+TEST_F(Mixes, FamiliesBuildOneAtATimeInNameOrderAndEvict) {
+    writeExr(dir + "/sun_a.exr", 16, 8, [](int, int) { return std::array<float, 4>{1, 1, 1, 1}; });
+    writeExr(dir + "/lamp.exr", 16, 8, [](int, int) { return std::array<float, 4>{0, 0, 2, 1}; });
+    PresetMixes mixes("luz", renderer->mixBuilder(), dir, lights(), 16, 8, VK_FORMAT_R16G16B16A16_SFLOAT,
+                      PresetMixes::TermRule::asIs);
+    std::vector<QString> readyOrder;
+    mixes.onReady = [&](const QString &p) { readyOrder.push_back(p); };
+    mixes.ensure({"tarde", "noite", "dia", "unknown"});
+    ASSERT_TRUE(mixes.building().has_value());
+    EXPECT_EQ(*mixes.building(), "dia");
+    EXPECT_EQ(std::vector<QString>(mixes.queue().begin(), mixes.queue().end()),
+              (std::vector<QString>{"noite", "tarde"}));  // no recipe: never queued
+    mixes.ensure({"tarde", "noite", "dia", "unknown"});  // the same set changes nothing
+    EXPECT_EQ(mixes.queue().size(), 2u);
+    ASSERT_TRUE(testsupport::waitUntil([&] { return readyOrder.size() == 3; }, 120s));
+    EXPECT_EQ(readyOrder, (std::vector<QString>{"dia", "noite", "tarde"}));
+    EXPECT_NEAR(pixels(mixes.ready("tarde"))[0][2], 1.5f, 0.005f);  // 0.5 · 1 + 0.5 · 2
+    EXPECT_EQ(mixes.memoryBytes(), size_t(mixes.ready("dia")->allocatedSize) * 3);
+    EXPECT_TRUE(readLog().contains(QRegularExpression("Cena: luz noite montado em \\d+\\.\\d\\d s \\(0 MB em uso\\)")));
+
+    mixes.ensure({"noite"});
+    EXPECT_EQ(mixes.ready("dia"), nullptr);
+    EXPECT_NE(mixes.ready("noite"), nullptr);
+    EXPECT_FALSE(mixes.building().has_value());
+    EXPECT_TRUE(readLog().contains("Cena: luz dia descarregado (0 MB em uso)"));
+}
+
+TEST_F(Mixes, APresetDroppedWhileBuildingIsDiscardedAndTheNextStarts) {
+    writeExr(dir + "/sun_a.exr", 16, 8, [](int, int) { return std::array<float, 4>{1, 1, 1, 1}; });
+    writeExr(dir + "/lamp.exr", 16, 8, [](int, int) { return std::array<float, 4>{0, 0, 2, 1}; });
+    PresetMixes mixes("luz", renderer->mixBuilder(), dir, lights(), 16, 8, VK_FORMAT_R16G16B16A16_SFLOAT,
+                      PresetMixes::TermRule::asIs);
+    std::vector<QString> readyOrder;
+    mixes.onReady = [&](const QString &p) { readyOrder.push_back(p); };
+    mixes.ensure({"dia", "noite"});
+    ASSERT_EQ(mixes.building().value_or(""), "dia");
+    mixes.ensure({"noite"});
+    EXPECT_EQ(mixes.building().value_or(""), "dia");  // still in flight
+    ASSERT_TRUE(testsupport::waitUntil([&] { return !readyOrder.empty() && !mixes.building(); }, 120s));
+    EXPECT_EQ(readyOrder, std::vector<QString>{"noite"});
+    EXPECT_EQ(mixes.ready("dia"), nullptr);
+}
+
+TEST_F(Mixes, AFailedBuildIsReportedAndTheQueueGoesOn) {
+    writeExr(dir + "/lamp.exr", 16, 8, [](int, int) { return std::array<float, 4>{0, 0, 2, 1}; });
+    PresetMixes mixes("luz", renderer->mixBuilder(), dir, lights(), 16, 8, VK_FORMAT_R16G16B16A16_SFLOAT,
+                      PresetMixes::TermRule::asIs);
+    QStringList failures, ready;
+    mixes.onFailure = [&](const QString &e) { failures << e; };
+    mixes.onReady = [&](const QString &p) { ready << p; };
+    mixes.ensure({"noite", "vazio"});
+    ASSERT_TRUE(testsupport::waitUntil([&] { return failures.size() + ready.size() == 2; }, 120s));
+    EXPECT_EQ(ready, QStringList{"noite"});
+    EXPECT_EQ(failures, QStringList{"nenhuma plate de luz em " + dir});
+    EXPECT_TRUE(readLog().contains("Cena: luz vazio falhou: nenhuma plate de luz em " + dir));
+}
+
+TEST_F(Mixes, TheRecordFamilyPairsSpecularAndDiffusePasses) {
+    PresetMixes mixes("disco", renderer->mixBuilder(), tmp.filePath("record"), lights(), 4, 4,
+                      VK_FORMAT_R16G16B16A16_SFLOAT, PresetMixes::TermRule::recordPasses);
+    const auto &terms = mixes.recipes().at("tarde");
+    ASSERT_EQ(terms.size(), 4u);
+    EXPECT_EQ(terms[0].file, "sun_a_spec");
+    EXPECT_FALSE(terms[0].toAlpha);
+    EXPECT_EQ(terms[1].file, "sun_a_diffuse");
+    EXPECT_TRUE(terms[1].toAlpha);
+    EXPECT_EQ(terms[3].weight, (std::array<double, 3>{0.5, 0.5, 0.5}));
+}
+
+}  // namespace
