@@ -147,7 +147,7 @@ void FileDownload::dataReceived()
             }
             received += chunk.size();
         } else if (result.errorBody.size() < kErrorBodyLimit) {
-            result.errorBody += chunk;
+            result.errorBody += chunk.left(kErrorBodyLimit - result.errorBody.size());
         }
     }
     if (lastReport.elapsed() > kProgressIntervalMs) {

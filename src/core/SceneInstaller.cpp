@@ -205,6 +205,8 @@ SceneInstaller::SceneInstaller(Settings &settings, Options opts, QObject *parent
     network = std::make_unique<QNetworkAccessManager>();
     network->setCookieJar(nullptr);
     recover(rootPath);
+    // An empty "Scenes" gives the plates watcher a folder to watch before the first installation.
+    QDir().mkpath(scenesPath());
     refreshDownloadable();
 }
 

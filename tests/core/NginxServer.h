@@ -120,8 +120,8 @@ http {
         listen 127.0.0.1:%2;
         root %1/www;
         location = /v1/scenes/manifest { default_type application/json; }
-        location ~ ^/v1/scenes/slow- { limit_rate %3; }
-        location ~ ^/v1/scenes/noetag- { etag off; limit_rate %3; }
+        location ~ ^/v1/scenes/slow- { limit_rate %3; sendfile off; output_buffers 1 32k; }
+        location ~ ^/v1/scenes/noetag- { etag off; limit_rate %3; sendfile off; output_buffers 1 32k; }
         location ~ ^/v1/scenes/shifted-(.*)$ {
             proxy_pass http://127.0.0.1:%2/raw/shifted-$1;
             proxy_set_header Range "bytes=10-";
