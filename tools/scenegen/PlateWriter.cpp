@@ -1,4 +1,4 @@
-#include "SceneFiles.h"
+#include "PlateWriter.h"
 
 #include <QDir>
 #include <QFileInfo>
@@ -7,7 +7,7 @@
 #include <ImfHeader.h>
 #include <ImfRgbaFile.h>
 
-namespace SceneFiles {
+namespace PlateWriter {
 
 namespace {
 
@@ -90,4 +90,4 @@ void writeRgb(const QString &path, int width, int height, const std::vector<uint
         throw Error(("cannot write " + path).toStdString());
 }
 
-}  // namespace SceneFiles
+}  // namespace PlateWriter

@@ -9,9 +9,9 @@
 #include <ImfRgba.h>
 
 // Writers for the image files of a scene package. Every writer creates missing folders, throws
-// SceneFiles::Error with a message naming the file on failure, and produces the same bytes for the
+// PlateWriter::Error with a message naming the file on failure, and produces the same bytes for the
 // same pixels (no time stamps).
-namespace SceneFiles {
+namespace PlateWriter {
 
 struct Error : std::runtime_error {
     using std::runtime_error::runtime_error;
@@ -42,4 +42,4 @@ void writeGray(const QString &path, int width, int height, const std::vector<uin
 // 8-bit RGB PNG, three bytes per pixel.
 void writeRgb(const QString &path, int width, int height, const std::vector<uint8_t> &pixels);
 
-}  // namespace SceneFiles
+}  // namespace PlateWriter

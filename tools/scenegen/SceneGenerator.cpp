@@ -2,7 +2,7 @@
 
 #include "Room.h"
 #include "RoomCamera.h"
-#include "SceneFiles.h"
+#include "PlateWriter.h"
 
 #include <QDir>
 #include <QDirIterator>
@@ -135,7 +135,7 @@ QJsonObject presetsJson(const Room &room)
                       {"vignette", 0.18},
                       {"grain", 0.012},
                       {"record_light", recordLight(room, 0, {1.0, 0.9, 0.78})}};
-    QJsonObject dia{{"exposure", -0.35},
+    QJsonObject dia{{"exposure", -0.1},
                     {"exposure_by_scenario", QJsonObject{{"desk", 0.0}}},
                     {"sun_key", "noon"},
                     {"sun", 1.0},
@@ -154,11 +154,11 @@ QJsonObject presetsJson(const Room &room)
                       {"vignette", 0.2},
                       {"grain", 0.014},
                       {"record_light", recordLight(room, 2, {1.0, 0.68, 0.4})}};
-    QJsonObject noite{{"exposure", 0.7},
+    QJsonObject noite{{"exposure", 0.0},
                       {"exposure_by_scenario", QJsonObject{{"desk", 0.15}}},
                       {"sun", 0},
-                      {"lamp", arr({1.0, 0.8, 0.58})},
-                      {"room", 0.3},
+                      {"lamp", arr({0.8, 0.62, 0.45})},
+                      {"room", 0.2},
                       {"vignette", 0.26},
                       {"grain", 0.02},
                       {"record_light", recordLight(room, -1, {1.0, 0.82, 0.6})}};
@@ -317,9 +317,9 @@ struct Framing {
         const std::vector<Vec3> &previewWeights = weights.at("dia");
 
         const size_t count = plates.size();
-        std::vector<std::unique_ptr<SceneFiles::ExrStream>> streams;
+        std::vector<std::unique_ptr<PlateWriter::ExrStream>> streams;
         for (const QString &p : plates)
-            streams.push_back(std::make_unique<SceneFiles::ExrStream>(file("light/" + p + ".exr"), w, h, false));
+            streams.push_back(std::make_unique<PlateWriter::ExrStream>(file("light/" + p + ".exr"), w, h, false));
         std::vector<std::vector<Imf::Rgba>> spec(count), diffuse(count), bounce(count);
         for (size_t i = 0; i < count; ++i) {
             spec[i].assign(size_t(recordBox.w) * recordBox.h, toHalf({}, 1));
@@ -344,11 +344,11 @@ struct Framing {
         streams.clear();
         for (size_t i = 0; i < count; ++i) {
             if (!recordBox.empty()) {
-                SceneFiles::writeExr(file("record/" + plates[i] + "_spec.exr"), recordBox.w, recordBox.h, spec[i], false);
-                SceneFiles::writeExr(file("record/" + plates[i] + "_diffuse.exr"), recordBox.w, recordBox.h, diffuse[i], false);
+                PlateWriter::writeExr(file("record/" + plates[i] + "_spec.exr"), recordBox.w, recordBox.h, spec[i], false);
+                PlateWriter::writeExr(file("record/" + plates[i] + "_diffuse.exr"), recordBox.w, recordBox.h, diffuse[i], false);
             }
             if (!bounceBox.empty())
-                SceneFiles::writeExr(file("bounce/" + plates[i] + ".exr"), bounceBox.w, bounceBox.h, bounce[i], false);
+                PlateWriter::writeExr(file("bounce/" + plates[i] + ".exr"), bounceBox.w, bounceBox.h, bounce[i], false);
         }
     }
 
@@ -452,18 +452,18 @@ struct Framing {
 
     void writeMasks()
     {
-        SceneFiles::writeGray(file("masks/cover.png"), W(), H(), coverMask);
-        SceneFiles::writeGray(file("masks/label.png"), W(), H(), labelMask);
-        SceneFiles::writeGray(file("masks/record.png"), W(), H(), recordMask);
-        SceneFiles::writeRgb(file("masks/strobe.png"), W(), H(), strobeMap);
+        PlateWriter::writeGray(file("masks/cover.png"), W(), H(), coverMask);
+        PlateWriter::writeGray(file("masks/label.png"), W(), H(), labelMask);
+        PlateWriter::writeGray(file("masks/record.png"), W(), H(), recordMask);
+        PlateWriter::writeRgb(file("masks/strobe.png"), W(), H(), strobeMap);
         if (!coverage(glassMask, 1, 0).empty()) {
-            SceneFiles::writeGray(file("masks/glass.png"), W(), H(), glassMask);
+            PlateWriter::writeGray(file("masks/glass.png"), W(), H(), glassMask);
             if (!coverage(dustMask, 1, 0).empty())
-                SceneFiles::writeGray(file("masks/glass_dustcover.png"), W(), H(), dustMask);
+                PlateWriter::writeGray(file("masks/glass_dustcover.png"), W(), H(), dustMask);
         }
         stackBox = coverage(stackMap, 3, 2);
         if (!stackBox.empty())
-            SceneFiles::writeRgb(file("masks/stack_uv.png"), W(), H(), stackMap);
+            PlateWriter::writeRgb(file("masks/stack_uv.png"), W(), H(), stackMap);
     }
 
     // Colour of an arm surface under a preset's light (weights per plate, exposure included).
@@ -576,8 +576,8 @@ struct Framing {
                             shadow[idx] = toByte(kept / total);
                     }
                 });
-                SceneFiles::writeExr(file("tonearm/" + preset + "/arm_" + nn + ".exr"), aw, ah, arm, true);
-                SceneFiles::writeGray(file("tonearm/" + preset + "/shadow_" + nn + ".png"), aw, ah, shadow);
+                PlateWriter::writeExr(file("tonearm/" + preset + "/arm_" + nn + ".exr"), aw, ah, arm, true);
+                PlateWriter::writeGray(file("tonearm/" + preset + "/shadow_" + nn + ".png"), aw, ah, shadow);
                 if (wantPreview && preset == "dia" && n == 0)
                     overPreview(arm, armBox, shadow);
                 if (reflBox.empty())
@@ -601,7 +601,7 @@ struct Framing {
                         refl[size_t(j) * rw + i] = toHalf(c / 4, a / 4);
                     }
                 });
-                SceneFiles::writeExr(file("tonearm/" + preset + "/reflection_" + nn + ".exr"), rw, rh, refl, true);
+                PlateWriter::writeExr(file("tonearm/" + preset + "/reflection_" + nn + ".exr"), rw, rh, refl, true);
             }
         }
     }
@@ -651,7 +651,7 @@ struct Framing {
         frontBox = coverage(covered, 1, 0);
         if (frontBox.empty())
             return;
-        SceneFiles::writeExr(file("front/plant.exr"), w, h, px, true);
+        PlateWriter::writeExr(file("front/plant.exr"), w, h, px, true);
         if (wantPreview)
             overPreview(px, {0, 0, w, h}, {});
     }
@@ -677,7 +677,7 @@ struct Framing {
             const double v = std::max(0.0f, preview[i]);
             rgb[i] = toByte(std::pow(v / (1 + v), 1 / 2.2));
         }
-        SceneFiles::writeRgb(path, W(), H(), rgb);
+        PlateWriter::writeRgb(path, W(), H(), rgb);
     }
 
     QJsonArray corners(const std::vector<Vec3> &pts) const
@@ -826,7 +826,7 @@ SceneGenerator::Summary SceneGenerator::generate(const Options &options, const P
             framing.renderFront();
             if (framing.wantPreview)
                 framing.writePreview(options.preview);
-        } catch (const SceneFiles::Error &e) {
+        } catch (const PlateWriter::Error &e) {
             throw Error(e.what());
         }
         framings[name] = framing.json();

@@ -1,0 +1,362 @@
+#include "TestSupport.h"
+
+#include "core/ImageDecoder.h"
+#include "core/LightMixer.h"
+#include "core/PlateManifest.h"
+#include "core/SceneFiles.h"
+
+#include <ImfChannelList.h>
+#include <ImfHeader.h>
+#include <ImfInputFile.h>
+#include <QCryptographicHash>
+#include <QDirIterator>
+#include <QImage>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <gtest/gtest.h>
+
+#include <Imath/half.h>
+
+#include <cmath>
+#include <memory>
+
+using namespace testsupport;
+
+namespace {
+
+constexpr int plateW = 160, plateH = 90;
+
+ToolResult generate(const QString &out, const QStringList &extra = {})
+{
+    return runTool(builtTool("turnelo-gen-scene"),
+                   QStringList{"--out", out, "--width", QString::number(plateW), "--height",
+                               QString::number(plateH)} + extra,
+                   {}, 600000);
+}
+
+std::map<QString, QByteArray> hashes(const QString &root)
+{
+    std::map<QString, QByteArray> out;
+    QDirIterator it(root, QDir::Files, QDirIterator::Subdirectories);
+    while (it.hasNext()) {
+        const QString path = it.next();
+        out[QDir(root).relativeFilePath(path)] =
+            QCryptographicHash::hash(readFile(path), QCryptographicHash::Sha256).toHex();
+    }
+    return out;
+}
+
+std::array<double, 2> project(const PlateManifest::Framing &f, const std::array<double, 3> &w)
+{
+    const auto &P = f.camera.P;
+    double h[3];
+    for (int r = 0; r < 3; ++r)
+        h[r] = P[r][0] * w[0] + P[r][1] * w[1] + P[r][2] * w[2] + P[r][3];
+    return {h[0] / h[2], h[1] / h[2]};
+}
+
+bool inside(const std::array<double, 2> &p, double w, double h)
+{
+    return p[0] >= 0 && p[1] >= 0 && p[0] < w && p[1] < h;
+}
+
+bool inside(const std::array<double, 2> &p, const PlateManifest::Rect &r)
+{
+    return p[0] >= r[0] && p[1] >= r[1] && p[0] < r[0] + r[2] && p[1] < r[1] + r[3];
+}
+
+// Intersection of the quad's diagonals: where the centre of the square it images lies.
+std::array<double, 2> diagonalCross(const PlateManifest::Quad &q)
+{
+    const double x1 = q[0][0], y1 = q[0][1], x2 = q[2][0], y2 = q[2][1];
+    const double x3 = q[1][0], y3 = q[1][1], x4 = q[3][0], y4 = q[3][1];
+    const double d = (x1 - x2) * (y3 - y4) - (y1 - y2) * (x3 - x4);
+    const double a = x1 * y2 - y1 * x2, b = x3 * y4 - y3 * x4;
+    return {(a * (x3 - x4) - (x1 - x2) * b) / d, (a * (y3 - y4) - (y1 - y2) * b) / d};
+}
+
+struct ExrInfo {
+    int width = 0, height = 0;
+    bool zip = false, allHalf = false;
+    QStringList channels;
+};
+
+ExrInfo exrInfo(const QString &path)
+{
+    Imf::InputFile file(QFile::encodeName(path).constData());
+    const Imf::Header &h = file.header();
+    ExrInfo info;
+    const auto dw = h.dataWindow();
+    info.width = dw.max.x - dw.min.x + 1;
+    info.height = dw.max.y - dw.min.y + 1;
+    info.zip = h.compression() == Imf::ZIP_COMPRESSION;
+    info.allHalf = true;
+    for (auto c = h.channels().begin(); c != h.channels().end(); ++c) {
+        info.channels.append(QString::fromLatin1(c.name()));
+        info.allHalf = info.allHalf && c.channel().type == Imf::HALF;
+    }
+    return info;
+}
+
+float halfAt(const HalfImage &img, int64_t x, int64_t y, int channel)
+{
+    half h;
+    h.setBits(img.pixels[size_t((y * img.width + x) * 4 + channel)]);
+    return float(h);
+}
+
+// Mean luminance of a preset's light over the whole plate, summed from its recipe.
+double presetLuminance(const LightMixer &mixer, const QString &root, const QString &framing,
+                       const QString &preset)
+{
+    double sum = 0;
+    for (const auto &term : mixer.presets.at(preset).recipe) {
+        const HalfImage img = ImageDecoder::decodeEXR(root + "/" + SceneFiles::lightPlate(framing, term.plate));
+        for (int64_t y = 0; y < img.height; ++y)
+            for (int64_t x = 0; x < img.width; ++x)
+                sum += 0.2126 * term.weight[0] * halfAt(img, x, y, 0) +
+                       0.7152 * term.weight[1] * halfAt(img, x, y, 1) +
+                       0.0722 * term.weight[2] * halfAt(img, x, y, 2);
+    }
+    return sum / (plateW * plateH);
+}
+
+class GeneratedScene : public ::testing::Test {
+protected:
+    static void SetUpTestSuite()
+    {
+        dir = std::make_unique<QTemporaryDir>();
+        result = generate(dir->filePath("scene"), {"--framings", "wide,mid", "--seed", "7", "--preview",
+                                                   dir->filePath("preview.png")});
+    }
+    static void TearDownTestSuite() { dir.reset(); }
+
+    void SetUp() override
+    {
+        ASSERT_EQ(result.exitCode, 0) << result.err.constData();
+        manifest = PlateManifest::decode(readFile(root() + "/manifest.json"));
+    }
+
+    static QString root() { return dir->filePath("scene"); }
+
+    static inline std::unique_ptr<QTemporaryDir> dir;
+    static inline ToolResult result;
+    PlateManifest manifest;
+};
+
+}  // namespace
+
+TEST_F(GeneratedScene, ManifestDecodesWithEverySection)
+{
+    EXPECT_EQ(manifest.contract, 1);
+    EXPECT_EQ(manifest.presetOrder(), (QStringList{"manha", "dia", "tarde", "noite"}));
+    ASSERT_FALSE(manifest.sunKeys.isEmpty());
+    EXPECT_TRUE(manifest.view.has_value());
+    EXPECT_TRUE(manifest.tonemap.has_value());
+    EXPECT_TRUE(manifest.showcase.has_value());
+    ASSERT_TRUE(manifest.scenario.has_value());
+    EXPECT_EQ(manifest.clock.size(), 4u);
+    for (const auto &[name, preset] : manifest.presets) {
+        ASSERT_TRUE(preset.count("record_light")) << name.toStdString();
+        EXPECT_TRUE(preset.at("record_light").isNested()) << name.toStdString();
+        ASSERT_TRUE(preset.count("exposure_by_scenario")) << name.toStdString();
+        EXPECT_TRUE(preset.at("exposure_by_scenario").isObject()) << name.toStdString();
+    }
+    ASSERT_EQ(manifest.framings.size(), 2u);
+    for (const auto &[name, f] : manifest.framings) {
+        EXPECT_EQ(f.size[0], plateW);
+        EXPECT_EQ(f.size[1], plateH);
+        EXPECT_EQ(SceneFiles::sections(f), (QStringList{"tonearm", "front", "steam", "record", "bounce", "panel",
+                                                        "window", "stack"}))
+            << name.toStdString();
+    }
+    // The JSON on stdout summarises what was written.
+    const QJsonObject summary = QJsonDocument::fromJson(result.out).object();
+    EXPECT_EQ(summary["light_plates"].toInt(), 12);
+    EXPECT_EQ(summary["files"].toInt(), int(hashes(root()).size()));
+}
+
+TEST_F(GeneratedScene, EveryReferencedFileExistsWithItsSizeAndFormat)
+{
+    int exrs = 0;
+    for (const auto &[name, f] : manifest.framings) {
+        const QStringList files = SceneFiles::referenced(manifest, name);
+        ASSERT_GT(files.size(), 100) << name.toStdString();
+        for (const QString &rel : files) {
+            const QString path = root() + "/" + rel;
+            ASSERT_TRUE(QFileInfo::exists(path)) << rel.toStdString();
+            int w = int(f.size[0]), h = int(f.size[1]);
+            if (rel.contains("/record/")) {
+                w = int(f.record->bbox[2]);
+                h = int(f.record->bbox[3]);
+            } else if (rel.contains("/bounce/")) {
+                w = int(f.bounce->bbox[2]);
+                h = int(f.bounce->bbox[3]);
+            } else if (rel.contains("/reflection_")) {
+                w = int((*f.tonearm->reflectionBbox)[2]);
+                h = int((*f.tonearm->reflectionBbox)[3]);
+            } else if (rel.contains("/tonearm/")) {
+                w = int(f.tonearm->bbox[2]);
+                h = int(f.tonearm->bbox[3]);
+            }
+            if (rel.endsWith(".exr")) {
+                const ExrInfo info = exrInfo(path);
+                EXPECT_EQ(info.width, w) << rel.toStdString();
+                EXPECT_EQ(info.height, h) << rel.toStdString();
+                EXPECT_TRUE(info.zip) << rel.toStdString();
+                EXPECT_TRUE(info.allHalf) << rel.toStdString();
+                const bool sprite = rel.contains("/arm_") || rel.contains("/reflection_");
+                EXPECT_EQ(info.channels.contains("A"), sprite) << rel.toStdString();
+                ++exrs;
+            } else {
+                const QImage img(path);
+                ASSERT_FALSE(img.isNull()) << rel.toStdString();
+                EXPECT_EQ(img.size(), QSize(w, h)) << rel.toStdString();
+                const bool rgbMap = rel.endsWith("strobe.png") || rel.endsWith("stack_uv.png");
+                EXPECT_EQ(img.isGrayscale(), !rgbMap) << rel.toStdString();
+            }
+        }
+        // Front layers are found by folder, not by name.
+        const QDir front(root() + "/" + SceneFiles::frontDir(name));
+        const QStringList layers = front.entryList({"*.exr"}, QDir::Files);
+        ASSERT_FALSE(layers.isEmpty());
+        for (const QString &layer : layers) {
+            const ExrInfo info = exrInfo(front.filePath(layer));
+            EXPECT_EQ(info.width, plateW);
+            EXPECT_TRUE(info.channels.contains("A"));
+        }
+    }
+    EXPECT_GT(exrs, 200);
+    EXPECT_EQ(QImage(dir->filePath("preview.png")).size(), QSize(plateW, plateH));
+}
+
+TEST_F(GeneratedScene, GeometryProjectsOntoThePlate)
+{
+    for (const auto &[name, f] : manifest.framings) {
+        SCOPED_TRACE(name.toStdString());
+        const double w = f.size[0], h = f.size[1];
+        ASSERT_TRUE(f.record && f.panel && f.panel->led33 && f.panel->led45 && f.tonearm && f.steam);
+        // The spindle projects to the centre of the record's outline and onto the record mask.
+        const auto centre = project(f, f.record->centerWorld);
+        ASSERT_TRUE(inside(centre, w, h));
+        EXPECT_TRUE(inside(centre, f.record->bbox));
+        const auto cross = diagonalCross(f.record->corners);
+        EXPECT_NEAR(centre[0], cross[0], 0.05);
+        EXPECT_NEAR(centre[1], cross[1], 0.05);
+        const auto labelCross = diagonalCross(f.label.corners);
+        EXPECT_NEAR(centre[0], labelCross[0], 0.05);
+        const GrayImage recordMask = ImageDecoder::decodeGray(root() + "/" + SceneFiles::framingFile(name, f.record->mask));
+        EXPECT_GT(recordMask.pixels[size_t(int(centre[1]) * recordMask.width + int(centre[0]))], 0);
+        // Record plane and pivot.
+        ASSERT_TRUE(f.tonearm->planeZ.has_value());
+        EXPECT_DOUBLE_EQ(*f.tonearm->planeZ, f.record->centerWorld[2]);
+        EXPECT_DOUBLE_EQ(f.tonearm->pivot[2], f.record->centerWorld[2]);
+        EXPECT_TRUE(inside(project(f, f.tonearm->pivot), f.tonearm->bbox));
+        const double pivotDistance = std::hypot(f.tonearm->pivot[0] - f.record->centerWorld[0],
+                                                f.tonearm->pivot[1] - f.record->centerWorld[1]);
+        EXPECT_GT(pivotDistance, f.record->radiusMm);
+        EXPECT_LT(f.tonearm->yawRest, f.tonearm->yawLeadIn);
+        EXPECT_LT(f.tonearm->yawLeadIn, f.tonearm->yawRunOut);
+        EXPECT_LE(f.tonearm->yawSamples.front(), f.tonearm->yawRest);
+        EXPECT_GE(f.tonearm->yawSamples.back(), f.tonearm->yawRunOut);
+        EXPECT_TRUE(std::is_sorted(f.tonearm->yawSamples.begin(), f.tonearm->yawSamples.end()));
+        // LEDs, steam and the sleeve lie on the plate.
+        EXPECT_TRUE(inside(f.panel->led33->centerPx, w, h));
+        EXPECT_TRUE(inside(f.panel->led45->centerPx, w, h));
+        EXPECT_GT(f.panel->led33->radiusPx, 0);
+        EXPECT_TRUE(inside(f.steam->pointPx, w, h));
+    }
+}
+
+TEST_F(GeneratedScene, MasksAndSpritesHoldContent)
+{
+    for (const auto &[name, f] : manifest.framings) {
+        SCOPED_TRACE(name.toStdString());
+        auto gray = [&](const QString &file) {
+            return ImageDecoder::decodeGray(root() + "/" + SceneFiles::framingFile(name, file));
+        };
+        const GrayImage cover = gray(f.cover.mask), glass = gray(f.window->glassMask),
+                        dust = gray(*f.window->dustCoverMask);
+        const auto coverCrop = ImageDecoder::cropMask(cover);
+        ASSERT_TRUE(coverCrop.has_value());
+        // The sleeve's mask sits within its corners.
+        double minX = 1e9, maxX = -1e9;
+        for (const auto &c : f.cover.corners) {
+            minX = std::min(minX, c[0]);
+            maxX = std::max(maxX, c[0]);
+        }
+        EXPECT_GE(coverCrop->rect[0], std::floor(minX) - 2);
+        EXPECT_LE(coverCrop->rect[0] + coverCrop->rect[2], std::ceil(maxX) + 2);
+        ASSERT_TRUE(ImageDecoder::cropMask(glass).has_value());
+        // Glass seen through the dust cover is glass.
+        for (size_t i = 0; i < dust.pixels.size(); ++i)
+            if (dust.pixels[i] > 0)
+                ASSERT_GT(glass.pixels[i], 0) << i;
+        // The stack map covers exactly its rectangle.
+        const QImage stack(root() + "/" + SceneFiles::framingFile(name, f.stack->artUv));
+        int x0 = 1 << 20, x1 = -1;
+        for (int y = 0; y < stack.height(); ++y)
+            for (int x = 0; x < stack.width(); ++x)
+                if (qBlue(stack.pixel(x, y)) > 0) {
+                    x0 = std::min(x0, x);
+                    x1 = std::max(x1, x);
+                }
+        EXPECT_EQ(x0, int(f.stack->bbox[0]));
+        EXPECT_EQ(x1 + 1, int(f.stack->bbox[0] + f.stack->bbox[2]));
+        // Every arm sprite shows the arm; the day shadow darkens something at rest.
+        for (const QString &preset : manifest.presetOrder()) {
+            for (int i = 0; i < int(f.tonearm->yawSamples.size()); ++i) {
+                const QString rel = SceneFiles::tonearmSprite(name, preset, i, SceneFiles::SpriteKind::arm);
+                const HalfImage arm = ImageDecoder::decodeEXR(root() + "/" + rel);
+                EXPECT_TRUE(ImageDecoder::cropSprite(arm).has_value()) << rel.toStdString();
+            }
+        }
+        const GrayImage shadow = ImageDecoder::decodeGray(
+            root() + "/" + SceneFiles::tonearmSprite(name, "dia", 0, SceneFiles::SpriteKind::shadow));
+        EXPECT_TRUE(ImageDecoder::cropShadow(shadow).has_value());
+    }
+}
+
+TEST_F(GeneratedScene, NightIsDarkerThanDayAndTheRecipesNamePlatesThatExist)
+{
+    const LightMixer mixer(manifest);
+    for (const auto &[name, f] : manifest.framings) {
+        SCOPED_TRACE(name.toStdString());
+        const double day = presetLuminance(mixer, root(), name, "dia");
+        const double night = presetLuminance(mixer, root(), name, "noite");
+        EXPECT_GT(day, 0.02);
+        EXPECT_GT(night, 0.0);
+        EXPECT_GT(day, 1.5 * night) << "day " << day << ", night " << night;
+    }
+}
+
+TEST(SceneGenerator, SameOptionsGiveTheSameBytesAndTheSeedChangesThem)
+{
+    QTemporaryDir dir;
+    const QStringList opts{"--framings", "mid", "--seed", "3"};
+    ASSERT_EQ(generate(dir.filePath("a"), opts).exitCode, 0);
+    ASSERT_EQ(generate(dir.filePath("b"), opts).exitCode, 0);
+    const auto a = hashes(dir.filePath("a")), b = hashes(dir.filePath("b"));
+    ASSERT_GT(a.size(), 100u);
+    EXPECT_EQ(a, b);
+
+    ASSERT_EQ(generate(dir.filePath("c"), {"--framings", "mid", "--seed", "4"}).exitCode, 0);
+    const auto c = hashes(dir.filePath("c"));
+    ASSERT_EQ(c.size(), a.size());
+    EXPECT_NE(c.at("mid/light/view_dia.exr"), a.at("mid/light/view_dia.exr"));
+    EXPECT_EQ(c.at("manifest.json"), a.at("manifest.json"));
+}
+
+TEST(SceneGenerator, RejectsBadOptions)
+{
+    QTemporaryDir dir;
+    auto r = generate(dir.filePath("x"), {"--framings", "wide,balcony"});
+    EXPECT_EQ(r.exitCode, 1);
+    EXPECT_TRUE(r.err.contains("balcony")) << r.err.constData();
+    EXPECT_FALSE(QFileInfo::exists(dir.filePath("x/manifest.json")));
+
+    r = runTool(builtTool("turnelo-gen-scene"), {"--width", "100"});
+    EXPECT_EQ(r.exitCode, 2);
+    r = runTool(builtTool("turnelo-gen-scene"), {"--out", dir.filePath("y"), "--width", "wide"});
+    EXPECT_EQ(r.exitCode, 2);
+}
