@@ -617,6 +617,11 @@ struct Framing {
         static const Leaf leaves[] = {{0.05, 0.93, 0.20, 0.055, -0.9}, {0.12, 0.97, 0.22, 0.06, -0.35},
                                       {0.02, 0.80, 0.16, 0.05, -1.35}, {0.18, 0.99, 0.14, 0.045, 0.15},
                                       {0.09, 0.86, 0.15, 0.045, -0.7}};
+        double cosines[std::size(leaves)], sines[std::size(leaves)];
+        for (size_t l = 0; l < std::size(leaves); ++l) {
+            cosines[l] = std::cos(leaves[l].angle);
+            sines[l] = std::sin(leaves[l].angle);
+        }
         std::vector<Imf::Rgba> px(size_t(w) * h, toHalf({}, 0));
         std::vector<uint8_t> covered(size_t(w) * h, 0);
         parallelRows(0, h, [&](int y) {
@@ -626,10 +631,11 @@ struct Framing {
                 for (int k = 0; k < 4; ++k) {
                     // Plate coordinates in units of the plate height, so the plant scales with the plate.
                     const double u = (x + 0.25 + 0.5 * (k & 1)) / h, v = (y + 0.25 + 0.5 * (k >> 1)) / h;
-                    for (const Leaf &leaf : leaves) {
+                    for (size_t l = 0; l < std::size(leaves); ++l) {
+                        const Leaf &leaf = leaves[l];
                         const double dx = u - leaf.cx, dy = v - leaf.cy;
-                        const double along = dx * std::cos(leaf.angle) + dy * std::sin(leaf.angle);
-                        const double across = -dx * std::sin(leaf.angle) + dy * std::cos(leaf.angle);
+                        const double along = dx * cosines[l] + dy * sines[l];
+                        const double across = -dx * sines[l] + dy * cosines[l];
                         const double t = along / leaf.len;
                         if (t < -1 || t > 1)
                             continue;
