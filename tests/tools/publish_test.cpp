@@ -60,6 +60,38 @@ TEST(TurneloPublish, PackagesThatTheInstallerInstallsFromAPlainWebServer)
     EXPECT_TRUE(installer.downloadable().isEmpty());
 }
 
+TEST(TurneloPublish, GeneratedSceneArrivesWholeAndValid)
+{
+    QTemporaryDir tmp;
+    qputenv("XDG_STATE_HOME", (tmp.path() + "/state").toUtf8());
+    const QString scene = tmp.path() + "/generated";
+    auto r = runTool(builtTool("turnelo-gen-scene"), {"--out", scene, "--width", "96", "--height", "54"});
+    ASSERT_EQ(r.exitCode, 0) << r.err.toStdString();
+    NginxServer server;
+    r = runTool(builtTool("turnelo-publish"), {"--out", server.docRoot(), "--base", scene, "--id", "generated"});
+    ASSERT_EQ(r.exitCode, 0) << r.err.toStdString();
+    ASSERT_TRUE(server.start());
+
+    Settings settings(tmp.path() + "/settings.json");
+    settings.setValue("contentServiceURL", server.baseURL());
+    SceneInstaller::Options options;
+    options.root = tmp.path() + "/support";
+    options.schedule = [](std::chrono::seconds, std::function<void()>) { FAIL() << "unexpected retry"; };
+    SceneInstaller installer(settings, options);
+    installer.sync();
+    ASSERT_TRUE(testsupport::waitUntil([&] { return !installer.running(); }, 30s));
+    ASSERT_EQ(installer.phase().kind, SceneInstaller::Phase::ready);
+
+    const QString installed = options.root + "/Scenes";
+    const auto source = entriesOf(scene);
+    ASSERT_GT(source.size(), 10u);
+    for (const ZipEntry &e : source)
+        EXPECT_EQ(readFile(installed + "/" + e.name), e.data) << e.name.toStdString();
+    r = runTool(builtTool("turnelo-scene"), {"validate", installed});
+    ASSERT_EQ(r.exitCode, 0) << r.err.toStdString();
+    EXPECT_TRUE(r.out.contains("\"missing\":[]")) << r.out.toStdString();
+}
+
 TEST(TurneloPublish, RefusesAFolderWithoutAValidManifest)
 {
     QTemporaryDir tmp;
