@@ -75,7 +75,7 @@ public:
     QString scenesDir() const { return docRoot() + QStringLiteral("/v1/scenes"); }
     QString errorLog() const { return dir.path() + QStringLiteral("/error.log"); }
 
-    // One line per request: method uri status bytes range="…" ifrange="…" inm="…" ua="…".
+    // One line per request: method uri status bytes range="…" ifrange="…" inm="…" ua="…" ae="…".
     QStringList accessLines() const
     {
         QFile f(dir.path() + QStringLiteral("/access.log"));
@@ -106,7 +106,7 @@ pid %1/nginx.pid;
 error_log %1/error.log info;
 events { worker_connections 64; }
 http {
-    log_format probe '$request_method $request_uri $status $body_bytes_sent range="$http_range" ifrange="$http_if_range" inm="$http_if_none_match" ua="$http_user_agent"';
+    log_format probe '$request_method $request_uri $status $body_bytes_sent range="$http_range" ifrange="$http_if_range" inm="$http_if_none_match" ua="$http_user_agent" ae="$http_accept_encoding"';
     access_log %1/access.log probe;
     client_body_temp_path %1/tmp/body;
     proxy_temp_path %1/tmp/proxy;
