@@ -5,7 +5,7 @@
 #include <utility>
 #include <vector>
 
-struct Track;
+#include "core/PlayerState.h"
 
 // The groove bands of the side that plays: one band per track of the side, from the outer edge
 // inwards, each as wide as its track is long, 1.2 mm of smooth vinyl between tracks.

@@ -1,0 +1,190 @@
+#include "scene/OfflineRender.h"
+
+#include "core/CoverArt.h"
+#include "core/Log.h"
+#include "core/PlayerState.h"
+#include "core/RecordGrooves.h"
+#include "core/TonearmMotion.h"
+#include "render/TextureUpload.h"
+#include "scene/LoadedScene.h"
+
+#include <QCoreApplication>
+#include <QDir>
+#include <QElapsedTimer>
+#include <QFile>
+#include <QImage>
+#include <QPainter>
+#include <cmath>
+
+namespace OfflineRender {
+
+namespace {
+
+// Runs the event loop until `done` or the time limit.
+bool pump(const std::function<bool()> &done, int limitMs) {
+    QElapsedTimer timer;
+    timer.start();
+    while (!done()) {
+        if (timer.elapsed() > limitMs) return false;
+        QCoreApplication::processEvents(QEventLoop::AllEvents, 20);
+    }
+    return true;
+}
+
+std::set<QString> keysOf(const Blend &b) {
+    std::set<QString> s;
+    for (const auto &[k, w] : b) s.insert(k);
+    return s;
+}
+
+}  // namespace
+
+QString render(const Options &o) {
+    auto fail = [](const QString &why) {
+        Log::write(QStringLiteral("Cena: render falhou: ") + why);
+        return why;
+    };
+    QFile file(QDir(o.sceneDir).filePath("manifest.json"));
+    if (!file.open(QIODevice::ReadOnly)) return fail(QStringLiteral("sem manifest.json em ") + o.sceneDir);
+    PlateManifest manifest;
+    try {
+        manifest = PlateManifest::decode(file.readAll());
+    } catch (const std::exception &e) {
+        return fail(QStringLiteral("manifest inválido em ") + o.sceneDir + ": " + QString::fromUtf8(e.what()));
+    }
+    const QStringList framings = SceneAssembly::sortedFramings(manifest);
+    if (framings.isEmpty()) return fail(QStringLiteral("manifest sem enquadramentos"));
+    const QString framingName = o.framing.isEmpty() ? framings.first() : o.framing;
+
+    auto renderer = SceneRenderer::create();
+    if (!renderer) return fail(QStringLiteral("sem renderer Vulkan"));
+    auto loaded = SceneAssembly::load(*renderer, o.sceneDir, manifest, framingName);
+    if (auto *why = std::get_if<QString>(&loaded)) return fail(*why);
+    LoadedScene &scene = *std::get<std::unique_ptr<LoadedScene>>(loaded);
+
+    // Light.
+    Blend blend = o.preset ? Blend{{*o.preset, 1.0}} : scene.lights.clockBlend(o.localTime);
+    if (o.preset && !scene.lights.presets.count(*o.preset)) blend = scene.lights.clockBlend(o.localTime);
+    const std::set<QString> wanted = keysOf(blend);
+
+    // What plays.
+    std::optional<Track> track;
+    if (o.playing) {
+        Track t;
+        t.title = o.title;
+        t.artist = o.artist;
+        t.album = o.album;
+        t.duration = o.duration;
+        t.trackNumber = o.trackNumber;
+        t.trackCount = o.trackCount;
+        track = t;
+    }
+    SceneEffects &fx = *scene.effects;
+    SceneEffects::Switches sw;
+    sw.record = o.fxRecord;
+    sw.bounce = o.fxBounce;
+    sw.stack = o.fxStack;
+    sw.panel = o.fxPanel;
+    sw.weather = o.fxWeather;
+    fx.setSwitches(sw, false);
+    fx.setRain(o.rain);
+    if (scene.framing.record)
+        fx.setGrooves(RecordGrooves::forTrack(track, scene.framing.record->grooveOuterMm,
+                                              scene.framing.record->grooveInnerMm));
+
+    scene.mixes->ensure(wanted);
+    fx.ensure(wanted);
+    if (!pump([&] {
+            return !scene.mixes->building() && scene.mixes->queue().empty() && !fx.building();
+        }, 600000))
+        return fail(QStringLiteral("pré-mix não terminou"));
+    if (scene.missingMixes(blend).size() == wanted.size()) return fail(QStringLiteral("nenhum pré-mix de luz"));
+
+    // Cover art: the given image or the placeholder; the label is made from it.
+    auto vk = renderer->vulkan();
+    CoverArt art([vk](const QImage &rgba) -> CoverArt::Texture { return TextureUpload::art(*vk, rgba); });
+    QImage cover;
+    if (!o.coverImage.isEmpty()) {
+        cover = QImage(o.coverImage);
+        if (cover.isNull()) Log::write(QStringLiteral("Cena: capa ilegível: ") + o.coverImage);
+    }
+    art.set(cover, QImage(), o.mediaTime - 10);  // no fade
+    auto artTexture = std::static_pointer_cast<GpuTexture>(art.current().cover);
+    auto labelTexture = std::static_pointer_cast<GpuTexture>(art.current().label);
+    const CoverArt::Color mean = art.mean(o.mediaTime);
+    // The stack shows a cover played before: the placeholder stands in.
+    if (o.fxStack) {
+        const QImage previous = CoverArt::prepareCover(CoverArt::placeholderCover());
+        fx.setStackArt(TextureUpload::art(*vk, previous), CoverArt::luminance(CoverArt::meanLinear(previous)));
+    }
+
+    // Spin and arm at the media time: a record that plays has been spinning a while; the arm
+    // sits at its goal.
+    RecordSpin spin;
+    if (o.playing) spin.set(true, o.mediaTime - 60);
+    double goal = 0;
+    std::optional<TonearmMotion::Geometry> armGeo;
+    if (scene.framing.tonearm) {
+        const auto &ta = *scene.framing.tonearm;
+        TonearmMotion::Geometry g{ta.yawRest, ta.yawLeadIn, ta.yawRunOut, 0, 0};
+        std::optional<std::pair<double, double>> band;
+        const bool recordFx = o.fxRecord && scene.framing.record;
+        if (scene.framing.record) {
+            g.grooveOuter = scene.framing.record->grooveOuterMm;
+            g.grooveInner = scene.framing.record->grooveInnerMm;
+            const auto &gr = fx.currentGrooves();
+            if (gr.current >= 0 && gr.current < int(gr.bands.size()))
+                band = std::make_pair(gr.bands[size_t(gr.current)].outer, gr.bands[size_t(gr.current)].inner);
+        }
+        const double p = o.duration > 0 ? o.position / o.duration : 0;
+        goal = TonearmMotion::goal(g, o.playing, p, recordFx, band);
+        armGeo = g;
+    }
+    if (scene.sprites) scene.sprites->ensureNow(wanted, goal, goal);
+
+    // Uniforms for the whole screen.
+    const PlateGeometry::Mat3 fit = PlateGeometry::fitPlate(scene.plateSize[0], scene.plateSize[1], o.width, o.height);
+    SceneUniforms u;
+    SceneTextures t;
+    scene.fillStatic(u, t, fit, Float4{0, 0, 0, 0}, blend);
+    u.cover = {1, 0, 0, 0};
+    u.tone[1] = float(art.labelLuminance(o.mediaTime));
+    t.artNew = t.artOld = artTexture;
+    t.labelNew = t.labelOld = labelTexture;
+    fx.fill(u, t, blend, o.mediaTime, spin, o.playing, {mean.r, mean.g, mean.b}, 30, true);
+    if (scene.sprites && armGeo)
+        if (auto pose = scene.sprites->pose(goal, 0.0, blend)) pose->apply(u, t);
+
+    OffscreenTarget target(vk, uint32_t(o.width), uint32_t(o.height));
+    std::optional<OffscreenTarget> steamTarget;
+    std::optional<SceneRenderer::SteamPass> steamPass;
+    if (o.steam && scene.framing.steam) {
+        // The steam region: a column above the cup, sized to the plate.
+        const auto &pt = scene.framing.steam->pointPx;
+        const float w = scene.plateSize[0] * 0.06f, h = scene.plateSize[1] * 0.30f;
+        SteamUniforms s;
+        s.screenToPlate = u.screenToPlate;
+        s.plateSize = u.plateSize;
+        s.origin = {0, 0, 2, 0};
+        s.rect = {float(pt[0]) - w * 0.5f, float(pt[1]) - h, w, h};
+        s.params = {float(std::fmod(o.mediaTime, 3600.0)), 0.3f, 3600, 0};
+        s.mixWeights = u.mixWeights;
+        s.mixCount = u.mixCount;
+        steamTarget.emplace(vk, uint32_t((o.width + 1) / 2), uint32_t((o.height + 1) / 2));
+        steamPass = SceneRenderer::SteamPass{&*steamTarget, s};
+    }
+    renderer->draw(SceneRenderer::Pass{&target, u}, {}, steamPass, t);
+    renderer->waitIdle();
+    QImage image = target.readback().convertToFormat(QImage::Format_RGB32);
+    if (steamTarget) {
+        // The steam layer is premultiplied, at half resolution, over the room.
+        QImage steam = steamTarget->readback().convertToFormat(QImage::Format_ARGB32_Premultiplied);
+        QPainter painter(&image);
+        painter.setRenderHint(QPainter::SmoothPixmapTransform);
+        painter.drawImage(QRect(0, 0, o.width, o.height), steam);
+    }
+    if (!image.save(o.output, "PNG")) return fail(QStringLiteral("não gravei ") + o.output);
+    return {};
+}
+
+}  // namespace OfflineRender

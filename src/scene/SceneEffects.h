@@ -1,0 +1,84 @@
+#pragma once
+
+#include "core/LightMixer.h"
+#include "core/PlateManifest.h"
+#include "core/RecordGrooves.h"
+#include "render/PresetMixes.h"
+#include "render/SceneRenderer.h"
+#include "scene/PlateGeometry.h"
+
+#include <QObject>
+#include <array>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <set>
+
+// Fills, each frame, the uniform groups of the live record, the cover bounce, the record stack,
+// the speed LEDs and strobe, the rain and the dust cover, from the framing's manifest entry, the
+// blend, the spin and the effect switches. Holds the record-pass ("disco") and bounce
+// ("rebatimento") pre-mix families. A missing pass or mask switches its effect off with a log
+// line; nothing here fails a frame. Main thread.
+class SceneEffects : public QObject {
+    Q_OBJECT
+public:
+    struct Switches {
+        bool record = true;   // "fxRecord"
+        bool bounce = true;   // "fxBounce"
+        bool stack = true;    // "fxStack"
+        bool panel = true;    // "fxPanel"
+        bool weather = true;  // "fxWeather"; forced off by the battery saver
+    };
+    struct RecordLight {
+        double azimuthDeg = 0, elevationDeg = 45;
+        std::array<double, 3> color{1, 1, 1};
+    };
+
+    // `framingDir`: the framing's folder. `onPresetReady` fires when a family finishes a preset.
+    SceneEffects(const PlateManifest &manifest, const QString &framingName, const QString &framingDir,
+                 const LightMixer &lights, SceneRenderer &renderer, std::function<void(const QString &)> onPresetReady,
+                 QObject *parent = nullptr);
+    ~SceneEffects() override;
+
+    void setSwitches(const Switches &s, bool batterySaver);
+    const Switches &switches() const { return on; }
+    // Rain intensity 0…1 of the current weather; 0 = dry.
+    void setRain(double intensity) { rainIntensity = intensity; }
+    void setStackArt(TextureRef art, double luminance);
+    void setGrooves(const RecordGrooves &g) { grooves = g; }
+    const RecordGrooves &currentGrooves() const { return grooves; }
+    bool hasRecord() const { return framing.record.has_value(); }
+    // Asks the families for the presets' passes.
+    void ensure(const std::set<QString> &presets);
+    bool building() const;
+
+    // Fills the effect groups of `u` and their texture slots in `t`.
+    void fill(SceneUniforms &u, SceneTextures &t, const Blend &blend, double mediaTime, const RecordSpin &spin,
+              bool playing, const std::array<double, 3> &artMean, int fps, bool motionBlur);
+
+    size_t memoryBytes() const;
+
+private:
+    void logApproximate(const QString &reason);
+    std::optional<std::pair<TextureRef, Float4>> loadMask(const QString &file, const char *what) const;
+
+    PlateManifest::Framing framing;
+    QString framingDir;
+    SceneRenderer &renderer;
+    Switches on;
+    bool saver = false;
+    std::map<QString, RecordLight> recordLights;
+    std::unique_ptr<PresetMixes> recordMixes;
+    std::unique_ptr<PresetMixes> bounceMixes;
+    bool passesFailed = false;
+    bool bounceFailed = false;
+    std::optional<PlateGeometry::Mat3> recordInv;
+    std::array<float, 2> labelCentreUv{};
+    RecordGrooves grooves;
+    std::optional<std::pair<TextureRef, Float4>> recordMask, strobeMap, glass, dustCover, stackUV;
+    TextureRef stackArt;
+    double stackLuminance = 0;
+    double ledLevel = 0;
+    std::optional<double> ledTime;
+    double rainIntensity = 0;
+};

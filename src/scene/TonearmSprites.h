@@ -1,0 +1,82 @@
+#pragma once
+
+#include "core/LightMixer.h"
+#include "core/PlateManifest.h"
+#include "render/SceneTextures.h"
+#include "render/SceneUniforms.h"
+#include "render/VulkanContext.h"
+#include "scene/PlateGeometry.h"
+
+#include <QFuture>
+#include <QObject>
+#include <QString>
+#include <functional>
+#include <map>
+#include <optional>
+#include <set>
+#include <utility>
+#include <vector>
+
+// The tonearm's pre-rendered sprites per (preset, yaw sample), loaded on demand, and the pose
+// that picks and warps up to four of them for a yaw and lift. Main thread; decoding runs on
+// worker threads and results are stored back on the main thread.
+class TonearmSprites : public QObject {
+    Q_OBJECT
+public:
+    struct Frame {
+        TextureRef texture;
+        Float4 rect{};  // in the sample's own plate pixels
+        TextureRef shadow;
+        Float4 shadowRect{};
+        TextureRef reflection;
+        Float4 reflectionRect{};  // plate pixels
+        size_t bytes() const;
+    };
+    using Key = std::pair<QString, int>;  // (preset, index into yawSamples)
+    struct Slot {
+        const Frame *frame = nullptr;
+        float weight = 0;
+        int warp = 0;
+    };
+    struct Pose {
+        std::vector<Slot> slotList;  // at most four: slotList 0, 1 use warp 0; 2, 3 warp 1
+        std::array<Float3x3, 2> warps{Float3x3::identity(), Float3x3::identity()};
+        float weight = 0;  // sum of the slot weights
+        // Writes armInv, armRects, shadowRects, reflRects, armWeights, armCount and the slotList'
+        // textures.
+        void apply(SceneUniforms &u, SceneTextures &t) const;
+    };
+
+    // `dir`: the framing's "tonearm" folder.
+    TonearmSprites(PlateManifest::Tonearm info, PlateManifest::Camera camera, std::shared_ptr<VulkanContext> context,
+                   QString dir, QObject *parent = nullptr);
+    ~TonearmSprites() override;
+
+    std::pair<int, double> neighbors(double yaw) const;
+    // Starts loading the samples around `yaw` and `goal` for the presets; returns at once.
+    void ensure(const std::set<QString> &presets, double yaw, double goal);
+    // The same, decoding on this thread (offline rendering, tests).
+    void ensureNow(const std::set<QString> &presets, double yaw, double goal);
+    // None while no sprite of the blend is loaded.
+    std::optional<Pose> pose(double yaw, double liftDegrees, const Blend &blend) const;
+    size_t memoryBytes() const;
+    bool isLoading() const { return !loading.empty(); }
+
+    const PlateManifest::Tonearm info;
+    std::function<void()> onLoaded;
+
+private:
+    std::set<Key> keysFor(const std::set<QString> &presets, double yaw, double goal) const;
+    std::optional<Frame> load(const Key &key) const;  // any thread
+    const Frame *frameNear(const QString &preset, int index) const;
+    // Plate pixel → sprite source of sample `index`, for the arm at (yaw, lift).
+    Float3x3 warp(int index, double yaw, double liftDegrees) const;
+
+    PlateManifest::Camera camera;
+    std::shared_ptr<VulkanContext> context;
+    QString dir;
+    std::map<Key, std::optional<Frame>> cache;
+    std::set<Key> loading;
+    std::vector<QFuture<void>> work;
+    PlateGeometry::Vec3 pivot{}, planeOrigin{}, yawAxis{}, liftAxis{}, e1{}, e2{};
+};
