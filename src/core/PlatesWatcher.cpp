@@ -43,12 +43,25 @@ void PlatesWatcher::start(const QString &root)
     manifestDate = modificationDate(manifest);
     debounce.setSingleShot(true);
     connect(&debounce, &QTimer::timeout, this, &PlatesWatcher::settle);
+    this->root = root;
     sources = new QFileSystemWatcher(this);
-    // A missing root or manifest yields no watch and no error.
-    sources->addPath(root);
+    watchRoot();
     watchManifest();
     connect(sources, &QFileSystemWatcher::directoryChanged, this, &PlatesWatcher::changed);
     connect(sources, &QFileSystemWatcher::fileChanged, this, &PlatesWatcher::changed);
+}
+
+void PlatesWatcher::watchRoot()
+{
+    // An installer swaps the whole root by renames, which carries an inotify watch away with
+    // the old folder; a root that does not exist yet is watched through its parent.
+    const QString parent = QFileInfo(root).absolutePath();
+    if (QFileInfo::exists(root)) {
+        if (!sources->directories().contains(root))
+            sources->addPath(root);
+    } else if (QFileInfo::exists(parent) && !sources->directories().contains(parent)) {
+        sources->addPath(parent);
+    }
 }
 
 void PlatesWatcher::watchManifest()
@@ -77,6 +90,7 @@ void PlatesWatcher::settle()
 {
     if (!sources)
         return;
+    watchRoot();
     watchManifest();
     const auto now = modificationDate(manifest);
     if (now == manifestDate)

@@ -140,3 +140,25 @@ TEST(PlatesWatcher, AtomicReplacementsAreNoticedEachTime)
     spin(500ms);
     EXPECT_EQ(calls, 4);
 }
+
+TEST(PlatesWatcher, WholeRootSwappedByRenamesTwiceAndAFirstInstall)
+{
+    QTemporaryDir support;
+    const QString root = support.filePath("Scenes");
+    int calls = 0;
+    PlatesWatcher watcher(root, [&] { ++calls; }, 200);  // nothing installed yet
+
+    const auto install = [&](int round) {
+        const QString incoming = support.filePath("Scenes.incoming");
+        writeFile(incoming + "/manifest.json", minimalManifest());
+        setModified(incoming + "/manifest.json", 10 * round);
+        QDir(support.filePath("Scenes.old")).removeRecursively();
+        if (QFileInfo::exists(root))
+            ASSERT_TRUE(QDir().rename(root, support.filePath("Scenes.old")));
+        ASSERT_TRUE(QDir().rename(incoming, root));
+    };
+    for (int round = 1; round <= 3; ++round) {
+        install(round);
+        EXPECT_TRUE(waitUntil([&] { return calls == round; }, 3s)) << "install " << round;
+    }
+}
