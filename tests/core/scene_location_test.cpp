@@ -141,24 +141,40 @@ TEST(PlatesWatcher, AtomicReplacementsAreNoticedEachTime)
     EXPECT_EQ(calls, 4);
 }
 
-TEST(PlatesWatcher, WholeRootSwappedByRenamesTwiceAndAFirstInstall)
+namespace {
+
+// The installer's swap: the new scene comes in beside the old one and two renames exchange them.
+void installByRenames(const QString &support, int round)
+{
+    const QString root = support + "/Scenes";
+    const QString incoming = support + "/Scenes.incoming";
+    writeFile(incoming + "/manifest.json", minimalManifest());
+    setModified(incoming + "/manifest.json", 10 * round);
+    QDir(support + "/Scenes.old").removeRecursively();
+    if (QFileInfo::exists(root))
+        ASSERT_TRUE(QDir().rename(root, support + "/Scenes.old"));
+    ASSERT_TRUE(QDir().rename(incoming, root));
+}
+
+}  // namespace
+
+TEST(PlatesWatcher, FirstInstallIntoAMissingRootIsNoticed)
 {
     QTemporaryDir support;
-    const QString root = support.filePath("Scenes");
     int calls = 0;
-    PlatesWatcher watcher(root, [&] { ++calls; }, 200);  // nothing installed yet
+    PlatesWatcher watcher(support.filePath("Scenes"), [&] { ++calls; }, 200);
+    installByRenames(support.path(), 1);
+    EXPECT_TRUE(waitUntil([&] { return calls == 1; }, 3s));
+}
 
-    const auto install = [&](int round) {
-        const QString incoming = support.filePath("Scenes.incoming");
-        writeFile(incoming + "/manifest.json", minimalManifest());
-        setModified(incoming + "/manifest.json", 10 * round);
-        QDir(support.filePath("Scenes.old")).removeRecursively();
-        if (QFileInfo::exists(root))
-            ASSERT_TRUE(QDir().rename(root, support.filePath("Scenes.old")));
-        ASSERT_TRUE(QDir().rename(incoming, root));
-    };
-    for (int round = 1; round <= 3; ++round) {
-        install(round);
-        EXPECT_TRUE(waitUntil([&] { return calls == round; }, 3s)) << "install " << round;
+TEST(PlatesWatcher, RootSwappedByRenamesIsNoticedEveryTime)
+{
+    QTemporaryDir support;
+    installByRenames(support.path(), 1);
+    int calls = 0;
+    PlatesWatcher watcher(support.filePath("Scenes"), [&] { ++calls; }, 200);
+    for (int round = 2; round <= 4; ++round) {
+        installByRenames(support.path(), round);
+        EXPECT_TRUE(waitUntil([&] { return calls == round - 1; }, 3s)) << "install " << round;
     }
 }
