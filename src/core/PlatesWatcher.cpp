@@ -53,15 +53,12 @@ void PlatesWatcher::start(const QString &root)
 
 void PlatesWatcher::watchRoot()
 {
-    // An installer swaps the whole root by renames, which carries an inotify watch away with
-    // the old folder; a root that does not exist yet is watched through its parent.
-    const QString parent = QFileInfo(root).absolutePath();
-    if (QFileInfo::exists(root)) {
-        if (!sources->directories().contains(root))
-            sources->addPath(root);
-    } else if (QFileInfo::exists(parent) && !sources->directories().contains(parent)) {
-        sources->addPath(parent);
-    }
+    // An installer swaps the whole root by renames, which a watch on the root itself does not
+    // see (and which carries that watch away with the old folder); the parent sees both the
+    // swap and a first installation into a root that does not exist yet.
+    for (const QString &dir : {QFileInfo(root).absolutePath(), root})
+        if (QFileInfo(dir).isDir() && !sources->directories().contains(dir))
+            sources->addPath(dir);
 }
 
 void PlatesWatcher::watchManifest()

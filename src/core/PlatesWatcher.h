@@ -12,8 +12,8 @@ class QFileSystemWatcher;
 // Watches the scene root and its manifest, and calls `onSettled` once a copy or an unpack has
 // been quiet for the debounce interval and the manifest's modification date has changed
 // (appeared, vanished or moved). The root is fixed at creation: the resolved scene folder, or
-// the installed root when nothing resolves, so a first installation is noticed (a root that does
-// not exist yet is watched through its parent folder).
+// the installed root when nothing resolves, so a first installation is noticed. The root's parent
+// is watched too, so a root replaced by renames is noticed as well.
 // Main thread only; destroying or stop() cancels everything and no callback follows.
 class PlatesWatcher : public QObject {
     Q_OBJECT
