@@ -166,10 +166,10 @@ int main(int argc, char **argv)
         if (parser.isSet(minVersion))
             b.minAppVersion = parser.value(minVersion);
         catalog.scenes.append(b);
-        for (const QString &spec : parser.values(framing)) {
-            const QString name = spec.section(QLatin1Char('='), 0, 0), folder = spec.section(QLatin1Char('='), 1);
+        for (const QString &entry : parser.values(framing)) {
+            const QString name = entry.section(QLatin1Char('='), 0, 0), folder = entry.section(QLatin1Char('='), 1);
             if (!SceneCatalog::isSafeName(name) || folder.isEmpty())
-                throw Failure(QStringLiteral("bad --framing %1 (want NAME=FOLDER)").arg(spec));
+                throw Failure(QStringLiteral("bad --framing %1 (want NAME=FOLDER)").arg(entry));
             SceneCatalog::Entry f = publish(folder, name + QLatin1Char('/'), packageId + QLatin1Char('-') + name, scenesDir, stored);
             f.id = packageId + QLatin1Char('-') + name;
             f.title = b.title;

@@ -19,9 +19,9 @@ std::optional<qint64> contentRangeStart(const QByteArray &value)
 {
     if (value.isEmpty())
         return std::nullopt;
-    const QByteArray spec = value.mid(value.lastIndexOf(' ') + 1);
+    const QByteArray range = value.mid(value.lastIndexOf(' ') + 1);
     bool ok = false;
-    const qint64 start = spec.split('-').value(0).toLongLong(&ok, 10);
+    const qint64 start = range.split('-').value(0).toLongLong(&ok, 10);
     return ok ? std::optional<qint64>(start) : std::nullopt;
 }
 

@@ -320,9 +320,9 @@ struct Framing {
         std::vector<std::unique_ptr<PlateWriter::ExrStream>> streams;
         for (const QString &p : plates)
             streams.push_back(std::make_unique<PlateWriter::ExrStream>(file("light/" + p + ".exr"), w, h, false));
-        std::vector<std::vector<Imf::Rgba>> spec(count), diffuse(count), bounce(count);
+        std::vector<std::vector<Imf::Rgba>> specular(count), diffuse(count), bounce(count);
         for (size_t i = 0; i < count; ++i) {
-            spec[i].assign(size_t(recordBox.w) * recordBox.h, toHalf({}, 1));
+            specular[i].assign(size_t(recordBox.w) * recordBox.h, toHalf({}, 1));
             diffuse[i].assign(size_t(recordBox.w) * recordBox.h, toHalf({}, 1));
             bounce[i].assign(size_t(bounceBox.w) * bounceBox.h, toHalf({}, 1));
         }
@@ -332,7 +332,7 @@ struct Framing {
         int reported = 0;
         for (int y0 = 0; y0 < h; y0 += band) {
             const int y1 = std::min(h, y0 + band);
-            parallelRows(y0, y1, [&](int y) { renderRow(y, y0, rows, spec, diffuse, bounce, previewWeights); });
+            parallelRows(y0, y1, [&](int y) { renderRow(y, y0, rows, specular, diffuse, bounce, previewWeights); });
             for (size_t i = 0; i < count; ++i)
                 streams[i]->writeRows(rows[i].data(), y1 - y0);
             const int percent = 100 * y1 / h;
@@ -344,7 +344,7 @@ struct Framing {
         streams.clear();
         for (size_t i = 0; i < count; ++i) {
             if (!recordBox.empty()) {
-                PlateWriter::writeExr(file("record/" + plates[i] + "_spec.exr"), recordBox.w, recordBox.h, spec[i], false);
+                PlateWriter::writeExr(file("record/" + plates[i] + "_spec.exr"), recordBox.w, recordBox.h, specular[i], false);
                 PlateWriter::writeExr(file("record/" + plates[i] + "_diffuse.exr"), recordBox.w, recordBox.h, diffuse[i], false);
             }
             if (!bounceBox.empty())
@@ -353,7 +353,7 @@ struct Framing {
     }
 
     void renderRow(int y, int y0, std::vector<std::vector<Imf::Rgba>> &rows,
-                   std::vector<std::vector<Imf::Rgba>> &spec, std::vector<std::vector<Imf::Rgba>> &diffuse,
+                   std::vector<std::vector<Imf::Rgba>> &specular, std::vector<std::vector<Imf::Rgba>> &diffuse,
                    std::vector<std::vector<Imf::Rgba>> &bounce, const std::vector<Vec3> &previewWeights)
     {
         const int w = W();
@@ -380,7 +380,7 @@ struct Framing {
                     Vec3 e = room.irradiance(lights[i], s.p, s.n, jitter) + room.sleeveRadiance(lights[i]) * f.sleeve;
                     const size_t k = size_t(y - recordBox.y) * recordBox.w + (x - recordBox.x);
                     diffuse[i][k] = toHalf(e);
-                    spec[i][k] = toHalf(room.glossy(lights[i], s.p, r, 60) * 0.05);
+                    specular[i][k] = toHalf(room.glossy(lights[i], s.p, r, 60) * 0.05);
                 }
                 if (inBounce && s.part != Room::Part::sleeve) {
                     const size_t k = size_t(y - bounceBox.y) * bounceBox.w + (x - bounceBox.x);
