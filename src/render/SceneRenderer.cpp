@@ -63,8 +63,10 @@ void SceneRenderer::build(const ShaderLibrary &shaders) {
     const float aniso = context->properties.limits.maxSamplerAnisotropy >= 4.0f ? 4.0f : 1.0f;
     VkPhysicalDeviceFeatures features{};
     vkGetPhysicalDeviceFeatures(context->physical, &features);
+    // The software device's anisotropic path stalls on large targets; it gets trilinear only.
+    const bool software = context->properties.deviceType == VK_PHYSICAL_DEVICE_TYPE_CPU;
     art = makeSampler(device, VK_FILTER_LINEAR, VK_SAMPLER_ADDRESS_MODE_CLAMP_TO_EDGE, true,
-                      features.samplerAnisotropy ? aniso : 1.0f);
+                      features.samplerAnisotropy && !software ? aniso : 1.0f);
     sprite = makeSampler(device, VK_FILTER_LINEAR, VK_SAMPLER_ADDRESS_MODE_CLAMP_TO_BORDER, false, 1.0f);
 
     // Composite and steam share one set layout: the uniform block, three samplers, 34 frameSlots.

@@ -1,0 +1,194 @@
+#include "../render/RenderTestSupport.h"
+
+#include "TestSupport.h"
+#include "scene/LoadedScene.h"
+#include "scene/OfflineRender.h"
+#include "scene/PlateGeometry.h"
+
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <gtest/gtest.h>
+
+using namespace rendertest;
+using namespace std::chrono_literals;
+
+namespace {
+
+const bool envReady = (useLavapipeAndPrivateLog(), true);
+
+TEST(PlateGeometry, QuadMapsOntoArtAndDisc) {
+    const PlateManifest::Quad q{{{10, 20}, {110, 25}, {105, 90}, {12, 80}}};
+    const auto art = PlateGeometry::artFromPlate(q);
+    const auto disc = PlateGeometry::discFromPlate(q);
+    ASSERT_TRUE(art && disc);
+    const std::array<std::array<double, 2>, 4> st{{{0, 0}, {1, 0}, {1, 1}, {0, 1}}};
+    const std::array<std::array<double, 2>, 4> d{{{-1, 1}, {1, 1}, {1, -1}, {-1, -1}}};
+    for (int i = 0; i < 4; ++i) {
+        const auto a = PlateGeometry::apply(*art, q[i]);
+        const auto b = PlateGeometry::apply(*disc, q[i]);
+        EXPECT_NEAR(a[0], st[i][0], 1e-9);
+        EXPECT_NEAR(a[1], st[i][1], 1e-9);
+        EXPECT_NEAR(b[0], d[i][0], 1e-9);
+        EXPECT_NEAR(b[1], d[i][1], 1e-9);
+    }
+}
+
+TEST(PlateGeometry, ThePlateFillsTheScreenCentred) {
+    // A 1600×900 plate on a 1000×1000 screen: scaled to 1000 high, 1777.8 wide, cropped left and right.
+    const auto m = PlateGeometry::fitPlate(1600, 900, 1000, 1000);
+    const auto centre = PlateGeometry::apply(m, {500, 500});
+    EXPECT_NEAR(centre[0], 800, 1e-9);
+    EXPECT_NEAR(centre[1], 450, 1e-9);
+    EXPECT_NEAR(PlateGeometry::apply(m, {500, 0})[1], 0, 1e-9);
+    EXPECT_NEAR(PlateGeometry::apply(m, {500, 1000})[1], 900, 1e-9);
+}
+
+// A tiny scene written by the test: 64×48 plates, one preset per light, a record, a tonearm
+// whose sprites are missing, a panel with one LED.
+class SmallScene : public ::testing::Test {
+protected:
+    void SetUp() override {
+        ASSERT_TRUE(root.isValid());
+        dir = root.filePath("wide");
+        writeExr(dir + "/light/room.exr", 64, 48, [](int, int) { return std::array<float, 4>{0.2f, 0.2f, 0.2f, 1}; });
+        writeExr(dir + "/light/lamp.exr", 64, 48, [](int x, int) { return std::array<float, 4>{x / 64.0f, 0.1f, 0, 1}; });
+        QImage mask(64, 48, QImage::Format_Grayscale8);
+        mask.fill(0);
+        for (int y = 10; y < 20; ++y)
+            for (int x = 5; x < 15; ++x) mask.setPixel(x, y, qRgb(255, 255, 255));
+        QDir().mkpath(dir + "/masks");
+        mask.save(dir + "/masks/cover.png");
+        mask.save(dir + "/masks/label.png");
+    }
+    QJsonObject manifestJson() {
+        const QByteArray json = R"({
+          "contract": 1, "sun_keys": ["noon"], "groups": ["room", "lamp"],
+          "tonemap": {"contrast": 1.0, "gamma": 1.0, "offset": 0.0},
+          "presets": {"dia": {"room": 1}, "noite": {"room": 0.2, "lamp": [1, 1, 1]}},
+          "clock": [["08:00", "dia"], ["20:00", "noite"]],
+          "framings": {"wide": {
+            "size": [64, 48],
+            "camera": {"P": [[1, 0, 0, 32], [0, -1, 0, 24], [0, 0, 0, 1]]},
+            "cover": {"corners": [[5, 10], [15, 10], [15, 20], [5, 20]], "mask": "masks/cover.png"},
+            "label": {"corners": [[40, 20], [50, 20], [50, 30], [40, 30]], "mask": "masks/label.png"},
+            "record": {"corners": [[30, 10], [60, 10], [60, 40], [30, 40]], "center_world": [13, 1, 0],
+                       "radius_mm": 150, "label_radius_mm": 50, "groove_outer_mm": 146, "groove_inner_mm": 60,
+                       "bbox": [30, 10, 30, 30], "mask": "masks/record.png"},
+            "tonearm": {"pivot": [20, 15, 0], "yaw_axis": [0, 0, -1], "lift_axis": [-1, 0, 0], "yaw_rest": 0,
+                        "yaw_lead_in": 10, "yaw_run_out": 30, "lift_max": 6, "plane_z": 0,
+                        "yaw_samples": [0, 15, 30], "bbox": [30, 0, 30, 30], "shadow": true},
+            "panel": {"led33": {"center_px": [20, 40], "radius_px": 2, "color": [3, 0.2, 0.1]}}
+          }}})";
+        return QJsonDocument::fromJson(json).object();
+    }
+    PlateManifest manifest() {
+        const QByteArray bytes = QJsonDocument(manifestJson()).toJson();
+        testsupport::writeFile(root.filePath("manifest.json"), bytes);
+        return PlateManifest::decode(bytes);
+    }
+    QTemporaryDir root;
+    QString dir;
+};
+
+TEST_F(SmallScene, AssemblesMatricesProbesAndLight) {
+    auto renderer = SceneRenderer::create();
+    ASSERT_TRUE(renderer);
+    auto result = SceneAssembly::load(*renderer, root.path(), manifest(), "wide");
+    ASSERT_TRUE(std::holds_alternative<std::unique_ptr<LoadedScene>>(result));
+    LoadedScene &s = *std::get<std::unique_ptr<LoadedScene>>(result);
+    EXPECT_EQ(s.plateSize, (Float4{64, 48, 1 / 64.0f, 1 / 48.0f}));
+    ASSERT_TRUE(s.coverMask);
+    EXPECT_EQ(s.coverMask->rect, (Float4{4, 9, 12, 12}));  // content box plus a one-pixel margin
+    // The sleeve's centre probe is the cover quad's centre, as uv.
+    EXPECT_NEAR(s.probes[0][0], 10.0f / 64, 1e-6);
+    EXPECT_NEAR(s.probes[0][1], 15.0f / 48, 1e-6);
+    // The animated area holds the record and the arm.
+    EXPECT_LE(s.dynPlateRect[0], 30);
+    EXPECT_LE(s.dynPlateRect[1], 0);
+    EXPECT_GE(s.dynPlateRect[0] + s.dynPlateRect[2], 60);
+
+    s.mixes->ensure({"noite"});
+    ASSERT_TRUE(testsupport::waitUntil([&] { return s.mixes->ready("noite") != nullptr; }, 120s));
+    SceneUniforms u;
+    SceneTextures t;
+    s.fillStatic(u, t, PlateGeometry::identity(), {}, {{"noite", 1.0}, {"dia", 0.5}});
+    EXPECT_EQ(u.mixCount, 1u);  // "dia" is not built: it draws no light rather than garbage
+    EXPECT_EQ(u.mixWeights[0], 1.0f);
+    EXPECT_EQ(u.look[1], 1.0f);
+}
+
+TEST_F(SmallScene, MissingPassesAndSpritesSwitchTheirEffectOffWithALogLine) {
+    auto renderer = SceneRenderer::create();
+    ASSERT_TRUE(renderer);
+    auto result = SceneAssembly::load(*renderer, root.path(), manifest(), "wide");
+    LoadedScene &s = *std::get<std::unique_ptr<LoadedScene>>(result);
+    EXPECT_TRUE(readLog().contains("Disco ao vivo sem passes (sem pasta record): modo aproximado"));
+    ASSERT_TRUE(s.sprites);
+    s.sprites->ensureNow({"dia"}, 0, 10);
+    EXPECT_FALSE(s.sprites->pose(0, 0, {{"dia", 1.0}}));
+    SceneUniforms u;
+    SceneTextures t;
+    s.effects->fill(u, t, {{"dia", 1.0}}, 5.0, RecordSpin{}, true, {0.5, 0.5, 0.5}, 30, false);
+    EXPECT_EQ(u.recordRect[2], 0.0f);     // approximate record
+    EXPECT_EQ(u.recordLight[3], 1.0f);    // the live record is still on
+    EXPECT_EQ(u.recordMaskRect[2], 0.0f);  // no mask file: the analytic disc
+    EXPECT_EQ(u.led33[3], 1.0f);          // playing: the 33 LED is lit
+    EXPECT_EQ(u.bandCount, 4u);           // the made-up album's side A
+}
+
+TEST_F(SmallScene, AWrongSizedPlateFailsItsPresetOnly) {
+    writeExr(dir + "/light/lamp.exr", 32, 48, [](int, int) { return std::array<float, 4>{1, 1, 1, 1}; });
+    auto renderer = SceneRenderer::create();
+    ASSERT_TRUE(renderer);
+    auto result = SceneAssembly::load(*renderer, root.path(), manifest(), "wide");
+    LoadedScene &s = *std::get<std::unique_ptr<LoadedScene>>(result);
+    QStringList failures;
+    s.mixes->onFailure = [&](const QString &e) { failures << e; };
+    s.mixes->ensure({"dia", "noite"});
+    ASSERT_TRUE(testsupport::waitUntil([&] { return !s.mixes->building() && s.mixes->queue().empty(); }, 120s));
+    EXPECT_NE(s.mixes->ready("dia"), nullptr);
+    EXPECT_EQ(s.mixes->ready("noite"), nullptr);
+    EXPECT_EQ(failures, QStringList{QString::fromUtf8("lamp.exr tem 32×48, manifest diz 64×48")});
+}
+
+TEST_F(SmallScene, OfflineRenderIsRepeatableAndShowsTheLight) {
+    manifest();
+    OfflineRender::Options o;
+    o.sceneDir = root.path();
+    o.width = 128;
+    o.height = 96;
+    o.preset = "noite";
+    o.playing = true;
+    o.album = "A";
+    o.trackNumber = 2;
+    o.trackCount = 6;
+    o.duration = 200;
+    o.position = 50;
+    o.output = root.filePath("a.png");
+    ASSERT_EQ(OfflineRender::render(o), "");
+    o.output = root.filePath("b.png");
+    ASSERT_EQ(OfflineRender::render(o), "");
+    const QImage a(root.filePath("a.png")), b(root.filePath("b.png"));
+    ASSERT_FALSE(a.isNull());
+    EXPECT_EQ(a.size(), QSize(128, 96));
+    EXPECT_EQ(a, b);
+    // The lamp plate brightens to the right.
+    EXPECT_GT(qRed(a.pixel(120, 5)), qRed(a.pixel(4, 5)) + 20);
+    // The LED glows at its centre (plate 20, 40 → screen 40, 80).
+    EXPECT_GT(qRed(a.pixel(40, 80)), qRed(a.pixel(40, 60)) + 30);
+    o.fxPanel = false;
+    o.output = root.filePath("c.png");
+    ASSERT_EQ(OfflineRender::render(o), "");
+    EXPECT_LT(qRed(QImage(root.filePath("c.png")).pixel(40, 80)), qRed(a.pixel(40, 80)) - 30);
+}
+
+TEST(OfflineRenderFailures, AFolderWithoutManifestFails) {
+    QTemporaryDir empty;
+    OfflineRender::Options o;
+    o.sceneDir = empty.path();
+    o.output = empty.filePath("x.png");
+    EXPECT_EQ(OfflineRender::render(o), "sem manifest.json em " + empty.path());
+    EXPECT_FALSE(QFileInfo::exists(o.output));
+}
+
+}  // namespace
