@@ -1,5 +1,7 @@
 #include "core/AppIdentity.h"
 
+#include <QDir>
+
 namespace AppIdentity {
 
 bool isRelease()
@@ -20,6 +22,12 @@ QString appName()
 QString version()
 {
     return QStringLiteral(TURNELO_VERSION);
+}
+
+QString xdgFolder(const char *variable, const QString &fallback)
+{
+    const QString value = qEnvironmentVariable(variable);
+    return value.isEmpty() ? QDir::homePath() + QLatin1Char('/') + fallback : value;
 }
 
 }  // namespace AppIdentity

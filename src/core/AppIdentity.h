@@ -11,5 +11,7 @@ bool isRelease();
 QString appName();
 // Application version, "0.1.0".
 QString version();
+// An XDG base folder: the variable's value, or the home folder + `fallback` when it is unset.
+QString xdgFolder(const char *variable, const QString &fallback);
 
 }  // namespace AppIdentity

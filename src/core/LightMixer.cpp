@@ -158,23 +158,17 @@ Blend LightMixer::value(double t) const
     return result;
 }
 
-double LightMixer::vignette(const Blend &blend) const
+double LightMixer::weighted(const Blend &blend, double Preset::*field) const
 {
     double sum = 0;
     for (const auto &[name, w] : blend)
         if (const auto it = presets.find(name); it != presets.end())
-            sum += w * it->second.vignette;
+            sum += w * it->second.*field;
     return sum;
 }
 
-double LightMixer::grain(const Blend &blend) const
-{
-    double sum = 0;
-    for (const auto &[name, w] : blend)
-        if (const auto it = presets.find(name); it != presets.end())
-            sum += w * it->second.grain;
-    return sum;
-}
+double LightMixer::vignette(const Blend &blend) const { return weighted(blend, &Preset::vignette); }
+double LightMixer::grain(const Blend &blend) const { return weighted(blend, &Preset::grain); }
 
 double LightMixer::distance(const Blend &a, const Blend &b)
 {

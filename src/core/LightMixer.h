@@ -61,6 +61,10 @@ public:
     // Presets whose pre-mixes should be ready.
     QStringList wantedPresets(const QString &mode, const QDateTime &now,
                               const std::optional<Blend> &pending = std::nullopt) const;
+
+private:
+    // Σ weight × the preset's field; names the scene lacks add nothing.
+    double weighted(const Blend &blend, double Preset::*field) const;
 };
 
 // Small queries for the light section of the menu. Pure.

@@ -11,12 +11,8 @@ namespace Log {
 
 QString path()
 {
-    static const QString file = [] {
-        QString state = qEnvironmentVariable("XDG_STATE_HOME");
-        if (state.isEmpty())
-            state = QDir::homePath() + QStringLiteral("/.local/state");
-        return state + QLatin1Char('/') + AppIdentity::appName() + QStringLiteral(".log");
-    }();
+    static const QString file = AppIdentity::xdgFolder("XDG_STATE_HOME", QStringLiteral(".local/state"))
+        + QLatin1Char('/') + AppIdentity::appName() + QStringLiteral(".log");
     return file;
 }
 

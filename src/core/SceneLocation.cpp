@@ -10,12 +10,8 @@ namespace SceneLocation {
 
 QString supportDirectory()
 {
-    static const QString folder = [] {
-        QString data = qEnvironmentVariable("XDG_DATA_HOME");
-        if (data.isEmpty())
-            data = QDir::homePath() + QStringLiteral("/.local/share");
-        return data + QLatin1Char('/') + AppIdentity::appName();
-    }();
+    static const QString folder = AppIdentity::xdgFolder("XDG_DATA_HOME", QStringLiteral(".local/share"))
+        + QLatin1Char('/') + AppIdentity::appName();
     return folder;
 }
 
