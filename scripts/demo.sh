@@ -1,11 +1,24 @@
 #!/usr/bin/env bash
-# Sets up a fresh Debian 12 machine, builds Turnelo, generates the 1920x1080 demo scene and
-# prints its summary.
+# Sets up a fresh Debian 12 machine, builds Turnelo, generates the 1920x1080 demo scene, prints
+# its summary and renders it by day and by night (PNG files beside the scene).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/install-deps.sh
 cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo
 cmake --build build -j"$(nproc)"
+
 demo="${TURNELO_DEMO_DIR:-$PWD/build/demo-scene}"
-./build/tools/turnelo-gen-scene --out "$demo" --width 1920 --height 1080
+if [ ! -f "$demo/manifest.json" ]; then
+  echo "Gerando a cena de demonstração em $demo (1920x1080)…"
+  ./build/tools/turnelo-gen-scene --out "$demo" --width 1920 --height 1080 >/dev/null
+fi
+echo "Resumo da cena:"
 ./build/tools/turnelo-scene validate "$demo"
+echo "Luz agora ($(date +%H:%M)):"
+./build/tools/turnelo-scene blend "$demo" --at "$(date +%H:%M)"
+
+echo "Renderizando (Vulkan; software se não houver GPU)…"
+./build/turnelo render "$demo" "$demo/../demo-day.png" --framing mid --size 1280x720 --time 12:00 \
+  --playing --album "Demo" --artist "Turnelo" --title "Side A" --track 2 --tracks 5 --duration 240 --position 90
+./build/turnelo render "$demo" "$demo/../demo-night.png" --framing mid --size 1280x720 --time 22:30 --rain 0.8
+echo "Imagens: $(cd "$demo/.." && pwd)/demo-day.png e demo-night.png"
