@@ -161,7 +161,7 @@ QString render(const Options &o) {
     if (o.steam && scene.framing.steam) {
         // The steam region: a column above the cup, sized to the plate.
         const auto &pt = scene.framing.steam->pointPx;
-        const float w = scene.plateSize[0] * 0.06f, h = scene.plateSize[1] * 0.30f;
+        const float w = scene.plateSize[0] * 0.10f, h = scene.plateSize[1] * 0.30f;
         SteamUniforms s;
         s.screenToPlate = u.screenToPlate;
         s.plateSize = u.plateSize;
@@ -177,8 +177,10 @@ QString render(const Options &o) {
     renderer->waitIdle();
     QImage image = target.readback().convertToFormat(QImage::Format_RGB32);
     if (steamTarget) {
-        // The steam layer is premultiplied, at half resolution, over the room.
-        QImage steam = steamTarget->readback().convertToFormat(QImage::Format_ARGB32_Premultiplied);
+        // The steam layer is premultiplied already, at half resolution, over the room: relabel, never
+        // convert, or its faint colour is multiplied by its low alpha a second time and vanishes.
+        QImage steam = steamTarget->readback();
+        steam.reinterpretAsFormat(QImage::Format_ARGB32_Premultiplied);
         QPainter painter(&image);
         painter.setRenderHint(QPainter::SmoothPixmapTransform);
         painter.drawImage(QRect(0, 0, o.width, o.height), steam);

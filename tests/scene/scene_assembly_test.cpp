@@ -77,7 +77,8 @@ protected:
             "tonearm": {"pivot": [20, 15, 0], "yaw_axis": [0, 0, -1], "lift_axis": [-1, 0, 0], "yaw_rest": 0,
                         "yaw_lead_in": 10, "yaw_run_out": 30, "lift_max": 6, "plane_z": 0,
                         "yaw_samples": [0, 15, 30], "bbox": [30, 0, 30, 30], "shadow": true},
-            "panel": {"led33": {"center_px": [20, 40], "radius_px": 2, "color": [3, 0.2, 0.1]}}
+            "panel": {"led33": {"center_px": [20, 40], "radius_px": 2, "color": [3, 0.2, 0.1]}},
+            "steam": {"point_px": [10, 44]}
           }}})";
         return QJsonDocument::fromJson(json).object();
     }
@@ -180,6 +181,33 @@ TEST_F(SmallScene, OfflineRenderIsRepeatableAndShowsTheLight) {
     o.output = root.filePath("c.png");
     ASSERT_EQ(OfflineRender::render(o), "");
     EXPECT_LT(qRed(QImage(root.filePath("c.png")).pixel(40, 80)), qRed(a.pixel(40, 80)) - 30);
+}
+
+TEST_F(SmallScene, SteamRisesOverTheCupAndNeverBelowIt) {
+    manifest();
+    OfflineRender::Options o;
+    o.sceneDir = root.path();
+    o.width = 512;
+    o.height = 384;
+    o.preset = "noite";
+    o.mediaTime = 42;
+    o.output = root.filePath("steam.png");
+    ASSERT_EQ(OfflineRender::render(o), "");
+    o.steam = false;
+    o.output = root.filePath("still.png");
+    ASSERT_EQ(OfflineRender::render(o), "");
+    const QImage steam(root.filePath("steam.png")), still(root.filePath("still.png"));
+    ASSERT_EQ(steam.size(), still.size());
+    // The cup sits at plate (10, 44), screen (80, 352); the steam only ever adds light above it.
+    int brighter = 0;
+    for (int y = 0; y < steam.height(); ++y)
+        for (int x = 0; x < steam.width(); ++x) {
+            const int d = qRed(steam.pixel(x, y)) - qRed(still.pixel(x, y));
+            EXPECT_GE(d, 0) << x << "," << y;
+            if (y > 354) EXPECT_EQ(steam.pixel(x, y), still.pixel(x, y)) << x << "," << y;
+            if (d >= 2) ++brighter;
+        }
+    EXPECT_GT(brighter, 30);
 }
 
 TEST(OfflineRenderFailures, AFolderWithoutManifestFails) {

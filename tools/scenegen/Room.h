@@ -151,5 +151,6 @@ private:
     Vec3 lidOrigin, lidU, lidV, lidN;
     Vec3 pivotPoint;
     double recordX = -55, recordY = 55, recordTopZ = 105, plinthTopZ = 95;
-    double cupX = 330, cupY = -260, cupTopZ = 95;
+    // Left of the turntable, outside the lamp's pool: steam only reads against a dim background.
+    double cupX = -335, cupY = 140, cupTopZ = 95;
 };
