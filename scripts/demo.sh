@@ -20,5 +20,6 @@ echo "Luz agora ($(date +%H:%M)):"
 echo "Renderizando (Vulkan; software se não houver GPU)…"
 ./build/turnelo render "$demo" "$demo/../demo-day.png" --framing mid --size 1280x720 --time 12:00 \
   --playing --album "Demo" --artist "Turnelo" --title "Side A" --track 2 --tracks 5 --duration 240 --position 90
-./build/turnelo render "$demo" "$demo/../demo-night.png" --framing mid --size 1280x720 --time 22:30 --rain 0.8
+./build/turnelo render "$demo" "$demo/../demo-night.png" --framing wide --size 1280x720 --time 22:30 --rain 0.8 \
+  --playing --album "Demo" --artist "Turnelo" --title "Side B" --track 4 --tracks 5 --duration 240 --position 30
 echo "Imagens: $(cd "$demo/.." && pwd)/demo-day.png e demo-night.png"

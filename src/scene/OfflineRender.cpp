@@ -20,6 +20,14 @@ namespace OfflineRender {
 
 namespace {
 
+// A cover file, or a null image (logged when the file was named but unreadable).
+QImage readCover(const QString &path) {
+    if (path.isEmpty()) return {};
+    QImage image(path);
+    if (image.isNull()) Log::write(QStringLiteral("Cena: capa ilegível: ") + path);
+    return image;
+}
+
 // Runs the event loop until `done` or the time limit.
 bool pump(const std::function<bool()> &done, int limitMs) {
     QElapsedTimer timer;
@@ -103,18 +111,14 @@ QString render(const Options &o) {
     // Cover art: the given image or the placeholder; the label is made from it.
     auto vk = renderer->vulkan();
     CoverArt art([vk](const QImage &rgba) -> CoverArt::Texture { return TextureUpload::art(*vk, rgba); });
-    QImage cover;
-    if (!o.coverImage.isEmpty()) {
-        cover = QImage(o.coverImage);
-        if (cover.isNull()) Log::write(QStringLiteral("Cena: capa ilegível: ") + o.coverImage);
-    }
-    art.set(cover, QImage(), o.mediaTime - 10);  // no fade
+    art.set(readCover(o.coverImage), QImage(), o.mediaTime - 10);  // no fade
     auto artTexture = std::static_pointer_cast<GpuTexture>(art.current().cover);
     auto labelTexture = std::static_pointer_cast<GpuTexture>(art.current().label);
     const CoverArt::Color mean = art.mean(o.mediaTime);
-    // The stack shows a cover played before: the placeholder stands in.
+    // The stack shows a cover played before; without one the placeholder stands in.
     if (o.fxStack) {
-        const QImage previous = CoverArt::prepareCover(CoverArt::placeholderCover());
+        const QImage given = readCover(o.stackCoverImage);
+        const QImage previous = CoverArt::prepareCover(given.isNull() ? CoverArt::placeholderCover() : given);
         fx.setStackArt(TextureUpload::art(*vk, previous), CoverArt::luminance(CoverArt::meanLinear(previous)));
     }
 

@@ -24,6 +24,7 @@ struct Options {
     int trackNumber = 0, trackCount = 0;
     double duration = 0, position = 0;
     QString coverImage;  // empty: the placeholder cover
+    QString stackCoverImage;  // an album played before; empty: the placeholder cover
     // Effects.
     double rain = 0;  // 0…1
     bool steam = true;

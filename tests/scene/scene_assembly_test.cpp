@@ -59,6 +59,12 @@ protected:
         QDir().mkpath(dir + "/masks");
         mask.save(dir + "/masks/cover.png");
         mask.save(dir + "/masks/label.png");
+        // The stack's top cover covers plate (40…59, 36…45): art u, v in red and green, coverage in blue.
+        QImage uv(64, 48, QImage::Format_RGB32);
+        uv.fill(0);
+        for (int y = 36; y < 46; ++y)
+            for (int x = 40; x < 60; ++x) uv.setPixel(x, y, qRgb((x - 40) * 12, (y - 36) * 25, 255));
+        uv.save(dir + "/masks/stack_uv.png");
     }
     QJsonObject manifestJson() {
         const QByteArray json = R"({
@@ -78,7 +84,8 @@ protected:
                         "yaw_lead_in": 10, "yaw_run_out": 30, "lift_max": 6, "plane_z": 0,
                         "yaw_samples": [0, 15, 30], "bbox": [30, 0, 30, 30], "shadow": true},
             "panel": {"led33": {"center_px": [20, 40], "radius_px": 2, "color": [3, 0.2, 0.1]}},
-            "steam": {"point_px": [10, 44]}
+            "steam": {"point_px": [10, 44]},
+            "stack": {"art_uv": "masks/stack_uv.png", "bbox": [40, 36, 20, 10]}
           }}})";
         return QJsonDocument::fromJson(json).object();
     }
@@ -208,6 +215,39 @@ TEST_F(SmallScene, SteamRisesOverTheCupAndNeverBelowIt) {
             if (d >= 2) ++brighter;
         }
     EXPECT_GT(brighter, 30);
+}
+
+TEST_F(SmallScene, TheStackShowsTheCoverPlayedBefore) {
+    manifest();
+    const auto solid = [&](const QString &name, QRgb colour) {
+        QImage image(300, 300, QImage::Format_RGB32);
+        image.fill(colour);
+        image.save(root.filePath(name));
+        return root.filePath(name);
+    };
+    OfflineRender::Options o;
+    o.sceneDir = root.path();
+    o.width = 128;
+    o.height = 96;
+    o.preset = "dia";
+    o.steam = false;
+    o.stackCoverImage = solid("red.png", qRgb(230, 20, 20));
+    o.output = root.filePath("red-stack.png");
+    ASSERT_EQ(OfflineRender::render(o), "");
+    o.stackCoverImage = solid("blue.png", qRgb(20, 20, 230));
+    o.output = root.filePath("blue-stack.png");
+    ASSERT_EQ(OfflineRender::render(o), "");
+    o.fxStack = false;
+    o.output = root.filePath("no-stack.png");
+    ASSERT_EQ(OfflineRender::render(o), "");
+    const QImage red(root.filePath("red-stack.png")), blue(root.filePath("blue-stack.png")),
+        none(root.filePath("no-stack.png"));
+    // Inside the top cover (plate 50, 40 → screen 100, 80) the art tints the light; outside it nothing changes.
+    EXPECT_GT(qRed(red.pixel(100, 80)), qBlue(red.pixel(100, 80)) + 40);
+    EXPECT_GT(qBlue(blue.pixel(100, 80)), qRed(blue.pixel(100, 80)) + 40);
+    EXPECT_EQ(qRed(none.pixel(100, 80)), qBlue(none.pixel(100, 80)));
+    EXPECT_EQ(red.pixel(100, 40), blue.pixel(100, 40));
+    EXPECT_EQ(red.pixel(20, 85), none.pixel(20, 85));
 }
 
 TEST(OfflineRenderFailures, AFolderWithoutManifestFails) {

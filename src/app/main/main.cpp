@@ -25,6 +25,8 @@ static int renderCommand(const QStringList &arguments) {
     const QCommandLineOption duration("duration", "Track duration in seconds.", "s", "0");
     const QCommandLineOption position("position", "Position in the track in seconds.", "s", "0");
     const QCommandLineOption cover("cover", "Cover image (default: the placeholder cover).", "file");
+    const QCommandLineOption stackCover("stack-cover", "Cover on top of the record stack, an album played before "
+                                        "(default: the placeholder cover).", "file");
     const QCommandLineOption rain("rain", "Rain intensity 0…1 (default 0).", "x", "0");
     const QCommandLineOption noSteam("no-steam", "Steam off.");
     const QCommandLineOption noRecord("no-record", "Live record off (fxRecord).");
@@ -34,7 +36,7 @@ static int renderCommand(const QStringList &arguments) {
     const QCommandLineOption noWeather("no-weather", "Rain off (fxWeather).");
     const QCommandLineOption media("media-time", "Media time in seconds (default 30).", "s", "30");
     p.addOptions({framing, size, time, preset, playing, album, artist, title, track, tracks, duration, position,
-                  cover, rain, noSteam, noRecord, noBounce, noStack, noPanel, noWeather, media});
+                  cover, stackCover, rain, noSteam, noRecord, noBounce, noStack, noPanel, noWeather, media});
     p.process(arguments);
     const QStringList pos = p.positionalArguments();
     QTextStream err(stderr);
@@ -69,6 +71,7 @@ static int renderCommand(const QStringList &arguments) {
     o.duration = p.value(duration).toDouble();
     o.position = p.value(position).toDouble();
     o.coverImage = p.value(cover);
+    o.stackCoverImage = p.value(stackCover);
     o.rain = p.value(rain).toDouble();
     o.steam = !p.isSet(noSteam);
     o.fxRecord = !p.isSet(noRecord);
