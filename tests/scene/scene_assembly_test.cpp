@@ -94,6 +94,16 @@ protected:
         testsupport::writeFile(root.filePath("manifest.json"), bytes);
         return PlateManifest::decode(bytes);
     }
+    // Writes the manifest and returns options for a render of it at that size and preset.
+    OfflineRender::Options renderOf(int width, int height, const QString &preset) {
+        manifest();
+        OfflineRender::Options o;
+        o.sceneDir = root.path();
+        o.width = width;
+        o.height = height;
+        o.preset = preset;
+        return o;
+    }
     QTemporaryDir root;
     QString dir;
 };
@@ -160,12 +170,7 @@ TEST_F(SmallScene, AWrongSizedPlateFailsItsPresetOnly) {
 }
 
 TEST_F(SmallScene, OfflineRenderIsRepeatableAndShowsTheLight) {
-    manifest();
-    OfflineRender::Options o;
-    o.sceneDir = root.path();
-    o.width = 128;
-    o.height = 96;
-    o.preset = "noite";
+    OfflineRender::Options o = renderOf(128, 96, "noite");
     o.playing = true;
     o.album = "A";
     o.trackNumber = 2;
@@ -191,12 +196,7 @@ TEST_F(SmallScene, OfflineRenderIsRepeatableAndShowsTheLight) {
 }
 
 TEST_F(SmallScene, SteamRisesOverTheCupAndNeverBelowIt) {
-    manifest();
-    OfflineRender::Options o;
-    o.sceneDir = root.path();
-    o.width = 512;
-    o.height = 384;
-    o.preset = "noite";
+    OfflineRender::Options o = renderOf(512, 384, "noite");
     o.mediaTime = 42;
     o.output = root.filePath("steam.png");
     ASSERT_EQ(OfflineRender::render(o), "");
@@ -218,18 +218,13 @@ TEST_F(SmallScene, SteamRisesOverTheCupAndNeverBelowIt) {
 }
 
 TEST_F(SmallScene, TheStackShowsTheCoverPlayedBefore) {
-    manifest();
     const auto solid = [&](const QString &name, QRgb colour) {
         QImage image(300, 300, QImage::Format_RGB32);
         image.fill(colour);
         image.save(root.filePath(name));
         return root.filePath(name);
     };
-    OfflineRender::Options o;
-    o.sceneDir = root.path();
-    o.width = 128;
-    o.height = 96;
-    o.preset = "dia";
+    OfflineRender::Options o = renderOf(128, 96, "dia");
     o.steam = false;
     o.stackCoverImage = solid("red.png", qRgb(230, 20, 20));
     o.output = root.filePath("red-stack.png");
