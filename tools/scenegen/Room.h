@@ -151,6 +151,6 @@ private:
     Vec3 lidOrigin, lidU, lidV, lidN;
     Vec3 pivotPoint;
     double recordX = -55, recordY = 55, recordTopZ = 105, plinthTopZ = 95;
-    // Left of the turntable, outside the lamp's pool: steam only reads against a dim background.
+    // Left of the turntable, outside the lamp's pool: steam fades out where the light over the cup is bright.
     double cupX = -335, cupY = 140, cupTopZ = 95;
 };
