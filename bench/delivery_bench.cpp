@@ -3,12 +3,12 @@
 //  2. installing a 200 MB package: verify (SHA-256) + unpack + swap, timed from the verifying
 //     phase to ready, with the package already downloaded.
 // Everything lives in a temporary folder under /tmp and is removed at the end.
-#include "../tests/core/NginxServer.h"
-#include "../tests/core/ScenePackages.h"
-#include "core/FileDownload.h"
-#include "core/PackageDownload.h"
-#include "core/SceneInstaller.h"
-#include "core/Settings.h"
+#include "../tests/support/NginxServer.h"
+#include "../tests/support/ScenePackages.h"
+#include "core/delivery/FileDownload.h"
+#include "core/delivery/PackageDownload.h"
+#include "core/delivery/SceneInstaller.h"
+#include "core/app/Settings.h"
 
 #include <QCoreApplication>
 #include <QElapsedTimer>

@@ -1,7 +1,7 @@
 // Plate decoding and crop scanning, each beside a plain memory copy of the same decoded bytes:
 // the copy is the floor a decoder cannot beat, so the ratio says how far from it we are.
 // Prints figures and ratios; asserts nothing.
-#include "core/ImageDecoder.h"
+#include "core/scene/ImageDecoder.h"
 
 #include <ImfHeader.h>
 #include <ImfRgbaFile.h>

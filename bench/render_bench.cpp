@@ -2,7 +2,7 @@
 // against the 4-bytes-per-pixel floor. Synthetic plates; runs on whatever Vulkan device the
 // loader offers (set VK_ICD_FILENAMES to choose).
 
-#include "core/PlateImages.h"
+#include "core/scene/PlateImages.h"
 #include "render/MixBuilder.h"
 #include "render/SceneRenderer.h"
 #include "render/TextureUpload.h"

@@ -5,8 +5,8 @@
 //   turnelo-defaults write KEY (-bool|-int|-float|-string|-dict) VALUE
 //   turnelo-defaults delete KEY
 // The settings file is the user's, or the one named by --file PATH before the verb.
-#include "core/JsonSettingsFormat.h"
-#include "core/Settings.h"
+#include "core/app/JsonSettingsFormat.h"
+#include "core/app/Settings.h"
 
 #include <QCoreApplication>
 #include <QJsonArray>

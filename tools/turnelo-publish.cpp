@@ -9,8 +9,8 @@
 // The base package holds the scene folder's contents (manifest.json at its top); a framing
 // package holds one folder named after the framing. Package names carry the start of their
 // digest, so a changed package is a new file and never resumes into an old partial download.
-#include "core/PlateManifest.h"
-#include "core/SceneCatalog.h"
+#include "core/scene/PlateManifest.h"
+#include "core/delivery/SceneCatalog.h"
 
 #include <QCommandLineParser>
 #include <QCoreApplication>

@@ -3,10 +3,10 @@
 //   turnelo-scene validate DIR
 //   turnelo-scene blend DIR --at HH:MM[:SS]
 //   turnelo-scene crop FILE --kind sprite|additive|shadow|mask|channel:N
-#include "core/ImageDecoder.h"
-#include "core/LightMixer.h"
-#include "core/PlateManifest.h"
-#include "core/SceneFiles.h"
+#include "core/scene/ImageDecoder.h"
+#include "core/lighting/LightMixer.h"
+#include "core/scene/PlateManifest.h"
+#include "core/scene/SceneFiles.h"
 
 #include <QCoreApplication>
 #include <QDir>

@@ -4,8 +4,8 @@
 //   turnelo-sync [--root DIR] [--url BASE_URL] [--settings FILE]
 //
 // Exit status 0 when the run ends with a scene installed and current, 1 otherwise.
-#include "core/SceneInstaller.h"
-#include "core/Settings.h"
+#include "core/delivery/SceneInstaller.h"
+#include "core/app/Settings.h"
 
 #include <QCommandLineParser>
 #include <QCoreApplication>

@@ -1,7 +1,7 @@
 #include "render/MixBuilder.h"
 
-#include "core/ImageDecoder.h"
-#include "core/Log.h"
+#include "core/scene/ImageDecoder.h"
+#include "core/app/Log.h"
 #include "render/VulkanCheck.h"
 
 #include <QDir>

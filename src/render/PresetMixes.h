@@ -1,6 +1,6 @@
 #pragma once
 
-#include "core/LightMixer.h"
+#include "core/lighting/LightMixer.h"
 #include "render/MixBuilder.h"
 
 #include <QFuture>

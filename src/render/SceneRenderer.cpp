@@ -1,6 +1,6 @@
 #include "render/SceneRenderer.h"
 
-#include "core/Log.h"
+#include "core/app/Log.h"
 #include "render/VulkanCheck.h"
 #include "render/VulkanPipelines.h"
 

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "core/GPUClock.h"
+#include "render/GPUClock.h"
 #include "render/MixBuilder.h"
 #include "render/RenderTarget.h"
 #include "render/SceneTextures.h"

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "core/PlateImages.h"
+#include "core/scene/PlateImages.h"
 #include "render/VulkanContext.h"
 
 #include <QImage>

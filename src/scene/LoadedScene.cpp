@@ -1,7 +1,7 @@
 #include "scene/LoadedScene.h"
 
-#include "core/ImageDecoder.h"
-#include "core/Log.h"
+#include "core/scene/ImageDecoder.h"
+#include "core/app/Log.h"
 #include "render/TextureUpload.h"
 
 #include <QDir>

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "core/LightMixer.h"
-#include "core/PlateManifest.h"
+#include "core/lighting/LightMixer.h"
+#include "core/scene/PlateManifest.h"
 #include "render/PresetMixes.h"
 #include "render/SceneRenderer.h"
 #include "scene/PlateGeometry.h"

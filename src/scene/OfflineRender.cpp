@@ -1,10 +1,10 @@
 #include "scene/OfflineRender.h"
 
-#include "core/CoverArt.h"
-#include "core/Log.h"
-#include "core/PlayerState.h"
-#include "core/RecordGrooves.h"
-#include "core/TonearmMotion.h"
+#include "core/music/CoverArt.h"
+#include "core/app/Log.h"
+#include "core/music/PlayerState.h"
+#include "core/turntable/RecordGrooves.h"
+#include "core/turntable/TonearmMotion.h"
 #include "render/TextureUpload.h"
 #include "scene/LoadedScene.h"
 

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "core/PlateManifest.h"
+#include "core/scene/PlateManifest.h"
 #include "render/SceneUniforms.h"
 
 #include <array>

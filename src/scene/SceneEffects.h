@@ -1,8 +1,8 @@
 #pragma once
 
-#include "core/LightMixer.h"
-#include "core/PlateManifest.h"
-#include "core/RecordGrooves.h"
+#include "core/lighting/LightMixer.h"
+#include "core/scene/PlateManifest.h"
+#include "core/turntable/RecordGrooves.h"
 #include "render/PresetMixes.h"
 #include "render/SceneRenderer.h"
 #include "scene/PlateGeometry.h"

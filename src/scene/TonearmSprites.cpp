@@ -1,8 +1,8 @@
 #include "scene/TonearmSprites.h"
 
-#include "core/ImageDecoder.h"
-#include "core/Log.h"
-#include "core/TonearmMotion.h"
+#include "core/scene/ImageDecoder.h"
+#include "core/app/Log.h"
+#include "core/turntable/TonearmMotion.h"
 #include "render/TextureUpload.h"
 
 #include <QDir>

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "core/LightMixer.h"
-#include "core/PlateManifest.h"
+#include "core/lighting/LightMixer.h"
+#include "core/scene/PlateManifest.h"
 #include "render/SceneTextures.h"
 #include "render/SceneUniforms.h"
 #include "render/VulkanContext.h"

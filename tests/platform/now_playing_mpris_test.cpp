@@ -2,9 +2,9 @@
 // players (turnelo-mpris-player) for the choice rules and artwork, and mpv with its MPRIS plugin
 // as a real player.
 
-#include "core/Log.h"
-#include "core/NowPlayingMonitor.h"
-#include "core/PlayerState.h"
+#include "core/app/Log.h"
+#include "core/music/NowPlayingMonitor.h"
+#include "core/music/PlayerState.h"
 #include "platform/linux/MprisPlayerBackend.h"
 #include "TestSupport.h"
 

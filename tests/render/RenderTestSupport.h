@@ -3,8 +3,8 @@
 // Shared by the GPU tests: they run on Mesa's software device (lavapipe) so that pixels are
 // the same on every machine, and they read pixels back.
 
-#include "core/Log.h"
-#include "core/PlateImages.h"
+#include "core/app/Log.h"
+#include "core/scene/PlateImages.h"
 #include "render/SceneRenderer.h"
 #include "render/TextureUpload.h"
 

@@ -1,6 +1,6 @@
 #include "RenderTestSupport.h"
 
-#include "core/Log.h"
+#include "core/app/Log.h"
 #include "render/SceneRenderer.h"
 #include "render/TextureUpload.h"
 

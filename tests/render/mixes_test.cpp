@@ -1,7 +1,7 @@
 #include "RenderTestSupport.h"
 
 #include "TestSupport.h"
-#include "core/ImageDecoder.h"
+#include "core/scene/ImageDecoder.h"
 #include "render/PresetMixes.h"
 
 #include <QRegularExpression>

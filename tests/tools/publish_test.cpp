@@ -1,8 +1,8 @@
-#include "../core/NginxServer.h"
-#include "../core/ScenePackages.h"
+#include "NginxServer.h"
+#include "ScenePackages.h"
 #include "TestSupport.h"
-#include "core/SceneInstaller.h"
-#include "core/Settings.h"
+#include "core/delivery/SceneInstaller.h"
+#include "core/app/Settings.h"
 
 #include <QTemporaryDir>
 #include <gtest/gtest.h>

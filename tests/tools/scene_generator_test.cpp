@@ -1,9 +1,9 @@
 #include "TestSupport.h"
 
-#include "core/ImageDecoder.h"
-#include "core/LightMixer.h"
-#include "core/PlateManifest.h"
-#include "core/SceneFiles.h"
+#include "core/scene/ImageDecoder.h"
+#include "core/lighting/LightMixer.h"
+#include "core/scene/PlateManifest.h"
+#include "core/scene/SceneFiles.h"
 
 #include <ImfChannelList.h>
 #include <ImfHeader.h>

@@ -1,6 +1,6 @@
 #include "platform/linux/GSettingsDesktopPreferences.h"
 
-#include "core/Log.h"
+#include "core/app/Log.h"
 
 #include <QDir>
 #include <QFileInfo>

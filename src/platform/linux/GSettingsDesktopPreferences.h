@@ -1,6 +1,6 @@
 #pragma once
 
-#include "core/DesktopPreferences.h"
+#include "core/environment/DesktopPreferences.h"
 #include "platform/linux/PreferenceTool.h"
 
 // GNOME: the shell draws no desktop icons itself; the Desktop Icons NG extension does, after

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "core/DesktopPreferences.h"
+#include "core/environment/DesktopPreferences.h"
 
 #include <QString>
 #include <memory>

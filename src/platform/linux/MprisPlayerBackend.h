@@ -1,6 +1,6 @@
 #pragma once
 
-#include "core/PlayerSourceBackend.h"
+#include "core/music/PlayerSourceBackend.h"
 
 #include <QDBusConnection>
 #include <QDBusContext>

@@ -1,6 +1,6 @@
 #include "platform/linux/PreferenceTool.h"
 
-#include "core/Log.h"
+#include "core/app/Log.h"
 
 #include <QProcess>
 #include <QProcessEnvironment>

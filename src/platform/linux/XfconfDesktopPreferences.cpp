@@ -1,6 +1,6 @@
 #include "platform/linux/XfconfDesktopPreferences.h"
 
-#include "core/Log.h"
+#include "core/app/Log.h"
 
 namespace {
 

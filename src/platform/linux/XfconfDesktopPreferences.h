@@ -1,6 +1,6 @@
 #pragma once
 
-#include "core/DesktopPreferences.h"
+#include "core/environment/DesktopPreferences.h"
 #include "platform/linux/PreferenceTool.h"
 
 // Xfce: xfdesktop draws the desktop icons after the xfconf channel "xfce4-desktop"; the icon

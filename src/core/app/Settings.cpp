@@ -1,0 +1,300 @@
+#include "core/app/Settings.h"
+
+#include "core/app/JsonSettingsFormat.h"
+
+#include <QDir>
+#include <QFileInfo>
+#include <QFileSystemWatcher>
+#include <algorithm>
+
+namespace {
+
+bool isBool(const QVariant &v) { return v.typeId() == QMetaType::Bool; }
+
+bool isNumber(const QVariant &v)
+{
+    switch (v.typeId()) {
+    case QMetaType::Int:
+    case QMetaType::UInt:
+    case QMetaType::LongLong:
+    case QMetaType::ULongLong:
+    case QMetaType::Double:
+    case QMetaType::Float:
+        return true;
+    default:
+        return false;
+    }
+}
+
+// Integer keys accept any number, and text that reads as an integer, as the defaults
+// system does; anything else counts as absent.
+std::optional<qlonglong> integerOf(const QVariant &v)
+{
+    if (isNumber(v))
+        return v.toLongLong();
+    if (v.typeId() == QMetaType::QString) {
+        bool ok = false;
+        const qlonglong n = v.toString().trimmed().toLongLong(&ok);
+        if (ok)
+            return n;
+    }
+    return std::nullopt;
+}
+
+}  // namespace
+
+Settings::Settings(QObject *parent)
+    : QObject(parent)
+    , store(std::make_unique<QSettings>(JsonSettingsFormat::format(), QSettings::UserScope,
+                                        QStringLiteral("quelt"), QStringLiteral("turnelo")))
+{
+    init();
+}
+
+Settings::Settings(const QString &filePath, QObject *parent)
+    : QObject(parent)
+    , store(std::make_unique<QSettings>(filePath, JsonSettingsFormat::format()))
+{
+    init();
+}
+
+Settings::~Settings() = default;
+
+void Settings::init()
+{
+    for (const QString &key : store->allKeys())
+        observed.insert(key, store->value(key));
+    watcher = new QFileSystemWatcher(this);
+    const QFileInfo info(store->fileName());
+    QDir().mkpath(info.absolutePath());
+    watcher->addPath(info.absolutePath());
+    if (info.exists())
+        watcher->addPath(info.absoluteFilePath());
+    connect(watcher, &QFileSystemWatcher::fileChanged, this, &Settings::reloadFromDisk);
+    connect(watcher, &QFileSystemWatcher::directoryChanged, this, &Settings::reloadFromDisk);
+}
+
+QString Settings::filePath() const { return store->fileName(); }
+
+QVariant Settings::value(const QString &key) const { return store->value(key); }
+bool Settings::contains(const QString &key) const { return store->contains(key); }
+
+void Settings::setValue(const QString &key, const QVariant &value)
+{
+    store->setValue(key, value);
+    store->sync();
+    notify(key);
+}
+
+void Settings::remove(const QString &key)
+{
+    store->remove(key);
+    store->sync();
+    notify(key);
+}
+
+const QStringList &Settings::observableKeys()
+{
+    static const QStringList keys{"steam",   "fxRecord", "fxBounce", "fxWeather",
+                                  "fxStack", "fxPanel",  "framing",  "lightPreset"};
+    return keys;
+}
+
+void Settings::notify(const QString &key)
+{
+    const QVariant now = store->value(key);
+    const QVariant before = observed.value(key);
+    if (now == before && now.typeId() == before.typeId())
+        return;
+    if (now.isValid())
+        observed.insert(key, now);
+    else
+        observed.remove(key);
+    switch (observableKeys().indexOf(key)) {
+    case 0: emit steamChanged(); break;
+    case 1: emit fxRecordChanged(); break;
+    case 2: emit fxBounceChanged(); break;
+    case 3: emit fxWeatherChanged(); break;
+    case 4: emit fxStackChanged(); break;
+    case 5: emit fxPanelChanged(); break;
+    case 6: emit framingChanged(); break;
+    case 7: emit lightPresetChanged(); break;
+    default: break;
+    }
+    emit changed(key);
+}
+
+void Settings::reloadFromDisk()
+{
+    // A writer that replaces the file by renaming leaves the old watch on a gone inode.
+    const QFileInfo info(store->fileName());
+    if (info.exists() && !watcher->files().contains(info.absoluteFilePath()))
+        watcher->addPath(info.absoluteFilePath());
+    store->sync();
+    QStringList keys = store->allKeys();
+    for (auto it = observed.cbegin(); it != observed.cend(); ++it)
+        if (!keys.contains(it.key()))
+            keys.append(it.key());
+    for (const QString &key : keys)
+        notify(key);
+}
+
+bool Settings::effect(const char *key) const
+{
+    const QVariant v = store->value(QLatin1String(key));
+    return !(isBool(v) && !v.toBool());
+}
+
+bool Settings::plainBool(const char *key, bool fallback) const
+{
+    const QVariant v = store->value(QLatin1String(key));
+    return isBool(v) ? v.toBool() : fallback;
+}
+
+std::optional<QString> Settings::optionalText(const char *key) const
+{
+    const QVariant v = store->value(QLatin1String(key));
+    if (v.typeId() == QMetaType::QString)
+        return v.toString();
+    return std::nullopt;
+}
+
+std::optional<double> Settings::optionalNumber(const char *key) const
+{
+    const QVariant v = store->value(QLatin1String(key));
+    if (isNumber(v))
+        return v.toDouble();
+    return std::nullopt;
+}
+
+bool Settings::showMenuBarIcon() const { return plainBool("showMenuBarIcon", true); }
+void Settings::setShowMenuBarIcon(bool on) { setValue(QStringLiteral("showMenuBarIcon"), on); }
+bool Settings::showTurntable() const { return effect("showTurntable"); }
+void Settings::setShowTurntable(bool on) { setValue(QStringLiteral("showTurntable"), on); }
+
+bool Settings::allScreens() const { return optionalText("screens") == QStringLiteral("all"); }
+void Settings::setAllScreens(bool all)
+{
+    setValue(QStringLiteral("screens"), all ? QStringLiteral("all") : QStringLiteral("main"));
+}
+
+QString Settings::framing() const { return optionalText("framing").value_or(QStringLiteral("mid")); }
+void Settings::setFraming(const QString &name) { setValue(QStringLiteral("framing"), name); }
+QString Settings::lightPreset() const { return optionalText("lightPreset").value_or(QStringLiteral("auto")); }
+void Settings::setLightPreset(const QString &mode) { setValue(QStringLiteral("lightPreset"), mode); }
+
+bool Settings::steam() const { return effect("steam"); }
+bool Settings::fxRecord() const { return effect("fxRecord"); }
+bool Settings::fxBounce() const { return effect("fxBounce"); }
+bool Settings::fxWeather() const { return effect("fxWeather"); }
+bool Settings::fxStack() const { return effect("fxStack"); }
+bool Settings::fxPanel() const { return effect("fxPanel"); }
+void Settings::setEffect(const QString &key, bool on) { setValue(key, on); }
+
+int Settings::stackLimit() const
+{
+    const auto n = integerOf(store->value(QStringLiteral("stackLimit")));
+    if (!n)
+        return 6;
+    return int(std::clamp<qlonglong>(*n, 1, 1 << 20));
+}
+void Settings::setStackLimit(int limit) { setValue(QStringLiteral("stackLimit"), limit); }
+
+bool Settings::musicSetupDone() const { return plainBool("musicSetupDone", false); }
+void Settings::setMusicSetupDone(bool done) { setValue(QStringLiteral("musicSetupDone"), done); }
+bool Settings::onboardingDone() const { return plainBool("onboardingDone", false); }
+void Settings::setOnboardingDone(bool done) { setValue(QStringLiteral("onboardingDone"), done); }
+
+bool Settings::ecoMode() const { return effect("ecoMode"); }
+void Settings::setEcoMode(bool on) { setValue(QStringLiteral("ecoMode"), on); }
+
+Settings::EcoTrigger Settings::ecoTrigger() const
+{
+    return optionalText("ecoTrigger") == QStringLiteral("lowPower") ? EcoTrigger::lowPower
+                                                                    : EcoTrigger::battery;
+}
+void Settings::setEcoTrigger(EcoTrigger trigger)
+{
+    setValue(QStringLiteral("ecoTrigger"),
+             trigger == EcoTrigger::lowPower ? QStringLiteral("lowPower") : QStringLiteral("battery"));
+}
+
+QString Settings::weatherCity() const
+{
+    return optionalText("weatherCity").value_or(QStringLiteral("sao-paulo"));
+}
+void Settings::setWeatherCity(const QString &city) { setValue(QStringLiteral("weatherCity"), city); }
+std::optional<double> Settings::weatherLatitude() const { return optionalNumber("weatherLatitude"); }
+std::optional<double> Settings::weatherLongitude() const { return optionalNumber("weatherLongitude"); }
+
+void Settings::setWeatherCoordinates(std::optional<double> latitude, std::optional<double> longitude)
+{
+    if (latitude)
+        setValue(QStringLiteral("weatherLatitude"), *latitude);
+    else
+        remove(QStringLiteral("weatherLatitude"));
+    if (longitude)
+        setValue(QStringLiteral("weatherLongitude"), *longitude);
+    else
+        remove(QStringLiteral("weatherLongitude"));
+}
+
+QString Settings::weatherServiceURL() const
+{
+    return optionalText("weatherServiceURL").value_or(QStringLiteral("https://api.open-meteo.com/"));
+}
+
+std::optional<QVariantMap> Settings::desktopSnapshot() const
+{
+    const QVariant v = store->value(QStringLiteral("desktopSnapshot"));
+    if (v.typeId() == QMetaType::QVariantMap)
+        return v.toMap();
+    return std::nullopt;
+}
+
+void Settings::setDesktopSnapshot(const std::optional<QVariantMap> &snapshot)
+{
+    if (snapshot)
+        setValue(QStringLiteral("desktopSnapshot"), *snapshot);
+    else
+        remove(QStringLiteral("desktopSnapshot"));
+}
+
+std::optional<QString> Settings::sceneCatalogETag() const { return optionalText("sceneCatalogETag"); }
+void Settings::setSceneCatalogETag(const std::optional<QString> &tag)
+{
+    if (tag)
+        setValue(QStringLiteral("sceneCatalogETag"), *tag);
+    else
+        remove(QStringLiteral("sceneCatalogETag"));
+}
+
+QString Settings::contentServiceURL() const
+{
+    QString url = optionalText("contentServiceURL").value_or(QStringLiteral("https://scenes.quelt.app/"));
+    if (!url.endsWith(QLatin1Char('/')))
+        url += QLatin1Char('/');
+    return url;
+}
+
+int Settings::fps() const
+{
+    const auto n = integerOf(store->value(QStringLiteral("fps")));
+    return int(std::clamp<qlonglong>(n.value_or(30), 15, 60));
+}
+
+double Settings::perfLogInterval() const { return optionalNumber("perfLogInterval").value_or(300.0); }
+
+std::optional<bool> Settings::labelMotionBlur() const
+{
+    const QVariant v = store->value(QStringLiteral("labelMotionBlur"));
+    if (isBool(v))
+        return v.toBool();
+    return std::nullopt;
+}
+
+QVariant Settings::showcase() const { return store->value(QStringLiteral("showcase")); }
+bool Settings::debugIgnoreOcclusion() const { return plainBool("debugIgnoreOcclusion", false); }
+bool Settings::debugSimulateNoMusic() const { return plainBool("debugSimulateNoMusic", false); }
+std::optional<QString> Settings::debugCoverArt() const { return optionalText("debugCoverArt"); }
+std::optional<QString> Settings::debugWeather() const { return optionalText("debugWeather"); }

@@ -1,0 +1,618 @@
+#include "core/delivery/SceneInstaller.h"
+
+#include "core/app/AppIdentity.h"
+#include "core/app/Log.h"
+#include "core/scene/SceneLocation.h"
+#include "core/delivery/SceneUnpacker.h"
+#include "core/app/Settings.h"
+
+#include <QCryptographicHash>
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QFutureWatcher>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QNetworkAccessManager>
+#include <QNetworkReply>
+#include <QSaveFile>
+#include <QThread>
+#include <QTimer>
+#include <QtConcurrent/QtConcurrentRun>
+
+namespace {
+
+const QString kScenes = QStringLiteral("Scenes");
+const QString kIncoming = QStringLiteral("Scenes.incoming");
+const QString kOld = QStringLiteral("Scenes.old");
+const QString kFramingIncoming = QStringLiteral("Framing.incoming");
+const QString kFramingOld = QStringLiteral("Framing.old");
+const QString kDownloads = QStringLiteral("Downloads");
+const QString kInstalledRecord = QStringLiteral(".installed.json");
+const QString kFramingsRecord = QStringLiteral(".framings.json");
+const QString kManifest = QStringLiteral("manifest.json");
+
+struct InstallError : std::runtime_error {
+    using std::runtime_error::runtime_error;
+    InstallError(const QString &message) : std::runtime_error(message.toStdString()) {}
+};
+
+// Runs `work` on the global pool and hands its error text (empty on success) to `then` on
+// `context`'s thread. `work` must not touch `context`.
+void inBackground(QObject *context, std::function<void()> work, std::function<void(QString)> then)
+{
+    auto *watcher = new QFutureWatcher<QString>(context);
+    QObject::connect(watcher, &QFutureWatcherBase::finished, context, [watcher, then] {
+        const QString error = watcher->result();
+        watcher->deleteLater();
+        then(error);
+    });
+    watcher->setFuture(QtConcurrent::run([work]() -> QString {
+        try {
+            work();
+            return {};
+        } catch (const std::exception &e) {
+            return QString::fromUtf8(e.what());
+        }
+    }));
+}
+
+QString sha256Of(const QString &path)
+{
+    QFile f(path);
+    if (!f.open(QIODevice::ReadOnly))
+        throw InstallError(QStringLiteral("não foi possível ler %1: %2").arg(path, f.errorString()));
+    QCryptographicHash hash(QCryptographicHash::Sha256);
+    if (!hash.addData(&f))
+        throw InstallError(QStringLiteral("erro ao ler %1").arg(path));
+    return QString::fromLatin1(hash.result().toHex());
+}
+
+void verifyDigest(const QString &path, const SceneCatalog::Entry &entry)
+{
+    const QString actual = sha256Of(path);
+    if (actual.compare(entry.sha256, Qt::CaseInsensitive) != 0)
+        throw InstallError(QStringLiteral("SHA-256 não confere em %1 (esperado %2, obtido %3)")
+                               .arg(entry.file, entry.sha256.toLower(), actual));
+}
+
+void removeTree(const QString &path)
+{
+    QFileInfo info(path);
+    if (info.isSymLink() || info.isFile())
+        QFile::remove(path);
+    else if (info.exists())
+        QDir(path).removeRecursively();
+}
+
+void renameOrThrow(const QString &from, const QString &to)
+{
+    if (!QDir().rename(from, to))
+        throw InstallError(QStringLiteral("não foi possível mover %1 para %2").arg(from, to));
+}
+
+void writeJson(const QString &path, const QJsonObject &object)
+{
+    QSaveFile f(path);
+    if (!f.open(QIODevice::WriteOnly))
+        throw InstallError(QStringLiteral("não foi possível gravar %1: %2").arg(path, f.errorString()));
+    f.write(QJsonDocument(object).toJson(QJsonDocument::Indented));
+    if (!f.commit())
+        throw InstallError(QStringLiteral("não foi possível gravar %1: %2").arg(path, f.errorString()));
+}
+
+// Unpacks a verified base package and swaps it in: "Scenes" is replaced by two renames, so at
+// every moment either it or "Scenes.old"/"Scenes.incoming" (complete, with its record) holds a
+// whole scene that recover() can put back.
+void installBaseFiles(const QString &root, const QString &package, const SceneCatalog::Entry &entry)
+{
+    const QString scenes = root + QLatin1Char('/') + kScenes;
+    const QString incoming = root + QLatin1Char('/') + kIncoming;
+    const QString old = root + QLatin1Char('/') + kOld;
+    removeTree(incoming);
+    if (!QDir().mkpath(incoming))
+        throw InstallError(QStringLiteral("não foi possível criar %1").arg(incoming));
+    try {
+        SceneUnpacker::unpack(package, incoming, SceneUnpacker::limitFor(entry));
+        if (!QFileInfo(incoming + QLatin1Char('/') + kManifest).isFile())
+            throw InstallError(QStringLiteral("pacote sem manifest.json"));
+        writeJson(incoming + QLatin1Char('/') + kInstalledRecord, entry.toJson());
+    } catch (...) {
+        removeTree(incoming);
+        throw;
+    }
+    removeTree(old);
+    const bool hadScene = QFileInfo::exists(scenes);
+    if (hadScene)
+        renameOrThrow(scenes, old);
+    if (!QDir().rename(incoming, scenes)) {
+        if (hadScene)
+            QDir().rename(old, scenes);
+        throw InstallError(QStringLiteral("não foi possível mover %1 para %2").arg(incoming, scenes));
+    }
+    removeTree(old);
+}
+
+// The framing's folder inside the staging folder: directly there, or inside its one real entry.
+QString findFramingFolder(const QString &incoming, const QString &name)
+{
+    const QString direct = incoming + QLatin1Char('/') + name;
+    if (QFileInfo(direct).isDir())
+        return direct;
+    QStringList kept;
+    for (const QString &entry : QDir(incoming).entryList(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden | QDir::System)) {
+        if (entry.startsWith(QLatin1Char('.')) || entry == QLatin1String("__MACOSX"))
+            continue;
+        kept.append(entry);
+    }
+    if (kept.size() == 1) {
+        const QString nested = incoming + QLatin1Char('/') + kept.first() + QLatin1Char('/') + name;
+        if (QFileInfo(nested).isDir())
+            return nested;
+    }
+    throw InstallError(QStringLiteral("pacote sem a pasta ") + name);
+}
+
+void installFramingFiles(const QString &root, const QString &name, const QList<SceneCatalog::Entry> &packages,
+                         const QString &baseDigest)
+{
+    const QString scenes = root + QLatin1Char('/') + kScenes;
+    const QString incoming = root + QLatin1Char('/') + kFramingIncoming;
+    const QString old = root + QLatin1Char('/') + kFramingOld;
+    const QString found = findFramingFolder(incoming, name);
+    const QString target = scenes + QLatin1Char('/') + name;
+    removeTree(old);
+    QDir().mkpath(old);
+    // The replaced folder keeps its name inside "Framing.old", so recover() knows where it goes.
+    const bool hadFraming = QFileInfo::exists(target);
+    if (hadFraming)
+        renameOrThrow(target, old + QLatin1Char('/') + name);
+    if (!QDir().rename(found, target)) {
+        if (hadFraming)
+            QDir().rename(old + QLatin1Char('/') + name, target);
+        throw InstallError(QStringLiteral("não foi possível mover %1 para %2").arg(found, target));
+    }
+    const QString recordPath = scenes + QLatin1Char('/') + kFramingsRecord;
+    QFile existing(recordPath);
+    QJsonObject record;
+    if (existing.open(QIODevice::ReadOnly))
+        record = QJsonDocument::fromJson(existing.readAll()).object();
+    QJsonArray list;
+    for (const SceneCatalog::Entry &e : packages)
+        list.append(QJsonObject{{QStringLiteral("id"), e.id}, {QStringLiteral("sha256"), e.sha256}});
+    record.insert(name, QJsonObject{{QStringLiteral("base_sha256"), baseDigest}, {QStringLiteral("packages"), list}});
+    writeJson(recordPath, record);
+    removeTree(old);
+    removeTree(incoming);
+}
+
+QString megabytes(qint64 bytes) { return QString::number(double(bytes) / 1e6, 'f', 1); }
+
+}  // namespace
+
+SceneInstaller::SceneInstaller(Settings &settings, Options opts, QObject *parent)
+    : QObject(parent), settings(settings), options(std::move(opts))
+{
+    rootPath = options.root.isEmpty() ? SceneLocation::supportDirectory() : options.root;
+    if (options.appVersion.isEmpty())
+        options.appVersion = AppIdentity::version();
+    if (!options.schedule) {
+        options.schedule = [this](std::chrono::seconds delay, std::function<void()> then) {
+            QTimer::singleShot(std::chrono::duration_cast<std::chrono::milliseconds>(delay), this, std::move(then));
+        };
+    }
+    network = std::make_unique<QNetworkAccessManager>();
+    network->setCookieJar(nullptr);
+    recover(rootPath);
+    // An empty "Scenes" gives the plates watcher a folder to watch before the first installation.
+    QDir().mkpath(scenesPath());
+    refreshDownloadable();
+}
+
+SceneInstaller::~SceneInstaller() = default;
+
+QString SceneInstaller::scenesPath() const { return rootPath + QLatin1Char('/') + kScenes; }
+QString SceneInstaller::downloadsPath() const { return rootPath + QLatin1Char('/') + kDownloads; }
+
+QString SceneInstaller::baseURL() const
+{
+    QString url = options.baseURL.isEmpty() ? settings.contentServiceURL() : options.baseURL;
+    if (!url.endsWith(QLatin1Char('/')))
+        url += QLatin1Char('/');
+    return url;
+}
+
+bool SceneInstaller::hasInstalledScene() const
+{
+    return QFileInfo(scenesPath() + QLatin1Char('/') + kManifest).isFile();
+}
+
+std::chrono::seconds SceneInstaller::retryDelay(int attempts)
+{
+    const int exponent = std::clamp(attempts, 0, 6);
+    return std::chrono::seconds(std::min<qint64>((qint64(1) << exponent) * 60, 3600));
+}
+
+void SceneInstaller::recover(const QString &root)
+{
+    const QString scenes = root + QLatin1Char('/') + kScenes;
+    const QString incoming = root + QLatin1Char('/') + kIncoming;
+    const QString old = root + QLatin1Char('/') + kOld;
+    const auto holdsScene = [](const QString &dir) { return QFileInfo(dir + QLatin1Char('/') + kManifest).isFile(); };
+
+    if (!holdsScene(scenes)) {
+        // "Scenes.incoming" is complete only once its record is written, after unpacking.
+        if (holdsScene(incoming) && QFileInfo(incoming + QLatin1Char('/') + kInstalledRecord).isFile()) {
+            removeTree(scenes);
+            if (QDir().rename(incoming, scenes))
+                Log::write(QStringLiteral("Cenas: instalação interrompida concluída a partir de ") + kIncoming);
+        } else if (holdsScene(old)) {
+            removeTree(scenes);
+            if (QDir().rename(old, scenes))
+                Log::write(QStringLiteral("Cenas: instalação interrompida, cena anterior restaurada de ") + kOld);
+        }
+    }
+    removeTree(incoming);
+    removeTree(old);
+
+    const QString framingOld = root + QLatin1Char('/') + kFramingOld;
+    if (QFileInfo(framingOld).isDir() && holdsScene(scenes)) {
+        for (const QString &name : QDir(framingOld).entryList(QDir::Dirs | QDir::NoDotAndDotDot)) {
+            const QString target = scenes + QLatin1Char('/') + name;
+            if (!QFileInfo::exists(target) && QDir().rename(framingOld + QLatin1Char('/') + name, target))
+                Log::write(QStringLiteral("Cenas: enquadramento ") + name + QStringLiteral(" restaurado de ") + kFramingOld);
+        }
+    }
+    removeTree(framingOld);
+    removeTree(root + QLatin1Char('/') + kFramingIncoming);
+}
+
+void SceneInstaller::setPhase(Phase phase)
+{
+    if (phase == currentPhase)
+        return;
+    currentPhase = std::move(phase);
+    emit phaseChanged();
+}
+
+void SceneInstaller::setNotice(const QString &text)
+{
+    if (noticeText == text)
+        return;
+    noticeText = text;
+    emit noticeChanged();
+}
+
+void SceneInstaller::sync()
+{
+    Q_ASSERT(QThread::currentThread() == thread());
+    if (busy)
+        return;
+    busy = true;
+    ++retryGeneration;
+    run();
+}
+
+void SceneInstaller::run()
+{
+    setPhase({Phase::checking});
+    fetchCatalog([this](std::optional<SceneCatalog> catalog, QString error) {
+        if (!catalog) {
+            runFailed(error);
+            return;
+        }
+        catalogArrived(*catalog);
+    });
+}
+
+void SceneInstaller::fetchCatalog(std::function<void(std::optional<SceneCatalog>, QString)> then)
+{
+    const QString cache = downloadsPath() + QStringLiteral("/catalog.json");
+    QNetworkRequest request(QUrl(baseURL() + QStringLiteral("v1/scenes/manifest")));
+    request.setHeader(QNetworkRequest::UserAgentHeader, QStringLiteral("Turnelo/") + AppIdentity::version());
+    request.setTransferTimeout(60 * 1000);
+    const auto tag = settings.sceneCatalogETag();
+    // Without the cache file a 304 would leave nothing to read, so the tag goes only with it.
+    if (tag && QFileInfo(cache).isFile())
+        request.setRawHeader("If-None-Match", tag->toLatin1());
+    QNetworkReply *reply = network->get(request);
+    connect(reply, &QNetworkReply::finished, this, [this, reply, cache, then] {
+        reply->deleteLater();
+        const QVariant code = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute);
+        if (!code.isValid()) {
+            then(std::nullopt, QStringLiteral("falha de rede ao buscar o catálogo: ") + reply->errorString());
+            return;
+        }
+        const int status = code.toInt();
+        try {
+            if (status == 304) {
+                QFile f(cache);
+                if (!f.open(QIODevice::ReadOnly))
+                    throw InstallError(QStringLiteral("catálogo em cache ilegível: ") + cache);
+                then(SceneCatalog::parse(f.readAll()), {});
+            } else if (status == 200) {
+                const QByteArray body = reply->readAll();
+                SceneCatalog catalog = SceneCatalog::parse(body);
+                QDir().mkpath(downloadsPath());
+                QSaveFile f(cache);
+                if (f.open(QIODevice::WriteOnly)) {
+                    f.write(body);
+                    f.commit();
+                }
+                const QByteArray etag = reply->rawHeader("ETag");
+                settings.setSceneCatalogETag(etag.isEmpty() ? std::nullopt : std::optional<QString>(QString::fromLatin1(etag)));
+                then(std::move(catalog), {});
+            } else {
+                QString text = QStringLiteral("HTTP %1 ao buscar o catálogo").arg(status);
+                if (reply->hasRawHeader("Retry-After"))
+                    text += QStringLiteral(" (Retry-After: %1)").arg(QString::fromLatin1(reply->rawHeader("Retry-After")));
+                then(std::nullopt, text);
+            }
+        } catch (const std::exception &e) {
+            then(std::nullopt, QString::fromUtf8(e.what()));
+        }
+    });
+}
+
+void SceneInstaller::catalogArrived(const SceneCatalog &catalog)
+{
+    lastCatalog = catalog;
+    const auto picked = catalog.pick(options.appVersion);
+    if (!picked) {
+        Log::write(QStringLiteral("Cenas: nenhuma cena compatível com ") + options.appVersion);
+        busy = false;
+        if (hasInstalledScene())
+            setPhase({Phase::ready});
+        else
+            setPhase({Phase::failed, 0, 0, QString::fromUtf8(kNoSceneText)});
+        refreshDownloadable();
+        return;
+    }
+    const auto installed = installedEntry();
+    if (hasInstalledScene() && installed && installed->sha256.compare(picked->sha256, Qt::CaseInsensitive) == 0) {
+        failures = 0;
+        busy = false;
+        setNotice({});
+        setPhase({Phase::ready});
+        refreshDownloadable();
+        return;
+    }
+
+    const SceneCatalog::Entry entry = *picked;
+    Log::write(QStringLiteral("Cenas: baixando %1 (%2 MB)").arg(entry.title, megabytes(entry.size)));
+    title = entry.title;
+    emit sceneTitleChanged();
+    setPhase({Phase::downloading, 0, entry.size});
+    download(
+        entry, [this](qint64 received, qint64 total) { setPhase({Phase::downloading, received, total}); },
+        [this, entry](const PackageDownload::Outcome &outcome) {
+            if (!outcome.ok) {
+                runFailed(outcome.message, outcome.userText);
+                return;
+            }
+            setPhase({Phase::verifying});
+            const QString file = outcome.file, downloads = downloadsPath();
+            inBackground(
+                this,
+                [file, entry, downloads] {
+                    try {
+                        verifyDigest(file, entry);
+                    } catch (...) {
+                        // A corrupt package is never continued: the next try starts from zero.
+                        PackageDownload::discard(downloads, entry);
+                        throw;
+                    }
+                },
+                [this, entry, file](const QString &error) {
+                    if (!error.isEmpty()) {
+                        runFailed(error);
+                        return;
+                    }
+                    installBase(entry, file);
+                });
+        });
+}
+
+void SceneInstaller::download(const SceneCatalog::Entry &entry, std::function<void(qint64, qint64)> progress,
+                              std::function<void(const PackageDownload::Outcome &)> then)
+{
+    auto *job = new PackageDownload(entry, downloadsPath(), baseURL(), this);
+    job->manager = network.get();
+    job->extraSpaceNeeded = entry.unpackedSize.value_or(entry.size);
+    if (options.freeSpace)
+        job->freeSpace = options.freeSpace;
+    job->onProgress = std::move(progress);
+    job->onRestart = [this] { setNotice(QString::fromUtf8(PackageDownload::kChangedOnServerText)); };
+    job->onFinished = [job, then](const PackageDownload::Outcome &outcome) {
+        job->deleteLater();
+        then(outcome);
+    };
+    job->start();
+}
+
+void SceneInstaller::installBase(const SceneCatalog::Entry &entry, const QString &package)
+{
+    setPhase({Phase::installing});
+    const QString root = rootPath, downloads = downloadsPath();
+    inBackground(
+        this, [root, package, entry] { installBaseFiles(root, package, entry); },
+        [this, entry, downloads](const QString &error) {
+            if (!error.isEmpty()) {
+                runFailed(error);
+                return;
+            }
+            PackageDownload::discard(downloads, entry);
+            failures = 0;
+            busy = false;
+            setNotice({});
+            setPhase({Phase::ready});
+            Log::write(QStringLiteral("Cenas: ") + entry.title + QStringLiteral(" instalada"));
+            if (onInstalled)
+                onInstalled();
+            refreshDownloadable();
+        });
+}
+
+void SceneInstaller::runFailed(const QString &logText, const QString &userText)
+{
+    Log::write(QStringLiteral("Cenas: falhou: ") + logText);
+    busy = false;
+    fail(userText.isEmpty() ? QString::fromUtf8(kFailedText) : userText, true);
+}
+
+void SceneInstaller::fail(const QString &message, bool transient)
+{
+    if (hasInstalledScene())
+        setPhase({Phase::ready});
+    else
+        setPhase({Phase::failed, 0, 0, message});
+    if (!transient)
+        return;
+    ++failures;
+    const std::chrono::seconds delay = retryDelay(failures);
+    Log::write(QStringLiteral("Cenas: nova tentativa em %1 s").arg(delay.count()));
+    const quint64 generation = ++retryGeneration;
+    QPointer<SceneInstaller> self(this);
+    options.schedule(delay, [self, generation] {
+        if (self && self->retryGeneration == generation)
+            self->sync();
+    });
+}
+
+std::optional<SceneCatalog::Entry> SceneInstaller::installedEntry() const
+{
+    QFile f(scenesPath() + QLatin1Char('/') + kInstalledRecord);
+    if (!f.open(QIODevice::ReadOnly))
+        return std::nullopt;
+    const QJsonDocument doc = QJsonDocument::fromJson(f.readAll());
+    if (!doc.isObject())
+        return std::nullopt;
+    try {
+        return SceneCatalog::Entry::fromJson(doc.object());
+    } catch (const SceneCatalog::ParseError &) {
+        return std::nullopt;
+    }
+}
+
+void SceneInstaller::refreshDownloadable()
+{
+    if (!lastCatalog) {
+        QFile cache(downloadsPath() + QStringLiteral("/catalog.json"));
+        if (cache.open(QIODevice::ReadOnly)) {
+            try {
+                lastCatalog = SceneCatalog::parse(cache.readAll());
+            } catch (const SceneCatalog::ParseError &) {
+            }
+        }
+    }
+    entries.clear();
+    sizes.clear();
+    downloadableNames.clear();
+    const auto installed = installedEntry();
+    if (lastCatalog && installed && hasInstalledScene()) {
+        entries = lastCatalog->framings(*installed, options.appVersion);
+        for (auto it = entries.cbegin(); it != entries.cend(); ++it) {
+            qint64 total = 0;
+            for (const SceneCatalog::Entry &e : it.value())
+                total += e.size;
+            sizes.insert(it.key(), total);
+            if (!QFileInfo(scenesPath() + QLatin1Char('/') + it.key()).isDir())
+                downloadableNames.insert(it.key());
+        }
+    }
+    emit framingsChanged();
+}
+
+void SceneInstaller::installFraming(const QList<SceneCatalog::Entry> &packages, const QString &name)
+{
+    Q_ASSERT(QThread::currentThread() == thread());
+    if (framingBusy)
+        return;
+    framingBusy = true;
+    failedFramings.remove(name);
+    qint64 total = 0;
+    for (const SceneCatalog::Entry &e : packages)
+        total += e.size;
+    Log::write(QStringLiteral("Cenas: baixando enquadramento %1 (%2 MB em %3 pacote(s))")
+                   .arg(name, megabytes(total))
+                   .arg(packages.size()));
+    framingProgress = FramingDownload{name, 0, total};
+    emit framingsChanged();
+    if (packages.isEmpty() || !hasInstalledScene() || !SceneCatalog::isSafeName(name)) {
+        framingFinished(name, packages.isEmpty() ? QStringLiteral("nenhum pacote para o enquadramento")
+                                                 : QStringLiteral("nenhuma cena instalada"));
+        return;
+    }
+    const QString incoming = rootPath + QLatin1Char('/') + kFramingIncoming;
+    removeTree(incoming);
+    QDir().mkpath(incoming);
+    installFramingStep(name, packages, 0, total);
+}
+
+void SceneInstaller::installFramingStep(const QString &name, QList<SceneCatalog::Entry> remaining, qint64 done,
+                                        qint64 total)
+{
+    const QString incoming = rootPath + QLatin1Char('/') + kFramingIncoming;
+    if (remaining.isEmpty()) {
+        const auto installed = installedEntry();
+        const QString root = rootPath, baseDigest = installed ? installed->sha256 : QString();
+        const QList<SceneCatalog::Entry> packages = framingPackages;
+        inBackground(
+            this, [root, name, packages, baseDigest] { installFramingFiles(root, name, packages, baseDigest); },
+            [this, name](const QString &error) { framingFinished(name, error); });
+        return;
+    }
+    const SceneCatalog::Entry entry = remaining.takeFirst();
+    framingPackages.append(entry);
+    download(
+        entry,
+        [this, name, done](qint64 received, qint64) {
+            if (framingProgress && framingProgress->name == name) {
+                framingProgress->received = done + received;
+                emit framingsChanged();
+            }
+        },
+        [this, name, entry, remaining, done, total, incoming](const PackageDownload::Outcome &outcome) {
+            if (!outcome.ok) {
+                framingFinished(name, outcome.message);
+                return;
+            }
+            const QString file = outcome.file, downloads = downloadsPath();
+            inBackground(
+                this,
+                [file, entry, incoming, downloads] {
+                    try {
+                        verifyDigest(file, entry);
+                    } catch (...) {
+                        PackageDownload::discard(downloads, entry);
+                        throw;
+                    }
+                    SceneUnpacker::unpack(file, incoming, SceneUnpacker::limitFor(entry));
+                    PackageDownload::discard(downloads, entry);
+                },
+                [this, name, remaining, done, total, entry](const QString &error) {
+                    if (!error.isEmpty()) {
+                        framingFinished(name, error);
+                        return;
+                    }
+                    installFramingStep(name, remaining, done + entry.size, total);
+                });
+        });
+}
+
+void SceneInstaller::framingFinished(const QString &name, const QString &error)
+{
+    framingPackages.clear();
+    if (!error.isEmpty()) {
+        Log::write(QStringLiteral("Cenas: falhou: enquadramento ") + name + QStringLiteral(": ") + error);
+        failedFramings.insert(name);
+        removeTree(rootPath + QLatin1Char('/') + kFramingIncoming);
+    } else {
+        refreshDownloadable();
+        Log::write(QStringLiteral("Cenas: enquadramento ") + name + QStringLiteral(" instalado"));
+    }
+    framingBusy = false;
+    framingProgress.reset();
+    emit framingsChanged();
+}

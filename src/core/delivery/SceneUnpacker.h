@@ -1,0 +1,32 @@
+#pragma once
+
+#include "core/delivery/SceneCatalog.h"
+
+#include <QString>
+#include <stdexcept>
+
+// Unpacks a scene package (a zip archive) into a folder, refusing anything that could write
+// outside it: absolute names, ".." components, symbolic links whose target leaves the folder,
+// hard links to names outside it, device files and FIFOs, and archives that unpack to more data
+// than allowed. libarchive's secure-extraction checks (no "..", never through a symbolic link)
+// guard every write as well; the absolute-name rule is applied to the names as stored, since
+// every entry is written below the folder's canonical path.
+//
+// Blocking; call from a worker thread for large packages. A refused archive may leave some
+// entries in the folder: callers unpack into a staging folder and drop it on failure.
+namespace SceneUnpacker {
+
+// `what()` is the text to log.
+struct Failure : std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
+
+// Largest number of unpacked bytes allowed for a package: its declared "unpacked_size" when the
+// catalog gives one, else 16 × its size + 64 MiB (plates are compressed already, so a real
+// package unpacks to about its own size; the multiple still leaves room for raw test plates).
+qint64 limitFor(const SceneCatalog::Entry &entry);
+
+// Returns the number of bytes written. Throws Failure.
+qint64 unpack(const QString &archive, const QString &folder, qint64 maxBytes);
+
+}  // namespace SceneUnpacker

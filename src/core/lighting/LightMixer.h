@@ -1,0 +1,77 @@
+#pragma once
+
+#include "core/scene/PlateManifest.h"
+
+#include <QDateTime>
+#include <QString>
+#include <array>
+#include <limits>
+#include <map>
+#include <optional>
+#include <vector>
+
+// Preset name → weight; never holds weights of 0.0001 or less.
+using Blend = std::map<QString, double>;
+
+// The light of the room as a weighted sum of presets: recipes per preset, the day's keyframes,
+// the clock blend and the 1.5 s cross-fade between blends. A plain value built once per loaded
+// scene; `value(at:)` runs every frame and stays a few map operations.
+class LightMixer {
+public:
+    struct Term {
+        QString plate;                   // plate file name without directory
+        std::array<double, 3> weight{};  // linear RGB factor
+    };
+    struct Preset {
+        std::vector<Term> recipe;
+        double vignette = 0;
+        double grain = 0;
+    };
+    struct Keyframe {
+        double minute = 0;  // after local midnight
+        QString preset;
+    };
+
+    LightMixer() = default;
+    explicit LightMixer(const PlateManifest &manifest);
+
+    std::map<QString, Preset> presets;
+    QStringList order;
+    std::vector<Keyframe> keyframes;
+    Blend current, from, to;
+    double transitionStart = -std::numeric_limits<double>::infinity();
+
+    // Weights for a wall-clock instant, in the date's own time zone.
+    Blend clockBlend(const QDateTime &date) const;
+    // The cross-faded blend at media time t (seconds).
+    Blend value(double t) const;
+    double vignette(const Blend &blend) const;
+    double grain(const Blend &blend) const;
+    // Largest per-key difference, a missing key counting as 0; 0 for two empty maps.
+    static double distance(const Blend &a, const Blend &b);
+
+    // What the room should show for the "lightPreset" mode: the named preset if the scene has
+    // it, the clock blend otherwise (including "auto").
+    Blend modeBlend(const QString &mode, const QDateTime &now) const;
+    // Starts a cross-fade to `target` at media time t; the first light is shown without a fade.
+    void startCrossFade(const Blend &target, double t);
+    // The 30-second tick in "auto": applies clock drift above 0.002 without a fade.
+    // Returns whether `current` changed.
+    bool tick(const QDateTime &now);
+    // Presets whose pre-mixes should be ready.
+    QStringList wantedPresets(const QString &mode, const QDateTime &now,
+                              const std::optional<Blend> &pending = std::nullopt) const;
+
+private:
+    // Σ weight × the preset's field; names the scene lacks add nothing.
+    double weighted(const Blend &blend, double Preset::*field) const;
+};
+
+// Small queries for the light section of the menu. Pure.
+namespace LightPresets {
+
+QString name(const QString &preset);
+QString current(const std::optional<PlateManifest> &manifest, const QString &mode, const QDateTime &date);
+std::optional<double> position(const std::optional<PlateManifest> &manifest, const QDateTime &date);
+
+}  // namespace LightPresets

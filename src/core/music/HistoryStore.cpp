@@ -1,0 +1,152 @@
+#include "core/music/HistoryStore.h"
+
+#include "core/music/AlbumHash.h"
+#include "core/scene/SceneLocation.h"
+#include "core/app/Settings.h"
+
+#include <QBuffer>
+#include <QColorSpace>
+#include <QDir>
+#include <QFile>
+#include <QImageWriter>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QSaveFile>
+
+namespace {
+
+QString indexName() { return QStringLiteral("index.json"); }
+
+}  // namespace
+
+HistoryStore::HistoryStore(const Settings &settings, QObject *parent)
+    : HistoryStore(settings, SceneLocation::supportDirectory() + QStringLiteral("/history"), parent)
+{
+}
+
+HistoryStore::HistoryStore(const Settings &settings, const QString &dir, QObject *parent)
+    : QObject(parent), settings(settings), folder(dir)
+{
+    QDir().mkpath(folder);
+    load();
+}
+
+void HistoryStore::load()
+{
+    list.clear();
+    QFile file(QDir(folder).filePath(indexName()));
+    if (!file.open(QIODevice::ReadOnly))
+        return;
+    const QJsonDocument doc = QJsonDocument::fromJson(file.readAll());
+    if (!doc.isArray())
+        return;
+    QList<Entry> decoded;
+    for (const QJsonValue &v : doc.array()) {
+        const QJsonObject o = v.toObject();
+        const QJsonValue album = o.value(QStringLiteral("album"));
+        const QJsonValue name = o.value(QStringLiteral("file"));
+        // One bad entry makes the whole index undecodable, as a typed decode would.
+        if (!v.isObject() || !album.isString() || !name.isString())
+            return;
+        decoded.append({album.toString(), name.toString()});
+    }
+    list = decoded;
+}
+
+void HistoryStore::save() const
+{
+    QJsonArray array;
+    for (const Entry &e : list)
+        array.append(QJsonObject{{QStringLiteral("album"), e.album},
+                                 {QStringLiteral("file"), e.file}});
+    QSaveFile file(QDir(folder).filePath(indexName()));
+    if (!file.open(QIODevice::WriteOnly))
+        return;
+    file.write(QJsonDocument(array).toJson(QJsonDocument::Compact));
+    file.commit();
+}
+
+QByteArray HistoryStore::encodeCover(const QImage &image)
+{
+    if (image.isNull())
+        return {};
+    const int side = std::min(std::max(image.width(), image.height()), maxSide);
+    QImage source = image;
+    // Pixels in another colour space are brought to sRGB before they are averaged by scaling.
+    if (source.colorSpace().isValid() && source.colorSpace() != QColorSpace::SRgb)
+        source.convertToColorSpace(QColorSpace::SRgb);
+    QImage square = source.convertToFormat(QImage::Format_RGB32)
+                        .scaled(side, side, Qt::IgnoreAspectRatio, Qt::SmoothTransformation);
+    square.setColorSpace(QColorSpace::SRgb);
+    QByteArray bytes;
+    QBuffer buffer(&bytes);
+    buffer.open(QIODevice::WriteOnly);
+    QImageWriter writer(&buffer, "jpeg");
+    writer.setQuality(85);
+    if (!writer.write(square))
+        return {};
+    return bytes;
+}
+
+void HistoryStore::record(const QImage &image, const QString &album)
+{
+    if (album.isEmpty())
+        return;
+    list.removeIf([&](const Entry &e) { return e.album == album; });
+
+    const QByteArray jpeg = encodeCover(image);
+    const QString name = albumCoverFileName(album);
+    if (!jpeg.isEmpty()) {
+        QSaveFile file(QDir(folder).filePath(name));
+        if (file.open(QIODevice::WriteOnly) && file.write(jpeg) == jpeg.size() && file.commit())
+            list.prepend({album, name});
+    }
+    cutToLimit();
+    save();
+}
+
+QImage HistoryStore::previous(const QString &excludingAlbum) const
+{
+    for (const Entry &e : list) {
+        if (e.album == excludingAlbum)
+            continue;
+        return QImage(QDir(folder).filePath(e.file));
+    }
+    return {};
+}
+
+void HistoryStore::cutToLimit()
+{
+    const int limit = std::max(1, settings.stackLimit());
+    while (list.size() > limit)
+        removeFile(list.takeLast().file);
+}
+
+void HistoryStore::trim()
+{
+    cutToLimit();
+    save();
+    emit changed();
+}
+
+void HistoryStore::clear()
+{
+    for (const Entry &e : std::as_const(list))
+        removeFile(e.file);
+    // Covers left behind by an index that could not be read go too.
+    const QStringList stray = QDir(folder).entryList({QStringLiteral("*.jpg")}, QDir::Files);
+    for (const QString &name : stray)
+        removeFile(name);
+    list.clear();
+    QFile::remove(QDir(folder).filePath(indexName()));
+    emit changed();
+}
+
+void HistoryStore::removeFile(const QString &name) const
+{
+    // Names come from our own index, but an edited index must not reach outside the folder.
+    if (name.isEmpty() || name.contains(QLatin1Char('/')) || name.startsWith(QLatin1Char('.')))
+        return;
+    QFile::remove(QDir(folder).filePath(name));
+}

@@ -1,0 +1,225 @@
+#include "core/scene/ImageDecoder.h"
+
+#include <ImfChannelList.h>
+#include <ImfFrameBuffer.h>
+#include <ImfHeader.h>
+#include <ImfInputFile.h>
+#include <ImfIO.h>
+#include <ImfThreading.h>
+#include <QThread>
+#include <QFile>
+#include <QFileInfo>
+#include <QImage>
+#include <QImageReader>
+#include <algorithm>
+#include <cstring>
+
+namespace ImageDecoder {
+
+Failure::Failure(const QString &description) : std::runtime_error(description.toStdString()) {}
+
+namespace {
+
+QString unreadable(const QString &path)
+{
+    return QStringLiteral("ImageIO não lê ") + QFileInfo(path).fileName()
+        + QStringLiteral(" (compressão DWAA? use ZIP/PIZ)");
+}
+
+void requireReadable(const QString &path)
+{
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly))
+        throw Failure(QStringLiteral("não achei ") + path);
+}
+
+constexpr uint16_t halfOne = 0x3C00;
+
+}  // namespace
+
+HalfImage decodeEXR(const QString &path)
+{
+    requireReadable(path);
+    // ZIP and PIZ decompress in line blocks that OpenEXR spreads over its own pool.
+    static const bool pool = [] {
+        Imf::setGlobalThreadCount(std::max(1, QThread::idealThreadCount()));
+        return true;
+    }();
+    (void)pool;
+    const QByteArray native = QFile::encodeName(path);
+    try {
+        Imf::InputFile file(native.constData());
+        const Imf::Header &header = file.header();
+        const Imf::ChannelList &channels = header.channels();
+        const auto isHalf = [&](const char *name) {
+            const Imf::Channel *c = channels.findChannel(name);
+            return c && c->type == Imf::HALF && c->xSampling == 1 && c->ySampling == 1;
+        };
+        const bool hasAlpha = channels.findChannel("A") != nullptr;
+        if (!isHalf("R") || !isHalf("G") || !isHalf("B") || (hasAlpha && !isHalf("A")))
+            throw Failure(QFileInfo(path).fileName() + QStringLiteral(": precisa ser EXR half RGB(A)"));
+
+        const Imath::Box2i window = header.dataWindow();
+        HalfImage image;
+        image.width = int64_t(window.max.x) - window.min.x + 1;
+        image.height = int64_t(window.max.y) - window.min.y + 1;
+        if (image.width <= 0 || image.height <= 0)
+            throw Failure(unreadable(path));
+        image.pixels.resize(size_t(image.width) * size_t(image.height) * 4);
+
+        const size_t xStride = 4 * sizeof(uint16_t);
+        const size_t yStride = xStride * size_t(image.width);
+        // OpenEXR addresses slices in data-window coordinates.
+        char *base = reinterpret_cast<char *>(image.pixels.data())
+            - ptrdiff_t(window.min.x) * ptrdiff_t(xStride) - ptrdiff_t(window.min.y) * ptrdiff_t(yStride);
+        Imf::FrameBuffer frame;
+        const char *names[] = {"R", "G", "B", "A"};
+        for (int c = 0; c < 4; ++c)
+            frame.insert(names[c], Imf::Slice(Imf::HALF, base + c * sizeof(uint16_t), xStride, yStride, 1, 1,
+                                              c == 3 ? 1.0 : 0.0));
+        file.setFrameBuffer(frame);
+        file.readPixels(window.min.y, window.max.y);
+        if (!hasAlpha)
+            for (size_t i = 3; i < image.pixels.size(); i += 4)
+                image.pixels[i] = halfOne;
+        return image;
+    } catch (const Failure &) {
+        throw;
+    } catch (const std::exception &) {
+        // Not an EXR, truncated, or a compression this reader lacks.
+        throw Failure(unreadable(path));
+    }
+}
+
+GrayImage decodeGray(const QString &path)
+{
+    requireReadable(path);
+    QImageReader reader(path);
+    QImage source = reader.read();
+    if (source.isNull())
+        throw Failure(unreadable(path));
+    if (source.format() != QImage::Format_Grayscale8)
+        source = source.convertToFormat(QImage::Format_Grayscale8);
+    GrayImage image;
+    image.width = source.width();
+    image.height = source.height();
+    image.pixels.resize(size_t(image.width) * size_t(image.height));
+    // QImage pads rows to 32 bits: copy row by row.
+    for (int y = 0; y < source.height(); ++y)
+        std::memcpy(image.pixels.data() + size_t(y) * size_t(image.width), source.constScanLine(y),
+                    size_t(image.width));
+    return image;
+}
+
+namespace {
+
+struct Box {
+    int64_t x0, y0, x1, y1;
+};
+
+// The content box widened by one pixel, or none when no pixel counts.
+template <typename Counts>
+std::optional<Box> contentBox(int64_t width, int64_t height, Counts counts)
+{
+    int64_t minX = width, minY = height, maxX = -1, maxY = -1;
+    for (int64_t y = 0; y < height; ++y) {
+        int64_t first = -1, last = -1;
+        for (int64_t x = 0; x < width; ++x) {
+            if (counts(y * width + x)) {
+                if (first < 0)
+                    first = x;
+                last = x;
+            }
+        }
+        if (first >= 0) {
+            minX = std::min(minX, first);
+            maxX = std::max(maxX, last);
+            minY = std::min(minY, y);
+            maxY = y;
+        }
+    }
+    if (maxX < 0)
+        return std::nullopt;
+    return Box{std::max<int64_t>(minX - 1, 0), std::max<int64_t>(minY - 1, 0), std::min(maxX + 1, width - 1),
+               std::min(maxY + 1, height - 1)};
+}
+
+template <typename Image, size_t Channels>
+Image cut(const Image &image, const Box &box)
+{
+    Image out;
+    out.width = box.x1 - box.x0 + 1;
+    out.height = box.y1 - box.y0 + 1;
+    out.pixels.resize(size_t(out.width) * size_t(out.height) * Channels);
+    const size_t row = size_t(out.width) * Channels;
+    for (int64_t y = 0; y < out.height; ++y)
+        std::copy_n(image.pixels.begin() + ((box.y0 + y) * image.width + box.x0) * Channels, row,
+                    out.pixels.begin() + y * row);
+    return out;
+}
+
+std::array<float, 4> rectOf(const Box &box, Origin origin)
+{
+    return {origin.x + float(box.x0), origin.y + float(box.y0), float(box.x1 - box.x0 + 1),
+            float(box.y1 - box.y0 + 1)};
+}
+
+// Bit patterns compared as unsigned numbers: negatives and NaN never count, +infinity does.
+bool inRange(uint16_t bits, uint16_t low) { return bits >= low && bits <= 0x7C00; }
+
+template <typename Counts>
+std::optional<CroppedHalf> cropHalf(const HalfImage &image, Origin origin, Counts counts)
+{
+    const auto box = contentBox(image.width, image.height, counts);
+    if (!box)
+        return std::nullopt;
+    return CroppedHalf{cut<HalfImage, 4>(image, *box), rectOf(*box, origin)};
+}
+
+template <typename Counts>
+std::optional<CroppedGray> cropGray(const GrayImage &image, Origin origin, Counts counts)
+{
+    const auto box = contentBox(image.width, image.height, counts);
+    if (!box)
+        return std::nullopt;
+    return CroppedGray{cut<GrayImage, 1>(image, *box), rectOf(*box, origin)};
+}
+
+}  // namespace
+
+std::optional<CroppedHalf> cropSprite(const HalfImage &image, Origin origin)
+{
+    const uint16_t *p = image.pixels.data();
+    return cropHalf(image, origin, [p](int64_t i) { return inRange(p[i * 4 + 3], 0x181A); });
+}
+
+std::optional<CroppedHalf> cropByChannel(const HalfImage &image, int channel, Origin origin)
+{
+    if (channel < 0 || channel > 3)
+        return std::nullopt;
+    const uint16_t *p = image.pixels.data();
+    return cropHalf(image, origin, [p, channel](int64_t i) { return inRange(p[i * 4 + channel], 0x141A); });
+}
+
+std::optional<CroppedHalf> cropAdditive(const HalfImage &image, Origin origin)
+{
+    const uint16_t *p = image.pixels.data();
+    return cropHalf(image, origin, [p](int64_t i) {
+        const uint16_t *px = p + i * 4;
+        return inRange(px[0], 0x101A) || inRange(px[1], 0x101A) || inRange(px[2], 0x101A);
+    });
+}
+
+std::optional<CroppedGray> cropShadow(const GrayImage &image, Origin origin)
+{
+    const uint8_t *p = image.pixels.data();
+    return cropGray(image, origin, [p](int64_t i) { return p[i] < 252; });
+}
+
+std::optional<CroppedGray> cropMask(const GrayImage &image)
+{
+    const uint8_t *p = image.pixels.data();
+    return cropGray(image, {}, [p](int64_t i) { return p[i] != 0; });
+}
+
+}  // namespace ImageDecoder

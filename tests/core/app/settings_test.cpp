@@ -1,0 +1,145 @@
+#include "core/app/Settings.h"
+#include "TestSupport.h"
+
+#include <QSignalSpy>
+#include <gtest/gtest.h>
+
+using namespace testsupport;
+using namespace std::chrono_literals;
+
+namespace {
+
+struct SettingsTest : ::testing::Test {
+    QTemporaryDir dir;
+    QString path() const { return dir.filePath("turnelo.json"); }
+};
+
+}  // namespace
+
+TEST_F(SettingsTest, EmptyStoreGivesEveryDefault)
+{
+    Settings s(path());
+    EXPECT_TRUE(s.showMenuBarIcon());
+    EXPECT_TRUE(s.showTurntable());
+    EXPECT_FALSE(s.allScreens());
+    EXPECT_EQ(s.framing(), "mid");
+    EXPECT_EQ(s.lightPreset(), "auto");
+    EXPECT_TRUE(s.steam() && s.fxRecord() && s.fxBounce() && s.fxWeather() && s.fxStack() && s.fxPanel());
+    EXPECT_EQ(s.stackLimit(), 6);
+    EXPECT_FALSE(s.musicSetupDone());
+    EXPECT_FALSE(s.onboardingDone());
+    EXPECT_TRUE(s.ecoMode());
+    EXPECT_EQ(s.ecoTrigger(), Settings::EcoTrigger::battery);
+    EXPECT_EQ(s.weatherCity(), "sao-paulo");
+    EXPECT_FALSE(s.weatherLatitude().has_value());
+    EXPECT_FALSE(s.desktopSnapshot().has_value());
+    EXPECT_FALSE(s.sceneCatalogETag().has_value());
+    EXPECT_EQ(s.fps(), 30);
+    EXPECT_EQ(s.perfLogInterval(), 300.0);
+    EXPECT_FALSE(s.labelMotionBlur().has_value());
+    EXPECT_FALSE(s.debugIgnoreOcclusion());
+    EXPECT_FALSE(s.debugWeather().has_value());
+}
+
+TEST_F(SettingsTest, ReadAsObjectRulesNeedARealBoolean)
+{
+    Settings s(path());
+    s.setValue("steam", "no");          // text is not a Boolean: the effect stays on
+    s.setValue("fxPanel", 0);           // nor is a number
+    s.setValue("fxRecord", false);
+    s.setValue("showTurntable", "false");
+    s.setValue("ecoMode", 0);
+    EXPECT_TRUE(s.steam());
+    EXPECT_TRUE(s.fxPanel());
+    EXPECT_FALSE(s.fxRecord());
+    EXPECT_TRUE(s.showTurntable());
+    EXPECT_TRUE(s.ecoMode());
+    s.setValue("perfLogInterval", "60");
+    EXPECT_EQ(s.perfLogInterval(), 300.0);
+    s.setValue("perfLogInterval", 60);
+    EXPECT_EQ(s.perfLogInterval(), 60.0);
+}
+
+TEST_F(SettingsTest, ClampsAndFallbacks)
+{
+    Settings s(path());
+    s.setValue("stackLimit", 0);
+    EXPECT_EQ(s.stackLimit(), 1);
+    s.setValue("stackLimit", -4);
+    EXPECT_EQ(s.stackLimit(), 1);
+    s.setValue("fps", 5);
+    EXPECT_EQ(s.fps(), 15);
+    s.setValue("fps", 120);
+    EXPECT_EQ(s.fps(), 60);
+    s.setValue("ecoTrigger", "whenever");
+    EXPECT_EQ(s.ecoTrigger(), Settings::EcoTrigger::battery);
+    s.setValue("ecoTrigger", "lowPower");
+    EXPECT_EQ(s.ecoTrigger(), Settings::EcoTrigger::lowPower);
+    s.setValue("screens", "everything");
+    EXPECT_FALSE(s.allScreens());
+    s.setAllScreens(true);
+    EXPECT_TRUE(s.allScreens());
+}
+
+TEST_F(SettingsTest, ValueTypesSurviveARestart)
+{
+    {
+        Settings s(path());
+        s.setValue("flag", true);
+        s.setValue("count", 7);
+        s.setValue("whole", 6.0);   // integral double must come back as a double
+        s.setValue("ratio", 0.25);
+        s.setValue("name", "noite");
+        s.setDesktopSnapshot(QVariantMap{{"CreateDesktop", true}, {"zoom", 2.0}, {"n", 3}});
+    }
+    // Another process reads the file afresh: the types must come from the file itself.
+    const auto typeOf = [&](const char *key) {
+        return runTool(builtTool("turnelo-defaults"), {"--file", path(), "read-type", key}).out.trimmed();
+    };
+    EXPECT_EQ(typeOf("flag"), "Type is boolean");
+    EXPECT_EQ(typeOf("count"), "Type is integer");
+    EXPECT_EQ(typeOf("whole"), "Type is float");
+    EXPECT_EQ(typeOf("ratio"), "Type is float");
+    EXPECT_EQ(typeOf("name"), "Type is string");
+    EXPECT_EQ(typeOf("desktopSnapshot"), "Type is dictionary");
+    const auto read = runTool(builtTool("turnelo-defaults"), {"--file", path(), "read", "desktopSnapshot"});
+    EXPECT_EQ(read.out.trimmed(), R"({"CreateDesktop":true,"n":3,"zoom":{"$real":2}})");
+
+    Settings s(path());
+    EXPECT_EQ(s.value("whole").toDouble(), 6.0);
+    ASSERT_TRUE(s.desktopSnapshot().has_value());
+    s.setDesktopSnapshot(std::nullopt);
+    EXPECT_FALSE(s.contains("desktopSnapshot"));
+}
+
+TEST_F(SettingsTest, ObservableKeysSignalOnlyRealChanges)
+{
+    Settings s(path());
+    QSignalSpy steam(&s, &Settings::steamChanged);
+    QSignalSpy framing(&s, &Settings::framingChanged);
+    s.setEffect("steam", false);
+    s.setEffect("steam", false);
+    s.setFraming("wide");
+    EXPECT_EQ(steam.count(), 1);
+    EXPECT_EQ(framing.count(), 1);
+}
+
+TEST_F(SettingsTest, WriteFromAnotherProcessIsObserved)
+{
+    Settings s(path());
+    s.setFraming("mid");
+    QSignalSpy preset(&s, &Settings::lightPresetChanged);
+    const auto tool = builtTool("turnelo-defaults");
+    const auto r = runTool(tool, {"--file", path(), "write", "lightPreset", "-string", "noite"});
+    ASSERT_EQ(r.exitCode, 0) << r.err.constData();
+    EXPECT_TRUE(waitUntil([&] { return preset.count() > 0; }, 5s));
+    EXPECT_EQ(s.lightPreset(), "noite");
+
+    const auto typed = runTool(tool, {"--file", path(), "write", "fps", "-int", "45"});
+    ASSERT_EQ(typed.exitCode, 0);
+    const auto type = runTool(tool, {"--file", path(), "read-type", "fps"});
+    EXPECT_EQ(type.out.trimmed(), "Type is integer");
+    const auto bad = runTool(tool, {"--file", path(), "write", "fps", "-int", "fast"});
+    EXPECT_EQ(bad.exitCode, 1);
+    EXPECT_FALSE(bad.err.isEmpty());
+}

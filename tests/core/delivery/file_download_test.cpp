@@ -1,0 +1,169 @@
+#include "NginxServer.h"
+#include "ScenePackages.h"
+#include "TestSupport.h"
+#include "core/delivery/FileDownload.h"
+
+#include <QElapsedTimer>
+#include <QNetworkAccessManager>
+#include <QTemporaryDir>
+#include <gtest/gtest.h>
+
+using namespace std::chrono_literals;
+using testsupport::readFile;
+using testsupport::waitUntil;
+
+namespace {
+
+struct Transfer {
+    FileDownload::Outcome outcome;
+    bool finished = false;
+    int progressCalls = 0;
+    qint64 lastProgress = -1;
+    double seconds = 0;
+};
+
+Transfer fetch(const QString &url, const QString &file, qint64 total, const QByteArray &range = {},
+               const QByteArray &ifRange = {}, std::function<void(FileDownload &, qint64)> duringProgress = {})
+{
+    Transfer t;
+    FileDownload download(file, total);
+    download.onProgress = [&](qint64 received) {
+        ++t.progressCalls;
+        t.lastProgress = received;
+        if (duringProgress)
+            duringProgress(download, received);
+    };
+    download.onFinished = [&](const FileDownload::Outcome &o) {
+        t.outcome = o;
+        t.finished = true;
+    };
+    QNetworkRequest request{QUrl(url)};
+    if (!range.isEmpty())
+        request.setRawHeader("Range", range);
+    if (!ifRange.isEmpty())
+        request.setRawHeader("If-Range", ifRange);
+    QElapsedTimer clock;
+    clock.start();
+    download.start(request);
+    EXPECT_TRUE(waitUntil([&] { return t.finished; }, 60s));
+    t.seconds = clock.elapsed() / 1000.0;
+    return t;
+}
+
+class FileDownloadTest : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        ASSERT_TRUE(server.start());
+        body = scenepackages::randomBytes(3 << 20, 7);
+        scenepackages::put(server.scenesDir() + "/plain.bin", body);
+        scenepackages::put(server.scenesDir() + "/slow-plain.bin", body);
+        scenepackages::put(server.scenesDir() + "/shifted-plain.bin", body);
+    }
+    QString url(const QString &name) const { return server.baseURL() + "v1/scenes/" + name; }
+    QString local(const QString &name) const { return tmp.path() + "/" + name; }
+
+    NginxServer server{QStringLiteral("2m")};
+    QTemporaryDir tmp;
+    QByteArray body;
+};
+
+TEST_F(FileDownloadTest, FullBodyReplacesTheFileAndReportsTheEntityTag)
+{
+    scenepackages::put(local("out"), QByteArray(5 << 20, 'x'));  // longer stale content
+    const Transfer t = fetch(url("plain.bin"), local("out"), body.size());
+    ASSERT_TRUE(t.outcome.result) << t.outcome.failure->message.toStdString();
+    EXPECT_EQ(t.outcome.result->status, 200);
+    EXPECT_TRUE(t.outcome.result->etag.has_value());
+    EXPECT_EQ(t.outcome.result->received, body.size());
+    EXPECT_TRUE(t.outcome.result->errorBody.isEmpty());
+    EXPECT_EQ(readFile(local("out")), body);
+    // Compression would make byte ranges meaningless; the request must ask for none.
+    ASSERT_EQ(server.accessLinesFor("plain.bin").size(), 1);
+    EXPECT_TRUE(server.accessLinesFor("plain.bin")[0].contains("ae=\"identity\""));
+}
+
+TEST_F(FileDownloadTest, PartialContentIsAppendedWhereTheFileEnds)
+{
+    const qint64 kept = 1234567;
+    scenepackages::put(local("out"), body.left(kept));
+    const Transfer t = fetch(url("plain.bin"), local("out"), body.size(), "bytes=" + QByteArray::number(kept) + "-");
+    ASSERT_TRUE(t.outcome.result);
+    EXPECT_EQ(t.outcome.result->status, 206);
+    EXPECT_EQ(t.outcome.result->received, body.size());
+    EXPECT_EQ(readFile(local("out")), body);
+    EXPECT_EQ(NginxServer::statusOf(server.accessLinesFor("plain.bin").last()), "206");
+}
+
+TEST_F(FileDownloadTest, PartialContentFromElsewhereEmptiesTheFileAsRefusedRange)
+{
+    scenepackages::put(local("out"), body.left(5000));
+    const Transfer t = fetch(url("shifted-plain.bin"), local("out"), body.size(), "bytes=5000-");
+    ASSERT_TRUE(t.outcome.result) << t.outcome.failure->message.toStdString();
+    EXPECT_EQ(t.outcome.result->status, 416);
+    EXPECT_EQ(QFileInfo(local("out")).size(), 0);
+}
+
+TEST_F(FileDownloadTest, FullAnswerToRangedRequestOverwritesThePartialFile)
+{
+    scenepackages::put(local("out"), QByteArray(1000, 'z'));
+    const Transfer t = fetch(url("plain.bin"), local("out"), body.size(), "bytes=1000-", "\"not-the-tag\"");
+    ASSERT_TRUE(t.outcome.result);
+    EXPECT_EQ(t.outcome.result->status, 200);
+    EXPECT_EQ(readFile(local("out")), body);
+}
+
+TEST_F(FileDownloadTest, ErrorBodyIsCappedAndRetryAfterKept)
+{
+    const Transfer t = fetch(url("missing-file.zip"), local("out"), 10);
+    ASSERT_TRUE(t.outcome.result);
+    EXPECT_EQ(t.outcome.result->status, 404);
+    EXPECT_EQ(t.outcome.result->retryAfter, QStringLiteral("120"));
+    const QByteArray &kept = t.outcome.result->errorBody;
+    EXPECT_EQ(kept.size(), FileDownload::kErrorBodyLimit);
+    EXPECT_EQ(kept, QByteArray(kept.size(), 'E'));
+    EXPECT_FALSE(QFileInfo::exists(local("out")));
+}
+
+TEST_F(FileDownloadTest, ProgressIsRateLimitedAndEndsAtTheBytesWritten)
+{
+    // 3 MiB at 2 MiB/s: about 1.5 s, so at most about eight reports.
+    const Transfer t = fetch(url("slow-plain.bin"), local("out"), body.size());
+    ASSERT_TRUE(t.outcome.result);
+    EXPECT_GE(t.seconds, 1.0);
+    EXPECT_GE(t.progressCalls, 3);
+    EXPECT_LE(t.progressCalls, int(t.seconds / 0.2) + 1);
+    EXPECT_GT(t.lastProgress, 0);
+    EXPECT_LE(t.lastProgress, body.size());
+}
+
+TEST_F(FileDownloadTest, DroppedConnectionFailsAndKeepsTheBytesWritten)
+{
+    const Transfer t = fetch(url("slow-plain.bin"), local("out"), body.size(), {}, {},
+                             [this](FileDownload &, qint64 received) {
+                                 if (received > 0)
+                                     server.stop();
+                             });
+    ASSERT_TRUE(t.outcome.failure);
+    const qint64 kept = QFileInfo(local("out")).size();
+    EXPECT_GT(kept, 0);
+    EXPECT_LT(kept, body.size());
+    EXPECT_EQ(readFile(local("out")), body.left(kept));
+    EXPECT_EQ(t.outcome.failure->received, kept);
+}
+
+TEST_F(FileDownloadTest, RefusedConnectionAndCancelAreFailures)
+{
+    server.stop();
+    Transfer t = fetch(url("plain.bin"), local("out"), body.size());
+    ASSERT_TRUE(t.outcome.failure);
+    EXPECT_EQ(t.outcome.failure->code, QNetworkReply::ConnectionRefusedError);
+
+    ASSERT_TRUE(server.start());
+    t = fetch(url("slow-plain.bin"), local("out2"), body.size(), {}, {},
+              [](FileDownload &d, qint64) { d.cancel(); });
+    ASSERT_TRUE(t.outcome.failure);
+    EXPECT_EQ(t.outcome.failure->code, QNetworkReply::OperationCanceledError);
+}
+
+}  // namespace

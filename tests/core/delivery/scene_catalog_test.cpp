@@ -1,0 +1,164 @@
+#include "core/delivery/SceneCatalog.h"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+using Entry = SceneCatalog::Entry;
+using Order = SceneCatalog::Order;
+
+Entry entry(const QString &id, const QString &file = QStringLiteral("room.zip"))
+{
+    Entry e;
+    e.id = id;
+    e.title = QStringLiteral("Room ") + id;
+    e.file = file;
+    e.size = 1000;
+    e.sha256 = QString(64, QLatin1Char('a'));
+    return e;
+}
+
+SceneCatalog catalogOf(const QList<Entry> &entries)
+{
+    SceneCatalog c;
+    c.version = 1;
+    c.scenes = entries;
+    return c;
+}
+
+bool usable(const Entry &e, const QString &version = QStringLiteral("1.9.3"))
+{
+    return !catalogOf({e}).usable(version).isEmpty();
+}
+
+TEST(SceneCatalog, ParsesEveryKeyAndRoundTrips)
+{
+    const QByteArray json = R"({"version":1,"scenes":[
+        {"id":"a","title":"Apartment","file":"apt-1.zip","size":123456789012,"sha256":"00ff","min_app_version":"1.2",
+         "scene":"apt","framing":"close","base":false,"unpacked_size":5},
+        {"id":"b","title":"B","file":"b.zip","size":1,"sha256":"x","extra":"ignored"}]})";
+    const SceneCatalog c = SceneCatalog::parse(json);
+    ASSERT_EQ(c.scenes.size(), 2);
+    const Entry &a = c.scenes[0];
+    EXPECT_EQ(a.size, 123456789012LL);
+    EXPECT_EQ(a.minAppVersion, QStringLiteral("1.2"));
+    EXPECT_EQ(a.scene, QStringLiteral("apt"));
+    EXPECT_EQ(a.framing, QStringLiteral("close"));
+    EXPECT_EQ(a.base, false);
+    EXPECT_EQ(a.unpackedSize, 5);
+    EXPECT_FALSE(c.scenes[1].base.has_value());
+    EXPECT_FALSE(c.scenes[1].minAppVersion.has_value());
+    EXPECT_EQ(SceneCatalog::parse(c.serialize()), c);
+    EXPECT_EQ(Entry::fromJson(a.toJson()), a);
+    EXPECT_FALSE(c.scenes[1].toJson().contains(QStringLiteral("base")));
+}
+
+TEST(SceneCatalog, RejectsOtherVersionsAndBrokenDocuments)
+{
+    try {
+        SceneCatalog::parse(R"({"version":2,"scenes":[]})");
+        FAIL() << "version 2 accepted";
+    } catch (const SceneCatalog::ParseError &e) {
+        EXPECT_EQ(e.description(), QStringLiteral("manifesto de cenas versão 2"));
+    }
+    EXPECT_THROW(SceneCatalog::parse("{not json"), SceneCatalog::ParseError);
+    EXPECT_THROW(SceneCatalog::parse(R"({"scenes":[]})"), SceneCatalog::ParseError);
+    EXPECT_THROW(SceneCatalog::parse(R"({"version":1})"), SceneCatalog::ParseError);
+    EXPECT_THROW(SceneCatalog::parse(R"({"version":1,"scenes":[{"id":"a","title":"t","file":"f","sha256":"x"}]})"),
+                 SceneCatalog::ParseError);  // no size
+    EXPECT_THROW(SceneCatalog::parse(R"({"version":1,"scenes":[{"id":"a","title":"t","file":"f","size":"9","sha256":"x"}]})"),
+                 SceneCatalog::ParseError);  // size as text
+    EXPECT_THROW(SceneCatalog::parse(R"({"version":1,"scenes":[{"id":"a","title":"t","file":"f","size":1.5,"sha256":"x"}]})"),
+                 SceneCatalog::ParseError);
+}
+
+TEST(SceneCatalog, ComparesVersionsPieceByPiece)
+{
+    EXPECT_EQ(SceneCatalog::compare("1.2", "1.2.0"), Order::same);
+    EXPECT_EQ(SceneCatalog::compare("1.10", "1.9"), Order::descending);
+    EXPECT_EQ(SceneCatalog::compare("1.9", "1.10"), Order::ascending);
+    EXPECT_EQ(SceneCatalog::compare("1.x", "1.0"), Order::same);
+    EXPECT_EQ(SceneCatalog::compare("2..0", "2.0"), Order::same);
+    EXPECT_EQ(SceneCatalog::compare("", "0"), Order::same);
+    EXPECT_EQ(SceneCatalog::compare("2.0", "1.9.3"), Order::descending);
+}
+
+TEST(SceneCatalog, LeavesOutEntriesWithUnsafeNamesSizesOrDigests)
+{
+    EXPECT_TRUE(usable(entry("ok", "room-1_2.v3.zip")));
+    for (const QString &bad : {QStringLiteral("a/b.zip"), QStringLiteral("../b.zip"), QStringLiteral(".hidden.zip"),
+                               QStringLiteral(""), QStringLiteral("a b.zip"), QString(129, QLatin1Char('a'))})
+        EXPECT_FALSE(usable(entry("x", bad))) << bad.toStdString();
+    EXPECT_TRUE(usable(entry("x", QString(128, QLatin1Char('a')))));
+
+    Entry e = entry("size");
+    e.size = 0;
+    EXPECT_FALSE(usable(e));
+    e = entry("short");
+    e.sha256 = QString(63, QLatin1Char('a'));
+    EXPECT_FALSE(usable(e));
+    e.sha256 = QString(63, QLatin1Char('a')) + QLatin1Char('g');
+    EXPECT_FALSE(usable(e));
+    e.sha256 = QString(32, QLatin1Char('A')) + QString(32, QLatin1Char('9'));
+    EXPECT_TRUE(usable(e));
+
+    e = entry("framing");
+    e.framing = QStringLiteral("../close");
+    EXPECT_FALSE(usable(e));
+    e.framing = QStringLiteral("close");
+    EXPECT_TRUE(usable(e));
+}
+
+TEST(SceneCatalog, MinimumVersionGatesEntries)
+{
+    Entry e = entry("v");
+    e.minAppVersion = QStringLiteral("2.0");
+    EXPECT_FALSE(usable(e, "1.9.3"));
+    e.minAppVersion = QStringLiteral("1.9.3");
+    EXPECT_TRUE(usable(e, "1.9.3"));
+    e.minAppVersion = QStringLiteral("1.x");
+    EXPECT_TRUE(usable(e, "1.0"));
+    EXPECT_FALSE(usable(e, "0.9"));
+}
+
+TEST(SceneCatalog, PicksFirstUsableBaseAndGroupsFramingsOfItsScene)
+{
+    Entry tooNew = entry("new", "new.zip");
+    tooNew.minAppVersion = QStringLiteral("9");
+    tooNew.scene = QStringLiteral("apt");
+    Entry addOn = entry("close1", "close-1.zip");  // base absent, framing set: an add-on
+    addOn.framing = QStringLiteral("close");
+    addOn.scene = QStringLiteral("apt");
+    Entry base = entry("apt", "apt.zip");
+    base.scene = QStringLiteral("apt");
+    Entry forcedBase = entry("forced", "forced.zip");
+    forcedBase.base = true;
+    forcedBase.framing = QStringLiteral("top");
+    Entry close2 = entry("close2", "close-2.zip");
+    close2.framing = QStringLiteral("close");
+    close2.scene = QStringLiteral("apt");
+    close2.base = false;
+    Entry otherScene = entry("other", "other.zip");
+    otherScene.framing = QStringLiteral("top");
+    otherScene.scene = QStringLiteral("loft");
+    Entry noScene = entry("noscene", "noscene.zip");
+    noScene.framing = QStringLiteral("mid");
+
+    const SceneCatalog c = catalogOf({tooNew, addOn, base, forcedBase, close2, otherScene, noScene});
+    EXPECT_EQ(c.pick("1.0")->id, QStringLiteral("apt"));
+    EXPECT_TRUE(forcedBase.isBase());
+    EXPECT_FALSE(addOn.isBase());
+
+    const auto framings = c.framings(base, "1.0");
+    ASSERT_EQ(framings.keys(), QStringList{QStringLiteral("close")});
+    ASSERT_EQ(framings["close"].size(), 2);
+    EXPECT_EQ(framings["close"][0].id, QStringLiteral("close1"));
+    EXPECT_EQ(framings["close"][1].id, QStringLiteral("close2"));
+    // Both scenes absent count as the same scene.
+    EXPECT_EQ(c.framings(forcedBase, "1.0").keys(), QStringList{QStringLiteral("mid")});
+
+    EXPECT_FALSE(catalogOf({addOn, close2}).pick("1.0").has_value());
+    EXPECT_FALSE(catalogOf({tooNew}).pick("1.0").has_value());
+}
+
+}  // namespace

@@ -1,0 +1,594 @@
+#include "NginxServer.h"
+#include "ScenePackages.h"
+#include "TestSupport.h"
+#include "core/app/Log.h"
+#include "core/delivery/PackageDownload.h"
+#include "core/scene/PlateManifest.h"
+#include "core/scene/PlatesWatcher.h"
+#include "core/delivery/SceneInstaller.h"
+#include "core/scene/SceneLocation.h"
+#include "core/delivery/SceneUnpacker.h"
+#include "core/app/Settings.h"
+
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QProcess>
+#include <QTemporaryDir>
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <signal.h>
+
+using namespace std::chrono_literals;
+using namespace scenepackages;
+using testsupport::readFile;
+using testsupport::spin;
+using testsupport::waitUntil;
+using Phase = SceneInstaller::Phase;
+
+namespace {
+
+// Support folder, log and settings of this process live in a private folder, set before any
+// of them is first computed.
+const std::string kHome = [] {
+    char pattern[] = "/tmp/turnelo-installer-test-XXXXXX";
+    const std::string dir = mkdtemp(pattern);
+    setenv("XDG_DATA_HOME", (dir + "/data").c_str(), 1);
+    setenv("XDG_STATE_HOME", (dir + "/state").c_str(), 1);
+    setenv("XDG_CONFIG_HOME", (dir + "/config").c_str(), 1);
+    unsetenv("TURNELO_SCENES_DIR");
+    return dir;
+}();
+
+std::optional<QString> scenarioAt(const QString &sceneRoot)
+{
+    try {
+        return PlateManifest::decode(readFile(sceneRoot + "/manifest.json")).scenario;
+    } catch (const std::exception &) {
+        return std::nullopt;
+    }
+}
+
+class SceneInstallerTest : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        ASSERT_TRUE(server.start());
+        settings = std::make_unique<Settings>(tmp.path() + "/settings.json");
+        settings->setValue("contentServiceURL", server.baseURL());
+        logStart = readFile(Log::path()).size();
+    }
+    void TearDown() override
+    {
+        installer.reset();
+        std::filesystem::remove_all(kHome + "/data");
+    }
+
+    SceneInstaller &make(QString rootPath = {}, std::function<qint64(const QString &)> freeSpace = {})
+    {
+        SceneInstaller::Options o;
+        o.root = rootPath.isEmpty() ? root() : rootPath;
+        o.schedule = [this](std::chrono::seconds delay, std::function<void()> then) {
+            scheduled.push_back({delay, std::move(then)});
+        };
+        o.freeSpace = std::move(freeSpace);
+        installer = std::make_unique<SceneInstaller>(*settings, o);
+        installer->onInstalled = [this] { ++installedCalls; };
+        return *installer;
+    }
+    void syncAndWait()
+    {
+        installer->sync();
+        ASSERT_TRUE(waitUntil([&] { return !installer->running(); }, 60s));
+    }
+    void fireRetry()
+    {
+        ASSERT_FALSE(scheduled.empty());
+        auto then = scheduled.back().second;
+        then();
+        ASSERT_TRUE(waitUntil([&] { return !installer->running(); }, 60s));
+    }
+    QString root() const { return tmp.path() + "/support"; }
+    QString scenes() const { return root() + "/Scenes"; }
+    QString newLog() const { return QString::fromUtf8(readFile(Log::path()).mid(logStart)); }
+
+    // A base package of `plateBytes` random bytes published as `file`; returns its entry.
+    SceneCatalog::Entry publishBase(const QString &file, const QString &scenario, qint64 plateBytes, quint32 seed = 1)
+    {
+        const QString folder = tmp.path() + "/src/" + scenario;
+        makeSceneFolder(folder, scenario, plateBytes, seed);
+        const QString zip = server.scenesDir() + "/" + file;
+        EXPECT_TRUE(writeZip(zip, entriesOf(folder)));
+        SceneCatalog::Entry e = entryFor(zip, scenario, "Apartment " + scenario);
+        e.scene = QStringLiteral("apt");
+        return e;
+    }
+    SceneCatalog::Entry publishZip(const QString &file, const std::vector<ZipEntry> &entries, const QString &id)
+    {
+        const QString zip = server.scenesDir() + "/" + file;
+        EXPECT_TRUE(writeZip(zip, entries));
+        SceneCatalog::Entry e = entryFor(zip, id, id);
+        e.scene = QStringLiteral("apt");
+        return e;
+    }
+    // nginx's entity tag is modification second and size: each catalog gets a later second so
+    // that two catalogs written within one second never share a tag.
+    void serve(const QList<SceneCatalog::Entry> &entries)
+    {
+        writeCatalog(server.scenesDir(), entries);
+        QFile f(server.scenesDir() + "/manifest");
+        f.open(QIODevice::ReadWrite);
+        f.setFileTime(QDateTime::currentDateTime().addSecs(++catalogSerial), QFileDevice::FileModificationTime);
+    }
+    // nginx writes quotes in its log as \x22.
+    static QString logged(QString header) { return header.replace("\"", "\\x22"); }
+
+    // Kills the server once the download of the running sync has reached half its size.
+    void cutHalfway()
+    {
+        bool cut = false;
+        auto connection = QObject::connect(installer.get(), &SceneInstaller::phaseChanged, [&] {
+            const Phase &p = installer->phase();
+            if (!cut && p.kind == Phase::downloading && p.total > 0 && p.received >= p.total / 2) {
+                cut = true;
+                server.stop();
+            }
+        });
+        syncAndWait();
+        QObject::disconnect(connection);
+        ASSERT_TRUE(cut);
+    }
+    QStringList packageLines(const QString &file) const { return server.accessLinesFor("/v1/scenes/" + file); }
+
+    NginxServer server{QStringLiteral("1m")};
+    QTemporaryDir tmp;
+    std::unique_ptr<Settings> settings;
+    std::unique_ptr<SceneInstaller> installer;
+    std::vector<std::pair<std::chrono::seconds, std::function<void()>>> scheduled;
+    int installedCalls = 0;
+    int catalogSerial = 0;
+    qint64 logStart = 0;
+};
+
+TEST_F(SceneInstallerTest, FirstSyncInstallsAndReloadsSecondCostsOneNotModified)
+{
+    const auto v1 = publishBase("apt-1.zip", "first", 200000);
+    serve({v1});
+    make(SceneLocation::supportDirectory());
+    int settled = 0;
+    PlatesWatcher watcher([&] { ++settled; }, 300);
+    EXPECT_FALSE(installer->hasInstalledScene());
+    syncAndWait();
+
+    EXPECT_EQ(installer->phase().kind, Phase::ready);
+    EXPECT_EQ(installer->sceneTitle(), QStringLiteral("Apartment first"));
+    EXPECT_EQ(installedCalls, 1);
+    EXPECT_TRUE(waitUntil([&] { return settled == 1; }, 10s));
+    const auto resolved = SceneLocation::resolve();
+    ASSERT_TRUE(resolved);
+    EXPECT_EQ(resolved->root, SceneLocation::installedRoot());
+    EXPECT_EQ(resolved->manifest.scenario, QStringLiteral("first"));
+    EXPECT_EQ(readFile(resolved->root + "/wide/light/sun.exr"), randomBytes(200000, 1));
+    const QJsonObject record = QJsonDocument::fromJson(readFile(resolved->root + "/.installed.json")).object();
+    EXPECT_EQ(SceneCatalog::Entry::fromJson(record), v1);
+    EXPECT_TRUE(newLog().contains("Cenas: baixando Apartment first (0.2 MB)"));
+    EXPECT_TRUE(newLog().contains("Cenas: Apartment first instalada"));
+    EXPECT_FALSE(QFileInfo::exists(SceneLocation::supportDirectory() + "/Downloads/apt-1.zip.part"));
+    EXPECT_TRUE(QFileInfo::exists(SceneLocation::supportDirectory() + "/Downloads/catalog.json"));
+    EXPECT_TRUE(settings->sceneCatalogETag().has_value());
+
+    syncAndWait();
+    EXPECT_EQ(installer->phase().kind, Phase::ready);
+    EXPECT_EQ(installedCalls, 1);
+    const QStringList catalogLines = server.accessLinesFor("/v1/scenes/manifest");
+    ASSERT_EQ(catalogLines.size(), 2);
+    EXPECT_EQ(NginxServer::statusOf(catalogLines[0]), "200");
+    EXPECT_EQ(NginxServer::statusOf(catalogLines[1]), "304");
+    EXPECT_TRUE(catalogLines[1].contains("inm=\"" + logged(*settings->sceneCatalogETag()) + "\""));
+    EXPECT_EQ(packageLines("apt-1.zip").size(), 1);
+    for (const QString &line : server.accessLines())
+        EXPECT_TRUE(line.contains("ua=\"Turnelo/0.1.0\"")) << line.toStdString();
+
+    // A new package on the server replaces the scene and the watcher reloads again.
+    spin(1100ms);  // a distinct modification second for the manifest
+    const auto v2 = publishBase("apt-2.zip", "second", 100000, 2);
+    serve({v2});
+    syncAndWait();
+    EXPECT_EQ(installedCalls, 2);
+    EXPECT_TRUE(waitUntil([&] { return settled == 2; }, 10s));
+    EXPECT_EQ(scenarioAt(SceneLocation::installedRoot()), QStringLiteral("second"));
+}
+
+TEST_F(SceneInstallerTest, DroppedDownloadResumesWithARangeRequest)
+{
+    const auto entry = publishBase("slow-apt.zip", "resumed", 3 << 20);
+    serve({entry});
+    make();
+    cutHalfway();
+
+    EXPECT_EQ(installer->phase().kind, Phase::failed);
+    EXPECT_EQ(installer->phase().message, QString::fromUtf8(SceneInstaller::kFailedText));
+    ASSERT_EQ(scheduled.size(), 1u);
+    EXPECT_EQ(scheduled[0].first, 120s);
+    EXPECT_TRUE(newLog().contains("Cenas: falhou: falha de rede ao baixar slow-apt.zip"));
+    EXPECT_TRUE(newLog().contains("Cenas: nova tentativa em 120 s"));
+    const QString part = root() + "/Downloads/slow-apt.zip.part";
+    const qint64 kept = QFileInfo(part).size();
+    EXPECT_GT(kept, 0);
+    EXPECT_LT(kept, entry.size);
+    const QJsonObject record = QJsonDocument::fromJson(readFile(part + ".json")).object();
+    EXPECT_EQ(record.value("sha256").toString(), entry.sha256);
+    const QString etag = record.value("etag").toString();
+    EXPECT_FALSE(etag.isEmpty());
+
+    ASSERT_TRUE(server.start());
+    fireRetry();
+    EXPECT_EQ(installer->phase().kind, Phase::ready);
+    const QString last = packageLines("slow-apt.zip").last();
+    EXPECT_EQ(NginxServer::statusOf(last), "206") << last.toStdString();
+    EXPECT_TRUE(last.contains(QStringLiteral("range=\"bytes=%1-\"").arg(kept))) << last.toStdString();
+    EXPECT_TRUE(last.contains("ifrange=\"" + logged(etag) + "\"")) << last.toStdString();
+    EXPECT_EQ(readFile(scenes() + "/wide/light/sun.exr"), randomBytes(3 << 20, 1));
+    EXPECT_FALSE(QFileInfo::exists(part));
+    EXPECT_FALSE(QFileInfo::exists(part + ".json"));
+    EXPECT_EQ(installer->attempts(), 0);
+}
+
+TEST_F(SceneInstallerTest, FileTouchedOnServerIsSentWholeInsteadOfSpliced)
+{
+    const auto entry = publishBase("slow-touched.zip", "touched", 3 << 20);
+    serve({entry});
+    make();
+    cutHalfway();
+    // Same bytes, new modification time: nginx's entity tag changes, If-Range no longer matches.
+    QFile served(server.scenesDir() + "/slow-touched.zip");
+    ASSERT_TRUE(served.open(QIODevice::ReadWrite));
+    ASSERT_TRUE(served.setFileTime(QDateTime::currentDateTime().addSecs(3600), QFileDevice::FileModificationTime));
+    served.close();
+    ASSERT_TRUE(server.start());
+    fireRetry();
+    EXPECT_EQ(installer->phase().kind, Phase::ready);
+    const QString last = packageLines("slow-touched.zip").last();
+    EXPECT_EQ(NginxServer::statusOf(last), "200") << last.toStdString();
+    EXPECT_TRUE(last.contains("range=\"bytes=")) << last.toStdString();
+    EXPECT_EQ(readFile(scenes() + "/wide/light/sun.exr"), randomBytes(3 << 20, 1));
+}
+
+TEST_F(SceneInstallerTest, PackageChangedOnServerRestartsFromZero)
+{
+    // No entity tag: the ranged request carries no If-Range, so a shorter file yields 416.
+    const auto entry = publishBase("noetag-apt.zip", "changed", 3 << 20);
+    serve({entry});
+    make();
+    cutHalfway();
+    const QString served = server.scenesDir() + "/noetag-apt.zip";
+    const QByteArray whole = readFile(served);
+    const qint64 quarter = whole.size() / 4;
+    put(served, whole.left(quarter));  // the publisher is still copying it
+    ASSERT_TRUE(server.start());
+    fireRetry();
+    EXPECT_TRUE(newLog().contains("Cenas: arquivo mudou no servidor (416), recomeçando"));
+    EXPECT_EQ(installer->notice(), QString::fromUtf8(PackageDownload::kChangedOnServerText));
+    EXPECT_TRUE(newLog().contains(QStringLiteral("download interrompido em %1 de %2 bytes").arg(quarter).arg(entry.size)))
+        << newLog().toStdString();
+    ASSERT_EQ(scheduled.size(), 2u);
+    EXPECT_EQ(scheduled[1].first, 240s);
+    const QStringList lines = packageLines("noetag-apt.zip");
+    // The cut request is never logged: nginx was killed before it ended.
+    ASSERT_GE(lines.size(), 2) << lines.join("\n").toStdString();
+    EXPECT_EQ(NginxServer::statusOf(lines[lines.size() - 2]), "416");
+    EXPECT_EQ(NginxServer::statusOf(lines.last()), "200");
+    EXPECT_TRUE(lines.last().contains("range=\"-\"") || lines.last().contains("range=\"\""));
+
+    put(served, whole);  // upload finished
+    fireRetry();
+    EXPECT_EQ(installer->phase().kind, Phase::ready);
+    EXPECT_EQ(NginxServer::statusOf(packageLines("noetag-apt.zip").last()), "206");
+    EXPECT_EQ(readFile(scenes() + "/wide/light/sun.exr"), randomBytes(3 << 20, 1));
+    EXPECT_TRUE(installer->notice().isEmpty());
+}
+
+TEST_F(SceneInstallerTest, BadPackagesLeaveTheInstalledSceneAndBackOff)
+{
+    const auto v1 = publishBase("apt-1.zip", "kept", 50000);
+    serve({v1});
+    make();
+    syncAndWait();
+    ASSERT_EQ(scenarioAt(scenes()), QStringLiteral("kept"));
+
+    auto corrupt = publishBase("apt-2.zip", "corrupt", 50000, 3);
+    corrupt.sha256 = QString(64, QLatin1Char('0'));
+    serve({corrupt});
+    syncAndWait();
+    EXPECT_EQ(installer->phase().kind, Phase::ready);  // the user keeps the room, no error shown
+    EXPECT_TRUE(newLog().contains("Cenas: falhou: SHA-256 não confere em apt-2.zip"));
+    EXPECT_TRUE(newLog().contains("Cenas: nova tentativa em 120 s"));
+    EXPECT_FALSE(QFileInfo::exists(root() + "/Downloads/apt-2.zip.part"));
+    EXPECT_EQ(scenarioAt(scenes()), QStringLiteral("kept"));
+
+    serve({publishZip("nomanifest.zip", {{"wide/light/sun.exr", "x", {}, false}}, "nomanifest")});
+    fireRetry();
+    EXPECT_EQ(installer->phase().kind, Phase::ready);
+    EXPECT_TRUE(newLog().contains("Cenas: falhou: pacote sem manifest.json"));
+    EXPECT_TRUE(newLog().contains("Cenas: nova tentativa em 240 s"));
+    EXPECT_EQ(scenarioAt(scenes()), QStringLiteral("kept"));
+    EXPECT_FALSE(QFileInfo::exists(root() + "/Scenes.incoming"));
+
+    server.stop();
+    fireRetry();
+    EXPECT_EQ(installer->phase().kind, Phase::ready);
+    EXPECT_TRUE(newLog().contains("Cenas: falhou: falha de rede ao buscar o catálogo"));
+    ASSERT_EQ(scheduled.size(), 3u);
+    EXPECT_EQ(scheduled[0].first, 120s);
+    EXPECT_EQ(scheduled[1].first, 240s);
+    EXPECT_EQ(scheduled[2].first, 480s);
+    EXPECT_EQ(installer->attempts(), 3);
+    EXPECT_EQ(SceneInstaller::retryDelay(4), 960s);
+    EXPECT_EQ(SceneInstaller::retryDelay(5), 1920s);
+    EXPECT_EQ(SceneInstaller::retryDelay(6), 3600s);
+    EXPECT_EQ(SceneInstaller::retryDelay(40), 3600s);
+
+    // A stale retry does nothing once a newer run has started and scheduled its own.
+    ASSERT_TRUE(server.start());
+    serve({publishBase("apt-3.zip", "third", 50000, 4)});
+    auto stale = scheduled[1].second;
+    fireRetry();
+    EXPECT_EQ(scenarioAt(scenes()), QStringLiteral("third"));
+    EXPECT_EQ(installer->attempts(), 0);
+    const int catalogRequests = server.accessLinesFor("/v1/scenes/manifest").size();
+    stale();
+    spin(300ms);
+    EXPECT_EQ(server.accessLinesFor("/v1/scenes/manifest").size(), catalogRequests);
+}
+
+TEST_F(SceneInstallerTest, HostileArchivesAreRefusedWithoutWritingOutside)
+{
+    const auto v1 = publishBase("apt-1.zip", "kept", 50000);
+    serve({v1});
+    make();
+    syncAndWait();
+    const QString outside = tmp.path() + "/outside";
+    QDir().mkpath(outside);
+    const QByteArray manifest = manifestJson("evil");
+
+    struct Case {
+        const char *file;
+        std::vector<ZipEntry> entries;
+        const char *logged;
+    };
+    const std::vector<Case> cases = {
+        {"dotdot.zip", {{"manifest.json", manifest, {}, false}, {"../escape.txt", "x", {}, false}}, "\"..\" no caminho"},
+        {"deep-dotdot.zip", {{"manifest.json", manifest, {}, false}, {"wide/../../escape.txt", "x", {}, false}}, "\"..\" no caminho"},
+        {"absolute.zip", {{"manifest.json", manifest, {}, false}, {outside + "/abs.txt", "x", {}, false}}, "caminho absoluto"},
+        {"link-out.zip", {{"manifest.json", manifest, {}, false}, {"wide/out", {}, outside, false}}, "link para fora da pasta"},
+        {"link-up.zip", {{"manifest.json", manifest, {}, false}, {"wide/up", {}, "../../outside", false}}, "link para fora da pasta"},
+        {"link-through-link.zip",
+         {{"manifest.json", manifest, {}, false}, {"here", {}, ".", false}, {"up", {}, "here/..", false}},
+         "link para fora da pasta"},
+        {"write-through-link.zip",
+         {{"manifest.json", manifest, {}, false}, {"inner", {}, "wide", false}, {"wide/x", "x", {}, false}, {"inner/y", "y", {}, false}},
+         "descompactação falhou"},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.file);
+        serve({publishZip(c.file, c.entries, c.file)});
+        syncAndWait();
+        EXPECT_EQ(installer->phase().kind, Phase::ready);
+        EXPECT_EQ(scenarioAt(scenes()), QStringLiteral("kept"));
+        EXPECT_TRUE(newLog().contains(QString::fromUtf8(c.logged))) << newLog().toStdString();
+        EXPECT_TRUE(QDir(outside).isEmpty());
+        EXPECT_FALSE(QFileInfo::exists(tmp.path() + "/escape.txt"));
+        EXPECT_FALSE(QFileInfo::exists(root() + "/escape.txt"));
+        EXPECT_FALSE(QFileInfo::exists(root() + "/Scenes.incoming"));
+    }
+}
+
+TEST_F(SceneInstallerTest, UnpackerKeepsInnerLinksAndEnforcesTheSizeBound)
+{
+    const QString zip = tmp.path() + "/inner.zip";
+    ASSERT_TRUE(writeZip(zip, {{"manifest.json", "{}", {}, false},
+                               {"wide/light/sun.exr", QByteArray(1000, 's'), {}, false},
+                               {"wide/sun-alias.exr", {}, "light/sun.exr", false}}));
+    const QString into = tmp.path() + "/into";
+    QDir().mkpath(into);
+    EXPECT_EQ(SceneUnpacker::unpack(zip, into, 1002), 1002);
+    EXPECT_EQ(QFileInfo(into + "/wide/sun-alias.exr").symLinkTarget(), QFileInfo(into + "/wide/light/sun.exr").canonicalFilePath());
+
+    QDir(into).removeRecursively();
+    QDir().mkpath(into);
+    try {
+        SceneUnpacker::unpack(zip, into, 1001);
+        FAIL() << "bound not enforced";
+    } catch (const SceneUnpacker::Failure &e) {
+        EXPECT_TRUE(QString::fromUtf8(e.what()).contains("pacote maior que o permitido"));
+    }
+
+    SceneCatalog::Entry e;
+    e.size = 1000;
+    EXPECT_EQ(SceneUnpacker::limitFor(e), 16000 + (64 << 20));
+    e.unpackedSize = 5000;
+    EXPECT_EQ(SceneUnpacker::limitFor(e), 5000);
+
+    put(tmp.path() + "/notzip.zip", "this is not an archive");
+    EXPECT_THROW(SceneUnpacker::unpack(tmp.path() + "/notzip.zip", into, 1 << 20), SceneUnpacker::Failure);
+}
+
+TEST_F(SceneInstallerTest, NoCompatibleSceneIsNotRetried)
+{
+    auto entry = publishBase("apt-9.zip", "future", 1000);
+    entry.minAppVersion = QStringLiteral("99.0");
+    serve({entry});
+    make();
+    syncAndWait();
+    EXPECT_EQ(installer->phase().kind, Phase::failed);
+    EXPECT_EQ(installer->phase().message, QString::fromUtf8(SceneInstaller::kNoSceneText));
+    EXPECT_TRUE(newLog().contains("Cenas: nenhuma cena compatível com 0.1.0"));
+    EXPECT_TRUE(scheduled.empty());
+    EXPECT_TRUE(packageLines("apt-9.zip").isEmpty());
+}
+
+TEST_F(SceneInstallerTest, TooLittleDiskSpaceStopsBeforeDownloading)
+{
+    const auto entry = publishBase("apt-1.zip", "big", 3000000);
+    serve({entry});
+    make({}, [](const QString &) { return qint64(1000000); });
+    syncAndWait();
+    EXPECT_EQ(installer->phase().kind, Phase::failed);
+    // Package plus its unpacked estimate (the package size again), less what is free.
+    const qint64 missing = 2 * entry.size - 1000000;
+    EXPECT_EQ(installer->phase().message,
+              "Not enough disk space for the room. Free up " + PackageDownload::formatBytes(missing));
+    EXPECT_EQ(PackageDownload::formatBytes(missing), QStringLiteral("6 MB"));
+    EXPECT_EQ(PackageDownload::formatBytes(2500000000LL), QStringLiteral("2.5 GB"));
+    EXPECT_TRUE(packageLines("apt-1.zip").isEmpty());
+    ASSERT_EQ(scheduled.size(), 1u);
+}
+
+TEST_F(SceneInstallerTest, FramingsInstallBesideTheBaseAndFailAlone)
+{
+    const auto base = publishBase("apt-1.zip", "base", 10000);
+    auto framing = [](SceneCatalog::Entry e, const QString &name) {
+        e.framing = name;
+        e.base = false;
+        return e;
+    };
+    const auto close1 = framing(publishZip("close-1.zip", {{"close/light/a.exr", "A", {}, false},
+                                                            {"__MACOSX/close/light/._a.exr", "junk", {}, false}}, "close1"), "close");
+    const auto close2 = framing(publishZip("close-2.zip", {{"close/light/b.exr", "B", {}, false}}, "close2"), "close");
+    const auto top = framing(publishZip("top.zip", {{"__MACOSX/._wrap", "junk", {}, false},
+                                                    {".DS_Store", "junk", {}, false},
+                                                    {"wrap/top/light/t.exr", "T", {}, false}}, "top"), "top");
+    const auto mid = framing(publishZip("mid.zip", {{"elsewhere/light/m.exr", "M", {}, false}}, "mid"), "mid");
+    serve({base, close1, top, close2, mid});
+    make();
+    syncAndWait();
+    ASSERT_EQ(installer->phase().kind, Phase::ready);
+    EXPECT_EQ(installer->downloadable(), (QSet<QString>{"close", "top", "mid"}));
+    EXPECT_EQ(installer->framingSizes().value("close"), close1.size + close2.size);
+    ASSERT_EQ(installer->framingEntries().value("close").size(), 2);
+
+    qint64 lastReceived = -1;
+    QObject::connect(installer.get(), &SceneInstaller::framingsChanged, [&] {
+        if (installer->framingDownload())
+            lastReceived = installer->framingDownload()->received;
+    });
+    for (const QString &name : {QStringLiteral("close"), QStringLiteral("top"), QStringLiteral("mid")}) {
+        installer->installFraming(installer->framingEntries().value(name), name);
+        ASSERT_TRUE(waitUntil([&] { return !installer->framingRunning(); }, 30s));
+    }
+    EXPECT_EQ(readFile(scenes() + "/close/light/a.exr"), "A");
+    EXPECT_EQ(readFile(scenes() + "/close/light/b.exr"), "B");
+    EXPECT_EQ(readFile(scenes() + "/top/light/t.exr"), "T");
+    EXPECT_FALSE(QFileInfo::exists(scenes() + "/mid"));
+    EXPECT_FALSE(QFileInfo::exists(scenes() + "/__MACOSX"));
+    EXPECT_EQ(installer->framingFailed(), QSet<QString>{"mid"});
+    EXPECT_EQ(installer->downloadable(), QSet<QString>{"mid"});
+    EXPECT_FALSE(installer->framingDownload().has_value());
+    EXPECT_EQ(scenarioAt(scenes()), QStringLiteral("base"));
+    const QJsonObject record = QJsonDocument::fromJson(readFile(scenes() + "/.framings.json")).object();
+    EXPECT_EQ(record.keys(), (QStringList{"close", "top"}));
+    EXPECT_EQ(record.value("close").toObject().value("base_sha256").toString(), base.sha256);
+    const QString log = newLog();
+    EXPECT_TRUE(log.contains("Cenas: baixando enquadramento close (0.0 MB em 2 pacote(s))"));
+    EXPECT_TRUE(log.contains("Cenas: enquadramento close instalado"));
+    EXPECT_TRUE(log.contains("Cenas: enquadramento top instalado"));
+    EXPECT_TRUE(log.contains("pacote sem a pasta mid"));
+    EXPECT_FALSE(QFileInfo::exists(root() + "/Framing.incoming"));
+    EXPECT_FALSE(QFileInfo::exists(root() + "/Framing.old"));
+    EXPECT_TRUE(scheduled.empty());  // framing failures are the tile's business, not retried
+}
+
+TEST(SceneInstallerRecovery, PutsBackAWholeSceneFromEveryInterruptedState)
+{
+    QTemporaryDir tmp;
+    const QString root = tmp.path();
+    const auto scene = [&](const QString &dir, const QString &scenario, bool withRecord) {
+        put(root + "/" + dir + "/manifest.json", manifestJson(scenario));
+        if (withRecord)
+            put(root + "/" + dir + "/.installed.json", "{}");
+    };
+    const auto leftovers = [&] {
+        return QFileInfo::exists(root + "/Scenes.incoming") || QFileInfo::exists(root + "/Scenes.old")
+            || QFileInfo::exists(root + "/Framing.incoming") || QFileInfo::exists(root + "/Framing.old");
+    };
+
+    // Killed while unpacking: the staging folder is incomplete, the old scene is in place.
+    scene("Scenes", "old", true);
+    put(root + "/Scenes.incoming/wide/light/half.exr", "partial");
+    SceneInstaller::recover(root);
+    EXPECT_EQ(scenarioAt(root + "/Scenes"), QStringLiteral("old"));
+    EXPECT_FALSE(leftovers());
+
+    // Killed between the two renames: the complete new scene wins.
+    QDir(root + "/Scenes").removeRecursively();
+    scene("Scenes.old", "old", true);
+    scene("Scenes.incoming", "new", true);
+    SceneInstaller::recover(root);
+    EXPECT_EQ(scenarioAt(root + "/Scenes"), QStringLiteral("new"));
+    EXPECT_FALSE(leftovers());
+
+    // Killed after moving the old scene away while the new one lacked its record.
+    QDir(root + "/Scenes").removeRecursively();
+    scene("Scenes.old", "old", true);
+    scene("Scenes.incoming", "new", false);
+    SceneInstaller::recover(root);
+    EXPECT_EQ(scenarioAt(root + "/Scenes"), QStringLiteral("old"));
+    EXPECT_FALSE(leftovers());
+
+    // Killed while swapping a framing: the replaced framing folder goes back.
+    put(root + "/Framing.old/close/light/a.exr", "A");
+    put(root + "/Framing.incoming/close/light/b.exr", "B");
+    SceneInstaller::recover(root);
+    EXPECT_EQ(readFile(root + "/Scenes/close/light/a.exr"), "A");
+    EXPECT_FALSE(leftovers());
+}
+
+TEST_F(SceneInstallerTest, KilledMidInstallLeavesALoadableSceneOnTheNextStart)
+{
+    const QString tool = testsupport::builtTool("turnelo-sync");
+    ASSERT_TRUE(QFileInfo(tool).isExecutable()) << tool.toStdString();
+    serve({publishBase("apt-1.zip", "old", 200000)});
+    make();
+    syncAndWait();
+    installer.reset();
+    // Big enough that unpacking and swapping take a while.
+    serve({publishBase("apt-2.zip", "new", 48 << 20, 9)});
+
+    QStringList seen;
+    for (int delayMs : {0, 5, 20, 60, 150, 400}) {
+        SCOPED_TRACE(delayMs);
+        QProcess child;
+        child.start(tool, {"--root", root(), "--url", server.baseURL(), "--settings", tmp.path() + "/child.json"});
+        ASSERT_TRUE(child.waitForStarted());
+        // The download is done once staging begins; kill somewhere after that.
+        const bool staging = waitUntil([&] {
+            return QFileInfo::exists(root() + "/Scenes.incoming") || child.state() == QProcess::NotRunning;
+        }, 60s);
+        ASSERT_TRUE(staging);
+        QThread::msleep(delayMs);
+        ::kill(pid_t(child.processId()), SIGKILL);
+        child.waitForFinished();
+
+        make();  // the next start
+        const auto scenario = scenarioAt(scenes());
+        ASSERT_TRUE(scenario.has_value()) << "no loadable scene";
+        seen.append(*scenario);
+        EXPECT_FALSE(QFileInfo::exists(root() + "/Scenes.incoming"));
+        EXPECT_FALSE(QFileInfo::exists(root() + "/Scenes.old"));
+        installer.reset();
+        if (*scenario == QLatin1String("new")) {
+            // Start again from the old scene to probe later kill points as well.
+            QDir(scenes()).removeRecursively();
+            makeSceneFolder(scenes(), "old", 100, 1);
+            put(scenes() + "/.installed.json", "{}");
+        }
+    }
+    EXPECT_TRUE(seen.contains("old"));
+    // Whatever was seen, the next full run completes the update.
+    make();
+    syncAndWait();
+    EXPECT_EQ(scenarioAt(scenes()), QStringLiteral("new"));
+}
+
+}  // namespace

@@ -1,0 +1,170 @@
+#include "core/environment/DesktopCleaner.h"
+#include "core/app/Log.h"
+#include "core/environment/MacDesktopLayout.h"
+#include "core/environment/ProcessLauncher.h"
+#include "core/app/Settings.h"
+#include "TestSupport.h"
+
+#include <QFileInfo>
+#include <gtest/gtest.h>
+#include <map>
+
+using namespace testsupport;
+
+namespace {
+
+// macOS's defaults database has no stand-in on Linux: a plain map holds the four keys, with
+// the Finder/WindowManager table and restart commands of the Apple back end.
+struct MacDefaults : DesktopPreferences {
+    std::map<QString, QVariant> &store;
+    int writes = 0;
+    explicit MacDefaults(std::map<QString, QVariant> &store) : store(store) {}
+    static QString name(const Setting &s) { return s.domain + ' ' + s.key; }
+    const Layout &layout() const override { return macDesktopLayout(); }
+    std::optional<QVariant> read(const Setting &s) override
+    {
+        const auto it = store.find(name(s));
+        return it == store.end() ? std::nullopt : std::optional(it->second);
+    }
+    void write(const Setting &s, const QVariant &value) override
+    {
+        ++writes;
+        store[name(s)] = value;
+    }
+    void remove(const Setting &s) override
+    {
+        ++writes;
+        store.erase(name(s));
+    }
+};
+
+struct RecordingLauncher : ProcessLauncher {
+    QStringList commands;
+    std::optional<QString> run(const QString &program, const QStringList &arguments) override
+    {
+        commands.append((QStringList{program} + arguments).join(' '));
+        return std::nullopt;
+    }
+};
+
+const QString finder = "com.apple.finder CreateDesktop";
+const QString hideIcons = "com.apple.WindowManager StandardHideDesktopIcons";
+const QString hideWidgets = "com.apple.WindowManager StandardHideWidgets";
+const QString clickToShow = "com.apple.WindowManager EnableStandardClickToShowDesktop";
+const QString killFinder = "/usr/bin/killall Finder";
+const QString killWindowManager = "/usr/bin/killall WindowManager";
+
+struct DesktopCleanerTest : ::testing::Test {
+    static void SetUpTestSuite()
+    {
+        static QTemporaryDir state;
+        qputenv("XDG_STATE_HOME", state.path().toUtf8());
+    }
+
+    QTemporaryDir dir;
+    Settings settings{dir.filePath("turnelo.json")};
+    std::map<QString, QVariant> store;
+    MacDefaults *defaults = nullptr;
+    RecordingLauncher launcher;
+    std::unique_ptr<DesktopCleaner> cleaner;
+
+    void makeCleaner()
+    {
+        auto prefs = std::make_unique<MacDefaults>(store);
+        defaults = prefs.get();
+        cleaner = std::make_unique<DesktopCleaner>(settings, std::move(prefs), launcher);
+        cleaner->reload();
+    }
+
+    static QString lastLogLine()
+    {
+        const auto lines = QString::fromUtf8(readFile(Log::path())).split('\n', Qt::SkipEmptyParts);
+        return lines.isEmpty() ? QString() : lines.last();
+    }
+};
+
+}  // namespace
+
+TEST_F(DesktopCleanerTest, FreshSystemWithEverythingOffStaysUntouched)
+{
+    makeCleaner();
+    EXPECT_EQ(cleaner->current(), DesktopCleaner::Desired{});
+    cleaner->apply({});
+    EXPECT_TRUE(store.empty());
+    EXPECT_EQ(defaults->writes, 0);
+    EXPECT_TRUE(launcher.commands.isEmpty());
+    EXPECT_TRUE(lastLogLine().endsWith("(reiniciou [])"));
+    // The snapshot is taken all the same, recording that nothing was set.
+    ASSERT_TRUE(settings.desktopSnapshot().has_value());
+    EXPECT_FALSE(settings.desktopSnapshot()->value("com.apple.WindowManager").toMap()
+                     .value("StandardHideWidgets").toMap().value("exists").toBool());
+}
+
+TEST_F(DesktopCleanerTest, EachChoiceRestartsOnlyTheDomainsItChanged)
+{
+    makeCleaner();
+    cleaner->apply({false, true, false});
+    EXPECT_EQ(store, (std::map<QString, QVariant>{{hideWidgets, true}}));
+    EXPECT_EQ(launcher.commands, QStringList{killWindowManager});
+    EXPECT_TRUE(lastLogLine().endsWith(
+        "Mesa limpa: Desired(hideIcons: false, hideWidgets: true, clickOnlyInStageManager: false)"
+        " (reiniciou [\"com.apple.WindowManager\"])"));
+
+    launcher.commands.clear();
+    cleaner->apply({true, true, true});
+    EXPECT_EQ(store.at(finder), false);
+    EXPECT_EQ(store.at(hideIcons), true);
+    EXPECT_EQ(store.at(clickToShow), false);
+    // Finder restarts first; the log lists the domains sorted.
+    EXPECT_EQ(launcher.commands, (QStringList{killFinder, killWindowManager}));
+    EXPECT_TRUE(lastLogLine().endsWith("(reiniciou [\"com.apple.WindowManager\", \"com.apple.finder\"])"));
+    EXPECT_EQ(cleaner->current(), (DesktopCleaner::Desired{true, true, true}));
+
+    // Showing the icons again writes the two icon keys back, leaves the others.
+    launcher.commands.clear();
+    cleaner->apply({false, true, true});
+    EXPECT_EQ(store.at(finder), true);
+    EXPECT_EQ(store.at(hideIcons), false);
+    EXPECT_EQ(store.at(hideWidgets), true);
+    EXPECT_EQ(launcher.commands, (QStringList{killFinder, killWindowManager}));
+}
+
+TEST_F(DesktopCleanerTest, RestorePutsBackValuesAndAbsences)
+{
+    store = {{finder, true}, {clickToShow, true}};
+    makeCleaner();
+    cleaner->apply({true, true, true});
+    const auto snapshot = settings.desktopSnapshot();
+    cleaner->apply({false, false, true});
+    EXPECT_EQ(settings.desktopSnapshot(), snapshot);
+
+    launcher.commands.clear();
+    cleaner->restore();
+    EXPECT_EQ(store, (std::map<QString, QVariant>{{finder, true}, {clickToShow, true}}));
+    EXPECT_EQ(launcher.commands, QStringList{killWindowManager});
+    EXPECT_FALSE(settings.desktopSnapshot().has_value());
+    EXPECT_TRUE(lastLogLine().endsWith("Mesa limpa: restaurado (reiniciou [\"com.apple.WindowManager\"])"));
+}
+
+TEST_F(DesktopCleanerTest, ALauncherThatCannotStartIsLoggedAndSkipped)
+{
+    // The real launcher runs the tool to its end; one that does not exist is logged and the
+    // rest of the work continues.
+    SystemProcessLauncher real;
+    const QString marker = dir.filePath("ran");
+    EXPECT_EQ(real.run("/bin/sh", {"-c", "echo noise; echo more >&2; touch '" + marker + "'"}), std::nullopt);
+    EXPECT_TRUE(QFileInfo::exists(marker));
+    EXPECT_TRUE(real.run(dir.filePath("no-such-tool"), {}).has_value());
+
+    struct Failing : ProcessLauncher {
+        std::optional<QString> run(const QString &, const QStringList &) override { return "No such file"; }
+    } failing;
+    auto prefs = std::make_unique<MacDefaults>(store);
+    DesktopCleaner withoutTools(settings, std::move(prefs), failing);
+    withoutTools.apply({true, false, false});
+    EXPECT_EQ(store.at(finder), false);
+    const QString log = QString::fromUtf8(readFile(Log::path()));
+    EXPECT_TRUE(log.contains("Mesa limpa: /usr/bin/killall falhou: No such file"));
+    EXPECT_TRUE(lastLogLine().endsWith(
+        "(reiniciou [\"com.apple.WindowManager\", \"com.apple.finder\"])"));
+}

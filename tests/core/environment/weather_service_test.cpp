@@ -1,0 +1,324 @@
+#include "core/app/Log.h"
+#include "core/app/Settings.h"
+#include "core/environment/WeatherService.h"
+#include "TestSupport.h"
+
+#include <QHostAddress>
+#include <QTcpServer>
+#include <QTcpSocket>
+#include <QUrl>
+#include <deque>
+#include <gtest/gtest.h>
+#include <memory>
+
+using namespace testsupport;
+using namespace std::chrono_literals;
+
+namespace {
+
+// A loopback HTTP/1.1 server that answers each request with the next queued reply: a JSON body
+// with status 200, or a connection dropped without a byte of answer.
+class ForecastServer : public QObject {
+public:
+    struct Reply {
+        QByteArray body;
+        bool drop = false;
+    };
+
+    ForecastServer()
+    {
+        server.listen(QHostAddress::LocalHost, 0);
+        QObject::connect(&server, &QTcpServer::newConnection, this, [this] {
+            while (QTcpSocket *socket = server.nextPendingConnection()) {
+                auto buffer = std::make_shared<QByteArray>();
+                QObject::connect(socket, &QTcpSocket::readyRead, socket, [this, socket, buffer] {
+                    buffer->append(socket->readAll());
+                    if (buffer->contains("\r\n\r\n"))
+                        answer(socket, *buffer);
+                });
+                QObject::connect(socket, &QTcpSocket::disconnected, socket, &QObject::deleteLater);
+            }
+        });
+    }
+
+    QString baseURL() const { return QStringLiteral("http://127.0.0.1:%1/").arg(server.serverPort()); }
+    void queue(Reply reply) { replies.push_back(std::move(reply)); }
+    void queueBody(const QByteArray &body) { queue({body, false}); }
+
+    QStringList targets;  // request targets, in arrival order
+
+private:
+    void answer(QTcpSocket *socket, const QByteArray &request)
+    {
+        const QList<QByteArray> requestLine = request.left(request.indexOf("\r\n")).split(' ');
+        targets.append(QString::fromLatin1(requestLine.value(1)));
+        Reply reply;
+        if (!replies.empty()) {
+            reply = replies.front();
+            replies.pop_front();
+        } else {
+            reply.body = R"({"error":true,"reason":"the test queued no reply"})";
+        }
+        if (reply.drop) {
+            socket->abort();
+            return;
+        }
+        socket->write("HTTP/1.1 200 OK\r\nContent-Type: application/json\r\nContent-Length: "
+                      + QByteArray::number(reply.body.size()) + "\r\nConnection: close\r\n\r\n"
+                      + reply.body);
+        socket->disconnectFromHost();
+    }
+
+    QTcpServer server;
+    std::deque<Reply> replies;
+};
+
+// Bodies as Open-Meteo sends them for "current=precipitation,rain,weather_code".
+QByteArray forecast(const char *precipitation, const char *rain, const char *code)
+{
+    return QByteArray(R"({"latitude":-23.5,"longitude":-46.625,"generationtime_ms":0.03,"utc_offset_seconds":0,)"
+                      R"("timezone":"GMT","timezone_abbreviation":"GMT","elevation":760.0,)"
+                      R"("current_units":{"time":"iso8601","interval":"seconds","precipitation":"mm",)"
+                      R"("rain":"mm","weather_code":"wmo code"},)"
+                      R"("current":{"time":"2024-03-14T18:45","interval":900,"precipitation":)")
+        + precipitation + R"(,"rain":)" + rain + R"(,"weather_code":)" + code + "}}";
+}
+
+struct WeatherServiceTest : ::testing::Test {
+    static void SetUpTestSuite()
+    {
+        // The log's path is fixed at its first use in the process.
+        static QTemporaryDir state;
+        qputenv("XDG_STATE_HOME", state.path().toUtf8());
+    }
+
+    QTemporaryDir dir;
+    ForecastServer server;
+    std::unique_ptr<Settings> settings;
+    std::unique_ptr<WeatherService> service;
+    double clockNow = 1000;
+    std::vector<WeatherService::Now> changes;
+    qint64 logStart = 0;
+
+    void SetUp() override
+    {
+        logStart = readFile(Log::path()).size();
+        settings = std::make_unique<Settings>(dir.filePath("turnelo.json"));
+        settings->setValue("weatherServiceURL", server.baseURL());
+        service = std::make_unique<WeatherService>(*settings);
+        service->setClock([this] { return clockNow; });
+        service->onChange = [this](const WeatherService::Now &now) { changes.push_back(now); };
+    }
+
+    QStringList newLogLines() const
+    {
+        return QString::fromUtf8(readFile(Log::path()).mid(logStart)).split('\n', Qt::SkipEmptyParts);
+    }
+
+    // Asks for fresh data and waits for the answer to be handled.
+    // A connection closed before any answer is tried once more by Qt's network layer, so a
+    // dropped connection reaches the server twice.
+    void fetch(int requests = 1)
+    {
+        const auto before = server.targets.size();
+        service->refreshIfStale();
+        ASSERT_TRUE(service->fetching());
+        ASSERT_TRUE(waitUntil([&] { return !service->fetching(); }, 10s));
+        ASSERT_EQ(server.targets.size(), before + requests);
+    }
+
+    // Gives any request that the service might have started time to reach the server.
+    void settle() { spin(100ms); }
+
+    static QString query(const QString &target) { return QUrl(target).query(QUrl::FullyDecoded); }
+};
+
+using Now = WeatherService::Now;
+
+}  // namespace
+
+TEST_F(WeatherServiceTest, RainDecisionAndIntensityFollowTheAnswer)
+{
+    struct Case {
+        QByteArray body;
+        Now expected;
+        const char *logTail;
+    };
+    // Each answer differs from the one before, so every row is a real change.
+    const std::vector<Case> cases{
+        {forecast("10.0", "10.0", "95"), {true, 1.0}, "código 95, chuva 10 mm/h → chovendo"},
+        {forecast("0.05", "0.05", "3"), {false, 0.0}, "código 3, chuva 0.05 mm/h → seco"},
+        {forecast("0.06", "0.06", "3"), {true, 0.25}, "código 3, chuva 0.06 mm/h → chovendo"},
+        {forecast("0.0", "0.0", "71"), {false, 0.0}, "código 71, chuva 0 mm/h → seco"},
+        {forecast("0.0", "0.0", "61"), {true, 0.25}, "código 61, chuva 0 mm/h → chovendo"},
+        {forecast("2.0", "2.0", "81"), {true, 0.5}, "código 81, chuva 2 mm/h → chovendo"},
+        {forecast("0.0", "0.0", "45"), {false, 0.0}, "código 45, chuva 0 mm/h → seco"},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.logTail);
+        server.queueBody(c.body);
+        ASSERT_NO_FATAL_FAILURE(fetch());
+        EXPECT_EQ(service->now(), c.expected);
+        ASSERT_FALSE(changes.empty());
+        EXPECT_EQ(changes.back(), c.expected);
+        EXPECT_TRUE(newLogLines().last().endsWith(QStringLiteral("Clima São Paulo: ") + c.logTail))
+            << newLogLines().last().toStdString();
+        clockNow += 900;
+    }
+    EXPECT_EQ(changes.size(), cases.size());
+}
+
+TEST_F(WeatherServiceTest, MissingRainFallsBackToPrecipitationAndMissingCodeCountsAsZero)
+{
+    server.queueBody(R"({"current":{"precipitation":3.0,"weather_code":"61"}})");
+    ASSERT_NO_FATAL_FAILURE(fetch());
+    EXPECT_EQ(service->now(), (Now{true, 0.75}));
+    EXPECT_TRUE(newLogLines().last().endsWith("código 0, chuva 3 mm/h → chovendo"));
+
+    clockNow += 900;
+    server.queueBody(R"({"current":{"rain":null,"weather_code":61.5}})");
+    ASSERT_NO_FATAL_FAILURE(fetch());
+    EXPECT_EQ(service->now(), (Now{false, 0.0}));
+    EXPECT_TRUE(newLogLines().last().endsWith("código 0, chuva 0 mm/h → seco"));
+}
+
+TEST_F(WeatherServiceTest, AsksForTheCityOrTheCoordinateOverride)
+{
+    server.queueBody(forecast("0", "0", "0"));
+    ASSERT_NO_FATAL_FAILURE(fetch());
+    EXPECT_EQ(server.targets.last(),
+              "/v1/forecast?latitude=-23.5505&longitude=-46.6333&current=precipitation,rain,weather_code");
+
+    // A new city is fetched at once, without waiting out the 900 s.
+    server.queueBody(forecast("0", "0", "0"));
+    settings->setWeatherCity("berlin");
+    ASSERT_TRUE(waitUntil([&] { return server.targets.size() == 2 && !service->fetching(); }, 10s));
+    EXPECT_EQ(query(server.targets.last()), "latitude=52.52&longitude=13.405&current=precipitation,rain,weather_code");
+    EXPECT_TRUE(newLogLines().last().contains("Clima Berlin: "));
+
+    // Both coordinates are written; one request follows, for the pair.
+    server.queueBody(forecast("0", "0", "0"));
+    settings->setWeatherCoordinates(-8.5, 115.25);
+    ASSERT_TRUE(waitUntil([&] { return server.targets.size() == 3 && !service->fetching(); }, 10s));
+    settle();
+    EXPECT_EQ(server.targets.size(), 3);
+    EXPECT_EQ(query(server.targets.last()), "latitude=-8.5&longitude=115.25&current=precipitation,rain,weather_code");
+    EXPECT_TRUE(newLogLines().last().contains("Clima -8.5, 115.25: "));
+
+    // One coordinate alone does not override the city.
+    settings->setWeatherCoordinates(10.0, std::nullopt);
+    ASSERT_TRUE(waitUntil([&] { return server.targets.size() == 4 && !service->fetching(); }, 10s));
+    EXPECT_EQ(query(server.targets.last()), "latitude=52.52&longitude=13.405&current=precipitation,rain,weather_code");
+
+    // An unknown city id takes São Paulo's coordinates.
+    settings->setWeatherCity("atlantis");
+    ASSERT_TRUE(waitUntil([&] { return server.targets.size() == 5 && !service->fetching(); }, 10s));
+    EXPECT_EQ(query(server.targets.last()),
+              "latitude=-23.5505&longitude=-46.6333&current=precipitation,rain,weather_code");
+}
+
+TEST_F(WeatherServiceTest, CityTable)
+{
+    const auto &cities = WeatherService::cities();
+    ASSERT_EQ(cities.size(), 16u);
+    EXPECT_EQ(cities.front().id, "sao-paulo");
+    EXPECT_EQ(cities.front().name(), "São Paulo");
+    EXPECT_EQ(cities.back().id, "tokyo");
+    EXPECT_EQ(cities[8].name(), "Lisbon");
+    EXPECT_DOUBLE_EQ(cities[11].longitude, -122.4194);
+    EXPECT_EQ(WeatherService::city(*settings).id, "sao-paulo");
+}
+
+TEST_F(WeatherServiceTest, AtMostOneRequestInFlightAndNoneWithin900Seconds)
+{
+    server.queueBody(forecast("1.0", "1.0", "61"));
+    service->refreshIfStale();
+    service->refreshIfStale();
+    ASSERT_TRUE(waitUntil([&] { return !service->fetching(); }, 10s));
+    service->refreshIfStale();
+    settle();
+    EXPECT_EQ(server.targets.size(), 1);
+
+    clockNow += 899;
+    service->refreshIfStale();
+    EXPECT_FALSE(service->fetching());
+    settle();
+    EXPECT_EQ(server.targets.size(), 1);
+
+    // The same weather again is no change.
+    clockNow += 1;
+    server.queueBody(forecast("1.0", "1.0", "61"));
+    ASSERT_NO_FATAL_FAILURE(fetch());
+    EXPECT_EQ(server.targets.size(), 2);
+    EXPECT_EQ(changes.size(), 1u);
+    EXPECT_EQ(service->now(), (Now{true, 0.25}));
+}
+
+TEST_F(WeatherServiceTest, FailuresKeepTheStateAndRetryAfter300Seconds)
+{
+    server.queueBody(forecast("5.0", "5.0", "63"));
+    ASSERT_NO_FATAL_FAILURE(fetch());
+    ASSERT_EQ(service->now(), (Now{true, 1.0}));
+
+    const std::vector<std::pair<const char *, ForecastServer::Reply>> failures{
+        {"malformed body", {R"({"current":{"rain":)", false}},
+        {"no current block", {R"({"error":true,"reason":"Latitude must be in range"})", false}},
+        {"dropped connection", {{}, true}},
+    };
+    for (const auto &[what, reply] : failures) {
+        SCOPED_TRACE(what);
+        clockNow += 900;
+        const int requests = reply.drop ? 2 : 1;
+        for (int i = 0; i < requests; ++i)
+            server.queue(reply);
+        ASSERT_NO_FATAL_FAILURE(fetch(requests));
+        EXPECT_TRUE(newLogLines().last().contains(" Clima: falhou (")) << newLogLines().last().toStdString();
+        EXPECT_TRUE(newLogLines().last().endsWith(")"));
+        EXPECT_EQ(service->now(), (Now{true, 1.0}));
+
+        clockNow += 299;
+        service->refreshIfStale();
+        settle();
+        EXPECT_FALSE(service->fetching());
+        clockNow += 1;
+        server.queueBody(forecast("5.0", "5.0", "63"));
+        ASSERT_NO_FATAL_FAILURE(fetch());
+    }
+    EXPECT_EQ(changes.size(), 1u);
+}
+
+TEST_F(WeatherServiceTest, DebugWeatherOverridesWithoutAnyRequest)
+{
+    settings->setValue("debugWeather", "rain");
+    service->refreshIfStale();
+    EXPECT_EQ(service->now(), (Now{true, 0.7}));
+    service->refreshIfStale();
+    ASSERT_EQ(changes.size(), 1u);
+    EXPECT_EQ(changes[0], (Now{true, 0.7}));
+
+    settings->setValue("debugWeather", "sun");
+    service->refreshIfStale();
+    EXPECT_EQ(service->now(), (Now{false, 0.0}));
+    EXPECT_EQ(changes.size(), 2u);
+
+    // A city change goes through the same path and still asks nobody.
+    settings->setWeatherCity("tokyo");
+    settle();
+    EXPECT_FALSE(service->fetching());
+    EXPECT_TRUE(server.targets.isEmpty());
+}
+
+TEST_F(WeatherServiceTest, AnswerForAPlaceLeftWhileInFlightIsDroppedAndTheNewPlaceAsked)
+{
+    server.queueBody(forecast("8.0", "8.0", "65"));  // São Paulo, arriving after the change
+    server.queueBody(forecast("0.0", "0.0", "1"));   // Tokyo
+    service->refreshIfStale();
+    ASSERT_TRUE(service->fetching());
+    settings->setWeatherCity("tokyo");
+    ASSERT_TRUE(waitUntil([&] { return server.targets.size() == 2 && !service->fetching(); }, 10s));
+    EXPECT_TRUE(query(server.targets[0]).startsWith("latitude=-23.5505&"));
+    EXPECT_TRUE(query(server.targets[1]).startsWith("latitude=35.6762&longitude=139.6503&"));
+    EXPECT_TRUE(changes.empty());
+    EXPECT_EQ(service->now(), (Now{false, 0.0}));
+    EXPECT_TRUE(newLogLines().last().contains("Clima Tokyo: código 1, chuva 0 mm/h → seco"));
+}

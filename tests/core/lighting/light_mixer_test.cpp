@@ -1,0 +1,167 @@
+#include "core/lighting/LightMixer.h"
+#include "TestSupport.h"
+
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <gtest/gtest.h>
+
+namespace {
+
+PlateManifest manifestWith(const QJsonObject &changes)
+{
+    QJsonObject m = QJsonDocument::fromJson(testsupport::minimalManifest()).object();
+    for (auto it = changes.begin(); it != changes.end(); ++it)
+        m[it.key()] = it.value();
+    return PlateManifest::decode(QJsonDocument(m).toJson());
+}
+
+QDateTime at(int h, int m, int s = 0) { return QDateTime(QDate(2026, 3, 10), QTime(h, m, s)); }
+
+QJsonArray clock(std::initializer_list<std::pair<const char *, const char *>> entries)
+{
+    QJsonArray a;
+    for (const auto &[t, p] : entries)
+        a.append(QJsonArray{t, p});
+    return a;
+}
+
+const LightMixer::Term *term(const LightMixer &mixer, const QString &preset, const QString &plate)
+{
+    for (const auto &t : mixer.presets.at(preset).recipe)
+        if (t.plate == plate)
+            return &t;
+    return nullptr;
+}
+
+}  // namespace
+
+TEST(LightMixer, ClockBlendAtKeyframesBetweenThemAndAcrossMidnight)
+{
+    const LightMixer mixer(manifestWith({{"clock", clock({{"06:00", "manha"}, {"18:00", "noite"}})}}));
+    EXPECT_EQ(mixer.clockBlend(at(6, 0)), (Blend{{"manha", 1.0}}));
+    const Blend noon = mixer.clockBlend(at(12, 0));
+    EXPECT_DOUBLE_EQ(noon.at("manha"), 0.5);
+    EXPECT_DOUBLE_EQ(noon.at("noite"), 0.5);
+    // 03:00 lies 9 h into the 12 h night gap: u = 0.75, smoothstep 0.84375.
+    const Blend night = mixer.clockBlend(at(3, 0));
+    EXPECT_DOUBLE_EQ(night.at("manha"), 0.84375);
+    EXPECT_DOUBLE_EQ(night.at("noite"), 0.15625);
+    // Seconds count as fractions of a minute; weights of 0.0001 or less are dropped.
+    const Blend justAfter = mixer.clockBlend(at(6, 0, 30));
+    ASSERT_EQ(justAfter.size(), 1u);
+    EXPECT_NEAR(justAfter.at("manha"), 1.0, 1e-5);
+    const Blend later = mixer.clockBlend(at(7, 12, 30));
+    const double w = 72.5 / 720.0;
+    EXPECT_DOUBLE_EQ(later.at("noite"), w * w * (3 - 2 * w));
+
+    const LightMixer single(manifestWith({{"clock", clock({{"09:00", "dia"}})}}));
+    EXPECT_EQ(single.clockBlend(at(23, 59)), (Blend{{"dia", 1.0}}));
+    const LightMixer none(manifestWith({{"clock", QJsonArray{}}}));
+    EXPECT_EQ(none.clockBlend(at(12, 0)), (Blend{{"manha", 1.0}}));
+}
+
+TEST(LightMixer, KeyframeParsing)
+{
+    const LightMixer mixer(manifestWith({{"clock", clock({{"6:30", "manha"},
+                                                          {"06:30", "dia"},
+                                                          {"06:30:00", "tarde"},
+                                                          {"6", "tarde"},
+                                                          {"x:30", "tarde"},
+                                                          {"07:00", "nowhere"},
+                                                          {"24:00", "noite"}})}}));
+    ASSERT_EQ(mixer.keyframes.size(), 3u);
+    EXPECT_EQ(mixer.keyframes[0].minute, 390);
+    EXPECT_EQ(mixer.keyframes[0].preset, "manha");  // stable: manifest order on equal minutes
+    EXPECT_EQ(mixer.keyframes[1].minute, 390);
+    EXPECT_EQ(mixer.keyframes[1].preset, "dia");
+    EXPECT_EQ(mixer.keyframes[2].minute, 1440);
+}
+
+TEST(LightMixer, RecipesFollowGroupsKeysAndExposure)
+{
+    QJsonObject presets{
+        {"dia", QJsonObject{{"room", QJsonArray{1, 0.5, 0.25, 9}}, {"sun", 2}, {"exposure", 1},
+                            {"exposure_by_scenario", QJsonObject{{"loft", 1}}}, {"lamp_key", "warm"},
+                            {"vignette", 0.3}, {"grain", 0.1}}},
+        {"noite", QJsonObject{{"room", 0}, {"sun", QJsonArray{1, 1}}, {"sun_key", "moon"}, {"lamp", QJsonArray{0, 0, 0}}}},
+    };
+    const LightMixer mixer(manifestWith({{"presets", presets},
+                                         {"groups", QJsonArray{"room", "sun", "lamp"}},
+                                         {"sun_keys", QJsonArray{"noon", "dusk"}},
+                                         {"per_preset_groups", QJsonArray{"lamp"}},
+                                         {"scenario", "loft"},
+                                         {"view", QJsonObject{}},
+                                         {"clock", QJsonArray{}}}));
+    // gain 2^(1+1) = 4
+    const auto *room = term(mixer, "dia", "room");
+    ASSERT_NE(room, nullptr);
+    EXPECT_EQ(room->weight, (std::array<double, 3>{4, 2, 1}));
+    const auto *sun = term(mixer, "dia", "sun_noon");
+    ASSERT_NE(sun, nullptr);
+    EXPECT_EQ(sun->weight, (std::array<double, 3>{8, 8, 8}));
+    EXPECT_NE(term(mixer, "dia", "lamp_warm"), nullptr);  // per-preset group with its own key
+    EXPECT_NE(term(mixer, "dia", "view_dia"), nullptr);   // view group switched on by the extension
+    EXPECT_EQ(mixer.presets.at("dia").recipe.front().plate, "view_dia");
+    EXPECT_DOUBLE_EQ(mixer.presets.at("dia").vignette, 0.3);
+
+    // 0 and [0,0,0] add nothing; a two-number vector falls back to the default factor (0 for sun).
+    const auto &night = mixer.presets.at("noite").recipe;
+    ASSERT_EQ(night.size(), 1u);
+    EXPECT_EQ(night[0].plate, "view_noite");
+
+    EXPECT_DOUBLE_EQ(mixer.vignette({{"dia", 0.5}, {"gone", 1}}), 0.15);
+    EXPECT_DOUBLE_EQ(mixer.grain({{"dia", 2}}), 0.2);
+    EXPECT_EQ(mixer.order, (QStringList{"dia", "noite"}));
+}
+
+TEST(LightMixer, CrossFadeTicksAndModes)
+{
+    LightMixer mixer(manifestWith({}));
+    EXPECT_EQ(mixer.modeBlend("noite", at(12, 0)), (Blend{{"noite", 1.0}}));
+    EXPECT_EQ(mixer.modeBlend("lua", at(12, 0)), mixer.clockBlend(at(12, 0)));  // preset the scene lacks
+
+    mixer.startCrossFade({{"dia", 1.0}}, 100.0);  // first light: no fade
+    EXPECT_EQ(mixer.value(100.0), (Blend{{"dia", 1.0}}));
+    mixer.startCrossFade({{"noite", 1.0}}, 200.0);
+    const Blend mid = mixer.value(200.75);
+    EXPECT_DOUBLE_EQ(mid.at("dia"), 0.5);
+    EXPECT_DOUBLE_EQ(mid.at("noite"), 0.5);
+    EXPECT_EQ(mixer.value(201.5), (Blend{{"noite", 1.0}}));
+    EXPECT_EQ(mixer.wantedPresets("noite", at(12, 0)), (QStringList{"dia", "noite"}));
+
+    // Auto mode wants the presets of ten minutes ahead: 09:55 → dia's keyframe at 10:00.
+    LightMixer autoMixer(manifestWith({}));
+    autoMixer.tick(at(9, 55));
+    EXPECT_TRUE(autoMixer.wantedPresets("auto", at(9, 55)).contains("dia"));
+
+    // Drift of at most 0.002 is not applied.
+    LightMixer drift(manifestWith({}));
+    ASSERT_TRUE(drift.tick(at(12, 0)));
+    EXPECT_FALSE(drift.tick(at(12, 0, 1)));
+    EXPECT_TRUE(drift.tick(at(12, 30)));
+    EXPECT_EQ(drift.value(0), drift.current);
+
+    EXPECT_DOUBLE_EQ(LightMixer::distance({{"a", 0.2}}, {{"b", 0.5}}), 0.5);
+    EXPECT_EQ(LightMixer::distance({}, {}), 0.0);
+}
+
+TEST(LightPresets, CurrentPositionAndNames)
+{
+    const PlateManifest m = manifestWith({{"clock", clock({{"06:00", "noite"}, {"18:00", "manha"}})}});
+    // 12:00: noite 0.5 / manha 0.5 → the dial wraps to 0.
+    EXPECT_DOUBLE_EQ(*LightPresets::position(m, at(12, 0)), 0.0);
+    EXPECT_DOUBLE_EQ(*LightPresets::position(m, at(18, 0)), 0.125);
+    const PlateManifest day = manifestWith({{"clock", clock({{"10:00", "dia"}})}});
+    EXPECT_DOUBLE_EQ(*LightPresets::position(day, at(1, 0)), 0.375);
+    EXPECT_FALSE(LightPresets::position(std::nullopt, at(1, 0)).has_value());
+
+    EXPECT_EQ(LightPresets::current(std::nullopt, "auto", at(1, 0)), "tarde");
+    EXPECT_EQ(LightPresets::current(m, "noite", at(1, 0)), "noite");
+    const PlateManifest tie = manifestWith({{"clock", clock({{"06:00", "dia"}, {"18:00", "tarde"}})}});
+    EXPECT_EQ(LightPresets::current(tie, "auto", at(12, 0)), "dia");  // first met in map order
+    EXPECT_EQ(LightPresets::current(tie, "sunset", at(5, 59)), "dia");
+
+    EXPECT_EQ(LightPresets::name("tarde"), "Afternoon");
+    EXPECT_EQ(LightPresets::name("golden hour"), "Golden Hour");
+}

@@ -1,0 +1,85 @@
+#include "core/music/AppleScriptPlayerQuery.h"
+
+#include <gtest/gtest.h>
+
+using namespace AppleScriptPlayerQuery;
+
+TEST(AppleScriptPlayerQuery, ScriptTextsAreExact)
+{
+    EXPECT_EQ(scriptText(spotify()),
+              "tell application \"Spotify\"\n"
+              "    if player state is stopped then return \"stopped\"\n"
+              "    set t to current track\n"
+              "    return {player state as string, name of t, artist of t, album of t, duration of t, "
+              "player position, artwork url of t, track number of t}\n"
+              "end tell");
+    EXPECT_EQ(scriptText(music()),
+              "tell application \"Music\"\n"
+              "    if player state is stopped then return \"stopped\"\n"
+              "    set t to current track\n"
+              "    return {player state as string, name of t, artist of t, album of t, duration of t, "
+              "player position, track number of t, track count of t}\n"
+              "end tell");
+    EXPECT_EQ(musicArtworkScript(),
+              "tell application \"Music\" to get data of artwork 1 of current track");
+    EXPECT_EQ(spotify().id, "com.spotify.client");
+    EXPECT_EQ(music().id, "com.apple.Music");
+    EXPECT_EQ(spotify().logName, "Spotify");
+    EXPECT_EQ(music().logName, "Apple Music");
+}
+
+TEST(AppleScriptPlayerQuery, SpotifyReply)
+{
+    const auto s = parseReply(spotify(), {"playing", "Song", "Band", "Album", 215000.0, 31.5,
+                                          "https://i.scdn.co/image/abc", 7.0});
+    ASSERT_TRUE(s.has_value());
+    EXPECT_TRUE(s->isPlaying);
+    EXPECT_EQ(s->track.title, "Song");
+    EXPECT_EQ(s->track.artist, "Band");
+    EXPECT_EQ(s->track.album, "Album");
+    EXPECT_DOUBLE_EQ(s->track.duration, 215.0);
+    EXPECT_DOUBLE_EQ(s->position, 31.5);
+    EXPECT_EQ(s->track.trackNumber, 7);
+    EXPECT_EQ(s->track.trackCount, 0);
+    EXPECT_EQ(s->track.source, spotify());
+    ASSERT_TRUE(s->artworkURL.has_value());
+    EXPECT_EQ(s->artworkURL->toString(), "https://i.scdn.co/image/abc");
+
+    const auto noArt = parseReply(spotify(), {"paused", "S", "B", "A", 1000.0, 0.0, ""});
+    ASSERT_TRUE(noArt.has_value());
+    EXPECT_FALSE(noArt->isPlaying);
+    EXPECT_FALSE(noArt->artworkURL.has_value());
+    EXPECT_EQ(noArt->track.trackNumber, 0) << "missing number reads as 0";
+    EXPECT_FALSE(parseReply(spotify(), {"playing", "S", "B", "A", 1.0, 0.0, "not a url"})->artworkURL);
+}
+
+TEST(AppleScriptPlayerQuery, MusicReply)
+{
+    const auto s = parseReply(music(), {"playing", "Song", "Band", "Album", 215.0, 12.0, 3.0, 11.0});
+    ASSERT_TRUE(s.has_value());
+    EXPECT_DOUBLE_EQ(s->track.duration, 215.0);
+    EXPECT_EQ(s->track.trackNumber, 3);
+    EXPECT_EQ(s->track.trackCount, 11);
+    EXPECT_FALSE(s->artworkURL.has_value());
+    EXPECT_EQ(s->track.source.logName, "Apple Music");
+}
+
+TEST(AppleScriptPlayerQuery, ShortOrOddReplies)
+{
+    EXPECT_FALSE(parseReply(spotify(), {"stopped"}).has_value());
+    EXPECT_FALSE(parseReply(music(), {"playing", "S", "B", "A", 200.0}).has_value());
+    EXPECT_FALSE(parseReply(music(), {}).has_value());
+
+    // Only the exact text "playing" plays; mistyped items read as empty or 0.
+    const auto odd = parseReply(music(), {"Playing", 5.0, "B", QVariant(), "long", 4.0});
+    ASSERT_TRUE(odd.has_value());
+    EXPECT_FALSE(odd->isPlaying);
+    EXPECT_EQ(odd->track.title, "");
+    EXPECT_EQ(odd->track.album, "");
+    EXPECT_DOUBLE_EQ(odd->track.duration, 0.0);
+    EXPECT_DOUBLE_EQ(odd->position, 4.0);
+    EXPECT_EQ(odd->track.trackNumber, 0);
+    EXPECT_EQ(odd->track.trackCount, 0);
+    // Real numbers are cut to integers.
+    EXPECT_EQ(parseReply(music(), {"paused", "", "", "", 1.0, 2.0, 4.9, 10.2})->track.trackNumber, 4);
+}

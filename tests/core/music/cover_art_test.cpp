@@ -1,0 +1,176 @@
+#include "core/music/CoverArt.h"
+
+#include <QColorSpace>
+#include <gtest/gtest.h>
+#include <map>
+
+namespace {
+
+QImage solid(QColor color, int width = 32, int height = 32)
+{
+    QImage image(width, height, QImage::Format_RGB32);
+    image.fill(color);
+    return image;
+}
+
+// Stands in for the renderer's texture upload: records what it was given and counts releases.
+struct Uploads {
+    int made = 0;
+    int released = 0;
+    std::vector<QSize> sizes;
+    std::vector<QImage::Format> formats;
+    CoverArt::TextureMaker maker()
+    {
+        return [this](const QImage &image) {
+            ++made;
+            sizes.push_back(image.size());
+            formats.push_back(image.format());
+            return CoverArt::Texture(new int(made), [this](void *p) {
+                ++released;
+                delete static_cast<int *>(p);
+            });
+        };
+    }
+};
+
+double srgbToLinear(double c) { return c <= 0.04045 ? c / 12.92 : std::pow((c + 0.055) / 1.055, 2.4); }
+
+}  // namespace
+
+TEST(CoverArt, FadeIsASmoothstepOverSevenTenthsOfASecond)
+{
+    CoverArt art(nullptr);
+    art.set(solid(Qt::red), QImage(), 10.0);
+    EXPECT_DOUBLE_EQ(art.fadeStart(), 10.0);
+    EXPECT_DOUBLE_EQ(art.fade(9.0), 0.0);
+    EXPECT_DOUBLE_EQ(art.fade(10.0), 0.0);
+    EXPECT_NEAR(art.fade(10.175), 0.15625, 1e-12);  // t = 0.25
+    EXPECT_NEAR(art.fade(10.35), 0.5, 1e-12);
+    EXPECT_NEAR(art.fade(10.525), 0.84375, 1e-12);  // t = 0.75
+    EXPECT_DOUBLE_EQ(art.fade(10.7), 1.0);
+    EXPECT_DOUBLE_EQ(art.fade(99.0), 1.0);
+}
+
+TEST(CoverArt, MeanColourIsLinearAndCrossFades)
+{
+    // Half black, half white averages to 0.5 in linear light, not to mid-grey's 0.214.
+    QImage halves(10, 10, QImage::Format_RGB32);
+    halves.fill(Qt::black);
+    for (int y = 0; y < 10; ++y)
+        for (int x = 5; x < 10; ++x)
+            halves.setPixelColor(x, y, Qt::white);
+    const CoverArt::Color m = CoverArt::meanLinear(halves);
+    EXPECT_NEAR(m.r, 0.5, 1e-9);
+    EXPECT_NEAR(m.g, 0.5, 1e-9);
+    EXPECT_NEAR(CoverArt::meanLinear(solid(QColor(128, 128, 128))).b, srgbToLinear(128 / 255.0), 1e-9);
+    EXPECT_NEAR(CoverArt::luminance({1, 0, 0}), 0.2126, 1e-12);
+    EXPECT_NEAR(CoverArt::luminance({0, 1, 0}), 0.7152, 1e-12);
+    EXPECT_NEAR(CoverArt::luminance({0, 0, 1}), 0.0722, 1e-12);
+
+    // A large cover is sampled, and still gives its true mean.
+    QImage big(2000, 2000, QImage::Format_RGB32);
+    big.fill(QColor(200, 100, 50));
+    const CoverArt::Color bm = CoverArt::meanLinear(big);
+    EXPECT_NEAR(bm.r, srgbToLinear(200 / 255.0), 1e-9);
+    EXPECT_NEAR(bm.b, srgbToLinear(50 / 255.0), 1e-9);
+
+    CoverArt art(nullptr);
+    art.set(solid(Qt::red), QImage(), 0.0);
+    art.set(solid(Qt::blue), QImage(), 100.0);
+    EXPECT_NEAR(art.mean(100.0).r, 1.0, 1e-9);
+    EXPECT_NEAR(art.mean(100.35).r, 0.5, 1e-9);
+    EXPECT_NEAR(art.mean(100.35).b, 0.5, 1e-9);
+    EXPECT_NEAR(art.mean(101.0).b, 1.0, 1e-9);
+    EXPECT_NEAR(art.mean(101.0).r, 0.0, 1e-9);
+}
+
+TEST(CoverArt, LabelLuminanceComesFromTheLabelOrTheCover)
+{
+    CoverArt art(nullptr);
+    art.set(solid(Qt::white), solid(Qt::black), 0.0);
+    EXPECT_NEAR(art.current().labelLuminance, 0.0, 1e-9);
+    EXPECT_NEAR(art.current().mean.g, 1.0, 1e-9);
+    art.set(solid(Qt::green), QImage(), 5.0);
+    EXPECT_NEAR(art.current().labelLuminance, 0.7152, 1e-6) << "no label: made from the cover";
+    EXPECT_NEAR(art.labelLuminance(5.35), 0.7152 / 2, 1e-6);
+}
+
+TEST(CoverArt, PreviousTexturesLiveUntilTheFadeIsOver)
+{
+    Uploads uploads;
+    CoverArt art(uploads.maker());
+    EXPECT_TRUE(art.usesDefaultCover());
+    EXPECT_EQ(uploads.made, 2) << "placeholder cover and label";
+    ASSERT_TRUE(art.current().cover && art.current().label);
+
+    const QImage first = solid(Qt::red);
+    art.set(first, QImage(), 1.0);
+    EXPECT_FALSE(art.usesDefaultCover());
+    EXPECT_EQ(uploads.made, 4);
+    EXPECT_EQ(uploads.released, 0) << "the placeholder is still fading out";
+    EXPECT_TRUE(art.previous().placeholder);
+    EXPECT_FALSE(art.releasePrevious(1.69));
+    EXPECT_EQ(uploads.released, 0);
+    EXPECT_TRUE(art.releasePrevious(1.7));
+    EXPECT_EQ(uploads.released, 2);
+    EXPECT_FALSE(art.releasePrevious(2.0)) << "nothing left to drop";
+
+    // The same images again start nothing.
+    art.set(first, QImage(), 5.0);
+    EXPECT_DOUBLE_EQ(art.fadeStart(), 1.0);
+    EXPECT_EQ(uploads.made, 4);
+
+    // A change in the middle of a fade lets the half-faded cover go at once.
+    art.set(solid(Qt::blue), QImage(), 10.0);
+    art.set(solid(Qt::green), QImage(), 10.2);
+    EXPECT_EQ(uploads.released, 4);
+    EXPECT_EQ(uploads.made, 8);
+
+    // No art: back to the placeholder.
+    art.set(QImage(), QImage(), 20.0);
+    EXPECT_TRUE(art.usesDefaultCover());
+    EXPECT_TRUE(art.current().cover != nullptr);
+    for (QImage::Format f : uploads.formats)
+        EXPECT_EQ(f, QImage::Format_RGBA8888);
+}
+
+TEST(CoverArt, WithoutThePlaceholderNoArtMeansNoTexture)
+{
+    Uploads uploads;
+    CoverArt art(uploads.maker(), false);
+    EXPECT_EQ(uploads.made, 0);
+    EXPECT_FALSE(art.current().cover);
+    art.set(solid(Qt::red), QImage(), 0.0);
+    EXPECT_TRUE(art.current().cover != nullptr);
+    art.set(QImage(), QImage(), 1.0);
+    EXPECT_FALSE(art.current().cover);
+    EXPECT_FALSE(art.usesDefaultCover());
+    EXPECT_NEAR(art.mean(2.0).r, 0.0, 1e-12);
+}
+
+TEST(CoverArt, ImagePreparation)
+{
+    const QImage wide = CoverArt::prepareCover(solid(Qt::red, 3000, 1500));
+    EXPECT_EQ(wide.size(), QSize(1024, 512));
+    EXPECT_EQ(wide.format(), QImage::Format_RGBA8888);
+    EXPECT_EQ(wide.colorSpace(), QColorSpace(QColorSpace::SRgb));
+    EXPECT_EQ(CoverArt::prepareCover(solid(Qt::red, 300, 200)).size(), QSize(300, 200));
+
+    // The label is the centre square: a wide image's red sides are cut away.
+    QImage banded(300, 100, QImage::Format_RGB32);
+    banded.fill(Qt::red);
+    for (int y = 0; y < 100; ++y)
+        for (int x = 100; x < 200; ++x)
+            banded.setPixelColor(x, y, Qt::blue);
+    const QImage label = CoverArt::prepareLabel(banded);
+    EXPECT_EQ(label.size(), QSize(CoverArt::labelSide, CoverArt::labelSide));
+    EXPECT_EQ(label.pixelColor(2, 128), QColor(Qt::blue));
+    EXPECT_EQ(label.pixelColor(253, 128), QColor(Qt::blue));
+
+    const QImage placeholder = CoverArt::placeholderCover();
+    EXPECT_FALSE(placeholder.isNull());
+    EXPECT_EQ(placeholder.width(), placeholder.height());
+    const CoverArt::Color pm = CoverArt::meanLinear(placeholder);
+    EXPECT_GT(pm.r, 0.0);
+    EXPECT_LT(CoverArt::luminance(pm), 0.1) << "a dark sleeve";
+}

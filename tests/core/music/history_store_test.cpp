@@ -1,0 +1,198 @@
+#include "core/music/AlbumHash.h"
+#include "core/music/HistoryStore.h"
+#include "core/scene/SceneLocation.h"
+#include "core/app/Settings.h"
+#include "TestSupport.h"
+
+#include <QDir>
+#include <QFileInfo>
+#include <QImageReader>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QSignalSpy>
+#include <gtest/gtest.h>
+
+using namespace testsupport;
+
+namespace {
+
+QImage cover(QColor color, int width = 64, int height = 64)
+{
+    QImage image(width, height, QImage::Format_RGB32);
+    image.fill(color);
+    return image;
+}
+
+struct HistoryStoreTest : ::testing::Test {
+    QTemporaryDir temp;
+    Settings settings{temp.filePath("settings.json")};
+    QString dir() const { return temp.filePath("support/history"); }
+    QString fileOf(const QString &album) const { return dir() + "/" + albumCoverFileName(album); }
+
+    QStringList albums(const HistoryStore &store) const
+    {
+        QStringList out;
+        for (const auto &e : store.entries())
+            out << e.album;
+        return out;
+    }
+};
+
+}  // namespace
+
+TEST(AlbumHash, IsFnv1aOverUtf8)
+{
+    EXPECT_EQ(albumHash(""), 0xcbf29ce484222325ULL);
+    EXPECT_EQ(albumHash("a"), 0xaf63dc4c8601ec8cULL);
+    EXPECT_EQ(albumHash("foobar"), 0x85944171f73967e8ULL);
+    // Non-ASCII titles hash their UTF-8 bytes, not UTF-16 units.
+    EXPECT_EQ(albumHash(QString::fromUtf8("Ç")), []() {
+        quint64 h = 0xcbf29ce484222325ULL;
+        for (quint8 b : {0xc3, 0x87}) {
+            h ^= b;
+            h *= 0x100000001b3ULL;
+        }
+        return h;
+    }());
+    EXPECT_EQ(albumCoverFileName("a"), "af63dc4c8601ec8c.jpg");
+    EXPECT_EQ(albumCoverFileName("").size(), 20);
+}
+
+TEST_F(HistoryStoreTest, AnAlbumPlayedAgainMovesToTheTopOnce)
+{
+    HistoryStore store(settings, dir());
+    EXPECT_TRUE(QFileInfo(dir()).isDir()) << "the folder is made on first use";
+    store.record(cover(Qt::red), "A");
+    store.record(cover(Qt::blue), "B");
+    store.record(cover(Qt::red), "A");
+    EXPECT_EQ(albums(store), QStringList({"A", "B"}));
+    EXPECT_EQ(store.entries().first().file, albumCoverFileName("A"));
+
+    const QImage previous = store.previous("A");
+    ASSERT_FALSE(previous.isNull());
+    const QColor c = previous.pixelColor(32, 32);
+    EXPECT_LT(c.red(), 20);
+    EXPECT_GT(c.blue(), 230) << "B's cover";
+    EXPECT_GT(store.previous("B").pixelColor(32, 32).red(), 230);
+
+    // What was recorded is what the next launch finds.
+    HistoryStore again(settings, dir());
+    EXPECT_EQ(albums(again), QStringList({"A", "B"}));
+    const QJsonArray index = QJsonDocument::fromJson(readFile(dir() + "/index.json")).array();
+    ASSERT_EQ(index.size(), 2);
+    EXPECT_EQ(index[0].toObject()["album"].toString(), "A");
+    EXPECT_EQ(index[0].toObject()["file"].toString(), albumCoverFileName("A"));
+}
+
+TEST_F(HistoryStoreTest, NothingToShowWithoutAnotherReadableAlbum)
+{
+    HistoryStore store(settings, dir());
+    EXPECT_TRUE(store.previous("A").isNull());
+    store.record(cover(Qt::red), "A");
+    EXPECT_TRUE(store.previous("A").isNull());
+    store.record(cover(Qt::blue), "B");
+    QFile::remove(fileOf("A"));
+    EXPECT_TRUE(store.previous("B").isNull()) << "the entry's file is gone";
+    store.record(cover(Qt::green), "");
+    EXPECT_EQ(albums(store), QStringList({"B", "A"})) << "an empty album name is ignored";
+}
+
+TEST_F(HistoryStoreTest, TheLimitDeletesTheOldestCovers)
+{
+    settings.setStackLimit(2);
+    HistoryStore store(settings, dir());
+    for (const char *album : {"One", "Two", "Three", "Four"})
+        store.record(cover(Qt::gray), album);
+    EXPECT_EQ(albums(store), QStringList({"Four", "Three"}));
+    EXPECT_FALSE(QFile::exists(fileOf("One")));
+    EXPECT_FALSE(QFile::exists(fileOf("Two")));
+    EXPECT_TRUE(QFile::exists(fileOf("Three")));
+    EXPECT_TRUE(QFile::exists(fileOf("Four")));
+
+    // A limit of 0 or less keeps one.
+    settings.setStackLimit(0);
+    QSignalSpy changed(&store, &HistoryStore::changed);
+    store.trim();
+    EXPECT_EQ(albums(store), QStringList({"Four"}));
+    EXPECT_FALSE(QFile::exists(fileOf("Three")));
+    EXPECT_EQ(changed.count(), 1);
+    store.record(cover(Qt::gray), "Five");
+    EXPECT_EQ(albums(store), QStringList({"Five"}));
+    EXPECT_EQ(changed.count(), 1) << "recording does not announce itself";
+    EXPECT_EQ(HistoryStore(settings, dir()).entries().size(), 1);
+
+    settings.setStackLimit(-3);
+    store.record(cover(Qt::gray), "Six");
+    EXPECT_EQ(albums(store), QStringList({"Six"}));
+}
+
+TEST_F(HistoryStoreTest, CoversAreSquareJpegsOfAtMost512Pixels)
+{
+    HistoryStore store(settings, dir());
+    // Left half red, right half blue: the square keeps both halves (scaled to fill, not cropped).
+    QImage wide(3000, 1500, QImage::Format_RGB32);
+    wide.fill(Qt::red);
+    for (int y = 0; y < 1500; ++y)
+        for (int x = 1500; x < 3000; ++x)
+            wide.setPixelColor(x, y, Qt::blue);
+    store.record(wide, "Wide");
+    store.record(cover(Qt::green, 300, 300), "Small");
+
+    QImageReader wideReader(fileOf("Wide"));
+    EXPECT_EQ(wideReader.format(), "jpeg");
+    const QImage stored = wideReader.read();
+    EXPECT_EQ(stored.size(), QSize(512, 512));
+    EXPECT_GT(stored.pixelColor(100, 256).red(), 200);
+    EXPECT_GT(stored.pixelColor(400, 256).blue(), 200);
+
+    EXPECT_EQ(QImage(fileOf("Small")).size(), QSize(300, 300));
+    QImage tall(100, 900, QImage::Format_ARGB32);
+    tall.fill(Qt::white);
+    EXPECT_EQ(QImage::fromData(HistoryStore::encodeCover(tall)).size(), QSize(512, 512));
+    EXPECT_TRUE(HistoryStore::encodeCover(QImage()).isEmpty());
+}
+
+TEST_F(HistoryStoreTest, ACorruptIndexIsAnEmptyStackRewrittenOnTheNextRecord)
+{
+    writeFile(dir() + "/index.json", "[{\"album\": \"A\", \"fi");
+    HistoryStore store(settings, dir());
+    EXPECT_TRUE(store.entries().isEmpty());
+    store.record(cover(Qt::red), "B");
+    const QJsonDocument doc = QJsonDocument::fromJson(readFile(dir() + "/index.json"));
+    ASSERT_TRUE(doc.isArray());
+    ASSERT_EQ(doc.array().size(), 1);
+    EXPECT_EQ(doc.array()[0].toObject()["album"].toString(), "B");
+
+    // Well-formed JSON of the wrong shape is no better.
+    writeFile(dir() + "/index.json", "[{\"album\": 3, \"file\": \"x.jpg\"}]");
+    EXPECT_TRUE(HistoryStore(settings, dir()).entries().isEmpty());
+    writeFile(dir() + "/index.json", "{\"album\": \"A\"}");
+    EXPECT_TRUE(HistoryStore(settings, dir()).entries().isEmpty());
+}
+
+TEST_F(HistoryStoreTest, ClearingDeletesEveryCoverAndTheIndexAndAnnouncesOnce)
+{
+    HistoryStore store(settings, dir());
+    store.record(cover(Qt::red), "A");
+    store.record(cover(Qt::blue), "B");
+    // A cover left behind by an earlier, unreadable index.
+    writeFile(dir() + "/0123456789abcdef.jpg", HistoryStore::encodeCover(cover(Qt::red)));
+    QSignalSpy changed(&store, &HistoryStore::changed);
+    store.clear();
+    EXPECT_EQ(changed.count(), 1);
+    EXPECT_TRUE(store.entries().isEmpty());
+    EXPECT_TRUE(QDir(dir()).entryList(QDir::Files).isEmpty());
+    EXPECT_TRUE(HistoryStore(settings, dir()).entries().isEmpty());
+    store.clear();  // files already gone: ignored
+    EXPECT_EQ(changed.count(), 2);
+}
+
+TEST_F(HistoryStoreTest, DefaultFolderIsInTheSupportDirectory)
+{
+    ScopedEnv data("XDG_DATA_HOME", temp.path().toUtf8());
+    // The support directory is computed once per process; whatever it is, history sits in it.
+    HistoryStore store(settings);
+    EXPECT_EQ(store.dir(), SceneLocation::supportDirectory() + "/history");
+    EXPECT_TRUE(store.dir().startsWith(temp.path()));
+    EXPECT_TRUE(QFileInfo(store.dir()).isDir());
+}

@@ -1,0 +1,180 @@
+#include "core/app/Log.h"
+#include "core/scene/PlatesWatcher.h"
+#include "core/scene/SceneLocation.h"
+#include "TestSupport.h"
+
+#include <QDir>
+#include <QFile>
+#include <gtest/gtest.h>
+
+using namespace testsupport;
+using namespace std::chrono_literals;
+
+namespace {
+
+// One data and state folder for the whole process: both paths are computed once.
+struct Environment : ::testing::Environment {
+    QTemporaryDir home;
+    void SetUp() override
+    {
+        qputenv("XDG_DATA_HOME", home.filePath("data").toUtf8());
+        qputenv("XDG_STATE_HOME", home.filePath("state").toUtf8());
+        qunsetenv("TURNELO_SCENES_DIR");
+    }
+};
+Environment *env = static_cast<Environment *>(::testing::AddGlobalTestEnvironment(new Environment));
+
+QByteArray logText() { return readFile(Log::path()); }
+
+// Modification dates far apart, so no file system's date resolution can hide a change.
+void setModified(const QString &path, int secondsAhead)
+{
+    QFile f(path);
+    ASSERT_TRUE(f.open(QIODevice::ReadWrite));
+    ASSERT_TRUE(f.setFileTime(QDateTime::currentDateTime().addSecs(secondsAhead), QFileDevice::FileModificationTime));
+}
+
+}  // namespace
+
+TEST(SceneLocation, FoldersAndDevelopmentRoot)
+{
+    EXPECT_EQ(SceneLocation::supportDirectory(), env->home.filePath("data") + "/Turnelo Dev");
+    EXPECT_EQ(SceneLocation::installedRoot(), env->home.filePath("data") + "/Turnelo Dev/Scenes");
+    EXPECT_EQ(Log::path(), env->home.filePath("state") + "/Turnelo Dev.log");
+    EXPECT_EQ(SceneLocation::candidates(), QStringList{SceneLocation::installedRoot()});
+    {
+        ScopedEnv dev("TURNELO_SCENES_DIR", "~/scenes/room");
+        EXPECT_EQ(*SceneLocation::development(), QDir::homePath() + "/scenes/room");
+        EXPECT_EQ(SceneLocation::candidates().size(), 2);
+    }
+    EXPECT_FALSE(SceneLocation::development().has_value());
+}
+
+TEST(SceneLocation, ResolvePrefersAValidDevelopmentSceneAndLogsInvalidOnes)
+{
+    const QString installed = SceneLocation::installedRoot();
+    writeFile(installed + "/manifest.json", minimalManifest());
+    QTemporaryDir dev;
+    ScopedEnv var("TURNELO_SCENES_DIR", dev.path().toUtf8());
+
+    // No manifest in the development folder: silently falls through.
+    EXPECT_FALSE(SceneLocation::usesDevelopmentScenes());
+    auto resolved = SceneLocation::resolve();
+    ASSERT_TRUE(resolved);
+    EXPECT_EQ(resolved->root, installed);
+
+    writeFile(dev.filePath("manifest.json"), "{\"contract\": \"1\"}");
+    resolved = SceneLocation::resolve();
+    ASSERT_TRUE(resolved);
+    EXPECT_EQ(resolved->root, installed);
+    EXPECT_TRUE(logText().contains("Cena: manifest inválido em " + dev.path().toUtf8()
+                                   + ": contract: esperava inteiro, achei texto\n"));
+
+    writeFile(dev.filePath("manifest.json"), minimalManifest());
+    EXPECT_TRUE(SceneLocation::usesDevelopmentScenes());
+    EXPECT_EQ(SceneLocation::resolve()->root, dev.path());
+
+    QFile::remove(installed + "/manifest.json");
+    QFile::remove(dev.filePath("manifest.json"));
+    EXPECT_FALSE(SceneLocation::resolve().has_value());
+}
+
+// The quiet interval is shortened so the test takes seconds; the logic is the same.
+TEST(PlatesWatcher, BurstOfWritesSettlesOnce)
+{
+    QTemporaryDir root;
+    const QString manifest = root.filePath("manifest.json");
+    writeFile(manifest, minimalManifest());
+    int calls = 0;
+    PlatesWatcher watcher(root.path(), [&] { ++calls; }, 400);
+    spin(50ms);
+    QFile f(manifest);
+    for (int i = 0; i < 6; ++i) {
+        ASSERT_TRUE(f.open(QIODevice::Append));
+        f.write(" ");
+        f.close();
+        setModified(manifest, i + 1);
+        spin(150ms);
+        EXPECT_EQ(calls, 0) << "fired before the writes went quiet";
+    }
+    EXPECT_TRUE(waitUntil([&] { return calls == 1; }, 3s));
+    spin(800ms);
+    EXPECT_EQ(calls, 1);
+    EXPECT_TRUE(logText().contains("Manifest novo: recarregando a cena"));
+}
+
+TEST(PlatesWatcher, FolderTouchWithoutNewManifestDateDoesNothing)
+{
+    QTemporaryDir root;
+    writeFile(root.filePath("manifest.json"), minimalManifest());
+    int calls = 0;
+    PlatesWatcher watcher(root.path(), [&] { ++calls; }, 200);
+    writeFile(root.filePath("light/room.exr"), "x");
+    spin(700ms);
+    EXPECT_EQ(calls, 0);
+}
+
+TEST(PlatesWatcher, AtomicReplacementsAreNoticedEachTime)
+{
+    QTemporaryDir root;
+    const QString manifest = root.filePath("manifest.json");
+    writeFile(manifest, minimalManifest());
+    int calls = 0;
+    PlatesWatcher watcher(root.path(), [&] { ++calls; }, 200);
+    for (int round = 1; round <= 2; ++round) {
+        const QString incoming = root.filePath("incoming.json");
+        writeFile(incoming, minimalManifest());
+        setModified(incoming, 10 * round);
+        ASSERT_EQ(::rename(QFile::encodeName(incoming).constData(), QFile::encodeName(manifest).constData()), 0);
+        EXPECT_TRUE(waitUntil([&] { return calls == round; }, 3s)) << "round " << round;
+    }
+    // A manifest that disappears counts as a change too; so does its return.
+    QFile::remove(manifest);
+    EXPECT_TRUE(waitUntil([&] { return calls == 3; }, 3s));
+    writeFile(manifest, minimalManifest());
+    EXPECT_TRUE(waitUntil([&] { return calls == 4; }, 3s));
+
+    watcher.stop();
+    writeFile(manifest, "{}");
+    setModified(manifest, 99);
+    spin(500ms);
+    EXPECT_EQ(calls, 4);
+}
+
+namespace {
+
+// The installer's swap: the new scene comes in beside the old one and two renames exchange them.
+void installByRenames(const QString &support, int round)
+{
+    const QString root = support + "/Scenes";
+    const QString incoming = support + "/Scenes.incoming";
+    writeFile(incoming + "/manifest.json", minimalManifest());
+    setModified(incoming + "/manifest.json", 10 * round);
+    QDir(support + "/Scenes.old").removeRecursively();
+    if (QFileInfo::exists(root))
+        ASSERT_TRUE(QDir().rename(root, support + "/Scenes.old"));
+    ASSERT_TRUE(QDir().rename(incoming, root));
+}
+
+}  // namespace
+
+TEST(PlatesWatcher, FirstInstallIntoAMissingRootIsNoticed)
+{
+    QTemporaryDir support;
+    int calls = 0;
+    PlatesWatcher watcher(support.filePath("Scenes"), [&] { ++calls; }, 200);
+    installByRenames(support.path(), 1);
+    EXPECT_TRUE(waitUntil([&] { return calls == 1; }, 3s));
+}
+
+TEST(PlatesWatcher, RootSwappedByRenamesIsNoticedEveryTime)
+{
+    QTemporaryDir support;
+    installByRenames(support.path(), 1);
+    int calls = 0;
+    PlatesWatcher watcher(support.filePath("Scenes"), [&] { ++calls; }, 200);
+    for (int round = 2; round <= 4; ++round) {
+        installByRenames(support.path(), round);
+        EXPECT_TRUE(waitUntil([&] { return calls == round - 1; }, 3s)) << "install " << round;
+    }
+}

@@ -1,0 +1,151 @@
+#pragma once
+
+// Builders for scene folders, zip packages (including hostile ones) and catalogs, shared by the
+// delivery tests and benchmarks. Zips are written with libarchive, as the publisher does.
+
+#include "core/delivery/SceneCatalog.h"
+
+#include <QCryptographicHash>
+#include <QDir>
+#include <QDirIterator>
+#include <QFile>
+#include <QFileInfo>
+#include <QRandomGenerator>
+#include <QString>
+#include <vector>
+
+#include <archive.h>
+#include <archive_entry.h>
+
+namespace scenepackages {
+
+// A manifest that the decoder accepts: one framing "wide", one preset; `scenario` tells
+// installed versions apart.
+inline QByteArray manifestJson(const QString &scenario, const QStringList &framings = {QStringLiteral("wide")})
+{
+    QByteArray framingJson;
+    for (const QString &f : framings) {
+        if (!framingJson.isEmpty())
+            framingJson += ',';
+        framingJson += '"' + f.toUtf8() + R"(":{"size":[64,36],"camera":{"P":[[1,0,0,0],[0,1,0,0],[0,0,1,0]]},)"
+                       R"("cover":{"corners":[[0,0],[8,0],[8,8],[0,8]],"mask":"cover_mask.png"},)"
+                       R"("label":{"corners":[[0,0],[4,0],[4,4],[0,4]],"mask":"label_mask.png"}})";
+    }
+    return R"({"contract":1,"sun_keys":["sun"],"groups":["sun","fill"],"scenario":")" + scenario.toUtf8()
+         + R"(","presets":{"dia":{"sun":1.0,"exposure":0.0}},"clock":[["12:00","dia"]],"framings":{)" + framingJson + "}}";
+}
+
+inline QByteArray randomBytes(qint64 n, quint32 seed)
+{
+    QByteArray out(n, Qt::Uninitialized);
+    QRandomGenerator gen(seed);
+    gen.fillRange(reinterpret_cast<quint32 *>(out.data()), n / 4);
+    return out;
+}
+
+inline void put(const QString &path, const QByteArray &bytes)
+{
+    QDir().mkpath(QFileInfo(path).absolutePath());
+    QFile f(path);
+    f.open(QIODevice::WriteOnly | QIODevice::Truncate);
+    f.write(bytes);
+}
+
+// A base scene folder: manifest plus "wide/light/sun.exr" holding `plateBytes` random bytes
+// (incompressible, so the package is about that size).
+inline void makeSceneFolder(const QString &dir, const QString &scenario, qint64 plateBytes, quint32 seed = 1)
+{
+    put(dir + QStringLiteral("/manifest.json"), manifestJson(scenario));
+    put(dir + QStringLiteral("/wide/light/sun.exr"), randomBytes(plateBytes, seed));
+    put(dir + QStringLiteral("/wide/cover_mask.png"), QByteArray(64, '\x7f'));
+}
+
+struct ZipEntry {
+    QString name;
+    QByteArray data;
+    QString symlink;   // set: a symbolic link to this target
+    bool directory = false;
+};
+
+inline bool writeZip(const QString &path, const std::vector<ZipEntry> &entries, bool store = true)
+{
+    archive *a = archive_write_new();
+    archive_write_set_format_zip(a);
+    if (store)
+        archive_write_set_options(a, "zip:compression=store");
+    if (archive_write_open_filename(a, QFile::encodeName(path).constData()) != ARCHIVE_OK) {
+        archive_write_free(a);
+        return false;
+    }
+    for (const ZipEntry &z : entries) {
+        archive_entry *e = archive_entry_new();
+        archive_entry_copy_pathname(e, z.name.toUtf8().constData());
+        if (!z.symlink.isEmpty()) {
+            archive_entry_set_filetype(e, AE_IFLNK);
+            archive_entry_copy_symlink(e, z.symlink.toUtf8().constData());
+            archive_entry_set_perm(e, 0777);
+        } else if (z.directory) {
+            archive_entry_set_filetype(e, AE_IFDIR);
+            archive_entry_set_perm(e, 0755);
+        } else {
+            archive_entry_set_filetype(e, AE_IFREG);
+            archive_entry_set_perm(e, 0644);
+            archive_entry_set_size(e, z.data.size());
+        }
+        archive_write_header(a, e);
+        if (!z.data.isEmpty())
+            archive_write_data(a, z.data.constData(), size_t(z.data.size()));
+        archive_entry_free(e);
+    }
+    const bool ok = archive_write_close(a) == ARCHIVE_OK;
+    archive_write_free(a);
+    return ok;
+}
+
+// Every file under `folder`, named relative to it, under an optional `prefix/`.
+inline std::vector<ZipEntry> entriesOf(const QString &folder, const QString &prefix = {})
+{
+    std::vector<ZipEntry> out;
+    QDirIterator it(folder, QDir::Files | QDir::Hidden, QDirIterator::Subdirectories);
+    QStringList names;
+    while (it.hasNext())
+        names.append(QDir(folder).relativeFilePath(it.next()));
+    names.sort();
+    for (const QString &n : names) {
+        QFile f(folder + QLatin1Char('/') + n);
+        f.open(QIODevice::ReadOnly);
+        out.push_back({prefix.isEmpty() ? n : prefix + QLatin1Char('/') + n, f.readAll(), {}, false});
+    }
+    return out;
+}
+
+inline QString sha256File(const QString &path)
+{
+    QFile f(path);
+    f.open(QIODevice::ReadOnly);
+    QCryptographicHash h(QCryptographicHash::Sha256);
+    h.addData(&f);
+    return QString::fromLatin1(h.result().toHex());
+}
+
+// A catalog entry describing the package file at `path`.
+inline SceneCatalog::Entry entryFor(const QString &path, const QString &id, const QString &title)
+{
+    SceneCatalog::Entry e;
+    e.id = id;
+    e.title = title;
+    e.file = QFileInfo(path).fileName();
+    e.size = QFileInfo(path).size();
+    e.sha256 = sha256File(path);
+    return e;
+}
+
+inline void writeCatalog(const QString &scenesDir, const QList<SceneCatalog::Entry> &entries)
+{
+    SceneCatalog c;
+    c.version = 1;
+    c.scenes = entries;
+    put(scenesDir + QStringLiteral("/manifest"), c.serialize());
+}
+
+}  // namespace scenepackages
