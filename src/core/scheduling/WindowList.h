@@ -1,0 +1,27 @@
+#pragma once
+
+#include <QObject>
+#include <QRect>
+#include <vector>
+
+// One top-level window of another program that may hide part of the room.
+struct ListedWindow {
+    QRect frame;           // global screen pixels, decorations (frame extents) included
+    double opacity = 1.0;  // the window's own opacity; 1 when it sets none
+};
+
+// The windows stacked above the desktop, as the window server sees them. Only other
+// programs' windows that are shown on the current desktop are listed: hidden, iconic and
+// other desktops' windows and this process's own windows are left out. Main thread.
+class WindowList : public QObject {
+    Q_OBJECT
+public:
+    using QObject::QObject;
+    ~WindowList() override = default;
+
+    virtual std::vector<ListedWindow> windows() = 0;
+
+signals:
+    // The stacking, the active window or the current desktop changed: worth probing at once.
+    void changed();
+};
