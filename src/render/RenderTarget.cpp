@@ -11,6 +11,16 @@ OffscreenTarget::OffscreenTarget(std::shared_ptr<VulkanContext> ctx, uint32_t wi
                                        VK_IMAGE_USAGE_SAMPLED_BIT);
 }
 
+OffscreenTarget::~OffscreenTarget() {
+    if (!framebuffer) return;
+    // A frame in flight may still draw through it; offscreen targets are rare enough to wait.
+    {
+        std::lock_guard<std::mutex> lock(context->queueMutex());
+        vkQueueWaitIdle(context->queue);
+    }
+    vkDestroyFramebuffer(context->device, framebuffer, nullptr);
+}
+
 std::optional<TargetImage> OffscreenTarget::acquire() {
     drawn = true;
     TargetImage t;
@@ -19,6 +29,7 @@ std::optional<TargetImage> OffscreenTarget::acquire() {
     t.width = image->width;
     t.height = image->height;
     t.finalLayout = VK_IMAGE_LAYOUT_TRANSFER_SRC_OPTIMAL;
+    t.framebuffer = &framebuffer;
     return t;
 }
 

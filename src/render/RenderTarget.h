@@ -15,6 +15,9 @@ struct TargetImage {
     VkImageLayout finalLayout = VK_IMAGE_LAYOUT_TRANSFER_SRC_OPTIMAL;  // layout after the pass
     VkSemaphore acquired = VK_NULL_HANDLE;  // waited on before drawing, when set
     VkSemaphore rendered = VK_NULL_HANDLE;  // signalled when the frame's commands complete, when set
+    // The target's framebuffer for this image: the renderer makes it on first use and the target
+    // destroys it with the image, so a steady frame creates none. Null: one per frame.
+    VkFramebuffer *framebuffer = nullptr;
 };
 
 // Something the renderer draws into: an offscreen image now, a window's swapchain image
@@ -34,6 +37,9 @@ public:
 class OffscreenTarget : public RenderTarget {
 public:
     OffscreenTarget(std::shared_ptr<VulkanContext> context, uint32_t width, uint32_t height);
+    ~OffscreenTarget() override;
+    OffscreenTarget(const OffscreenTarget &) = delete;
+    OffscreenTarget &operator=(const OffscreenTarget &) = delete;
 
     std::optional<TargetImage> acquire() override;
     // Pixels as QImage::Format_ARGB32 (the bytes of B8G8R8A8 on a little-endian machine).
@@ -45,5 +51,6 @@ public:
 private:
     std::shared_ptr<VulkanContext> context;
     TextureRef image;
+    VkFramebuffer framebuffer = VK_NULL_HANDLE;
     bool drawn = false;
 };

@@ -21,9 +21,14 @@ struct SceneRenderer::FrameSlot {
     VkFence fence = VK_NULL_HANDLE;
     VkDescriptorPool descriptors = VK_NULL_HANDLE;
     VkQueryPool queries = VK_NULL_HANDLE;
+    VkDescriptorSet sets[2] = {VK_NULL_HANDLE, VK_NULL_HANDLE};  // composite, steam
+    // What `sets` point at now. The textures stay alive while bound, so a new texture can never
+    // share an address with a bound one and pointer equality means the same texture.
+    std::array<const GpuTexture *, SceneTextures::slotCount> bound{};
+    VkBuffer boundUniforms = VK_NULL_HANDLE;
     std::unique_ptr<HostBuffer> uniforms;
     std::vector<VkFramebuffer> framebuffers;
-    SceneTextures keepAlive;  // the textures the recorded commands read
+    SceneTextures keepAlive;  // the textures the descriptor sets and recorded commands read
     bool submitted = false;
 
     void releaseFramebuffers() {
@@ -112,8 +117,9 @@ void SceneRenderer::build(const ShaderLibrary &shaders) {
         frags[4] = makeShader(device, shaders.convertPlate);
 
         VkRenderPass pass = targetPass(VK_IMAGE_LAYOUT_TRANSFER_SRC_OPTIMAL);
-        composite = makePipeline(device, sceneLayout, pass, vert, frags[0], false);
-        steamPipeline = makePipeline(device, sceneLayout, pass, vert, frags[1], false);
+        composite = makePipeline(device, sceneLayout, pass, vert, frags[0], Blend::none);
+        steamPipeline = makePipeline(device, sceneLayout, pass, vert, frags[1], Blend::none);
+        steamOverPipeline = makePipeline(device, sceneLayout, pass, vert, frags[1], Blend::premultipliedOver);
 
         VkDescriptorSetLayoutBinding src{};
         src.binding = 0;
@@ -138,14 +144,14 @@ void SceneRenderer::build(const ShaderLibrary &shaders) {
                                        VK_IMAGE_LAYOUT_COLOR_ATTACHMENT_OPTIMAL);
         mix.loadPass = makeRenderPass(device, acc, VK_ATTACHMENT_LOAD_OP_LOAD, VK_IMAGE_LAYOUT_COLOR_ATTACHMENT_OPTIMAL,
                                       VK_IMAGE_LAYOUT_COLOR_ATTACHMENT_OPTIMAL);
-        mix.accumulate = makePipeline(device, mix.layout, mix.clearPass, vert, frags[2], true);
-        mix.accumulateAlpha = makePipeline(device, mix.layout, mix.clearPass, vert, frags[3], true);
+        mix.accumulate = makePipeline(device, mix.layout, mix.clearPass, vert, frags[2], Blend::additive);
+        mix.accumulateAlpha = makePipeline(device, mix.layout, mix.clearPass, vert, frags[3], Blend::additive);
         std::vector<VkFormat> formats{lightTextureFormat};
         if (lightTextureFormat != acc) formats.push_back(acc);
         for (VkFormat f : formats) {
             mix.resultPass[f] = makeRenderPass(device, f, VK_ATTACHMENT_LOAD_OP_DONT_CARE, VK_IMAGE_LAYOUT_UNDEFINED,
                                                VK_IMAGE_LAYOUT_SHADER_READ_ONLY_OPTIMAL);
-            mix.convert[f] = makePipeline(device, mix.layout, mix.resultPass[f], vert, frags[4], false);
+            mix.convert[f] = makePipeline(device, mix.layout, mix.resultPass[f], vert, frags[4], Blend::none);
         }
     } catch (...) {
         destroyModules();
@@ -189,6 +195,12 @@ void SceneRenderer::build(const ShaderLibrary &shaders) {
         dpci.poolSizeCount = 3;
         dpci.pPoolSizes = sizes;
         vkCheck(vkCreateDescriptorPool(device, &dpci, nullptr, &slot->descriptors), "vkCreateDescriptorPool");
+        VkDescriptorSetLayout setLayouts[2] = {sceneSetLayout, sceneSetLayout};
+        VkDescriptorSetAllocateInfo dai{VK_STRUCTURE_TYPE_DESCRIPTOR_SET_ALLOCATE_INFO};
+        dai.descriptorPool = slot->descriptors;
+        dai.descriptorSetCount = 2;
+        dai.pSetLayouts = setLayouts;
+        vkCheck(vkAllocateDescriptorSets(device, &dai, slot->sets), "vkAllocateDescriptorSets");
         if (context->timestampValidBits > 0) {
             VkQueryPoolCreateInfo qci{VK_STRUCTURE_TYPE_QUERY_POOL_CREATE_INFO};
             qci.queryType = VK_QUERY_TYPE_TIMESTAMP;
@@ -198,6 +210,10 @@ void SceneRenderer::build(const ShaderLibrary &shaders) {
         slot->uniforms = context->createHostBuffer(uniformStride * 8, VK_BUFFER_USAGE_UNIFORM_BUFFER_BIT);
         frameSlots.push_back(std::move(slot));
     }
+    presented.reserve(8);
+    waits.reserve(8);
+    doneSemaphores.reserve(8);
+    waitStages.reserve(8);
 }
 
 SceneRenderer::~SceneRenderer() {
@@ -207,6 +223,7 @@ SceneRenderer::~SceneRenderer() {
     frameSlots.clear();
     if (composite) vkDestroyPipeline(device, composite, nullptr);
     if (steamPipeline) vkDestroyPipeline(device, steamPipeline, nullptr);
+    if (steamOverPipeline) vkDestroyPipeline(device, steamOverPipeline, nullptr);
     for (auto &[layout, pass] : targetPasses) vkDestroyRenderPass(device, pass, nullptr);
     if (sceneLayout) vkDestroyPipelineLayout(device, sceneLayout, nullptr);
     if (sceneSetLayout) vkDestroyDescriptorSetLayout(device, sceneSetLayout, nullptr);
@@ -237,7 +254,6 @@ void SceneRenderer::harvest(FrameSlot &slot) {
     }
     clock.add(seconds);
     slot.releaseFramebuffers();
-    slot.keepAlive = SceneTextures{};
 }
 
 void SceneRenderer::waitIdle() {
@@ -253,48 +269,52 @@ void SceneRenderer::draw(const std::optional<Pass> &base, const std::vector<Pass
     harvest(slot);
 
     try {
-        const size_t passes = (base ? 1 : 0) + layers.size() + (steam ? 1 : 0);
-        if (slot.uniforms->size < uniformStride * passes)
+        size_t passes = (base ? 1 : 0) + layers.size() + (steam ? 1 : 0);
+        if (base && base->steamOver) ++passes;
+        for (const Pass &l : layers) passes += l.steamOver ? 1 : 0;
+        if (slot.uniforms->size < uniformStride * passes) {
             slot.uniforms = context->createHostBuffer(uniformStride * passes, VK_BUFFER_USAGE_UNIFORM_BUFFER_BIT);
+            slot.boundUniforms = VK_NULL_HANDLE;
+        }
         vkCheck(vkResetFences(device, 1, &slot.fence), "vkResetFences");
-        vkCheck(vkResetDescriptorPool(device, slot.descriptors, 0), "vkResetDescriptorPool");
         vkCheck(vkResetCommandBuffer(slot.cmd, 0), "vkResetCommandBuffer");
 
-        // One descriptor set per pass kind; passes of a kind differ only in the uniform offset.
-        VkDescriptorSetLayout setLayouts[2] = {sceneSetLayout, sceneSetLayout};
-        VkDescriptorSetAllocateInfo dai{VK_STRUCTURE_TYPE_DESCRIPTOR_SET_ALLOCATE_INFO};
-        dai.descriptorPool = slot.descriptors;
-        dai.descriptorSetCount = 2;
-        dai.pSetLayouts = setLayouts;
-        VkDescriptorSet sets[2];
-        vkCheck(vkAllocateDescriptorSets(device, &dai, sets), "vkAllocateDescriptorSets");
-
+        // The slot's two sets (composite, steam) are rewritten only when the textures change;
+        // passes of a kind differ only in their uniform offset.
         std::array<VkDescriptorImageInfo, SceneTextures::slotCount> images{};
+        std::array<const GpuTexture *, SceneTextures::slotCount> used{};
         for (int s = 0; s < SceneTextures::slotCount; ++s) {
             const GpuTexture *t = textures.slot(s);
             if (!t && s == 31) t = textures.artNew.get();
             if (!t && s == 32) t = textures.artOld.get();
             if (!t) t = (s >= 12 && s <= 15) ? white.get() : empty.get();
             images[s] = {VK_NULL_HANDLE, t->view, VK_IMAGE_LAYOUT_SHADER_READ_ONLY_OPTIMAL};
+            used[s] = t;
         }
-        VkDescriptorBufferInfo sceneBuffer{slot.uniforms->buffer, 0, sizeof(SceneUniforms)};
-        VkDescriptorBufferInfo steamBuffer{slot.uniforms->buffer, 0, sizeof(SteamUniforms)};
-        VkWriteDescriptorSet writes[4]{};
-        for (int k = 0; k < 2; ++k) {
-            writes[2 * k] = {VK_STRUCTURE_TYPE_WRITE_DESCRIPTOR_SET};
-            writes[2 * k].dstSet = sets[k];
-            writes[2 * k].dstBinding = 0;
-            writes[2 * k].descriptorCount = 1;
-            writes[2 * k].descriptorType = VK_DESCRIPTOR_TYPE_UNIFORM_BUFFER_DYNAMIC;
-            writes[2 * k].pBufferInfo = k == 0 ? &sceneBuffer : &steamBuffer;
-            writes[2 * k + 1] = {VK_STRUCTURE_TYPE_WRITE_DESCRIPTOR_SET};
-            writes[2 * k + 1].dstSet = sets[k];
-            writes[2 * k + 1].dstBinding = 4;
-            writes[2 * k + 1].descriptorCount = SceneTextures::slotCount;  // consecutive bindings
-            writes[2 * k + 1].descriptorType = VK_DESCRIPTOR_TYPE_SAMPLED_IMAGE;
-            writes[2 * k + 1].pImageInfo = images.data();
+        if (used != slot.bound || slot.boundUniforms != slot.uniforms->buffer) {
+            VkDescriptorBufferInfo sceneBuffer{slot.uniforms->buffer, 0, sizeof(SceneUniforms)};
+            VkDescriptorBufferInfo steamBuffer{slot.uniforms->buffer, 0, sizeof(SteamUniforms)};
+            VkWriteDescriptorSet writes[4]{};
+            for (int k = 0; k < 2; ++k) {
+                writes[2 * k] = {VK_STRUCTURE_TYPE_WRITE_DESCRIPTOR_SET};
+                writes[2 * k].dstSet = slot.sets[k];
+                writes[2 * k].dstBinding = 0;
+                writes[2 * k].descriptorCount = 1;
+                writes[2 * k].descriptorType = VK_DESCRIPTOR_TYPE_UNIFORM_BUFFER_DYNAMIC;
+                writes[2 * k].pBufferInfo = k == 0 ? &sceneBuffer : &steamBuffer;
+                writes[2 * k + 1] = {VK_STRUCTURE_TYPE_WRITE_DESCRIPTOR_SET};
+                writes[2 * k + 1].dstSet = slot.sets[k];
+                writes[2 * k + 1].dstBinding = 4;
+                writes[2 * k + 1].descriptorCount = SceneTextures::slotCount;  // consecutive bindings
+                writes[2 * k + 1].descriptorType = VK_DESCRIPTOR_TYPE_SAMPLED_IMAGE;
+                writes[2 * k + 1].pImageInfo = images.data();
+            }
+            vkUpdateDescriptorSets(device, 4, writes, 0, nullptr);
+            slot.bound = used;
+            slot.boundUniforms = slot.uniforms->buffer;
+            slot.keepAlive = textures;
         }
-        vkUpdateDescriptorSets(device, 4, writes, 0, nullptr);
+        VkDescriptorSet sets[2] = {slot.sets[0], slot.sets[1]};
 
         VkCommandBufferBeginInfo bi{VK_STRUCTURE_TYPE_COMMAND_BUFFER_BEGIN_INFO};
         bi.flags = VK_COMMAND_BUFFER_USAGE_ONE_TIME_SUBMIT_BIT;
@@ -304,29 +324,36 @@ void SceneRenderer::draw(const std::optional<Pass> &base, const std::vector<Pass
             vkCmdWriteTimestamp(slot.cmd, VK_PIPELINE_STAGE_TOP_OF_PIPE_BIT, slot.queries, 0);
         }
 
-        std::vector<RenderTarget *> presented;
-        std::vector<VkSemaphore> waits, doneSemaphores;
-        std::vector<VkPipelineStageFlags> waitStages;
+        presented.clear();
+        waits.clear();
+        doneSemaphores.clear();
+        waitStages.clear();
         uint32_t uniformIndex = 0;
         auto encode = [&](RenderTarget *target, VkPipeline pipeline, VkDescriptorSet set, const void *bytes,
-                          size_t size) {
+                          size_t size, const SteamUniforms *over) {
             if (!target) return;
             std::optional<TargetImage> image = target->acquire();
             if (!image) return;  // no image this frame: the pass is skipped
             const uint32_t offset = uint32_t(uniformStride * uniformIndex++);
             std::memcpy(static_cast<char *>(slot.uniforms->mapped) + offset, bytes, size);
-            VkFramebufferCreateInfo fci{VK_STRUCTURE_TYPE_FRAMEBUFFER_CREATE_INFO};
-            fci.renderPass = targetPass(image->finalLayout);
-            fci.attachmentCount = 1;
-            fci.pAttachments = &image->view;
-            fci.width = image->width;
-            fci.height = image->height;
-            fci.layers = 1;
-            VkFramebuffer fb;
-            vkCheck(vkCreateFramebuffer(device, &fci, nullptr, &fb), "vkCreateFramebuffer");
-            slot.framebuffers.push_back(fb);
+            const VkRenderPass renderPass = targetPass(image->finalLayout);
+            VkFramebuffer fb = image->framebuffer ? *image->framebuffer : VK_NULL_HANDLE;
+            if (!fb) {
+                VkFramebufferCreateInfo fci{VK_STRUCTURE_TYPE_FRAMEBUFFER_CREATE_INFO};
+                fci.renderPass = renderPass;
+                fci.attachmentCount = 1;
+                fci.pAttachments = &image->view;
+                fci.width = image->width;
+                fci.height = image->height;
+                fci.layers = 1;
+                vkCheck(vkCreateFramebuffer(device, &fci, nullptr, &fb), "vkCreateFramebuffer");
+                if (image->framebuffer)
+                    *image->framebuffer = fb;
+                else
+                    slot.framebuffers.push_back(fb);
+            }
             VkRenderPassBeginInfo rbi{VK_STRUCTURE_TYPE_RENDER_PASS_BEGIN_INFO};
-            rbi.renderPass = fci.renderPass;
+            rbi.renderPass = renderPass;
             rbi.framebuffer = fb;
             rbi.renderArea = {{0, 0}, {image->width, image->height}};
             vkCmdBeginRenderPass(slot.cmd, &rbi, VK_SUBPASS_CONTENTS_INLINE);
@@ -337,6 +364,14 @@ void SceneRenderer::draw(const std::optional<Pass> &base, const std::vector<Pass
             vkCmdSetViewport(slot.cmd, 0, 1, &vp);
             vkCmdSetScissor(slot.cmd, 0, 1, &sc);
             vkCmdDraw(slot.cmd, 3, 1, 0, 0);
+            if (over) {
+                const uint32_t steamOffset = uint32_t(uniformStride * uniformIndex++);
+                std::memcpy(static_cast<char *>(slot.uniforms->mapped) + steamOffset, over, sizeof(SteamUniforms));
+                vkCmdBindPipeline(slot.cmd, VK_PIPELINE_BIND_POINT_GRAPHICS, steamOverPipeline);
+                vkCmdBindDescriptorSets(slot.cmd, VK_PIPELINE_BIND_POINT_GRAPHICS, sceneLayout, 0, 1, &sets[1], 1,
+                                        &steamOffset);
+                vkCmdDraw(slot.cmd, 3, 1, 0, 0);
+            }
             vkCmdEndRenderPass(slot.cmd);
             presented.push_back(target);
             if (image->acquired) {
@@ -346,9 +381,11 @@ void SceneRenderer::draw(const std::optional<Pass> &base, const std::vector<Pass
             if (image->rendered) doneSemaphores.push_back(image->rendered);
         };
 
-        if (base) encode(base->target, composite, sets[0], &base->uniforms, sizeof(SceneUniforms));
-        for (const Pass &layer : layers) encode(layer.target, composite, sets[0], &layer.uniforms, sizeof(SceneUniforms));
-        if (steam) encode(steam->target, steamPipeline, sets[1], &steam->uniforms, sizeof(SteamUniforms));
+        auto steamOf = [](const Pass &p) { return p.steamOver ? &*p.steamOver : nullptr; };
+        if (base) encode(base->target, composite, sets[0], &base->uniforms, sizeof(SceneUniforms), steamOf(*base));
+        for (const Pass &layer : layers)
+            encode(layer.target, composite, sets[0], &layer.uniforms, sizeof(SceneUniforms), steamOf(layer));
+        if (steam) encode(steam->target, steamPipeline, sets[1], &steam->uniforms, sizeof(SteamUniforms), nullptr);
 
         if (slot.queries) vkCmdWriteTimestamp(slot.cmd, VK_PIPELINE_STAGE_BOTTOM_OF_PIPE_BIT, slot.queries, 1);
         vkCheck(vkEndCommandBuffer(slot.cmd), "vkEndCommandBuffer");
@@ -364,7 +401,6 @@ void SceneRenderer::draw(const std::optional<Pass> &base, const std::vector<Pass
         si.pSignalSemaphores = doneSemaphores.data();
         vkCheck(context->submit(si, slot.fence), "vkQueueSubmit");
         slot.submitted = true;
-        slot.keepAlive = textures;
         for (RenderTarget *t : presented) t->present();
         // The base image must be complete before the caller shows it.
         if (base) harvest(slot);

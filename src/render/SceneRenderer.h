@@ -22,6 +22,9 @@ public:
     struct Pass {
         RenderTarget *target = nullptr;  // not owned
         SceneUniforms uniforms;
+        // Steam laid over this pass's pixels in the same render pass (premultiplied "over"): a
+        // window layer cannot be translucent over its parent without a compositor.
+        std::optional<SteamUniforms> steamOver;
     };
     struct SteamPass {
         RenderTarget *target = nullptr;  // not owned
@@ -66,10 +69,15 @@ private:
     std::map<VkImageLayout, VkRenderPass> targetPasses;
     VkPipeline composite = VK_NULL_HANDLE;
     VkPipeline steamPipeline = VK_NULL_HANDLE;
+    VkPipeline steamOverPipeline = VK_NULL_HANDLE;
     VkSampler lin = VK_NULL_HANDLE, art = VK_NULL_HANDLE, sprite = VK_NULL_HANDLE;
     TextureRef empty, white;
 
     std::vector<std::unique_ptr<FrameSlot>> frameSlots;
+    // Per-frame lists, kept so that a steady frame allocates nothing.
+    std::vector<RenderTarget *> presented;
+    std::vector<VkSemaphore> waits, doneSemaphores;
+    std::vector<VkPipelineStageFlags> waitStages;
     size_t nextSlot = 0;
     VkDeviceSize uniformStride = 0;
 };

@@ -64,7 +64,7 @@ VkShaderModule makeShader(VkDevice device, const std::vector<uint32_t> &spirv) {
 }
 
 VkPipeline makePipeline(VkDevice device, VkPipelineLayout layout, VkRenderPass pass, VkShaderModule vertex,
-                        VkShaderModule fragment, bool additive) {
+                        VkShaderModule fragment, Blend blendMode) {
     VkPipelineShaderStageCreateInfo stages[2]{};
     stages[0].sType = VK_STRUCTURE_TYPE_PIPELINE_SHADER_STAGE_CREATE_INFO;
     stages[0].stage = VK_SHADER_STAGE_VERTEX_BIT;
@@ -90,13 +90,15 @@ VkPipeline makePipeline(VkDevice device, VkPipelineLayout layout, VkRenderPass p
     VkPipelineColorBlendAttachmentState blend{};
     blend.colorWriteMask = VK_COLOR_COMPONENT_R_BIT | VK_COLOR_COMPONENT_G_BIT | VK_COLOR_COMPONENT_B_BIT |
                            VK_COLOR_COMPONENT_A_BIT;
-    if (additive) {
+    if (blendMode != Blend::none) {
+        const VkBlendFactor dst =
+            blendMode == Blend::additive ? VK_BLEND_FACTOR_ONE : VK_BLEND_FACTOR_ONE_MINUS_SRC_ALPHA;
         blend.blendEnable = VK_TRUE;
         blend.srcColorBlendFactor = VK_BLEND_FACTOR_ONE;
-        blend.dstColorBlendFactor = VK_BLEND_FACTOR_ONE;
+        blend.dstColorBlendFactor = dst;
         blend.colorBlendOp = VK_BLEND_OP_ADD;
         blend.srcAlphaBlendFactor = VK_BLEND_FACTOR_ONE;
-        blend.dstAlphaBlendFactor = VK_BLEND_FACTOR_ONE;
+        blend.dstAlphaBlendFactor = dst;
         blend.alphaBlendOp = VK_BLEND_OP_ADD;
     }
     VkPipelineColorBlendStateCreateInfo cb{VK_STRUCTURE_TYPE_PIPELINE_COLOR_BLEND_STATE_CREATE_INFO};

@@ -12,8 +12,9 @@ namespace VulkanPipelines {
 VkRenderPass makeRenderPass(VkDevice device, VkFormat format, VkAttachmentLoadOp load, VkImageLayout initial,
                             VkImageLayout final);
 VkShaderModule makeShader(VkDevice device, const std::vector<uint32_t> &spirv);
+enum class Blend { none, additive, premultipliedOver };
 VkPipeline makePipeline(VkDevice device, VkPipelineLayout layout, VkRenderPass pass, VkShaderModule vertex,
-                        VkShaderModule fragment, bool additive);
+                        VkShaderModule fragment, Blend blendMode);
 VkSampler makeSampler(VkDevice device, VkFilter filter, VkSamplerAddressMode address, bool mipmaps, float anisotropy);
 
 }  // namespace VulkanPipelines

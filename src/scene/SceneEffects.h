@@ -57,6 +57,10 @@ public:
               bool playing, const std::array<double, 3> &artMean, int fps, bool motionBlur);
 
     size_t memoryBytes() const;
+    // The window glass the rain runs down, in plate pixels; none without a glass mask.
+    std::optional<Float4> glassRect() const {
+        return glass ? std::optional<Float4>(glass->second) : std::nullopt;
+    }
 
 private:
     void logApproximate(const QString &reason);

@@ -1,0 +1,54 @@
+#pragma once
+
+#include "render/RenderTarget.h"
+
+#include <memory>
+#include <vector>
+
+// A window's swapchain as a render target: B8G8R8A8_UNORM images presented with FIFO. The
+// surface belongs to the window system (the window that made it); the swapchain, its views,
+// framebuffers and semaphores belong here and are remade when the size changes or the
+// surface says it is out of date. Main thread.
+class SwapchainTarget : public RenderTarget {
+public:
+    SwapchainTarget(std::shared_ptr<VulkanContext> context, VkSurfaceKHR surface, uint32_t width, uint32_t height);
+    ~SwapchainTarget() override;
+    SwapchainTarget(const SwapchainTarget &) = delete;
+    SwapchainTarget &operator=(const SwapchainTarget &) = delete;
+
+    // The window's new size in pixels; the swapchain follows at the next acquire.
+    void resize(uint32_t width, uint32_t height);
+    // None when the surface cannot present now (zero size, lost surface, no image free in time).
+    std::optional<TargetImage> acquire() override;
+    void present() override;
+    // Copies a B8G8R8A8 image of the same size (shader-read-only or transfer-source layout as
+    // given) into the next swapchain image and presents it: the still room shown without shading.
+    bool show(const GpuTexture &image, VkImageLayout layout);
+
+    uint32_t width() const { return extent.width; }
+    uint32_t height() const { return extent.height; }
+    // Bytes of the swapchain's images, as the driver reports their needs (estimate: w × h × 4 each).
+    size_t memoryBytes() const { return size_t(extent.width) * extent.height * 4 * images.size(); }
+
+private:
+    bool recreate();
+    void release();
+
+    std::shared_ptr<VulkanContext> context;
+    VkSurfaceKHR surface;
+    VkSwapchainKHR swapchain = VK_NULL_HANDLE;
+    VkExtent2D wanted{};
+    VkExtent2D extent{};
+    bool stale = true;
+    bool canCopyInto = false;
+    std::vector<VkImage> images;
+    std::vector<VkImageView> views;
+    std::vector<VkFramebuffer> framebuffers;
+    std::vector<VkSemaphore> rendered;      // one per image
+    std::vector<VkSemaphore> acquireSems;   // rotating, one more than the images
+    size_t nextAcquire = 0;
+    uint32_t current = UINT32_MAX;          // image acquired and not yet presented
+    VkCommandPool copyPool = VK_NULL_HANDLE;
+    VkCommandBuffer copyCmd = VK_NULL_HANDLE;
+    VkFence copyFence = VK_NULL_HANDLE;
+};
