@@ -60,7 +60,8 @@ struct PowerSessionTest : ::testing::Test {
     QStringList newLogLines() const
     {
         QStringList lines;
-        for (const QString &line : logText().mid(logStart).split(QLatin1Char('\n'), Qt::SkipEmptyParts))
+        const QString text = logText().mid(logStart);
+        for (const QString &line : text.split(QLatin1Char('\n'), Qt::SkipEmptyParts))
             lines.append(line.section(QLatin1Char(' '), 1));  // without the timestamp
         return lines;
     }
@@ -82,7 +83,8 @@ struct PowerSessionTest : ::testing::Test {
 
     void setOnBattery(DbusMock &mock, bool on)
     {
-        const QDBusMessage reply = mock.setProperty(kUPowerPath, kUPower, QStringLiteral("OnBattery"), on);
+        const QDBusMessage reply =
+            mock.setProperty(kUPowerPath, kUPower, QStringLiteral("OnBattery"), on);
         ASSERT_EQ(reply.type(), QDBusMessage::ReplyMessage) << reply.errorMessage().toStdString();
     }
 };
@@ -124,9 +126,10 @@ TEST_F(PowerSessionTest, BatteriesCountWhenTheyPowerTheMachine)
     auto service = upower(QStringLiteral(R"({"OnBattery": true})"));
     // A battery-kind device that does not power the machine (a UPS seen through USB, say).
     addBattery(*service, QStringLiteral("ups"));
+    const QDBusObjectPath ups(QStringLiteral("/org/freedesktop/UPower/devices/ups"));
     const QDBusMessage set = service->callMock(
         kUPowerPath, QStringLiteral("SetDeviceProperties"),
-        {QVariant::fromValue(QDBusObjectPath(QStringLiteral("/org/freedesktop/UPower/devices/ups"))),
+        {QVariant::fromValue(ups),
          QVariantMap{{QStringLiteral("PowerSupply"), false}}});
     ASSERT_EQ(set.type(), QDBusMessage::ReplyMessage) << set.errorMessage().toStdString();
 
@@ -167,8 +170,8 @@ TEST_F(PowerSessionTest, PowerSaverProfileIsLowPowerModeUnderEitherServiceName)
     QObject::connect(&monitor, &PowerMonitor::ecoActiveChanged,
                      [&](bool active) { flips.push_back(active); });
 
-    const QDBusMessage set = profiles->setProperty(hadessPath, hadess, QStringLiteral("ActiveProfile"),
-                                                   QStringLiteral("power-saver"));
+    const QDBusMessage set = profiles->setProperty(
+        hadessPath, hadess, QStringLiteral("ActiveProfile"), QStringLiteral("power-saver"));
     ASSERT_EQ(set.type(), QDBusMessage::ReplyMessage) << set.errorMessage().toStdString();
     ASSERT_TRUE(waitUntil([&] { return monitor.ecoActive(); }, 10s));
     EXPECT_TRUE(monitor.lowPowerMode());
@@ -183,9 +186,9 @@ TEST_F(PowerSessionTest, PowerSaverProfileIsLowPowerModeUnderEitherServiceName)
     const QString currentPath = QStringLiteral("/org/freedesktop/UPower/PowerProfiles");
     auto renamed = DbusMock::bare(bus, current, currentPath, current);
     ASSERT_TRUE(renamed->ok()) << renamed->errors().toStdString();
+    const QVariant balanced = QVariant::fromValue(QDBusVariant(QStringLiteral("balanced")));
     QDBusMessage reply = renamed->callMock(currentPath, QStringLiteral("AddProperty"),
-                                           {QString(), QStringLiteral("ActiveProfile"),
-                                            QVariant::fromValue(QDBusVariant(QStringLiteral("balanced")))});
+                                           {QString(), QStringLiteral("ActiveProfile"), balanced});
     ASSERT_EQ(reply.type(), QDBusMessage::ReplyMessage) << reply.errorMessage().toStdString();
     reply = renamed->callMock(currentPath, QStringLiteral("UpdateProperties"),
                               {QString(), QVariantMap{{QStringLiteral("ActiveProfile"),
@@ -289,7 +292,8 @@ TEST_F(SessionSignalsTest, EveryLockerAndLogindReportOneLockSleepAndSessionSwitc
     xfceActive(false);
     // Another session's lock is not ours.
     setLockedHint(other, true);
-    const QDBusMessage inactive = logind->setProperty(ours, kSession, QStringLiteral("Active"), false);
+    const QDBusMessage inactive =
+        logind->setProperty(ours, kSession, QStringLiteral("Active"), false);
     ASSERT_EQ(inactive.type(), QDBusMessage::ReplyMessage) << inactive.errorMessage().toStdString();
     ASSERT_TRUE(events.waitFor({"locked 1", "asleep 1", "asleep 0", "locked 0", "active 0"}))
         << events.seen.join(", ").toStdString();

@@ -47,7 +47,8 @@ public:
             return;
         address = QString::fromUtf8(daemon.readLine()).trimmed();
         name = QStringLiteral("private-bus-%1").arg(++counter);
-        connection = std::make_unique<QDBusConnection>(QDBusConnection::connectToBus(address, name));
+        connection =
+            std::make_unique<QDBusConnection>(QDBusConnection::connectToBus(address, name));
     }
     ~PrivateBus()
     {
@@ -165,8 +166,9 @@ private:
     {
         process.setProcessEnvironment(bus.env());
         // Whatever the template says, the service goes on the private bus, which is both.
-        QStringList all{QStringLiteral("-m"), QStringLiteral("dbusmock"), QStringLiteral("--session")};
-        process.start(QStringLiteral("/usr/bin/python3"), all + args);
+        const QStringList module{QStringLiteral("-m"), QStringLiteral("dbusmock"),
+                                 QStringLiteral("--session")};
+        process.start(QStringLiteral("/usr/bin/python3"), module + args);
         ready = process.waitForStarted(10000)
                 && waitUntil([&] {
                        return bus.hasOwner(busName)
