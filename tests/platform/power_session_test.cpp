@@ -322,7 +322,20 @@ TEST_F(SessionSignalsTest, WithoutXdgSessionIdLogindIsAskedForThisProcesssSessio
     LinuxSessionSignals session(connection, connection);
     EXPECT_EQ(session.sessionPath(), ours);
     SessionEvents events(session);
-    setLockedHint(ours, true);
+    // A service may only name the property that changed; its value is then asked for.
+    QDBusMessage reply = logind->callMock(
+        ours, QStringLiteral("AddMethod"),
+        {kSession, QStringLiteral("LockQuietly"), QString(), QString(),
+         QStringLiteral("self.props['%1']['LockedHint'] = True").arg(kSession)});
+    ASSERT_EQ(reply.type(), QDBusMessage::ReplyMessage) << reply.errorMessage().toStdString();
+    reply = logind->call(ours, kSession, QStringLiteral("LockQuietly"));
+    ASSERT_EQ(reply.type(), QDBusMessage::ReplyMessage) << reply.errorMessage().toStdString();
+    reply = logind->callMock(
+        ours, QStringLiteral("EmitSignal"),
+        {QStringLiteral("org.freedesktop.DBus.Properties"), QStringLiteral("PropertiesChanged"),
+         QStringLiteral("sa{sv}as"),
+         QVariantList{kSession, QVariantMap{}, QStringList{QStringLiteral("LockedHint")}}});
+    ASSERT_EQ(reply.type(), QDBusMessage::ReplyMessage) << reply.errorMessage().toStdString();
     EXPECT_TRUE(events.waitFor({"locked 1"})) << events.seen.join(", ").toStdString();
 }
 
