@@ -19,6 +19,7 @@ PACKAGES=(
   nginx-light curl
   xfconf libxfconf-0-3 libglib2.0-bin
   mpv mpv-mpris
+  python3-dbusmock
 )
 
 missing=()
