@@ -347,6 +347,8 @@ TEST_F(FrameSchedulerTest, PerformanceLine)
         EXPECT_EQ(FrameScheduler(30, nullptr, nullptr).perfInterval(), 300.0);
         settings.setValue("perfLogInterval", "soon");
         EXPECT_EQ(FrameScheduler(30, nullptr, nullptr).perfInterval(), 300.0);
+        settings.setValue("perfLogInterval", 0);  // a zero interval would write without pause
+        EXPECT_EQ(FrameScheduler(30, nullptr, nullptr).perfInterval(), 300.0);
         settings.setValue("perfLogInterval", 0.3);
     }
 
@@ -356,11 +358,19 @@ TEST_F(FrameSchedulerTest, PerformanceLine)
     gpu = [] { return std::pair<double, long long>{0.1, 4}; };
     int seenAtLine = 0;
     std::vector<int> framesPerLine;
+    std::vector<double> gaps;  // seconds between lines as the test sees them
+    QElapsedTimer sinceLine;
+    std::vector<std::clock_t> cpuAtLine;
     double cpuBurnt = 0;
+    const std::clock_t cpuAtStart = std::clock();
+    sinceLine.start();
     auto &s = make(60);
     s.describeState = [&] {
         framesPerLine.push_back(ticks - seenAtLine);
         seenAtLine = ticks;
+        gaps.push_back(sinceLine.nsecsElapsed() / 1e9);
+        cpuAtLine.push_back(std::clock());
+        sinceLine.restart();
         return QStringLiteral("tocando, visível");
     };
     EXPECT_EQ(s.perfInterval(), 0.3);
@@ -386,20 +396,25 @@ TEST_F(FrameSchedulerTest, PerformanceLine)
         ASSERT_GT(busy, 0.0);
         const double w = 0.1 / (busy / 100.0);
         EXPECT_NEAR(m.captured(1).toInt(), w, 0.51) << lines[n].toStdString();
+        // Each line covers the time since the previous one (the first, since creation).
+        EXPECT_NEAR(w, gaps[n], 0.1) << lines[n].toStdString();
         EXPECT_NEAR(m.captured(2).toDouble(), framesPerLine[n] / w, 0.06 + 0.005 * framesPerLine[n] / w)
             << lines[n].toStdString();
         if (n == 0) {
             // The first interval counts from creation (a coarse timer may fire up to 5 % early);
             // later ones may be shorter when a late line is followed by one on schedule.
             EXPECT_GE(w, 0.3 * 0.94) << lines[n].toStdString();
+            // At least the burnt time, at most what the whole process spent, by another clock.
+            const double spent = double(cpuAtLine[0] - cpuAtStart) / CLOCKS_PER_SEC;
             EXPECT_GE(m.captured(3).toDouble(), cpuBurnt * 0.9 / w * 100.0) << lines[n].toStdString();
+            EXPECT_LE(m.captured(3).toDouble(), spent * 1.1 / w * 100.0 + 2.0) << lines[n].toStdString();
         }
         // Resident memory, compared with the kernel's own figure in kB.
         int rssKb = -1;
         for (const QByteArray &row : readFile("/proc/self/status").split('\n'))
             if (row.startsWith("VmRSS:"))
                 rssKb = row.mid(6).trimmed().split(' ').first().toInt();
-        EXPECT_NEAR(m.captured(6).toInt(), rssKb / 1024, 20);
+        EXPECT_NEAR(m.captured(6).toInt(), rssKb / 1024, 3);
     }
 
     // No command buffer completed: no time per frame.
