@@ -1,0 +1,464 @@
+#include "TestSupport.h"
+#include "core/app/Log.h"
+#include "core/app/Settings.h"
+#include "core/scheduling/FrameScheduler.h"
+#include "core/scheduling/SessionSignals.h"
+#include "core/scheduling/WindowList.h"
+
+#include <QElapsedTimer>
+#include <QFile>
+#include <QRegularExpression>
+#include <QTimer>
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <ctime>
+#include <memory>
+
+using namespace std::chrono_literals;
+using testsupport::readFile;
+using testsupport::spin;
+using testsupport::waitUntil;
+
+namespace {
+
+// Log and the user's settings file of this process live in a private folder, set before
+// either is first computed.
+const std::string kHome = [] {
+    char pattern[] = "/tmp/turnelo-scheduler-test-XXXXXX";
+    const std::string dir = mkdtemp(pattern);
+    setenv("XDG_STATE_HOME", (dir + "/state").c_str(), 1);
+    setenv("XDG_CONFIG_HOME", (dir + "/config").c_str(), 1);
+    return dir;
+}();
+
+const QString kCovered = QStringLiteral("Cena: área animada coberta por janelas → pausa");
+const QString kVisible = QStringLiteral("Cena: área animada à vista → renderiza");
+
+// The window list of the X server stands in here as a plain list the test sets.
+class FixedWindowList : public WindowList {
+public:
+    std::vector<ListedWindow> windows() override
+    {
+        ++queries;
+        return list;
+    }
+    // Replaces the list; `announce` mimics the stacking-change notice, without it only the
+    // periodic probe can notice.
+    void set(std::vector<ListedWindow> windows, bool announce = true)
+    {
+        list = std::move(windows);
+        if (announce)
+            emit changed();
+    }
+    int queries = 0;
+
+private:
+    std::vector<ListedWindow> list;
+};
+
+// Log messages written since construction, without their timestamps.
+class LogTail {
+public:
+    LogTail() : start(readFile(Log::path()).size()) {}
+    QStringList lines() const
+    {
+        QStringList out;
+        for (const QString &line : QString::fromUtf8(readFile(Log::path()).mid(start)).split('\n', Qt::SkipEmptyParts))
+            out << line.section(' ', 1);
+        return out;
+    }
+    int count(const QString &message) const { return int(lines().count(message)); }
+    // Lines that report a change of the room's visibility ("Cena: … → renderiza|pausa").
+    QStringList visibilityLines() const
+    {
+        QStringList out;
+        for (const QString &line : lines())
+            if (line.startsWith("Cena: ") && (line.endsWith(" → pausa") || line.endsWith(" → renderiza")))
+                out << line;
+        return out;
+    }
+
+private:
+    qsizetype start;
+};
+
+// The animated area and the sample points inside it: x and y at 150, 250, …, 550.
+const QRect kArea(100, 100, 500, 500);
+
+class FrameSchedulerTest : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        Settings settings;
+        for (const char *key : {"debugIgnoreOcclusion", "perfLogInterval"})
+            settings.remove(key);
+    }
+
+    // A scheduler at `fps`, attached to the test's window list and session, wanting frames.
+    FrameScheduler &make(int fps = 60, bool withArea = true)
+    {
+        scheduler = std::make_unique<FrameScheduler>(
+            fps, [this] { return gpu(); }, [this](double t) {
+                ++ticks;
+                times.push_back(t);
+            });
+        if (withArea)
+            scheduler->animatedArea = [] { return std::optional<QRect>(kArea); };
+        scheduler->attach(&windows, &session);
+        scheduler->setWantsFrames(true);
+        return *scheduler;
+    }
+
+    // Ticks keep arriving: a few more come within a generous wait.
+    bool ticking()
+    {
+        const int from = ticks;
+        return waitUntil([&] { return ticks >= from + 3; }, 10s);
+    }
+    // No tick arrives over a while (the tick is stopped, so no timing is involved).
+    bool silent()
+    {
+        const int from = ticks;
+        spin(300ms);
+        return ticks == from;
+    }
+
+    std::function<std::pair<double, long long>()> gpu = [] { return std::pair<double, long long>{0.0, 0}; };
+    FixedWindowList windows;
+    SessionSignals session;
+    std::unique_ptr<FrameScheduler> scheduler;
+    int ticks = 0;
+    std::vector<double> times;
+};
+
+TEST_F(FrameSchedulerTest, RunsOnlyWhenAttachedWantedAndExposed)
+{
+    auto s = std::make_unique<FrameScheduler>(60, nullptr, [this](double) { ++ticks; });
+    s->setWantsFrames(true);
+    EXPECT_FALSE(s->isRunning()) << "no tick before the view is attached";
+    s->attach(nullptr, nullptr);
+    EXPECT_TRUE(s->isRunning());
+    s->setWantsFrames(false);
+    EXPECT_FALSE(s->isRunning());
+    s->setWantsFrames(true);
+    s->setOccluded(true);
+    EXPECT_FALSE(s->isRunning());
+    EXPECT_TRUE(silent());
+    s->setOccluded(false);
+    EXPECT_TRUE(s->isRunning());
+    EXPECT_TRUE(ticking());
+
+    // Media time is monotonic and counts from creation.
+    QElapsedTimer sinceHere;
+    sinceHere.start();
+    double last = -1;
+    s->setWantsFrames(false);
+    auto &m = make();
+    ASSERT_TRUE(ticking());
+    for (double t : times) {
+        EXPECT_GE(t, last);
+        last = t;
+    }
+    EXPECT_GE(times.front(), 0.0);
+    EXPECT_LE(times.back(), sinceHere.elapsed() / 1000.0 + 0.01);
+    m.invalidate();
+}
+
+TEST_F(FrameSchedulerTest, PartialOrTranslucentCoverKeepsTheRoomRunning)
+{
+    LogTail log;
+    auto &s = make();
+    ASSERT_TRUE(ticking());
+
+    // Rows 0–3 whole, row 4 up to but not including the last point: 24 of 25. The second
+    // window's right edge ends one pixel before x = 550.
+    windows.set({{QRect(0, 0, 800, 500), 1.0}, {QRect(0, 500, 550, 300), 1.0}});
+    EXPECT_FALSE(s.isCovered());
+    EXPECT_TRUE(ticking());
+
+    // Everything under a window at 0.99: the room shows through.
+    windows.set({{QRect(0, 0, 800, 800), 0.99}});
+    EXPECT_FALSE(s.isCovered());
+    EXPECT_TRUE(ticking());
+
+    // No animated area: nothing to cover.
+    auto &noArea = make(60, false);
+    windows.set({{QRect(0, 0, 800, 800), 1.0}});
+    EXPECT_FALSE(noArea.isCovered());
+    EXPECT_TRUE(ticking());
+
+    EXPECT_TRUE(log.visibilityLines().isEmpty()) << log.lines().join('\n').toStdString();
+}
+
+TEST_F(FrameSchedulerTest, OpaqueWindowsOverEverySamplePointStopTheTicks)
+{
+    LogTail log;
+    auto &s = make();
+    ASSERT_TRUE(ticking());
+
+    windows.set({{QRect(90, 90, 520, 520), 1.0}});
+    EXPECT_TRUE(s.isCovered());
+    EXPECT_FALSE(s.isRunning());
+    EXPECT_TRUE(silent());
+    spin(700ms);  // several probes while covered
+    EXPECT_EQ(log.count(kCovered), 1);
+
+    windows.set({});
+    EXPECT_FALSE(s.isCovered());
+    EXPECT_TRUE(ticking());
+    EXPECT_EQ(log.count(kVisible), 1);
+
+    // Two windows side by side, each alone leaving points open.
+    windows.set({{QRect(100, 100, 250, 500), 1.0}, {QRect(350, 100, 250, 500), 1.0}});
+    EXPECT_TRUE(s.isCovered());
+    EXPECT_FALSE(s.isRunning());
+    EXPECT_EQ(log.count(kCovered), 2);
+    windows.set({});
+
+    // Without the stacking notice the periodic probe still finds the cover, and the uncover.
+    windows.set({{QRect(0, 0, 800, 800), 1.0}}, false);
+    EXPECT_TRUE(waitUntil([&] { return s.isCovered(); }, 10s));
+    EXPECT_FALSE(s.isRunning());
+    windows.set({}, false);
+    EXPECT_TRUE(waitUntil([&] { return !s.isCovered(); }, 10s));
+    EXPECT_TRUE(ticking());
+
+    // While visible the list is asked about once a second, not on every probe tick.
+    QElapsedTimer span;
+    span.start();
+    const int before = windows.queries;
+    spin(2500ms);
+    EXPECT_LE(windows.queries - before, span.elapsed() / 1000 + 2);
+}
+
+TEST_F(FrameSchedulerTest, LockLogsOnceAndUnlockWhileCoveredLogsNoVisibilityChange)
+{
+    LogTail log;
+    auto &s = make();
+    ASSERT_TRUE(ticking());
+
+    emit session.lockedChanged(true);
+    EXPECT_FALSE(s.isRunning());
+    EXPECT_TRUE(silent());
+    EXPECT_EQ(log.visibilityLines(), QStringList{"Cena: screenIsLocked → pausa"});
+
+    windows.set({{QRect(0, 0, 800, 800), 1.0}});
+    ASSERT_TRUE(s.isCovered());
+    emit session.lockedChanged(false);
+    EXPECT_FALSE(s.isRunning());
+    EXPECT_EQ(log.count("Cena: screenIsUnlocked → renderiza"), 0);
+    EXPECT_EQ(log.visibilityLines(), (QStringList{"Cena: screenIsLocked → pausa", kCovered}));
+
+    windows.set({});
+    EXPECT_TRUE(ticking());
+
+    emit session.lockedChanged(true);
+    emit session.lockedChanged(false);
+    EXPECT_TRUE(ticking());
+    EXPECT_EQ(log.visibilityLines().mid(3),
+              (QStringList{"Cena: screenIsLocked → pausa", "Cena: screenIsUnlocked → renderiza"}));
+}
+
+TEST_F(FrameSchedulerTest, SleepAndSessionSwitchPauseEachOnTheirOwn)
+{
+    LogTail log;
+    auto &s = make();
+    ASSERT_TRUE(ticking());
+
+    emit session.asleepChanged(true);
+    EXPECT_FALSE(s.isRunning());
+    EXPECT_TRUE(silent());
+    emit session.activeChanged(false);   // already hidden: nothing to say
+    emit session.asleepChanged(false);   // screens wake, but the session is still away
+    EXPECT_FALSE(s.isRunning());
+    emit session.activeChanged(true);
+    EXPECT_TRUE(ticking());
+    EXPECT_EQ(log.visibilityLines(),
+              (QStringList{"Cena: screensDidSleep → pausa", "Cena: sessionDidBecomeActive → renderiza"}));
+
+    emit session.activeChanged(false);
+    EXPECT_FALSE(s.isRunning());
+    emit session.activeChanged(true);
+    EXPECT_TRUE(ticking());
+    emit session.asleepChanged(true);
+    emit session.asleepChanged(false);
+    EXPECT_TRUE(ticking());
+    EXPECT_EQ(log.visibilityLines().mid(2),
+              (QStringList{"Cena: sessionDidResignActive → pausa", "Cena: sessionDidBecomeActive → renderiza",
+                           "Cena: screensDidSleep → pausa", "Cena: screensDidWake → renderiza"}));
+}
+
+TEST_F(FrameSchedulerTest, IgnoringOcclusionRunsBehindWindowsButNotWhenLockedOrAsleep)
+{
+    Settings().setValue("debugIgnoreOcclusion", true);
+    LogTail log;
+    auto &s = make();
+    // Read once: a later change does not apply to this scheduler.
+    Settings().setValue("debugIgnoreOcclusion", false);
+
+    windows.set({{QRect(0, 0, 800, 800), 1.0}});
+    s.setOccluded(true);
+    EXPECT_TRUE(s.isRunning());
+    EXPECT_TRUE(ticking());
+
+    emit session.lockedChanged(true);
+    EXPECT_FALSE(s.isRunning());
+    EXPECT_TRUE(silent());
+    emit session.lockedChanged(false);
+    EXPECT_TRUE(ticking());
+    emit session.asleepChanged(true);
+    EXPECT_FALSE(s.isRunning());
+    EXPECT_EQ(log.count("Cena: screenIsUnlocked → renderiza"), 1);
+}
+
+TEST_F(FrameSchedulerTest, SetRateChangesTheTickOnlyWhenTheRateDiffers)
+{
+    auto &s = make(60);
+    EXPECT_EQ(s.rate(), 60);
+    EXPECT_EQ(s.tickIntervalMs(), 17);
+    ASSERT_TRUE(ticking());
+
+    s.setRate(15);
+    EXPECT_EQ(s.rate(), 15);
+    EXPECT_EQ(s.tickIntervalMs(), 67);
+    EXPECT_TRUE(s.isRunning());
+    // Ticks cannot come faster than the rate, however loaded the machine is.
+    const int from = ticks;
+    QElapsedTimer span;
+    span.start();
+    spin(1500ms);
+    EXPECT_LE(ticks - from, span.elapsed() / 66 + 2);
+
+    // Setting the same rate again must not restart the tick: at 2 fps, with the rate set
+    // again every 50 ms, a restarting tick would never fire.
+    s.setRate(2);
+    QTimer again;
+    QObject::connect(&again, &QTimer::timeout, [&] { s.setRate(2); });
+    again.start(50);
+    const int atTwo = ticks;
+    EXPECT_TRUE(waitUntil([&] { return ticks >= atTwo + 2; }, 10s));
+}
+
+TEST_F(FrameSchedulerTest, PerformanceLine)
+{
+    {
+        Settings settings;
+        EXPECT_EQ(FrameScheduler(30, nullptr, nullptr).perfInterval(), 300.0);
+        settings.setValue("perfLogInterval", "soon");
+        EXPECT_EQ(FrameScheduler(30, nullptr, nullptr).perfInterval(), 300.0);
+        settings.setValue("perfLogInterval", 0);  // a zero interval would write without pause
+        EXPECT_EQ(FrameScheduler(30, nullptr, nullptr).perfInterval(), 300.0);
+        settings.setValue("perfLogInterval", 0.3);
+    }
+
+    LogTail log;
+    // 0.1 GPU seconds over 4 command buffers per interval: 25 ms a frame, and a busy share
+    // from which the line's exact interval can be recovered.
+    gpu = [] { return std::pair<double, long long>{0.1, 4}; };
+    int seenAtLine = 0;
+    std::vector<int> framesPerLine;
+    std::vector<double> gaps;  // seconds between lines as the test sees them
+    QElapsedTimer sinceLine;
+    std::vector<std::clock_t> cpuAtLine;
+    double cpuBurnt = 0;
+    const std::clock_t cpuAtStart = std::clock();
+    sinceLine.start();
+    auto &s = make(60);
+    s.describeState = [&] {
+        framesPerLine.push_back(ticks - seenAtLine);
+        seenAtLine = ticks;
+        gaps.push_back(sinceLine.nsecsElapsed() / 1e9);
+        cpuAtLine.push_back(std::clock());
+        sinceLine.restart();
+        return QStringLiteral("tocando, visível");
+    };
+    EXPECT_EQ(s.perfInterval(), 0.3);
+    // Spend CPU time inside the first interval.
+    {
+        const std::clock_t start = std::clock();
+        while (std::clock() - start < CLOCKS_PER_SEC / 5) {
+        }
+        cpuBurnt = double(std::clock() - start) / CLOCKS_PER_SEC;
+    }
+    auto perfLines = [&] { return log.lines().filter(QRegularExpression("^Perf ")); };
+    ASSERT_TRUE(waitUntil([&] { return perfLines().size() >= 2; }, 20s));
+
+    const QRegularExpression format(
+        R"(^Perf (\d+)s: (\d+\.\d) fps, CPU (\d+\.\d\d)%, GPU (\d+\.\d\d\d) ms/quadro \((\d+\.\d\d)% ocupada\), )"
+        R"(footprint (-?\d+) MB, tocando, visível$)");
+    const QStringList lines = perfLines();
+    for (int n = 0; n < 2; ++n) {
+        const auto m = format.match(lines[n]);
+        ASSERT_TRUE(m.hasMatch()) << lines[n].toStdString();
+        EXPECT_EQ(m.captured(4), "25.000");
+        const double busy = m.captured(5).toDouble();
+        ASSERT_GT(busy, 0.0);
+        const double w = 0.1 / (busy / 100.0);
+        EXPECT_NEAR(m.captured(1).toInt(), w, 0.51) << lines[n].toStdString();
+        // Each line covers the time since the previous one (the first, since creation).
+        EXPECT_NEAR(w, gaps[n], 0.1) << lines[n].toStdString();
+        EXPECT_NEAR(m.captured(2).toDouble(), framesPerLine[n] / w, 0.06 + 0.005 * framesPerLine[n] / w)
+            << lines[n].toStdString();
+        if (n == 0) {
+            // The first interval counts from creation (a coarse timer may fire up to 5 % early);
+            // later ones may be shorter when a late line is followed by one on schedule.
+            EXPECT_GE(w, 0.3 * 0.94) << lines[n].toStdString();
+            // At least the burnt time, at most what the whole process spent, by another clock.
+            const double spent = double(cpuAtLine[0] - cpuAtStart) / CLOCKS_PER_SEC;
+            EXPECT_GE(m.captured(3).toDouble(), cpuBurnt * 0.9 / w * 100.0) << lines[n].toStdString();
+            EXPECT_LE(m.captured(3).toDouble(), spent * 1.1 / w * 100.0 + 2.0) << lines[n].toStdString();
+        }
+        // Resident memory, compared with the kernel's own figure in kB.
+        int rssKb = -1;
+        for (const QByteArray &row : readFile("/proc/self/status").split('\n'))
+            if (row.startsWith("VmRSS:"))
+                rssKb = row.mid(6).trimmed().split(' ').first().toInt();
+        EXPECT_NEAR(m.captured(6).toInt(), rssKb / 1024, 3);
+    }
+
+    // No command buffer completed: no time per frame.
+    gpu = [] { return std::pair<double, long long>{0.0, 0}; };
+    ASSERT_TRUE(waitUntil([&] { return perfLines().size() >= 4; }, 20s));
+    EXPECT_TRUE(perfLines()[3].contains("GPU 0.000 ms/quadro (0.00% ocupada)")) << perfLines()[3].toStdString();
+    Settings().remove("perfLogInterval");
+}
+
+TEST_F(FrameSchedulerTest, InvalidateStopsTicksProbesSignalsAndTheLine)
+{
+    Settings().setValue("perfLogInterval", 0.2);
+    LogTail log;
+    auto &s = make();
+    ASSERT_TRUE(ticking());
+    s.invalidate();
+    EXPECT_FALSE(s.isRunning());
+    const int queries = windows.queries;
+    windows.set({{QRect(0, 0, 800, 800), 1.0}});
+    emit session.lockedChanged(true);
+    s.setWantsFrames(true);
+    EXPECT_TRUE(silent());
+    spin(700ms);
+    EXPECT_EQ(windows.queries, queries);
+    EXPECT_TRUE(log.lines().isEmpty()) << log.lines().join('\n').toStdString();
+    s.attach(&windows, &session);
+    EXPECT_FALSE(s.isRunning());
+    Settings().remove("perfLogInterval");
+}
+
+TEST(FrameSchedulerRate, NextRate)
+{
+    struct Case {
+        bool moving, rain;
+        int base;
+        bool eco;
+        int expected;
+    };
+    for (const Case &c : {Case{true, false, 30, false, 30}, Case{true, true, 60, false, 60},
+                          Case{true, false, 30, true, 15}, Case{true, true, 45, true, 15},
+                          Case{false, false, 30, false, 15}, Case{false, true, 30, false, 20},
+                          Case{false, true, 60, true, 20}, Case{false, false, 60, true, 15}})
+        EXPECT_EQ(FrameScheduler::nextRate(c.moving, c.rain, c.base, c.eco), c.expected)
+            << c.moving << c.rain << c.base << c.eco;
+}
+
+}  // namespace
