@@ -7,6 +7,7 @@
 #include "core/turntable/TonearmMotion.h"
 #include "render/TextureUpload.h"
 #include "scene/LoadedScene.h"
+#include "scene/SceneFrame.h"
 
 #include <QCoreApplication>
 #include <QDir>
@@ -112,9 +113,6 @@ QString render(const Options &o) {
     auto vk = renderer->vulkan();
     CoverArt art([vk](const QImage &rgba) -> CoverArt::Texture { return TextureUpload::art(*vk, rgba); });
     art.set(readCover(o.coverImage), QImage(), o.mediaTime - 10);  // no fade
-    auto artTexture = std::static_pointer_cast<GpuTexture>(art.current().cover);
-    auto labelTexture = std::static_pointer_cast<GpuTexture>(art.current().label);
-    const CoverArt::Color mean = art.mean(o.mediaTime);
     // The stack shows a cover played before; without one the placeholder stands in.
     if (o.fxStack) {
         const QImage given = readCover(o.stackCoverImage);
@@ -127,7 +125,6 @@ QString render(const Options &o) {
     RecordSpin spin;
     if (o.playing) spin.set(true, o.mediaTime - 60);
     double goal = 0;
-    std::optional<TonearmMotion::Geometry> armGeo;
     if (scene.framing.tonearm) {
         const auto &ta = *scene.framing.tonearm;
         TonearmMotion::Geometry g{ta.yawRest, ta.yawLeadIn, ta.yawRunOut, 0, 0};
@@ -142,41 +139,34 @@ QString render(const Options &o) {
         }
         const double p = o.duration > 0 ? o.position / o.duration : 0;
         goal = TonearmMotion::goal(g, o.playing, p, recordFx, band);
-        armGeo = g;
     }
     if (scene.sprites) scene.sprites->ensureNow(wanted, goal, goal);
 
-    // Uniforms for the whole screen.
+    // Uniforms for the whole screen, through the same path as the desktop's frames.
     const PlateGeometry::Mat3 fit = PlateGeometry::fitPlate(scene.plateSize[0], scene.plateSize[1], o.width, o.height);
+    SceneFrame::Inputs in;
+    in.blend = blend;
+    in.mediaTime = o.mediaTime;
+    in.playing = o.playing;
+    in.spin = spin;
+    in.armYaw = goal;
+    in.armLift = 0;
+    in.art = &art;
+    in.fps = 30;
+    in.motionBlur = true;
     SceneUniforms u;
     SceneTextures t;
-    scene.fillStatic(u, t, fit, Float4{0, 0, 0, 0}, blend);
-    u.cover = {1, 0, 0, 0};
-    u.tone[1] = float(art.labelLuminance(o.mediaTime));
-    t.artNew = t.artOld = artTexture;
-    t.labelNew = t.labelOld = labelTexture;
-    fx.fill(u, t, blend, o.mediaTime, spin, o.playing, {mean.r, mean.g, mean.b}, 30, true);
-    if (scene.sprites && armGeo)
-        if (auto pose = scene.sprites->pose(goal, 0.0, blend)) pose->apply(u, t);
+    SceneFrame::fill(scene, in, fit, u, t);
 
     OffscreenTarget target(vk, uint32_t(o.width), uint32_t(o.height));
     std::optional<OffscreenTarget> steamTarget;
     std::optional<SceneRenderer::SteamPass> steamPass;
-    if (o.steam && scene.framing.steam) {
-        // The steam region: a column above the cup, sized to the plate.
-        const auto &pt = scene.framing.steam->pointPx;
-        const float w = scene.plateSize[0] * 0.10f, h = scene.plateSize[1] * 0.30f;
-        SteamUniforms s;
-        s.screenToPlate = u.screenToPlate;
-        s.plateSize = u.plateSize;
-        s.origin = {0, 0, 2, 0};
-        s.rect = {float(pt[0]) - w * 0.5f, float(pt[1]) - h, w, h};
-        s.params = {float(std::fmod(o.mediaTime, 3600.0)), 0.3f, 3600, 0};
-        s.mixWeights = u.mixWeights;
-        s.mixCount = u.mixCount;
-        steamTarget.emplace(vk, uint32_t((o.width + 1) / 2), uint32_t((o.height + 1) / 2));
-        steamPass = SceneRenderer::SteamPass{&*steamTarget, s};
-    }
+    if (o.steam)
+        if (const auto region = SceneFrame::steamRect(scene)) {
+            // Half resolution over the room, as a translucent layer would be.
+            steamTarget.emplace(vk, uint32_t((o.width + 1) / 2), uint32_t((o.height + 1) / 2));
+            steamPass = SceneRenderer::SteamPass{&*steamTarget, SceneFrame::steam(u, *region, {0, 0, 2, 0}, o.mediaTime)};
+        }
     renderer->draw(SceneRenderer::Pass{&target, u}, {}, steamPass, t);
     renderer->waitIdle();
     QImage image = target.readback().convertToFormat(QImage::Format_RGB32);

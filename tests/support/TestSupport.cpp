@@ -107,4 +107,12 @@ ScopedEnv::~ScopedEnv()
         qunsetenv(name);
 }
 
+QString lavapipeIcd() {
+    for (const char *dir : {"/usr/share/vulkan/icd.d", "/etc/vulkan/icd.d"}) {
+        const QFileInfoList found = QDir(dir).entryInfoList({"lvp_icd*.json"}, QDir::Files);
+        if (!found.isEmpty()) return found.first().absoluteFilePath();
+    }
+    return {};
+}
+
 }  // namespace testsupport

@@ -28,6 +28,9 @@ struct ToolResult {
 ToolResult runTool(const QString &program, const QStringList &args,
                    const QStringList &extraEnv = {}, int timeoutMs = 120000);
 
+// The ICD file of Mesa's software Vulkan device (lavapipe); empty when it is not installed.
+QString lavapipeIcd();
+
 // A small valid manifest.json: presets manha/dia/tarde/noite on one "room" group, a clock, and
 // one framing "mid" of 64×48 with only the required sections.
 QByteArray minimalManifest();

@@ -1,0 +1,554 @@
+#include "scene/SceneView.h"
+
+#include "core/app/Log.h"
+#include "core/app/Settings.h"
+#include "core/environment/PowerMonitor.h"
+#include "core/music/HistoryStore.h"
+#include "core/music/PlayerState.h"
+#include "core/scene/SceneLocation.h"
+#include "core/scene/SceneStatus.h"
+#include "core/scheduling/FrameScheduler.h"
+#include "render/SwapchainTarget.h"
+#include "render/TextureUpload.h"
+#include "scene/BaseSurface.h"
+#include "scene/LayerWindow.h"
+#include "scene/LoadedScene.h"
+#include "scene/SceneFrame.h"
+
+#include <QDir>
+#include <QElapsedTimer>
+#include <QFileInfo>
+#include <QVulkanInstance>
+#include <QWindow>
+#include <cmath>
+
+namespace {
+
+constexpr double crossFadeSeconds = 1.5;
+
+int megabytes(size_t bytes) { return int(bytes / (1024 * 1024)); }
+
+QString blendText(const Blend &blend) {
+    QStringList parts;
+    for (const auto &[preset, weight] : blend) parts << QStringLiteral("%1 %2").arg(preset).arg(weight, 0, 'f', 2);
+    return parts.join(QStringLiteral(", "));
+}
+
+}  // namespace
+
+SceneView::SceneView(const Services &services, std::unique_ptr<SceneRenderer> r, QWindow *hostWindow, QObject *parent)
+    : QObject(parent), s(services), renderer(std::move(r)), host(hostWindow) {
+    Settings &settings = *s.settings;
+    baseFps = settings.fps();
+    motionBlur = settings.labelMotionBlur().value_or(true);
+    simulateNoMusic = settings.debugSimulateNoMusic();
+    steamClock = PlayerState::mediaTime();
+    ecoOn = s.power->ecoActive();
+
+    auto vk = renderer->vulkan();
+    cover = std::make_unique<CoverArt>([vk](const QImage &rgba) -> CoverArt::Texture {
+        return TextureUpload::art(*vk, rgba);
+    });
+
+    GPUClock &clock = renderer->gpuClock();
+    scheduler = std::make_unique<FrameScheduler>(
+        baseFps, [&clock] { return clock.take(); }, [this](double t) { frame(t); });
+    scheduler->describeState = [this] { return describeState(); };
+    scheduler->animatedArea = [this] { return animatedArea(); };
+    scheduler->attach(s.windows, s.session);
+
+    // The Vulkan instance of this renderer, wrapped so that Qt makes the windows' surfaces.
+    vulkan = std::make_unique<QVulkanInstance>();
+    vulkan->setVkInstance(vk->instance);
+    if (!vulkan->create()) {
+        failed = true;
+    } else if (host) {
+        baseWindow = std::make_unique<LayerWindow>(host, vulkan.get());
+        baseWindow->setGeometry(QRect(QPoint(0, 0), host->size()));
+        baseWindow->onExposed = [this] {
+            if (base && base->hasShown() && !baseDirty) base->reshow();
+            else if (loaded) frame(PlayerState::mediaTime());
+        };
+        baseWindow->create();
+        VkSurfaceKHR surface = QVulkanInstance::surfaceForWindow(baseWindow.get());
+        if (surface) {
+            baseTarget = std::make_unique<SwapchainTarget>(vk, surface, uint32_t(host->width()), uint32_t(host->height()));
+            base = std::make_unique<BaseSurface>(vk, baseTarget.get());
+        } else {
+            failed = true;
+        }
+    }
+
+    clockTimer.setInterval(30'000);
+    connect(&clockTimer, &QTimer::timeout, this, &SceneView::clockTick);
+    clockTimer.start();
+
+    PlayerState *state = s.state;
+    observations.push_back(connect(state, &PlayerState::trackChanged, this, &SceneView::playerChanged));
+    observations.push_back(connect(state, &PlayerState::playingChanged, this, &SceneView::playerChanged));
+    observations.push_back(connect(state, &PlayerState::positionChanged, this, &SceneView::retargetArm));
+    observations.push_back(connect(state, &PlayerState::artworkChanged, this, &SceneView::artworkChanged));
+    for (auto signal : {&Settings::fxRecordChanged, &Settings::fxBounceChanged, &Settings::fxWeatherChanged,
+                        &Settings::fxStackChanged, &Settings::fxPanelChanged})
+        observations.push_back(connect(s.settings, signal, this, &SceneView::effectsChanged));
+    observations.push_back(connect(s.settings, &Settings::steamChanged, this, &SceneView::steamChanged));
+    observations.push_back(connect(s.settings, &Settings::lightPresetChanged, this, &SceneView::lightChanged));
+    observations.push_back(connect(s.settings, &Settings::framingChanged, this, &SceneView::load));
+    observations.push_back(connect(s.power, &PowerMonitor::ecoActiveChanged, this, &SceneView::ecoChanged));
+    if (s.history) observations.push_back(connect(s.history, &HistoryStore::changed, this, &SceneView::historyChanged));
+    if (host) {
+        observations.push_back(connect(host, &QWindow::widthChanged, this, &SceneView::relayout));
+        observations.push_back(connect(host, &QWindow::heightChanged, this, &SceneView::relayout));
+        observations.push_back(connect(host, &QWindow::visibleChanged, this, [this](bool visible) {
+            scheduler->setOccluded(!visible);
+        }));
+        scheduler->setOccluded(!host->isVisible());
+    }
+}
+
+SceneView::~SceneView() {
+    teardown();
+    if (renderer) renderer->waitIdle();
+    loaded.reset();
+    base.reset();
+    destroyLayers();
+    baseTarget.reset();
+    baseWindow.reset();
+}
+
+void SceneView::teardown() {
+    if (scheduler) scheduler->invalidate();
+    clockTimer.stop();
+    for (const auto &c : observations) disconnect(c);
+    observations.clear();
+}
+
+void SceneView::unavailable(const QString &reason) {
+    Log::write(QStringLiteral("Cena indisponível: ") + reason);
+    s.status->setProblem(reason);
+    scheduler->setWantsFrames(false);
+    if (onUnavailable) onUnavailable(reason);
+}
+
+void SceneView::load() {
+    if (failed) {
+        unavailable(QStringLiteral("sem superfície Vulkan para a janela"));
+        return;
+    }
+    const auto found = SceneLocation::resolve();
+    if (!found) {
+        unavailable(QStringLiteral("nenhuma cena instalada em ") + SceneLocation::installedRoot());
+        return;
+    }
+    const QStringList framings = SceneAssembly::sortedFramings(found->manifest);
+    if (framings.isEmpty()) {
+        unavailable(QStringLiteral("manifest sem enquadramentos"));
+        return;
+    }
+    const QString wanted = s.settings->framing();
+    const QString framing = framings.contains(wanted) ? wanted : framings.first();
+    s.status->setScene(framings, framing, found->root, found->manifest);
+    sceneName = found->manifest.scenario.value_or(QFileInfo(found->root).fileName());
+    Log::write(QStringLiteral("Cena: carregando ") + sceneName);
+    const int generation = ++loadGeneration;
+    // A load in progress finishes on a later turn of the event loop; a newer load wins.
+    QTimer::singleShot(0, this, [this, generation, root = found->root, framing] { assemble(generation, root, framing); });
+}
+
+void SceneView::assemble(int generation, const QString &root, const QString &framing) {
+    if (generation != loadGeneration) return;
+    scheduler->setWantsFrames(false);
+    drewFirstFrame = false;
+    if (renderer) renderer->waitIdle();
+    loaded.reset();
+    destroyLayers();
+
+    const auto resolved = SceneLocation::resolve();
+    if (!resolved || resolved->root != root) {
+        unavailable(QStringLiteral("nenhuma cena instalada em ") + SceneLocation::installedRoot());
+        return;
+    }
+    QElapsedTimer timer;
+    timer.start();
+    auto result = SceneAssembly::load(*renderer, root, resolved->manifest, framing,
+                                      [this, generation](const QString &preset) {
+                                          if (generation == loadGeneration) presetReady(preset);
+                                      });
+    if (auto *why = std::get_if<QString>(&result)) {
+        unavailable(*why);
+        return;
+    }
+    const double seconds = timer.elapsed() / 1000.0;
+    loaded = std::move(std::get<std::unique_ptr<LoadedScene>>(result));
+    if (loaded->sprites) loaded->sprites->onLoaded = [this] { baseDirty = true; };
+
+    // finishLoad
+    const double now = PlayerState::mediaTime();
+    s.status->setProblem(std::nullopt);
+    playing = s.state->isPlaying() && !simulateNoMusic;
+    spin = RecordSpin{};
+    spin.set(playing, now - 60);
+    arm = TonearmMotion{};
+    steamPlateRect = SceneFrame::steamRect(*loaded);
+    cover->set(s.state->artwork(), QImage(), now - 10);  // no fade on load
+    loaded->lights.startCrossFade(loaded->lights.modeBlend(s.settings->lightPreset(), QDateTime::currentDateTime()), now);
+    retargetArm();
+    arm.yaw = armGoal;  // a fresh room shows the arm where it belongs
+    effectsChanged();
+    steamChanged();
+    historyChanged();
+    baseDirty = true;
+    relayout();
+
+    const QStringList presets = loaded->lights.wantedPresets(s.settings->lightPreset(), QDateTime::currentDateTime());
+    QStringList sorted = presets;
+    sorted.sort();
+    Log::write(QStringLiteral("Cena: %1 %2×%3, máscaras em %4 s; montando presets %5")
+                   .arg(QFileInfo(root).fileName())
+                   .arg(double(loaded->plateSize[0]), 0, 'f', 0)
+                   .arg(double(loaded->plateSize[1]), 0, 'f', 0)
+                   .arg(seconds, 0, 'f', 2)
+                   .arg(sorted.join(',')));
+    ensurePresets();
+    firstFrameIfNeeded();
+}
+
+void SceneView::ensurePresets() {
+    if (!loaded) return;
+    const QStringList presets = loaded->lights.wantedPresets(s.settings->lightPreset(), QDateTime::currentDateTime());
+    std::set<QString> wanted(presets.begin(), presets.end());
+    loaded->mixes->ensure(wanted);
+    loaded->effects->ensure(wanted);
+}
+
+void SceneView::presetReady(const QString &) {
+    baseDirty = true;
+    firstFrameIfNeeded();
+}
+
+void SceneView::firstFrameIfNeeded() {
+    if (!loaded || drewFirstFrame) return;
+    const QStringList presets = loaded->lights.wantedPresets(s.settings->lightPreset(), QDateTime::currentDateTime());
+    for (const QString &p : presets)
+        if (!loaded->mixes->ready(p)) return;
+    Log::write(QStringLiteral("Cena pronta: luz %1 MB, Vulkan total %2 MB")
+                   .arg(megabytes(loaded->mixes->memoryBytes()))
+                   .arg(megabytes(renderer->vulkan()->allocatedBytes())));
+    frame(PlayerState::mediaTime());
+    drewFirstFrame = true;
+    wantFrames();
+}
+
+void SceneView::wantFrames() {
+    if (!loaded) return;
+    if (!scheduler->wantsFrames()) scheduler->probeCoverage(true);
+    scheduler->setWantsFrames(true);
+}
+
+void SceneView::relayout() {
+    if (!host || !loaded) return;
+    const qreal dpr = host->devicePixelRatio();
+    screenSize = QSize(int(std::lround(host->width() * dpr)), int(std::lround(host->height() * dpr)));
+    if (screenSize.isEmpty()) return;
+    screenToPlate = PlateGeometry::fitPlate(loaded->plateSize[0], loaded->plateSize[1], screenSize.width(),
+                                            screenSize.height());
+    if (baseWindow) baseWindow->setGeometry(QRect(QPoint(0, 0), host->size()));
+    if (baseTarget) baseTarget->resize(uint32_t(screenSize.width()), uint32_t(screenSize.height()));
+
+    // The moving layer covers the record, the arm and the LEDs, and the steam when it is on:
+    // a child window cannot be translucent over its parent, so the steam is laid over that
+    // layer's own pixels.
+    QRect moving = SceneFrame::plateRectOnScreen(loaded->dynPlateRect, screenToPlate, screenSize);
+    if (steamOn && steamPlateRect)
+        moving = moving.united(SceneFrame::plateRectOnScreen(*steamPlateRect, screenToPlate, screenSize));
+    if (moving != dynRect || !dynWindow) {
+        dynRect = moving;
+        if (dynRect.isEmpty()) {
+            dynTarget.reset();
+            dynWindow.reset();
+        } else {
+            makeLayer(dynWindow, dynTarget, dynRect);
+        }
+    }
+    const QRect glass = rainDrawn() ? glassOnScreen() : QRect();
+    if (glass != rainRect || (glass.isEmpty() != !rainWindow)) {
+        rainRect = glass;
+        if (rainRect.isEmpty()) {
+            rainTarget.reset();
+            rainWindow.reset();
+        } else {
+            makeLayer(rainWindow, rainTarget, rainRect);
+        }
+    }
+    baseDirty = true;
+    if (drewFirstFrame) frame(PlayerState::mediaTime());
+}
+
+void SceneView::makeLayer(std::unique_ptr<LayerWindow> &window, std::unique_ptr<SwapchainTarget> &target,
+                          const QRect &rect) {
+    const qreal dpr = host->devicePixelRatio();
+    const QRect logical(QPoint(int(rect.x() / dpr), int(rect.y() / dpr)), QSize(int(std::ceil(rect.width() / dpr)),
+                                                                                  int(std::ceil(rect.height() / dpr))));
+    if (window) {
+        window->setGeometry(logical);
+        if (target) target->resize(uint32_t(rect.width()), uint32_t(rect.height()));
+        return;
+    }
+    window = std::make_unique<LayerWindow>(baseWindow.get(), vulkan.get());
+    window->setGeometry(logical);
+    window->onExposed = [this] {
+        if (drewFirstFrame) frame(PlayerState::mediaTime());
+    };
+    window->create();
+    VkSurfaceKHR surface = QVulkanInstance::surfaceForWindow(window.get());
+    if (!surface) {
+        window.reset();
+        return;
+    }
+    target = std::make_unique<SwapchainTarget>(renderer->vulkan(), surface, uint32_t(rect.width()), uint32_t(rect.height()));
+    window->show();
+    layerPasses.reserve(2);
+}
+
+void SceneView::destroyLayers() {
+    if (renderer) renderer->waitIdle();
+    dynTarget.reset();
+    rainTarget.reset();
+    dynWindow.reset();
+    rainWindow.reset();
+    dynRect = rainRect = QRect();
+}
+
+std::optional<QRect> SceneView::animatedArea() const {
+    if (!host || dynRect.isEmpty()) return std::nullopt;
+    const qreal dpr = host->devicePixelRatio();
+    const QPoint corner = host->mapToGlobal(QPoint(0, 0));
+    return QRect(corner.x() + int(dynRect.x() / dpr), corner.y() + int(dynRect.y() / dpr), int(dynRect.width() / dpr),
+                 int(dynRect.height() / dpr));
+}
+
+Blend SceneView::currentBlend(double t) const { return loaded->lights.value(t); }
+
+QRect SceneView::glassOnScreen() const {
+    if (!loaded) return {};
+    const auto glass = loaded->effects->glassRect();
+    if (!glass) return {};
+    return SceneFrame::plateRectOnScreen(*glass, screenToPlate, screenSize);
+}
+
+bool SceneView::rainDrawn() const {
+    return loaded && rainIntensity > 0 && !ecoOn && s.settings->fxWeather() && loaded->effects->glassRect();
+}
+
+void SceneView::frame(double t) {
+    if (!loaded || screenSize.isEmpty()) return;
+    const Blend blend = currentBlend(t);
+    if (t - loaded->lights.transitionStart < crossFadeSeconds) baseDirty = true;
+    if (t - cover->fadeStart() < CoverArt::fadeDuration + 0.1) baseDirty = true;
+    if (cover->releasePrevious(t)) baseDirty = true;
+
+    arm.advance(t, armGoal);
+    const bool armMoving = arm.moving(armGoal);
+    if (loaded->sprites) {
+        bool keysChanged = spriteKeys.size() != blend.size();
+        if (!keysChanged)
+            for (const auto &[preset, weight] : blend)
+                if (!spriteKeys.count(preset)) keysChanged = true;
+        if (keysChanged) {
+            spriteKeys.clear();
+            for (const auto &[preset, weight] : blend) spriteKeys.insert(preset);
+        }
+        if (keysChanged || armMoving) loaded->sprites->ensure(spriteKeys, arm.yaw, armGoal);
+    }
+
+    SceneFrame::Inputs in;
+    in.blend = blend;
+    in.mediaTime = t;
+    in.playing = playing;
+    in.spin = spin;
+    in.armYaw = arm.yaw;
+    in.armLift = arm.lift;
+    in.art = cover.get();
+    in.fps = scheduler->rate();
+    in.motionBlur = motionBlur;
+    uniforms = SceneUniforms{};
+    textures = SceneTextures{};
+    SceneFrame::fill(*loaded, in, screenToPlate, uniforms, textures);
+
+    if (baseDirty && base) {
+        if (OffscreenTarget *target = base->nextTarget(uint32_t(screenSize.width()), uint32_t(screenSize.height()))) {
+            renderer->draw(SceneRenderer::Pass{target, uniforms, std::nullopt}, {}, std::nullopt, textures);
+            base->present();
+            baseDirty = false;
+        }
+    }
+
+    layerPasses.clear();
+    if (dynTarget) {
+        SceneRenderer::Pass pass{dynTarget.get(), uniforms, std::nullopt};
+        pass.uniforms.origin = {float(dynRect.x()), float(dynRect.y()), 0, 0};
+        if (steamOn && steamPlateRect)
+            pass.steamOver = SceneFrame::steam(uniforms, *steamPlateRect,
+                                               {float(dynRect.x()), float(dynRect.y()), 1, 0}, t - steamClock);
+        layerPasses.push_back(pass);
+    }
+    const bool rain = rainDrawn();
+    if (rain && rainTarget) {
+        SceneRenderer::Pass pass{rainTarget.get(), uniforms, std::nullopt};
+        pass.uniforms.origin = {float(rainRect.x()), float(rainRect.y()), 0, 0};
+        layerPasses.push_back(pass);
+    }
+    if (!layerPasses.empty()) renderer->draw(std::nullopt, layerPasses, std::nullopt, textures);
+
+    const bool moving = spin.speed(t) > 0 || armMoving;
+    scheduler->setRate(FrameScheduler::nextRate(moving, rain, baseFps, ecoOn));
+}
+
+void SceneView::clockTick() {
+    if (s.weather && s.settings->fxWeather() && !ecoOn) s.weather->refreshIfStale();
+    if (!loaded) return;
+    const QString mode = s.settings->lightPreset();
+    const QDateTime now = QDateTime::currentDateTime();
+    bool changed = false;
+    if (mode == QStringLiteral("auto") || !loaded->lights.presets.count(mode)) {
+        changed = loaded->lights.tick(now);
+    } else {
+        const Blend target = loaded->lights.modeBlend(mode, now);
+        if (LightMixer::distance(target, loaded->lights.to) > 0.002) {
+            loaded->lights.startCrossFade(target, PlayerState::mediaTime());
+            changed = true;
+        }
+    }
+    ensurePresets();
+    if (changed) baseDirty = true;
+}
+
+void SceneView::lightChanged() {
+    if (!loaded) return;
+    const Blend target = loaded->lights.modeBlend(s.settings->lightPreset(), QDateTime::currentDateTime());
+    loaded->lights.startCrossFade(target, PlayerState::mediaTime());
+    ensurePresets();
+    baseDirty = true;
+}
+
+void SceneView::effectsChanged() {
+    if (!loaded) return;
+    Settings &st = *s.settings;
+    SceneEffects::Switches sw;
+    sw.record = st.fxRecord();
+    sw.bounce = st.fxBounce();
+    sw.stack = st.fxStack();
+    sw.panel = st.fxPanel();
+    sw.weather = st.fxWeather() && !ecoOn;
+    loaded->effects->setSwitches(sw, ecoOn);
+    loaded->effects->setRain(sw.weather ? rainIntensity : 0);
+    auto word = [](bool on) { return on ? QStringLiteral("sim") : QStringLiteral("não"); };
+    Log::write(QStringLiteral("Cena: efeitos disco %1, rebatimento %2, painel %3, clima %4, pilha %5")
+                   .arg(word(sw.record), word(sw.bounce), word(sw.panel), word(sw.weather), word(sw.stack)));
+    ensurePresets();
+    if (s.weather && sw.weather) s.weather->refreshIfStale();
+    retargetArm();
+    relayout();
+}
+
+void SceneView::steamChanged() {
+    steamOn = s.settings->steam() && !ecoOn;
+    Log::write(QStringLiteral("Cena: vapor ") + (steamOn ? QStringLiteral("ligado") : QStringLiteral("desligado")));
+    relayout();
+    if (drewFirstFrame) wantFrames();
+}
+
+void SceneView::ecoChanged(bool on) {
+    if (on == ecoOn) return;
+    ecoOn = on;
+    Log::write(QStringLiteral("Cena: modo economia ") +
+               (on ? QStringLiteral("ligado (15 fps, sem vapor e chuva)") : QStringLiteral("desligado")));
+    steamChanged();
+    effectsChanged();
+}
+
+void SceneView::weatherChanged(const WeatherService::Now &now) {
+    Log::write(QStringLiteral("Cena: clima → ") + (now.raining ? QStringLiteral("chuva") : QStringLiteral("seco")));
+    s.status->setWeather(SceneStatus::Weather{now.raining, now.intensity});
+    rainIntensity = now.raining ? now.intensity : 0;
+    if (!loaded) return;
+    loaded->effects->setRain(s.settings->fxWeather() && !ecoOn ? rainIntensity : 0);
+    baseDirty = true;  // the rainy day cools the whole room
+    relayout();
+}
+
+void SceneView::playerChanged() {
+    if (!loaded) return;
+    const double now = PlayerState::mediaTime();
+    const bool nowPlaying = s.state->isPlaying() && !simulateNoMusic;
+    if (nowPlaying != playing) {
+        playing = nowPlaying;
+        spin.set(playing, now);
+    }
+    if (loaded->framing.record) {
+        const auto &rec = *loaded->framing.record;
+        loaded->effects->setGrooves(RecordGrooves::forTrack(simulateNoMusic ? std::nullopt : s.state->track(),
+                                                            rec.grooveOuterMm, rec.grooveInnerMm));
+    }
+    retargetArm();
+    historyChanged();
+    baseDirty = true;  // the bounce light and LEDs follow what plays
+    if (drewFirstFrame) wantFrames();
+}
+
+void SceneView::artworkChanged() {
+    if (!loaded) return;
+    cover->set(simulateNoMusic ? QImage() : s.state->artwork(), QImage(), PlayerState::mediaTime());
+    baseDirty = true;
+}
+
+void SceneView::retargetArm() {
+    if (!loaded || !loaded->framing.tonearm) return;
+    const auto &ta = *loaded->framing.tonearm;
+    TonearmMotion::Geometry g{ta.yawRest, ta.yawLeadIn, ta.yawRunOut, 0, 0};
+    std::optional<std::pair<double, double>> band;
+    const bool recordFx = s.settings->fxRecord() && loaded->framing.record;
+    if (loaded->framing.record) {
+        g.grooveOuter = loaded->framing.record->grooveOuterMm;
+        g.grooveInner = loaded->framing.record->grooveInnerMm;
+        const auto &gr = loaded->effects->currentGrooves();
+        if (gr.current >= 0 && gr.current < int(gr.bands.size()))
+            band = std::make_pair(gr.bands[size_t(gr.current)].outer, gr.bands[size_t(gr.current)].inner);
+    }
+    const auto &track = s.state->track();
+    const double now = PlayerState::mediaTime();
+    const double progress =
+        track && track->duration > 0 ? std::clamp(s.state->currentPosition(now) / track->duration, 0.0, 1.0) : 0.0;
+    armGoal = TonearmMotion::goal(g, playing, progress, recordFx, band);
+    if (drewFirstFrame && arm.moving(armGoal)) wantFrames();
+}
+
+void SceneView::historyChanged() {
+    if (!loaded || !s.history) return;
+    const QString album = s.state->track() ? s.state->track()->album : QString();
+    const QImage previous = s.history->previous(album);
+    const QImage prepared = CoverArt::prepareCover(previous.isNull() ? CoverArt::placeholderCover() : previous);
+    loaded->effects->setStackArt(TextureUpload::art(*renderer->vulkan(), prepared),
+                                 CoverArt::luminance(CoverArt::meanLinear(prepared)));
+    if (!previous.isNull()) Log::write(QStringLiteral("Cena: pilha ← capa anterior"));
+    baseDirty = true;
+    if (drewFirstFrame) {
+        scheduler->probeCoverage(true);
+        wantFrames();
+    }
+}
+
+QString SceneView::describeState() const {
+    QString text = playing ? QStringLiteral("tocando") : QStringLiteral("parado");
+    text += scheduler->isRunning() ? QStringLiteral(", visível") : QStringLiteral(", oculta/bloqueada");
+    if (loaded) {
+        text += QStringLiteral(", luz ") + blendText(loaded->lights.current);
+        text += QStringLiteral("; luz %1 MB, base %2 MB, braço %3 MB, efeitos %4 MB")
+                    .arg(megabytes(loaded->mixes->memoryBytes()))
+                    .arg(megabytes(base ? base->memoryBytes() : 0))
+                    .arg(megabytes(loaded->sprites ? loaded->sprites->memoryBytes() : 0))
+                    .arg(megabytes(loaded->effects->memoryBytes()));
+    }
+    text += QStringLiteral(", Vulkan total %1 MB").arg(megabytes(renderer->vulkan()->allocatedBytes()));
+    return text;
+}
