@@ -297,3 +297,116 @@ TEST(X11DesktopWindow, UnderOpenboxIsAStickyClickThroughDesktopWindowAtTheBottom
     EXPECT_NE(attributes.map_state, IsViewable) << "the other desktop's window is still shown";
 
 }
+
+TEST(X11WindowList, UnderOpenboxListsOtherProgramsWindowsShownOnThisDesktop)
+{
+    XServer server;
+    START_OR_SKIP(server.start(why));
+    START_OR_SKIP(server.startManager(QStringLiteral("openbox"), {QStringLiteral("--sm-disable")}, why));
+    Client x(server.display());
+    ASSERT_TRUE(x.d);
+    X11WindowList list(server.display());
+    ASSERT_TRUE(list.connected());
+    int changes = 0;
+    QObject::connect(&list, &WindowList::changed, [&] { ++changes; });
+
+    const Window plain = x.makeWindow(QRect(100, 120, 300, 200));
+    ASSERT_TRUE(waitUntil([&] { return !x.values(plain, "_NET_FRAME_EXTENTS").empty(); }, patience));
+    const QRect plainFrame = x.outerFrame(plain);
+    ASSERT_GT(plainFrame.height(), 200) << "openbox puts a title bar on it";
+    ASSERT_TRUE(waitUntil([&] { return listed(list, plainFrame); }, patience))
+        << "frame " << plainFrame.x() << "," << plainFrame.y() << " " << plainFrame.width() << "x"
+        << plainFrame.height() << " not among " << list.windows().size();
+    EXPECT_EQ(listedAt(list, plainFrame)->opacity, 1.0);
+
+    // Mapping another window changes the stacking: changed() fires.
+    changes = 0;
+    const Window second = x.makeWindow(QRect(500, 300, 200, 150));
+    ASSERT_TRUE(waitUntil([&] { return changes > 0; }, patience)) << "no change on map";
+    ASSERT_TRUE(waitUntil([&] { return x.stackIndex(second) >= 0; }, patience));
+    const QRect secondFrame = x.outerFrame(second);
+    ASSERT_TRUE(waitUntil([&] { return listed(list, secondFrame); }, patience));
+    // Raising the first one does too.
+    changes = 0;
+    server.run(QStringLiteral("xdotool"), {QStringLiteral("windowraise"), QString::number(plain)});
+    ASSERT_TRUE(waitUntil([&] { return changes > 0; }, patience)) << "no change on raise";
+
+    // An own window is never listed.
+    list.addOwnWindow(WId(second));
+    EXPECT_FALSE(listed(list, secondFrame));
+    list.removeOwnWindow(WId(second));
+    EXPECT_TRUE(listed(list, secondFrame));
+
+    // Half opacity is read back.
+    x.setValues(plain, "_NET_WM_WINDOW_OPACITY", XA_CARDINAL, {0x7FFFFFFFul});
+    EXPECT_NEAR(listedAt(list, plainFrame)->opacity, 0.5, 0.001);
+
+    // Windows of this process (by _NET_WM_PID), docks and desktop windows are left out.
+    const Window mine = x.makeWindow(QRect(700, 50, 120, 90));
+    x.setValues(mine, "_NET_WM_PID", XA_CARDINAL, {static_cast<unsigned long>(getpid())});
+    const Window dock = x.makeWindow(QRect(0, 760, 1280, 40), false, "_NET_WM_WINDOW_TYPE_DOCK");
+    const Window desktop = x.makeWindow(QRect(0, 0, 1280, 800), false, "_NET_WM_WINDOW_TYPE_DESKTOP");
+    ASSERT_TRUE(waitUntil([&] {
+        return x.stackIndex(mine) >= 0 && x.stackIndex(dock) >= 0 && x.stackIndex(desktop) >= 0;
+    }, patience));
+    EXPECT_EQ(list.windows().size(), 2u) << "only the plain and the second window";
+
+    // Iconic: gone from the list.
+    server.run(QStringLiteral("xdotool"), {QStringLiteral("windowminimize"), QString::number(plain)});
+    ASSERT_TRUE(waitUntil([&] { return x.has(plain, "_NET_WM_STATE", "_NET_WM_STATE_HIDDEN"); }, patience));
+    EXPECT_FALSE(listed(list, plainFrame));
+
+    // On another desktop: gone; shown again once that desktop is current, with a change.
+    server.run(QStringLiteral("xdotool"), {QStringLiteral("set_desktop_for_window"), QString::number(second),
+                                           QStringLiteral("1")});
+    ASSERT_TRUE(waitUntil([&] { return x.values(second, "_NET_WM_DESKTOP") == std::vector<unsigned long>{1}; },
+                          patience));
+    EXPECT_FALSE(listed(list, secondFrame));
+    changes = 0;
+    server.run(QStringLiteral("xdotool"), {QStringLiteral("set_desktop"), QStringLiteral("1")});
+    ASSERT_TRUE(waitUntil([&] { return changes > 0; }, patience)) << "no change on desktop switch";
+    ASSERT_TRUE(waitUntil([&] { return listed(list, secondFrame); }, patience));
+
+    // A window on every desktop is listed on each.
+    x.setValues(second, "_NET_WM_DESKTOP", XA_CARDINAL, {0xFFFFFFFFul});
+    XEvent event{};
+    event.xclient.type = ClientMessage;
+    event.xclient.window = second;
+    event.xclient.message_type = x.atom("_NET_WM_DESKTOP");
+    event.xclient.format = 32;
+    event.xclient.data.l[0] = long(0xFFFFFFFFul);
+    event.xclient.data.l[1] = 2;
+    XSendEvent(x.d, x.root(), False, SubstructureRedirectMask | SubstructureNotifyMask, &event);
+    XSync(x.d, False);
+    server.run(QStringLiteral("xdotool"), {QStringLiteral("set_desktop"), QStringLiteral("0")});
+    ASSERT_TRUE(waitUntil([&] { return x.values(x.root(), "_NET_CURRENT_DESKTOP") == std::vector<unsigned long>{0}; },
+                          patience));
+    ASSERT_TRUE(waitUntil([&] { return listed(list, secondFrame); }, patience))
+        << "a window on every desktop is left out";
+}
+
+TEST(X11WindowList, UnderACompositorStillReportsACoveringWindow)
+{
+    XServer server;
+    START_OR_SKIP(server.start(why));
+    START_OR_SKIP(server.startManager(QStringLiteral("openbox"), {QStringLiteral("--sm-disable")}, why));
+    if (!XServer::installed(QStringLiteral("xcompmgr")))
+        GTEST_SKIP() << "xcompmgr is not installed";
+    Client x(server.display());
+    ASSERT_TRUE(x.d);
+    QProcess &compositor = server.launch(QStringLiteral("xcompmgr"), {});
+    // xcompmgr takes the compositing manager selection of screen 0 once it runs.
+    ASSERT_TRUE(waitUntil([&] {
+        return XGetSelectionOwner(x.d, x.atom("_NET_WM_CM_S0")) != 0 || compositor.state() == QProcess::NotRunning;
+    }, patience));
+    ASSERT_NE(XGetSelectionOwner(x.d, x.atom("_NET_WM_CM_S0")), 0ul) << XServer::output(compositor).constData();
+
+    X11WindowList list(server.display());
+    int changes = 0;
+    QObject::connect(&list, &WindowList::changed, [&] { ++changes; });
+    const Window cover = x.makeWindow(QRect(0, 0, 1280, 760));
+    ASSERT_TRUE(waitUntil([&] { return changes > 0 && !x.values(cover, "_NET_FRAME_EXTENTS").empty(); }, patience));
+    const QRect frame = x.outerFrame(cover);
+    ASSERT_TRUE(waitUntil([&] { return listed(list, frame); }, patience));
+    EXPECT_EQ(listedAt(list, frame)->opacity, 1.0);
+}
