@@ -1,0 +1,35 @@
+#pragma once
+
+#include "core/scheduling/WindowList.h"
+#include "platform/linux/X11Connection.h"
+
+#include <QSet>
+#include <QWindow>
+
+// Other programs' windows from the EWMH stacking list (_NET_CLIENT_LIST_STACKING), bottom to
+// top, each as its frame on the root window (decorations from _NET_FRAME_EXTENTS included).
+// Left out: unmapped or iconic (_NET_WM_STATE_HIDDEN) clients, clients on another desktop,
+// desktop and dock windows, this process's windows (_NET_WM_PID) and the windows given to
+// addOwnWindow. It keeps its own X connection; without an X server the list is empty.
+// Main thread only.
+class X11WindowList : public WindowList {
+    Q_OBJECT
+public:
+    // An empty name opens $DISPLAY.
+    explicit X11WindowList(const QByteArray &displayName = {}, QObject *parent = nullptr);
+
+    std::vector<ListedWindow> windows() override;
+
+    // Windows of ours that a program other than this one may have created (or whose
+    // _NET_WM_PID is unreliable); never listed.
+    void addOwnWindow(WId window);
+    void removeOwnWindow(WId window);
+
+    bool connected() const { return x.isOpen(); }
+
+private:
+    void rootPropertyChanged(unsigned long atom);
+
+    X11Connection x;
+    QSet<WId> own;
+};

@@ -1,0 +1,412 @@
+#include "platform/linux/X11WindowList.h"
+#include "TestSupport.h"
+#include "XServer.h"
+
+#include <QDir>
+#include <QImage>
+#include <QProcess>
+#include <QRect>
+#include <gtest/gtest.h>
+#include <algorithm>
+#include <csignal>
+#include <optional>
+
+// Xlib last: its macros (None, Bool, Status) clash with Qt's names.
+#include <X11/Xatom.h>
+#include <X11/Xlib.h>
+#include <X11/Xutil.h>
+#include <X11/extensions/shape.h>
+
+using namespace testsupport;
+using namespace std::chrono_literals;
+
+namespace {
+
+constexpr auto patience = 30s;
+const QColor roomColour(0x20, 0x90, 0x60);  // what x11_room_window paints
+
+// The test's own view of the server, through plain Xlib, independent of the code under test.
+class Client {
+public:
+    explicit Client(const QByteArray &display) : d(XOpenDisplay(display.constData())) {}
+    ~Client()
+    {
+        if (d)
+            XCloseDisplay(d);
+    }
+    Client(const Client &) = delete;
+    Client &operator=(const Client &) = delete;
+
+    Display *d;
+
+    Atom atom(const char *name) { return XInternAtom(d, name, False); }
+    Window root() { return DefaultRootWindow(d); }
+
+    std::vector<unsigned long> values(Window window, const char *property)
+    {
+        std::vector<unsigned long> out;
+        Atom type = 0;
+        int format = 0;
+        unsigned long count = 0, after = 0;
+        unsigned char *data = nullptr;
+        if (XGetWindowProperty(d, window, atom(property), 0, 1024, False, AnyPropertyType, &type, &format,
+                               &count, &after, &data) == Success && data && format == 32) {
+            const auto *items = reinterpret_cast<const unsigned long *>(data);
+            for (unsigned long i = 0; i < count; ++i)
+                out.push_back(items[i] & 0xFFFFFFFFul);  // Xlib sign-extends format-32 items
+        }
+        if (data)
+            XFree(data);
+        return out;
+    }
+
+    void setValues(Window window, const char *property, Atom type, const std::vector<unsigned long> &items)
+    {
+        XChangeProperty(d, window, atom(property), type, 32, PropModeReplace,
+                        reinterpret_cast<const unsigned char *>(items.data()), int(items.size()));
+        XSync(d, False);
+    }
+
+    bool has(Window window, const char *property, const char *item)
+    {
+        const auto all = values(window, property);
+        return std::find(all.begin(), all.end(), atom(item)) != all.end();
+    }
+
+    std::vector<unsigned long> stacking() { return values(root(), "_NET_CLIENT_LIST_STACKING"); }
+
+    int stackIndex(Window window)
+    {
+        const auto stack = stacking();
+        const auto found = std::find(stack.begin(), stack.end(), window);
+        return found == stack.end() ? -1 : int(found - stack.begin());
+    }
+
+    // An ordinary top-level window; a 32-bit ARGB one (transparent, as a see-through desktop
+    // icon window is) when `argb`.
+    Window makeWindow(const QRect &geometry, bool argb = false, const char *type = nullptr)
+    {
+        XSetWindowAttributes attributes{};
+        unsigned long mask = CWBackPixel | CWBorderPixel;
+        Visual *visual = CopyFromParent;
+        int depth = CopyFromParent;
+        attributes.background_pixel = argb ? 0 : 0xC0C0C0;
+        if (argb) {
+            XVisualInfo info;
+            if (!XMatchVisualInfo(d, DefaultScreen(d), 32, TrueColor, &info))
+                return 0;
+            visual = info.visual;
+            depth = 32;
+            attributes.colormap = XCreateColormap(d, root(), visual, AllocNone);
+            mask |= CWColormap;
+        }
+        const Window window = XCreateWindow(d, root(), geometry.x(), geometry.y(), unsigned(geometry.width()),
+                                            unsigned(geometry.height()), 0, depth, InputOutput, visual, mask,
+                                            &attributes);
+        XStoreName(d, window, "x11-desktop-test");
+        XSizeHints hints{};
+        hints.flags = USPosition | USSize;
+        hints.x = geometry.x();
+        hints.y = geometry.y();
+        hints.width = geometry.width();
+        hints.height = geometry.height();
+        XSetWMNormalHints(d, window, &hints);
+        if (type) {
+            const unsigned long typeAtom = atom(type);
+            XChangeProperty(d, window, atom("_NET_WM_WINDOW_TYPE"), XA_ATOM, 32, PropModeReplace,
+                            reinterpret_cast<const unsigned char *>(&typeAtom), 1);
+        }
+        XMapWindow(d, window);
+        XSync(d, False);
+        return window;
+    }
+
+    // The manager's frame around a client: its top-level ancestor, border included.
+    QRect outerFrame(Window window)
+    {
+        Window top = window;
+        for (;;) {
+            Window rootReturn = 0, parent = 0, *children = nullptr;
+            unsigned int count = 0;
+            if (!XQueryTree(d, top, &rootReturn, &parent, &children, &count))
+                return {};
+            if (children)
+                XFree(children);
+            if (parent == rootReturn)
+                break;
+            top = parent;
+        }
+        XWindowAttributes a;
+        XGetWindowAttributes(d, top, &a);
+        return QRect(a.x, a.y, a.width + 2 * a.border_width, a.height + 2 * a.border_width);
+    }
+
+    // A restack request as a pager sends it (managers honour those).
+    void restack(Window window, Window sibling, int detail)
+    {
+        XEvent event{};
+        event.xclient.type = ClientMessage;
+        event.xclient.window = window;
+        event.xclient.message_type = atom("_NET_RESTACK_WINDOW");
+        event.xclient.format = 32;
+        event.xclient.data.l[0] = 2;
+        event.xclient.data.l[1] = long(sibling);
+        event.xclient.data.l[2] = detail;
+        XSendEvent(d, root(), False, SubstructureRedirectMask | SubstructureNotifyMask, &event);
+        XSync(d, False);
+    }
+};
+
+// The room window in its own process (Qt's xcb platform); stopped and continued by signals so
+// that a test can disturb the stacking while it cannot answer.
+class RoomWindowProcess {
+public:
+    explicit RoomWindowProcess(XServer &server) : process(server.launch(QStringLiteral(X11_ROOM_WINDOW), {})) {}
+    ~RoomWindowProcess() { resume(); }
+
+    // The window id once shown, 0 when the process failed.
+    Window waitForWindow()
+    {
+        waitUntil([&] {
+            out = XServer::output(process);
+            return out.contains("window ") && out.indexOf('\n', out.indexOf("window ")) > 0;
+        }, patience);
+        const qsizetype at = out.indexOf("window ");
+        if (at < 0)
+            return 0;
+        return Window(out.mid(at + 7, out.indexOf('\n', at) - at - 7).toULongLong());
+    }
+    void pause() { ::kill(pid_t(process.processId()), SIGSTOP); }
+    void resume()
+    {
+        if (process.state() == QProcess::Running)
+            ::kill(pid_t(process.processId()), SIGCONT);
+    }
+    QByteArray output() { return XServer::output(process); }
+
+    QProcess &process;
+    QByteArray out;
+};
+
+QImage screenshot(XServer &server, const QString &name)
+{
+    QTemporaryDir dir;
+    const QString file = dir.filePath(name + QStringLiteral(".png"));
+    server.run(QStringLiteral("import"), {QStringLiteral("-window"), QStringLiteral("root"), file});
+    // Kept for a person to look at when asked.
+    const QByteArray keep = qgetenv("TURNELO_SCREENSHOT_DIR");
+    if (!keep.isEmpty()) {
+        QFile::remove(QString::fromUtf8(keep) + QStringLiteral("/x11-desktop-") + name + QStringLiteral(".png"));
+        QFile::copy(file, QString::fromUtf8(keep) + QStringLiteral("/x11-desktop-") + name + QStringLiteral(".png"));
+    }
+    return QImage(file);
+}
+
+QStringList logLines(const XServer &server)
+{
+    QStringList lines;
+    for (const QFileInfo &file : QDir(server.stateHome()).entryInfoList({QStringLiteral("*.log")}, QDir::Files))
+        lines += QString::fromUtf8(readFile(file.filePath())).split(QLatin1Char('\n'), Qt::SkipEmptyParts);
+    return lines;
+}
+
+bool listed(X11WindowList &list, const QRect &frame)
+{
+    const auto all = list.windows();
+    return std::any_of(all.begin(), all.end(), [&](const ListedWindow &w) { return w.frame == frame; });
+}
+
+std::optional<ListedWindow> listedAt(X11WindowList &list, const QRect &frame)
+{
+    for (const ListedWindow &w : list.windows())
+        if (w.frame == frame)
+            return w;
+    return std::nullopt;
+}
+
+#define START_OR_SKIP(call)                \
+    do {                                   \
+        QString why;                       \
+        if (!(call)) {                     \
+            if (why.contains("installed")) \
+                GTEST_SKIP() << qPrintable(why); \
+            FAIL() << qPrintable(why);     \
+        }                                  \
+    } while (0)
+
+}  // namespace
+
+TEST(X11WindowList, WithoutServerListsNothing)
+{
+    X11WindowList list(":65000");
+    EXPECT_FALSE(list.connected());
+    EXPECT_TRUE(list.windows().empty());
+}
+
+TEST(X11DesktopWindow, UnderOpenboxIsAStickyClickThroughDesktopWindowAtTheBottom)
+{
+    XServer server;
+    START_OR_SKIP(server.start(why));
+    START_OR_SKIP(server.startManager(QStringLiteral("openbox"), {QStringLiteral("--sm-disable")}, why));
+    Client x(server.display());
+    ASSERT_TRUE(x.d);
+    const Window other = x.makeWindow(QRect(60, 60, 320, 200));
+    ASSERT_TRUE(waitUntil([&] { return x.stackIndex(other) >= 0; }, patience));
+
+    RoomWindowProcess room(server);
+    const Window ours = room.waitForWindow();
+    ASSERT_NE(ours, 0ul) << room.output().constData();
+    ASSERT_TRUE(waitUntil([&] { return x.stackIndex(ours) == 0; }, patience))
+        << "stack position " << x.stackIndex(ours);
+
+    EXPECT_EQ(x.values(ours, "_NET_WM_WINDOW_TYPE"),
+              std::vector<unsigned long>{x.atom("_NET_WM_WINDOW_TYPE_DESKTOP")});
+    EXPECT_EQ(x.values(ours, "_NET_WM_DESKTOP"), std::vector<unsigned long>{0xFFFFFFFFul});
+    // The manager rewrites the state once it manages the window, keeping what it supports
+    // (openbox has no sticky state: the desktop number says "every desktop").
+    for (const char *state : {"_NET_WM_STATE_STICKY", "_NET_WM_STATE_SKIP_TASKBAR", "_NET_WM_STATE_SKIP_PAGER",
+                              "_NET_WM_STATE_BELOW"})
+        if (x.has(x.root(), "_NET_SUPPORTED", state))
+            EXPECT_TRUE(x.has(ours, "_NET_WM_STATE", state)) << state;
+
+    int count = -1, ordering = 0;
+    XRectangle *input = XShapeGetRectangles(x.d, ours, ShapeInput, &count, &ordering);
+    if (input)
+        XFree(input);
+    EXPECT_EQ(count, 0) << "input shape rectangles";
+    XRectangle *bounding = XShapeGetRectangles(x.d, ours, ShapeBounding, &count, &ordering);
+    if (bounding)
+        XFree(bounding);
+    EXPECT_GT(count, 0) << "the window itself is still drawn";
+
+    QImage shot;
+    ASSERT_TRUE(waitUntil([&] {
+        shot = screenshot(server, QStringLiteral("openbox"));
+        return !shot.isNull() && shot.pixelColor(900, 600) == roomColour;
+    }, patience)) << "the room does not show on the desktop";
+    EXPECT_NE(shot.pixelColor(200, 150), roomColour) << "the ordinary window is not above the room";
+
+    // Switching desktops leaves it shown.
+    server.run(QStringLiteral("xdotool"), {QStringLiteral("set_desktop"), QStringLiteral("1")});
+    ASSERT_TRUE(waitUntil([&] { return x.values(x.root(), "_NET_CURRENT_DESKTOP") == std::vector<unsigned long>{1}; },
+                          patience));
+    XWindowAttributes attributes;
+    ASSERT_TRUE(XGetWindowAttributes(x.d, ours, &attributes));
+    EXPECT_EQ(attributes.map_state, IsViewable);
+    ASSERT_TRUE(XGetWindowAttributes(x.d, other, &attributes));
+    EXPECT_NE(attributes.map_state, IsViewable) << "the other desktop's window is still shown";
+
+}
+
+TEST(X11WindowList, UnderOpenboxListsOtherProgramsWindowsShownOnThisDesktop)
+{
+    XServer server;
+    START_OR_SKIP(server.start(why));
+    START_OR_SKIP(server.startManager(QStringLiteral("openbox"), {QStringLiteral("--sm-disable")}, why));
+    Client x(server.display());
+    ASSERT_TRUE(x.d);
+    X11WindowList list(server.display());
+    ASSERT_TRUE(list.connected());
+    int changes = 0;
+    QObject::connect(&list, &WindowList::changed, [&] { ++changes; });
+
+    const Window plain = x.makeWindow(QRect(100, 120, 300, 200));
+    ASSERT_TRUE(waitUntil([&] { return !x.values(plain, "_NET_FRAME_EXTENTS").empty(); }, patience));
+    const QRect plainFrame = x.outerFrame(plain);
+    ASSERT_GT(plainFrame.height(), 200) << "openbox puts a title bar on it";
+    ASSERT_TRUE(waitUntil([&] { return listed(list, plainFrame); }, patience))
+        << "frame " << plainFrame.x() << "," << plainFrame.y() << " " << plainFrame.width() << "x"
+        << plainFrame.height() << " not among " << list.windows().size();
+    EXPECT_EQ(listedAt(list, plainFrame)->opacity, 1.0);
+
+    // Mapping another window changes the stacking: changed() fires.
+    changes = 0;
+    const Window second = x.makeWindow(QRect(500, 300, 200, 150));
+    ASSERT_TRUE(waitUntil([&] { return changes > 0; }, patience)) << "no change on map";
+    ASSERT_TRUE(waitUntil([&] { return x.stackIndex(second) >= 0; }, patience));
+    const QRect secondFrame = x.outerFrame(second);
+    ASSERT_TRUE(waitUntil([&] { return listed(list, secondFrame); }, patience));
+    // Raising the first one does too.
+    changes = 0;
+    server.run(QStringLiteral("xdotool"), {QStringLiteral("windowraise"), QString::number(plain)});
+    ASSERT_TRUE(waitUntil([&] { return changes > 0; }, patience)) << "no change on raise";
+
+    // An own window is never listed.
+    list.addOwnWindow(WId(second));
+    EXPECT_FALSE(listed(list, secondFrame));
+    list.removeOwnWindow(WId(second));
+    EXPECT_TRUE(listed(list, secondFrame));
+
+    // Half opacity is read back.
+    x.setValues(plain, "_NET_WM_WINDOW_OPACITY", XA_CARDINAL, {0x7FFFFFFFul});
+    EXPECT_NEAR(listedAt(list, plainFrame)->opacity, 0.5, 0.001);
+
+    // Windows of this process (by _NET_WM_PID), docks and desktop windows are left out.
+    const Window mine = x.makeWindow(QRect(700, 50, 120, 90));
+    x.setValues(mine, "_NET_WM_PID", XA_CARDINAL, {static_cast<unsigned long>(getpid())});
+    const Window dock = x.makeWindow(QRect(0, 760, 1280, 40), false, "_NET_WM_WINDOW_TYPE_DOCK");
+    const Window desktop = x.makeWindow(QRect(0, 0, 1280, 800), false, "_NET_WM_WINDOW_TYPE_DESKTOP");
+    ASSERT_TRUE(waitUntil([&] {
+        return x.stackIndex(mine) >= 0 && x.stackIndex(dock) >= 0 && x.stackIndex(desktop) >= 0;
+    }, patience));
+    EXPECT_EQ(list.windows().size(), 2u) << "only the plain and the second window";
+
+    // Iconic: gone from the list.
+    server.run(QStringLiteral("xdotool"), {QStringLiteral("windowminimize"), QString::number(plain)});
+    ASSERT_TRUE(waitUntil([&] { return x.has(plain, "_NET_WM_STATE", "_NET_WM_STATE_HIDDEN"); }, patience));
+    EXPECT_FALSE(listed(list, plainFrame));
+
+    // On another desktop: gone; shown again once that desktop is current, with a change.
+    server.run(QStringLiteral("xdotool"), {QStringLiteral("set_desktop_for_window"), QString::number(second),
+                                           QStringLiteral("1")});
+    ASSERT_TRUE(waitUntil([&] { return x.values(second, "_NET_WM_DESKTOP") == std::vector<unsigned long>{1}; },
+                          patience));
+    EXPECT_FALSE(listed(list, secondFrame));
+    changes = 0;
+    server.run(QStringLiteral("xdotool"), {QStringLiteral("set_desktop"), QStringLiteral("1")});
+    ASSERT_TRUE(waitUntil([&] { return changes > 0; }, patience)) << "no change on desktop switch";
+    ASSERT_TRUE(waitUntil([&] { return listed(list, secondFrame); }, patience));
+
+    // A window on every desktop is listed on each.
+    x.setValues(second, "_NET_WM_DESKTOP", XA_CARDINAL, {0xFFFFFFFFul});
+    XEvent event{};
+    event.xclient.type = ClientMessage;
+    event.xclient.window = second;
+    event.xclient.message_type = x.atom("_NET_WM_DESKTOP");
+    event.xclient.format = 32;
+    event.xclient.data.l[0] = long(0xFFFFFFFFul);
+    event.xclient.data.l[1] = 2;
+    XSendEvent(x.d, x.root(), False, SubstructureRedirectMask | SubstructureNotifyMask, &event);
+    XSync(x.d, False);
+    server.run(QStringLiteral("xdotool"), {QStringLiteral("set_desktop"), QStringLiteral("0")});
+    ASSERT_TRUE(waitUntil([&] { return x.values(x.root(), "_NET_CURRENT_DESKTOP") == std::vector<unsigned long>{0}; },
+                          patience));
+    ASSERT_TRUE(waitUntil([&] { return listed(list, secondFrame); }, patience))
+        << "a window on every desktop is left out";
+}
+
+TEST(X11WindowList, UnderACompositorStillReportsACoveringWindow)
+{
+    XServer server;
+    START_OR_SKIP(server.start(why));
+    START_OR_SKIP(server.startManager(QStringLiteral("openbox"), {QStringLiteral("--sm-disable")}, why));
+    if (!XServer::installed(QStringLiteral("xcompmgr")))
+        GTEST_SKIP() << "xcompmgr is not installed";
+    Client x(server.display());
+    ASSERT_TRUE(x.d);
+    QProcess &compositor = server.launch(QStringLiteral("xcompmgr"), {});
+    // xcompmgr takes the compositing manager selection of screen 0 once it runs.
+    ASSERT_TRUE(waitUntil([&] {
+        return XGetSelectionOwner(x.d, x.atom("_NET_WM_CM_S0")) != 0 || compositor.state() == QProcess::NotRunning;
+    }, patience));
+    ASSERT_NE(XGetSelectionOwner(x.d, x.atom("_NET_WM_CM_S0")), 0ul) << XServer::output(compositor).constData();
+
+    X11WindowList list(server.display());
+    int changes = 0;
+    QObject::connect(&list, &WindowList::changed, [&] { ++changes; });
+    const Window cover = x.makeWindow(QRect(0, 0, 1280, 760));
+    ASSERT_TRUE(waitUntil([&] { return changes > 0 && !x.values(cover, "_NET_FRAME_EXTENTS").empty(); }, patience));
+    const QRect frame = x.outerFrame(cover);
+    ASSERT_TRUE(waitUntil([&] { return listed(list, frame); }, patience));
+    EXPECT_EQ(listedAt(list, frame)->opacity, 1.0);
+}
