@@ -1,6 +1,8 @@
 #!/usr/bin/env bash
 # Sets up a fresh Debian 12 machine, builds Turnelo, generates the 1920x1080 demo scene, prints
-# its summary and renders it by day and by night (PNG files beside the scene).
+# its summary and renders it by day and by night (PNG files beside the scene). Then, on $DISPLAY,
+# starts the room on the desktop with the demo scene; without a display it says so and stops
+# at the pictures.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/install-deps.sh
@@ -23,3 +25,10 @@ echo "Renderizando (Vulkan; software se não houver GPU)…"
 ./build/turnelo render "$demo" "$demo/../demo-night.png" --framing wide --size 1280x720 --time 22:30 --rain 0.8 \
   --playing --album "Demo" --artist "Turnelo" --title "Side B" --track 4 --tracks 5 --duration 240 --position 30
 echo "Imagens: $(cd "$demo/.." && pwd)/demo-day.png e demo-night.png"
+
+if [ -z "${DISPLAY:-}" ]; then
+  echo "Sem tela (DISPLAY não definido): a sala não pode ir para a área de trabalho; veja as imagens acima."
+  exit 0
+fi
+echo "Abrindo a sala na área de trabalho de $DISPLAY (Ctrl+C ou o menu da bandeja encerra)…"
+TURNELO_SCENES_DIR="$demo" exec ./build/turnelo --music-setup-done

@@ -1,9 +1,14 @@
-// The turnelo executable. "turnelo render …" renders one frame of a scene folder to a PNG.
+// The turnelo executable: the room on the desktop; "turnelo render …" renders one frame of a
+// scene folder to a PNG.
 
+#include "app/AppDelegate.h"
+#include "app/SingleInstance.h"
+#include "core/scene/SceneLocation.h"
 #include "scene/OfflineRender.h"
 
+#include <QApplication>
 #include <QCommandLineParser>
-#include <QGuiApplication>
+#include <QDir>
 #include <QTextStream>
 
 static int renderCommand(const QStringList &arguments) {
@@ -88,16 +93,63 @@ static int renderCommand(const QStringList &arguments) {
     return 0;
 }
 
+// Without a display the room cannot be on a desktop: say so and show what it would look like.
+static int renderInstead() {
+    QTextStream err(stderr);
+    const auto scene = SceneLocation::resolve();
+    if (!scene) {
+        err << "turnelo: no display (DISPLAY is not set) and no scene installed in "
+            << SceneLocation::installedRoot() << "\n";
+        return 1;
+    }
+    OfflineRender::Options o;
+    o.sceneDir = scene->root;
+    o.output = QDir::current().filePath("turnelo-room.png");
+    o.localTime = QDateTime::currentDateTime();
+    err << "turnelo: no display (DISPLAY is not set); rendering the room to " << o.output << " instead\n";
+    err.flush();
+    const QString error = OfflineRender::render(o);
+    if (!error.isEmpty()) {
+        err << "turnelo render: " << error << "\n";
+        return 1;
+    }
+    return 0;
+}
+
+static int runRoom(QApplication &app) {
+    QCommandLineParser p;
+    p.setApplicationDescription("Turnelo: a photoreal room with a record player on the desktop.");
+    p.addHelpOption();
+    const QCommandLineOption musicDone("music-setup-done",
+                                       "Follow the music players from now on (stored; the onboarding will ask later).");
+    p.addOption(musicDone);
+    p.process(app);
+    SingleInstance instance(SingleInstance::defaultName());
+    if (instance.alreadyRunning()) {
+        QTextStream(stderr) << "turnelo: already running; asked it to show the room\n";
+        return 0;
+    }
+    AppDelegate::Options options;
+    options.markMusicSetupDone = p.isSet(musicDone);
+    AppDelegate delegate(options);
+    instance.onActivated = [&delegate] { delegate.reopen(); };
+    delegate.start();
+    return app.exec();
+}
+
 int main(int argc, char **argv) {
-    // Offline work needs no display.
-    if (argc > 1 && QByteArray(argv[1]) == "render" && !qEnvironmentVariableIsSet("QT_QPA_PLATFORM"))
-        qputenv("QT_QPA_PLATFORM", "offscreen");
-    QGuiApplication app(argc, argv);
+    const bool render = argc > 1 && QByteArray(argv[1]) == "render";
+    const bool display = qEnvironmentVariableIsSet("DISPLAY") && !qEnvironmentVariable("DISPLAY").isEmpty();
+    // Offline work needs no display; the desktop windows are X11 windows.
+    if ((render || !display) && !qEnvironmentVariableIsSet("QT_QPA_PLATFORM")) qputenv("QT_QPA_PLATFORM", "offscreen");
+    if (!render && display) qputenv("QT_QPA_PLATFORM", "xcb");
+    QApplication app(argc, argv);
+    QApplication::setQuitOnLastWindowClosed(false);
     QStringList args = app.arguments();
-    if (args.size() > 1 && args[1] == "render") {
+    if (render) {
         args.removeAt(1);
         return renderCommand(args);
     }
-    QTextStream(stderr) << "usage: turnelo render [options] <scene> <output.png>\n";
-    return 2;
+    if (!display) return renderInstead();
+    return runRoom(app);
 }

@@ -1,0 +1,162 @@
+#include "app/AppDelegate.h"
+
+#include "app/DesktopWindowController.h"
+#include "app/TrayIcon.h"
+#include "core/app/AppIdentity.h"
+#include "core/app/Log.h"
+#include "core/app/Settings.h"
+#include "core/delivery/SceneInstaller.h"
+#include "core/environment/PowerMonitor.h"
+#include "core/environment/WeatherService.h"
+#include "core/music/HistoryStore.h"
+#include "core/music/NowPlayingMonitor.h"
+#include "core/music/PlayerState.h"
+#include "core/scene/SceneLocation.h"
+#include "core/scene/SceneStatus.h"
+#include "platform/linux/LinuxSessionSignals.h"
+#include "platform/linux/MprisPlayerBackend.h"
+#include "platform/linux/UPowerPowerSource.h"
+#include "platform/linux/X11DesktopStacking.h"
+#include "platform/linux/X11DesktopWindow.h"
+#include "platform/linux/X11WindowList.h"
+
+#include <QCoreApplication>
+#include <QDesktopServices>
+#include <QDir>
+#include <QFile>
+#include <QGuiApplication>
+#include <QLocale>
+#include <QScreen>
+#include <QSettings>
+#include <QUrl>
+
+AppDelegate::AppDelegate(Options o, QObject *parent) : QObject(parent), options(o) {
+    settingsStore = std::make_unique<Settings>();
+    state = std::make_unique<PlayerState>();
+    status = std::make_unique<SceneStatus>();
+    powerSource = std::make_unique<UPowerPowerSource>();
+    power = std::make_unique<PowerMonitor>(*settingsStore, powerSource.get());
+}
+
+AppDelegate::~AppDelegate() {
+    // Views first: they hold references to everything below.
+    tray.reset();
+    desktopWindows.reset();
+    monitor.reset();
+}
+
+SceneInstaller &AppDelegate::scenes() {
+    if (!installer) installer = std::make_unique<SceneInstaller>(*settingsStore);
+    return *installer;
+}
+
+QString AppDelegate::autostartWord() {
+    const QString dir = AppIdentity::xdgFolder("XDG_CONFIG_HOME", QStringLiteral("/.config")) + QStringLiteral("/autostart");
+    const QString file = dir + QStringLiteral("/turnelo.desktop");
+    if (!QFile::exists(file)) return QStringLiteral("desligado");
+    QSettings entry(file, QSettings::IniFormat);
+    const QString hidden = entry.value(QStringLiteral("Desktop Entry/Hidden")).toString();
+    return hidden == QStringLiteral("true") ? QStringLiteral("desligado") : QStringLiteral("ativo");
+}
+
+QString AppDelegate::startupLine(const QString &version, const QString &path, const QString &language,
+                                 const QString &autostart, int screens) {
+    return QStringLiteral("Turnelo ") + version + QStringLiteral(" iniciada (") + path + QStringLiteral("); idioma ") +
+           (language.isEmpty() ? QStringLiteral("?") : language) + QStringLiteral("; abrir no login: ") + autostart +
+           QStringLiteral("; telas: ") + QString::number(screens);
+}
+
+void AppDelegate::start() {
+    Log::write(startupLine(AppIdentity::version(), QCoreApplication::applicationFilePath(),
+                           QLocale::system().uiLanguages().value(0), autostartWord(),
+                           int(QGuiApplication::screens().size())));
+
+    history = std::make_unique<HistoryStore>(*settingsStore);
+    weather = std::make_unique<WeatherService>(*settingsStore);
+    auto x11Windows = std::make_unique<X11WindowList>();
+    X11WindowList *listed = x11Windows.get();
+    windowList = std::move(x11Windows);
+    session = std::make_unique<LinuxSessionSignals>();
+    stacking = std::make_unique<X11DesktopStacking>();
+
+    SceneView::Services services;
+    services.state = state.get();
+    services.status = status.get();
+    services.power = power.get();
+    services.settings = settingsStore.get();
+    services.history = history.get();
+    services.weather = weather.get();
+    services.windows = windowList.get();
+    services.session = session.get();
+    DesktopWindowController::Platform platform;
+    X11DesktopStacking *stack = stacking.get();
+    platform.prepare = [listed](QWindow *w) {
+        X11DesktopWindow::prepare(w);
+        listed->addOwnWindow(w->winId());
+    };
+    platform.added = [stack](QWindow *w) { stack->add(w); };
+    platform.removed = [stack](QWindow *w) { stack->remove(w); };
+    desktopWindows = std::make_unique<DesktopWindowController>(services, platform);
+    desktopWindows->rebuildSurfaces();
+    desktopWindows->watchPlates();
+    weather->onChange = [desk = desktopWindows.get()](const WeatherService::Now &now) { desk->weatherChanged(now); };
+
+    scenes().onInstalled = [desk = desktopWindows.get()] { desk->loadScene(); };
+    if (!SceneLocation::usesDevelopmentScenes()) scenes().sync();
+
+    if (settingsStore->showTurntable()) desktopWindows->show();
+    // The same switches written from outside (another window of ours, turnelo-defaults).
+    connect(settingsStore.get(), &Settings::changed, this, [this](const QString &key) {
+        if (key == QStringLiteral("screens")) desktopWindows->rebuildSurfaces();
+        if (key == QStringLiteral("showTurntable")) {
+            if (settingsStore->showTurntable())
+                desktopWindows->show();
+            else
+                desktopWindows->hide();
+        }
+    });
+
+    players = std::make_unique<MprisPlayerBackend>();
+    monitor = std::make_unique<NowPlayingMonitor>(*state, *players);
+    connect(state.get(), &PlayerState::artworkChanged, this, &AppDelegate::recordHistory);
+    if (options.markMusicSetupDone) settingsStore->setMusicSetupDone(true);
+    if (settingsStore->musicSetupDone()) monitor->start();
+
+    tray = std::make_unique<TrayIcon>(TrayIcon::Actions{
+        [this] { return settingsStore->showTurntable(); },
+        [this](bool on) { setShowTurntable(on); },
+        [this] { return settingsStore->allScreens(); },
+        [this](bool all) { setScreens(all); },
+        [this] { desktopWindows->loadScene(); },
+        [] { QDesktopServices::openUrl(QUrl::fromLocalFile(Log::path())); },
+        [] { QCoreApplication::quit(); },
+    });
+    tray->setVisible(settingsStore->showMenuBarIcon());
+}
+
+void AppDelegate::setShowTurntable(bool on) {
+    settingsStore->setShowTurntable(on);
+    if (!desktopWindows) return;
+    if (on)
+        desktopWindows->show();
+    else
+        desktopWindows->hide();
+}
+
+void AppDelegate::setScreens(bool all) {
+    settingsStore->setAllScreens(all);
+    if (desktopWindows) desktopWindows->rebuildSurfaces();
+}
+
+void AppDelegate::reopen() {
+    Log::write(QStringLiteral("Turnelo: aberta de novo"));
+    if (desktopWindows && settingsStore->showTurntable()) desktopWindows->show();
+}
+
+void AppDelegate::recordHistory() {
+    // The playing album goes on the stack once, when its cover first arrives.
+    const auto &track = state->track();
+    if (!track || state->artwork().isNull() || track->album == recordedAlbum) return;
+    recordedAlbum = track->album;
+    history->record(state->artwork(), track->album);
+}

@@ -1,0 +1,178 @@
+#include "app/DesktopWindowController.h"
+
+#include "core/app/Settings.h"
+#include "core/scene/PlatesWatcher.h"
+#include "render/SceneRenderer.h"
+#include "scene/TurntableView.h"
+
+#include <QGuiApplication>
+#include <QScreen>
+#include <QWindow>
+
+namespace {
+
+// The main screen first (the primary one), then the others in the system's order.
+QList<QScreen *> orderedScreens() {
+    QList<QScreen *> screens = QGuiApplication::screens();
+    if (QScreen *primary = QGuiApplication::primaryScreen()) {
+        screens.removeAll(primary);
+        screens.prepend(primary);
+    }
+    return screens;
+}
+
+}  // namespace
+
+DesktopWindowController::DesktopWindowController(const SceneView::Services &s, Platform p, QObject *parent)
+    : QObject(parent), services(s), platform(std::move(p)) {
+    auto rebuild = [this] { rebuildSurfaces(); };
+    connect(qGuiApp, &QGuiApplication::screenAdded, this, [this, rebuild](QScreen *screen) {
+        watchScreen(screen);
+        rebuild();
+    });
+    connect(qGuiApp, &QGuiApplication::screenRemoved, this, rebuild);
+    connect(qGuiApp, &QGuiApplication::primaryScreenChanged, this, rebuild);
+    for (QScreen *screen : QGuiApplication::screens()) watchScreen(screen);
+}
+
+DesktopWindowController::~DesktopWindowController() {
+    watcher.reset();
+    for (auto &surface : surfaces) {
+        dropScene(*surface);
+        if (platform.removed) platform.removed(surface->window.get());
+    }
+    surfaces.clear();
+}
+
+void DesktopWindowController::watchScreen(QScreen *screen) {
+    connect(screen, &QScreen::geometryChanged, this, [this] { rebuildSurfaces(); });
+}
+
+QWindow *DesktopWindowController::window(int index) const {
+    return index >= 0 && index < int(surfaces.size()) ? surfaces[size_t(index)]->window.get() : nullptr;
+}
+
+SceneView *DesktopWindowController::sceneView(int index) const {
+    return index >= 0 && index < int(surfaces.size()) ? surfaces[size_t(index)]->scene.get() : nullptr;
+}
+
+void DesktopWindowController::rebuildSurfaces() {
+    QList<QScreen *> screens = orderedScreens();
+    if (!services.settings->allScreens() && screens.size() > 1) screens = screens.mid(0, 1);
+
+    // Surfaces whose screen went away: their view is torn down and their window destroyed.
+    for (auto it = surfaces.begin(); it != surfaces.end();) {
+        Surface &surface = **it;
+        const bool kept = std::any_of(screens.begin(), screens.end(),
+                                      [&](QScreen *s) { return s == surface.screen && s->name() == surface.screenName; });
+        if (kept) {
+            ++it;
+            continue;
+        }
+        dropScene(surface);
+        if (platform.removed) platform.removed(surface.window.get());
+        it = surfaces.erase(it);
+    }
+
+    for (QScreen *screen : screens) {
+        auto found = std::find_if(surfaces.begin(), surfaces.end(), [&](const auto &s) { return s->screen == screen; });
+        if (found != surfaces.end()) {
+            placeWindow(**found);  // same screen: only its frame follows
+            continue;
+        }
+        auto surface = std::make_unique<Surface>();
+        surface->screen = screen;
+        surface->screenName = screen->name();
+        surface->window = std::make_unique<QWindow>(screen);
+        surface->window->setFlags(Qt::FramelessWindowHint | Qt::WindowTransparentForInput |
+                                  Qt::WindowDoesNotAcceptFocus);
+        surface->window->setTitle(QStringLiteral("Turnelo"));
+        surface->window->setGeometry(screen->geometry());
+        surface->window->create();
+        if (platform.prepare) platform.prepare(surface->window.get());
+        Surface &added = *surface;
+        surfaces.push_back(std::move(surface));
+        load(added);
+        if (visible) {
+            added.window->show();
+            if (platform.added) platform.added(added.window.get());
+        }
+    }
+}
+
+void DesktopWindowController::placeWindow(Surface &surface) {
+    if (!surface.screen) return;
+    surface.window->setGeometry(surface.screen->geometry());
+    if (surface.fallback) surface.fallback->setGeometry(QRect(QPoint(0, 0), surface.window->size()));
+}
+
+void DesktopWindowController::show() {
+    visible = true;
+    for (auto &surface : surfaces) {
+        surface->window->show();
+        if (platform.added) platform.added(surface->window.get());
+    }
+}
+
+void DesktopWindowController::hide() {
+    visible = false;
+    for (auto &surface : surfaces) surface->window->hide();
+}
+
+void DesktopWindowController::loadScene() {
+    for (auto &surface : surfaces) load(*surface);
+    watchPlates();
+}
+
+void DesktopWindowController::watchPlates() {
+    watcher.reset();
+    QPointer<DesktopWindowController> self(this);
+    watcher = std::make_unique<PlatesWatcher>([self] {
+        if (self) self->loadScene();
+    });
+}
+
+void DesktopWindowController::weatherChanged(const WeatherService::Now &now) {
+    for (auto &surface : surfaces)
+        if (surface->scene) surface->scene->weatherChanged(now);
+}
+
+void DesktopWindowController::dropScene(Surface &surface) {
+    if (surface.scene) {
+        surface.scene->teardown();
+        surface.scene.reset();
+    }
+}
+
+void DesktopWindowController::load(Surface &surface) {
+    dropScene(surface);
+    auto renderer = SceneRenderer::create();
+    if (!renderer) {
+        useFallback(surface);
+        return;
+    }
+    surface.fallback.reset();
+    surface.scene = std::make_unique<SceneView>(services, std::move(renderer), surface.window.get());
+    Surface *target = &surface;
+    QPointer<DesktopWindowController> self(this);
+    surface.scene->onUnavailable = [self, target](const QString &) {
+        if (!self) return;
+        for (auto &s : self->surfaces)
+            if (s.get() == target) {
+                // Not from inside the view's own call: the view is destroyed here.
+                QMetaObject::invokeMethod(self, [self, target] {
+                    if (!self) return;
+                    for (auto &s2 : self->surfaces)
+                        if (s2.get() == target) self->useFallback(*s2);
+                }, Qt::QueuedConnection);
+            }
+    };
+    surface.scene->load();
+}
+
+void DesktopWindowController::useFallback(Surface &surface) {
+    dropScene(surface);
+    surface.fallback = std::make_unique<TurntableView>(*services.state, surface.window.get());
+    surface.fallback->setGeometry(QRect(QPoint(0, 0), surface.window->size()));
+    surface.fallback->show();
+}

@@ -1,0 +1,66 @@
+#pragma once
+
+#include "scene/SceneView.h"
+
+#include <QObject>
+#include <QPointer>
+#include <QString>
+#include <functional>
+#include <memory>
+#include <vector>
+
+class PlatesWatcher;
+class QScreen;
+class QWindow;
+class TurntableView;
+
+// The room's desktop windows: one on the main screen, or one per screen with "screens" =
+// "all". Windows of screens that stay are kept across rebuilds; a window whose screen went away
+// is destroyed. Each window hosts a scene view, or the plain turntable when the room cannot be
+// shown. Main thread; one per process.
+class DesktopWindowController : public QObject {
+    Q_OBJECT
+public:
+    // How the platform makes a window a desktop window and keeps it in its place. All optional.
+    struct Platform {
+        std::function<void(QWindow *)> prepare;  // before the window is first shown
+        std::function<void(QWindow *)> added;    // the window is shown (keep it in the stack)
+        std::function<void(QWindow *)> removed;  // the window is about to be destroyed
+    };
+
+    DesktopWindowController(const SceneView::Services &services, Platform platform, QObject *parent = nullptr);
+    ~DesktopWindowController() override;
+
+    void rebuildSurfaces();
+    void show();
+    void hide();
+    void loadScene();
+    void watchPlates();
+    // The weather service reported: every view hears it.
+    void weatherChanged(const WeatherService::Now &now);
+
+    bool isVisible() const { return visible; }
+    int surfaceCount() const { return int(surfaces.size()); }
+    QWindow *window(int index) const;
+    SceneView *sceneView(int index) const;
+
+private:
+    struct Surface {
+        QString screenName;
+        QPointer<QScreen> screen;
+        std::unique_ptr<QWindow> window;
+        std::unique_ptr<SceneView> scene;
+        std::unique_ptr<TurntableView> fallback;
+    };
+    void load(Surface &surface);
+    void useFallback(Surface &surface);
+    void dropScene(Surface &surface);
+    void placeWindow(Surface &surface);
+    void watchScreen(QScreen *screen);
+
+    SceneView::Services services;
+    Platform platform;
+    std::vector<std::unique_ptr<Surface>> surfaces;
+    std::unique_ptr<PlatesWatcher> watcher;
+    bool visible = false;
+};

@@ -1,0 +1,88 @@
+#include "app/TrayIcon.h"
+
+#include <QActionGroup>
+#include <QMenu>
+#include <QPainter>
+#include <QPixmap>
+
+TrayIcon::TrayIcon(Actions a, QObject *parent) : QObject(parent), actions(std::move(a)) {
+    contextMenu = std::make_unique<QMenu>();
+    showRoom = contextMenu->addAction(QStringLiteral("Show the turntable on the desktop"));
+    showRoom->setCheckable(true);
+    connect(showRoom, &QAction::toggled, this, [this](bool on) {
+        if (actions.setRoomShown && on != actions.roomShown()) actions.setRoomShown(on);
+    });
+    contextMenu->addSeparator();
+    auto *displays = new QActionGroup(contextMenu.get());
+    mainDisplay = contextMenu->addAction(QStringLiteral("Main display"));
+    allDisplays = contextMenu->addAction(QStringLiteral("All displays"));
+    for (QAction *action : {mainDisplay, allDisplays}) {
+        action->setCheckable(true);
+        displays->addAction(action);
+    }
+    connect(allDisplays, &QAction::triggered, this, [this] {
+        if (actions.setAllDisplays) actions.setAllDisplays(true);
+    });
+    connect(mainDisplay, &QAction::triggered, this, [this] {
+        if (actions.setAllDisplays) actions.setAllDisplays(false);
+    });
+    contextMenu->addSeparator();
+    connect(contextMenu->addAction(QStringLiteral("Reload scene")), &QAction::triggered, this, [this] {
+        if (actions.reload) actions.reload();
+    });
+    connect(contextMenu->addAction(QStringLiteral("Open log")), &QAction::triggered, this, [this] {
+        if (actions.openLog) actions.openLog();
+    });
+    contextMenu->addSeparator();
+    connect(contextMenu->addAction(QStringLiteral("Quit Turnelo")), &QAction::triggered, this, [this] {
+        if (actions.quit) actions.quit();
+    });
+    connect(contextMenu.get(), &QMenu::aboutToShow, this, &TrayIcon::refresh);
+    refresh();
+
+    tray.setIcon(makeIcon());
+    tray.setToolTip(QStringLiteral("Turnelo"));
+    tray.setContextMenu(contextMenu.get());
+    // A left click opens the same menu until the popover exists.
+    connect(&tray, &QSystemTrayIcon::activated, this, [this](QSystemTrayIcon::ActivationReason reason) {
+        if (reason == QSystemTrayIcon::Trigger) contextMenu->popup(QCursor::pos());
+    });
+}
+
+TrayIcon::~TrayIcon() { tray.hide(); }
+
+bool TrayIcon::isAvailable() const { return QSystemTrayIcon::isSystemTrayAvailable(); }
+
+void TrayIcon::setVisible(bool visible) { tray.setVisible(visible); }
+
+void TrayIcon::refresh() {
+    const QSignalBlocker block(showRoom);
+    showRoom->setChecked(actions.roomShown && actions.roomShown());
+    const bool all = actions.allDisplays && actions.allDisplays();
+    allDisplays->setChecked(all);
+    mainDisplay->setChecked(!all);
+}
+
+QIcon TrayIcon::makeIcon() {
+    QIcon icon;
+    for (int side : {16, 22, 24, 32, 48, 64}) {
+        QPixmap pixmap(side, side);
+        pixmap.fill(Qt::transparent);
+        QPainter p(&pixmap);
+        p.setRenderHint(QPainter::Antialiasing);
+        const QRectF disc(side * 0.06, side * 0.06, side * 0.88, side * 0.88);
+        p.setPen(Qt::NoPen);
+        p.setBrush(QColor(40, 40, 40));
+        p.drawEllipse(disc);
+        p.setPen(QPen(QColor(110, 110, 110), std::max(1.0, side / 24.0)));
+        p.setBrush(Qt::NoBrush);
+        p.drawEllipse(disc.adjusted(side * 0.14, side * 0.14, -side * 0.14, -side * 0.14));
+        p.setPen(Qt::NoPen);
+        p.setBrush(QColor(200, 60, 50));
+        p.drawEllipse(disc.center(), side * 0.15, side * 0.15);
+        p.setBrush(QColor(235, 235, 235));
+        p.drawEllipse(disc.center(), side * 0.035, side * 0.035);
+        icon.addPixmap(pixmap);
+    }
+    return icon;
+}

@@ -1,0 +1,45 @@
+#pragma once
+
+#include <QObject>
+#include <QSystemTrayIcon>
+#include <functional>
+#include <memory>
+
+class QAction;
+class QMenu;
+
+// The tray item (StatusNotifierItem where the desktop has one) and its small menu: show or
+// hide the room, one display or all, reload the scene, open the log, quit. The menu reads its
+// state each time it opens. Main thread.
+class TrayIcon : public QObject {
+    Q_OBJECT
+public:
+    struct Actions {
+        std::function<bool()> roomShown;
+        std::function<void(bool)> setRoomShown;
+        std::function<bool()> allDisplays;
+        std::function<void(bool)> setAllDisplays;
+        std::function<void()> reload;
+        std::function<void()> openLog;
+        std::function<void()> quit;
+    };
+
+    explicit TrayIcon(Actions actions, QObject *parent = nullptr);
+    ~TrayIcon() override;
+
+    bool isAvailable() const;
+    void setVisible(bool visible);
+    QMenu *menu() const { return contextMenu.get(); }
+    // The record drawn at the given size: the tray's icon, also the settings window's later.
+    static QIcon makeIcon();
+
+private:
+    void refresh();
+
+    Actions actions;
+    std::unique_ptr<QMenu> contextMenu;
+    QSystemTrayIcon tray;
+    QAction *showRoom = nullptr;
+    QAction *mainDisplay = nullptr;
+    QAction *allDisplays = nullptr;
+};

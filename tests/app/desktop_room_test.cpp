@@ -1,0 +1,264 @@
+// The real program on a real X server with a real window manager, a private bus with mocked
+// UPower, logind and screen saver, and the software Vulkan device: the room comes up on the
+// desktop, pauses when covered or locked, and follows power, screens and the scene on disk.
+
+#include "PrivateBus.h"
+#include "TestSupport.h"
+#include "XServer.h"
+
+#include <QDir>
+#include <QFile>
+#include <QImage>
+#include <QRegularExpression>
+#include <QThread>
+#include <X11/Xlib.h>
+#include <gtest/gtest.h>
+
+using namespace testsupport;
+
+namespace {
+
+QString binary(const QString &name) { return QStringLiteral(TURNELO_BINARY_DIR "/") + name; }
+
+// A plain opaque window of another program, made with its own connection.
+class Blocker {
+public:
+    explicit Blocker(const QByteArray &display) : x(XOpenDisplay(display.constData())) {}
+    ~Blocker() {
+        if (!x) return;
+        for (Window w : windows) XDestroyWindow(x, w);
+        XCloseDisplay(x);
+    }
+    Window open(QRect r) {
+        const Window w = XCreateSimpleWindow(x, DefaultRootWindow(x), r.x(), r.y(), r.width(), r.height(), 0, 0,
+                                             0x305070);
+        // Keep the manager from placing it elsewhere.
+        XSizeHints hints{};
+        hints.flags = USPosition | USSize;
+        hints.x = r.x();
+        hints.y = r.y();
+        hints.width = r.width();
+        hints.height = r.height();
+        XSetWMNormalHints(x, w, &hints);
+        XMapRaised(x, w);
+        XMoveResizeWindow(x, w, r.x(), r.y(), r.width(), r.height());
+        XSync(x, False);
+        windows.push_back(w);
+        return w;
+    }
+    void move(Window w, QRect r) {
+        XMoveResizeWindow(x, w, r.x(), r.y(), r.width(), r.height());
+        XSync(x, False);
+    }
+    void close(Window w) {
+        XDestroyWindow(x, w);
+        XSync(x, False);
+        windows.erase(std::remove(windows.begin(), windows.end(), w), windows.end());
+    }
+    bool ok() const { return x != nullptr; }
+
+private:
+    Display *x;
+    std::vector<Window> windows;
+};
+
+class DesktopRoom : public ::testing::Test {
+protected:
+    void SetUp() override {
+        QString why;
+        if (!XServer::installed("openbox")) GTEST_SKIP() << "openbox is not installed";
+        ASSERT_TRUE(x.start(why)) << why.toStdString();
+        ASSERT_TRUE(x.startManager("openbox", {"--sm-disable"}, why)) << why.toStdString();
+        ASSERT_TRUE(bus.ok());
+        upower = DbusMock::fromTemplate(bus, "upower", "org.freedesktop.UPower");
+        ASSERT_TRUE(upower->ok()) << upower->errors().toStdString();
+        screensaver = DbusMock::bare(bus, "org.freedesktop.ScreenSaver", "/ScreenSaver", "org.freedesktop.ScreenSaver");
+        ASSERT_TRUE(screensaver->ok()) << screensaver->errors().toStdString();
+
+        scene = dir.filePath("scene");
+        QProcess gen;
+        gen.start(binary("tools/turnelo-gen-scene"),
+                  {"--out", scene, "--width", "640", "--height", "360", "--framings", "wide"});
+        ASSERT_TRUE(gen.waitForFinished(300000) && gen.exitCode() == 0) << gen.readAllStandardError().toStdString();
+    }
+
+    QProcessEnvironment environment() const {
+        QProcessEnvironment env = x.environment();
+        const QProcessEnvironment busEnv = bus.env();
+        for (const char *key : {"DBUS_SESSION_BUS_ADDRESS", "DBUS_SYSTEM_BUS_ADDRESS"})
+            env.insert(key, busEnv.value(key));
+        env.insert("TURNELO_SCENES_DIR", scene);
+        env.insert("VK_ICD_FILENAMES", lavapipeIcd());
+        env.remove("QT_QPA_PLATFORM");
+        return env;
+    }
+
+    void defaults(const QStringList &args) {
+        QProcess tool;
+        tool.setProcessEnvironment(environment());
+        tool.start(binary("tools/turnelo-defaults"), args);
+        ASSERT_TRUE(tool.waitForFinished(30000) && tool.exitCode() == 0) << tool.readAllStandardError().toStdString();
+    }
+
+    void launch() {
+        app.setProcessEnvironment(environment());
+        app.setProcessChannelMode(QProcess::MergedChannels);
+        app.start(binary("turnelo"), {"--music-setup-done"});
+        ASSERT_TRUE(app.waitForStarted(10000));
+    }
+
+    QString log() const {
+        QFile f(x.stateHome() + "/Turnelo Dev.log");
+        return f.open(QIODevice::ReadOnly) ? QString::fromUtf8(f.readAll()) : QString();
+    }
+    // Waits for a log line holding `text` after `from` characters of the log; its end offset.
+    qsizetype waitForLine(const QString &text, qsizetype from = 0, int seconds = 60) {
+        qsizetype at = -1;
+        waitUntil([&] {
+            at = log().indexOf(text, from);
+            return at >= 0 || app.state() != QProcess::Running;
+        }, std::chrono::seconds(seconds));
+        if (at < 0) ADD_FAILURE() << "no line \"" << text.toStdString() << "\"; app says:\n"
+                                  << app.readAll().toStdString() << "\nlog:\n" << log().mid(from).toStdString();
+        return at < 0 ? from : at + text.size();
+    }
+    // The frames per second of the first performance line that starts after `from`.
+    double fpsAfter(qsizetype from) {
+        static const QRegularExpression perf(QStringLiteral("Perf \\d+s: ([0-9.]+) fps"));
+        QRegularExpressionMatch m;
+        waitUntil([&] { return (m = perf.match(log(), from)).hasMatch(); }, std::chrono::seconds(30));
+        EXPECT_TRUE(m.hasMatch()) << "no performance line";
+        return m.hasMatch() ? m.captured(1).toDouble() : -1;
+    }
+    // The room's moving layer: the smallest child window drawn by this program.
+    QRect movingLayer() {
+        const QString tree = QString::fromUtf8(x.run("xwininfo", {"-root", "-tree"}));
+        static const QRegularExpression child(QStringLiteral("\\(has no name\\): \\(\\)\\s+(\\d+)x(\\d+)\\+-?\\d+\\+-?\\d+\\s+\\+(\\d+)\\+(\\d+)"));
+        QRect best;
+        for (auto it = child.globalMatch(tree); it.hasNext();) {
+            const auto m = it.next();
+            const QRect r(m.captured(3).toInt(), m.captured(4).toInt(), m.captured(1).toInt(), m.captured(2).toInt());
+            if (r.width() > 8 && r.width() < 1280 && (best.isNull() || r.width() * r.height() < best.width() * best.height()))
+                best = r;
+        }
+        return best;
+    }
+
+    void TearDown() override {
+        if (app.state() == QProcess::Running) {
+            app.terminate();
+            if (!app.waitForFinished(10000)) app.kill();
+        }
+    }
+
+    QTemporaryDir dir;
+    XServer x{QStringLiteral("1280x720x24")};
+    PrivateBus bus;
+    std::unique_ptr<DbusMock> upower, screensaver;
+    QString scene;
+    QProcess app;
+};
+
+TEST_F(DesktopRoom, ShowsTheRoomAndPausesWhenNobodyCanSeeIt) {
+    defaults({"write", "perfLogInterval", "-float", "1"});
+    launch();
+    qsizetype at = waitForLine("Cena pronta", 0, 180);
+    ASSERT_FALSE(HasFailure());
+
+    // What a person sees: the room over the whole root window, not a flat colour.
+    QThread::msleep(1500);
+    const QImage shot = QImage::fromData(x.run("import", {"-window", "root", "png:-"}), "PNG");
+    ASSERT_FALSE(shot.isNull());
+    shot.save(QStringLiteral(TURNELO_BINARY_DIR "/desktop-room.png"));
+    double sum = 0, sum2 = 0;
+    int n = 0;
+    for (int y = 0; y < shot.height(); y += 8)
+        for (int xx = 0; xx < shot.width(); xx += 8) {
+            const double v = qGray(shot.pixel(xx, y));
+            sum += v;
+            sum2 += v * v;
+            ++n;
+        }
+    const double mean = sum / n, spread = std::sqrt(sum2 / n - mean * mean);
+    EXPECT_GT(mean, 8) << "the desktop is black";
+    EXPECT_GT(spread, 6) << "the desktop is one flat colour";
+
+    EXPECT_GT(fpsAfter(at), 1.0) << "the room does not animate";
+    const QRect layer = movingLayer();
+    ASSERT_FALSE(layer.isEmpty()) << "no moving layer among the windows";
+
+    // A window over the whole moving area pauses the frames; moved away, they resume.
+    Blocker blocker(x.display());
+    ASSERT_TRUE(blocker.ok());
+    const Window over = blocker.open(QRect(0, 0, 1280, 720));
+    at = waitForLine("Cena: área animada coberta por janelas → pausa", at);
+    const qsizetype covered = waitForLine("Perf", waitForLine("Perf", at));  // a whole interval after
+    EXPECT_EQ(fpsAfter(covered), 0.0) << "frames while covered";
+    blocker.move(over, QRect(0, 0, 1280, std::max(1, layer.top() - 40)));
+    at = waitForLine("Cena: área animada à vista → renderiza", at);
+
+    // Two windows that leave one of the 25 sample points free: the room keeps animating.
+    const int fifthW = layer.width() / 5, fifthH = layer.height() / 5;
+    blocker.move(over, QRect(layer.left() + fifthW, 0, 1280 - layer.left() - fifthW, 720));
+    const Window below = blocker.open(QRect(0, layer.top() + fifthH, 1280, 720 - layer.top() - fifthH));
+    QThread::msleep(3000);
+    EXPECT_EQ(log().indexOf("coberta por janelas", at), -1) << "paused with a sample point in sight";
+    blocker.close(below);
+    blocker.close(over);
+
+    // The screen saver locks the screen.
+    const QDBusMessage lock = screensaver->callMock("/ScreenSaver", "EmitSignal",
+                                                    {QString(), QStringLiteral("ActiveChanged"), QStringLiteral("b"),
+                                                     QVariantList{true}});
+    ASSERT_EQ(lock.type(), QDBusMessage::ReplyMessage) << lock.errorMessage().toStdString();
+    at = waitForLine("Cena: screenIsLocked → pausa", at);
+    screensaver->callMock("/ScreenSaver", "EmitSignal",
+                          {QString(), QStringLiteral("ActiveChanged"), QStringLiteral("b"), QVariantList{false}});
+    at = waitForLine("Cena: screenIsUnlocked → renderiza", at);
+
+    // Unplugged: the saver takes the room down to 15 frames a second.
+    const QDBusMessage unplug = upower->setProperty("/org/freedesktop/UPower", "org.freedesktop.UPower", "OnBattery", true);
+    ASSERT_EQ(unplug.type(), QDBusMessage::ReplyMessage) << unplug.errorMessage().toStdString();
+    const qsizetype battery = waitForLine("Energia: bateria", at);
+    at = waitForLine("Cena: modo economia ligado (15 fps, sem vapor e chuva)", at);
+    EXPECT_EQ(log().indexOf("Energia: bateria", battery), -1) << "the battery line came twice";
+    EXPECT_LE(fpsAfter(waitForLine("Perf", at)), 15.5);
+
+    // A scene changed on disk comes back after the watcher's quiet time.
+    QFile manifest(scene + "/manifest.json");
+    ASSERT_TRUE(manifest.open(QIODevice::ReadOnly));
+    const QByteArray body = manifest.readAll();
+    manifest.close();
+    ASSERT_TRUE(manifest.open(QIODevice::WriteOnly | QIODevice::Truncate));
+    manifest.write(body);
+    manifest.close();
+    at = waitForLine("Cena: carregando", at, 60);
+    waitForLine("Cena pronta", at, 180);
+}
+
+TEST_F(DesktopRoom, AllScreensGetAWindowAndMainKeepsTheFirst) {
+    // Two monitors on one X screen, as a laptop with an external display.
+    x.run("xrandr", {"--setmonitor", "left", "640/170x720/190+0+0", "default"});
+    x.run("xrandr", {"--setmonitor", "right", "640/170x720/190+640+0", "none"});
+    defaults({"write", "screens", "-string", "all"});
+    launch();
+    waitForLine("Cena pronta", 0, 180);
+    ASSERT_FALSE(HasFailure());
+    auto ours = [&] {
+        const QByteArray ids = x.run("xdotool", {"search", "--pid", QString::number(app.processId()), "--name", "^Turnelo$"});
+        QStringList list = QString::fromUtf8(ids).split('\n', Qt::SkipEmptyParts);
+        list.sort();
+        return list;
+    };
+    QStringList windows;
+    waitUntil([&] { return (windows = ours()).size() == 2; }, std::chrono::seconds(30));
+    ASSERT_EQ(windows.size(), 2) << windows.join(' ').toStdString();
+    defaults({"write", "screens", "-string", "main"});
+    QStringList after;
+    waitUntil([&] { return (after = ours()).size() == 1; }, std::chrono::seconds(30));
+    ASSERT_EQ(after.size(), 1) << after.join(' ').toStdString();
+    EXPECT_TRUE(windows.contains(after.first())) << "the kept window was made anew";
+    EXPECT_FALSE(log().contains("Cena indisponível"));
+}
+
+}  // namespace
