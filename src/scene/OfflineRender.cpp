@@ -156,8 +156,12 @@ QString render(const Options &o) {
     t.artNew = t.artOld = artTexture;
     t.labelNew = t.labelOld = labelTexture;
     fx.fill(u, t, blend, o.mediaTime, spin, o.playing, {mean.r, mean.g, mean.b}, 30, true);
-    if (scene.sprites && armGeo)
-        if (auto pose = scene.sprites->pose(goal, 0.0, blend)) pose->apply(u, t);
+    if (scene.sprites && armGeo) {
+        TonearmMotion arm;
+        arm.yaw = goal;
+        arm.lift = o.armLift;
+        if (auto pose = scene.sprites->pose(arm, blend)) pose->apply(u, t);
+    }
 
     OffscreenTarget target(vk, uint32_t(o.width), uint32_t(o.height));
     std::optional<OffscreenTarget> steamTarget;
