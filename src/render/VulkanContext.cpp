@@ -1,5 +1,6 @@
 #include "render/VulkanContext.h"
 
+#include "core/app/Log.h"
 #include "render/VulkanCheck.h"
 
 #include <cstring>
@@ -31,6 +32,43 @@ static bool hasExtension(const std::vector<VkExtensionProperties> &list, const c
     for (const auto &e : list)
         if (std::strcmp(e.extensionName, name) == 0) return true;
     return false;
+}
+
+namespace {
+
+int rank(VkPhysicalDeviceType type) {
+    switch (type) {
+    case VK_PHYSICAL_DEVICE_TYPE_INTEGRATED_GPU: return 0;
+    case VK_PHYSICAL_DEVICE_TYPE_DISCRETE_GPU: return 1;
+    case VK_PHYSICAL_DEVICE_TYPE_VIRTUAL_GPU: return 2;
+    case VK_PHYSICAL_DEVICE_TYPE_CPU: return 4;
+    default: return 3;
+    }
+}
+
+}  // namespace
+
+int VulkanContext::chooseDevice(const std::vector<std::pair<VkPhysicalDeviceType, int>> &candidates) {
+    int best = -1, bestRank = 0, bestOrder = 0;
+    for (const auto &[type, index] : candidates) {
+        const int r = rank(type);
+        if (best < 0 || r < bestRank || (r == bestRank && index < bestOrder)) {
+            best = index;
+            bestRank = r;
+            bestOrder = index;
+        }
+    }
+    return best;
+}
+
+QString VulkanContext::typeName(VkPhysicalDeviceType type) {
+    switch (type) {
+    case VK_PHYSICAL_DEVICE_TYPE_INTEGRATED_GPU: return QStringLiteral("integrada");
+    case VK_PHYSICAL_DEVICE_TYPE_DISCRETE_GPU: return QStringLiteral("dedicada");
+    case VK_PHYSICAL_DEVICE_TYPE_VIRTUAL_GPU: return QStringLiteral("virtual");
+    case VK_PHYSICAL_DEVICE_TYPE_CPU: return QStringLiteral("CPU");
+    default: return QStringLiteral("outro");
+    }
 }
 
 std::shared_ptr<VulkanContext> VulkanContext::create() {
@@ -72,21 +110,18 @@ std::shared_ptr<VulkanContext> VulkanContext::create() {
             }
     }
     if (candidates.empty()) throw std::runtime_error("nenhum dispositivo Vulkan com fila gráfica");
-    auto chosen = candidates.front();
-    if (candidates.size() >= 2) {
-        // The integrated GPU of a two-GPU machine saves power.
-        for (const auto &cand : candidates) {
-            VkPhysicalDeviceProperties p;
-            vkGetPhysicalDeviceProperties(cand.first, &p);
-            if (p.deviceType == VK_PHYSICAL_DEVICE_TYPE_INTEGRATED_GPU) {
-                chosen = cand;
-                break;
-            }
-        }
+    std::vector<std::pair<VkPhysicalDeviceType, int>> kinds;
+    for (size_t i = 0; i < candidates.size(); ++i) {
+        VkPhysicalDeviceProperties p;
+        vkGetPhysicalDeviceProperties(candidates[i].first, &p);
+        kinds.push_back({p.deviceType, int(i)});
     }
+    const auto &chosen = candidates[size_t(chooseDevice(kinds))];
     c->physical = chosen.first;
     c->queueFamily = chosen.second;
     vkGetPhysicalDeviceProperties(c->physical, &c->properties);
+    Log::write(QStringLiteral("Vulkan: dispositivo ") + c->deviceName() + " (" + typeName(c->properties.deviceType) +
+               ")");
     vkGetPhysicalDeviceMemoryProperties(c->physical, &c->memoryProperties);
     {
         uint32_t n = 0;

@@ -8,6 +8,8 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <utility>
+#include <vector>
 
 class VulkanContext;
 
@@ -51,9 +53,17 @@ struct HostBuffer {
 // which serialises access. Everything else here may be called from any thread.
 class VulkanContext : public std::enable_shared_from_this<VulkanContext> {
 public:
-    // Prefers an integrated GPU when there are several devices; takes the first otherwise
-    // (lavapipe when there is no GPU). Throws VulkanError or std::runtime_error.
+    // Takes the device that `chooseDevice` picks among those with a graphics queue and logs it.
+    // Throws VulkanError or std::runtime_error.
     static std::shared_ptr<VulkanContext> create();
+
+    // Which of the candidates (device type, index in enumeration order) to use: the integrated
+    // GPU first (it saves power on a two-GPU machine), then a discrete, a virtual, any other,
+    // and a CPU device (lavapipe) last; the first enumerated wins among equals. Returns the
+    // chosen index, or -1 for no candidates.
+    static int chooseDevice(const std::vector<std::pair<VkPhysicalDeviceType, int>> &candidates);
+    // "integrada", "dedicada", "virtual", "CPU" or "outro", for the log.
+    static QString typeName(VkPhysicalDeviceType type);
     ~VulkanContext();
 
     VkInstance instance = VK_NULL_HANDLE;

@@ -40,13 +40,14 @@ std::variant<std::unique_ptr<LoadedScene>, QString> SceneAssembly::load(
     SceneRenderer &renderer, const QString &sceneRoot, const PlateManifest &manifest, const QString &framingName,
     std::function<void(const QString &)> onPresetReady) {
     if (manifest.framings.empty()) return QStringLiteral("manifest sem enquadramentos");
-    auto found = manifest.framings.find(framingName);
-    if (found == manifest.framings.end()) return QStringLiteral("enquadramento desconhecido: ") + framingName;
+    // A framing the scene lacks (a stale setting, another scene's name) gives the preferred one.
+    const QString name =
+        manifest.framings.count(framingName) ? framingName : sortedFramings(manifest).first();
     auto s = std::make_unique<LoadedScene>();
-    s->framingName = framingName;
-    s->framing = found->second;
+    s->framingName = name;
+    s->framing = manifest.framings.at(name);
     const auto &f = s->framing;
-    const QString dir = QDir(sceneRoot).filePath(framingName);
+    const QString dir = QDir(sceneRoot).filePath(name);
     const int w = int(f.size[0]), h = int(f.size[1]);
     if (w <= 0 || h <= 0) return QStringLiteral("tamanho de plate inválido");
     s->plateSize = {float(w), float(h), 1.0f / float(w), 1.0f / float(h)};
@@ -125,7 +126,9 @@ std::variant<std::unique_ptr<LoadedScene>, QString> SceneAssembly::load(
         s->probes[2][3] = float((b[1] + b[3] * 0.5) / h);
     }
 
-    // Animated area: the record, the label, the arm and its reflection, the LEDs.
+    s->effects = std::make_unique<SceneEffects>(manifest, name, dir, s->lights, renderer, onPresetReady);
+
+    // Animated area: the record, the label, the arm and its reflection, the LEDs, the strobe.
     std::array<double, 4> box{1e18, 1e18, -1e18, -1e18};
     auto addRect = [&](const PlateManifest::Rect &r) { grow(box, r[0], r[1], r[0] + r[2], r[1] + r[3]); };
     if (f.record) addRect(f.record->bbox);
@@ -140,13 +143,13 @@ std::variant<std::unique_ptr<LoadedScene>, QString> SceneAssembly::load(
                 const double r = led->radiusPx * 6;
                 grow(box, led->centerPx[0] - r, led->centerPx[1] - r, led->centerPx[0] + r, led->centerPx[1] + r);
             }
+    if (auto r = s->effects->strobeRect()) grow(box, (*r)[0], (*r)[1], (*r)[0] + (*r)[2], (*r)[1] + (*r)[3]);
     if (box[2] > box[0]) {
         const double x0 = std::max(0.0, std::floor(box[0])), y0 = std::max(0.0, std::floor(box[1]));
         const double x1 = std::min(double(w), std::ceil(box[2])), y1 = std::min(double(h), std::ceil(box[3]));
         s->dynPlateRect = {float(x0), float(y0), float(x1 - x0), float(y1 - y0)};
     }
 
-    s->effects = std::make_unique<SceneEffects>(manifest, framingName, dir, s->lights, renderer, onPresetReady);
     return s;
 }
 
@@ -169,19 +172,27 @@ void LoadedScene::fillStatic(SceneUniforms &u, SceneTextures &t, const Mat3 &scr
     u.tone[2] = float(darkArtMaxGain);
     u.showcase = {float(showcase[0]), float(showcase[1]), float(showcase[2]), u.showcase[3]};
     u.probes = probes;
-    // Light: the strongest ready presets, at most four.
+    // Light: the strongest ready presets, at most four. While a preset builds, the ready ones
+    // stand in for it with its share of the weight, so the room keeps its brightness.
     std::vector<std::pair<double, QString>> ranked;
-    for (const auto &[p, w] : blend) ranked.push_back({w, p});
+    double total = 0;
+    for (const auto &[p, w] : blend) {
+        ranked.push_back({w, p});
+        total += w;
+    }
     std::sort(ranked.begin(), ranked.end(), [](auto &a, auto &b) { return a.first > b.first; });
     uint32_t n = 0;
+    double drawn = 0;
     for (const auto &[w, p] : ranked) {
         if (n == 4) break;
         if (TextureRef tex = mixes->ready(p)) {
             t.mixes[n] = tex;
             u.mixWeights[n] = float(w);
+            drawn += w;
             ++n;
         }
     }
+    for (uint32_t i = 0; i < n && drawn > 0; ++i) u.mixWeights[i] = float(u.mixWeights[i] * total / drawn);
     u.mixCount = n;
     if (coverMask) {
         u.coverMaskRect = coverMask->rect;

@@ -41,7 +41,8 @@ struct LoadedScene {
     std::unique_ptr<SceneEffects> effects;
 
     // The uniforms and textures that do not depend on motion: matrices, tone, light of the
-    // blend (the ready pre-mixes, strongest first), masks and front layers.
+    // blend (the ready pre-mixes, strongest first, their weights scaled to the blend's total),
+    // masks and front layers.
     void fillStatic(SceneUniforms &u, SceneTextures &t, const PlateGeometry::Mat3 &screenToPlate,
                     const Float4 &origin, const Blend &blend) const;
     // Presets of a blend whose light mix is not ready yet.
@@ -51,7 +52,8 @@ struct LoadedScene {
 namespace SceneAssembly {
 
 // Loads the framing's masks and front layers and creates the families and sprites (their
-// builds start when asked). Returns the scene or the reason it cannot be shown.
+// builds start when asked). A framing the manifest lacks falls back to the first of
+// `sortedFramings`. Returns the scene or the reason it cannot be shown.
 std::variant<std::unique_ptr<LoadedScene>, QString> load(SceneRenderer &renderer, const QString &sceneRoot,
                                                          const PlateManifest &manifest, const QString &framing,
                                                          std::function<void(const QString &)> onPresetReady = {});

@@ -150,7 +150,7 @@ QString render(const Options &o) {
     in.playing = o.playing;
     in.spin = spin;
     in.armYaw = goal;
-    in.armLift = 0;
+    in.armLift = o.armLift;
     in.art = &art;
     in.fps = 30;
     in.motionBlur = true;

@@ -29,6 +29,8 @@ struct Options {
     double rain = 0;  // 0…1
     bool steam = true;
     bool fxRecord = true, fxBounce = true, fxStack = true, fxPanel = true, fxWeather = true;
+    // The tonearm sits at its goal yaw, lifted by this much: 0 = needle down … 1 = fully lifted.
+    double armLift = 0;
     // Media time of the frame (drives spin phase, rain and steam).
     double mediaTime = 30;
 };

@@ -47,7 +47,7 @@ SceneEffects::SceneEffects(const PlateManifest &manifest, const QString &framing
                 l.elevationDeg = n.at("elevation_deg").number();
             if (n.count("color") && n.at("color").isVector() && n.at("color").vector().size() >= 3) {
                 const auto &c = n.at("color").vector();
-                l.color = {c[0], c[1], c[2]};
+                l.color = std::array<double, 3>{c[0], c[1], c[2]};
             }
         }
         recordLights[preset] = l;
@@ -62,7 +62,6 @@ SceneEffects::SceneEffects(const PlateManifest &manifest, const QString &framing
         recordMask = loadMask(rec.mask, "disco");
         const QString recordDir = QDir(dir).filePath("record");
         if (!QFileInfo(recordDir).isDir()) {
-            passesFailed = true;
             logApproximate(QStringLiteral("sem pasta record"));
         } else {
             recordMixes = std::make_unique<PresetMixes>("disco", renderer.mixBuilder(), recordDir, lights,
@@ -72,17 +71,15 @@ SceneEffects::SceneEffects(const PlateManifest &manifest, const QString &framing
             recordMixes->onReady = [onPresetReady](const QString &p) {
                 if (onPresetReady) onPresetReady(p);
             };
-            recordMixes->onFailure = [this](const QString &e) {
-                if (!passesFailed) logApproximate(e);
-                passesFailed = true;
-            };
+            // A failed build leaves only its preset without passes: blends of the presets that built
+            // keep the full record.
+            recordMixes->onFailure = [this](const QString &e) { logApproximate(e); };
         }
         grooves = RecordGrooves::forTrack(std::nullopt, rec.grooveOuterMm, rec.grooveInnerMm);
     }
     if (framing.bounce) {
         const QString bounceDir = QDir(dir).filePath("bounce");
         if (!QFileInfo(bounceDir).isDir()) {
-            bounceFailed = true;
             Log::write(QStringLiteral("Rebatimento da capa indisponível: sem pasta bounce"));
         } else {
             bounceMixes = std::make_unique<PresetMixes>("rebatimento", renderer.mixBuilder(), bounceDir, lights,
@@ -91,9 +88,8 @@ SceneEffects::SceneEffects(const PlateManifest &manifest, const QString &framing
             bounceMixes->onReady = [onPresetReady](const QString &p) {
                 if (onPresetReady) onPresetReady(p);
             };
-            bounceMixes->onFailure = [this](const QString &e) {
-                if (!bounceFailed) Log::write(QStringLiteral("Rebatimento da capa indisponível: ") + e);
-                bounceFailed = true;
+            bounceMixes->onFailure = [](const QString &e) {
+                Log::write(QStringLiteral("Rebatimento da capa indisponível: ") + e);
             };
         }
     }
@@ -107,6 +103,17 @@ SceneEffects::SceneEffects(const PlateManifest &manifest, const QString &framing
 }
 
 SceneEffects::~SceneEffects() = default;
+
+std::vector<RecordGrooves::Band> SceneEffects::drawnBands(const std::vector<RecordGrooves::Band> &bands) {
+    if (bands.size() <= maxBands) return bands;
+    std::vector<RecordGrooves::Band> runs;
+    const size_t n = bands.size();
+    for (size_t g = 0; g < maxBands; ++g) {
+        const size_t first = g * n / maxBands, last = (g + 1) * n / maxBands - 1;
+        runs.push_back({bands[first].outer, bands[last].inner});
+    }
+    return runs;
+}
 
 void SceneEffects::logApproximate(const QString &reason) {
     Log::write(QStringLiteral("Disco ao vivo sem passes (") + reason + QStringLiteral("): modo aproximado"));
@@ -196,26 +203,35 @@ void SceneEffects::fill(SceneUniforms &u, SceneTextures &t, const Blend &blend, 
         u.recordGeo = {float(rec.radiusMm), float(rec.labelRadiusMm), float(rec.grooveOuterMm), float(rec.grooveInnerMm)};
         double dx = 0, dy = 0, strength = 0;
         std::array<double, 3> colour{0, 0, 0};
-        bool given = false;
+        double givenWeight = 0;
         for (const auto &[preset, w] : top) {
             auto it = recordLights.find(preset);
             const RecordLight l = it == recordLights.end() ? RecordLight{} : it->second;
-            given = given || it != recordLights.end();
             dx += w * std::cos(l.azimuthDeg * M_PI / 180);
             dy += w * std::sin(l.azimuthDeg * M_PI / 180);
             // A low light grazes the grooves: a stronger, narrower streak.
             strength += w * (0.25 + 0.5 * std::cos(l.elevationDeg * M_PI / 180));
-            for (int c = 0; c < 3; ++c) colour[c] += w * l.color[c];
+            if (l.color) {
+                givenWeight += w;
+                for (int c = 0; c < 3; ++c) colour[c] += w * (*l.color)[c];
+            }
         }
         const double n = std::hypot(dx, dy);
         u.recordLight = {float(n > 0 ? dx / n : 1), float(n > 0 ? dy / n : 0), float(strength), 1};
-        u.recordColor = {float(colour[0]), float(colour[1]), float(colour[2]), given ? 1.0f : 0.0f};
+        // The manifest's colour wins while the presets that give one carry most of the blend; the
+        // rest of the time the shader estimates the colour from the irradiance.
+        if (givenWeight >= 0.5) {
+            u.recordColor = {float(colour[0] / givenWeight), float(colour[1] / givenWeight),
+                             float(colour[2] / givenWeight), 1};
+        } else {
+            u.recordColor = {0, 0, 0, 0};
+        }
         if (recordMask) {
             u.recordMaskRect = recordMask->second;
             t.recordMask = recordMask->first;
         }
         u.recordMisc = {labelCentreUv[0], labelCentreUv[1], 0, 0};
-        bool passes = recordMixes && !passesFailed && !top.empty();
+        bool passes = recordMixes && !top.empty();
         for (size_t i = 0; passes && i < top.size(); ++i)
             if (!recordMixes->ready(top[i].first)) passes = false;
         if (passes) {
@@ -225,16 +241,16 @@ void SceneEffects::fill(SceneUniforms &u, SceneTextures &t, const Blend &blend, 
                 u.recordMisc[2 + i] = float(top[i].second);
             }
         }
-        const size_t count = std::min<size_t>(grooves.bands.size(), 16);
-        for (size_t b = 0; b < count; ++b) {
-            u.bands[b / 2][(b % 2) * 2] = float(grooves.bands[b].outer);
-            u.bands[b / 2][(b % 2) * 2 + 1] = float(grooves.bands[b].inner);
+        const auto drawn = drawnBands(grooves.bands);
+        for (size_t b = 0; b < drawn.size(); ++b) {
+            u.bands[b / 2][(b % 2) * 2] = float(drawn[b].outer);
+            u.bands[b / 2][(b % 2) * 2 + 1] = float(drawn[b].inner);
         }
-        u.bandCount = uint32_t(count);
+        u.bandCount = uint32_t(drawn.size());
     }
 
     // Cover bounce.
-    if (framing.bounce && on.bounce && bounceMixes && !bounceFailed && !top.empty()) {
+    if (framing.bounce && on.bounce && bounceMixes && !top.empty()) {
         bool ready = true;
         for (const auto &e : top) ready = ready && bounceMixes->ready(e.first);
         if (ready) {
@@ -281,10 +297,13 @@ void SceneEffects::fill(SceneUniforms &u, SceneTextures &t, const Blend &blend, 
         }
     }
 
-    // Rain on the window.
-    if (framing.window && on.weather && rainIntensity > 0 && glass) {
-        u.rain = {float(std::fmod(now, 3600.0)), float(std::clamp(rainIntensity, 0.0, 1.0)),
-                  float(0.6 * std::clamp(rainIntensity, 0.0, 1.0)), 1};
+    // Rain: the whole room takes the cold, diffuse light of a rainy day; drops run down the
+    // window only where the framing has a glass mask.
+    const double rain = on.weather ? std::clamp(rainIntensity, 0.0, 1.0) : 0.0;
+    if (rain > 0)
+        u.rain = {float(std::fmod(now, 3600.0)), float(rain), float(0.6 * rain), 0};
+    if (rain > 0 && framing.window && glass) {
+        u.rain[3] = 1;
         u.glassRect = glass->second;
         t.glass = glass->first;
         if (dustCover) {

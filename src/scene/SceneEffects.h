@@ -31,8 +31,13 @@ public:
     };
     struct RecordLight {
         double azimuthDeg = 0, elevationDeg = 45;
-        std::array<double, 3> color{1, 1, 1};
+        std::optional<std::array<double, 3>> color;  // none: the shader estimates it from the irradiance
     };
+    // The uniform holds 16 bands; a longer side is drawn as 16 runs of neighbouring tracks (each
+    // from the first one's outer edge to the last one's inner edge), so every track, the playing
+    // one included, lies inside a drawn band.
+    static constexpr size_t maxBands = 16;
+    static std::vector<RecordGrooves::Band> drawnBands(const std::vector<RecordGrooves::Band> &bands);
 
     // `framingDir`: the framing's folder. `onPresetReady` fires when a family finishes a preset.
     SceneEffects(const PlateManifest &manifest, const QString &framingName, const QString &framingDir,
@@ -48,6 +53,10 @@ public:
     void setGrooves(const RecordGrooves &g) { grooves = g; }
     const RecordGrooves &currentGrooves() const { return grooves; }
     bool hasRecord() const { return framing.record.has_value(); }
+    // The plate rectangle of the strobe map, when it loaded.
+    std::optional<Float4> strobeRect() const {
+        return strobeMap ? std::optional<Float4>(strobeMap->second) : std::nullopt;
+    }
     // Asks the families for the presets' passes.
     void ensure(const std::set<QString> &presets);
     bool building() const;
@@ -74,8 +83,6 @@ private:
     std::map<QString, RecordLight> recordLights;
     std::unique_ptr<PresetMixes> recordMixes;
     std::unique_ptr<PresetMixes> bounceMixes;
-    bool passesFailed = false;
-    bool bounceFailed = false;
     std::optional<PlateGeometry::Mat3> recordInv;
     std::array<float, 2> labelCentreUv{};
     RecordGrooves grooves;

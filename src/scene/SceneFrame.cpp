@@ -23,10 +23,9 @@ void fill(LoadedScene &scene, const Inputs &in, const PlateGeometry::Mat3 &scree
     const CoverArt::Color mean = art.mean(in.mediaTime);
     scene.effects->fill(u, t, in.blend, in.mediaTime, in.spin, in.playing, {mean.r, mean.g, mean.b}, in.fps,
                         in.motionBlur);
-    if (scene.sprites && scene.framing.tonearm) {
-        const double liftDegrees = in.armLift * scene.framing.tonearm->liftMax;
-        if (auto pose = scene.sprites->pose(in.armYaw, liftDegrees, in.blend)) pose->apply(u, t);
-    }
+    if (scene.sprites)
+        if (auto pose = scene.sprites->pose(in.armYaw, scene.sprites->liftDegrees(in.armLift), in.blend))
+            pose->apply(u, t);
 }
 
 std::optional<Float4> steamRect(const LoadedScene &scene) {

@@ -2,6 +2,7 @@
 
 #include "core/lighting/LightMixer.h"
 #include "core/scene/PlateManifest.h"
+#include "core/turntable/TonearmMotion.h"
 #include "render/SceneTextures.h"
 #include "render/SceneUniforms.h"
 #include "render/VulkanContext.h"
@@ -10,6 +11,7 @@
 #include <QFuture>
 #include <QObject>
 #include <QString>
+#include <algorithm>
 #include <functional>
 #include <map>
 #include <optional>
@@ -59,6 +61,12 @@ public:
     void ensureNow(const std::set<QString> &presets, double yaw, double goal);
     // None while no sprite of the blend is loaded.
     std::optional<Pose> pose(double yaw, double liftDegrees, const Blend &blend) const;
+    // The pose of an arm state: its yaw, its lift turned into an angle.
+    std::optional<Pose> pose(const TonearmMotion &arm, const Blend &blend) const {
+        return pose(arm.yaw, liftDegrees(arm.lift), blend);
+    }
+    // Lift state 0 (needle down) … 1 (fully lifted) → degrees about the lift axis, up to `liftMax`.
+    double liftDegrees(double lift) const { return std::clamp(lift, 0.0, 1.0) * info.liftMax; }
     size_t memoryBytes() const;
     bool isLoading() const { return !loading.empty(); }
 

@@ -1,15 +1,8 @@
-#include "../render/RenderTestSupport.h"
-
-#include "TestSupport.h"
-#include "scene/LoadedScene.h"
-#include "scene/OfflineRender.h"
+#include "SmallScene.h"
 #include "scene/PlateGeometry.h"
 
-#include <QJsonDocument>
-#include <QJsonObject>
-#include <gtest/gtest.h>
-
 using namespace rendertest;
+using namespace scenetest;
 using namespace std::chrono_literals;
 
 namespace {
@@ -43,110 +36,53 @@ TEST(PlateGeometry, ThePlateFillsTheScreenCentred) {
     EXPECT_NEAR(PlateGeometry::apply(m, {500, 1000})[1], 900, 1e-9);
 }
 
-// A tiny scene written by the test: 64×48 plates, one preset per light, a record, a tonearm
-// whose sprites are missing, a panel with one LED.
-class SmallScene : public ::testing::Test {
-protected:
-    void SetUp() override {
-        ASSERT_TRUE(root.isValid());
-        dir = root.filePath("wide");
-        writeExr(dir + "/light/room.exr", 64, 48, [](int, int) { return std::array<float, 4>{0.2f, 0.2f, 0.2f, 1}; });
-        writeExr(dir + "/light/lamp.exr", 64, 48, [](int x, int) { return std::array<float, 4>{x / 64.0f, 0.1f, 0, 1}; });
-        QImage mask(64, 48, QImage::Format_Grayscale8);
-        mask.fill(0);
-        for (int y = 10; y < 20; ++y)
-            for (int x = 5; x < 15; ++x) mask.setPixel(x, y, qRgb(255, 255, 255));
-        QDir().mkpath(dir + "/masks");
-        mask.save(dir + "/masks/cover.png");
-        mask.save(dir + "/masks/label.png");
-        // The stack's top cover covers plate (40…59, 36…45): art u, v in red and green, coverage in blue.
-        QImage uv(64, 48, QImage::Format_RGB32);
-        uv.fill(0);
-        for (int y = 36; y < 46; ++y)
-            for (int x = 40; x < 60; ++x) uv.setPixel(x, y, qRgb((x - 40) * 12, (y - 36) * 25, 255));
-        uv.save(dir + "/masks/stack_uv.png");
-    }
-    QJsonObject manifestJson() {
-        const QByteArray json = R"({
-          "contract": 1, "sun_keys": ["noon"], "groups": ["room", "lamp"],
-          "tonemap": {"contrast": 1.0, "gamma": 1.0, "offset": 0.0},
-          "presets": {"dia": {"room": 1}, "noite": {"room": 0.2, "lamp": [1, 1, 1]}},
-          "clock": [["08:00", "dia"], ["20:00", "noite"]],
-          "framings": {"wide": {
-            "size": [64, 48],
-            "camera": {"P": [[1, 0, 0, 32], [0, -1, 0, 24], [0, 0, 0, 1]]},
-            "cover": {"corners": [[5, 10], [15, 10], [15, 20], [5, 20]], "mask": "masks/cover.png"},
-            "label": {"corners": [[40, 20], [50, 20], [50, 30], [40, 30]], "mask": "masks/label.png"},
-            "record": {"corners": [[30, 10], [60, 10], [60, 40], [30, 40]], "center_world": [13, 1, 0],
-                       "radius_mm": 150, "label_radius_mm": 50, "groove_outer_mm": 146, "groove_inner_mm": 60,
-                       "bbox": [30, 10, 30, 30], "mask": "masks/record.png"},
-            "tonearm": {"pivot": [20, 15, 0], "yaw_axis": [0, 0, -1], "lift_axis": [-1, 0, 0], "yaw_rest": 0,
-                        "yaw_lead_in": 10, "yaw_run_out": 30, "lift_max": 6, "plane_z": 0,
-                        "yaw_samples": [0, 15, 30], "bbox": [30, 0, 30, 30], "shadow": true},
-            "panel": {"led33": {"center_px": [20, 40], "radius_px": 2, "color": [3, 0.2, 0.1]}},
-            "steam": {"point_px": [10, 44]},
-            "stack": {"art_uv": "masks/stack_uv.png", "bbox": [40, 36, 20, 10]}
-          }}})";
-        return QJsonDocument::fromJson(json).object();
-    }
-    PlateManifest manifest() {
-        const QByteArray bytes = QJsonDocument(manifestJson()).toJson();
-        testsupport::writeFile(root.filePath("manifest.json"), bytes);
-        return PlateManifest::decode(bytes);
-    }
-    // Writes the manifest and returns options for a render of it at that size and preset.
-    OfflineRender::Options renderOf(int width, int height, const QString &preset) {
-        manifest();
-        OfflineRender::Options o;
-        o.sceneDir = root.path();
-        o.width = width;
-        o.height = height;
-        o.preset = preset;
-        return o;
-    }
-    // Renders to `name` in the scene folder and reads the picture back (null when the render failed).
-    QImage rendered(OfflineRender::Options o, const QString &name) {
-        o.output = root.filePath(name);
-        const QString error = OfflineRender::render(o);
-        EXPECT_EQ(error, "");
-        return error.isEmpty() ? QImage(o.output) : QImage();
-    }
-    QTemporaryDir root;
-    QString dir;
-};
-
-TEST_F(SmallScene, AssemblesMatricesProbesAndLight) {
-    auto renderer = SceneRenderer::create();
-    ASSERT_TRUE(renderer);
-    auto result = SceneAssembly::load(*renderer, root.path(), manifest(), "wide");
-    ASSERT_TRUE(std::holds_alternative<std::unique_ptr<LoadedScene>>(result));
-    LoadedScene &s = *std::get<std::unique_ptr<LoadedScene>>(result);
+TEST_F(SmallScene, AssemblesMatricesProbesAreaAndLight) {
+    // A framing the scene lacks gives the preferred one ("wide" before "close"), not an error
+    // and not the first by name.
+    LoadedScene &s = load(manifest([](QJsonObject &root, QJsonObject &wide) {
+                              QJsonObject framings = root["framings"].toObject();
+                              framings["close"] = wide;
+                              root["framings"] = framings;
+                          }),
+                          "gone");
+    EXPECT_EQ(s.framingName, "wide");
     EXPECT_EQ(s.plateSize, (Float4{64, 48, 1 / 64.0f, 1 / 48.0f}));
     ASSERT_TRUE(s.coverMask);
     EXPECT_EQ(s.coverMask->rect, (Float4{4, 9, 12, 12}));  // content box plus a one-pixel margin
     // The sleeve's centre probe is the cover quad's centre, as uv.
     EXPECT_NEAR(s.probes[0][0], 10.0f / 64, 1e-6);
     EXPECT_NEAR(s.probes[0][1], 15.0f / 48, 1e-6);
-    // The animated area holds the record and the arm.
-    EXPECT_LE(s.dynPlateRect[0], 30);
-    EXPECT_LE(s.dynPlateRect[1], 0);
-    EXPECT_GE(s.dynPlateRect[0] + s.dynPlateRect[2], 60);
+    // The animated area holds the record (30…60), the arm (from y 0) and the strobe map's
+    // rectangle in the bottom-left corner (plate 1…5, 42…46 with its margin).
+    const Float4 area = s.dynPlateRect;
+    const auto strobe = s.effects->strobeRect();
+    ASSERT_TRUE(strobe);
+    EXPECT_EQ(*strobe, (Float4{0, 41, 7, 7}));
+    EXPECT_LE(area[0], 0);
+    EXPECT_LE(area[1], 0);
+    EXPECT_GE(area[0] + area[2], 60);
+    EXPECT_GE(area[1] + area[3], 48);
 
+    // While "dia" builds, the ready "noite" stands in with the whole weight of the blend.
     s.mixes->ensure({"noite"});
     ASSERT_TRUE(testsupport::waitUntil([&] { return s.mixes->ready("noite") != nullptr; }, 120s));
     SceneUniforms u;
     SceneTextures t;
-    s.fillStatic(u, t, PlateGeometry::identity(), {}, {{"noite", 1.0}, {"dia", 0.5}});
+    s.fillStatic(u, t, PlateGeometry::identity(), {}, {{"noite", 0.75}, {"dia", 0.25}});
     EXPECT_EQ(u.mixCount, 1u);  // "dia" is not built: it draws no light rather than garbage
-    EXPECT_EQ(u.mixWeights[0], 1.0f);
+    EXPECT_FLOAT_EQ(u.mixWeights[0], 1.0f);
+    EXPECT_EQ(t.mixes[0], s.mixes->ready("noite"));
     EXPECT_EQ(u.look[1], 1.0f);
+    s.mixes->ensure({"noite", "dia"});
+    ASSERT_TRUE(testsupport::waitUntil([&] { return s.mixes->ready("dia") != nullptr; }, 120s));
+    s.fillStatic(u, t, PlateGeometry::identity(), {}, {{"noite", 0.75}, {"dia", 0.25}});
+    EXPECT_EQ(u.mixCount, 2u);
+    EXPECT_FLOAT_EQ(u.mixWeights[0], 0.75f);
+    EXPECT_FLOAT_EQ(u.mixWeights[1], 0.25f);
 }
 
 TEST_F(SmallScene, MissingPassesAndSpritesSwitchTheirEffectOffWithALogLine) {
-    auto renderer = SceneRenderer::create();
-    ASSERT_TRUE(renderer);
-    auto result = SceneAssembly::load(*renderer, root.path(), manifest(), "wide");
-    LoadedScene &s = *std::get<std::unique_ptr<LoadedScene>>(result);
+    LoadedScene &s = load(manifest());
     EXPECT_TRUE(readLog().contains("Disco ao vivo sem passes (sem pasta record): modo aproximado"));
     ASSERT_TRUE(s.sprites);
     s.sprites->ensureNow({"dia"}, 0, 10);
@@ -163,10 +99,7 @@ TEST_F(SmallScene, MissingPassesAndSpritesSwitchTheirEffectOffWithALogLine) {
 
 TEST_F(SmallScene, AWrongSizedPlateFailsItsPresetOnly) {
     writeExr(dir + "/light/lamp.exr", 32, 48, [](int, int) { return std::array<float, 4>{1, 1, 1, 1}; });
-    auto renderer = SceneRenderer::create();
-    ASSERT_TRUE(renderer);
-    auto result = SceneAssembly::load(*renderer, root.path(), manifest(), "wide");
-    LoadedScene &s = *std::get<std::unique_ptr<LoadedScene>>(result);
+    LoadedScene &s = load(manifest());
     QStringList failures;
     s.mixes->onFailure = [&](const QString &e) { failures << e; };
     s.mixes->ensure({"dia", "noite"});
@@ -184,22 +117,15 @@ TEST_F(SmallScene, OfflineRenderIsRepeatableAndShowsTheLight) {
     o.trackCount = 6;
     o.duration = 200;
     o.position = 50;
-    o.output = root.filePath("a.png");
-    ASSERT_EQ(OfflineRender::render(o), "");
-    o.output = root.filePath("b.png");
-    ASSERT_EQ(OfflineRender::render(o), "");
-    const QImage a(root.filePath("a.png")), b(root.filePath("b.png"));
-    ASSERT_FALSE(a.isNull());
-    EXPECT_EQ(a.size(), QSize(128, 96));
+    const QImage a = rendered(o, "a.png"), b = rendered(o, "b.png");
+    ASSERT_EQ(a.size(), QSize(128, 96));
     EXPECT_EQ(a, b);
     // The lamp plate brightens to the right.
     EXPECT_GT(qRed(a.pixel(120, 5)), qRed(a.pixel(4, 5)) + 20);
-    // The LED glows at its centre (plate 20, 40 → screen 40, 80).
+    // The LED glows at its centre (plate 20, 40 → screen 40, 80) and only with the panel on.
     EXPECT_GT(qRed(a.pixel(40, 80)), qRed(a.pixel(40, 60)) + 30);
     o.fxPanel = false;
-    o.output = root.filePath("c.png");
-    ASSERT_EQ(OfflineRender::render(o), "");
-    EXPECT_LT(qRed(QImage(root.filePath("c.png")).pixel(40, 80)), qRed(a.pixel(40, 80)) - 30);
+    EXPECT_LT(qRed(rendered(o, "c.png").pixel(40, 80)), qRed(a.pixel(40, 80)) - 30);
 }
 
 TEST_F(SmallScene, SteamRisesOverTheCupAndNeverBelowIt) {

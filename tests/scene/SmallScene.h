@@ -1,0 +1,125 @@
+#pragma once
+
+// A tiny scene written by each test into a temporary folder, shared by the scene tests.
+
+#include "../render/RenderTestSupport.h"
+
+#include "TestSupport.h"
+#include "scene/LoadedScene.h"
+#include "scene/OfflineRender.h"
+
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <functional>
+#include <gtest/gtest.h>
+#include <memory>
+
+namespace scenetest {
+
+using namespace rendertest;
+
+// 64×48 plates, one preset per light, a record without passes, a tonearm whose sprites are
+// missing, a panel with one LED and a strobe map in the bottom-left corner, a stack.
+class SmallScene : public ::testing::Test {
+protected:
+    void SetUp() override {
+        ASSERT_TRUE(root.isValid());
+        dir = root.filePath("wide");
+        writeExr(dir + "/light/room.exr", 64, 48, [](int, int) { return std::array<float, 4>{0.2f, 0.2f, 0.2f, 1}; });
+        writeExr(dir + "/light/lamp.exr", 64, 48, [](int x, int) { return std::array<float, 4>{x / 64.0f, 0.1f, 0, 1}; });
+        QImage mask(64, 48, QImage::Format_Grayscale8);
+        mask.fill(0);
+        for (int y = 10; y < 20; ++y)
+            for (int x = 5; x < 15; ++x) mask.setPixel(x, y, qRgb(255, 255, 255));
+        QDir().mkpath(dir + "/masks");
+        mask.save(dir + "/masks/cover.png");
+        mask.save(dir + "/masks/label.png");
+        // The stack's top cover covers plate (40…59, 36…45): art u, v in red and green, coverage in blue.
+        QImage uv(64, 48, QImage::Format_RGB32);
+        uv.fill(0);
+        for (int y = 36; y < 46; ++y)
+            for (int x = 40; x < 60; ++x) uv.setPixel(x, y, qRgb((x - 40) * 12, (y - 36) * 25, 255));
+        uv.save(dir + "/masks/stack_uv.png");
+        // The strobe band: plate (1…5, 42…46), away from everything else that moves.
+        QImage strobe(64, 48, QImage::Format_RGB32);
+        strobe.fill(0);
+        for (int y = 42; y < 47; ++y)
+            for (int x = 1; x < 6; ++x) strobe.setPixel(x, y, qRgb(x * 40, 255, 128));
+        strobe.save(dir + "/masks/strobe.png");
+    }
+    QJsonObject manifestJson() {
+        const QByteArray json = R"({
+          "contract": 1, "sun_keys": ["noon"], "groups": ["room", "lamp"],
+          "tonemap": {"contrast": 1.0, "gamma": 1.0, "offset": 0.0},
+          "presets": {"dia": {"room": 1}, "noite": {"room": 0.2, "lamp": [1, 1, 1]}},
+          "clock": [["08:00", "dia"], ["20:00", "noite"]],
+          "framings": {"wide": {
+            "size": [64, 48],
+            "camera": {"P": [[1, 0, 0, 32], [0, -1, 0, 24], [0, 0, 0, 1]]},
+            "cover": {"corners": [[5, 10], [15, 10], [15, 20], [5, 20]], "mask": "masks/cover.png"},
+            "label": {"corners": [[40, 20], [50, 20], [50, 30], [40, 30]], "mask": "masks/label.png"},
+            "record": {"corners": [[30, 10], [60, 10], [60, 40], [30, 40]], "center_world": [13, 1, 0],
+                       "radius_mm": 150, "label_radius_mm": 50, "groove_outer_mm": 146, "groove_inner_mm": 60,
+                       "bbox": [30, 10, 30, 30], "mask": "masks/record.png"},
+            "tonearm": {"pivot": [20, 15, 0], "yaw_axis": [0, 0, -1], "lift_axis": [-1, 0, 0], "yaw_rest": 0,
+                        "yaw_lead_in": 10, "yaw_run_out": 30, "lift_max": 6, "plane_z": 0,
+                        "yaw_samples": [0, 15, 30], "bbox": [30, 0, 30, 30], "shadow": true},
+            "panel": {"led33": {"center_px": [20, 40], "radius_px": 2, "color": [3, 0.2, 0.1]},
+                      "strobe": {"mask": "masks/strobe.png", "dots": 12, "color": [1, 0.3, 0.1]}},
+            "steam": {"point_px": [10, 44]},
+            "stack": {"art_uv": "masks/stack_uv.png", "bbox": [40, 36, 20, 10]}
+          }}})";
+        return QJsonDocument::fromJson(json).object();
+    }
+    // Writes the manifest, changed first by `edit` (root object, the "wide" framing).
+    PlateManifest manifest(const std::function<void(QJsonObject &, QJsonObject &)> &edit = {}) {
+        QJsonObject json = manifestJson();
+        if (edit) {
+            QJsonObject wide = json["framings"].toObject()["wide"].toObject();
+            edit(json, wide);
+            QJsonObject framings = json["framings"].toObject();
+            framings["wide"] = wide;
+            json["framings"] = framings;
+        }
+        const QByteArray bytes = QJsonDocument(json).toJson();
+        testsupport::writeFile(root.filePath("manifest.json"), bytes);
+        return PlateManifest::decode(bytes);
+    }
+    // Writes the manifest and returns options for a render of it at that size and preset.
+    OfflineRender::Options renderOf(int width, int height, const QString &preset) {
+        manifest();
+        OfflineRender::Options o;
+        o.sceneDir = root.path();
+        o.width = width;
+        o.height = height;
+        o.preset = preset;
+        return o;
+    }
+    // Renders to `name` in the scene folder and reads the picture back (null when the render failed).
+    QImage rendered(OfflineRender::Options o, const QString &name) {
+        o.output = root.filePath(name);
+        const QString error = OfflineRender::render(o);
+        EXPECT_EQ(error, "");
+        return error.isEmpty() ? QImage(o.output) : QImage();
+    }
+    // The scene assembled on a renderer of its own.
+    LoadedScene &load(const PlateManifest &m, const QString &framing = "wide") {
+        renderer = SceneRenderer::create();
+        EXPECT_TRUE(renderer);
+        auto result = SceneAssembly::load(*renderer, root.path(), m, framing);
+        if (auto *why = std::get_if<QString>(&result)) throw std::runtime_error(why->toStdString());
+        scene = std::move(std::get<std::unique_ptr<LoadedScene>>(result));
+        return *scene;
+    }
+    void TearDown() override {
+        scene.reset();
+        renderer.reset();
+    }
+    QTemporaryDir root;
+    QString dir;
+    std::unique_ptr<SceneRenderer> renderer;
+    std::unique_ptr<LoadedScene> scene;
+};
+
+}  // namespace scenetest
