@@ -260,20 +260,20 @@ TEST_F(WeatherServiceTest, FailuresKeepTheStateAndRetryAfter300Seconds)
     ASSERT_NO_FATAL_FAILURE(fetch());
     ASSERT_EQ(service->now(), (Now{true, 1.0}));
 
-    const std::vector<std::pair<const char *, ForecastServer::Reply>> failures{
-        {"malformed body", {R"({"current":{"rain":)", false}},
-        {"no current block", {R"({"error":true,"reason":"Latitude must be in range"})", false}},
-        {"dropped connection", {{}, true}},
+    const std::vector<std::pair<ForecastServer::Reply, QString>> failures{
+        {{R"({"current":{"rain":)", false}, "Clima: falhou (JSON ilegível no byte 19)"},
+        {{R"({"error":true,"reason":"Latitude must be in range"})", false},
+         "Clima: falhou (resposta sem o bloco \"current\")"},
+        {{{}, true}, "Clima: falhou (conexão encerrada pelo servidor)"},
     };
-    for (const auto &[what, reply] : failures) {
-        SCOPED_TRACE(what);
+    for (const auto &[reply, line] : failures) {
+        SCOPED_TRACE(line.toStdString());
         clockNow += 900;
         const int requests = reply.drop ? 2 : 1;
         for (int i = 0; i < requests; ++i)
             server.queue(reply);
         ASSERT_NO_FATAL_FAILURE(fetch(requests));
-        EXPECT_TRUE(newLogLines().last().contains(" Clima: falhou (")) << newLogLines().last().toStdString();
-        EXPECT_TRUE(newLogLines().last().endsWith(")"));
+        EXPECT_TRUE(newLogLines().last().endsWith(" " + line)) << newLogLines().last().toStdString();
         EXPECT_EQ(service->now(), (Now{true, 1.0}));
 
         clockNow += 299;
