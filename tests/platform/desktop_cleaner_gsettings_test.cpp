@@ -99,10 +99,12 @@ TEST_F(DesktopCleanerGSettingsTest, HidesTheExtensionsIconsAndPutsTheUsersChoice
     EXPECT_TRUE(cleaner.current().hideIcons);
     // The extension follows its settings live: nothing to restart.
     EXPECT_TRUE(launcher.commands.isEmpty());
-    EXPECT_TRUE(lastLogLine().endsWith("(reiniciou [\"org.gnome.shell.extensions.ding\"])"))
+    EXPECT_TRUE(lastLogLine().endsWith("(gravou [\"org.gnome.shell.extensions.ding\"]; nada a reiniciar)"))
         << lastLogLine().toStdString();
 
     cleaner.restore();
+    EXPECT_TRUE(lastLogLine().endsWith("Mesa limpa: restaurado (gravou [\"org.gnome.shell.extensions.ding\"]; nada a reiniciar)"))
+        << lastLogLine().toStdString();
     EXPECT_EQ(get("show-home"), "true");
     EXPECT_EQ(get("show-trash"), "false");
     EXPECT_EQ(get("show-volumes"), "true");
@@ -117,7 +119,7 @@ TEST_F(DesktopCleanerGSettingsTest, HidesTheExtensionsIconsAndPutsTheUsersChoice
     const QDateTime before = QFileInfo(keyfile).lastModified();
     cleaner.apply({false, false, false});
     EXPECT_EQ(QFileInfo(keyfile).lastModified(), before);
-    EXPECT_TRUE(lastLogLine().endsWith("(reiniciou [])"));
+    EXPECT_TRUE(lastLogLine().endsWith("(gravou []; nada a reiniciar)"));
 }
 
 TEST_F(DesktopCleanerGSettingsTest, NoBackEndWithoutTheExtensionsSchema)

@@ -1,5 +1,7 @@
 #include "TestSupport.h"
 
+#include "core/app/Log.h"
+
 #include <QCoreApplication>
 #include <QDir>
 #include <QFileInfo>
@@ -91,6 +93,25 @@ QByteArray minimalManifest()
     }
   }
 })";
+}
+
+LogTail::LogTail()
+{
+    static QTemporaryDir state;
+    static const bool chosen = qputenv("XDG_STATE_HOME", state.path().toUtf8());
+    (void)chosen;
+    start = readFile(Log::path()).size();
+}
+
+QStringList LogTail::lines() const
+{
+    return QString::fromUtf8(readFile(Log::path()).mid(start)).split(QLatin1Char('\n'), Qt::SkipEmptyParts);
+}
+
+QString LogTail::last() const
+{
+    const QStringList all = lines();
+    return all.isEmpty() ? QString() : all.last();
 }
 
 ScopedEnv::ScopedEnv(const char *name, const QByteArray &value)

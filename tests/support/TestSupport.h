@@ -2,6 +2,7 @@
 
 #include <QByteArray>
 #include <QString>
+#include <QStringList>
 #include <QTemporaryDir>
 #include <chrono>
 #include <functional>
@@ -34,6 +35,19 @@ QString lavapipeIcd();
 // A small valid manifest.json: presets manha/dia/tarde/noite on one "room" group, a clock, and
 // one framing "mid" of 64×48 with only the required sections.
 QByteArray minimalManifest();
+
+// What the application log received since the object was made. The log's folder is fixed at its
+// first use in a process: the first LogTail points XDG_STATE_HOME at a private folder, so make
+// one before anything logs.
+class LogTail {
+public:
+    LogTail();
+    QStringList lines() const;
+    QString last() const;
+
+private:
+    qint64 start;
+};
 
 // Sets an environment variable for the life of the object, restoring the old value after.
 class ScopedEnv {

@@ -113,7 +113,7 @@ TEST(SceneTool, BadInputExitsOneWithTheMessage)
     writeFile(dir.filePath("garbage.exr"), QByteArray("v/1\x01 not an exr at all"));
     r = scene({"crop", dir.filePath("garbage.exr"), "--kind", "additive"});
     EXPECT_EQ(r.exitCode, 1);
-    EXPECT_EQ(r.err.trimmed(), "ImageIO não lê garbage.exr (compressão DWAA? use ZIP/PIZ)");
+    EXPECT_EQ(r.err.trimmed(), "ImageIO não lê garbage.exr (arquivo danificado ou formato desconhecido)");
 
     writeFile(dir.filePath("garbage.png"), QByteArray("\x89PNG\r\n\x1a\n\0\0\0\rIHDR", 16));
     r = scene({"crop", dir.filePath("garbage.png"), "--kind", "mask"});

@@ -8,6 +8,7 @@
 #include <QFileInfo>
 #include <QJsonDocument>
 #include <QJsonObject>
+#include <QLocale>
 #include <QSaveFile>
 #include <QStorageInfo>
 #include <QUrl>
@@ -42,9 +43,14 @@ void PackageDownload::discard(const QString &dir, const SceneCatalog::Entry &e)
 
 QString PackageDownload::formatBytes(qint64 bytes)
 {
-    if (bytes >= 1000LL * 1000 * 1000)
-        return QString::number(double(bytes) / 1e9, 'f', 1) + QStringLiteral(" GB");
-    return QString::number(std::max<qint64>(1, (bytes + 999999) / 1000000)) + QStringLiteral(" MB");
+    // Rounded up, so that freeing the amount shown is always enough: whole megabytes below a
+    // gigabyte, tenths of the unit from there on.
+    qint64 unit = 1000LL * 1000;
+    while (bytes >= unit * 1000 && unit < 1000LL * 1000 * 1000 * 1000 * 1000)
+        unit *= 1000;
+    const qint64 step = unit == 1000LL * 1000 ? unit : unit / 10;
+    const qint64 rounded = std::max<qint64>(1, (bytes + step - 1) / step) * step;
+    return QLocale().formattedDataSize(rounded, rounded < 1000LL * 1000 * 1000 ? 0 : 1, QLocale::DataSizeSIFormat);
 }
 
 void PackageDownload::start()
@@ -105,7 +111,8 @@ void PackageDownload::attempt()
     const qint64 available = freeSpace ? freeSpace(downloads) : -1;
     if (available >= 0 && available < needed) {
         Outcome out;
-        out.message = QStringLiteral("espaço em disco insuficiente: faltam %1 bytes").arg(needed - available);
+        out.message = QStringLiteral("espaço em disco insuficiente: faltam ")
+            + QLocale::c().formattedDataSize(needed - available, 1, QLocale::DataSizeSIFormat);
         out.userText = QStringLiteral("Not enough disk space for the room. Free up ") + formatBytes(needed - available);
         finish(out);
         return;

@@ -149,8 +149,8 @@ void DesktopCleaner::apply(const Desired &desired)
     }
     restart(written);
     reload();
-    Log::write(QStringLiteral("Mesa limpa: ") + desired.description() + QStringLiteral(" (reiniciou ")
-               + domainList(written) + QLatin1Char(')'));
+    Log::write(QStringLiteral("Mesa limpa: ") + desired.description() + QStringLiteral(" (") + outcome(written)
+               + QLatin1Char(')'));
 }
 
 void DesktopCleaner::restore()
@@ -185,7 +185,21 @@ void DesktopCleaner::restore()
         settings.setDesktopSnapshot(std::nullopt);
     }
     reload();
-    Log::write(QStringLiteral("Mesa limpa: restaurado (reiniciou ") + domainList(changed) + QLatin1Char(')'));
+    Log::write(QStringLiteral("Mesa limpa: restaurado (") + outcome(changed) + QLatin1Char(')'));
+}
+
+QString DesktopCleaner::outcome(const QStringList &written) const
+{
+    const auto &domains = prefs->layout().domains;
+    // A desktop that follows its settings live (GNOME's icons extension) restarts nothing.
+    if (std::all_of(domains.begin(), domains.end(),
+                    [](const DesktopPreferences::Domain &d) { return d.program.isEmpty(); }))
+        return QStringLiteral("gravou ") + domainList(written) + QStringLiteral("; nada a reiniciar");
+    QStringList restarted;
+    for (const DesktopPreferences::Domain &d : domains)
+        if (written.contains(d.domain) && !d.program.isEmpty())
+            restarted.append(d.domain);
+    return QStringLiteral("reiniciou ") + domainList(restarted);
 }
 
 void DesktopCleaner::restart(const QStringList &domains)

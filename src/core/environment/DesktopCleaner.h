@@ -57,6 +57,8 @@ signals:
 private:
     void saveSnapshotIfNeeded();
     static bool controlOn(const Desired &desired, DesktopPreferences::Control control);
+    // The log's account of the written domains: which restarted, or that none needed to.
+    QString outcome(const QStringList &written) const;
 
     Settings &settings;
     std::unique_ptr<DesktopPreferences> prefs;

@@ -39,12 +39,12 @@ std::optional<Reading> readAnswer(const QByteArray &body, QString &error)
     QJsonParseError parseError;
     const QJsonDocument doc = QJsonDocument::fromJson(body, &parseError);
     if (parseError.error != QJsonParseError::NoError) {
-        error = parseError.errorString();
+        error = QStringLiteral("JSON ilegível no byte %1").arg(parseError.offset);
         return std::nullopt;
     }
     const QJsonValue current = doc.object().value(QStringLiteral("current"));
     if (!current.isObject()) {
-        error = QStringLiteral("answer has no \"current\" object");
+        error = QStringLiteral("resposta sem o bloco \"current\"");
         return std::nullopt;
     }
     const QJsonObject object = current.toObject();
@@ -62,6 +62,26 @@ std::optional<Reading> readAnswer(const QByteArray &body, QString &error)
             reading.code = qint64(c);
     }
     return reading;
+}
+
+// The log is Portuguese; Qt's own error texts are English.
+QString transferError(const QNetworkReply &reply)
+{
+    const int status = reply.attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
+    if (status >= 400)
+        return QStringLiteral("HTTP %1").arg(status);
+    switch (reply.error()) {
+    case QNetworkReply::ConnectionRefusedError: return QStringLiteral("conexão recusada");
+    case QNetworkReply::RemoteHostClosedError: return QStringLiteral("conexão encerrada pelo servidor");
+    case QNetworkReply::HostNotFoundError: return QStringLiteral("servidor não encontrado");
+    // The transfer timeout ends a reply as cancelled; nothing else cancels one that is still heard.
+    case QNetworkReply::OperationCanceledError:
+    case QNetworkReply::TimeoutError: return QStringLiteral("tempo esgotado");
+    case QNetworkReply::SslHandshakeFailedError: return QStringLiteral("falha no TLS");
+    case QNetworkReply::TemporaryNetworkFailureError:
+    case QNetworkReply::NetworkSessionFailedError: return QStringLiteral("sem rede");
+    default: return QStringLiteral("erro de rede %1").arg(int(reply.error()));
+    }
 }
 
 bool isRaining(const Reading &r)
@@ -222,7 +242,7 @@ void WeatherService::finished(QNetworkReply *reply, const Place &asked)
     QString error;
     std::optional<Reading> reading;
     if (reply->error() != QNetworkReply::NoError)
-        error = reply->errorString();
+        error = transferError(*reply);
     else
         reading = readAnswer(reply->readAll(), error);
 

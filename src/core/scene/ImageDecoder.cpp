@@ -23,7 +23,7 @@ namespace {
 QString unreadable(const QString &path)
 {
     return QStringLiteral("ImageIO não lê ") + QFileInfo(path).fileName()
-        + QStringLiteral(" (compressão DWAA? use ZIP/PIZ)");
+        + QStringLiteral(" (arquivo danificado ou formato desconhecido)");
 }
 
 void requireReadable(const QString &path)
@@ -40,7 +40,7 @@ constexpr uint16_t halfOne = 0x3C00;
 HalfImage decodeEXR(const QString &path)
 {
     requireReadable(path);
-    // ZIP and PIZ decompress in line blocks that OpenEXR spreads over its own pool.
+    // ZIP, PIZ and DWA decompress in line blocks that OpenEXR spreads over its own pool.
     static const bool pool = [] {
         Imf::setGlobalThreadCount(std::max(1, QThread::idealThreadCount()));
         return true;
@@ -59,34 +59,58 @@ HalfImage decodeEXR(const QString &path)
         if (!isHalf("R") || !isHalf("G") || !isHalf("B") || (hasAlpha && !isHalf("A")))
             throw Failure(QFileInfo(path).fileName() + QStringLiteral(": precisa ser EXR half RGB(A)"));
 
-        const Imath::Box2i window = header.dataWindow();
+        // Plates are addressed in plate pixels: the raster has the display window's size and the
+        // data window sits where it says; what the data window does not cover stays zero, and
+        // what lies outside the display window is dropped.
+        const Imath::Box2i display = header.displayWindow();
+        const Imath::Box2i data = header.dataWindow();
         HalfImage image;
-        image.width = int64_t(window.max.x) - window.min.x + 1;
-        image.height = int64_t(window.max.y) - window.min.y + 1;
-        if (image.width <= 0 || image.height <= 0)
+        image.width = int64_t(display.max.x) - display.min.x + 1;
+        image.height = int64_t(display.max.y) - display.min.y + 1;
+        if (image.width <= 0 || image.height <= 0 || data.max.x < data.min.x || data.max.y < data.min.y)
             throw Failure(unreadable(path));
-        image.pixels.resize(size_t(image.width) * size_t(image.height) * 4);
+        image.pixels.assign(size_t(image.width) * size_t(image.height) * 4, 0);
+
+        const Imath::Box2i kept(Imath::V2i(std::max(data.min.x, display.min.x), std::max(data.min.y, display.min.y)),
+                                Imath::V2i(std::min(data.max.x, display.max.x), std::min(data.max.y, display.max.y)));
+        if (kept.isEmpty())
+            return image;
+        // OpenEXR fills whole data-window rows, so rows wider than the display window go through
+        // a buffer of their own; otherwise they land in the raster directly.
+        const bool inside = kept.min.x == data.min.x && kept.max.x == data.max.x;
+        const int64_t rowPixels = inside ? image.width : int64_t(data.max.x) - data.min.x + 1;
+        const int64_t rows = int64_t(kept.max.y) - kept.min.y + 1;
+        std::vector<uint16_t> wide;
+        if (!inside)
+            wide.resize(size_t(rowPixels) * size_t(rows) * 4);
+        uint16_t *target = inside ? image.pixels.data() : wide.data();
+        // The pixel (originX, originY) of the file's coordinates lies at the buffer's first element.
+        const int64_t originX = inside ? display.min.x : data.min.x;
+        const int64_t originY = inside ? display.min.y : kept.min.y;
 
         const size_t xStride = 4 * sizeof(uint16_t);
-        const size_t yStride = xStride * size_t(image.width);
-        // OpenEXR addresses slices in data-window coordinates.
-        char *base = reinterpret_cast<char *>(image.pixels.data())
-            - ptrdiff_t(window.min.x) * ptrdiff_t(xStride) - ptrdiff_t(window.min.y) * ptrdiff_t(yStride);
+        const size_t yStride = xStride * size_t(rowPixels);
+        char *base = reinterpret_cast<char *>(target) - ptrdiff_t(originX) * ptrdiff_t(xStride)
+            - ptrdiff_t(originY) * ptrdiff_t(yStride);
         Imf::FrameBuffer frame;
         const char *names[] = {"R", "G", "B", "A"};
         for (int c = 0; c < 4; ++c)
             frame.insert(names[c], Imf::Slice(Imf::HALF, base + c * sizeof(uint16_t), xStride, yStride, 1, 1,
                                               c == 3 ? 1.0 : 0.0));
         file.setFrameBuffer(frame);
-        file.readPixels(window.min.y, window.max.y);
-        if (!hasAlpha)
-            for (size_t i = 3; i < image.pixels.size(); i += 4)
-                image.pixels[i] = halfOne;
+        file.readPixels(kept.min.y, kept.max.y);
+        if (!inside) {
+            const int64_t width = int64_t(kept.max.x) - kept.min.x + 1;
+            for (int64_t y = 0; y < rows; ++y)
+                std::copy_n(wide.begin() + (y * rowPixels + (kept.min.x - data.min.x)) * 4, width * 4,
+                            image.pixels.begin()
+                                + ((kept.min.y - display.min.y + y) * image.width + (kept.min.x - display.min.x)) * 4);
+        }
         return image;
     } catch (const Failure &) {
         throw;
     } catch (const std::exception &) {
-        // Not an EXR, truncated, or a compression this reader lacks.
+        // Not an EXR, truncated, or a compression newer than this reader.
         throw Failure(unreadable(path));
     }
 }

@@ -21,8 +21,9 @@ struct Origin {
     float y = 0;
 };
 
-// OpenEXR half RGB or RGBA (RGB gains A = 1). Throws Failure:
-// "não achei <path>", "ImageIO não lê <name> (compressão DWAA? use ZIP/PIZ)",
+// OpenEXR half RGB or RGBA (RGB gains A = 1), any compression the library reads. The raster
+// has the display window's size; pixels outside the data window are zero. Throws Failure:
+// "não achei <path>", "ImageIO não lê <name> (arquivo danificado ou formato desconhecido)",
 // "<name>: precisa ser EXR half RGB(A)".
 HalfImage decodeEXR(const QString &path);
 // An 8-bit grey mask; colour or 16-bit images are converted to 8-bit grey.

@@ -16,36 +16,12 @@ struct SettingsTest : ::testing::Test {
 
 }  // namespace
 
-TEST_F(SettingsTest, EmptyStoreGivesEveryDefault)
+TEST_F(SettingsTest, WrongTypesAndRangesFallBack)
 {
     Settings s(path());
-    EXPECT_TRUE(s.showMenuBarIcon());
-    EXPECT_TRUE(s.showTurntable());
-    EXPECT_FALSE(s.allScreens());
-    EXPECT_EQ(s.framing(), "mid");
-    EXPECT_EQ(s.lightPreset(), "auto");
-    EXPECT_TRUE(s.steam() && s.fxRecord() && s.fxBounce() && s.fxWeather() && s.fxStack() && s.fxPanel());
-    EXPECT_EQ(s.stackLimit(), 6);
-    EXPECT_FALSE(s.musicSetupDone());
-    EXPECT_FALSE(s.onboardingDone());
-    EXPECT_TRUE(s.ecoMode());
-    EXPECT_EQ(s.ecoTrigger(), Settings::EcoTrigger::battery);
-    EXPECT_EQ(s.weatherCity(), "sao-paulo");
-    EXPECT_FALSE(s.weatherLatitude().has_value());
-    EXPECT_FALSE(s.desktopSnapshot().has_value());
-    EXPECT_FALSE(s.sceneCatalogETag().has_value());
-    EXPECT_EQ(s.fps(), 30);
-    EXPECT_EQ(s.perfLogInterval(), 300.0);
-    EXPECT_FALSE(s.labelMotionBlur().has_value());
-    EXPECT_FALSE(s.debugIgnoreOcclusion());
-    EXPECT_FALSE(s.debugWeather().has_value());
-}
-
-TEST_F(SettingsTest, ReadAsObjectRulesNeedARealBoolean)
-{
-    Settings s(path());
-    s.setValue("steam", "no");          // text is not a Boolean: the effect stays on
-    s.setValue("fxPanel", 0);           // nor is a number
+    // Only a real Boolean counts: text or a number leaves the default on.
+    s.setValue("steam", "no");
+    s.setValue("fxPanel", 0);
     s.setValue("fxRecord", false);
     s.setValue("showTurntable", "false");
     s.setValue("ecoMode", 0);
@@ -58,11 +34,7 @@ TEST_F(SettingsTest, ReadAsObjectRulesNeedARealBoolean)
     EXPECT_EQ(s.perfLogInterval(), 300.0);
     s.setValue("perfLogInterval", 60);
     EXPECT_EQ(s.perfLogInterval(), 60.0);
-}
 
-TEST_F(SettingsTest, ClampsAndFallbacks)
-{
-    Settings s(path());
     s.setValue("stackLimit", 0);
     EXPECT_EQ(s.stackLimit(), 1);
     s.setValue("stackLimit", -4);
@@ -112,7 +84,7 @@ TEST_F(SettingsTest, ValueTypesSurviveARestart)
     EXPECT_FALSE(s.contains("desktopSnapshot"));
 }
 
-TEST_F(SettingsTest, ObservableKeysSignalOnlyRealChanges)
+TEST_F(SettingsTest, RealChangesSignalFromThisOrAnotherProcess)
 {
     Settings s(path());
     QSignalSpy steam(&s, &Settings::steamChanged);
@@ -122,12 +94,7 @@ TEST_F(SettingsTest, ObservableKeysSignalOnlyRealChanges)
     s.setFraming("wide");
     EXPECT_EQ(steam.count(), 1);
     EXPECT_EQ(framing.count(), 1);
-}
 
-TEST_F(SettingsTest, WriteFromAnotherProcessIsObserved)
-{
-    Settings s(path());
-    s.setFraming("mid");
     QSignalSpy preset(&s, &Settings::lightPresetChanged);
     const auto tool = builtTool("turnelo-defaults");
     const auto r = runTool(tool, {"--file", path(), "write", "lightPreset", "-string", "noite"});

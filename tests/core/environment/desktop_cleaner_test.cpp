@@ -1,5 +1,4 @@
 #include "core/environment/DesktopCleaner.h"
-#include "core/app/Log.h"
 #include "core/environment/MacDesktopLayout.h"
 #include "core/environment/ProcessLauncher.h"
 #include "core/app/Settings.h"
@@ -55,12 +54,7 @@ const QString killFinder = "/usr/bin/killall Finder";
 const QString killWindowManager = "/usr/bin/killall WindowManager";
 
 struct DesktopCleanerTest : ::testing::Test {
-    static void SetUpTestSuite()
-    {
-        static QTemporaryDir state;
-        qputenv("XDG_STATE_HOME", state.path().toUtf8());
-    }
-
+    LogTail log;
     QTemporaryDir dir;
     Settings settings{dir.filePath("turnelo.json")};
     std::map<QString, QVariant> store;
@@ -75,38 +69,28 @@ struct DesktopCleanerTest : ::testing::Test {
         cleaner = std::make_unique<DesktopCleaner>(settings, std::move(prefs), launcher);
         cleaner->reload();
     }
-
-    static QString lastLogLine()
-    {
-        const auto lines = QString::fromUtf8(readFile(Log::path())).split('\n', Qt::SkipEmptyParts);
-        return lines.isEmpty() ? QString() : lines.last();
-    }
 };
 
 }  // namespace
 
-TEST_F(DesktopCleanerTest, FreshSystemWithEverythingOffStaysUntouched)
+TEST_F(DesktopCleanerTest, EachChoiceWritesAndRestartsOnlyWhatItChanges)
 {
     makeCleaner();
+    // Everything off on a fresh system: keys stay absent, nothing restarts, but the snapshot is
+    // taken all the same, recording that nothing was set.
     EXPECT_EQ(cleaner->current(), DesktopCleaner::Desired{});
     cleaner->apply({});
-    EXPECT_TRUE(store.empty());
     EXPECT_EQ(defaults->writes, 0);
     EXPECT_TRUE(launcher.commands.isEmpty());
-    EXPECT_TRUE(lastLogLine().endsWith("(reiniciou [])"));
-    // The snapshot is taken all the same, recording that nothing was set.
+    EXPECT_TRUE(log.last().endsWith("(reiniciou [])"));
     ASSERT_TRUE(settings.desktopSnapshot().has_value());
     EXPECT_FALSE(settings.desktopSnapshot()->value("com.apple.WindowManager").toMap()
                      .value("StandardHideWidgets").toMap().value("exists").toBool());
-}
 
-TEST_F(DesktopCleanerTest, EachChoiceRestartsOnlyTheDomainsItChanged)
-{
-    makeCleaner();
     cleaner->apply({false, true, false});
     EXPECT_EQ(store, (std::map<QString, QVariant>{{hideWidgets, true}}));
     EXPECT_EQ(launcher.commands, QStringList{killWindowManager});
-    EXPECT_TRUE(lastLogLine().endsWith(
+    EXPECT_TRUE(log.last().endsWith(
         "Mesa limpa: Desired(hideIcons: false, hideWidgets: true, clickOnlyInStageManager: false)"
         " (reiniciou [\"com.apple.WindowManager\"])"));
 
@@ -117,7 +101,7 @@ TEST_F(DesktopCleanerTest, EachChoiceRestartsOnlyTheDomainsItChanged)
     EXPECT_EQ(store.at(clickToShow), false);
     // Finder restarts first; the log lists the domains sorted.
     EXPECT_EQ(launcher.commands, (QStringList{killFinder, killWindowManager}));
-    EXPECT_TRUE(lastLogLine().endsWith("(reiniciou [\"com.apple.WindowManager\", \"com.apple.finder\"])"));
+    EXPECT_TRUE(log.last().endsWith("(reiniciou [\"com.apple.WindowManager\", \"com.apple.finder\"])"));
     EXPECT_EQ(cleaner->current(), (DesktopCleaner::Desired{true, true, true}));
 
     // Showing the icons again writes the two icon keys back, leaves the others.
@@ -143,7 +127,7 @@ TEST_F(DesktopCleanerTest, RestorePutsBackValuesAndAbsences)
     EXPECT_EQ(store, (std::map<QString, QVariant>{{finder, true}, {clickToShow, true}}));
     EXPECT_EQ(launcher.commands, QStringList{killWindowManager});
     EXPECT_FALSE(settings.desktopSnapshot().has_value());
-    EXPECT_TRUE(lastLogLine().endsWith("Mesa limpa: restaurado (reiniciou [\"com.apple.WindowManager\"])"));
+    EXPECT_TRUE(log.last().endsWith("Mesa limpa: restaurado (reiniciou [\"com.apple.WindowManager\"])"));
 }
 
 TEST_F(DesktopCleanerTest, ALauncherThatCannotStartIsLoggedAndSkipped)
@@ -163,8 +147,7 @@ TEST_F(DesktopCleanerTest, ALauncherThatCannotStartIsLoggedAndSkipped)
     DesktopCleaner withoutTools(settings, std::move(prefs), failing);
     withoutTools.apply({true, false, false});
     EXPECT_EQ(store.at(finder), false);
-    const QString log = QString::fromUtf8(readFile(Log::path()));
-    EXPECT_TRUE(log.contains("Mesa limpa: /usr/bin/killall falhou: No such file"));
-    EXPECT_TRUE(lastLogLine().endsWith(
+    EXPECT_TRUE(log.lines().join('\n').contains("Mesa limpa: /usr/bin/killall falhou: No such file\n"));
+    EXPECT_TRUE(log.last().endsWith(
         "(reiniciou [\"com.apple.WindowManager\", \"com.apple.finder\"])"));
 }

@@ -1,4 +1,3 @@
-#include "core/app/Log.h"
 #include "core/app/Settings.h"
 #include "core/environment/WeatherService.h"
 #include "TestSupport.h"
@@ -85,34 +84,21 @@ QByteArray forecast(const char *precipitation, const char *rain, const char *cod
 }
 
 struct WeatherServiceTest : ::testing::Test {
-    static void SetUpTestSuite()
-    {
-        // The log's path is fixed at its first use in the process.
-        static QTemporaryDir state;
-        qputenv("XDG_STATE_HOME", state.path().toUtf8());
-    }
-
+    LogTail log;
     QTemporaryDir dir;
     ForecastServer server;
     std::unique_ptr<Settings> settings;
     std::unique_ptr<WeatherService> service;
     double clockNow = 1000;
     std::vector<WeatherService::Now> changes;
-    qint64 logStart = 0;
 
     void SetUp() override
     {
-        logStart = readFile(Log::path()).size();
         settings = std::make_unique<Settings>(dir.filePath("turnelo.json"));
         settings->setValue("weatherServiceURL", server.baseURL());
         service = std::make_unique<WeatherService>(*settings);
         service->setClock([this] { return clockNow; });
         service->onChange = [this](const WeatherService::Now &now) { changes.push_back(now); };
-    }
-
-    QStringList newLogLines() const
-    {
-        return QString::fromUtf8(readFile(Log::path()).mid(logStart)).split('\n', Qt::SkipEmptyParts);
     }
 
     // Asks for fresh data and waits for the answer to be handled.
@@ -153,6 +139,10 @@ TEST_F(WeatherServiceTest, RainDecisionAndIntensityFollowTheAnswer)
         {forecast("0.0", "0.0", "61"), {true, 0.25}, "código 61, chuva 0 mm/h → chovendo"},
         {forecast("2.0", "2.0", "81"), {true, 0.5}, "código 81, chuva 2 mm/h → chovendo"},
         {forecast("0.0", "0.0", "45"), {false, 0.0}, "código 45, chuva 0 mm/h → seco"},
+        // A missing or non-numeric "rain" falls back to "precipitation"; a code that is not an
+        // integer counts as 0.
+        {R"({"current":{"precipitation":3.0,"weather_code":"61"}})", {true, 0.75}, "código 0, chuva 3 mm/h → chovendo"},
+        {R"({"current":{"rain":null,"weather_code":61.5}})", {false, 0.0}, "código 0, chuva 0 mm/h → seco"},
     };
     for (const Case &c : cases) {
         SCOPED_TRACE(c.logTail);
@@ -161,25 +151,11 @@ TEST_F(WeatherServiceTest, RainDecisionAndIntensityFollowTheAnswer)
         EXPECT_EQ(service->now(), c.expected);
         ASSERT_FALSE(changes.empty());
         EXPECT_EQ(changes.back(), c.expected);
-        EXPECT_TRUE(newLogLines().last().endsWith(QStringLiteral("Clima São Paulo: ") + c.logTail))
-            << newLogLines().last().toStdString();
+        EXPECT_TRUE(log.last().endsWith(QStringLiteral("Clima São Paulo: ") + c.logTail))
+            << log.last().toStdString();
         clockNow += 900;
     }
     EXPECT_EQ(changes.size(), cases.size());
-}
-
-TEST_F(WeatherServiceTest, MissingRainFallsBackToPrecipitationAndMissingCodeCountsAsZero)
-{
-    server.queueBody(R"({"current":{"precipitation":3.0,"weather_code":"61"}})");
-    ASSERT_NO_FATAL_FAILURE(fetch());
-    EXPECT_EQ(service->now(), (Now{true, 0.75}));
-    EXPECT_TRUE(newLogLines().last().endsWith("código 0, chuva 3 mm/h → chovendo"));
-
-    clockNow += 900;
-    server.queueBody(R"({"current":{"rain":null,"weather_code":61.5}})");
-    ASSERT_NO_FATAL_FAILURE(fetch());
-    EXPECT_EQ(service->now(), (Now{false, 0.0}));
-    EXPECT_TRUE(newLogLines().last().endsWith("código 0, chuva 0 mm/h → seco"));
 }
 
 TEST_F(WeatherServiceTest, AsksForTheCityOrTheCoordinateOverride)
@@ -194,7 +170,7 @@ TEST_F(WeatherServiceTest, AsksForTheCityOrTheCoordinateOverride)
     settings->setWeatherCity("berlin");
     ASSERT_TRUE(waitUntil([&] { return server.targets.size() == 2 && !service->fetching(); }, 10s));
     EXPECT_EQ(query(server.targets.last()), "latitude=52.52&longitude=13.405&current=precipitation,rain,weather_code");
-    EXPECT_TRUE(newLogLines().last().contains("Clima Berlin: "));
+    EXPECT_TRUE(log.last().contains("Clima Berlin: "));
 
     // Both coordinates are written; one request follows, for the pair.
     server.queueBody(forecast("0", "0", "0"));
@@ -203,7 +179,7 @@ TEST_F(WeatherServiceTest, AsksForTheCityOrTheCoordinateOverride)
     settle();
     EXPECT_EQ(server.targets.size(), 3);
     EXPECT_EQ(query(server.targets.last()), "latitude=-8.5&longitude=115.25&current=precipitation,rain,weather_code");
-    EXPECT_TRUE(newLogLines().last().contains("Clima -8.5, 115.25: "));
+    EXPECT_TRUE(log.last().contains("Clima -8.5, 115.25: "));
 
     // One coordinate alone does not override the city.
     settings->setWeatherCoordinates(10.0, std::nullopt);
@@ -215,18 +191,6 @@ TEST_F(WeatherServiceTest, AsksForTheCityOrTheCoordinateOverride)
     ASSERT_TRUE(waitUntil([&] { return server.targets.size() == 5 && !service->fetching(); }, 10s));
     EXPECT_EQ(query(server.targets.last()),
               "latitude=-23.5505&longitude=-46.6333&current=precipitation,rain,weather_code");
-}
-
-TEST_F(WeatherServiceTest, CityTable)
-{
-    const auto &cities = WeatherService::cities();
-    ASSERT_EQ(cities.size(), 16u);
-    EXPECT_EQ(cities.front().id, "sao-paulo");
-    EXPECT_EQ(cities.front().name(), "São Paulo");
-    EXPECT_EQ(cities.back().id, "tokyo");
-    EXPECT_EQ(cities[8].name(), "Lisbon");
-    EXPECT_DOUBLE_EQ(cities[11].longitude, -122.4194);
-    EXPECT_EQ(WeatherService::city(*settings).id, "sao-paulo");
 }
 
 TEST_F(WeatherServiceTest, AtMostOneRequestInFlightAndNoneWithin900Seconds)
@@ -260,20 +224,20 @@ TEST_F(WeatherServiceTest, FailuresKeepTheStateAndRetryAfter300Seconds)
     ASSERT_NO_FATAL_FAILURE(fetch());
     ASSERT_EQ(service->now(), (Now{true, 1.0}));
 
-    const std::vector<std::pair<const char *, ForecastServer::Reply>> failures{
-        {"malformed body", {R"({"current":{"rain":)", false}},
-        {"no current block", {R"({"error":true,"reason":"Latitude must be in range"})", false}},
-        {"dropped connection", {{}, true}},
+    const std::vector<std::pair<ForecastServer::Reply, QString>> failures{
+        {{R"({"current":{"rain":)", false}, "Clima: falhou (JSON ilegível no byte 19)"},
+        {{R"({"error":true,"reason":"Latitude must be in range"})", false},
+         "Clima: falhou (resposta sem o bloco \"current\")"},
+        {{{}, true}, "Clima: falhou (conexão encerrada pelo servidor)"},
     };
-    for (const auto &[what, reply] : failures) {
-        SCOPED_TRACE(what);
+    for (const auto &[reply, line] : failures) {
+        SCOPED_TRACE(line.toStdString());
         clockNow += 900;
         const int requests = reply.drop ? 2 : 1;
         for (int i = 0; i < requests; ++i)
             server.queue(reply);
         ASSERT_NO_FATAL_FAILURE(fetch(requests));
-        EXPECT_TRUE(newLogLines().last().contains(" Clima: falhou (")) << newLogLines().last().toStdString();
-        EXPECT_TRUE(newLogLines().last().endsWith(")"));
+        EXPECT_TRUE(log.last().endsWith(" " + line)) << log.last().toStdString();
         EXPECT_EQ(service->now(), (Now{true, 1.0}));
 
         clockNow += 299;
@@ -320,5 +284,5 @@ TEST_F(WeatherServiceTest, AnswerForAPlaceLeftWhileInFlightIsDroppedAndTheNewPla
     EXPECT_TRUE(query(server.targets[1]).startsWith("latitude=35.6762&longitude=139.6503&"));
     EXPECT_TRUE(changes.empty());
     EXPECT_EQ(service->now(), (Now{false, 0.0}));
-    EXPECT_TRUE(newLogLines().last().contains("Clima Tokyo: código 1, chuva 0 mm/h → seco"));
+    EXPECT_TRUE(log.last().contains("Clima Tokyo: código 1, chuva 0 mm/h → seco"));
 }

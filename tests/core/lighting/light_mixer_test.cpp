@@ -162,6 +162,5 @@ TEST(LightPresets, CurrentPositionAndNames)
     EXPECT_EQ(LightPresets::current(tie, "auto", at(12, 0)), "dia");  // first met in map order
     EXPECT_EQ(LightPresets::current(tie, "sunset", at(5, 59)), "dia");
 
-    EXPECT_EQ(LightPresets::name("tarde"), "Afternoon");
     EXPECT_EQ(LightPresets::name("golden hour"), "Golden Hour");
 }

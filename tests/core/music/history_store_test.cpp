@@ -45,15 +45,8 @@ TEST(AlbumHash, IsFnv1aOverUtf8)
     EXPECT_EQ(albumHash(""), 0xcbf29ce484222325ULL);
     EXPECT_EQ(albumHash("a"), 0xaf63dc4c8601ec8cULL);
     EXPECT_EQ(albumHash("foobar"), 0x85944171f73967e8ULL);
-    // Non-ASCII titles hash their UTF-8 bytes, not UTF-16 units.
-    EXPECT_EQ(albumHash(QString::fromUtf8("Ç")), []() {
-        quint64 h = 0xcbf29ce484222325ULL;
-        for (quint8 b : {0xc3, 0x87}) {
-            h ^= b;
-            h *= 0x100000001b3ULL;
-        }
-        return h;
-    }());
+    // Non-ASCII titles hash their UTF-8 bytes (C3 87), not UTF-16 units.
+    EXPECT_EQ(albumHash(QString::fromUtf8("Ç")), 0x0ac1f107b717dd6fULL);
     EXPECT_EQ(albumCoverFileName("a"), "af63dc4c8601ec8c.jpg");
     EXPECT_EQ(albumCoverFileName("").size(), 20);
 }

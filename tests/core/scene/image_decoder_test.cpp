@@ -9,14 +9,18 @@
 #include <QImage>
 #include <gtest/gtest.h>
 #include <cmath>
+#include <optional>
 #include <limits>
 
 using namespace ImageDecoder;
 
 namespace {
 
+// A half (or float) RGB(A) OpenEXR file whose pixel (x, y), in the file's own coordinates, is
+// value(x, y, channel). The data window defaults to the display window.
 struct Exr {
-    int width = 4, height = 3;
+    Imath::Box2i display{{0, 0}, {3, 2}};
+    std::optional<Imath::Box2i> data;
     Imf::PixelType type = Imf::HALF;
     Imf::Compression compression = Imf::ZIP_COMPRESSION;
     bool alpha = true;
@@ -24,27 +28,31 @@ struct Exr {
 
     void write(const QString &path) const
     {
-        Imf::Header header(width, height);
+        const Imath::Box2i box = data.value_or(display);
+        Imf::Header header(display, box);
         header.compression() = compression;
         const char *names[] = {"R", "G", "B", "A"};
         const int channels = alpha ? 4 : 3;
         for (int c = 0; c < channels; ++c)
             header.channels().insert(names[c], Imf::Channel(type));
+        const int width = box.max.x - box.min.x + 1, height = box.max.y - box.min.y + 1;
         std::vector<half> halves(size_t(width) * height * 4);
         std::vector<float> floats(halves.size());
         for (int y = 0; y < height; ++y)
             for (int x = 0; x < width; ++x)
                 for (int c = 0; c < 4; ++c) {
-                    halves[(y * width + x) * 4 + c] = half(value(x, y, c));
-                    floats[(y * width + x) * 4 + c] = value(x, y, c);
+                    const float v = value(box.min.x + x, box.min.y + y, c);
+                    halves[(y * width + x) * 4 + c] = half(v);
+                    floats[(y * width + x) * 4 + c] = v;
                 }
+        const size_t px = type == Imf::HALF ? sizeof(half) : sizeof(float);
+        char *first = type == Imf::HALF ? reinterpret_cast<char *>(halves.data())
+                                        : reinterpret_cast<char *>(floats.data());
+        // Slices are addressed in the file's coordinates.
+        char *origin = first - (ptrdiff_t(box.min.x) + ptrdiff_t(box.min.y) * width) * ptrdiff_t(px * 4);
         Imf::FrameBuffer fb;
-        for (int c = 0; c < channels; ++c) {
-            char *base = type == Imf::HALF ? reinterpret_cast<char *>(halves.data() + c)
-                                           : reinterpret_cast<char *>(floats.data() + c);
-            const size_t px = type == Imf::HALF ? sizeof(half) : sizeof(float);
-            fb.insert(names[c], Imf::Slice(type, base, px * 4, px * 4 * width));
-        }
+        for (int c = 0; c < channels; ++c)
+            fb.insert(names[c], Imf::Slice(type, origin + c * px, px * 4, px * 4 * width));
         Imf::OutputFile file(QFile::encodeName(path).constData(), header);
         file.setFrameBuffer(fb);
         file.writePixels(height);
@@ -75,7 +83,7 @@ std::string failureOf(const std::function<void()> &f)
 
 }  // namespace
 
-TEST(ImageDecoder, DecodesHalfRgbaAndRgbWithOpaqueAlpha)
+TEST(ImageDecoder, DecodesHalfRgbaAndRgbInEveryCompression)
 {
     QTemporaryDir dir;
     Exr rgba;
@@ -96,6 +104,64 @@ TEST(ImageDecoder, DecodesHalfRgbaAndRgbWithOpaqueAlpha)
     EXPECT_EQ(b.pixels[(1 * 4 + 2) * 4 + 0], bits(12.0f));
     for (size_t i = 3; i < b.pixels.size(); i += 4)
         ASSERT_EQ(b.pixels[i], 0x3C00);
+
+    // DWA is lossy on colour and lossless on alpha.
+    for (const auto compression : {Imf::DWAA_COMPRESSION, Imf::DWAB_COMPRESSION}) {
+        Exr dwa = rgba;
+        dwa.display = {{0, 0}, {39, 33}};
+        dwa.compression = compression;
+        dwa.value = [](int x, int y, int c) { return c == 3 ? 0.003f * float(x * y % 97) : 0.01f * (x + y) + 0.1f * c; };
+        dwa.write(dir.filePath("dwa.exr"));
+        const HalfImage d = decodeEXR(dir.filePath("dwa.exr"));
+        ASSERT_EQ(d.width, 40);
+        ASSERT_EQ(d.height, 34);
+        const size_t at = (20 * 40 + 30) * 4;
+        EXPECT_NEAR(float(half(half::FromBits, d.pixels[at + 1])), 0.6f, 0.02f);
+        for (int y = 0; y < 34; ++y)
+            for (int x = 0; x < 40; ++x)
+                ASSERT_EQ(d.pixels[(y * 40 + x) * 4 + 3], bits(0.003f * float(x * y % 97))) << x << "," << y;
+    }
+}
+
+TEST(ImageDecoder, DataWindowIsPlacedInTheDisplayWindow)
+{
+    QTemporaryDir dir;
+    // A 64×64 plate whose file holds only (16, 24)–(47, 55), opaque at (30, 40).
+    Exr inner;
+    inner.display = {{0, 0}, {63, 63}};
+    inner.data = Imath::Box2i{{16, 24}, {47, 55}};
+    inner.value = [](int x, int y, int c) { return c == 3 ? float(x == 30 && y == 40) : 2.0f; };
+    inner.write(dir.filePath("inner.exr"));
+    const HalfImage a = decodeEXR(dir.filePath("inner.exr"));
+    ASSERT_EQ(a.width, 64);
+    ASSERT_EQ(a.height, 64);
+    const auto sprite = cropSprite(a);
+    ASSERT_TRUE(sprite);
+    EXPECT_EQ(sprite->rect, (std::array<float, 4>{29, 39, 3, 3}));
+    EXPECT_EQ(a.pixels[(24 * 64 + 16) * 4], bits(2.0f));
+    EXPECT_EQ(a.pixels[(55 * 64 + 47) * 4], bits(2.0f));
+    // Outside the data window: transparent black, all four halves zero.
+    for (const auto &[x, y] : {std::pair{15, 30}, {48, 30}, {20, 23}, {20, 56}, {0, 0}, {63, 63}})
+        for (int c = 0; c < 4; ++c)
+            ASSERT_EQ(a.pixels[(y * 64 + x) * 4 + c], 0) << x << "," << y << " channel " << c;
+
+    // A data window reaching past the display window on three sides, of an RGB file: what lies
+    // outside is dropped, and only the covered pixels gain an opaque alpha.
+    Exr outer;
+    outer.display = {{0, 0}, {31, 15}};
+    outer.data = Imath::Box2i{{-5, 10}, {40, 20}};
+    outer.alpha = false;
+    outer.compression = Imf::PIZ_COMPRESSION;
+    outer.value = [](int x, int y, int) { return float(x + 100 * y); };
+    outer.write(dir.filePath("outer.exr"));
+    const HalfImage b = decodeEXR(dir.filePath("outer.exr"));
+    ASSERT_EQ(b.width, 32);
+    ASSERT_EQ(b.height, 16);
+    EXPECT_EQ(b.pixels[(10 * 32 + 0) * 4], bits(1000.0f));
+    EXPECT_EQ(b.pixels[(15 * 32 + 31) * 4], bits(1531.0f));
+    EXPECT_EQ(b.pixels[(15 * 32 + 31) * 4 + 3], 0x3C00);
+    EXPECT_EQ(b.pixels[(9 * 32 + 31) * 4 + 3], 0);
+    EXPECT_EQ(cropByChannel(b, 3)->rect, (std::array<float, 4>{0, 9, 32, 7}));
 }
 
 TEST(ImageDecoder, FailureTexts)
@@ -111,18 +177,18 @@ TEST(ImageDecoder, FailureTexts)
     EXPECT_EQ(failureOf([&] { decodeEXR(dir.filePath("float.exr")); }), "float.exr: precisa ser EXR half RGB(A)");
 
     Exr good;
-    good.width = 64;
-    good.height = 64;
+    good.display = {{0, 0}, {63, 63}};
     good.write(dir.filePath("good.exr"));
     const QByteArray whole = testsupport::readFile(dir.filePath("good.exr"));
     testsupport::writeFile(dir.filePath("cut.exr"), whole.left(whole.size() / 2));
     testsupport::writeFile(dir.filePath("junk.exr"), QByteArray(500, 'x'));
     testsupport::writeFile(dir.filePath("junk.png"), QByteArray("\x89PNG\r\n\x1a\n garbage"));
     EXPECT_EQ(failureOf([&] { decodeEXR(dir.filePath("cut.exr")); }),
-              "ImageIO não lê cut.exr (compressão DWAA? use ZIP/PIZ)");
+              "ImageIO não lê cut.exr (arquivo danificado ou formato desconhecido)");
     EXPECT_EQ(failureOf([&] { decodeEXR(dir.filePath("junk.exr")); }),
-              "ImageIO não lê junk.exr (compressão DWAA? use ZIP/PIZ)");
-    EXPECT_NE(failureOf([&] { decodeGray(dir.filePath("junk.png")); }).find("junk.png"), std::string::npos);
+              "ImageIO não lê junk.exr (arquivo danificado ou formato desconhecido)");
+    EXPECT_EQ(failureOf([&] { decodeGray(dir.filePath("junk.png")); }),
+              "ImageIO não lê junk.png (arquivo danificado ou formato desconhecido)");
 }
 
 TEST(ImageDecoder, GreyMasksFromGreyAndColourPngs)
@@ -160,7 +226,6 @@ TEST(ImageDecoder, CropThresholdsPerKind)
         image.pixels[(3 * 8 + 4) * 4 + channel] = pattern;
         return image;
     };
-    EXPECT_FALSE(cropSprite(alphaImage(8, 8, 0.0019f, {})).has_value());
     EXPECT_FALSE(cropSprite(withBits(0x1819, 3)).has_value());
     EXPECT_TRUE(cropSprite(withBits(0x181A, 3)).has_value());
     EXPECT_FALSE(cropByChannel(withBits(0x1419, 1), 1).has_value());

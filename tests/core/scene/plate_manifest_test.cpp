@@ -123,7 +123,6 @@ TEST(PlateManifest, PresetOrderAndDisplayNames)
                                {"aa", QJsonObject{}}, {"Zulu", QJsonObject{}}};
     EXPECT_EQ(PlateManifest::decode(bytes(m)).presetOrder(),
               (QStringList{"manha", "noite", "Zulu", "aa", "zz"}));
-    EXPECT_EQ(PlateManifest::framingDisplayName("mid"), "Medium");
     EXPECT_EQ(PlateManifest::framingDisplayName("top"), "Top-down");
     EXPECT_EQ(PlateManifest::framingDisplayName("desk corner"), "Desk Corner");
     EXPECT_EQ(PlateManifest::framingDisplayName("LOFT"), "Loft");
