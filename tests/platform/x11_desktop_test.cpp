@@ -547,3 +547,58 @@ TEST(X11DesktopStacking, UnderOpenboxRisesAboveAnOpaqueIconWindowMappedLater)
     ASSERT_EQ(told.size(), 1) << qPrintable(told.join('\n'));
     EXPECT_TRUE(told.first().contains(QStringLiteral("(Pcmanfm) é opaca"))) << qPrintable(told.first());
 }
+
+TEST(X11DesktopWindow, UnderI3BypassesTheManagerAndLiesUnderEveryWindow)
+{
+    XServer server;
+    START_OR_SKIP(server.start(why));
+    QTemporaryDir config;
+    writeFile(config.filePath(QStringLiteral("i3.conf")), "font pango:monospace 8\n");
+    START_OR_SKIP(server.startManager(QStringLiteral("i3"), {QStringLiteral("-c"), config.filePath(QStringLiteral("i3.conf"))},
+                                      why));
+    Client x(server.display());
+    ASSERT_TRUE(x.d);
+    const Window other = x.makeWindow(QRect(60, 60, 320, 200));
+    ASSERT_TRUE(waitUntil([&] { return !x.values(x.root(), "_NET_CLIENT_LIST").empty(); }, patience));
+    const QRect otherFrame = x.outerFrame(other);
+
+    RoomWindowProcess room(server);
+    const Window ours = room.waitForWindow();
+    ASSERT_NE(ours, 0ul) << room.output().constData();
+
+    // Among the root's children (bottom to top), no shown window lies under ours.
+    auto shownBelowOurs = [&] {
+        Window rootReturn = 0, parent = 0, *children = nullptr;
+        unsigned int count = 0;
+        int below = -1;
+        if (XQueryTree(x.d, x.root(), &rootReturn, &parent, &children, &count)) {
+            below = 0;
+            for (unsigned int i = 0; i < count && children[i] != ours; ++i) {
+                XWindowAttributes a;
+                if (XGetWindowAttributes(x.d, children[i], &a) && a.map_state == IsViewable)
+                    ++below;
+            }
+        }
+        if (children)
+            XFree(children);
+        return below;
+    };
+    XWindowAttributes attributes{};
+    ASSERT_TRUE(waitUntil([&] {
+        return XGetWindowAttributes(x.d, ours, &attributes) && attributes.map_state == IsViewable && shownBelowOurs() == 0;
+    }, patience)) << "shown windows below ours: " << shownBelowOurs();
+    EXPECT_TRUE(attributes.override_redirect);
+    EXPECT_EQ(QRect(attributes.x, attributes.y, attributes.width, attributes.height), QRect(0, 0, 1280, 800))
+        << "tiled instead of covering the screen";
+    EXPECT_EQ(x.stackIndex(ours), -1) << "managed by i3";
+    EXPECT_EQ(x.outerFrame(other), otherFrame);
+
+    // Raised while it cannot answer: lowered again at the next change of the client list.
+    room.pause();
+    XRaiseWindow(x.d, ours);
+    XSync(x.d, False);
+    ASSERT_GT(shownBelowOurs(), 0);
+    room.resume();
+    x.makeWindow(QRect(400, 300, 200, 100));
+    ASSERT_TRUE(waitUntil([&] { return shownBelowOurs() == 0; }, patience));
+}
