@@ -410,3 +410,195 @@ TEST(X11WindowList, UnderACompositorStillReportsACoveringWindow)
     ASSERT_TRUE(waitUntil([&] { return listed(list, frame); }, patience));
     EXPECT_EQ(listedAt(list, frame)->opacity, 1.0);
 }
+
+TEST(X11DesktopStacking, StaysBelowASeeThroughIconWindowAndLowersItselfAgain)
+{
+    XServer server;
+    START_OR_SKIP(server.start(why));
+    START_OR_SKIP(server.startManager(QStringLiteral("openbox"), {QStringLiteral("--sm-disable")}, why));
+    Client x(server.display());
+    ASSERT_TRUE(x.d);
+    // Transparent between its icons, as GNOME's desktop icons are.
+    const Window icons = x.makeWindow(QRect(0, 0, 1280, 800), true, "_NET_WM_WINDOW_TYPE_DESKTOP");
+    ASSERT_NE(icons, 0ul) << "no 32-bit visual";
+    ASSERT_TRUE(waitUntil([&] { return x.stackIndex(icons) >= 0; }, patience));
+
+    RoomWindowProcess room(server);
+    const Window ours = room.waitForWindow();
+    ASSERT_NE(ours, 0ul) << room.output().constData();
+    // Mapped later, openbox puts it on top of the desktop layer; it must go below the icons.
+    ASSERT_TRUE(waitUntil([&] { return x.stackIndex(ours) >= 0 && x.stackIndex(ours) < x.stackIndex(icons); },
+                          patience));
+
+    // The icon program lowers itself (as Nemo does on every map) while ours cannot answer...
+    room.pause();
+    x.restack(icons, 0, Below);
+    ASSERT_TRUE(waitUntil([&] { return x.stackIndex(icons) < x.stackIndex(ours); }, patience));
+    // ...and ours goes below it again once it can.
+    room.resume();
+    ASSERT_TRUE(waitUntil([&] { return x.stackIndex(ours) < x.stackIndex(icons); }, patience));
+
+    // Raised above the icons by someone else: lowered again.
+    room.pause();
+    XRaiseWindow(x.d, ours);
+    XSync(x.d, False);
+    ASSERT_TRUE(waitUntil([&] { return x.stackIndex(icons) < x.stackIndex(ours); }, patience));
+    room.resume();
+    ASSERT_TRUE(waitUntil([&] { return x.stackIndex(ours) < x.stackIndex(icons); }, patience));
+    EXPECT_TRUE(logLines(server).filter(QStringLiteral("Mesa:")).isEmpty());
+}
+
+TEST(X11DesktopStacking, SitsAboveXfdesktopsOpaqueIconWindowAndSaysSoOnce)
+{
+    XServer server;
+    START_OR_SKIP(server.start(why));
+    if (!XServer::installed(QStringLiteral("xfdesktop")))
+        GTEST_SKIP() << "xfdesktop is not installed";
+    START_OR_SKIP(server.startSessionBus(why));
+    START_OR_SKIP(server.startManager(QStringLiteral("xfwm4"), {QStringLiteral("--compositor=off")}, why));
+    Client x(server.display());
+    ASSERT_TRUE(x.d);
+
+    // The room starts first, as a login's autostart race may have it. (xfwm4 keeps its own
+    // order among desktop windows and ignores requests to change it; the restacking itself is
+    // exercised under openbox below.)
+    RoomWindowProcess room(server);
+    const Window ours = room.waitForWindow();
+    ASSERT_NE(ours, 0ul) << room.output().constData();
+    // xfwm4 publishes the stacking list only from its second client on.
+    auto managed = [&](Window window) {
+        const auto clients = x.values(x.root(), "_NET_CLIENT_LIST");
+        return std::find(clients.begin(), clients.end(), window) != clients.end();
+    };
+    ASSERT_TRUE(waitUntil([&] { return managed(ours); }, patience));
+
+    auto startIcons = [&](Window previous) {
+        QProcess &xfdesktop = server.launch(QStringLiteral("xfdesktop"), {});
+        Window icons = 0;
+        waitUntil([&] {
+            for (const unsigned long client : x.values(x.root(), "_NET_CLIENT_LIST"))
+                if (client != ours && client != previous
+                    && x.has(client, "_NET_WM_WINDOW_TYPE", "_NET_WM_WINDOW_TYPE_DESKTOP"))
+                    icons = client;
+            return icons != 0 || xfdesktop.state() == QProcess::NotRunning;
+        }, patience);
+        if (!icons)
+            ADD_FAILURE() << XServer::output(xfdesktop).constData();
+        return std::make_pair(&xfdesktop, icons);
+    };
+    auto [xfdesktop, icons] = startIcons(0);
+    ASSERT_NE(icons, 0ul);
+    XWindowAttributes attributes;
+    ASSERT_TRUE(XGetWindowAttributes(x.d, icons, &attributes));
+    ASSERT_EQ(attributes.depth, 24) << "xfdesktop's window is expected opaque here";
+
+    ASSERT_TRUE(waitUntil([&] { return x.stackIndex(ours) > x.stackIndex(icons); }, patience))
+        << "ours at " << x.stackIndex(ours) << ", xfdesktop at " << x.stackIndex(icons);
+    QStringList told;
+    ASSERT_TRUE(waitUntil([&] {
+        told = logLines(server).filter(QStringLiteral("Mesa:"));
+        return !told.isEmpty();
+    }, patience));
+    EXPECT_TRUE(told.first().contains(
+        QStringLiteral("Mesa: a janela de ícones do desktop (Xfdesktop) é opaca; a sala fica acima dela")))
+        << qPrintable(told.first());
+
+    // More stacking changes: still above it, without a second line.
+    const Window other = x.makeWindow(QRect(100, 100, 300, 200));
+    ASSERT_TRUE(waitUntil([&] { return x.stackIndex(other) >= 0; }, patience));
+    spin(500ms);
+    EXPECT_GT(x.stackIndex(ours), x.stackIndex(icons));
+    EXPECT_EQ(logLines(server).filter(QStringLiteral("Mesa:")).size(), 1);
+
+    QImage shot = screenshot(server, QStringLiteral("xfdesktop"));
+    ASSERT_FALSE(shot.isNull());
+    EXPECT_EQ(shot.pixelColor(900, 600), roomColour) << "the room is hidden under xfdesktop";
+}
+
+TEST(X11DesktopStacking, UnderOpenboxRisesAboveAnOpaqueIconWindowMappedLater)
+{
+    XServer server;
+    START_OR_SKIP(server.start(why));
+    START_OR_SKIP(server.startManager(QStringLiteral("openbox"), {QStringLiteral("--sm-disable")}, why));
+    Client x(server.display());
+    ASSERT_TRUE(x.d);
+    RoomWindowProcess room(server);
+    const Window ours = room.waitForWindow();
+    ASSERT_NE(ours, 0ul) << room.output().constData();
+    ASSERT_TRUE(waitUntil([&] { return x.stackIndex(ours) >= 0; }, patience));
+
+    // Opaque wallpaper and icons in one 24-bit window, as pcmanfm's under openbox (LXDE).
+    const Window icons = x.makeWindow(QRect(0, 0, 1280, 800), false, "_NET_WM_WINDOW_TYPE_DESKTOP");
+    XClassHint names{const_cast<char *>("pcmanfm"), const_cast<char *>("Pcmanfm")};
+    XSetClassHint(x.d, icons, &names);
+    XSync(x.d, False);
+    ASSERT_TRUE(waitUntil([&] { return x.stackIndex(icons) >= 0; }, patience));
+    ASSERT_TRUE(waitUntil([&] { return x.stackIndex(ours) > x.stackIndex(icons); }, patience))
+        << "ours at " << x.stackIndex(ours) << ", the icons at " << x.stackIndex(icons);
+
+    // Raised above ours while ours cannot answer: back above it once it can.
+    room.pause();
+    x.restack(icons, 0, Above);
+    ASSERT_TRUE(waitUntil([&] { return x.stackIndex(icons) > x.stackIndex(ours); }, patience));
+    room.resume();
+    ASSERT_TRUE(waitUntil([&] { return x.stackIndex(ours) > x.stackIndex(icons); }, patience));
+
+    const QStringList told = logLines(server).filter(QStringLiteral("Mesa:"));
+    ASSERT_EQ(told.size(), 1) << qPrintable(told.join('\n'));
+    EXPECT_TRUE(told.first().contains(QStringLiteral("(Pcmanfm) é opaca"))) << qPrintable(told.first());
+}
+
+TEST(X11DesktopWindow, UnderI3BypassesTheManagerAndLiesUnderEveryWindow)
+{
+    XServer server;
+    START_OR_SKIP(server.start(why));
+    QTemporaryDir config;
+    writeFile(config.filePath(QStringLiteral("i3.conf")), "font pango:monospace 8\n");
+    START_OR_SKIP(server.startManager(QStringLiteral("i3"), {QStringLiteral("-c"), config.filePath(QStringLiteral("i3.conf"))},
+                                      why));
+    Client x(server.display());
+    ASSERT_TRUE(x.d);
+    const Window other = x.makeWindow(QRect(60, 60, 320, 200));
+    ASSERT_TRUE(waitUntil([&] { return !x.values(x.root(), "_NET_CLIENT_LIST").empty(); }, patience));
+    const QRect otherFrame = x.outerFrame(other);
+
+    RoomWindowProcess room(server);
+    const Window ours = room.waitForWindow();
+    ASSERT_NE(ours, 0ul) << room.output().constData();
+
+    // Among the root's children (bottom to top), no shown window lies under ours.
+    auto shownBelowOurs = [&] {
+        Window rootReturn = 0, parent = 0, *children = nullptr;
+        unsigned int count = 0;
+        int below = -1;
+        if (XQueryTree(x.d, x.root(), &rootReturn, &parent, &children, &count)) {
+            below = 0;
+            for (unsigned int i = 0; i < count && children[i] != ours; ++i) {
+                XWindowAttributes a;
+                if (XGetWindowAttributes(x.d, children[i], &a) && a.map_state == IsViewable)
+                    ++below;
+            }
+        }
+        if (children)
+            XFree(children);
+        return below;
+    };
+    XWindowAttributes attributes{};
+    ASSERT_TRUE(waitUntil([&] {
+        return XGetWindowAttributes(x.d, ours, &attributes) && attributes.map_state == IsViewable && shownBelowOurs() == 0;
+    }, patience)) << "shown windows below ours: " << shownBelowOurs();
+    EXPECT_TRUE(attributes.override_redirect);
+    EXPECT_EQ(QRect(attributes.x, attributes.y, attributes.width, attributes.height), QRect(0, 0, 1280, 800))
+        << "tiled instead of covering the screen";
+    EXPECT_EQ(x.stackIndex(ours), -1) << "managed by i3";
+    EXPECT_EQ(x.outerFrame(other), otherFrame);
+
+    // Raised while it cannot answer: lowered again at the next change of the client list.
+    room.pause();
+    XRaiseWindow(x.d, ours);
+    XSync(x.d, False);
+    ASSERT_GT(shownBelowOurs(), 0);
+    room.resume();
+    x.makeWindow(QRect(400, 300, 200, 100));
+    ASSERT_TRUE(waitUntil([&] { return shownBelowOurs() == 0; }, patience));
+}

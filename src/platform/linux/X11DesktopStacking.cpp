@@ -20,7 +20,7 @@ X11DesktopStacking::X11DesktopStacking(const QByteArray &displayName, QObject *p
     if (!x.isOpen())
         return;
     connect(&x, &X11Connection::rootPropertyChanged, this, [this](unsigned long atom) {
-        if (atom == x.atom("_NET_CLIENT_LIST_STACKING"))
+        if (atom == x.atom("_NET_CLIENT_LIST_STACKING") || atom == x.atom("_NET_CLIENT_LIST"))
             restackSoon();
     });
     x.watchRoot();
