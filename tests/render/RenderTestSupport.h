@@ -18,6 +18,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <gtest/gtest.h>
 
 namespace rendertest {
 
@@ -44,14 +45,26 @@ inline uint16_t toHalf(float v) {
     return bits;
 }
 
-inline HalfImage constantHalf(int w, int h, std::array<float, 4> rgba) {
+// What a float becomes once stored as a half: predictions start from the stored value.
+inline double halfRounded(double v) { return double(qfloat16(float(v))); }
+
+// A half RGBA raster whose pixel (x, y) is f(x, y).
+template <typename F>
+inline HalfImage halfImage(int w, int h, F f) {
     HalfImage img;
     img.width = w;
     img.height = h;
     img.pixels.resize(size_t(w) * h * 4);
-    for (size_t i = 0; i < size_t(w) * h; ++i)
-        for (int c = 0; c < 4; ++c) img.pixels[i * 4 + c] = toHalf(rgba[c]);
+    for (int y = 0; y < h; ++y)
+        for (int x = 0; x < w; ++x) {
+            const std::array<float, 4> v = f(x, y);
+            for (int c = 0; c < 4; ++c) img.pixels[(size_t(y) * w + x) * 4 + c] = toHalf(v[c]);
+        }
     return img;
+}
+
+inline HalfImage constantHalf(int w, int h, std::array<float, 4> rgba) {
+    return halfImage(w, h, [&](int, int) { return rgba; });
 }
 
 // The tone curve computed independently on the CPU, in double precision.
@@ -95,6 +108,80 @@ inline SceneUniforms plainUniforms(int w, int h) {
     u.tone = {1, 0, 0, 0};  // gamma 1
     return u;
 }
+
+using Rgb = std::array<double, 3>;
+
+// Expects the pixel to be linear light `l` through the plain curve (contrast 1, gamma 1), within
+// `tolerance` 8-bit steps (the dither alone moves a pixel by up to one).
+inline void expectLinear(const QImage &image, int x, int y, Rgb l, const std::string &what, int tolerance = 2) {
+    const Rgb want = agx(l, 1, 0, 1);
+    const std::array<int, 3> got = rgbAt(image, x, y);
+    for (int c = 0; c < 3; ++c)
+        EXPECT_NEAR(got[c], want[c] * 255, tolerance) << what << " at " << x << "," << y << " channel " << c;
+}
+
+// Linear value of an 8-bit sRGB level (the art textures are sRGB and read linear).
+inline double srgbToLinear(int v) {
+    const double c = v / 255.0;
+    return c <= 0.04045 ? c / 12.92 : std::pow((c + 0.055) / 1.055, 2.4);
+}
+
+// The linear grey whose tone-mapped 8-bit green (contrast 1, no offset, gamma 1) is `level`,
+// by bisection of the curve above (monotonic for grey).
+inline double greyForLevel(double level) {
+    double lo = 1e-6, hi = 64;
+    for (int i = 0; i < 100; ++i) {
+        const double mid = std::sqrt(lo * hi);
+        (agx({mid, mid, mid}, 1, 0, 1)[1] * 255 < level ? lo : hi) = mid;
+    }
+    return std::sqrt(lo * hi);
+}
+
+// One renderer per test suite, shared by its tests.
+class RendererTest : public ::testing::Test {
+protected:
+    static void SetUpTestSuite() { renderer = SceneRenderer::create().release(); }
+    static void TearDownTestSuite() {
+        delete renderer;
+        renderer = nullptr;
+    }
+    void SetUp() override { ASSERT_NE(renderer, nullptr) << "no Vulkan renderer on this machine"; }
+
+    static QImage render(const SceneUniforms &u, const SceneTextures &t, int w, int h) {
+        OffscreenTarget target(renderer->vulkan(), uint32_t(w), uint32_t(h));
+        renderer->draw(SceneRenderer::Pass{&target, u}, {}, std::nullopt, t);
+        renderer->waitIdle();
+        return target.readback();
+    }
+    // Lights the uniforms with one constant light texture of colour l, weight 1; returns the
+    // light as stored (halves).
+    static Rgb light(SceneUniforms &u, SceneTextures &t, Rgb l) {
+        u.mixCount = 1;
+        u.mixWeights = {1, 0, 0, 0};
+        t.mixes[0] = constant({float(l[0]), float(l[1]), float(l[2]), 1});
+        return {halfRounded(l[0]), halfRounded(l[1]), halfRounded(l[2])};
+    }
+    static TextureRef half(const HalfImage &image) { return TextureUpload::half(*renderer->vulkan(), image); }
+    static TextureRef constant(std::array<float, 4> rgba, int w = 8, int h = 8) {
+        return half(constantHalf(w, h, rgba));
+    }
+    // An 8-bit mask or shadow of one value everywhere.
+    static TextureRef art(const QImage &image) { return TextureUpload::art(*renderer->vulkan(), image); }
+    static TextureRef art(QColor colour) {
+        QImage image(4, 4, QImage::Format_RGBA8888);
+        image.fill(colour);
+        return art(image);
+    }
+    static TextureRef grey(uint8_t value, int w = 4, int h = 4) {
+        GrayImage g;
+        g.width = w;
+        g.height = h;
+        g.pixels.assign(size_t(w) * h, value);
+        return TextureUpload::gray(*renderer->vulkan(), g);
+    }
+
+    static inline SceneRenderer *renderer = nullptr;
+};
 
 }  // namespace rendertest
 

@@ -1,11 +1,10 @@
 #include "RenderTestSupport.h"
 
-#include "core/app/Log.h"
-#include "render/SceneRenderer.h"
-#include "render/TextureUpload.h"
-
-#include <QFile>
 #include <gtest/gtest.h>
+#include <map>
+
+// Light, tone curve and the finishing steps (vignette, grain, dither) of the composite shader,
+// and how a drawable with an origin agrees with the full-screen image.
 
 using namespace rendertest;
 
@@ -13,163 +12,167 @@ namespace {
 
 const bool envReady = (useLavapipeAndPrivateLog(), true);
 
-class Composite : public ::testing::Test {
+class Composite : public RendererTest {
 protected:
-    static void SetUpTestSuite() { renderer = SceneRenderer::create().release(); }
-    static void TearDownTestSuite() {
-        delete renderer;
-        renderer = nullptr;
+    // Per pixel of a grey image, the grain's normal deviate recovered from the 8-bit green:
+    // (linear − l) / (strength · √l).
+    static std::vector<double> grainOf(const QImage &image, double l, double strength) {
+        static std::map<int, double> greyOfLevel;
+        std::vector<double> out;
+        for (int y = 0; y < image.height(); ++y)
+            for (int x = 0; x < image.width(); ++x) {
+                const int level = qGreen(image.pixel(x, y));
+                if (!greyOfLevel.count(level)) greyOfLevel[level] = greyForLevel(level);
+                out.push_back((greyOfLevel[level] - l) / (strength * std::sqrt(l + 1e-4)));
+            }
+        return out;
     }
-    void SetUp() override { ASSERT_NE(renderer, nullptr) << "no Vulkan renderer on this machine"; }
-
-    QImage render(const SceneUniforms &u, const SceneTextures &t, int w, int h) {
-        OffscreenTarget target(renderer->vulkan(), uint32_t(w), uint32_t(h));
-        renderer->draw(SceneRenderer::Pass{&target, u}, {}, std::nullopt, t);
-        renderer->waitIdle();
-        return target.readback();
+    static std::pair<double, double> meanAndDeviation(const std::vector<double> &v) {
+        double sum = 0, sq = 0;
+        for (double e : v) sum += e;
+        const double mean = sum / v.size();
+        for (double e : v) sq += (e - mean) * (e - mean);
+        return {mean, std::sqrt(sq / v.size())};
     }
-    TextureRef light(std::array<float, 4> rgba, int w = 8, int h = 8) {
-        return TextureUpload::half(*renderer->vulkan(), constantHalf(w, h, rgba));
-    }
-    static void expectNear(std::array<int, 3> got, std::array<double, 3> want, int tolerance, const char *what) {
-        for (int c = 0; c < 3; ++c)
-            EXPECT_NEAR(got[c], want[c] * 255.0, tolerance) << what << " channel " << c;
-    }
-    static SceneRenderer *renderer;
 };
-SceneRenderer *Composite::renderer = nullptr;
 
-TEST_F(Composite, ConstantLightGivesTheToneCurveOfTheLight) {
-    const std::array<std::array<float, 4>, 3> lights{{{0.18f, 0.18f, 0.18f, 1}, {0.02f, 0.05f, 0.4f, 1},
-                                                      {3.0f, 1.2f, 0.6f, 1}}};
-    for (const auto &l : lights) {
-        SceneUniforms u = plainUniforms(32, 32);
-        u.mixCount = 1;
-        u.mixWeights = {0.5f, 0, 0, 0};
-        SceneTextures t;
-        t.mixes[0] = light(l);
-        const QImage out = render(u, t, 32, 32);
-        // Stored as half floats; the CPU side uses the same rounded values.
-        const auto want = agx({double(qfloat16(l[0])) * 0.5, double(qfloat16(l[1])) * 0.5,
-                               double(qfloat16(l[2])) * 0.5}, 1, 0, 1);
-        for (auto [x, y] : {std::pair{0, 0}, std::pair{31, 31}, std::pair{13, 7}})
-            expectNear(rgbAt(out, x, y), want, 2, "agx of the light");
-    }
-}
-
-TEST_F(Composite, ContrastOffsetAndGammaFollowTheCurve) {
+TEST_F(Composite, WeightedLightThroughTheToneCurve) {
+    const std::array<Rgb, 4> lights{{{0.18, 0.18, 0.18}, {0.02, 0.05, 0.4}, {3.0, 1.2, 0.6}, {0.25, 0.1, 0.05}}};
+    SceneTextures t;
+    for (int i = 0; i < 4; ++i) t.mixes[i] = constant({float(lights[i][0]), float(lights[i][1]), float(lights[i][2]), 1});
     SceneUniforms u = plainUniforms(16, 16);
+    u.mixWeights = {0.5f, 0.25f, 0.125f, 2.0f};
+    // Count 0 is black whatever the weights; each further term adds its weighted light.
+    Rgb sum{};
+    for (uint32_t n = 0; n <= 4; ++n) {
+        u.mixCount = n;
+        if (n > 0)
+            for (int c = 0; c < 3; ++c) sum[c] += halfRounded(lights[n - 1][c]) * u.mixWeights[n - 1];
+        expectLinear(render(u, t, 16, 16), 5, 9, sum, "terms " + std::to_string(n));
+    }
+    // Contrast and offset around middle grey, then the output gamma.
+    u.mixCount = 1;
     u.look = {0, 1.4f, 0, 0.05f};
     u.tone = {1.0f / 2.2f, 0, 0, 0};
-    u.mixCount = 1;
-    u.mixWeights = {1, 0, 0, 0};
-    SceneTextures t;
-    t.mixes[0] = light({0.25f, 0.1f, 0.05f, 1});
-    const auto want = agx({0.25, double(qfloat16(0.1f)), double(qfloat16(0.05f))}, 1.4, 0.05, 1.0 / 2.2);
-    expectNear(rgbAt(render(u, t, 16, 16), 5, 5), want, 2, "graded");
+    const Rgb graded = agx({0.5 * 0.18, 0.5 * halfRounded(0.18), 0.5 * halfRounded(0.18)}, 1.4, 0.05, 1.0 / 2.2);
+    const auto got = rgbAt(render(u, t, 16, 16), 3, 12);
+    for (int c = 0; c < 3; ++c) EXPECT_NEAR(got[c], graded[c] * 255, 2) << "graded channel " << c;
 }
 
-TEST_F(Composite, MixCountZeroGivesBlackLight) {
-    SceneUniforms u = plainUniforms(16, 16);
-    u.mixWeights = {1, 1, 1, 1};
+TEST_F(Composite, VignetteGrainAndDither) {
     SceneTextures t;
-    for (auto &m : t.mixes) m = light({5, 5, 5, 1});
-    const auto black = agx({0, 0, 0}, 1, 0, 1);
-    expectNear(rgbAt(render(u, t, 16, 16), 8, 8), black, 2, "no light terms");
-    u.mixCount = 4;
-    const auto lit = agx({20, 20, 20}, 1, 0, 1);
-    expectNear(rgbAt(render(u, t, 16, 16), 8, 8), lit, 2, "four light terms");
+    // Vignette on a plate twice as wide as high: both axes are measured in half widths.
+    SceneUniforms u = plainUniforms(64, 32);
+    const double l = light(u, t, {0.18, 0.18, 0.18})[0];
+    u.look.at(0) = 0.5f;
+    QImage image = render(u, t, 64, 32);
+    // d² at the pixel centres: corner (31.5² + 15.5²)/32², right edge (31.5² + 0.5²)/32²,
+    // bottom edge (0.5² + 15.5²)/32², centre 2 · 0.5²/32².
+    const std::array<std::tuple<int, int, double>, 4> points{
+        {{0, 0, 1.2036133}, {63, 16, 0.9692383}, {32, 31, 0.2348633}, {32, 16, 0.0004883}}};
+    for (auto [x, y, d2] : points) {
+        const double f = 1 - 0.5 * d2;
+        expectLinear(image, x, y, {l * f, l * f, l * f}, "vignette 0.5");
+    }
+    u.look.at(0) = 2.0f;  // strong enough to go below zero in the corner: black, not negative
+    image = render(u, t, 64, 32);
+    expectLinear(image, 0, 0, {0, 0, 0}, "vignette 2 corner");
+    expectLinear(image, 32, 31, {l * (1 - 2 * 0.2348633), l * (1 - 2 * 0.2348633), l * (1 - 2 * 0.2348633)},
+                 "vignette 2 bottom");
+
+    // Grain: a unit deviate (three uniform hashes, mean 0, range ±3) times strength · √mean.
+    u = plainUniforms(64, 64);
+    for (auto [level, strength] : {std::pair{0.5, 0.15}, std::pair{0.1, 0.08}}) {
+        const double g = light(u, t, {level, level, level})[0];
+        u.look.at(2) = float(strength);
+        const std::vector<double> grain = grainOf(render(u, t, 64, 64), g, strength);
+        const auto [mean, deviation] = meanAndDeviation(grain);
+        EXPECT_NEAR(mean, 0.0, 0.1) << "light " << level;
+        EXPECT_NEAR(deviation, 1.0, 0.1) << "light " << level;
+        EXPECT_LT(*std::max_element(grain.begin(), grain.end()), 3.4) << "light " << level;
+        EXPECT_GT(*std::min_element(grain.begin(), grain.end()), -3.4) << "light " << level;
+    }
+    // Fixed to the plate pixel: a plate shifted under the screen carries its grain along.
+    const double g = light(u, t, {0.5, 0.5, 0.5})[0];
+    u.look.at(2) = 0.15f;
+    const std::vector<double> still = grainOf(render(u, t, 64, 64), g, 0.15);
+    u.screenToPlate = Float3x3::fromRows<float>({{{1, 0, 7}, {0, 1, 3}, {0, 0, 1}}});
+    const std::vector<double> shifted = grainOf(render(u, t, 64, 64), g, 0.15);
+    double agree = 0, n = 0;
+    for (int y = 0; y + 3 < 64; ++y)
+        for (int x = 0; x + 7 < 64; ++x, ++n) agree += shifted[y * 64 + x] * still[(y + 3) * 64 + x + 7];
+    EXPECT_GT(agree / n, 0.9);  // correlation of two unit deviates, only the dither differs
+
+    // Dither: ±1 step (two uniform hashes), so a grey that falls between two 8-bit levels
+    // averages to its exact value instead of rounding, and no pixel strays past one step.
+    u = plainUniforms(64, 64);
+    const double between = greyForLevel(100.3);
+    const double grey = light(u, t, {between, between, between})[0];
+    const double exact = agx({grey, grey, grey}, 1, 0, 1)[1] * 255;
+    ASSERT_GT(exact - std::floor(exact), 0.2);  // the light is stored as a half: still between levels
+    ASSERT_LT(exact - std::floor(exact), 0.8);
+    image = render(u, t, 64, 64);
+    double sum = 0;
+    for (int y = 0; y < 64; ++y)
+        for (int x = 0; x < 64; ++x) {
+            const int level = qGreen(image.pixel(x, y));
+            sum += level;
+            ASSERT_LE(std::abs(level - exact), 1.6) << x << "," << y;
+        }
+    EXPECT_NEAR(sum / (64 * 64), exact, 0.08);
+}
+
+TEST_F(Composite, ALayerMatchesTheSameRegionOfTheFullImage) {
+    // A scaled, shifted plate under a 64×48 screen, lit unevenly, with the plate-fixed effects
+    // (vignette, grain, LED, live record) and the screen-fixed dither all on.
+    const int w = 64, h = 48;
+    SceneUniforms u = plainUniforms(100, 75);
+    u.screenToPlate = Float3x3::fromRows<float>({{{1.5f, 0, 2}, {0, 1.5f, 1}, {0, 0, 1}}});
+    SceneTextures t;
+    t.mixes[0] = half(halfImage(16, 16, [](int x, int y) {
+        return std::array<float, 4>{0.05f + x * 0.02f, 0.1f + y * 0.02f, 0.2f, 1};
+    }));
+    u.mixCount = 1;
+    u.mixWeights = {1, 0, 0, 0};
+    u.look = {0.4f, 1, 0.05f, 0};
+    u.led33 = {50, 40, 4, 1};
+    u.led33Color = {1, 0.5f, 0, 0};
+    u.recordInv = Float3x3::fromRows<float>({{{1 / 30.0f, 0, -50 / 30.0f}, {0, 1 / 30.0f, -37.5f / 30.0f}, {0, 0, 1}}});
+    u.recordGeo = {150, 40, 140, 50};
+    u.recordLight = {0.6f, 0.8f, 0.8f, 1};
+    u.recordColor = {1, 1, 1, 1};
+    u.bands[0] = {140, 90, 85, 60};
+    u.bandCount = 2;
+    const QImage full = render(u, t, w, h);
+    SceneUniforms layer = u;
+    layer.origin = {20, 12, 0, 0};
+    const QImage part = render(layer, t, 24, 16);
+    int differing = 0;
+    for (int y = 0; y < 16; ++y)
+        for (int x = 0; x < 24; ++x)
+            if (part.pixel(x, y) != full.pixel(20 + x, 12 + y)) ++differing;
+    EXPECT_EQ(differing, 0);
 }
 
 TEST_F(Composite, AnLedAddsLightAtItsCentreAndFadesAway) {
-    const int w = 64, h = 64;
-    SceneUniforms u = plainUniforms(w, h);
-    u.mixCount = 1;
-    u.mixWeights = {1, 0, 0, 0};
-    u.led33 = {32.5f, 20.5f, 3.0f, 1.0f};
-    u.led33Color = {0.0f, 2.0f, 0.0f, 0};
+    SceneUniforms u = plainUniforms(64, 64);
     SceneTextures t;
-    t.mixes[0] = light({0.05f, 0.05f, 0.05f, 1});
-    const QImage out = render(u, t, w, h);
-    const double base = double(qfloat16(0.05f));
-    // At the centre the core is exp(0) and the glow 0.03·exp(0).
-    expectNear(rgbAt(out, 32, 20), agx({base, base + 2.0 * 1.03, base}, 1, 0, 1), 2, "LED centre");
-    expectNear(rgbAt(out, 2, 60), agx({base, base + 2.0 * 0.03 * std::exp(-0.45 * std::hypot(30.0, 40.0) / 3.0), base}, 1, 0, 1),
-               2, "far corner");
-    EXPECT_GT(rgbAt(out, 32, 20)[1], rgbAt(out, 32, 26)[1]);
-    // A level of 0 is off.
-    u.led33.at(3) = 0;
-    expectNear(rgbAt(render(u, t, w, h), 32, 20), agx({base, base, base}, 1, 0, 1), 2, "LED off");
-}
-
-TEST_F(Composite, GroovesAppearOnlyInsideTheBands) {
-    const int w = 256, h = 256;
-    SceneUniforms u = plainUniforms(w, h);
-    u.mixCount = 1;
-    u.mixWeights = {1, 0, 0, 0};
-    // Record centred on the plate, 120 px to its rim: q = (p − c) / 120.
-    const float c = 128.0f;
-    u.recordInv = Float3x3::fromRows<float>({{{1 / 120.0f, 0, -c / 120.0f}, {0, 1 / 120.0f, -c / 120.0f}, {0, 0, 1}}});
-    u.recordGeo = {150, 50, 140, 60};
-    u.recordLight = {1, 0, 1, 1};
-    u.recordColor = {1, 1, 1, 1};
-    u.bands[0] = {130, 100, 0, 0};
-    u.bandCount = 1;
-    SceneTextures t;
-    t.mixes[0] = light({0.1f, 0.1f, 0.1f, 1});
-    auto at = [&](const QImage &img, double rmm) { return rgbAt(img, int(c + rmm * 0.8), int(c))[1]; };
-    const QImage grooved = render(u, t, w, h);
-    u.bandCount = 0;
-    const QImage smooth = render(u, t, w, h);
-    // Inside the band the sheen is full; in the gap and outside it stays at 15 %.
-    EXPECT_GT(at(grooved, 115), at(grooved, 90) + 20);
-    EXPECT_GT(at(grooved, 115), at(grooved, 136) + 20);
-    EXPECT_GT(at(grooved, 115), at(smooth, 115) + 20);
-    EXPECT_NEAR(at(grooved, 90), at(smooth, 90), 2);
-    EXPECT_NEAR(at(grooved, 136), at(smooth, 136), 2);
-    // The label area (inside 50 mm + 0.3) is not the live record: only the plate's light.
-    const auto plain = agx({double(qfloat16(0.1f)), double(qfloat16(0.1f)), double(qfloat16(0.1f))}, 1, 0, 1);
-    EXPECT_NEAR(at(grooved, 20), plain[1] * 255, 2);
-}
-
-TEST_F(Composite, ShowcaseOffLeavesTheArtUnlifted) {
-    const int w = 32, h = 32;
-    SceneUniforms u = plainUniforms(w, h);
-    u.mixCount = 1;
-    u.mixWeights = {1, 0, 0, 0};
-    u.coverMaskRect = {0, 0, float(w), float(h)};
-    u.coverInv = Float3x3::fromRows<float>({{{1.0f / w, 0, 0}, {0, 1.0f / h, 0}, {0, 0, 1}}});
-    u.cover = {1, 0, 0, 0};
-    SceneTextures t;
-    t.mixes[0] = light({0.02f, 0.02f, 0.02f, 1});
-    QImage artImage(4, 4, QImage::Format_RGBA8888);
-    artImage.fill(QColor(255, 255, 255));
-    t.artNew = t.artOld = TextureUpload::art(*renderer->vulkan(), artImage);
-    GrayImage mask;
-    mask.width = mask.height = 1;
-    mask.pixels = {255};
-    t.coverMask = TextureUpload::gray(*renderer->vulkan(), mask);
-    const double l = double(qfloat16(0.02f));
-    // showcase.x = 0: gain 1 whatever the other fields say.
-    u.showcase = {0, 8, 0.5f, 0};
-    u.tone.at(2) = 8;
-    expectNear(rgbAt(render(u, t, w, h), 16, 16), agx({l, l, l}, 1, 0, 1), 2, "showcase off");
-    // With a floor of 0.1 the white art under 0.02 of light is lifted 5×.
-    u.showcase = {0.1f, 8, 0, 0};
-    u.artMean = {1, 1, 1, 0};
-    expectNear(rgbAt(render(u, t, w, h), 16, 16), agx({0.1, 0.1, 0.1}, 1, 0, 1), 3, "showcase floor");
+    const double base = light(u, t, {0.05, 0.05, 0.05})[0];
+    u.led45 = {32.5f, 20.5f, 3.0f, 1.0f};
+    u.led45Color = {0.0f, 2.0f, 0.0f, 0};
+    const QImage out = render(u, t, 64, 64);
+    // At the centre the core is exp(0) and the glow 0.03·exp(0); 50 px away only the glow.
+    expectLinear(out, 32, 20, {base, base + 2.0 * 1.03, base}, "LED centre");
+    expectLinear(out, 2, 60, {base, base + 2.0 * 0.03 * std::exp(-0.45 * 50 / 3.0), base}, "far corner");
+    u.led45.at(3) = 0;  // level 0 is off
+    expectLinear(render(u, t, 64, 64), 32, 20, {base, base, base}, "LED off");
 }
 
 TEST(CompositeCreation, ABrokenShaderLeavesNoRendererAndIsLogged) {
     ShaderLibrary broken = ShaderLibrary::embedded();
     broken.composite = {0xdeadbeef, 1, 2, 3, 4, 5};
     EXPECT_EQ(SceneRenderer::create(broken), nullptr);
-    const QString log = QString::fromUtf8([] {
-        QFile f(Log::path());
-        f.open(QIODevice::ReadOnly);
-        return f.readAll();
-    }());
-    EXPECT_TRUE(log.contains(QStringLiteral("Cena: shader não compilou: "))) << log.toStdString();
+    EXPECT_TRUE(readLog().contains(QStringLiteral("Cena: shader não compilou: "))) << readLog().toStdString();
 }
 
 }  // namespace

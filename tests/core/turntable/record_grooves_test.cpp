@@ -51,27 +51,48 @@ TEST(RecordGrooves, OneTrackSideIsOneBandAndNoTrackIsTheMadeUpAlbum) {
     EXPECT_EQ(int(first.bands.size()), int(std::ceil(RecordGrooves::assumedCount("Q", 0) * 0.5)));
 }
 
-TEST(RecordSpin, EasesUpAndDownContinuously) {
+// Angles worked out by hand: from rest towards speed w with time constant tau, the angle after
+// dt is w·dt − w·tau·(1 − e^(−dt/tau)); slowing from w to rest it adds w·tau·(1 − e^(−dt/tau)).
+TEST(RecordSpin, AngleFollowsTheEasedSpeed) {
+    const double w = 2 * M_PI * 100 / 3 / 60;  // 33⅓ rpm: one turn every 1.8 s
+    auto wrap = [](double a) { return a - 2 * M_PI * std::floor(a / (2 * M_PI)); };
     RecordSpin s;
     s.set(true, 10);
-    EXPECT_DOUBLE_EQ(s.angle(10), 0);
-    EXPECT_NEAR(s.speed(12), RecordSpin::playSpeed, 1e-4);
-    const double before = s.angle(13);
-    s.set(false, 13);
-    EXPECT_NEAR(s.angle(13), before, 1e-12);
-    EXPECT_NEAR(s.speed(13), RecordSpin::playSpeed, 1e-4);
-    EXPECT_LT(s.speed(15), 0.01);
-    // Stopped target and a negligible speed: the next start begins from rest.
-    s.set(true, 20);
-    s.set(false, 20.0001);
-    EXPECT_GT(s.omega0, 0);
+    EXPECT_EQ(s.angle(10), 0);
+    EXPECT_EQ(s.angle(9.5), 0);  // a time before the change counts as the change
+    EXPECT_NEAR(s.angle(10.16), w * 0.16 / M_E, 1e-12);  // spin-up, tau 0.16
+    EXPECT_NEAR(s.speed(10.16), w * (1 - 1 / M_E), 1e-12);
+    EXPECT_NEAR(s.angle(13), wrap(w * (3 - 0.16)), 1e-7);  // steady (e^(−18.75) left), w·0.16 behind
+    EXPECT_NEAR(s.angle(14.8), s.angle(13), 1e-7);
+    EXPECT_NEAR(s.angle(13.45), wrap(s.angle(13) + M_PI / 2), 1e-7);
+    s.set(true, 12);  // same target: nothing changes
+    EXPECT_EQ(s.t0, 10);
+    s.set(false, 20);  // spin-down, tau 0.22: coasts w·0.22 further
+    const double stopAt = wrap(w * (10 - 0.16));
+    EXPECT_NEAR(s.angle(20), stopAt, 1e-9);
+    EXPECT_NEAR(s.angle(20.22), wrap(stopAt + w * 0.22 * (1 - 1 / M_E)), 1e-9);
+    EXPECT_NEAR(s.angle(30), wrap(stopAt + w * 0.22), 1e-9);
+    EXPECT_NEAR(s.speed(30), 0, 1e-12);
+
+    // Stopped 0.1 s after starting: it coasts from the speed it had reached; once that is below
+    // 0.01 rad/s the next start begins from rest.
     RecordSpin r;
     r.set(true, 0);
-    r.set(false, 0.5);
-    r.set(true, 5);  // speed ≈ 0 by now
+    r.set(false, 0.1);
+    const double v = w * (1 - std::exp(-0.1 / 0.16)), a = w * 0.1 - w * 0.16 * (1 - std::exp(-0.1 / 0.16));
+    EXPECT_NEAR(r.angle(0.1), a, 1e-12);
+    EXPECT_NEAR(r.angle(5), a + v * 0.22, 1e-9);
+    r.set(true, 5);
     EXPECT_EQ(r.omega0, 0);
-    EXPECT_GE(r.angle(7), 0);
-    EXPECT_LT(r.angle(7), 2 * M_PI);
+    EXPECT_NEAR(r.angle(5.16), a + v * 0.22 + w * 0.16 / M_E, 1e-9);
+    RecordSpin quick;
+    quick.set(true, 20);
+    quick.set(false, 20.0001);  // below 0.01 rad/s, but the old target was not rest: kept
+    EXPECT_NEAR(quick.omega0, w * (1 - std::exp(-0.0001 / 0.16)), 1e-12);
+    quick.set(true, 30);  // from rest again
+    quick.set(false, 31);
+    quick.set(true, 31.1);  // still turning: carried over
+    EXPECT_NEAR(quick.omega0, w * (1 - std::exp(-1 / 0.16)) * std::exp(-0.1 / 0.22), 1e-12);
 }
 
 }  // namespace
