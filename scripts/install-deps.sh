@@ -20,6 +20,7 @@ PACKAGES=(
   xfconf libxfconf-0-3 libglib2.0-bin
   mpv mpv-mpris
   python3-dbusmock
+  openbox xfwm4 xfdesktop4 i3-wm xcompmgr xdotool x11-utils x11-apps x11-xserver-utils imagemagick
 )
 
 missing=()

@@ -52,7 +52,8 @@ SceneView::SceneView(const Services &services, std::unique_ptr<SceneRenderer> r,
 
     GPUClock &clock = renderer->gpuClock();
     scheduler = std::make_unique<FrameScheduler>(
-        baseFps, [&clock] { return clock.take(); }, [this](double t) { frame(t); });
+        // Frames run on the media clock that the player, the cross-fades and the spin use.
+        baseFps, [&clock] { return clock.take(); }, [this](double) { frame(PlayerState::mediaTime()); });
     scheduler->describeState = [this] { return describeState(); };
     scheduler->animatedArea = [this] { return animatedArea(); };
     scheduler->attach(s.windows, s.session);
@@ -70,6 +71,7 @@ SceneView::SceneView(const Services &services, std::unique_ptr<SceneRenderer> r,
             else if (loaded) frame(PlayerState::mediaTime());
         };
         baseWindow->create();
+        baseWindow->show();
         VkSurfaceKHR surface = QVulkanInstance::surfaceForWindow(baseWindow.get());
         if (surface) {
             baseTarget = std::make_unique<SwapchainTarget>(vk, surface, uint32_t(host->width()), uint32_t(host->height()));
@@ -255,33 +257,30 @@ void SceneView::relayout() {
     if (baseWindow) baseWindow->setGeometry(QRect(QPoint(0, 0), host->size()));
     if (baseTarget) baseTarget->resize(uint32_t(screenSize.width()), uint32_t(screenSize.height()));
 
-    // The moving layer covers the record, the arm and the LEDs, and the steam when it is on:
-    // a child window cannot be translucent over its parent, so the steam is laid over that
-    // layer's own pixels.
-    QRect moving = SceneFrame::plateRectOnScreen(loaded->dynPlateRect, screenToPlate, screenSize);
-    if (steamOn && steamPlateRect)
-        moving = moving.united(SceneFrame::plateRectOnScreen(*steamPlateRect, screenToPlate, screenSize));
-    if (moving != dynRect || !dynWindow) {
-        dynRect = moving;
-        if (dynRect.isEmpty()) {
-            dynTarget.reset();
-            dynWindow.reset();
-        } else {
-            makeLayer(dynWindow, dynTarget, dynRect);
-        }
-    }
-    const QRect glass = rainDrawn() ? glassOnScreen() : QRect();
-    if (glass != rainRect || (glass.isEmpty() != !rainWindow)) {
-        rainRect = glass;
-        if (rainRect.isEmpty()) {
-            rainTarget.reset();
-            rainWindow.reset();
-        } else {
-            makeLayer(rainWindow, rainTarget, rainRect);
-        }
-    }
+    // Each moving part is a small window of its own: the record, arm and LEDs; the steam
+    // (the room's pixels there with the steam laid over them, since a child window cannot be
+    // translucent over its parent); the rain on the glass.
+    placeLayer(dynWindow, dynTarget, dynRect,
+               SceneFrame::plateRectOnScreen(loaded->dynPlateRect, screenToPlate, screenSize));
+    placeLayer(steamWindow, steamTarget, steamRect,
+               steamOn && steamPlateRect ? SceneFrame::plateRectOnScreen(*steamPlateRect, screenToPlate, screenSize)
+                                         : QRect());
+    placeLayer(rainWindow, rainTarget, rainRect, rainDrawn() ? glassOnScreen() : QRect());
     baseDirty = true;
     if (drewFirstFrame) frame(PlayerState::mediaTime());
+}
+
+void SceneView::placeLayer(std::unique_ptr<LayerWindow> &window, std::unique_ptr<SwapchainTarget> &target,
+                           QRect &current, const QRect &wanted) {
+    if (wanted == current && (wanted.isEmpty() || window)) return;
+    current = wanted;
+    if (wanted.isEmpty()) {
+        if (renderer) renderer->waitIdle();
+        target.reset();
+        window.reset();
+    } else {
+        makeLayer(window, target, wanted);
+    }
 }
 
 void SceneView::makeLayer(std::unique_ptr<LayerWindow> &window, std::unique_ptr<SwapchainTarget> &target,
@@ -307,16 +306,18 @@ void SceneView::makeLayer(std::unique_ptr<LayerWindow> &window, std::unique_ptr<
     }
     target = std::make_unique<SwapchainTarget>(renderer->vulkan(), surface, uint32_t(rect.width()), uint32_t(rect.height()));
     window->show();
-    layerPasses.reserve(2);
+    layerPasses.reserve(3);
 }
 
 void SceneView::destroyLayers() {
     if (renderer) renderer->waitIdle();
     dynTarget.reset();
+    steamTarget.reset();
     rainTarget.reset();
     dynWindow.reset();
+    steamWindow.reset();
     rainWindow.reset();
-    dynRect = rainRect = QRect();
+    dynRect = steamRect = rainRect = QRect();
 }
 
 std::optional<QRect> SceneView::animatedArea() const {
@@ -387,9 +388,13 @@ void SceneView::frame(double t) {
     if (dynTarget) {
         SceneRenderer::Pass pass{dynTarget.get(), uniforms, std::nullopt};
         pass.uniforms.origin = {float(dynRect.x()), float(dynRect.y()), 0, 0};
-        if (steamOn && steamPlateRect)
-            pass.steamOver = SceneFrame::steam(uniforms, *steamPlateRect,
-                                               {float(dynRect.x()), float(dynRect.y()), 1, 0}, t - steamClock);
+        layerPasses.push_back(pass);
+    }
+    if (steamTarget && steamOn && steamPlateRect) {
+        SceneRenderer::Pass pass{steamTarget.get(), uniforms, std::nullopt};
+        pass.uniforms.origin = {float(steamRect.x()), float(steamRect.y()), 0, 0};
+        pass.steamOver =
+            SceneFrame::steam(uniforms, *steamPlateRect, {float(steamRect.x()), float(steamRect.y()), 1, 0}, t - steamClock);
         layerPasses.push_back(pass);
     }
     const bool rain = rainDrawn();

@@ -92,6 +92,8 @@ private:
     void historyChanged();
     void ensurePresets();
     void retargetArm();
+    void placeLayer(std::unique_ptr<LayerWindow> &window, std::unique_ptr<SwapchainTarget> &target, QRect &current,
+                    const QRect &wanted);
     void makeLayer(std::unique_ptr<LayerWindow> &window, std::unique_ptr<SwapchainTarget> &target, const QRect &rect);
     void destroyLayers();
     Blend currentBlend(double t) const;
@@ -106,10 +108,10 @@ private:
     std::unique_ptr<CoverArt> cover;
 
     // Windows and their swapchains: targets go before their windows (the window owns the surface).
-    std::unique_ptr<LayerWindow> baseWindow, dynWindow, rainWindow;
-    std::unique_ptr<SwapchainTarget> baseTarget, dynTarget, rainTarget;
+    std::unique_ptr<LayerWindow> baseWindow, dynWindow, steamWindow, rainWindow;
+    std::unique_ptr<SwapchainTarget> baseTarget, dynTarget, steamTarget, rainTarget;
     std::unique_ptr<BaseSurface> base;
-    QRect dynRect, rainRect;  // in the host window, pixels
+    QRect dynRect, steamRect, rainRect;  // in the host window, pixels
 
     std::unique_ptr<LoadedScene> loaded;
     int loadGeneration = 0;

@@ -11,8 +11,10 @@
 #include <QImage>
 #include <QRegularExpression>
 #include <QThread>
-#include <X11/Xlib.h>
 #include <gtest/gtest.h>
+// After gtest: Xlib's macros (None, Bool, Status) would clash with its templates.
+#include <X11/Xlib.h>
+#include <X11/Xutil.h>
 
 using namespace testsupport;
 
