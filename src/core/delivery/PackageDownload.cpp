@@ -8,6 +8,7 @@
 #include <QFileInfo>
 #include <QJsonDocument>
 #include <QJsonObject>
+#include <QLocale>
 #include <QSaveFile>
 #include <QStorageInfo>
 #include <QUrl>
@@ -42,9 +43,7 @@ void PackageDownload::discard(const QString &dir, const SceneCatalog::Entry &e)
 
 QString PackageDownload::formatBytes(qint64 bytes)
 {
-    if (bytes >= 1000LL * 1000 * 1000)
-        return QString::number(double(bytes) / 1e9, 'f', 1) + QStringLiteral(" GB");
-    return QString::number(std::max<qint64>(1, (bytes + 999999) / 1000000)) + QStringLiteral(" MB");
+    return QLocale().formattedDataSize(bytes, 1, QLocale::DataSizeSIFormat);
 }
 
 void PackageDownload::start()

@@ -56,7 +56,7 @@ public:
     static QString recordPath(const QString &downloadsDir, const SceneCatalog::Entry &entry);
     // Removes the partial file and its record.
     static void discard(const QString &downloadsDir, const SceneCatalog::Entry &entry);
-    // "1.2 GB", "340 MB": the amount shown in the free-space text.
+    // "1.2 GB", "340.5 MB" in the user's locale: the amount shown in the free-space text.
     static QString formatBytes(qint64 bytes);
 
 private:

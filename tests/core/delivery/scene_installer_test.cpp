@@ -93,34 +93,15 @@ protected:
     QString scenes() const { return root() + "/Scenes"; }
     QString newLog() const { return QString::fromUtf8(readFile(Log::path()).mid(logStart)); }
 
-    // A base package of `plateBytes` random bytes published as `file`; returns its entry.
     SceneCatalog::Entry publishBase(const QString &file, const QString &scenario, qint64 plateBytes, quint32 seed = 1)
     {
-        const QString folder = tmp.path() + "/src/" + scenario;
-        makeSceneFolder(folder, scenario, plateBytes, seed);
-        const QString zip = server.scenesDir() + "/" + file;
-        EXPECT_TRUE(writeZip(zip, entriesOf(folder)));
-        SceneCatalog::Entry e = entryFor(zip, scenario, "Apartment " + scenario);
-        e.scene = QStringLiteral("apt");
-        return e;
+        return publishScene(server.scenesDir(), tmp.path(), file, scenario, plateBytes, seed);
     }
     SceneCatalog::Entry publishZip(const QString &file, const std::vector<ZipEntry> &entries, const QString &id)
     {
-        const QString zip = server.scenesDir() + "/" + file;
-        EXPECT_TRUE(writeZip(zip, entries));
-        SceneCatalog::Entry e = entryFor(zip, id, id);
-        e.scene = QStringLiteral("apt");
-        return e;
+        return scenepackages::publishZip(server.scenesDir(), file, entries, id);
     }
-    // nginx's entity tag is modification second and size: each catalog gets a later second so
-    // that two catalogs written within one second never share a tag.
-    void serve(const QList<SceneCatalog::Entry> &entries)
-    {
-        writeCatalog(server.scenesDir(), entries);
-        QFile f(server.scenesDir() + "/manifest");
-        f.open(QIODevice::ReadWrite);
-        f.setFileTime(QDateTime::currentDateTime().addSecs(++catalogSerial), QFileDevice::FileModificationTime);
-    }
+    void serve(const QList<SceneCatalog::Entry> &entries) { writeCatalog(server.scenesDir(), entries); }
     // nginx writes quotes in its log as \x22.
     static QString logged(QString header) { return header.replace("\"", "\\x22"); }
 
@@ -147,7 +128,6 @@ protected:
     std::unique_ptr<SceneInstaller> installer;
     std::vector<std::pair<std::chrono::seconds, std::function<void()>>> scheduled;
     int installedCalls = 0;
-    int catalogSerial = 0;
     qint64 logStart = 0;
 };
 
@@ -439,8 +419,12 @@ TEST_F(SceneInstallerTest, TooLittleDiskSpaceStopsBeforeDownloading)
     const qint64 missing = 2 * entry.size - 1000000;
     EXPECT_EQ(installer->phase().message,
               "Not enough disk space for the room. Free up " + PackageDownload::formatBytes(missing));
-    EXPECT_EQ(PackageDownload::formatBytes(missing), QStringLiteral("6 MB"));
-    EXPECT_EQ(PackageDownload::formatBytes(2500000000LL), QStringLiteral("2.5 GB"));
+    // The amount is written in the user's locale.
+    const QLocale saved;
+    QLocale::setDefault(QLocale(QLocale::German, QLocale::Germany));
+    EXPECT_EQ(PackageDownload::formatBytes(2500000000LL), QStringLiteral("2,5 GB"));
+    EXPECT_EQ(PackageDownload::formatBytes(340500000LL), QStringLiteral("340,5 MB"));
+    QLocale::setDefault(saved);
     EXPECT_TRUE(packageLines("apt-1.zip").isEmpty());
     ASSERT_EQ(scheduled.size(), 1u);
 }
@@ -497,6 +481,16 @@ TEST_F(SceneInstallerTest, FramingsInstallBesideTheBaseAndFailAlone)
     EXPECT_FALSE(QFileInfo::exists(root() + "/Framing.incoming"));
     EXPECT_FALSE(QFileInfo::exists(root() + "/Framing.old"));
     EXPECT_TRUE(scheduled.empty());  // framing failures are the tile's business, not retried
+
+    // A name that would lead out of "Scenes" is refused as such, before any download.
+    for (const QString &bad : {QStringLiteral("../mid"), QStringLiteral("mid\n")}) {
+        installer->installFraming(installer->framingEntries().value("mid"), bad);
+        ASSERT_TRUE(waitUntil([&] { return !installer->framingRunning(); }, 30s));
+        EXPECT_TRUE(installer->framingFailed().contains(bad));
+        EXPECT_TRUE(newLog().contains("Cenas: falhou: enquadramento " + bad + ": enquadramento inválido: " + bad))
+            << newLog().toStdString();
+    }
+    EXPECT_FALSE(QFileInfo::exists(root() + "/mid"));
 }
 
 TEST(SceneInstallerRecovery, PutsBackAWholeSceneFromEveryInterruptedState)
