@@ -4,6 +4,7 @@
 // delivery tests and benchmarks. Zips are written with libarchive, as the publisher does.
 
 #include "core/delivery/SceneCatalog.h"
+#include "core/scene/PlateManifest.h"
 
 #include <QCryptographicHash>
 #include <QDateTime>
@@ -59,6 +60,19 @@ inline void makeSceneFolder(const QString &dir, const QString &scenario, qint64 
     put(dir + QStringLiteral("/manifest.json"), manifestJson(scenario));
     put(dir + QStringLiteral("/wide/light/sun.exr"), randomBytes(plateBytes, seed));
     put(dir + QStringLiteral("/wide/cover_mask.png"), QByteArray(64, '\x7f'));
+}
+
+// The "scenario" of the manifest in `sceneRoot`, or none when it is missing or does not decode.
+inline std::optional<QString> scenarioAt(const QString &sceneRoot)
+{
+    QFile f(sceneRoot + QStringLiteral("/manifest.json"));
+    if (!f.open(QIODevice::ReadOnly))
+        return std::nullopt;
+    try {
+        return PlateManifest::decode(f.readAll()).scenario;
+    } catch (const std::exception &) {
+        return std::nullopt;
+    }
 }
 
 struct ZipEntry {

@@ -1,14 +1,12 @@
 #include "NginxServer.h"
 #include "ScenePackages.h"
 #include "TestSupport.h"
-#include "core/scene/PlateManifest.h"
 
 #include <QTemporaryDir>
 #include <gtest/gtest.h>
 
 using namespace scenepackages;
 using testsupport::builtTool;
-using testsupport::readFile;
 using testsupport::runTool;
 using testsupport::ToolResult;
 
@@ -27,9 +25,6 @@ TEST(TurneloSync, ExitsZeroOnlyWhenTheOfferedSceneIsInstalled)
                        {"--root", root, "--url", server.baseURL(), "--settings", tmp.path() + "/settings.json"},
                        {"XDG_STATE_HOME=" + tmp.path() + "/state", "XDG_DATA_HOME=" + tmp.path() + "/data"});
     };
-    const auto installedScenario = [&] {
-        return PlateManifest::decode(readFile(root + "/Scenes/manifest.json")).scenario;
-    };
     const auto expectFailure = [](const ToolResult &r, const char *reason) {
         EXPECT_EQ(r.exitCode, 1);
         EXPECT_FALSE(r.out.contains("ready")) << r.out.constData();
@@ -41,7 +36,7 @@ TEST(TurneloSync, ExitsZeroOnlyWhenTheOfferedSceneIsInstalled)
     ToolResult r = sync();
     EXPECT_EQ(r.exitCode, 0) << r.err.constData();
     EXPECT_TRUE(r.out.trimmed().endsWith("ready")) << r.out.constData();
-    EXPECT_EQ(installedScenario(), QStringLiteral("first"));
+    EXPECT_EQ(scenarioAt(root + "/Scenes"), QStringLiteral("first"));
     r = sync();  // already current
     EXPECT_EQ(r.exitCode, 0) << r.err.constData();
 
@@ -64,7 +59,7 @@ TEST(TurneloSync, ExitsZeroOnlyWhenTheOfferedSceneIsInstalled)
     server.stop();
     expectFailure(sync(), "falha de rede ao buscar o catálogo");
 
-    EXPECT_EQ(installedScenario(), QStringLiteral("first"));
+    EXPECT_EQ(scenarioAt(root + "/Scenes"), QStringLiteral("first"));
     EXPECT_FALSE(QFileInfo::exists(tmp.path() + "/escape.txt"));
 }
 

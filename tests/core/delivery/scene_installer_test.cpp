@@ -41,15 +41,6 @@ const std::string kHome = [] {
     return dir;
 }();
 
-std::optional<QString> scenarioAt(const QString &sceneRoot)
-{
-    try {
-        return PlateManifest::decode(readFile(sceneRoot + "/manifest.json")).scenario;
-    } catch (const std::exception &) {
-        return std::nullopt;
-    }
-}
-
 class SceneInstallerTest : public ::testing::Test {
 protected:
     void SetUp() override
