@@ -9,8 +9,9 @@
 class QFileSystemWatcher;
 
 // Every user choice and developer switch, one key each, in the settings of organisation "quelt",
-// application "turnelo" ("turnelo-dev" for a development build, whose data and log are apart too). Nothing is pre-registered: each accessor applies its key's default
-// when the key is absent. Setters write at once, so nothing has to be saved at quit.
+// application "turnelo" ("turnelo-dev" for a development build, whose data and log are apart
+// too). Nothing is pre-registered: each accessor applies its key's default when the key is
+// absent. Setters write at once, so nothing has to be saved at quit.
 //
 // Observable keys (the effect switches, "framing", "lightPreset") emit their signal on the
 // main thread after a change made through this object or by another process (another process
