@@ -149,6 +149,11 @@ protected:
 TEST_F(GeneratedScene, ManifestHasEverySectionAndTheSummaryCountsTheFiles)
 {
     EXPECT_TRUE(manifest.view && manifest.tonemap && manifest.showcase && manifest.scenario);
+    for (const auto &[name, preset] : manifest.presets) {
+        EXPECT_TRUE(preset.count("record_light") && preset.at("record_light").isNested()) << name.toStdString();
+        EXPECT_TRUE(preset.count("exposure_by_scenario") && preset.at("exposure_by_scenario").isObject())
+            << name.toStdString();
+    }
     ASSERT_EQ(manifest.framings.size(), 2u);
     for (const auto &[name, f] : manifest.framings) {
         EXPECT_EQ(f.size[0], plateW);
