@@ -94,6 +94,17 @@ TEST_F(FileDownloadTest, PartialContentFromElsewhereEmptiesTheFileAsRefusedRange
     EXPECT_EQ(QFileInfo(local("out")).size(), 0);
 }
 
+TEST_F(FileDownloadTest, RedirectsAreFollowedAndTheFinalAnswerCounts)
+{
+    for (const QString &name : {QStringLiteral("moved302-plain.bin"), QStringLiteral("moved308-plain.bin")}) {
+        SCOPED_TRACE(name.toStdString());
+        const Transfer t = fetch(url(name), local(name), body.size());
+        ASSERT_TRUE(t.outcome.result);
+        EXPECT_EQ(t.outcome.result->status, 200);
+        EXPECT_EQ(readFile(local(name)), body);
+    }
+}
+
 TEST_F(FileDownloadTest, ErrorBodyIsCappedAndRetryAfterKept)
 {
     const Transfer t = fetch(url("missing-file.zip"), local("out"), 10);

@@ -72,6 +72,7 @@ TEST(SceneCatalog, RejectsOtherVersionsAndBrokenDocuments)
 TEST(SceneCatalog, ComparesVersionsPieceByPiece)
 {
     EXPECT_EQ(SceneCatalog::compare("1.2", "1.2.0"), Order::same);
+    EXPECT_EQ(SceneCatalog::compare("1.2.0", "1.2"), Order::same);
     EXPECT_EQ(SceneCatalog::compare("1.10", "1.9"), Order::descending);
     EXPECT_EQ(SceneCatalog::compare("1.9", "1.10"), Order::ascending);
     EXPECT_EQ(SceneCatalog::compare("1.x", "1.0"), Order::same);
