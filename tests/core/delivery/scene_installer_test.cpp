@@ -388,6 +388,14 @@ TEST_F(SceneInstallerTest, WithoutAnInstalledSceneFailuresShowTheirText)
     EXPECT_TRUE(scheduled.empty());
     EXPECT_TRUE(packageLines("apt-9.zip").isEmpty());
 
+    // A precondition that keeps failing: started over once, then given up with the user's text.
+    serve({publishBase("refused-apt.zip", "refused", 1000)});
+    syncAndWait();
+    EXPECT_EQ(installer->phase().message, QString::fromUtf8(PackageDownload::kChangedOnServerText));
+    EXPECT_TRUE(newLog().contains("Cenas: arquivo mudou no servidor (412), recomeçando"));
+    EXPECT_TRUE(newLog().contains("o servidor recusou o download de refused-apt.zip de novo (412)"));
+    EXPECT_EQ(packageLines("refused-apt.zip").size(), 2);
+
     // Too little disk space stops before any request: the package plus its unpacked estimate
     // (the package size again), less what is free, is the amount to free.
     const auto big = publishBase("apt-1.zip", "big", 3000000);
@@ -396,7 +404,7 @@ TEST_F(SceneInstallerTest, WithoutAnInstalledSceneFailuresShowTheirText)
     EXPECT_EQ(installer->phase().message,
               "Not enough disk space for the room. Free up " + PackageDownload::formatBytes(2 * big.size - 1000000));
     EXPECT_TRUE(packageLines("apt-1.zip").isEmpty());
-    ASSERT_EQ(scheduled.size(), 1u);
+    ASSERT_EQ(scheduled.size(), 2u);
     // The amount is written in the user's locale.
     const QLocale saved;
     QLocale::setDefault(QLocale(QLocale::German, QLocale::Germany));
