@@ -4,7 +4,9 @@
 //   turnelo-defaults read-type KEY
 //   turnelo-defaults write KEY (-bool|-int|-float|-string|-dict) VALUE
 //   turnelo-defaults delete KEY
-// The settings file is the user's, or the one named by --file PATH before the verb.
+// The settings file is the one the app of the same build uses (quelt/turnelo-dev.json for a
+// development build, quelt/turnelo.json for a release), or the one named by --file PATH before
+// the verb.
 #include "core/app/JsonSettingsFormat.h"
 #include "core/app/Settings.h"
 

@@ -21,6 +21,7 @@
 #include <QFileInfo>
 #include <QSaveFile>
 #include <QTextStream>
+#include <memory>
 
 #include <archive.h>
 #include <archive_entry.h>
@@ -49,22 +50,21 @@ Packed writePackage(const QString &folder, const QString &prefix, const QString 
     if (names.isEmpty())
         throw Failure(QStringLiteral("nothing to package in %1").arg(folder));
 
-    archive *a = archive_write_new();
+    const std::unique_ptr<archive, int (*)(archive *)> owned(archive_write_new(), archive_write_free);
+    archive *a = owned.get();
     archive_write_set_format_zip(a);
     if (store)
         archive_write_set_options(a, "zip:compression=store");
-    if (archive_write_open_filename(a, QFile::encodeName(zipPath).constData()) != ARCHIVE_OK) {
-        const QString error = QString::fromUtf8(archive_error_string(a));
-        archive_write_free(a);
-        throw Failure(QStringLiteral("cannot write %1: %2").arg(zipPath, error));
-    }
+    if (archive_write_open_filename(a, QFile::encodeName(zipPath).constData()) != ARCHIVE_OK)
+        throw Failure(QStringLiteral("cannot write %1: %2").arg(zipPath, QString::fromUtf8(archive_error_string(a))));
     Packed packed{zipPath, 0};
     QByteArray block(1 << 20, Qt::Uninitialized);
     for (const QString &name : names) {
         QFile file(folder + QLatin1Char('/') + name);
         if (!file.open(QIODevice::ReadOnly))
             throw Failure(QStringLiteral("cannot read %1").arg(file.fileName()));
-        archive_entry *e = archive_entry_new();
+        const std::unique_ptr<archive_entry, void (*)(archive_entry *)> owned(archive_entry_new(), archive_entry_free);
+        archive_entry *e = owned.get();
         archive_entry_copy_pathname(e, (prefix + name).toUtf8().constData());
         archive_entry_set_filetype(e, AE_IFREG);
         archive_entry_set_perm(e, 0644);
@@ -78,11 +78,9 @@ Packed writePackage(const QString &folder, const QString &prefix, const QString 
                 throw Failure(QStringLiteral("zip data for %1: %2").arg(name, QString::fromUtf8(archive_error_string(a))));
             packed.unpacked += n;
         }
-        archive_entry_free(e);
     }
     if (archive_write_close(a) != ARCHIVE_OK)
         throw Failure(QStringLiteral("closing %1: %2").arg(zipPath, QString::fromUtf8(archive_error_string(a))));
-    archive_write_free(a);
     return packed;
 }
 
@@ -96,23 +94,33 @@ QString sha256Of(const QString &path)
     return QString::fromLatin1(h.result().toHex());
 }
 
-// Packs, hashes and renames to "<stem>-<digest start>.zip"; returns the catalog entry.
+// Packs, hashes and renames to "<stem>-<digest start>.zip"; returns the catalog entry. A package
+// that did not exist before is added to `created`, so a failed run can take it back.
 SceneCatalog::Entry publish(const QString &folder, const QString &prefix, const QString &stem, const QString &outDir,
-                            bool store)
+                            bool store, QStringList &created)
 {
     const QString temp = outDir + QLatin1Char('/') + stem + QStringLiteral(".zip.tmp");
-    const Packed packed = writePackage(folder, prefix, temp, store);
-    SceneCatalog::Entry e;
-    e.sha256 = sha256Of(temp);
-    e.size = QFileInfo(temp).size();
-    e.unpackedSize = packed.unpacked;
-    e.file = stem + QLatin1Char('-') + e.sha256.left(12) + QStringLiteral(".zip");
-    if (!SceneCatalog::isSafeName(e.file))
-        throw Failure(QStringLiteral("unsafe package name %1").arg(e.file));
-    QFile::remove(outDir + QLatin1Char('/') + e.file);
-    if (!QFile::rename(temp, outDir + QLatin1Char('/') + e.file))
-        throw Failure(QStringLiteral("cannot rename %1").arg(temp));
-    return e;
+    try {
+        const Packed packed = writePackage(folder, prefix, temp, store);
+        SceneCatalog::Entry e;
+        e.sha256 = sha256Of(temp);
+        e.size = QFileInfo(temp).size();
+        e.unpackedSize = packed.unpacked;
+        e.file = stem + QLatin1Char('-') + e.sha256.left(12) + QStringLiteral(".zip");
+        if (!SceneCatalog::isSafeName(e.file))
+            throw Failure(QStringLiteral("unsafe package name %1").arg(e.file));
+        const QString target = outDir + QLatin1Char('/') + e.file;
+        const bool existed = QFileInfo::exists(target);
+        QFile::remove(target);
+        if (!QFile::rename(temp, target))
+            throw Failure(QStringLiteral("cannot rename %1 to %2").arg(temp, e.file));
+        if (!existed)
+            created.append(target);
+        return e;
+    } catch (...) {
+        QFile::remove(temp);
+        throw;
+    }
 }
 
 }  // namespace
@@ -134,12 +142,14 @@ int main(int argc, char **argv)
     parser.addOptions({out, base, framing, id, title, scene, minVersion, store});
     parser.process(app);
     QTextStream err(stderr), info(stdout);
+    QStringList created;
     if (!parser.isSet(out) || !parser.isSet(base)) {
         err << "turnelo-publish: --out and --base are required\n";
         return 2;
     }
     try {
-        const QString baseDir = parser.value(base);
+        // Absolute from here on: the package walk names files relative to the folder it walks.
+        const QString baseDir = QDir(parser.value(base)).absolutePath();
         QFile manifest(baseDir + QStringLiteral("/manifest.json"));
         if (!manifest.open(QIODevice::ReadOnly))
             throw Failure(QStringLiteral("%1 has no manifest.json").arg(baseDir));
@@ -152,13 +162,13 @@ int main(int argc, char **argv)
         const QString packageId = parser.value(id).isEmpty() ? sceneName : parser.value(id);
         if (!SceneCatalog::isSafeName(packageId) || !SceneCatalog::isSafeName(sceneName))
             throw Failure(QStringLiteral("ids and scene names must match [A-Za-z0-9][A-Za-z0-9._-]*"));
-        const QString scenesDir = parser.value(out) + QStringLiteral("/v1/scenes");
+        const QString scenesDir = QDir(parser.value(out)).absolutePath() + QStringLiteral("/v1/scenes");
         QDir().mkpath(scenesDir);
         const bool stored = parser.isSet(store);
 
         SceneCatalog catalog;
         catalog.version = 1;
-        SceneCatalog::Entry b = publish(baseDir, {}, packageId, scenesDir, stored);
+        SceneCatalog::Entry b = publish(baseDir, {}, packageId, scenesDir, stored, created);
         b.id = packageId;
         b.title = parser.value(title).isEmpty() ? sceneName : parser.value(title);
         b.scene = sceneName;
@@ -167,10 +177,11 @@ int main(int argc, char **argv)
             b.minAppVersion = parser.value(minVersion);
         catalog.scenes.append(b);
         for (const QString &entry : parser.values(framing)) {
-            const QString name = entry.section(QLatin1Char('='), 0, 0), folder = entry.section(QLatin1Char('='), 1);
-            if (!SceneCatalog::isSafeName(name) || folder.isEmpty())
+            const QString name = entry.section(QLatin1Char('='), 0, 0), given = entry.section(QLatin1Char('='), 1);
+            if (!SceneCatalog::isSafeName(name) || given.isEmpty())
                 throw Failure(QStringLiteral("bad --framing %1 (want NAME=FOLDER)").arg(entry));
-            SceneCatalog::Entry f = publish(folder, name + QLatin1Char('/'), packageId + QLatin1Char('-') + name, scenesDir, stored);
+            const QString folder = QDir(given).absolutePath();
+            SceneCatalog::Entry f = publish(folder, name + QLatin1Char('/'), packageId + QLatin1Char('-') + name, scenesDir, stored, created);
             f.id = packageId + QLatin1Char('-') + name;
             f.title = b.title;
             f.scene = sceneName;
@@ -188,6 +199,8 @@ int main(int argc, char **argv)
         for (const SceneCatalog::Entry &e : catalog.scenes)
             info << e.file << ' ' << e.size << ' ' << e.sha256 << '\n';
     } catch (const std::exception &e) {
+        for (const QString &path : created)
+            QFile::remove(path);
         err << "turnelo-publish: " << e.what() << '\n';
         return 1;
     }

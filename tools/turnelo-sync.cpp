@@ -3,7 +3,9 @@
 //
 //   turnelo-sync [--root DIR] [--url BASE_URL] [--settings FILE]
 //
-// Exit status 0 when the run ends with a scene installed and current, 1 otherwise.
+// Prints each phase while the run goes on, then "ready" and exits 0 when the picked scene is
+// installed and current, or "failed: <reason>" on stderr and exits 1 when this run failed, even
+// though an older installed scene keeps the installer's phase at ready.
 #include "core/delivery/SceneInstaller.h"
 #include "core/app/Settings.h"
 
@@ -31,14 +33,22 @@ int main(int argc, char **argv)
     // One pass only: a retry would outlive the command.
     options.schedule = [](std::chrono::seconds, std::function<void()>) {};
     SceneInstaller installer(*settings, options);
-    QTextStream out(stdout);
+    QTextStream out(stdout), err(stderr);
+    static const char *names[] = {"idle", "checking", "downloading", "verifying", "installing", "ready", "failed"};
     QObject::connect(&installer, &SceneInstaller::phaseChanged, &app, [&] {
         const SceneInstaller::Phase &p = installer.phase();
-        static const char *names[] = {"idle", "checking", "downloading", "verifying", "installing", "ready", "failed"};
-        if (p.kind != SceneInstaller::Phase::downloading)
-            out << names[p.kind] << (p.message.isEmpty() ? QString() : QStringLiteral(": ") + p.message) << Qt::endl;
-        if (!installer.running())
-            app.exit(p.kind == SceneInstaller::Phase::ready ? 0 : 1);
+        // The phase a run ends in says nothing of its outcome; runFinished does.
+        if (installer.running() && p.kind != SceneInstaller::Phase::downloading)
+            out << names[p.kind] << Qt::endl;
+    });
+    QObject::connect(&installer, &SceneInstaller::runFinished, &app, [&] {
+        if (installer.lastRunError().isEmpty()) {
+            out << "ready" << Qt::endl;
+            app.exit(0);
+        } else {
+            err << "failed: " << installer.lastRunError() << Qt::endl;
+            app.exit(1);
+        }
     });
     installer.sync();
     return app.exec();

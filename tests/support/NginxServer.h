@@ -10,6 +10,8 @@
 //   "noetag-…"  sent without an ETag, also at `slowRate`
 //   "shifted-…" answered 206 from byte 10 whatever the Range asked (a misbehaving server)
 //   "missing-…" 404 with a 100 KB body and "Retry-After: 120"
+//   "moved302-…", "moved308-…" redirect to the same name without the prefix
+//   "refused-…" always 412 (precondition failed)
 
 #include <QByteArray>
 #include <QDir>
@@ -129,6 +131,9 @@ http {
         }
         location /raw/ { alias %1/www/v1/scenes/; }
         location ~ ^/v1/scenes/missing- { error_page 404 /errbody.html; }
+        location ~ ^/v1/scenes/moved302-(.*)$ { return 302 /v1/scenes/$1; }
+        location ~ ^/v1/scenes/moved308-(.*)$ { return 308 /v1/scenes/$1; }
+        location ~ ^/v1/scenes/refused- { return 412; }
         location = /errbody.html { internal; add_header Retry-After 120 always; }
     }
 }

@@ -4,8 +4,10 @@
 // delivery tests and benchmarks. Zips are written with libarchive, as the publisher does.
 
 #include "core/delivery/SceneCatalog.h"
+#include "core/scene/PlateManifest.h"
 
 #include <QCryptographicHash>
+#include <QDateTime>
 #include <QDir>
 #include <QDirIterator>
 #include <QFile>
@@ -58,6 +60,19 @@ inline void makeSceneFolder(const QString &dir, const QString &scenario, qint64 
     put(dir + QStringLiteral("/manifest.json"), manifestJson(scenario));
     put(dir + QStringLiteral("/wide/light/sun.exr"), randomBytes(plateBytes, seed));
     put(dir + QStringLiteral("/wide/cover_mask.png"), QByteArray(64, '\x7f'));
+}
+
+// The "scenario" of the manifest in `sceneRoot`, or none when it is missing or does not decode.
+inline std::optional<QString> scenarioAt(const QString &sceneRoot)
+{
+    QFile f(sceneRoot + QStringLiteral("/manifest.json"));
+    if (!f.open(QIODevice::ReadOnly))
+        return std::nullopt;
+    try {
+        return PlateManifest::decode(f.readAll()).scenario;
+    } catch (const std::exception &) {
+        return std::nullopt;
+    }
 }
 
 struct ZipEntry {
@@ -140,12 +155,45 @@ inline SceneCatalog::Entry entryFor(const QString &path, const QString &id, cons
     return e;
 }
 
+// Writes the catalog "manifest" into `scenesDir`. nginx's entity tag is modification second and
+// size, so each new catalog gets a later second than the one it replaces: two catalogs written
+// within one second never share a tag.
 inline void writeCatalog(const QString &scenesDir, const QList<SceneCatalog::Entry> &entries)
 {
+    const QString path = scenesDir + QStringLiteral("/manifest");
+    QDateTime stamp = QDateTime::currentDateTime();
+    if (QFileInfo::exists(path))
+        stamp = std::max(stamp, QFileInfo(path).lastModified().addSecs(1));
     SceneCatalog c;
     c.version = 1;
     c.scenes = entries;
-    put(scenesDir + QStringLiteral("/manifest"), c.serialize());
+    put(path, c.serialize());
+    QFile f(path);
+    f.open(QIODevice::ReadWrite);
+    f.setFileTime(stamp, QFileDevice::FileModificationTime);
+}
+
+// A zip of `entries` published as `scenesDir/file`; its entry belongs to scene "apt".
+inline SceneCatalog::Entry publishZip(const QString &scenesDir, const QString &file, const std::vector<ZipEntry> &entries,
+                                      const QString &id)
+{
+    const QString zip = scenesDir + QLatin1Char('/') + file;
+    writeZip(zip, entries);
+    SceneCatalog::Entry e = entryFor(zip, id, id);
+    e.scene = QStringLiteral("apt");
+    return e;
+}
+
+// A base scene (makeSceneFolder under `workDir`) published as `scenesDir/file`: id `scenario`,
+// title "Apartment <scenario>", scene "apt".
+inline SceneCatalog::Entry publishScene(const QString &scenesDir, const QString &workDir, const QString &file,
+                                        const QString &scenario, qint64 plateBytes, quint32 seed = 1)
+{
+    const QString folder = workDir + QStringLiteral("/src/") + scenario;
+    makeSceneFolder(folder, scenario, plateBytes, seed);
+    SceneCatalog::Entry e = publishZip(scenesDir, file, entriesOf(folder), scenario);
+    e.title = QStringLiteral("Apartment ") + scenario;
+    return e;
 }
 
 }  // namespace scenepackages

@@ -4,6 +4,7 @@
 #include "core/delivery/SceneInstaller.h"
 #include "core/app/Settings.h"
 
+#include <QDirIterator>
 #include <QTemporaryDir>
 #include <gtest/gtest.h>
 
@@ -15,19 +16,34 @@ using testsupport::runTool;
 
 namespace {
 
-TEST(TurneloPublish, PackagesThatTheInstallerInstallsFromAPlainWebServer)
+testsupport::ToolResult publish(const QStringList &args) { return runTool(builtTool("turnelo-publish"), args); }
+
+QStringList leftovers(const QString &dir)
+{
+    QStringList out;
+    QDirIterator it(dir, {"*.tmp"}, QDir::Files | QDir::Hidden, QDirIterator::Subdirectories);
+    while (it.hasNext())
+        out.append(it.next());
+    return out;
+}
+
+TEST(TurneloPublish, RelativePathsGivePackagesThatTheInstallerInstallsWhole)
 {
     QTemporaryDir tmp;
     qputenv("XDG_STATE_HOME", (tmp.path() + "/state").toUtf8());
-    const QString base = tmp.path() + "/base", close = tmp.path() + "/close";
-    makeSceneFolder(base, "published", 300000);
-    put(close + "/light/sun.exr", randomBytes(5000, 4));
-
-    NginxServer server;
-    const auto r = runTool(builtTool("turnelo-publish"),
-                           {"--out", server.docRoot(), "--base", base, "--framing", "close=" + close, "--id", "apt",
-                            "--title", "Apartment", "--scene", "apt", "--min-app-version", "0.1"});
+    auto r = runTool(builtTool("turnelo-gen-scene"), {"--out", tmp.path() + "/generated", "--width", "96", "--height", "54"});
     ASSERT_EQ(r.exitCode, 0) << r.err.toStdString();
+    put(tmp.path() + "/close/light/sun.exr", randomBytes(5000, 4));
+
+    // Typed from the folder that holds the scenes.
+    NginxServer server;
+    const QString previous = QDir::currentPath();
+    QDir::setCurrent(tmp.path());
+    r = publish({"--out", QDir(tmp.path()).relativeFilePath(server.docRoot()), "--base", "generated", "--framing",
+                 "close=close", "--id", "apt", "--title", "Apartment", "--scene", "apt", "--min-app-version", "0.1"});
+    QDir::setCurrent(previous);
+    ASSERT_EQ(r.exitCode, 0) << r.err.toStdString();
+    EXPECT_TRUE(leftovers(server.docRoot()).isEmpty());
 
     const SceneCatalog catalog = SceneCatalog::parse(readFile(server.scenesDir() + "/manifest"));
     ASSERT_EQ(catalog.scenes.size(), 2);
@@ -37,41 +53,18 @@ TEST(TurneloPublish, PackagesThatTheInstallerInstallsFromAPlainWebServer)
         EXPECT_EQ(e.sha256, sha256File(file));
         EXPECT_TRUE(e.file.contains(e.sha256.left(12)));
     }
+    const auto source = entriesOf(tmp.path() + "/generated");
+    ASSERT_GT(source.size(), 10u);
+    qint64 sourceBytes = 0;
+    for (const ZipEntry &e : source)
+        sourceBytes += e.data.size();
     const SceneCatalog::Entry &b = catalog.scenes[0];
-    EXPECT_TRUE(b.isBase());
     EXPECT_EQ(b.title, "Apartment");
-    EXPECT_EQ(b.unpackedSize, 300000 + 64 + manifestJson("published").size());
-    EXPECT_EQ(catalog.framings(b, "0.1.0").keys(), QStringList{"close"});
+    EXPECT_EQ(b.unpackedSize, sourceBytes);
     EXPECT_EQ(catalog.pick("0.1.0"), b);
+    EXPECT_EQ(catalog.framings(b, "0.1.0").keys(), QStringList{"close"});
 
     ASSERT_TRUE(server.start());
-    Settings settings(tmp.path() + "/settings.json");
-    settings.setValue("contentServiceURL", server.baseURL());
-    SceneInstaller::Options options;
-    options.root = tmp.path() + "/support";
-    options.schedule = [](std::chrono::seconds, std::function<void()>) { FAIL() << "unexpected retry"; };
-    SceneInstaller installer(settings, options);
-    installer.sync();
-    ASSERT_TRUE(testsupport::waitUntil([&] { return !installer.running(); }, 30s));
-    EXPECT_EQ(readFile(options.root + "/Scenes/manifest.json"), manifestJson("published"));
-    installer.installFraming(installer.framingEntries().value("close"), "close");
-    ASSERT_TRUE(testsupport::waitUntil([&] { return !installer.framingRunning(); }, 30s));
-    EXPECT_EQ(readFile(options.root + "/Scenes/close/light/sun.exr"), randomBytes(5000, 4));
-    EXPECT_TRUE(installer.downloadable().isEmpty());
-}
-
-TEST(TurneloPublish, GeneratedSceneArrivesWholeAndValid)
-{
-    QTemporaryDir tmp;
-    qputenv("XDG_STATE_HOME", (tmp.path() + "/state").toUtf8());
-    const QString scene = tmp.path() + "/generated";
-    auto r = runTool(builtTool("turnelo-gen-scene"), {"--out", scene, "--width", "96", "--height", "54"});
-    ASSERT_EQ(r.exitCode, 0) << r.err.toStdString();
-    NginxServer server;
-    r = runTool(builtTool("turnelo-publish"), {"--out", server.docRoot(), "--base", scene, "--id", "generated"});
-    ASSERT_EQ(r.exitCode, 0) << r.err.toStdString();
-    ASSERT_TRUE(server.start());
-
     Settings settings(tmp.path() + "/settings.json");
     settings.setValue("contentServiceURL", server.baseURL());
     SceneInstaller::Options options;
@@ -81,29 +74,55 @@ TEST(TurneloPublish, GeneratedSceneArrivesWholeAndValid)
     installer.sync();
     ASSERT_TRUE(testsupport::waitUntil([&] { return !installer.running(); }, 30s));
     ASSERT_EQ(installer.phase().kind, SceneInstaller::Phase::ready);
-
     const QString installed = options.root + "/Scenes";
-    const auto source = entriesOf(scene);
-    ASSERT_GT(source.size(), 10u);
     for (const ZipEntry &e : source)
         EXPECT_EQ(readFile(installed + "/" + e.name), e.data) << e.name.toStdString();
     r = runTool(builtTool("turnelo-scene"), {"validate", installed});
     ASSERT_EQ(r.exitCode, 0) << r.err.toStdString();
     EXPECT_TRUE(r.out.contains("\"missing\":[]")) << r.out.toStdString();
+
+    installer.installFraming(installer.framingEntries().value("close"), "close");
+    ASSERT_TRUE(testsupport::waitUntil([&] { return !installer.framingRunning(); }, 30s));
+    EXPECT_EQ(readFile(installed + "/close/light/sun.exr"), randomBytes(5000, 4));
+    EXPECT_TRUE(installer.downloadable().isEmpty());
 }
 
-TEST(TurneloPublish, RefusesAFolderWithoutAValidManifest)
+TEST(TurneloPublish, FailedRunsLeaveNoPartialFiles)
 {
     QTemporaryDir tmp;
-    put(tmp.path() + "/scene/wide/light/sun.exr", "x");
-    auto r = runTool(builtTool("turnelo-publish"), {"--out", tmp.path() + "/out", "--base", tmp.path() + "/scene"});
+    const QString scene = tmp.path() + "/scene", out = tmp.path() + "/out", scenes = out + "/v1/scenes";
+    put(scene + "/wide/light/sun.exr", "x");
+    auto r = publish({"--out", out, "--base", scene});
     EXPECT_EQ(r.exitCode, 1);
     EXPECT_TRUE(r.err.contains("no manifest.json"));
-    put(tmp.path() + "/scene/manifest.json", R"({"contract":"1"})");
-    r = runTool(builtTool("turnelo-publish"), {"--out", tmp.path() + "/out", "--base", tmp.path() + "/scene"});
+    put(scene + "/manifest.json", R"({"contract":"1"})");
+    r = publish({"--out", out, "--base", scene});
     EXPECT_EQ(r.exitCode, 1);
     EXPECT_TRUE(r.err.contains("invalid manifest.json"));
-    EXPECT_FALSE(QFileInfo::exists(tmp.path() + "/out/v1/scenes/manifest"));
+    EXPECT_FALSE(QFileInfo::exists(scenes + "/manifest"));
+
+    put(scene + "/manifest.json", manifestJson("ok"));
+    r = publish({"--out", out, "--base", scene, "--id", "first"});
+    ASSERT_EQ(r.exitCode, 0) << r.err.toStdString();
+    const QString file = QString::fromUtf8(r.out.split(' ').first());
+    const QByteArray catalog = readFile(scenes + "/manifest");
+
+    // The package cannot take its place: a folder holds its name.
+    QFile::remove(scenes + "/" + file);
+    put(scenes + "/" + file + "/blocker", "x");
+    r = publish({"--out", out, "--base", scene, "--id", "first"});
+    EXPECT_EQ(r.exitCode, 1);
+    EXPECT_TRUE(r.err.contains("cannot rename")) << r.err.toStdString();
+    EXPECT_TRUE(leftovers(out).isEmpty()) << leftovers(out).join(' ').toStdString();
+
+    // A framing that fails after its base was packed takes the new base package back with it.
+    QDir().mkpath(tmp.path() + "/empty");
+    r = publish({"--out", out, "--base", scene, "--id", "second", "--framing", "close=" + tmp.path() + "/empty"});
+    EXPECT_EQ(r.exitCode, 1);
+    EXPECT_TRUE(r.err.contains("nothing to package")) << r.err.toStdString();
+    EXPECT_TRUE(QDir(scenes).entryList({"second*"}).isEmpty()) << QDir(scenes).entryList().join(' ').toStdString();
+    EXPECT_TRUE(leftovers(out).isEmpty());
+    EXPECT_EQ(readFile(scenes + "/manifest"), catalog);
 }
 
 }  // namespace

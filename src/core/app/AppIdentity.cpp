@@ -19,6 +19,11 @@ QString appName()
     return name;
 }
 
+QString settingsName(bool release)
+{
+    return release ? QStringLiteral("turnelo") : QStringLiteral("turnelo-dev");
+}
+
 QString version()
 {
     return QStringLiteral(TURNELO_VERSION);

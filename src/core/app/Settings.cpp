@@ -1,5 +1,6 @@
 #include "core/app/Settings.h"
 
+#include "core/app/AppIdentity.h"
 #include "core/app/JsonSettingsFormat.h"
 
 #include <QDir>
@@ -45,10 +46,17 @@ std::optional<qlonglong> integerOf(const QVariant &v)
 
 Settings::Settings(QObject *parent)
     : QObject(parent)
-    , store(std::make_unique<QSettings>(JsonSettingsFormat::format(), QSettings::UserScope,
-                                        QStringLiteral("quelt"), QStringLiteral("turnelo")))
+    , store(std::make_unique<QSettings>(JsonSettingsFormat::format(), QSettings::UserScope, QStringLiteral("quelt"),
+                                        AppIdentity::settingsName(AppIdentity::isRelease())))
 {
     init();
+}
+
+QString Settings::userFilePath(bool release)
+{
+    return QSettings(JsonSettingsFormat::format(), QSettings::UserScope, QStringLiteral("quelt"),
+                     AppIdentity::settingsName(release))
+        .fileName();
 }
 
 Settings::Settings(const QString &filePath, QObject *parent)

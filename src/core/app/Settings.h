@@ -9,8 +9,9 @@
 class QFileSystemWatcher;
 
 // Every user choice and developer switch, one key each, in the settings of organisation "quelt",
-// application "turnelo". Nothing is pre-registered: each accessor applies its key's default
-// when the key is absent. Setters write at once, so nothing has to be saved at quit.
+// application "turnelo" ("turnelo-dev" for a development build, whose data and log are apart
+// too). Nothing is pre-registered: each accessor applies its key's default when the key is
+// absent. Setters write at once, so nothing has to be saved at quit.
 //
 // Observable keys (the effect switches, "framing", "lightPreset") emit their signal on the
 // main thread after a change made through this object or by another process (another process
@@ -20,13 +21,16 @@ class QFileSystemWatcher;
 class Settings : public QObject {
     Q_OBJECT
 public:
-    // The user's settings file.
+    // The user's settings file of this build's flavour (userFilePath(AppIdentity::isRelease())).
     explicit Settings(QObject *parent = nullptr);
     // A given settings file (tests, tools).
     explicit Settings(const QString &filePath, QObject *parent = nullptr);
     ~Settings() override;
 
     QString filePath() const;
+    // The user's settings file of a release or a development build:
+    // $XDG_CONFIG_HOME/quelt/turnelo.json or …/quelt/turnelo-dev.json.
+    static QString userFilePath(bool release);
 
     // Raw access, typed values as stored; an absent key gives an invalid QVariant.
     QVariant value(const QString &key) const;

@@ -184,7 +184,9 @@ SceneCatalog::Order SceneCatalog::compare(const QString &a, const QString &b)
 
 bool SceneCatalog::isSafeName(const QString &name)
 {
-    static const QRegularExpression pattern(QStringLiteral("^[A-Za-z0-9][A-Za-z0-9._-]{0,127}$"));
+    // Anchored on the whole string: a bare "$" would also match before a final newline.
+    static const QRegularExpression pattern(
+        QRegularExpression::anchoredPattern(QStringLiteral("[A-Za-z0-9][A-Za-z0-9._-]{0,127}")));
     return pattern.match(name).hasMatch();
 }
 

@@ -360,13 +360,15 @@ void SceneInstaller::catalogArrived(const SceneCatalog &catalog)
     lastCatalog = catalog;
     const auto picked = catalog.pick(options.appVersion);
     if (!picked) {
-        Log::write(QStringLiteral("Cenas: nenhuma cena compatível com ") + options.appVersion);
+        const QString reason = QStringLiteral("nenhuma cena compatível com ") + options.appVersion;
+        Log::write(QStringLiteral("Cenas: ") + reason);
         busy = false;
         if (hasInstalledScene())
             setPhase({Phase::ready});
         else
             setPhase({Phase::failed, 0, 0, QString::fromUtf8(kNoSceneText)});
         refreshDownloadable();
+        endRun(reason);
         return;
     }
     const auto installed = installedEntry();
@@ -376,6 +378,7 @@ void SceneInstaller::catalogArrived(const SceneCatalog &catalog)
         setNotice({});
         setPhase({Phase::ready});
         refreshDownloadable();
+        endRun({});
         return;
     }
 
@@ -451,6 +454,7 @@ void SceneInstaller::installBase(const SceneCatalog::Entry &entry, const QString
             if (onInstalled)
                 onInstalled();
             refreshDownloadable();
+            endRun({});
         });
 }
 
@@ -459,6 +463,13 @@ void SceneInstaller::runFailed(const QString &logText, const QString &userText)
     Log::write(QStringLiteral("Cenas: falhou: ") + logText);
     busy = false;
     fail(userText.isEmpty() ? QString::fromUtf8(kFailedText) : userText, true);
+    endRun(logText);
+}
+
+void SceneInstaller::endRun(const QString &error)
+{
+    runError = error;
+    emit runFinished();
 }
 
 void SceneInstaller::fail(const QString &message, bool transient)
@@ -539,9 +550,15 @@ void SceneInstaller::installFraming(const QList<SceneCatalog::Entry> &packages, 
                    .arg(packages.size()));
     framingProgress = FramingDownload{name, 0, total};
     emit framingsChanged();
-    if (packages.isEmpty() || !hasInstalledScene() || !SceneCatalog::isSafeName(name)) {
-        framingFinished(name, packages.isEmpty() ? QStringLiteral("nenhum pacote para o enquadramento")
-                                                 : QStringLiteral("nenhuma cena instalada"));
+    QString refusal;
+    if (!SceneCatalog::isSafeName(name))
+        refusal = QStringLiteral("enquadramento inválido: ") + name;
+    else if (packages.isEmpty())
+        refusal = QStringLiteral("nenhum pacote para o enquadramento");
+    else if (!hasInstalledScene())
+        refusal = QStringLiteral("nenhuma cena instalada");
+    if (!refusal.isEmpty()) {
+        framingFinished(name, refusal);
         return;
     }
     const QString incoming = rootPath + QLatin1Char('/') + kFramingIncoming;

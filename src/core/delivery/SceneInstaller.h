@@ -80,6 +80,9 @@ public:
     const QMap<QString, QList<SceneCatalog::Entry>> &framingEntries() const { return entries; }
     bool framingRunning() const { return framingBusy; }
     bool running() const { return busy; }
+    // Why the last finished run failed (its log text), or empty when it ended with the picked
+    // scene installed. Set even when the phase stays `ready` for an installed older scene.
+    const QString &lastRunError() const { return runError; }
     int attempts() const { return failures; }
     // A passing message for the user ("The room download changed on the server. …"), or empty.
     const QString &notice() const { return noticeText; }
@@ -92,6 +95,8 @@ signals:
     void sceneTitleChanged();
     void framingsChanged();  // downloadable, sizes, entries, failed, running, download progress
     void noticeChanged();
+    // A run ended (after its last phase change); see lastRunError().
+    void runFinished();
 
 private:
     void run();
@@ -104,6 +109,7 @@ private:
     void framingFinished(const QString &name, const QString &error);
     void fail(const QString &message, bool transient);
     void runFailed(const QString &logText, const QString &userText = {});
+    void endRun(const QString &error);
     void setPhase(Phase phase);
     void setNotice(const QString &text);
     std::optional<SceneCatalog::Entry> installedEntry() const;
@@ -129,4 +135,5 @@ private:
     int failures = 0;
     quint64 retryGeneration = 0;  // a newer run drops a pending retry
     QString noticeText;
+    QString runError;
 };

@@ -1,6 +1,8 @@
+#include "core/app/AppIdentity.h"
 #include "core/app/Settings.h"
 #include "TestSupport.h"
 
+#include <QFileInfo>
 #include <QSignalSpy>
 #include <gtest/gtest.h>
 
@@ -8,6 +10,13 @@ using namespace testsupport;
 using namespace std::chrono_literals;
 
 namespace {
+
+// The user's settings folder of this process, set before QSettings first reads it.
+const QString kConfigHome = [] {
+    static QTemporaryDir dir;
+    qputenv("XDG_CONFIG_HOME", dir.path().toUtf8());
+    return dir.path();
+}();
 
 struct SettingsTest : ::testing::Test {
     QTemporaryDir dir;
@@ -109,4 +118,19 @@ TEST_F(SettingsTest, RealChangesSignalFromThisOrAnotherProcess)
     const auto bad = runTool(tool, {"--file", path(), "write", "fps", "-int", "fast"});
     EXPECT_EQ(bad.exitCode, 1);
     EXPECT_FALSE(bad.err.isEmpty());
+}
+
+TEST(SettingsFlavour, DevelopmentAndReleaseBuildsKeepSeparateFilesAndTheToolFollowsItsBuild)
+{
+    EXPECT_EQ(Settings::userFilePath(true), kConfigHome + "/quelt/turnelo.json");
+    EXPECT_EQ(Settings::userFilePath(false), kConfigHome + "/quelt/turnelo-dev.json");
+    const QString own = Settings::userFilePath(AppIdentity::isRelease());
+    EXPECT_EQ(Settings().filePath(), own);
+
+    // turnelo-defaults without --file writes where the app of its build reads.
+    const auto r = runTool(builtTool("turnelo-defaults"), {"write", "fps", "-int", "24"},
+                           {"XDG_CONFIG_HOME=" + kConfigHome});
+    ASSERT_EQ(r.exitCode, 0) << r.err.constData();
+    EXPECT_EQ(Settings(own).fps(), 24);
+    EXPECT_FALSE(QFileInfo::exists(Settings::userFilePath(!AppIdentity::isRelease())));
 }

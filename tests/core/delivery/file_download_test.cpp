@@ -83,18 +83,8 @@ TEST_F(FileDownloadTest, FullBodyReplacesTheFileAndReportsTheEntityTag)
     EXPECT_TRUE(server.accessLinesFor("plain.bin")[0].contains("ae=\"identity\""));
 }
 
-TEST_F(FileDownloadTest, PartialContentIsAppendedWhereTheFileEnds)
-{
-    const qint64 kept = 1234567;
-    scenepackages::put(local("out"), body.left(kept));
-    const Transfer t = fetch(url("plain.bin"), local("out"), body.size(), "bytes=" + QByteArray::number(kept) + "-");
-    ASSERT_TRUE(t.outcome.result);
-    EXPECT_EQ(t.outcome.result->status, 206);
-    EXPECT_EQ(t.outcome.result->received, body.size());
-    EXPECT_EQ(readFile(local("out")), body);
-    EXPECT_EQ(NginxServer::statusOf(server.accessLinesFor("plain.bin").last()), "206");
-}
-
+// Appending at the file's end (206) and starting over on a whole answer (200) are covered by
+// the installer's resume tests; a server that answers from another offset only here.
 TEST_F(FileDownloadTest, PartialContentFromElsewhereEmptiesTheFileAsRefusedRange)
 {
     scenepackages::put(local("out"), body.left(5000));
@@ -104,13 +94,15 @@ TEST_F(FileDownloadTest, PartialContentFromElsewhereEmptiesTheFileAsRefusedRange
     EXPECT_EQ(QFileInfo(local("out")).size(), 0);
 }
 
-TEST_F(FileDownloadTest, FullAnswerToRangedRequestOverwritesThePartialFile)
+TEST_F(FileDownloadTest, RedirectsAreFollowedAndTheFinalAnswerCounts)
 {
-    scenepackages::put(local("out"), QByteArray(1000, 'z'));
-    const Transfer t = fetch(url("plain.bin"), local("out"), body.size(), "bytes=1000-", "\"not-the-tag\"");
-    ASSERT_TRUE(t.outcome.result);
-    EXPECT_EQ(t.outcome.result->status, 200);
-    EXPECT_EQ(readFile(local("out")), body);
+    for (const QString &name : {QStringLiteral("moved302-plain.bin"), QStringLiteral("moved308-plain.bin")}) {
+        SCOPED_TRACE(name.toStdString());
+        const Transfer t = fetch(url(name), local(name), body.size());
+        ASSERT_TRUE(t.outcome.result);
+        EXPECT_EQ(t.outcome.result->status, 200);
+        EXPECT_EQ(readFile(local(name)), body);
+    }
 }
 
 TEST_F(FileDownloadTest, ErrorBodyIsCappedAndRetryAfterKept)
@@ -137,33 +129,23 @@ TEST_F(FileDownloadTest, ProgressIsRateLimitedAndEndsAtTheBytesWritten)
     EXPECT_LE(t.lastProgress, body.size());
 }
 
-TEST_F(FileDownloadTest, DroppedConnectionFailsAndKeepsTheBytesWritten)
+TEST_F(FileDownloadTest, DroppedAndCancelledTransfersFailKeepingTheBytesWritten)
 {
-    const Transfer t = fetch(url("slow-plain.bin"), local("out"), body.size(), {}, {},
-                             [this](FileDownload &, qint64 received) {
-                                 if (received > 0)
-                                     server.stop();
-                             });
+    Transfer t = fetch(url("slow-plain.bin"), local("out"), body.size(), {}, {}, [this](FileDownload &, qint64 received) {
+        if (received > 0)
+            server.stop();
+    });
     ASSERT_TRUE(t.outcome.failure);
     const qint64 kept = QFileInfo(local("out")).size();
     EXPECT_GT(kept, 0);
-    EXPECT_LT(kept, body.size());
     EXPECT_EQ(readFile(local("out")), body.left(kept));
     EXPECT_EQ(t.outcome.failure->received, kept);
-}
-
-TEST_F(FileDownloadTest, RefusedConnectionAndCancelAreFailures)
-{
-    server.stop();
-    Transfer t = fetch(url("plain.bin"), local("out"), body.size());
-    ASSERT_TRUE(t.outcome.failure);
-    EXPECT_EQ(t.outcome.failure->code, QNetworkReply::ConnectionRefusedError);
 
     ASSERT_TRUE(server.start());
-    t = fetch(url("slow-plain.bin"), local("out2"), body.size(), {}, {},
-              [](FileDownload &d, qint64) { d.cancel(); });
+    t = fetch(url("slow-plain.bin"), local("out2"), body.size(), {}, {}, [](FileDownload &d, qint64) { d.cancel(); });
     ASSERT_TRUE(t.outcome.failure);
     EXPECT_EQ(t.outcome.failure->code, QNetworkReply::OperationCanceledError);
+    EXPECT_EQ(readFile(local("out2")), body.left(QFileInfo(local("out2")).size()));
 }
 
 }  // namespace
