@@ -7,6 +7,7 @@
 #include "TestSupport.h"
 
 #include <QDBusConnection>
+#include <QDBusConnectionInterface>
 #include <QDBusMessage>
 #include <QDBusVariant>
 #include <QDir>
@@ -16,9 +17,19 @@
 #include <QStringList>
 #include <QTemporaryDir>
 #include <chrono>
+#include <gtest/gtest.h>
 #include <memory>
 
 namespace testsupport {
+
+// For ASSERT_TRUE/EXPECT_TRUE: a method reply, or a failure carrying the error.
+inline ::testing::AssertionResult isReply(const QDBusMessage &message)
+{
+    if (message.type() == QDBusMessage::ReplyMessage)
+        return ::testing::AssertionSuccess();
+    return ::testing::AssertionFailure() << message.errorName().toStdString() << ": "
+                                         << message.errorMessage().toStdString();
+}
 
 class PrivateBus {
 public:
@@ -60,8 +71,6 @@ public:
             daemon.waitForFinished();
         }
     }
-    PrivateBus(const PrivateBus &) = delete;
-    PrivateBus &operator=(const PrivateBus &) = delete;
 
     bool ok() const { return connection && connection->isConnected(); }
     // Activatable services: "<name>.service" files here start on the first message to the name.
@@ -83,13 +92,7 @@ public:
     }
     bool hasOwner(const QString &busName)
     {
-        QDBusMessage call = QDBusMessage::createMethodCall(
-            QStringLiteral("org.freedesktop.DBus"), QStringLiteral("/org/freedesktop/DBus"),
-            QStringLiteral("org.freedesktop.DBus"), QStringLiteral("NameHasOwner"));
-        call << busName;
-        const QDBusMessage reply = bus().call(call, QDBus::Block, 5000);
-        return reply.type() == QDBusMessage::ReplyMessage && !reply.arguments().isEmpty()
-               && reply.arguments().constFirst().toBool();
+        return bus().interface()->isServiceRegistered(busName).value();
     }
 
     QTemporaryDir dir;
