@@ -143,20 +143,19 @@ public:
         return QRect(a.x, a.y, a.width + 2 * a.border_width, a.height + 2 * a.border_width);
     }
 
-    // A restack request as a pager sends it (managers honour those).
-    void restack(Window window, Window sibling, int detail)
+    // A request to the manager as a pager sends it (source 2: managers honour those).
+    void ask(Window window, const char *message, std::initializer_list<long> data)
     {
         XEvent event{};
         event.xclient.type = ClientMessage;
         event.xclient.window = window;
-        event.xclient.message_type = atom("_NET_RESTACK_WINDOW");
+        event.xclient.message_type = atom(message);
         event.xclient.format = 32;
-        event.xclient.data.l[0] = 2;
-        event.xclient.data.l[1] = long(sibling);
-        event.xclient.data.l[2] = detail;
+        std::copy(data.begin(), data.end(), event.xclient.data.l);
         XSendEvent(d, root(), False, SubstructureRedirectMask | SubstructureNotifyMask, &event);
         XSync(d, False);
     }
+    void restack(Window window, int detail) { ask(window, "_NET_RESTACK_WINDOW", {2, 0, detail}); }
 };
 
 // The room window in its own process (Qt's xcb platform); stopped and continued by signals so
@@ -355,15 +354,7 @@ TEST_F(X11Desktop, WindowListUnderOpenboxListsOtherProgramsWindowsShownOnThisDes
 
     // A window on every desktop is listed on each.
     x->setValues(second, "_NET_WM_DESKTOP", XA_CARDINAL, {0xFFFFFFFFul});
-    XEvent event{};
-    event.xclient.type = ClientMessage;
-    event.xclient.window = second;
-    event.xclient.message_type = x->atom("_NET_WM_DESKTOP");
-    event.xclient.format = 32;
-    event.xclient.data.l[0] = long(0xFFFFFFFFul);
-    event.xclient.data.l[1] = 2;
-    XSendEvent(x->d, x->root(), False, SubstructureRedirectMask | SubstructureNotifyMask, &event);
-    XSync(x->d, False);
+    x->ask(second, "_NET_WM_DESKTOP", {long(0xFFFFFFFFul), 2});
     server.run(QStringLiteral("xdotool"), {QStringLiteral("set_desktop"), QStringLiteral("0")});
     ASSERT_TRUE(soon([&] { return x->values(x->root(), "_NET_CURRENT_DESKTOP") == std::vector<unsigned long>{0}; }));
     ASSERT_TRUE(soon([&] { return listed(list, secondFrame); })) << "a window on every desktop is left out";
@@ -405,7 +396,7 @@ TEST_F(X11Desktop, StaysBelowASeeThroughIconWindowAndLowersItselfAgain)
         SCOPED_TRACE(iconsLower ? "icons lowered" : "ours raised");
         room->pause();
         if (iconsLower) {
-            x->restack(icons, 0, Below);
+            x->restack(icons, Below);
         } else {
             XRaiseWindow(x->d, ours);
             XSync(x->d, False);
@@ -481,7 +472,7 @@ TEST_F(X11Desktop, UnderOpenboxRisesAboveAnOpaqueIconWindowMappedLater)
 
     // Raised above ours while ours cannot answer: back above it once it can.
     room->pause();
-    x->restack(icons, 0, Above);
+    x->restack(icons, Above);
     ASSERT_TRUE(soon([&] { return !above(); }));
     room->resume();
     ASSERT_TRUE(soon(above));
