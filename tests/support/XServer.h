@@ -20,7 +20,7 @@
 
 class XServer {
 public:
-    explicit XServer(QString screen = QStringLiteral("1280x800x24")) : screenSpec(std::move(screen))
+    explicit XServer(QString screen = QStringLiteral("1280x800x24")) : screenGeometry(std::move(screen))
     {
         for (const char *sub : {"home", "config", "cache", "data", "state"})
             QDir(dir.path()).mkpath(QString::fromLatin1(sub));
@@ -41,7 +41,7 @@ public:
         // warnings would stall the server and all its clients.
         server.setStandardErrorFile(dir.filePath(QStringLiteral("Xvfb.log")));
         server.start(QStringLiteral("Xvfb"), {QStringLiteral("-displayfd"), QStringLiteral("1"), QStringLiteral("-screen"),
-                                              QStringLiteral("0"), screenSpec, QStringLiteral("-nolisten"),
+                                              QStringLiteral("0"), screenGeometry, QStringLiteral("-nolisten"),
                                               QStringLiteral("tcp")});
         QByteArray number;
         poll([&] {
@@ -222,7 +222,7 @@ private:
         }
     }
 
-    QString screenSpec;
+    QString screenGeometry;
     QTemporaryDir dir;
     QProcess server;
     QByteArray name;
