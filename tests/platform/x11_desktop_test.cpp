@@ -9,6 +9,8 @@
 #include <gtest/gtest.h>
 #include <algorithm>
 #include <csignal>
+#include <functional>
+#include <memory>
 #include <optional>
 
 // Xlib last: its macros (None, Bool, Status) clash with Qt's names.
@@ -141,20 +143,19 @@ public:
         return QRect(a.x, a.y, a.width + 2 * a.border_width, a.height + 2 * a.border_width);
     }
 
-    // A restack request as a pager sends it (managers honour those).
-    void restack(Window window, Window sibling, int detail)
+    // A request to the manager as a pager sends it (source 2: managers honour those).
+    void ask(Window window, const char *message, std::initializer_list<long> data)
     {
         XEvent event{};
         event.xclient.type = ClientMessage;
         event.xclient.window = window;
-        event.xclient.message_type = atom("_NET_RESTACK_WINDOW");
+        event.xclient.message_type = atom(message);
         event.xclient.format = 32;
-        event.xclient.data.l[0] = 2;
-        event.xclient.data.l[1] = long(sibling);
-        event.xclient.data.l[2] = detail;
+        std::copy(data.begin(), data.end(), event.xclient.data.l);
         XSendEvent(d, root(), False, SubstructureRedirectMask | SubstructureNotifyMask, &event);
         XSync(d, False);
     }
+    void restack(Window window, int detail) { ask(window, "_NET_RESTACK_WINDOW", {2, 0, detail}); }
 };
 
 // The room window in its own process (Qt's xcb platform); stopped and continued by signals so
@@ -167,14 +168,13 @@ public:
     // The window id once shown, 0 when the process failed.
     Window waitForWindow()
     {
+        QByteArray out;
         waitUntil([&] {
-            out = XServer::output(process);
+            out = output();
             return out.contains("window ") && out.indexOf('\n', out.indexOf("window ")) > 0;
         }, patience);
         const qsizetype at = out.indexOf("window ");
-        if (at < 0)
-            return 0;
-        return Window(out.mid(at + 7, out.indexOf('\n', at) - at - 7).toULongLong());
+        return at < 0 ? 0 : Window(out.mid(at + 7, out.indexOf('\n', at) - at - 7).toULongLong());
     }
     void pause() { ::kill(pid_t(process.processId()), SIGSTOP); }
     void resume()
@@ -182,39 +182,47 @@ public:
         if (process.state() == QProcess::Running)
             ::kill(pid_t(process.processId()), SIGCONT);
     }
-    QByteArray output() { return XServer::output(process); }
+    QByteArray output() const { return XServer::output(process); }
 
     QProcess &process;
-    QByteArray out;
 };
 
-QImage screenshot(XServer &server, const QString &name)
-{
-    QTemporaryDir dir;
-    const QString file = dir.filePath(name + QStringLiteral(".png"));
-    server.run(QStringLiteral("import"), {QStringLiteral("-window"), QStringLiteral("root"), file});
-    // Kept for a person to look at when asked.
-    const QByteArray keep = qgetenv("TURNELO_SCREENSHOT_DIR");
-    if (!keep.isEmpty()) {
-        QFile::remove(QString::fromUtf8(keep) + QStringLiteral("/x11-desktop-") + name + QStringLiteral(".png"));
-        QFile::copy(file, QString::fromUtf8(keep) + QStringLiteral("/x11-desktop-") + name + QStringLiteral(".png"));
+bool soon(const std::function<bool()> &done) { return waitUntil(done, patience); }
+
+struct X11Desktop : ::testing::Test {
+    XServer server;
+    std::unique_ptr<Client> x;
+    std::unique_ptr<RoomWindowProcess> room;
+
+    // The server with a window manager; false with the reason when it cannot be had.
+    bool start(QString &why, const QString &manager = QStringLiteral("openbox"),
+               const QStringList &arguments = {QStringLiteral("--sm-disable")}, bool sessionBus = false)
+    {
+        if (!server.start(why) || (sessionBus && !server.startSessionBus(why))
+            || !server.startManager(manager, arguments, why))
+            return false;
+        x = std::make_unique<Client>(server.display());
+        why = QStringLiteral("no Xlib connection");
+        return x->d != nullptr;
     }
-    return QImage(file);
-}
 
-QStringList logLines(const XServer &server)
-{
-    QStringList lines;
-    for (const QFileInfo &file : QDir(server.stateHome()).entryInfoList({QStringLiteral("*.log")}, QDir::Files))
-        lines += QString::fromUtf8(readFile(file.filePath())).split(QLatin1Char('\n'), Qt::SkipEmptyParts);
-    return lines;
-}
+    // Starts the room's window; its id, 0 when it did not show.
+    Window showRoom()
+    {
+        room = std::make_unique<RoomWindowProcess>(server);
+        return room->waitForWindow();
+    }
 
-bool listed(X11WindowList &list, const QRect &frame)
-{
-    const auto all = list.windows();
-    return std::any_of(all.begin(), all.end(), [&](const ListedWindow &w) { return w.frame == frame; });
-}
+    QImage screenshot() { return QImage::fromData(server.run("import", {"-window", "root", "png:-"}), "PNG"); }
+
+    QStringList logLines(const QString &containing)
+    {
+        QStringList lines;
+        for (const QFileInfo &file : QDir(server.stateHome()).entryInfoList({QStringLiteral("*.log")}, QDir::Files))
+            lines += QString::fromUtf8(readFile(file.filePath())).split(QLatin1Char('\n'), Qt::SkipEmptyParts);
+        return lines.filter(containing);
+    }
+};
 
 std::optional<ListedWindow> listedAt(X11WindowList &list, const QRect &frame)
 {
@@ -223,113 +231,94 @@ std::optional<ListedWindow> listedAt(X11WindowList &list, const QRect &frame)
             return w;
     return std::nullopt;
 }
+bool listed(X11WindowList &list, const QRect &frame) { return listedAt(list, frame).has_value(); }
 
-#define START_OR_SKIP(call)                \
-    do {                                   \
-        QString why;                       \
-        if (!(call)) {                     \
-            if (why.contains("installed")) \
-                GTEST_SKIP() << qPrintable(why); \
-            FAIL() << qPrintable(why);     \
-        }                                  \
+#define START_OR_SKIP(...)                                       \
+    do {                                                         \
+        QString why;                                             \
+        if (!start(why __VA_OPT__(, ) __VA_ARGS__)) {            \
+            if (why.contains("installed"))                       \
+                GTEST_SKIP() << qPrintable(why);                 \
+            FAIL() << qPrintable(why);                           \
+        }                                                        \
     } while (0)
 
 }  // namespace
 
-TEST(X11WindowList, WithoutServerListsNothing)
+TEST_F(X11Desktop, UnderOpenboxTheRoomIsAStickyClickThroughDesktopWindowAtTheBottom)
 {
-    X11WindowList list(":65000");
-    EXPECT_FALSE(list.connected());
-    EXPECT_TRUE(list.windows().empty());
-}
+    START_OR_SKIP();
+    const Window other = x->makeWindow(QRect(60, 60, 320, 200));
+    ASSERT_TRUE(soon([&] { return x->stackIndex(other) >= 0; }));
 
-TEST(X11DesktopWindow, UnderOpenboxIsAStickyClickThroughDesktopWindowAtTheBottom)
-{
-    XServer server;
-    START_OR_SKIP(server.start(why));
-    START_OR_SKIP(server.startManager(QStringLiteral("openbox"), {QStringLiteral("--sm-disable")}, why));
-    Client x(server.display());
-    ASSERT_TRUE(x.d);
-    const Window other = x.makeWindow(QRect(60, 60, 320, 200));
-    ASSERT_TRUE(waitUntil([&] { return x.stackIndex(other) >= 0; }, patience));
+    const Window ours = showRoom();
+    ASSERT_NE(ours, 0ul) << room->output().constData();
+    ASSERT_TRUE(soon([&] { return x->stackIndex(ours) == 0; })) << "stack position " << x->stackIndex(ours);
 
-    RoomWindowProcess room(server);
-    const Window ours = room.waitForWindow();
-    ASSERT_NE(ours, 0ul) << room.output().constData();
-    ASSERT_TRUE(waitUntil([&] { return x.stackIndex(ours) == 0; }, patience))
-        << "stack position " << x.stackIndex(ours);
-
-    EXPECT_EQ(x.values(ours, "_NET_WM_WINDOW_TYPE"),
-              std::vector<unsigned long>{x.atom("_NET_WM_WINDOW_TYPE_DESKTOP")});
-    EXPECT_EQ(x.values(ours, "_NET_WM_DESKTOP"), std::vector<unsigned long>{0xFFFFFFFFul});
+    EXPECT_EQ(x->values(ours, "_NET_WM_WINDOW_TYPE"), std::vector<unsigned long>{x->atom("_NET_WM_WINDOW_TYPE_DESKTOP")});
+    EXPECT_EQ(x->values(ours, "_NET_WM_DESKTOP"), std::vector<unsigned long>{0xFFFFFFFFul});
     // The manager rewrites the state once it manages the window, keeping what it supports
     // (openbox has no sticky state: the desktop number says "every desktop").
     for (const char *state : {"_NET_WM_STATE_STICKY", "_NET_WM_STATE_SKIP_TASKBAR", "_NET_WM_STATE_SKIP_PAGER",
                               "_NET_WM_STATE_BELOW"})
-        if (x.has(x.root(), "_NET_SUPPORTED", state))
-            EXPECT_TRUE(x.has(ours, "_NET_WM_STATE", state)) << state;
+        if (x->has(x->root(), "_NET_SUPPORTED", state)) {
+            EXPECT_TRUE(x->has(ours, "_NET_WM_STATE", state)) << state;
+        }
 
-    int count = -1, ordering = 0;
-    XRectangle *input = XShapeGetRectangles(x.d, ours, ShapeInput, &count, &ordering);
-    if (input)
-        XFree(input);
-    EXPECT_EQ(count, 0) << "input shape rectangles";
-    XRectangle *bounding = XShapeGetRectangles(x.d, ours, ShapeBounding, &count, &ordering);
-    if (bounding)
-        XFree(bounding);
-    EXPECT_GT(count, 0) << "the window itself is still drawn";
+    const auto rectangles = [&](int kind) {
+        int count = -1, ordering = 0;
+        if (XRectangle *all = XShapeGetRectangles(x->d, ours, kind, &count, &ordering))
+            XFree(all);
+        return count;
+    };
+    EXPECT_EQ(rectangles(ShapeInput), 0) << "clicks go through to the desktop";
+    EXPECT_GT(rectangles(ShapeBounding), 0) << "the window itself is still drawn";
 
     QImage shot;
-    ASSERT_TRUE(waitUntil([&] {
-        shot = screenshot(server, QStringLiteral("openbox"));
+    ASSERT_TRUE(soon([&] {
+        shot = screenshot();
         return !shot.isNull() && shot.pixelColor(900, 600) == roomColour;
-    }, patience)) << "the room does not show on the desktop";
+    })) << "the room does not show on the desktop";
     EXPECT_NE(shot.pixelColor(200, 150), roomColour) << "the ordinary window is not above the room";
 
     // Switching desktops leaves it shown.
     server.run(QStringLiteral("xdotool"), {QStringLiteral("set_desktop"), QStringLiteral("1")});
-    ASSERT_TRUE(waitUntil([&] { return x.values(x.root(), "_NET_CURRENT_DESKTOP") == std::vector<unsigned long>{1}; },
-                          patience));
+    ASSERT_TRUE(soon([&] { return x->values(x->root(), "_NET_CURRENT_DESKTOP") == std::vector<unsigned long>{1}; }));
     XWindowAttributes attributes;
-    ASSERT_TRUE(XGetWindowAttributes(x.d, ours, &attributes));
+    ASSERT_TRUE(XGetWindowAttributes(x->d, ours, &attributes));
     EXPECT_EQ(attributes.map_state, IsViewable);
-    ASSERT_TRUE(XGetWindowAttributes(x.d, other, &attributes));
+    ASSERT_TRUE(XGetWindowAttributes(x->d, other, &attributes));
     EXPECT_NE(attributes.map_state, IsViewable) << "the other desktop's window is still shown";
-
 }
 
-TEST(X11WindowList, UnderOpenboxListsOtherProgramsWindowsShownOnThisDesktop)
+TEST_F(X11Desktop, WindowListUnderOpenboxListsOtherProgramsWindowsShownOnThisDesktop)
 {
-    XServer server;
-    START_OR_SKIP(server.start(why));
-    START_OR_SKIP(server.startManager(QStringLiteral("openbox"), {QStringLiteral("--sm-disable")}, why));
-    Client x(server.display());
-    ASSERT_TRUE(x.d);
+    EXPECT_FALSE(X11WindowList(":65000").connected()) << "no server there";
+    START_OR_SKIP();
     X11WindowList list(server.display());
     ASSERT_TRUE(list.connected());
     int changes = 0;
     QObject::connect(&list, &WindowList::changed, [&] { ++changes; });
 
-    const Window plain = x.makeWindow(QRect(100, 120, 300, 200));
-    ASSERT_TRUE(waitUntil([&] { return !x.values(plain, "_NET_FRAME_EXTENTS").empty(); }, patience));
-    const QRect plainFrame = x.outerFrame(plain);
+    const Window plain = x->makeWindow(QRect(100, 120, 300, 200));
+    ASSERT_TRUE(soon([&] { return !x->values(plain, "_NET_FRAME_EXTENTS").empty(); }));
+    const QRect plainFrame = x->outerFrame(plain);
     ASSERT_GT(plainFrame.height(), 200) << "openbox puts a title bar on it";
-    ASSERT_TRUE(waitUntil([&] { return listed(list, plainFrame); }, patience))
+    ASSERT_TRUE(soon([&] { return listed(list, plainFrame); }))
         << "frame " << plainFrame.x() << "," << plainFrame.y() << " " << plainFrame.width() << "x"
         << plainFrame.height() << " not among " << list.windows().size();
     EXPECT_EQ(listedAt(list, plainFrame)->opacity, 1.0);
 
-    // Mapping another window changes the stacking: changed() fires.
+    // Mapping another window changes the stacking, and so does raising the first one.
     changes = 0;
-    const Window second = x.makeWindow(QRect(500, 300, 200, 150));
-    ASSERT_TRUE(waitUntil([&] { return changes > 0; }, patience)) << "no change on map";
-    ASSERT_TRUE(waitUntil([&] { return x.stackIndex(second) >= 0; }, patience));
-    const QRect secondFrame = x.outerFrame(second);
-    ASSERT_TRUE(waitUntil([&] { return listed(list, secondFrame); }, patience));
-    // Raising the first one does too.
+    const Window second = x->makeWindow(QRect(500, 300, 200, 150));
+    ASSERT_TRUE(soon([&] { return changes > 0; })) << "no change on map";
+    ASSERT_TRUE(soon([&] { return x->stackIndex(second) >= 0; }));
+    const QRect secondFrame = x->outerFrame(second);
+    ASSERT_TRUE(soon([&] { return listed(list, secondFrame); }));
     changes = 0;
     server.run(QStringLiteral("xdotool"), {QStringLiteral("windowraise"), QString::number(plain)});
-    ASSERT_TRUE(waitUntil([&] { return changes > 0; }, patience)) << "no change on raise";
+    ASSERT_TRUE(soon([&] { return changes > 0; })) << "no change on raise";
 
     // An own window is never listed.
     list.addOwnWindow(WId(second));
@@ -337,245 +326,184 @@ TEST(X11WindowList, UnderOpenboxListsOtherProgramsWindowsShownOnThisDesktop)
     list.removeOwnWindow(WId(second));
     EXPECT_TRUE(listed(list, secondFrame));
 
-    // Half opacity is read back.
-    x.setValues(plain, "_NET_WM_WINDOW_OPACITY", XA_CARDINAL, {0x7FFFFFFFul});
+    x->setValues(plain, "_NET_WM_WINDOW_OPACITY", XA_CARDINAL, {0x7FFFFFFFul});
     EXPECT_NEAR(listedAt(list, plainFrame)->opacity, 0.5, 0.001);
 
     // Windows of this process (by _NET_WM_PID), docks and desktop windows are left out.
-    const Window mine = x.makeWindow(QRect(700, 50, 120, 90));
-    x.setValues(mine, "_NET_WM_PID", XA_CARDINAL, {static_cast<unsigned long>(getpid())});
-    const Window dock = x.makeWindow(QRect(0, 760, 1280, 40), false, "_NET_WM_WINDOW_TYPE_DOCK");
-    const Window desktop = x.makeWindow(QRect(0, 0, 1280, 800), false, "_NET_WM_WINDOW_TYPE_DESKTOP");
-    ASSERT_TRUE(waitUntil([&] {
-        return x.stackIndex(mine) >= 0 && x.stackIndex(dock) >= 0 && x.stackIndex(desktop) >= 0;
-    }, patience));
+    const Window mine = x->makeWindow(QRect(700, 50, 120, 90));
+    x->setValues(mine, "_NET_WM_PID", XA_CARDINAL, {static_cast<unsigned long>(getpid())});
+    const Window dock = x->makeWindow(QRect(0, 760, 1280, 40), false, "_NET_WM_WINDOW_TYPE_DOCK");
+    const Window desktop = x->makeWindow(QRect(0, 0, 1280, 800), false, "_NET_WM_WINDOW_TYPE_DESKTOP");
+    ASSERT_TRUE(soon([&] { return x->stackIndex(mine) >= 0 && x->stackIndex(dock) >= 0 && x->stackIndex(desktop) >= 0; }));
     EXPECT_EQ(list.windows().size(), 2u) << "only the plain and the second window";
 
     // Iconic: gone from the list.
     server.run(QStringLiteral("xdotool"), {QStringLiteral("windowminimize"), QString::number(plain)});
-    ASSERT_TRUE(waitUntil([&] { return x.has(plain, "_NET_WM_STATE", "_NET_WM_STATE_HIDDEN"); }, patience));
+    ASSERT_TRUE(soon([&] { return x->has(plain, "_NET_WM_STATE", "_NET_WM_STATE_HIDDEN"); }));
     EXPECT_FALSE(listed(list, plainFrame));
 
     // On another desktop: gone; shown again once that desktop is current, with a change.
     server.run(QStringLiteral("xdotool"), {QStringLiteral("set_desktop_for_window"), QString::number(second),
                                            QStringLiteral("1")});
-    ASSERT_TRUE(waitUntil([&] { return x.values(second, "_NET_WM_DESKTOP") == std::vector<unsigned long>{1}; },
-                          patience));
+    ASSERT_TRUE(soon([&] { return x->values(second, "_NET_WM_DESKTOP") == std::vector<unsigned long>{1}; }));
     EXPECT_FALSE(listed(list, secondFrame));
     changes = 0;
     server.run(QStringLiteral("xdotool"), {QStringLiteral("set_desktop"), QStringLiteral("1")});
-    ASSERT_TRUE(waitUntil([&] { return changes > 0; }, patience)) << "no change on desktop switch";
-    ASSERT_TRUE(waitUntil([&] { return listed(list, secondFrame); }, patience));
+    ASSERT_TRUE(soon([&] { return changes > 0; })) << "no change on desktop switch";
+    ASSERT_TRUE(soon([&] { return listed(list, secondFrame); }));
 
     // A window on every desktop is listed on each.
-    x.setValues(second, "_NET_WM_DESKTOP", XA_CARDINAL, {0xFFFFFFFFul});
-    XEvent event{};
-    event.xclient.type = ClientMessage;
-    event.xclient.window = second;
-    event.xclient.message_type = x.atom("_NET_WM_DESKTOP");
-    event.xclient.format = 32;
-    event.xclient.data.l[0] = long(0xFFFFFFFFul);
-    event.xclient.data.l[1] = 2;
-    XSendEvent(x.d, x.root(), False, SubstructureRedirectMask | SubstructureNotifyMask, &event);
-    XSync(x.d, False);
+    x->setValues(second, "_NET_WM_DESKTOP", XA_CARDINAL, {0xFFFFFFFFul});
+    x->ask(second, "_NET_WM_DESKTOP", {long(0xFFFFFFFFul), 2});
     server.run(QStringLiteral("xdotool"), {QStringLiteral("set_desktop"), QStringLiteral("0")});
-    ASSERT_TRUE(waitUntil([&] { return x.values(x.root(), "_NET_CURRENT_DESKTOP") == std::vector<unsigned long>{0}; },
-                          patience));
-    ASSERT_TRUE(waitUntil([&] { return listed(list, secondFrame); }, patience))
-        << "a window on every desktop is left out";
-}
+    ASSERT_TRUE(soon([&] { return x->values(x->root(), "_NET_CURRENT_DESKTOP") == std::vector<unsigned long>{0}; }));
+    ASSERT_TRUE(soon([&] { return listed(list, secondFrame); })) << "a window on every desktop is left out";
 
-TEST(X11WindowList, UnderACompositorStillReportsACoveringWindow)
-{
-    XServer server;
-    START_OR_SKIP(server.start(why));
-    START_OR_SKIP(server.startManager(QStringLiteral("openbox"), {QStringLiteral("--sm-disable")}, why));
+    // Under a compositor a covering window is still reported, opaque.
     if (!XServer::installed(QStringLiteral("xcompmgr")))
         GTEST_SKIP() << "xcompmgr is not installed";
-    Client x(server.display());
-    ASSERT_TRUE(x.d);
     QProcess &compositor = server.launch(QStringLiteral("xcompmgr"), {});
     // xcompmgr takes the compositing manager selection of screen 0 once it runs.
-    ASSERT_TRUE(waitUntil([&] {
-        return XGetSelectionOwner(x.d, x.atom("_NET_WM_CM_S0")) != 0 || compositor.state() == QProcess::NotRunning;
-    }, patience));
-    ASSERT_NE(XGetSelectionOwner(x.d, x.atom("_NET_WM_CM_S0")), 0ul) << XServer::output(compositor).constData();
-
-    X11WindowList list(server.display());
-    int changes = 0;
-    QObject::connect(&list, &WindowList::changed, [&] { ++changes; });
-    const Window cover = x.makeWindow(QRect(0, 0, 1280, 760));
-    ASSERT_TRUE(waitUntil([&] { return changes > 0 && !x.values(cover, "_NET_FRAME_EXTENTS").empty(); }, patience));
-    const QRect frame = x.outerFrame(cover);
-    ASSERT_TRUE(waitUntil([&] { return listed(list, frame); }, patience));
-    EXPECT_EQ(listedAt(list, frame)->opacity, 1.0);
+    ASSERT_TRUE(soon([&] {
+        return XGetSelectionOwner(x->d, x->atom("_NET_WM_CM_S0")) != 0 || compositor.state() == QProcess::NotRunning;
+    }));
+    ASSERT_NE(XGetSelectionOwner(x->d, x->atom("_NET_WM_CM_S0")), 0ul) << XServer::output(compositor).constData();
+    changes = 0;
+    const Window cover = x->makeWindow(QRect(0, 0, 1280, 760));
+    ASSERT_TRUE(soon([&] { return changes > 0 && !x->values(cover, "_NET_FRAME_EXTENTS").empty(); }));
+    const QRect coverFrame = x->outerFrame(cover);
+    ASSERT_TRUE(soon([&] { return listed(list, coverFrame); }));
+    EXPECT_EQ(listedAt(list, coverFrame)->opacity, 1.0);
 }
 
-TEST(X11DesktopStacking, StaysBelowASeeThroughIconWindowAndLowersItselfAgain)
+TEST_F(X11Desktop, StaysBelowASeeThroughIconWindowAndLowersItselfAgain)
 {
-    XServer server;
-    START_OR_SKIP(server.start(why));
-    START_OR_SKIP(server.startManager(QStringLiteral("openbox"), {QStringLiteral("--sm-disable")}, why));
-    Client x(server.display());
-    ASSERT_TRUE(x.d);
+    START_OR_SKIP();
     // Transparent between its icons, as GNOME's desktop icons are.
-    const Window icons = x.makeWindow(QRect(0, 0, 1280, 800), true, "_NET_WM_WINDOW_TYPE_DESKTOP");
+    const Window icons = x->makeWindow(QRect(0, 0, 1280, 800), true, "_NET_WM_WINDOW_TYPE_DESKTOP");
     ASSERT_NE(icons, 0ul) << "no 32-bit visual";
-    ASSERT_TRUE(waitUntil([&] { return x.stackIndex(icons) >= 0; }, patience));
+    ASSERT_TRUE(soon([&] { return x->stackIndex(icons) >= 0; }));
 
-    RoomWindowProcess room(server);
-    const Window ours = room.waitForWindow();
-    ASSERT_NE(ours, 0ul) << room.output().constData();
+    const Window ours = showRoom();
+    ASSERT_NE(ours, 0ul) << room->output().constData();
+    const auto below = [&] { return x->stackIndex(ours) >= 0 && x->stackIndex(ours) < x->stackIndex(icons); };
     // Mapped later, openbox puts it on top of the desktop layer; it must go below the icons.
-    ASSERT_TRUE(waitUntil([&] { return x.stackIndex(ours) >= 0 && x.stackIndex(ours) < x.stackIndex(icons); },
-                          patience));
+    ASSERT_TRUE(soon(below));
 
-    // The icon program lowers itself (as Nemo does on every map) while ours cannot answer...
-    room.pause();
-    x.restack(icons, 0, Below);
-    ASSERT_TRUE(waitUntil([&] { return x.stackIndex(icons) < x.stackIndex(ours); }, patience));
-    // ...and ours goes below it again once it can.
-    room.resume();
-    ASSERT_TRUE(waitUntil([&] { return x.stackIndex(ours) < x.stackIndex(icons); }, patience));
-
-    // Raised above the icons by someone else: lowered again.
-    room.pause();
-    XRaiseWindow(x.d, ours);
-    XSync(x.d, False);
-    ASSERT_TRUE(waitUntil([&] { return x.stackIndex(icons) < x.stackIndex(ours); }, patience));
-    room.resume();
-    ASSERT_TRUE(waitUntil([&] { return x.stackIndex(ours) < x.stackIndex(icons); }, patience));
-    EXPECT_TRUE(logLines(server).filter(QStringLiteral("Mesa:")).isEmpty());
+    // The icon program lowers itself (as Nemo does on every map), or someone raises ours, while
+    // ours cannot answer: ours goes below the icons again once it can.
+    for (const bool iconsLower : {true, false}) {
+        SCOPED_TRACE(iconsLower ? "icons lowered" : "ours raised");
+        room->pause();
+        if (iconsLower) {
+            x->restack(icons, Below);
+        } else {
+            XRaiseWindow(x->d, ours);
+            XSync(x->d, False);
+        }
+        ASSERT_TRUE(soon([&] { return x->stackIndex(icons) < x->stackIndex(ours); }));
+        room->resume();
+        ASSERT_TRUE(soon(below));
+    }
+    EXPECT_TRUE(logLines(QStringLiteral("Mesa:")).isEmpty());
 }
 
-TEST(X11DesktopStacking, SitsAboveXfdesktopsOpaqueIconWindowAndSaysSoOnce)
+TEST_F(X11Desktop, SitsAboveXfdesktopsOpaqueIconWindowAndSaysSoOnce)
 {
-    XServer server;
-    START_OR_SKIP(server.start(why));
     if (!XServer::installed(QStringLiteral("xfdesktop")))
         GTEST_SKIP() << "xfdesktop is not installed";
-    START_OR_SKIP(server.startSessionBus(why));
-    START_OR_SKIP(server.startManager(QStringLiteral("xfwm4"), {QStringLiteral("--compositor=off")}, why));
-    Client x(server.display());
-    ASSERT_TRUE(x.d);
+    START_OR_SKIP(QStringLiteral("xfwm4"), {QStringLiteral("--compositor=off")}, true);
 
     // The room starts first, as a login's autostart race may have it. (xfwm4 keeps its own
     // order among desktop windows and ignores requests to change it; the restacking itself is
-    // exercised under openbox below.)
-    RoomWindowProcess room(server);
-    const Window ours = room.waitForWindow();
-    ASSERT_NE(ours, 0ul) << room.output().constData();
+    // exercised under openbox.)
+    const Window ours = showRoom();
+    ASSERT_NE(ours, 0ul) << room->output().constData();
     // xfwm4 publishes the stacking list only from its second client on.
-    auto managed = [&](Window window) {
-        const auto clients = x.values(x.root(), "_NET_CLIENT_LIST");
-        return std::find(clients.begin(), clients.end(), window) != clients.end();
-    };
-    ASSERT_TRUE(waitUntil([&] { return managed(ours); }, patience));
+    ASSERT_TRUE(soon([&] {
+        const auto clients = x->values(x->root(), "_NET_CLIENT_LIST");
+        return std::find(clients.begin(), clients.end(), ours) != clients.end();
+    }));
 
-    auto startIcons = [&](Window previous) {
-        QProcess &xfdesktop = server.launch(QStringLiteral("xfdesktop"), {});
-        Window icons = 0;
-        waitUntil([&] {
-            for (const unsigned long client : x.values(x.root(), "_NET_CLIENT_LIST"))
-                if (client != ours && client != previous
-                    && x.has(client, "_NET_WM_WINDOW_TYPE", "_NET_WM_WINDOW_TYPE_DESKTOP"))
-                    icons = client;
-            return icons != 0 || xfdesktop.state() == QProcess::NotRunning;
-        }, patience);
-        if (!icons)
-            ADD_FAILURE() << XServer::output(xfdesktop).constData();
-        return std::make_pair(&xfdesktop, icons);
-    };
-    auto [xfdesktop, icons] = startIcons(0);
-    ASSERT_NE(icons, 0ul);
+    QProcess &xfdesktop = server.launch(QStringLiteral("xfdesktop"), {});
+    Window icons = 0;
+    ASSERT_TRUE(soon([&] {
+        for (const unsigned long client : x->values(x->root(), "_NET_CLIENT_LIST"))
+            if (client != ours && x->has(client, "_NET_WM_WINDOW_TYPE", "_NET_WM_WINDOW_TYPE_DESKTOP"))
+                icons = client;
+        return icons != 0 || xfdesktop.state() == QProcess::NotRunning;
+    }) && icons) << XServer::output(xfdesktop).constData();
     XWindowAttributes attributes;
-    ASSERT_TRUE(XGetWindowAttributes(x.d, icons, &attributes));
+    ASSERT_TRUE(XGetWindowAttributes(x->d, icons, &attributes));
     ASSERT_EQ(attributes.depth, 24) << "xfdesktop's window is expected opaque here";
 
-    ASSERT_TRUE(waitUntil([&] { return x.stackIndex(ours) > x.stackIndex(icons); }, patience))
-        << "ours at " << x.stackIndex(ours) << ", xfdesktop at " << x.stackIndex(icons);
+    ASSERT_TRUE(soon([&] { return x->stackIndex(ours) > x->stackIndex(icons); }))
+        << "ours at " << x->stackIndex(ours) << ", xfdesktop at " << x->stackIndex(icons);
     QStringList told;
-    ASSERT_TRUE(waitUntil([&] {
-        told = logLines(server).filter(QStringLiteral("Mesa:"));
-        return !told.isEmpty();
-    }, patience));
+    ASSERT_TRUE(soon([&] { return !(told = logLines(QStringLiteral("Mesa:"))).isEmpty(); }));
     EXPECT_TRUE(told.first().contains(
         QStringLiteral("Mesa: a janela de ícones do desktop (Xfdesktop) é opaca; a sala fica acima dela")))
         << qPrintable(told.first());
 
     // More stacking changes: still above it, without a second line.
-    const Window other = x.makeWindow(QRect(100, 100, 300, 200));
-    ASSERT_TRUE(waitUntil([&] { return x.stackIndex(other) >= 0; }, patience));
+    const Window other = x->makeWindow(QRect(100, 100, 300, 200));
+    ASSERT_TRUE(soon([&] { return x->stackIndex(other) >= 0; }));
     spin(500ms);
-    EXPECT_GT(x.stackIndex(ours), x.stackIndex(icons));
-    EXPECT_EQ(logLines(server).filter(QStringLiteral("Mesa:")).size(), 1);
-
-    QImage shot = screenshot(server, QStringLiteral("xfdesktop"));
-    ASSERT_FALSE(shot.isNull());
-    EXPECT_EQ(shot.pixelColor(900, 600), roomColour) << "the room is hidden under xfdesktop";
+    EXPECT_GT(x->stackIndex(ours), x->stackIndex(icons));
+    EXPECT_EQ(logLines(QStringLiteral("Mesa:")).size(), 1);
+    EXPECT_EQ(screenshot().pixelColor(900, 600), roomColour) << "the room is hidden under xfdesktop";
 }
 
-TEST(X11DesktopStacking, UnderOpenboxRisesAboveAnOpaqueIconWindowMappedLater)
+TEST_F(X11Desktop, UnderOpenboxRisesAboveAnOpaqueIconWindowMappedLater)
 {
-    XServer server;
-    START_OR_SKIP(server.start(why));
-    START_OR_SKIP(server.startManager(QStringLiteral("openbox"), {QStringLiteral("--sm-disable")}, why));
-    Client x(server.display());
-    ASSERT_TRUE(x.d);
-    RoomWindowProcess room(server);
-    const Window ours = room.waitForWindow();
-    ASSERT_NE(ours, 0ul) << room.output().constData();
-    ASSERT_TRUE(waitUntil([&] { return x.stackIndex(ours) >= 0; }, patience));
+    START_OR_SKIP();
+    const Window ours = showRoom();
+    ASSERT_NE(ours, 0ul) << room->output().constData();
+    ASSERT_TRUE(soon([&] { return x->stackIndex(ours) >= 0; }));
 
     // Opaque wallpaper and icons in one 24-bit window, as pcmanfm's under openbox (LXDE).
-    const Window icons = x.makeWindow(QRect(0, 0, 1280, 800), false, "_NET_WM_WINDOW_TYPE_DESKTOP");
+    const Window icons = x->makeWindow(QRect(0, 0, 1280, 800), false, "_NET_WM_WINDOW_TYPE_DESKTOP");
     XClassHint names{const_cast<char *>("pcmanfm"), const_cast<char *>("Pcmanfm")};
-    XSetClassHint(x.d, icons, &names);
-    XSync(x.d, False);
-    ASSERT_TRUE(waitUntil([&] { return x.stackIndex(icons) >= 0; }, patience));
-    ASSERT_TRUE(waitUntil([&] { return x.stackIndex(ours) > x.stackIndex(icons); }, patience))
-        << "ours at " << x.stackIndex(ours) << ", the icons at " << x.stackIndex(icons);
+    XSetClassHint(x->d, icons, &names);
+    XSync(x->d, False);
+    ASSERT_TRUE(soon([&] { return x->stackIndex(icons) >= 0; }));
+    const auto above = [&] { return x->stackIndex(ours) > x->stackIndex(icons); };
+    ASSERT_TRUE(soon(above)) << "ours at " << x->stackIndex(ours) << ", the icons at " << x->stackIndex(icons);
 
     // Raised above ours while ours cannot answer: back above it once it can.
-    room.pause();
-    x.restack(icons, 0, Above);
-    ASSERT_TRUE(waitUntil([&] { return x.stackIndex(icons) > x.stackIndex(ours); }, patience));
-    room.resume();
-    ASSERT_TRUE(waitUntil([&] { return x.stackIndex(ours) > x.stackIndex(icons); }, patience));
+    room->pause();
+    x->restack(icons, Above);
+    ASSERT_TRUE(soon([&] { return !above(); }));
+    room->resume();
+    ASSERT_TRUE(soon(above));
 
-    const QStringList told = logLines(server).filter(QStringLiteral("Mesa:"));
+    const QStringList told = logLines(QStringLiteral("Mesa:"));
     ASSERT_EQ(told.size(), 1) << qPrintable(told.join('\n'));
     EXPECT_TRUE(told.first().contains(QStringLiteral("(Pcmanfm) é opaca"))) << qPrintable(told.first());
 }
 
-TEST(X11DesktopWindow, UnderI3BypassesTheManagerAndLiesUnderEveryWindow)
+TEST_F(X11Desktop, UnderI3BypassesTheManagerAndLiesUnderEveryWindow)
 {
-    XServer server;
-    START_OR_SKIP(server.start(why));
     QTemporaryDir config;
     writeFile(config.filePath(QStringLiteral("i3.conf")), "font pango:monospace 8\n");
-    START_OR_SKIP(server.startManager(QStringLiteral("i3"), {QStringLiteral("-c"), config.filePath(QStringLiteral("i3.conf"))},
-                                      why));
-    Client x(server.display());
-    ASSERT_TRUE(x.d);
-    const Window other = x.makeWindow(QRect(60, 60, 320, 200));
-    ASSERT_TRUE(waitUntil([&] { return !x.values(x.root(), "_NET_CLIENT_LIST").empty(); }, patience));
-    const QRect otherFrame = x.outerFrame(other);
+    START_OR_SKIP(QStringLiteral("i3"), {QStringLiteral("-c"), config.filePath(QStringLiteral("i3.conf"))});
+    const Window other = x->makeWindow(QRect(60, 60, 320, 200));
+    ASSERT_TRUE(soon([&] { return !x->values(x->root(), "_NET_CLIENT_LIST").empty(); }));
+    const QRect otherFrame = x->outerFrame(other);
 
-    RoomWindowProcess room(server);
-    const Window ours = room.waitForWindow();
-    ASSERT_NE(ours, 0ul) << room.output().constData();
+    const Window ours = showRoom();
+    ASSERT_NE(ours, 0ul) << room->output().constData();
 
     // Among the root's children (bottom to top), no shown window lies under ours.
     auto shownBelowOurs = [&] {
         Window rootReturn = 0, parent = 0, *children = nullptr;
         unsigned int count = 0;
         int below = -1;
-        if (XQueryTree(x.d, x.root(), &rootReturn, &parent, &children, &count)) {
+        if (XQueryTree(x->d, x->root(), &rootReturn, &parent, &children, &count)) {
             below = 0;
             for (unsigned int i = 0; i < count && children[i] != ours; ++i) {
                 XWindowAttributes a;
-                if (XGetWindowAttributes(x.d, children[i], &a) && a.map_state == IsViewable)
+                if (XGetWindowAttributes(x->d, children[i], &a) && a.map_state == IsViewable)
                     ++below;
             }
         }
@@ -584,21 +512,21 @@ TEST(X11DesktopWindow, UnderI3BypassesTheManagerAndLiesUnderEveryWindow)
         return below;
     };
     XWindowAttributes attributes{};
-    ASSERT_TRUE(waitUntil([&] {
-        return XGetWindowAttributes(x.d, ours, &attributes) && attributes.map_state == IsViewable && shownBelowOurs() == 0;
-    }, patience)) << "shown windows below ours: " << shownBelowOurs();
+    ASSERT_TRUE(soon([&] {
+        return XGetWindowAttributes(x->d, ours, &attributes) && attributes.map_state == IsViewable && shownBelowOurs() == 0;
+    })) << "shown windows below ours: " << shownBelowOurs();
     EXPECT_TRUE(attributes.override_redirect);
     EXPECT_EQ(QRect(attributes.x, attributes.y, attributes.width, attributes.height), QRect(0, 0, 1280, 800))
         << "tiled instead of covering the screen";
-    EXPECT_EQ(x.stackIndex(ours), -1) << "managed by i3";
-    EXPECT_EQ(x.outerFrame(other), otherFrame);
+    EXPECT_EQ(x->stackIndex(ours), -1) << "managed by i3";
+    EXPECT_EQ(x->outerFrame(other), otherFrame);
 
     // Raised while it cannot answer: lowered again at the next change of the client list.
-    room.pause();
-    XRaiseWindow(x.d, ours);
-    XSync(x.d, False);
+    room->pause();
+    XRaiseWindow(x->d, ours);
+    XSync(x->d, False);
     ASSERT_GT(shownBelowOurs(), 0);
-    room.resume();
-    x.makeWindow(QRect(400, 300, 200, 100));
-    ASSERT_TRUE(waitUntil([&] { return shownBelowOurs() == 0; }, patience));
+    room->resume();
+    x->makeWindow(QRect(400, 300, 200, 100));
+    ASSERT_TRUE(soon([&] { return shownBelowOurs() == 0; }));
 }

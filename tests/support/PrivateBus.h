@@ -7,6 +7,7 @@
 #include "TestSupport.h"
 
 #include <QDBusConnection>
+#include <QDBusConnectionInterface>
 #include <QDBusMessage>
 #include <QDBusVariant>
 #include <QDir>
@@ -16,9 +17,19 @@
 #include <QStringList>
 #include <QTemporaryDir>
 #include <chrono>
+#include <gtest/gtest.h>
 #include <memory>
 
 namespace testsupport {
+
+// For ASSERT_TRUE/EXPECT_TRUE: a method reply, or a failure carrying the error.
+inline ::testing::AssertionResult isReply(const QDBusMessage &message)
+{
+    if (message.type() == QDBusMessage::ReplyMessage)
+        return ::testing::AssertionSuccess();
+    return ::testing::AssertionFailure() << message.errorName().toStdString() << ": "
+                                         << message.errorMessage().toStdString();
+}
 
 class PrivateBus {
 public:
@@ -47,8 +58,7 @@ public:
             return;
         address = QString::fromUtf8(daemon.readLine()).trimmed();
         name = QStringLiteral("private-bus-%1").arg(++counter);
-        connection =
-            std::make_unique<QDBusConnection>(QDBusConnection::connectToBus(address, name));
+        connection = std::make_unique<QDBusConnection>(QDBusConnection::connectToBus(address, name));
     }
     ~PrivateBus()
     {
@@ -60,8 +70,6 @@ public:
             daemon.waitForFinished();
         }
     }
-    PrivateBus(const PrivateBus &) = delete;
-    PrivateBus &operator=(const PrivateBus &) = delete;
 
     bool ok() const { return connection && connection->isConnected(); }
     // Activatable services: "<name>.service" files here start on the first message to the name.
@@ -83,13 +91,7 @@ public:
     }
     bool hasOwner(const QString &busName)
     {
-        QDBusMessage call = QDBusMessage::createMethodCall(
-            QStringLiteral("org.freedesktop.DBus"), QStringLiteral("/org/freedesktop/DBus"),
-            QStringLiteral("org.freedesktop.DBus"), QStringLiteral("NameHasOwner"));
-        call << busName;
-        const QDBusMessage reply = bus().call(call, QDBus::Block, 5000);
-        return reply.type() == QDBusMessage::ReplyMessage && !reply.arguments().isEmpty()
-               && reply.arguments().constFirst().toBool();
+        return bus().interface()->isServiceRegistered(busName).value();
     }
 
     QTemporaryDir dir;
@@ -105,13 +107,10 @@ public:
 // the object.
 class DbusMock {
 public:
-    static QString mockInterface() { return QStringLiteral("org.freedesktop.DBus.Mock"); }
-
     // `python3 -m dbusmock --template <name> [-p <parameters>]`; `busName` is the name the
     // template claims, waited for.
     static std::unique_ptr<DbusMock> fromTemplate(PrivateBus &bus, const QString &templateName,
-                                                  const QString &busName,
-                                                  const QString &parametersJson = {})
+                                                  const QString &busName, const QString &parametersJson = {})
     {
         QStringList args{QStringLiteral("--template"), templateName};
         if (!parametersJson.isEmpty())
@@ -119,8 +118,8 @@ public:
         return std::unique_ptr<DbusMock>(new DbusMock(bus, busName, args));
     }
     // `python3 -m dbusmock <busName> <path> <interface>`: one object, no methods or properties.
-    static std::unique_ptr<DbusMock> bare(PrivateBus &bus, const QString &busName,
-                                          const QString &path, const QString &interface)
+    static std::unique_ptr<DbusMock> bare(PrivateBus &bus, const QString &busName, const QString &path,
+                                          const QString &interface)
     {
         return std::unique_ptr<DbusMock>(new DbusMock(bus, busName, {busName, path, interface}));
     }
@@ -148,7 +147,7 @@ public:
     }
     QDBusMessage callMock(const QString &path, const QString &method, const QVariantList &args = {})
     {
-        return call(path, mockInterface(), method, args);
+        return call(path, QStringLiteral("org.freedesktop.DBus.Mock"), method, args);
     }
     // The standard Properties.Set, which the mock answers by emitting PropertiesChanged.
     QDBusMessage setProperty(const QString &path, const QString &interface, const QString &name,
@@ -170,10 +169,8 @@ private:
                                  QStringLiteral("--session")};
         process.start(QStringLiteral("/usr/bin/python3"), module + args);
         ready = process.waitForStarted(10000)
-                && waitUntil([&] {
-                       return bus.hasOwner(busName)
-                              || process.state() == QProcess::NotRunning;
-                   }, std::chrono::seconds(30))
+                && waitUntil([&] { return bus.hasOwner(busName) || process.state() == QProcess::NotRunning; },
+                             std::chrono::seconds(30))
                 && process.state() == QProcess::Running;
     }
 

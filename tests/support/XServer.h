@@ -1,32 +1,29 @@
 #pragma once
 
-// A private X server for tests: Xvfb on a free display number (the server picks it and tells
-// it back through -displayfd), with window managers and desktop programs started on it, each
-// with its own temporary HOME and XDG folders so no user setting leaks in, and an optional
-// private session bus for the programs that need one (xfconf). Everything started is killed by
-// the destructor, the server last.
+// A private X server for tests: Xvfb on a display number it picks itself (-displayfd), window
+// managers and desktop programs on it, each with a temporary HOME and XDG folders so no user
+// setting leaks in, and an optional session bus of its own. The destructor kills everything,
+// the server last.
 
 #include <QByteArray>
 #include <QDir>
-#include <QFile>
 #include <QElapsedTimer>
+#include <QFile>
 #include <QProcess>
 #include <QProcessEnvironment>
 #include <QStandardPaths>
 #include <QTemporaryDir>
 #include <QThread>
+#include <functional>
 #include <memory>
 #include <vector>
 
 class XServer {
 public:
-    explicit XServer(QString screen = QStringLiteral("1280x800x24")) : screenSpec(std::move(screen))
+    explicit XServer(QString screen = QStringLiteral("1280x800x24")) : screenGeometry(std::move(screen))
     {
-        QDir(dir.path()).mkpath(QStringLiteral("home"));
-        QDir(dir.path()).mkpath(QStringLiteral("config"));
-        QDir(dir.path()).mkpath(QStringLiteral("cache"));
-        QDir(dir.path()).mkpath(QStringLiteral("data"));
-        QDir(dir.path()).mkpath(QStringLiteral("state"));
+        for (const char *sub : {"home", "config", "cache", "data", "state"})
+            QDir(dir.path()).mkpath(QString::fromLatin1(sub));
     }
     ~XServer() { stop(); }
     XServer(const XServer &) = delete;
@@ -40,26 +37,20 @@ public:
             why = QStringLiteral("Xvfb is not installed (package xvfb)");
             return false;
         }
-        server.setProgram(QStringLiteral("Xvfb"));
-        server.setArguments({QStringLiteral("-displayfd"), QStringLiteral("1"), QStringLiteral("-screen"),
-                             QStringLiteral("0"), screenSpec, QStringLiteral("-nolisten"), QStringLiteral("tcp")});
-        // Only the display number comes on standard output. The rest goes to a file: an unread
-        // pipe fills up with xkbcomp's warnings and then stalls the server and all its clients.
+        // Only the display number comes on standard output: an unread pipe full of xkbcomp's
+        // warnings would stall the server and all its clients.
         server.setStandardErrorFile(dir.filePath(QStringLiteral("Xvfb.log")));
-        server.start();
-        if (!server.waitForStarted(10000)) {
-            why = QStringLiteral("Xvfb did not start");
-            return false;
-        }
+        server.start(QStringLiteral("Xvfb"), {QStringLiteral("-displayfd"), QStringLiteral("1"), QStringLiteral("-screen"),
+                                              QStringLiteral("0"), screenGeometry, QStringLiteral("-nolisten"),
+                                              QStringLiteral("tcp")});
         QByteArray number;
-        QElapsedTimer timer;
-        timer.start();
-        while (!number.contains('\n') && timer.elapsed() < 30000 && server.state() == QProcess::Running) {
+        poll([&] {
             server.waitForReadyRead(200);
             number += server.readAllStandardOutput();
-        }
+            return number.contains('\n') || server.state() != QProcess::Running;
+        });
         if (!number.contains('\n')) {
-            why = QStringLiteral("Xvfb gave no display number: ") + QString::fromUtf8(server.readAllStandardError());
+            why = QStringLiteral("Xvfb gave no display number: ") + QString::fromUtf8(readFile("Xvfb.log"));
             return false;
         }
         name = ':' + number.trimmed();
@@ -70,51 +61,40 @@ public:
     QString home() const { return dir.filePath(QStringLiteral("home")); }
     QString stateHome() const { return dir.filePath(QStringLiteral("state")); }
 
-    // The environment for programs on this server: DISPLAY, the private folders, and the
-    // private session bus once there is one.
+    // DISPLAY, the private folders, and the private session bus once there is one.
     QProcessEnvironment environment() const
     {
         QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
         env.insert(QStringLiteral("DISPLAY"), QString::fromUtf8(name));
         env.insert(QStringLiteral("HOME"), home());
-        env.insert(QStringLiteral("XDG_CONFIG_HOME"), dir.filePath(QStringLiteral("config")));
-        env.insert(QStringLiteral("XDG_CACHE_HOME"), dir.filePath(QStringLiteral("cache")));
-        env.insert(QStringLiteral("XDG_DATA_HOME"), dir.filePath(QStringLiteral("data")));
-        env.insert(QStringLiteral("XDG_STATE_HOME"), stateHome());
+        for (const char *sub : {"config", "cache", "data", "state"})
+            env.insert(QStringLiteral("XDG_%1_HOME").arg(QString::fromLatin1(sub).toUpper()),
+                       dir.filePath(QString::fromLatin1(sub)));
         env.remove(QStringLiteral("WAYLAND_DISPLAY"));
         env.remove(QStringLiteral("XAUTHORITY"));
-        if (busAddress.isEmpty())
-            env.remove(QStringLiteral("DBUS_SESSION_BUS_ADDRESS"));
-        else
+        env.remove(QStringLiteral("DBUS_SESSION_BUS_ADDRESS"));
+        if (!busAddress.isEmpty())
             env.insert(QStringLiteral("DBUS_SESSION_BUS_ADDRESS"), busAddress);
         return env;
     }
 
-    // A session bus of its own (services such as xfconfd start on demand from the system's
-    // service folders).
+    // A standard session bus, so services such as xfconfd start on demand from the system's
+    // service folders.
     bool startSessionBus(QString &why)
     {
         QProcess &bus = launch(QStringLiteral("dbus-daemon"),
                                {QStringLiteral("--session"), QStringLiteral("--nofork"), QStringLiteral("--print-address=1")});
-        if (!bus.waitForStarted(10000)) {
-            why = QStringLiteral("dbus-daemon did not start");
-            return false;
-        }
         QByteArray address;
-        QElapsedTimer timer;
-        timer.start();
-        while (!address.contains('\n') && timer.elapsed() < 30000 && bus.state() == QProcess::Running) {
-            QThread::msleep(50);
+        poll([&] {
             address = output(bus);
-        }
+            return address.contains('\n') || bus.state() == QProcess::NotRunning;
+        });
         busAddress = QString::fromUtf8(address.left(address.indexOf('\n')).trimmed());
-        if (busAddress.isEmpty())
-            why = QStringLiteral("dbus-daemon gave no address");
+        why = QStringLiteral("dbus-daemon gave no address");
         return !busAddress.isEmpty();
     }
 
-    // Starts a window manager and waits until it announces itself (_NET_SUPPORTING_WM_CHECK
-    // with a name).
+    // Starts a window manager and waits until it takes windows.
     bool startManager(const QString &program, const QStringList &arguments, QString &why)
     {
         if (!installed(program)) {
@@ -122,63 +102,44 @@ public:
             return false;
         }
         QProcess &manager = launch(program, arguments);
-        if (!manager.waitForStarted(10000)) {
-            why = program + QStringLiteral(" did not start");
+        if (!poll([&] { return !managerName().isEmpty() || manager.state() == QProcess::NotRunning; })
+            || manager.state() == QProcess::NotRunning) {
+            why = program + QStringLiteral(" did not start: ") + QString::fromUtf8(output(manager));
             return false;
         }
-        QElapsedTimer timer;
-        timer.start();
-        while (timer.elapsed() < 60000 && managerName().isEmpty()) {
-            if (manager.state() != QProcess::Running) {
-                why = program + QStringLiteral(" quit: ") + QString::fromUtf8(output(manager));
-                return false;
-            }
-            QThread::msleep(50);
-        }
-        // A manager announces itself before it takes windows: openbox drops a window mapped in
-        // between. It is ready once a probe window shows up in its client list.
-        while (timer.elapsed() < 60000) {
+        // A manager announces itself before it takes windows (openbox drops a window mapped in
+        // between): it is ready once a probe window shows up in its client list.
+        const bool managed = poll([&] {
             QProcess probe;
             probe.setProcessEnvironment(environment());
             probe.setStandardOutputFile(QProcess::nullDevice());
             probe.setStandardErrorFile(QProcess::nullDevice());
             probe.start(QStringLiteral("xmessage"), {QStringLiteral("-name"), QStringLiteral("xserver-probe"),
                                                      QStringLiteral("probe")});
-            bool managed = false;
-            for (int i = 0; i < 40 && !managed && probe.state() != QProcess::NotRunning; ++i) {
+            bool seen = false;
+            for (int i = 0; i < 40 && !seen && probe.state() != QProcess::NotRunning; ++i) {
                 QThread::msleep(50);
-                managed = clientCount() > 0;
+                seen = !rootItems("_NET_CLIENT_LIST").isEmpty();
             }
             probe.kill();
             probe.waitForFinished(5000);
-            if (managed) {
-                while (timer.elapsed() < 60000 && clientCount() > 0)
-                    QThread::msleep(50);
-                return true;
-            }
-        }
+            return seen;
+        });
+        poll([&] { return rootItems("_NET_CLIENT_LIST").isEmpty(); });
         why = program + QStringLiteral(" did not start managing windows");
-        return false;
+        return managed;
     }
 
-    // How many clients the manager lists (_NET_CLIENT_LIST).
-    int clientCount() const
-    {
-        const QByteArray list = run(QStringLiteral("xprop"), {QStringLiteral("-root"), QStringLiteral("-notype"),
-                                                              QStringLiteral("_NET_CLIENT_LIST")});
-        const qsizetype hash = list.indexOf('#');
-        return hash < 0 ? 0 : int(list.mid(hash + 1).count(',')) + (list.mid(hash + 1).trimmed().isEmpty() ? 0 : 1);
-    }
-
-    // Starts another program on the server; the caller waits for whatever it needs from it.
-    // Its standard output and error go to a file (output()), never to a pipe that may fill.
+    // Starts another program on the server; its output goes to a file (output()), never to a
+    // pipe that may fill.
     QProcess &launch(const QString &program, const QStringList &arguments)
     {
         auto process = std::make_unique<QProcess>();
+        const QString log = dir.filePath(QStringLiteral("output-%1.log").arg(processes.size()));
         process->setProcessEnvironment(environment());
         process->setProcessChannelMode(QProcess::MergedChannels);
-        process->setStandardOutputFile(dir.filePath(QStringLiteral("output-%1.log").arg(processes.size())));
-        process->setObjectName(dir.filePath(QStringLiteral("output-%1.log").arg(processes.size())));
+        process->setStandardOutputFile(log);
+        process->setObjectName(log);
         process->start(program, arguments);
         processes.push_back(std::move(process));
         return *processes.back();
@@ -191,27 +152,22 @@ public:
         return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
     }
 
-    // Runs an X client to its end (xprop, xdotool, import); its standard output.
-    QByteArray run(const QString &program, const QStringList &arguments, int *exitCode = nullptr) const
+    // Runs an X client (xprop, xdotool, import) to its end; its standard output.
+    QByteArray run(const QString &program, const QStringList &arguments) const
     {
         QProcess process;
         process.setProcessEnvironment(environment());
         process.start(program, arguments);
         process.waitForFinished(60000);
-        if (exitCode)
-            *exitCode = process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;
         return process.readAllStandardOutput();
     }
 
     // The running manager's _NET_WM_NAME, empty while none has announced itself.
     QByteArray managerName() const
     {
-        const QByteArray check = run(QStringLiteral("xprop"), {QStringLiteral("-root"), QStringLiteral("-notype"),
-                                                               QStringLiteral("_NET_SUPPORTING_WM_CHECK")});
-        const qsizetype hash = check.indexOf('#');
-        if (hash < 0)
+        const QByteArray id = rootItems("_NET_SUPPORTING_WM_CHECK").trimmed();
+        if (id.isEmpty())
             return {};
-        const QByteArray id = check.mid(hash + 1).trimmed();
         const QByteArray named = run(QStringLiteral("xprop"), {QStringLiteral("-id"), QString::fromLatin1(id),
                                                                QStringLiteral("-notype"), QStringLiteral("_NET_WM_NAME")});
         const qsizetype quote = named.indexOf('"');
@@ -227,6 +183,34 @@ public:
     }
 
 private:
+    // Polls for up to a minute (the machines are shared and slow); whether `done` came true.
+    static bool poll(const std::function<bool()> &done)
+    {
+        QElapsedTimer timer;
+        timer.start();
+        while (!done()) {
+            if (timer.elapsed() > 60000)
+                return false;
+            QThread::msleep(50);
+        }
+        return true;
+    }
+
+    // A root window property as xprop prints its items, empty when unset.
+    QByteArray rootItems(const char *property) const
+    {
+        const QByteArray line = run(QStringLiteral("xprop"), {QStringLiteral("-root"), QStringLiteral("-notype"),
+                                                              QString::fromLatin1(property)});
+        const qsizetype hash = line.indexOf('#');
+        return hash < 0 ? QByteArray() : line.mid(hash + 1).trimmed();
+    }
+
+    QByteArray readFile(const char *file) const
+    {
+        QFile f(dir.filePath(QString::fromLatin1(file)));
+        return f.open(QIODevice::ReadOnly) ? f.readAll() : QByteArray();
+    }
+
     static void end(QProcess &process)
     {
         if (process.state() == QProcess::NotRunning)
@@ -238,7 +222,7 @@ private:
         }
     }
 
-    QString screenSpec;
+    QString screenGeometry;
     QTemporaryDir dir;
     QProcess server;
     QByteArray name;

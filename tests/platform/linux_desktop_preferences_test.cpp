@@ -1,0 +1,303 @@
+// The desktop cleaner on the Linux desktops' own settings stores: xfconf through a private
+// xfconfd, and GNOME's Desktop Icons extension through real gsettings on its key-file back end.
+
+#include "core/app/Settings.h"
+#include "core/environment/DesktopCleaner.h"
+#include "core/environment/ProcessLauncher.h"
+#include "platform/linux/GSettingsDesktopPreferences.h"
+#include "platform/linux/LinuxDesktopPreferences.h"
+#include "platform/linux/XfconfDesktopPreferences.h"
+#include "PrivateBus.h"
+#include "TestSupport.h"
+
+#include <QDateTime>
+#include <QFileInfo>
+#include <gtest/gtest.h>
+
+using namespace testsupport;
+using namespace std::chrono_literals;
+
+namespace {
+
+// Records what the desktop process would be told to do instead of reloading a real one.
+struct RecordingLauncher : ProcessLauncher {
+    QStringList commands;
+    std::optional<QString> run(const QString &program, const QStringList &arguments) override
+    {
+        commands.append((QStringList{program} + arguments).join(' '));
+        return std::nullopt;
+    }
+};
+
+struct DesktopCleanerTest : ::testing::Test {
+    LogTail log;
+    QTemporaryDir home;
+    Settings settings{home.filePath("turnelo.json")};
+    RecordingLauncher launcher;
+};
+
+// xfconfd started on demand on a private bus, keeping its channels in a folder of the test's.
+// dbus-monitor records every call to it, so a test can tell "wrote the same value" from "wrote
+// nothing".
+struct DesktopCleanerXfconfTest : DesktopCleanerTest {
+    const QString stylePath = QStringLiteral("/desktop-icons/style");
+    const QString reload = QStringLiteral("xfdesktop --reload");
+    PrivateBus bus;
+    QProcess monitor;
+    std::unique_ptr<ScopedEnv> busEnv;
+    std::unique_ptr<DesktopCleaner> cleaner;
+    QByteArray seen;
+    int markers = 0;
+
+    void SetUp() override
+    {
+        QString xfconfd;
+        for (const char *c : {"/usr/lib/x86_64-linux-gnu/xfce4/xfconf/xfconfd", "/usr/lib/aarch64-linux-gnu/xfce4/xfconf/xfconfd",
+                              "/usr/lib/xfce4/xfconf/xfconfd", "/usr/libexec/xfconfd"})
+            if (QFileInfo(c).isExecutable())
+                xfconfd = c;
+        if (xfconfd.isEmpty())
+            GTEST_SKIP() << "xfconfd not found (package xfconf)";
+        ASSERT_TRUE(bus.ok()) << "no private dbus-daemon";
+        writeFile(bus.serviceDir() + "/org.xfce.Xfconf.service",
+                  QStringLiteral("[D-BUS Service]\nName=org.xfce.Xfconf\nExec=/usr/bin/env XDG_CONFIG_HOME=%1 %2\n")
+                      .arg(home.filePath("config"), xfconfd).toUtf8());
+        monitor.start("dbus-monitor", {"--address", bus.address, "type='method_call',interface='org.xfce.Xfconf'"});
+        ASSERT_TRUE(monitor.waitForStarted()) << "dbus-monitor did not start";
+        busEnv = std::make_unique<ScopedEnv>("DBUS_SESSION_BUS_ADDRESS", bus.address.toUtf8());
+    }
+    void TearDown() override
+    {
+        monitor.kill();
+        monitor.waitForFinished();
+    }
+
+    void makeCleaner()
+    {
+        auto prefs = linuxDesktopPreferences("XFCE");
+        ASSERT_NE(prefs, nullptr);
+        cleaner = std::make_unique<DesktopCleaner>(settings, std::move(prefs), launcher);
+        cleaner->reload();
+    }
+
+    ToolResult query(const QStringList &args)
+    {
+        return runTool("xfconf-query", QStringList{"-c", XfconfDesktopPreferences::channel} + args,
+                       {"DBUS_SESSION_BUS_ADDRESS=" + bus.address, "LC_ALL=C"});
+    }
+    std::optional<QString> style()
+    {
+        const auto r = query({"-p", stylePath});
+        return r.exitCode == 0 ? std::optional(QString::fromUtf8(r.out).trimmed()) : std::nullopt;
+    }
+    void setStyle(int style) { query({"-p", stylePath, "-n", "-t", "int", "-s", QString::number(style)}); }
+
+    // Calls that wrote to the icon style (Set or Reset) seen on the bus since the last check.
+    int writesSinceLastCheck()
+    {
+        // A marker write, seen last, proves the monitor has caught up with everything before it.
+        const QByteArray marker = "/turnelo-test/marker-" + QByteArray::number(++markers);
+        query({"-p", QString::fromUtf8(marker), "-n", "-t", "int", "-s", "1"});
+        EXPECT_TRUE(waitUntil([&] { return (seen += monitor.readAll()).contains(marker); }, 10s))
+            << "dbus-monitor did not see the marker";
+        int writes = 0;
+        bool inWrite = false;
+        for (const QByteArray &line : seen.split('\n')) {
+            if (line.startsWith("method call"))
+                inWrite = line.contains("member=SetProperty") || line.contains("member=ResetProperty");
+            else if (inWrite && line.contains(stylePath.toUtf8())) {
+                ++writes;
+                inWrite = false;
+            }
+        }
+        seen.clear();
+        return writes;
+    }
+
+    QVariantMap snapshotEntry() const
+    {
+        return settings.desktopSnapshot().value_or(QVariantMap()).value(XfconfDesktopPreferences::channel).toMap()
+            .value(stylePath).toMap();
+    }
+
+    static DesktopCleaner::Desired hide() { return {true, false, false}; }
+    static DesktopCleaner::Desired show() { return {}; }
+};
+
+}  // namespace
+
+TEST_F(DesktopCleanerXfconfTest, ApplyingWhatIsAlreadySetWritesAndRestartsNothing)
+{
+    // Never set: icons show by default, and showing them leaves the key unset.
+    ASSERT_NO_FATAL_FAILURE(makeCleaner());
+    EXPECT_FALSE(cleaner->current().hideIcons);
+    cleaner->apply(show());
+    EXPECT_EQ(style(), std::nullopt);
+    EXPECT_EQ(writesSinceLastCheck(), 0);
+    EXPECT_TRUE(launcher.commands.isEmpty());
+    EXPECT_TRUE(log.last().endsWith(
+        "Mesa limpa: Desired(hideIcons: false, hideWidgets: false, clickOnlyInStageManager: false) (reiniciou [])"))
+        << log.last().toStdString();
+
+    // Already hidden by the user.
+    setStyle(0);
+    cleaner->reload();
+    EXPECT_TRUE(cleaner->current().hideIcons);
+    writesSinceLastCheck();
+    cleaner->apply(hide());
+    EXPECT_EQ(writesSinceLastCheck(), 0);
+    EXPECT_TRUE(launcher.commands.isEmpty());
+    EXPECT_TRUE(log.last().endsWith("(reiniciou [])"));
+
+    // Minimised-application icons are a way of showing icons: showing keeps the user's choice.
+    setStyle(1);
+    writesSinceLastCheck();
+    cleaner->apply(show());
+    EXPECT_EQ(style(), "1");
+    EXPECT_EQ(writesSinceLastCheck(), 0);
+    EXPECT_TRUE(launcher.commands.isEmpty());
+}
+
+TEST_F(DesktopCleanerXfconfTest, HideThenRestorePutsEveryKeyBackExactly)
+{
+    for (const std::optional<int> before : {std::optional<int>(), std::optional(1), std::optional(2)}) {
+        SCOPED_TRACE(before ? before.value() : -1);
+        launcher.commands.clear();
+        query({"-p", stylePath, "-r"});
+        if (before)
+            setStyle(*before);
+        ASSERT_NO_FATAL_FAILURE(makeCleaner());
+        EXPECT_FALSE(cleaner->current().hideIcons);
+
+        cleaner->apply(hide());
+        EXPECT_EQ(style(), "0");
+        EXPECT_TRUE(cleaner->current().hideIcons);
+        EXPECT_EQ(launcher.commands, QStringList{reload});
+        EXPECT_TRUE(log.last().endsWith("Mesa limpa: Desired(hideIcons: true, hideWidgets: false, "
+                                        "clickOnlyInStageManager: false) (reiniciou [\"xfce4-desktop\"])"))
+            << log.last().toStdString();
+        EXPECT_EQ(snapshotEntry().value("exists").toBool(), before.has_value());
+
+        cleaner->restore();
+        EXPECT_EQ(style(), before ? std::optional(QString::number(*before)) : std::nullopt);
+        EXPECT_FALSE(cleaner->current().hideIcons);
+        EXPECT_EQ(launcher.commands, (QStringList{reload, reload}));
+        EXPECT_FALSE(settings.desktopSnapshot().has_value());
+        EXPECT_TRUE(log.last().endsWith("Mesa limpa: restaurado (reiniciou [\"xfce4-desktop\"])"));
+
+        // Nothing left to put back.
+        cleaner->restore();
+        EXPECT_EQ(launcher.commands.size(), 2);
+        EXPECT_TRUE(log.last().endsWith("Mesa limpa: restaurado (reiniciou [])"));
+    }
+}
+
+TEST_F(DesktopCleanerXfconfTest, LaterAppliesKeepTheFirstSnapshot)
+{
+    setStyle(1);
+    ASSERT_NO_FATAL_FAILURE(makeCleaner());
+    cleaner->apply(hide());
+    ASSERT_EQ(snapshotEntry().value("value").toInt(), 1);
+
+    // Showing again writes the default style, not the saved one; the snapshot stays as it was.
+    cleaner->apply(show());
+    EXPECT_EQ(style(), "2");
+    cleaner->apply(hide());
+    EXPECT_EQ(style(), "0");
+    EXPECT_EQ(snapshotEntry().value("value").toInt(), 1);
+    EXPECT_EQ(launcher.commands.size(), 3);
+
+    cleaner->restore();
+    EXPECT_EQ(style(), "1");
+    // The restored value keeps its type, so xfdesktop still reads it.
+    const auto typed = query({"-p", stylePath, "-n", "-t", "int", "-s", "1"});
+    EXPECT_EQ(typed.exitCode, 0) << typed.err.toStdString();
+}
+
+TEST_F(DesktopCleanerXfconfTest, OnlyXfceAndGnomeHaveABackEnd)
+{
+    EXPECT_NE(linuxDesktopPreferences("Xubuntu:XFCE"), nullptr);
+    EXPECT_EQ(linuxDesktopPreferences("KDE"), nullptr);
+    EXPECT_EQ(linuxDesktopPreferences(""), nullptr);
+
+    // Without a back end the cleaner says so and touches nothing.
+    setStyle(2);
+    DesktopCleaner none(settings, linuxDesktopPreferences("KDE"), launcher);
+    EXPECT_FALSE(none.available());
+    EXPECT_EQ(none.statusText(), "Hiding desktop icons is not available on this desktop.");
+    EXPECT_FALSE(none.supports(DesktopPreferences::Control::hideIcons));
+    writesSinceLastCheck();
+    none.apply(hide());
+    none.restore();
+    EXPECT_EQ(writesSinceLastCheck(), 0);
+    EXPECT_FALSE(settings.desktopSnapshot().has_value());
+    EXPECT_TRUE(launcher.commands.isEmpty());
+
+    ASSERT_NO_FATAL_FAILURE(makeCleaner());
+    EXPECT_TRUE(cleaner->statusText().isEmpty());
+    EXPECT_TRUE(cleaner->supports(DesktopPreferences::Control::hideIcons));
+    EXPECT_FALSE(cleaner->supports(DesktopPreferences::Control::hideWidgets));
+}
+
+// Real gsettings on its key-file back end, with the extension's schema installed per user the
+// way GNOME Shell extensions keep theirs: found without a system-wide install.
+TEST_F(DesktopCleanerTest, GnomeHidesTheExtensionsIconsAndPutsTheUsersChoiceBack)
+{
+    ScopedEnv backend{"GSETTINGS_BACKEND", "keyfile"};
+    ScopedEnv config{"XDG_CONFIG_HOME", home.filePath("config").toUtf8()};
+    ScopedEnv data{"XDG_DATA_HOME", home.filePath("data").toUtf8()};
+    const QString schemas = home.filePath("data/gnome-shell/extensions/ding@rastersoft.com/schemas");
+    EXPECT_EQ(linuxDesktopPreferences("GNOME"), nullptr) << "no back end without the extension's schema";
+    writeFile(schemas + "/org.gnome.shell.extensions.ding.gschema.xml", R"(<schemalist>
+  <schema id="org.gnome.shell.extensions.ding" path="/org/gnome/shell/extensions/ding/">
+    <key type="b" name="show-home"><default>true</default></key>
+    <key type="b" name="show-trash"><default>true</default></key>
+    <key type="b" name="show-volumes"><default>true</default></key>
+    <key type="b" name="show-network-volumes"><default>false</default></key>
+  </schema>
+</schemalist>
+)");
+    const auto compiled = runTool("glib-compile-schemas", {schemas});
+    ASSERT_EQ(compiled.exitCode, 0) << compiled.err.toStdString();
+    const auto gsettings = [&](QStringList args) {
+        args.insert(1, GSettingsDesktopPreferences::schema);
+        return QString::fromUtf8(runTool("gsettings", QStringList{"--schemadir", schemas} + args).out).trimmed();
+    };
+
+    auto prefs = linuxDesktopPreferences("ubuntu:GNOME");
+    ASSERT_NE(prefs, nullptr);
+    gsettings({"set", "show-trash", "false"});
+    DesktopCleaner cleaner(settings, std::move(prefs), launcher);
+    cleaner.reload();
+    EXPECT_FALSE(cleaner.current().hideIcons);
+    EXPECT_TRUE(cleaner.supports(DesktopPreferences::Control::hideIcons));
+    EXPECT_FALSE(cleaner.supports(DesktopPreferences::Control::clickOnlyInStageManager));
+
+    cleaner.apply({true, false, false});
+    for (const char *key : {"show-home", "show-trash", "show-volumes", "show-network-volumes"})
+        EXPECT_EQ(gsettings({"get", key}), "false") << key;
+    EXPECT_TRUE(cleaner.current().hideIcons);
+    // The extension follows its settings live: nothing to restart.
+    EXPECT_TRUE(launcher.commands.isEmpty());
+    EXPECT_TRUE(log.last().endsWith("(gravou [\"org.gnome.shell.extensions.ding\"]; nada a reiniciar)"))
+        << log.last().toStdString();
+
+    cleaner.restore();
+    EXPECT_TRUE(log.last().endsWith("Mesa limpa: restaurado (gravou [\"org.gnome.shell.extensions.ding\"]; nada a reiniciar)"))
+        << log.last().toStdString();
+    EXPECT_EQ(gsettings({"get", "show-home"}), "true");
+    EXPECT_EQ(gsettings({"get", "show-trash"}), "false");
+    EXPECT_EQ(gsettings({"get", "show-volumes"}), "true");
+    EXPECT_FALSE(cleaner.current().hideIcons);
+    EXPECT_FALSE(settings.desktopSnapshot().has_value());
+
+    // Showing icons shows all three, the trash too; once so, nothing is written again (the
+    // key file would be rewritten even for an equal value).
+    cleaner.apply({false, false, false});
+    EXPECT_EQ(gsettings({"get", "show-trash"}), "true");
+    const QString keyfile = home.filePath("config/glib-2.0/settings/keyfile");
+    const QDateTime before = QFileInfo(keyfile).lastModified();
+    cleaner.apply({false, false, false});
+    EXPECT_EQ(QFileInfo(keyfile).lastModified(), before);
+    EXPECT_TRUE(log.last().endsWith("(gravou []; nada a reiniciar)"));
+}
