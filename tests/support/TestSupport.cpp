@@ -108,6 +108,14 @@ QStringList LogTail::lines() const
     return QString::fromUtf8(readFile(Log::path()).mid(start)).split(QLatin1Char('\n'), Qt::SkipEmptyParts);
 }
 
+QStringList LogTail::messages() const
+{
+    QStringList out;
+    for (const QString &line : lines())
+        out << line.section(QLatin1Char(' '), 1);
+    return out;
+}
+
 QString LogTail::last() const
 {
     const QStringList all = lines();

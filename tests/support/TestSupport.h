@@ -43,6 +43,8 @@ class LogTail {
 public:
     LogTail();
     QStringList lines() const;
+    // The lines without their timestamps.
+    QStringList messages() const;
     QString last() const;
 
 private:

@@ -37,7 +37,7 @@ double srgbToLinear(double c) { return c <= 0.04045 ? c / 12.92 : std::pow((c + 
 
 }  // namespace
 
-TEST(CoverArt, FadeIsASmoothstepOverSevenTenthsOfASecond)
+TEST(CoverArt, FadeAndLabelLuminance)
 {
     CoverArt art(nullptr);
     art.set(solid(Qt::red), QImage(), 10.0);
@@ -48,6 +48,14 @@ TEST(CoverArt, FadeIsASmoothstepOverSevenTenthsOfASecond)
     EXPECT_NEAR(art.fade(10.35), 0.5, 1e-12);
     EXPECT_DOUBLE_EQ(art.fade(10.7), 1.0);
     EXPECT_DOUBLE_EQ(art.fade(99.0), 1.0);
+
+    // Label luminance comes from the label, or without one from the cover.
+    art.set(solid(Qt::white), solid(Qt::black), 20.0);
+    EXPECT_NEAR(art.current().labelLuminance, 0.0, 1e-9);
+    EXPECT_NEAR(art.current().mean.g, 1.0, 1e-9);
+    art.set(solid(Qt::green), QImage(), 25.0);
+    EXPECT_NEAR(art.current().labelLuminance, 0.7152, 1e-6);
+    EXPECT_NEAR(art.labelLuminance(25.35), 0.7152 / 2, 1e-6);
 }
 
 TEST(CoverArt, MeanColourIsLinearAndCrossFades)
@@ -77,17 +85,6 @@ TEST(CoverArt, MeanColourIsLinearAndCrossFades)
     EXPECT_NEAR(art.mean(100.35).r, 0.5, 1e-9);
     EXPECT_NEAR(art.mean(101.0).b, 1.0, 1e-9);
     EXPECT_NEAR(art.mean(101.0).r, 0.0, 1e-9);
-}
-
-TEST(CoverArt, LabelLuminanceComesFromTheLabelOrTheCover)
-{
-    CoverArt art(nullptr);
-    art.set(solid(Qt::white), solid(Qt::black), 0.0);
-    EXPECT_NEAR(art.current().labelLuminance, 0.0, 1e-9);
-    EXPECT_NEAR(art.current().mean.g, 1.0, 1e-9);
-    art.set(solid(Qt::green), QImage(), 5.0);
-    EXPECT_NEAR(art.current().labelLuminance, 0.7152, 1e-6) << "no label: made from the cover";
-    EXPECT_NEAR(art.labelLuminance(5.35), 0.7152 / 2, 1e-6);
 }
 
 TEST(CoverArt, PreviousTexturesLiveUntilTheFadeIsOver)
