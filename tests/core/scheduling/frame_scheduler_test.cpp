@@ -201,7 +201,7 @@ TEST_F(FrameSchedulerTest, LockSleepAndSessionSwitchPauseEachOnTheirOwn)
     auto &s = make();
     ASSERT_TRUE(ticking());
     const auto expectLines = [&](int from, const QStringList &expected) {
-        EXPECT_EQ(visibilityLines(log).mid(from), expected);
+        EXPECT_EQ(visibilityLines(log).mid(from).join('\n').toStdString(), expected.join('\n').toStdString());
     };
 
     emit session.lockedChanged(true);
