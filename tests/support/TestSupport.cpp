@@ -46,6 +46,13 @@ void writeFile(const QString &path, const QByteArray &bytes)
         f.write(bytes);
 }
 
+QImage solidImage(const QColor &color, int width, int height)
+{
+    QImage image(width, height, QImage::Format_RGB32);
+    image.fill(color);
+    return image;
+}
+
 QString builtTool(const QString &name)
 {
     return QStringLiteral(TURNELO_BINARY_DIR) + QStringLiteral("/tools/") + name;

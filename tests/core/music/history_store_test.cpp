@@ -16,12 +16,7 @@ using namespace testsupport;
 
 namespace {
 
-QImage cover(QColor color, int width = 64, int height = 64)
-{
-    QImage image(width, height, QImage::Format_RGB32);
-    image.fill(color);
-    return image;
-}
+QImage cover(QColor color) { return solidImage(color, 64, 64); }
 
 struct HistoryStoreTest : ::testing::Test {
     QTemporaryDir temp;
@@ -117,13 +112,12 @@ TEST_F(HistoryStoreTest, CoversAreSquareJpegsOfAtMost512Pixels)
 {
     HistoryStore store(settings, dir());
     // Left half red, right half blue: the square keeps both halves (scaled to fill, not cropped).
-    QImage wide(3000, 1500, QImage::Format_RGB32);
-    wide.fill(Qt::red);
+    QImage wide = solidImage(Qt::red, 3000, 1500);
     for (int y = 0; y < 1500; ++y)
         for (int x = 1500; x < 3000; ++x)
             wide.setPixelColor(x, y, Qt::blue);
     store.record(wide, "Wide");
-    store.record(cover(Qt::green, 300, 300), "Small");
+    store.record(solidImage(Qt::green, 300, 300), "Small");
 
     QImageReader wideReader(fileOf("Wide"));
     EXPECT_EQ(wideReader.format(), "jpeg");
