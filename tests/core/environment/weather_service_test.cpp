@@ -7,6 +7,7 @@
 #include <QTcpSocket>
 #include <QUrl>
 #include <deque>
+#include <functional>
 #include <gtest/gtest.h>
 #include <memory>
 
@@ -147,39 +148,31 @@ TEST_F(WeatherServiceTest, RainDecisionAndIntensityFollowTheAnswer)
     EXPECT_EQ(changes.size(), cases.size());
 }
 
-TEST_F(WeatherServiceTest, AsksForTheCityOrTheCoordinateOverride)
+TEST_F(WeatherServiceTest, AsksForTheCityOrTheCoordinateOverrideOnceAtEachChange)
 {
-    server.replies.push_back(forecast("0", "0", "0"));
-    ASSERT_NO_FATAL_FAILURE(fetch());
-    EXPECT_EQ(server.targets.last(),
-              "/v1/forecast?latitude=-23.5505&longitude=-46.6333&current=precipitation,rain,weather_code");
-
-    // A new city is fetched at once, without waiting out the 900 s.
-    server.replies.push_back(forecast("0", "0", "0"));
-    settings->setWeatherCity("berlin");
-    ASSERT_TRUE(answered(2));
-    EXPECT_EQ(query(server.targets.last()), "latitude=52.52&longitude=13.405&current=precipitation,rain,weather_code");
-    EXPECT_TRUE(log.last().contains("Clima Berlin: "));
-
-    // Both coordinates are written; one request follows, for the pair.
-    server.replies.push_back(forecast("0", "0", "0"));
-    settings->setWeatherCoordinates(-8.5, 115.25);
-    ASSERT_TRUE(answered(3));
-    settle();
-    EXPECT_EQ(server.targets.size(), 3);
-    EXPECT_EQ(query(server.targets.last()), "latitude=-8.5&longitude=115.25&current=precipitation,rain,weather_code");
-    EXPECT_TRUE(log.last().contains("Clima -8.5, 115.25: "));
-
-    // One coordinate alone does not override the city.
-    settings->setWeatherCoordinates(10.0, std::nullopt);
-    ASSERT_TRUE(answered(4));
-    EXPECT_EQ(query(server.targets.last()), "latitude=52.52&longitude=13.405&current=precipitation,rain,weather_code");
-
-    // An unknown city id takes São Paulo's coordinates.
-    settings->setWeatherCity("atlantis");
-    ASSERT_TRUE(answered(5));
-    EXPECT_EQ(query(server.targets.last()),
-              "latitude=-23.5505&longitude=-46.6333&current=precipitation,rain,weather_code");
+    const std::function<void()> refresh = [&] { service->refreshIfStale(); };
+    // Each change is fetched at once, without waiting out the 900 s.
+    const std::tuple<std::function<void()>, QString, QString> steps[] = {
+        {refresh, "latitude=-23.5505&longitude=-46.6333", "São Paulo"},
+        {[&] { settings->setWeatherCity("berlin"); }, "latitude=52.52&longitude=13.405", "Berlin"},
+        // Both coordinates are written: one request, for the pair.
+        {[&] { settings->setWeatherCoordinates(-8.5, 115.25); }, "latitude=-8.5&longitude=115.25", "-8.5, 115.25"},
+        // One coordinate alone does not override the city.
+        {[&] { settings->setWeatherCoordinates(10.0, std::nullopt); }, "latitude=52.52&longitude=13.405", "Berlin"},
+        // An unknown city id keeps its name and takes São Paulo's coordinates.
+        {[&] { settings->setWeatherCity("atlantis"); }, "latitude=-23.5505&longitude=-46.6333", "atlantis"},
+    };
+    int requests = 0;
+    for (const auto &[change, coordinates, place] : steps) {
+        SCOPED_TRACE(coordinates.toStdString());
+        server.replies.push_back(forecast("0", "0", "0"));
+        change();
+        ASSERT_TRUE(answered(++requests));
+        settle();
+        EXPECT_EQ(server.targets.size(), requests);
+        EXPECT_EQ(server.targets.last(), "/v1/forecast?" + coordinates + "&current=precipitation,rain,weather_code");
+        EXPECT_TRUE(log.last().contains("Clima " + place + ": ")) << log.last().toStdString();
+    }
 }
 
 TEST_F(WeatherServiceTest, OneRequestInFlightNoneWithin900SecondsFailuresRetriedAfter300)
