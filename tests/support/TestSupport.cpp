@@ -46,6 +46,13 @@ void writeFile(const QString &path, const QByteArray &bytes)
         f.write(bytes);
 }
 
+QImage solidImage(const QColor &color, int width, int height)
+{
+    QImage image(width, height, QImage::Format_RGB32);
+    image.fill(color);
+    return image;
+}
+
 QString builtTool(const QString &name)
 {
     return QStringLiteral(TURNELO_BINARY_DIR) + QStringLiteral("/tools/") + name;
@@ -106,6 +113,14 @@ LogTail::LogTail()
 QStringList LogTail::lines() const
 {
     return QString::fromUtf8(readFile(Log::path()).mid(start)).split(QLatin1Char('\n'), Qt::SkipEmptyParts);
+}
+
+QStringList LogTail::messages() const
+{
+    QStringList out;
+    for (const QString &line : lines())
+        out << line.section(QLatin1Char(' '), 1);
+    return out;
 }
 
 QString LogTail::last() const

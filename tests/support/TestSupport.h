@@ -1,6 +1,8 @@
 #pragma once
 
 #include <QByteArray>
+#include <QColor>
+#include <QImage>
 #include <QString>
 #include <QStringList>
 #include <QTemporaryDir>
@@ -17,6 +19,9 @@ void spin(std::chrono::milliseconds span);
 
 QByteArray readFile(const QString &path);
 void writeFile(const QString &path, const QByteArray &bytes);
+
+// An RGB32 image of one colour.
+QImage solidImage(const QColor &color, int width = 32, int height = 32);
 
 // A built executable of this project, by target name.
 QString builtTool(const QString &name);
@@ -43,6 +48,8 @@ class LogTail {
 public:
     LogTail();
     QStringList lines() const;
+    // The lines without their timestamps.
+    QStringList messages() const;
     QString last() const;
 
 private:

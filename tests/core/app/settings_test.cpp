@@ -29,35 +29,29 @@ TEST_F(SettingsTest, WrongTypesAndRangesFallBack)
 {
     Settings s(path());
     // Only a real Boolean counts: text or a number leaves the default on.
-    s.setValue("steam", "no");
-    s.setValue("fxPanel", 0);
-    s.setValue("fxRecord", false);
-    s.setValue("showTurntable", "false");
-    s.setValue("ecoMode", 0);
+    for (const auto &[key, value] : std::initializer_list<std::pair<const char *, QVariant>>{
+             {"steam", "no"}, {"fxPanel", 0}, {"fxRecord", false}, {"showTurntable", "false"}, {"ecoMode", 0},
+             {"perfLogInterval", "60"}, {"stackLimit", 0}, {"fps", 5}, {"ecoTrigger", "whenever"},
+             {"screens", "everything"}})
+        s.setValue(key, value);
     EXPECT_TRUE(s.steam());
     EXPECT_TRUE(s.fxPanel());
     EXPECT_FALSE(s.fxRecord());
     EXPECT_TRUE(s.showTurntable());
     EXPECT_TRUE(s.ecoMode());
-    s.setValue("perfLogInterval", "60");
     EXPECT_EQ(s.perfLogInterval(), 300.0);
-    s.setValue("perfLogInterval", 60);
-    EXPECT_EQ(s.perfLogInterval(), 60.0);
-
-    s.setValue("stackLimit", 0);
     EXPECT_EQ(s.stackLimit(), 1);
-    s.setValue("stackLimit", -4);
-    EXPECT_EQ(s.stackLimit(), 1);
-    s.setValue("fps", 5);
     EXPECT_EQ(s.fps(), 15);
-    s.setValue("fps", 120);
-    EXPECT_EQ(s.fps(), 60);
-    s.setValue("ecoTrigger", "whenever");
     EXPECT_EQ(s.ecoTrigger(), Settings::EcoTrigger::battery);
-    s.setValue("ecoTrigger", "lowPower");
-    EXPECT_EQ(s.ecoTrigger(), Settings::EcoTrigger::lowPower);
-    s.setValue("screens", "everything");
     EXPECT_FALSE(s.allScreens());
+
+    for (const auto &[key, value] : std::initializer_list<std::pair<const char *, QVariant>>{
+             {"perfLogInterval", 60}, {"stackLimit", -4}, {"fps", 120}, {"ecoTrigger", "lowPower"}})
+        s.setValue(key, value);
+    EXPECT_EQ(s.perfLogInterval(), 60.0);
+    EXPECT_EQ(s.stackLimit(), 1);
+    EXPECT_EQ(s.fps(), 60);
+    EXPECT_EQ(s.ecoTrigger(), Settings::EcoTrigger::lowPower);
     s.setAllScreens(true);
     EXPECT_TRUE(s.allScreens());
 }

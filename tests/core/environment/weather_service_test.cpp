@@ -7,6 +7,7 @@
 #include <QTcpSocket>
 #include <QUrl>
 #include <deque>
+#include <functional>
 #include <gtest/gtest.h>
 #include <memory>
 
@@ -15,15 +16,10 @@ using namespace std::chrono_literals;
 
 namespace {
 
-// A loopback HTTP/1.1 server that answers each request with the next queued reply: a JSON body
-// with status 200, or a connection dropped without a byte of answer.
+// A loopback HTTP/1.1 server that answers each request with the next queued JSON body, or
+// drops the connection without a byte of answer for a null body.
 class ForecastServer : public QObject {
 public:
-    struct Reply {
-        QByteArray body;
-        bool drop = false;
-    };
-
     ForecastServer()
     {
         server.listen(QHostAddress::LocalHost, 0);
@@ -41,44 +37,33 @@ public:
     }
 
     QString baseURL() const { return QStringLiteral("http://127.0.0.1:%1/").arg(server.serverPort()); }
-    void queue(Reply reply) { replies.push_back(std::move(reply)); }
-    void queueBody(const QByteArray &body) { queue({body, false}); }
-
+    std::deque<QByteArray> replies;
     QStringList targets;  // request targets, in arrival order
 
 private:
     void answer(QTcpSocket *socket, const QByteArray &request)
     {
-        const QList<QByteArray> requestLine = request.left(request.indexOf("\r\n")).split(' ');
-        targets.append(QString::fromLatin1(requestLine.value(1)));
-        Reply reply;
+        targets.append(QString::fromLatin1(request.left(request.indexOf("\r\n")).split(' ').value(1)));
+        QByteArray body = R"({"error":true,"reason":"the test queued no reply"})";
         if (!replies.empty()) {
-            reply = replies.front();
+            body = replies.front();
             replies.pop_front();
-        } else {
-            reply.body = R"({"error":true,"reason":"the test queued no reply"})";
         }
-        if (reply.drop) {
-            socket->abort();
-            return;
-        }
+        if (body.isNull())
+            return socket->abort();
         socket->write("HTTP/1.1 200 OK\r\nContent-Type: application/json\r\nContent-Length: "
-                      + QByteArray::number(reply.body.size()) + "\r\nConnection: close\r\n\r\n"
-                      + reply.body);
+                      + QByteArray::number(body.size()) + "\r\nConnection: close\r\n\r\n" + body);
         socket->disconnectFromHost();
     }
 
     QTcpServer server;
-    std::deque<Reply> replies;
 };
 
 // Bodies as Open-Meteo sends them for "current=precipitation,rain,weather_code".
 QByteArray forecast(const char *precipitation, const char *rain, const char *code)
 {
     return QByteArray(R"({"latitude":-23.5,"longitude":-46.625,"generationtime_ms":0.03,"utc_offset_seconds":0,)"
-                      R"("timezone":"GMT","timezone_abbreviation":"GMT","elevation":760.0,)"
-                      R"("current_units":{"time":"iso8601","interval":"seconds","precipitation":"mm",)"
-                      R"("rain":"mm","weather_code":"wmo code"},)"
+                      R"("timezone":"GMT","elevation":760.0,"current_units":{"time":"iso8601","rain":"mm"},)"
                       R"("current":{"time":"2024-03-14T18:45","interval":900,"precipitation":)")
         + precipitation + R"(,"rain":)" + rain + R"(,"weather_code":)" + code + "}}";
 }
@@ -115,6 +100,11 @@ struct WeatherServiceTest : ::testing::Test {
 
     // Gives any request that the service might have started time to reach the server.
     void settle() { spin(100ms); }
+    // Waits for the service to have asked `count` times in all and handled the answer.
+    bool answered(int count)
+    {
+        return waitUntil([&] { return server.targets.size() == count && !service->fetching(); }, 10s);
+    }
 
     static QString query(const QString &target) { return QUrl(target).query(QUrl::FullyDecoded); }
 };
@@ -146,7 +136,7 @@ TEST_F(WeatherServiceTest, RainDecisionAndIntensityFollowTheAnswer)
     };
     for (const Case &c : cases) {
         SCOPED_TRACE(c.logTail);
-        server.queueBody(c.body);
+        server.replies.push_back(c.body);
         ASSERT_NO_FATAL_FAILURE(fetch());
         EXPECT_EQ(service->now(), c.expected);
         ASSERT_FALSE(changes.empty());
@@ -158,44 +148,36 @@ TEST_F(WeatherServiceTest, RainDecisionAndIntensityFollowTheAnswer)
     EXPECT_EQ(changes.size(), cases.size());
 }
 
-TEST_F(WeatherServiceTest, AsksForTheCityOrTheCoordinateOverride)
+TEST_F(WeatherServiceTest, AsksForTheCityOrTheCoordinateOverrideOnceAtEachChange)
 {
-    server.queueBody(forecast("0", "0", "0"));
-    ASSERT_NO_FATAL_FAILURE(fetch());
-    EXPECT_EQ(server.targets.last(),
-              "/v1/forecast?latitude=-23.5505&longitude=-46.6333&current=precipitation,rain,weather_code");
-
-    // A new city is fetched at once, without waiting out the 900 s.
-    server.queueBody(forecast("0", "0", "0"));
-    settings->setWeatherCity("berlin");
-    ASSERT_TRUE(waitUntil([&] { return server.targets.size() == 2 && !service->fetching(); }, 10s));
-    EXPECT_EQ(query(server.targets.last()), "latitude=52.52&longitude=13.405&current=precipitation,rain,weather_code");
-    EXPECT_TRUE(log.last().contains("Clima Berlin: "));
-
-    // Both coordinates are written; one request follows, for the pair.
-    server.queueBody(forecast("0", "0", "0"));
-    settings->setWeatherCoordinates(-8.5, 115.25);
-    ASSERT_TRUE(waitUntil([&] { return server.targets.size() == 3 && !service->fetching(); }, 10s));
-    settle();
-    EXPECT_EQ(server.targets.size(), 3);
-    EXPECT_EQ(query(server.targets.last()), "latitude=-8.5&longitude=115.25&current=precipitation,rain,weather_code");
-    EXPECT_TRUE(log.last().contains("Clima -8.5, 115.25: "));
-
-    // One coordinate alone does not override the city.
-    settings->setWeatherCoordinates(10.0, std::nullopt);
-    ASSERT_TRUE(waitUntil([&] { return server.targets.size() == 4 && !service->fetching(); }, 10s));
-    EXPECT_EQ(query(server.targets.last()), "latitude=52.52&longitude=13.405&current=precipitation,rain,weather_code");
-
-    // An unknown city id takes São Paulo's coordinates.
-    settings->setWeatherCity("atlantis");
-    ASSERT_TRUE(waitUntil([&] { return server.targets.size() == 5 && !service->fetching(); }, 10s));
-    EXPECT_EQ(query(server.targets.last()),
-              "latitude=-23.5505&longitude=-46.6333&current=precipitation,rain,weather_code");
+    const std::function<void()> refresh = [&] { service->refreshIfStale(); };
+    // Each change is fetched at once, without waiting out the 900 s.
+    const std::tuple<std::function<void()>, QString, QString> steps[] = {
+        {refresh, "latitude=-23.5505&longitude=-46.6333", "São Paulo"},
+        {[&] { settings->setWeatherCity("berlin"); }, "latitude=52.52&longitude=13.405", "Berlin"},
+        // Both coordinates are written: one request, for the pair.
+        {[&] { settings->setWeatherCoordinates(-8.5, 115.25); }, "latitude=-8.5&longitude=115.25", "-8.5, 115.25"},
+        // One coordinate alone does not override the city.
+        {[&] { settings->setWeatherCoordinates(10.0, std::nullopt); }, "latitude=52.52&longitude=13.405", "Berlin"},
+        // An unknown city id keeps its name and takes São Paulo's coordinates.
+        {[&] { settings->setWeatherCity("atlantis"); }, "latitude=-23.5505&longitude=-46.6333", "atlantis"},
+    };
+    int requests = 0;
+    for (const auto &[change, coordinates, place] : steps) {
+        SCOPED_TRACE(coordinates.toStdString());
+        server.replies.push_back(forecast("0", "0", "0"));
+        change();
+        ASSERT_TRUE(answered(++requests));
+        settle();
+        EXPECT_EQ(server.targets.size(), requests);
+        EXPECT_EQ(server.targets.last(), "/v1/forecast?" + coordinates + "&current=precipitation,rain,weather_code");
+        EXPECT_TRUE(log.last().contains("Clima " + place + ": ")) << log.last().toStdString();
+    }
 }
 
-TEST_F(WeatherServiceTest, AtMostOneRequestInFlightAndNoneWithin900Seconds)
+TEST_F(WeatherServiceTest, OneRequestInFlightNoneWithin900SecondsFailuresRetriedAfter300)
 {
-    server.queueBody(forecast("1.0", "1.0", "61"));
+    server.replies.push_back(forecast("1.0", "1.0", "61"));
     service->refreshIfStale();
     service->refreshIfStale();
     ASSERT_TRUE(waitUntil([&] { return !service->fetching(); }, 10s));
@@ -211,31 +193,29 @@ TEST_F(WeatherServiceTest, AtMostOneRequestInFlightAndNoneWithin900Seconds)
 
     // The same weather again is no change.
     clockNow += 1;
-    server.queueBody(forecast("1.0", "1.0", "61"));
+    server.replies.push_back(forecast("1.0", "1.0", "61"));
     ASSERT_NO_FATAL_FAILURE(fetch());
     EXPECT_EQ(server.targets.size(), 2);
     EXPECT_EQ(changes.size(), 1u);
     EXPECT_EQ(service->now(), (Now{true, 0.25}));
-}
 
-TEST_F(WeatherServiceTest, FailuresKeepTheStateAndRetryAfter300Seconds)
-{
-    server.queueBody(forecast("5.0", "5.0", "63"));
+    // Failures keep the state and are retried after 300 s.
+    clockNow += 900;
+    server.replies.push_back(forecast("5.0", "5.0", "63"));
     ASSERT_NO_FATAL_FAILURE(fetch());
     ASSERT_EQ(service->now(), (Now{true, 1.0}));
 
-    const std::vector<std::pair<ForecastServer::Reply, QString>> failures{
-        {{R"({"current":{"rain":)", false}, "Clima: falhou (JSON ilegível no byte 19)"},
-        {{R"({"error":true,"reason":"Latitude must be in range"})", false},
-         "Clima: falhou (resposta sem o bloco \"current\")"},
-        {{{}, true}, "Clima: falhou (conexão encerrada pelo servidor)"},
+    const std::vector<std::pair<QByteArray, QString>> failures{
+        {R"({"current":{"rain":)", "Clima: falhou (JSON ilegível no byte 19)"},
+        {R"({"error":true,"reason":"Latitude must be in range"})", "Clima: falhou (resposta sem o bloco \"current\")"},
+        {QByteArray(), "Clima: falhou (conexão encerrada pelo servidor)"},
     };
     for (const auto &[reply, line] : failures) {
         SCOPED_TRACE(line.toStdString());
         clockNow += 900;
-        const int requests = reply.drop ? 2 : 1;
+        const int requests = reply.isNull() ? 2 : 1;
         for (int i = 0; i < requests; ++i)
-            server.queue(reply);
+            server.replies.push_back(reply);
         ASSERT_NO_FATAL_FAILURE(fetch(requests));
         EXPECT_TRUE(log.last().endsWith(" " + line)) << log.last().toStdString();
         EXPECT_EQ(service->now(), (Now{true, 1.0}));
@@ -245,10 +225,10 @@ TEST_F(WeatherServiceTest, FailuresKeepTheStateAndRetryAfter300Seconds)
         settle();
         EXPECT_FALSE(service->fetching());
         clockNow += 1;
-        server.queueBody(forecast("5.0", "5.0", "63"));
+        server.replies.push_back(forecast("5.0", "5.0", "63"));
         ASSERT_NO_FATAL_FAILURE(fetch());
     }
-    EXPECT_EQ(changes.size(), 1u);
+    EXPECT_EQ(changes.size(), 2u);
 }
 
 TEST_F(WeatherServiceTest, DebugWeatherOverridesWithoutAnyRequest)
@@ -274,12 +254,12 @@ TEST_F(WeatherServiceTest, DebugWeatherOverridesWithoutAnyRequest)
 
 TEST_F(WeatherServiceTest, AnswerForAPlaceLeftWhileInFlightIsDroppedAndTheNewPlaceAsked)
 {
-    server.queueBody(forecast("8.0", "8.0", "65"));  // São Paulo, arriving after the change
-    server.queueBody(forecast("0.0", "0.0", "1"));   // Tokyo
+    server.replies.push_back(forecast("8.0", "8.0", "65"));  // São Paulo, arriving after the change
+    server.replies.push_back(forecast("0.0", "0.0", "1"));   // Tokyo
     service->refreshIfStale();
     ASSERT_TRUE(service->fetching());
     settings->setWeatherCity("tokyo");
-    ASSERT_TRUE(waitUntil([&] { return server.targets.size() == 2 && !service->fetching(); }, 10s));
+    ASSERT_TRUE(answered(2));
     EXPECT_TRUE(query(server.targets[0]).startsWith("latitude=-23.5505&"));
     EXPECT_TRUE(query(server.targets[1]).startsWith("latitude=35.6762&longitude=139.6503&"));
     EXPECT_TRUE(changes.empty());

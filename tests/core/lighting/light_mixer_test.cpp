@@ -36,7 +36,7 @@ const LightMixer::Term *term(const LightMixer &mixer, const QString &preset, con
 
 }  // namespace
 
-TEST(LightMixer, ClockBlendAtKeyframesBetweenThemAndAcrossMidnight)
+TEST(LightMixer, ClockBlendAndKeyframes)
 {
     const LightMixer mixer(manifestWith({{"clock", clock({{"06:00", "manha"}, {"18:00", "noite"}})}}));
     EXPECT_EQ(mixer.clockBlend(at(6, 0)), (Blend{{"manha", 1.0}}));
@@ -59,23 +59,17 @@ TEST(LightMixer, ClockBlendAtKeyframesBetweenThemAndAcrossMidnight)
     EXPECT_EQ(single.clockBlend(at(23, 59)), (Blend{{"dia", 1.0}}));
     const LightMixer none(manifestWith({{"clock", QJsonArray{}}}));
     EXPECT_EQ(none.clockBlend(at(12, 0)), (Blend{{"manha", 1.0}}));
-}
 
-TEST(LightMixer, KeyframeParsing)
-{
-    const LightMixer mixer(manifestWith({{"clock", clock({{"6:30", "manha"},
-                                                          {"06:30", "dia"},
-                                                          {"06:30:00", "tarde"},
-                                                          {"6", "tarde"},
-                                                          {"x:30", "tarde"},
-                                                          {"07:00", "nowhere"},
+    // Malformed times and unknown presets are left out.
+    const LightMixer parsed(manifestWith({{"clock", clock({{"6:30", "manha"}, {"06:30", "dia"}, {"06:30:00", "tarde"},
+                                                          {"6", "tarde"}, {"x:30", "tarde"}, {"07:00", "nowhere"},
                                                           {"24:00", "noite"}})}}));
-    ASSERT_EQ(mixer.keyframes.size(), 3u);
-    EXPECT_EQ(mixer.keyframes[0].minute, 390);
-    EXPECT_EQ(mixer.keyframes[0].preset, "manha");  // stable: manifest order on equal minutes
-    EXPECT_EQ(mixer.keyframes[1].minute, 390);
-    EXPECT_EQ(mixer.keyframes[1].preset, "dia");
-    EXPECT_EQ(mixer.keyframes[2].minute, 1440);
+    ASSERT_EQ(parsed.keyframes.size(), 3u);
+    EXPECT_EQ(parsed.keyframes[0].minute, 390);
+    EXPECT_EQ(parsed.keyframes[0].preset, "manha");  // stable: manifest order on equal minutes
+    EXPECT_EQ(parsed.keyframes[1].minute, 390);
+    EXPECT_EQ(parsed.keyframes[1].preset, "dia");
+    EXPECT_EQ(parsed.keyframes[2].minute, 1440);
 }
 
 TEST(LightMixer, RecipesFollowGroupsKeysAndExposure)

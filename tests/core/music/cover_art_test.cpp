@@ -1,4 +1,5 @@
 #include "core/music/CoverArt.h"
+#include "TestSupport.h"
 
 #include <QColorSpace>
 #include <gtest/gtest.h>
@@ -6,12 +7,7 @@
 
 namespace {
 
-QImage solid(QColor color, int width = 32, int height = 32)
-{
-    QImage image(width, height, QImage::Format_RGB32);
-    image.fill(color);
-    return image;
-}
+using testsupport::solidImage;
 
 // Stands in for the renderer's texture upload: records what it was given and counts releases.
 struct Uploads {
@@ -37,10 +33,10 @@ double srgbToLinear(double c) { return c <= 0.04045 ? c / 12.92 : std::pow((c + 
 
 }  // namespace
 
-TEST(CoverArt, FadeIsASmoothstepOverSevenTenthsOfASecond)
+TEST(CoverArt, FadeAndLabelLuminance)
 {
     CoverArt art(nullptr);
-    art.set(solid(Qt::red), QImage(), 10.0);
+    art.set(solidImage(Qt::red), QImage(), 10.0);
     EXPECT_DOUBLE_EQ(art.fadeStart(), 10.0);
     EXPECT_DOUBLE_EQ(art.fade(9.0), 0.0);
     EXPECT_DOUBLE_EQ(art.fade(10.0), 0.0);
@@ -48,46 +44,40 @@ TEST(CoverArt, FadeIsASmoothstepOverSevenTenthsOfASecond)
     EXPECT_NEAR(art.fade(10.35), 0.5, 1e-12);
     EXPECT_DOUBLE_EQ(art.fade(10.7), 1.0);
     EXPECT_DOUBLE_EQ(art.fade(99.0), 1.0);
+
+    // Label luminance comes from the label, or without one from the cover.
+    art.set(solidImage(Qt::white), solidImage(Qt::black), 20.0);
+    EXPECT_NEAR(art.current().labelLuminance, 0.0, 1e-9);
+    EXPECT_NEAR(art.current().mean.g, 1.0, 1e-9);
+    art.set(solidImage(Qt::green), QImage(), 25.0);
+    EXPECT_NEAR(art.current().labelLuminance, 0.7152, 1e-6);
+    EXPECT_NEAR(art.labelLuminance(25.35), 0.7152 / 2, 1e-6);
 }
 
 TEST(CoverArt, MeanColourIsLinearAndCrossFades)
 {
     // Half black, half white averages to 0.5 in linear light, not to mid-grey's 0.214.
-    QImage halves(10, 10, QImage::Format_RGB32);
-    halves.fill(Qt::black);
+    QImage halves = solidImage(Qt::black, 10, 10);
     for (int y = 0; y < 10; ++y)
         for (int x = 5; x < 10; ++x)
             halves.setPixelColor(x, y, Qt::white);
     const CoverArt::Color m = CoverArt::meanLinear(halves);
     EXPECT_NEAR(m.r, 0.5, 1e-9);
     EXPECT_NEAR(m.g, 0.5, 1e-9);
-    EXPECT_NEAR(CoverArt::meanLinear(solid(QColor(128, 128, 128))).b, srgbToLinear(128 / 255.0), 1e-9);
+    EXPECT_NEAR(CoverArt::meanLinear(solidImage(QColor(128, 128, 128))).b, srgbToLinear(128 / 255.0), 1e-9);
 
     // A large cover is sampled, and still gives its true mean.
-    QImage big(2000, 2000, QImage::Format_RGB32);
-    big.fill(QColor(200, 100, 50));
-    const CoverArt::Color bm = CoverArt::meanLinear(big);
+    const CoverArt::Color bm = CoverArt::meanLinear(solidImage(QColor(200, 100, 50), 2000, 2000));
     EXPECT_NEAR(bm.r, srgbToLinear(200 / 255.0), 1e-9);
     EXPECT_NEAR(bm.b, srgbToLinear(50 / 255.0), 1e-9);
 
     CoverArt art(nullptr);
-    art.set(solid(Qt::red), QImage(), 0.0);
-    art.set(solid(Qt::blue), QImage(), 100.0);
+    art.set(solidImage(Qt::red), QImage(), 0.0);
+    art.set(solidImage(Qt::blue), QImage(), 100.0);
     EXPECT_NEAR(art.mean(100.0).r, 1.0, 1e-9);
     EXPECT_NEAR(art.mean(100.35).r, 0.5, 1e-9);
     EXPECT_NEAR(art.mean(101.0).b, 1.0, 1e-9);
     EXPECT_NEAR(art.mean(101.0).r, 0.0, 1e-9);
-}
-
-TEST(CoverArt, LabelLuminanceComesFromTheLabelOrTheCover)
-{
-    CoverArt art(nullptr);
-    art.set(solid(Qt::white), solid(Qt::black), 0.0);
-    EXPECT_NEAR(art.current().labelLuminance, 0.0, 1e-9);
-    EXPECT_NEAR(art.current().mean.g, 1.0, 1e-9);
-    art.set(solid(Qt::green), QImage(), 5.0);
-    EXPECT_NEAR(art.current().labelLuminance, 0.7152, 1e-6) << "no label: made from the cover";
-    EXPECT_NEAR(art.labelLuminance(5.35), 0.7152 / 2, 1e-6);
 }
 
 TEST(CoverArt, PreviousTexturesLiveUntilTheFadeIsOver)
@@ -98,7 +88,7 @@ TEST(CoverArt, PreviousTexturesLiveUntilTheFadeIsOver)
     EXPECT_EQ(uploads.made, 2) << "placeholder cover and label";
     ASSERT_TRUE(art.current().cover && art.current().label);
 
-    const QImage first = solid(Qt::red);
+    const QImage first = solidImage(Qt::red);
     art.set(first, QImage(), 1.0);
     EXPECT_FALSE(art.usesDefaultCover());
     EXPECT_EQ(uploads.made, 4);
@@ -116,8 +106,8 @@ TEST(CoverArt, PreviousTexturesLiveUntilTheFadeIsOver)
     EXPECT_EQ(uploads.made, 4);
 
     // A change in the middle of a fade lets the half-faded cover go at once.
-    art.set(solid(Qt::blue), QImage(), 10.0);
-    art.set(solid(Qt::green), QImage(), 10.2);
+    art.set(solidImage(Qt::blue), QImage(), 10.0);
+    art.set(solidImage(Qt::green), QImage(), 10.2);
     EXPECT_EQ(uploads.released, 4);
     EXPECT_EQ(uploads.made, 8);
 
@@ -135,7 +125,7 @@ TEST(CoverArt, WithoutThePlaceholderNoArtMeansNoTexture)
     CoverArt art(uploads.maker(), false);
     EXPECT_EQ(uploads.made, 0);
     EXPECT_FALSE(art.current().cover);
-    art.set(solid(Qt::red), QImage(), 0.0);
+    art.set(solidImage(Qt::red), QImage(), 0.0);
     EXPECT_TRUE(art.current().cover != nullptr);
     art.set(QImage(), QImage(), 1.0);
     EXPECT_FALSE(art.current().cover);
@@ -145,15 +135,14 @@ TEST(CoverArt, WithoutThePlaceholderNoArtMeansNoTexture)
 
 TEST(CoverArt, ImagePreparation)
 {
-    const QImage wide = CoverArt::prepareCover(solid(Qt::red, 3000, 1500));
+    const QImage wide = CoverArt::prepareCover(solidImage(Qt::red, 3000, 1500));
     EXPECT_EQ(wide.size(), QSize(1024, 512));
     EXPECT_EQ(wide.format(), QImage::Format_RGBA8888);
     EXPECT_EQ(wide.colorSpace(), QColorSpace(QColorSpace::SRgb));
-    EXPECT_EQ(CoverArt::prepareCover(solid(Qt::red, 300, 200)).size(), QSize(300, 200));
+    EXPECT_EQ(CoverArt::prepareCover(solidImage(Qt::red, 300, 200)).size(), QSize(300, 200));
 
     // The label is the centre square: a wide image's red sides are cut away.
-    QImage banded(300, 100, QImage::Format_RGB32);
-    banded.fill(Qt::red);
+    QImage banded = solidImage(Qt::red, 300, 100);
     for (int y = 0; y < 100; ++y)
         for (int x = 100; x < 200; ++x)
             banded.setPixelColor(x, y, Qt::blue);

@@ -1,4 +1,5 @@
 #include "core/music/PlayerState.h"
+#include "TestSupport.h"
 
 #include <QSignalSpy>
 #include <gtest/gtest.h>
@@ -35,8 +36,7 @@ TEST(PlayerState, PublishesOnlyChanges)
     state.setTrack(other);
     EXPECT_EQ(tracks.count(), 2) << "every field counts, the source too";
 
-    QImage cover(4, 4, QImage::Format_RGB32);
-    cover.fill(Qt::red);
+    const QImage cover = testsupport::solidImage(Qt::red, 4, 4);
     state.setArtwork(cover);
     state.setArtwork(cover);
     EXPECT_EQ(artworks.count(), 1);

@@ -218,7 +218,7 @@ TEST(ImageDecoder, GreyMasksFromGreyAndColourPngs)
     EXPECT_LT(c.pixels[2], 255);
 }
 
-TEST(ImageDecoder, CropThresholdsPerKind)
+TEST(ImageDecoder, CropThresholdsPerKindAndBoxes)
 {
     // The smallest counting bit patterns: 0x181A (≈0.0020), 0x141A (≈0.0010), 0x101A (≈0.0005).
     const auto withBits = [](uint16_t pattern, int channel) {
@@ -242,10 +242,8 @@ TEST(ImageDecoder, CropThresholdsPerKind)
     EXPECT_FALSE(cropSprite(alphaImage(8, 8, -1.0f, {})).has_value());
     EXPECT_FALSE(cropSprite(alphaImage(8, 8, std::nanf(""), {})).has_value());
     EXPECT_TRUE(cropSprite(alphaImage(8, 8, inf, {})).has_value());
-}
 
-TEST(ImageDecoder, CropBoxHasOneMarginClampedAndOrigin)
-{
+    // The box has a one-pixel margin, is clamped to the image and placed at the origin.
     HalfImage image = alphaImage(10, 8, 0, {{4, 3, 1.0f}, {6, 5, 0.5f}});
     image.pixels[(5 * 10 + 6) * 4 + 0] = bits(7.0f);
     const auto crop = cropSprite(image, {100, 200});

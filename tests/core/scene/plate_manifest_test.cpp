@@ -116,7 +116,7 @@ TEST(PlateManifest, JSONValueCasesInOrder)
     EXPECT_EQ(PlateManifest::decode(bytes(m)).presets.at("dia").at("room").kind(), JSONValue::Kind::other);
 }
 
-TEST(PlateManifest, PresetOrderAndDisplayNames)
+TEST(PlateManifest, PresetOrderDisplayNamesAndAStillRoom)
 {
     QJsonObject m = minimal();
     m["presets"] = QJsonObject{{"noite", QJsonObject{}}, {"manha", QJsonObject{}}, {"zz", QJsonObject{}},
@@ -126,17 +126,15 @@ TEST(PlateManifest, PresetOrderAndDisplayNames)
     EXPECT_EQ(PlateManifest::framingDisplayName("top"), "Top-down");
     EXPECT_EQ(PlateManifest::framingDisplayName("desk corner"), "Desk Corner");
     EXPECT_EQ(PlateManifest::framingDisplayName("LOFT"), "Loft");
-}
 
-TEST(PlateManifest, StillRoomFramingIsValid)
-{
-    const PlateManifest m = PlateManifest::decode(testsupport::minimalManifest());
-    const auto &mid = m.framings.at("mid");
+    // A still room: none of the moving parts' sections.
+    const PlateManifest still = PlateManifest::decode(testsupport::minimalManifest());
+    const auto &mid = still.framings.at("mid");
     EXPECT_FALSE(mid.tonearm || mid.record || mid.panel || mid.window || mid.steam || mid.stack || mid.bounce
                  || mid.front);
     EXPECT_EQ(mid.size, (PlateManifest::Vec2{64, 48}));
     EXPECT_EQ(mid.camera.P[2][3], 1);
-    EXPECT_EQ(m.clock.size(), 4u);
+    EXPECT_EQ(still.clock.size(), 4u);
 }
 
 TEST(PlateManifest, InvalidInputIsRejectedWholeNamingTheField)
