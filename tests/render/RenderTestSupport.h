@@ -7,16 +7,17 @@
 #include "core/scene/PlateImages.h"
 #include "render/SceneRenderer.h"
 #include "render/TextureUpload.h"
+#include "TestSupport.h"
 
+#include <ImfRgbaFile.h>
 #include <QDir>
+#include <QFile>
 #include <QFileInfo>
 #include <QFloat16>
 #include <QImage>
-#include <QTemporaryDir>
+#include <algorithm>
 #include <array>
 #include <cmath>
-#include <algorithm>
-#include <cstdlib>
 #include <cstring>
 #include <gtest/gtest.h>
 
@@ -25,17 +26,9 @@ namespace rendertest {
 // Points the Vulkan loader at lavapipe unless the caller already chose a driver, and the log
 // at a private folder. Call before the first renderer and the first log line.
 inline void useLavapipeAndPrivateLog() {
-    static QTemporaryDir state;
-    if (!qEnvironmentVariableIsSet("VK_ICD_FILENAMES")) {
-        for (const char *dir : {"/usr/share/vulkan/icd.d", "/etc/vulkan/icd.d"}) {
-            const QFileInfoList found = QDir(dir).entryInfoList({"lvp_icd*.json"}, QDir::Files);
-            if (!found.isEmpty()) {
-                qputenv("VK_ICD_FILENAMES", found.first().absoluteFilePath().toUtf8());
-                break;
-            }
-        }
-    }
-    if (!qEnvironmentVariableIsSet("TURNELO_TEST_KEEP_STATE")) qputenv("XDG_STATE_HOME", state.path().toUtf8());
+    if (!qEnvironmentVariableIsSet("VK_ICD_FILENAMES") && !testsupport::lavapipeIcd().isEmpty())
+        qputenv("VK_ICD_FILENAMES", testsupport::lavapipeIcd().toUtf8());
+    static const testsupport::LogTail privateLog;
 }
 
 inline uint16_t toHalf(float v) {
@@ -63,9 +56,6 @@ inline HalfImage halfImage(int w, int h, F f) {
     return img;
 }
 
-inline HalfImage constantHalf(int w, int h, std::array<float, 4> rgba) {
-    return halfImage(w, h, [&](int, int) { return rgba; });
-}
 
 // The tone curve computed independently on the CPU, in double precision.
 inline std::array<double, 3> agx(std::array<double, 3> v, double contrast, double offset, double gamma) {
@@ -163,15 +153,15 @@ protected:
     }
     static TextureRef half(const HalfImage &image) { return TextureUpload::half(*renderer->vulkan(), image); }
     static TextureRef constant(std::array<float, 4> rgba, int w = 8, int h = 8) {
-        return half(constantHalf(w, h, rgba));
+        return half(halfImage(w, h, [&](int, int) { return rgba; }));
     }
-    // An 8-bit mask or shadow of one value everywhere.
     static TextureRef art(const QImage &image) { return TextureUpload::art(*renderer->vulkan(), image); }
     static TextureRef art(QColor colour) {
         QImage image(4, 4, QImage::Format_RGBA8888);
         image.fill(colour);
         return art(image);
     }
+    // An 8-bit mask or shadow of one value everywhere.
     static TextureRef grey(uint8_t value, int w = 4, int h = 4) {
         GrayImage g;
         g.width = w;
@@ -182,13 +172,6 @@ protected:
 
     static inline SceneRenderer *renderer = nullptr;
 };
-
-}  // namespace rendertest
-
-#include <ImfRgbaFile.h>
-#include <QFile>
-
-namespace rendertest {
 
 // Writes a half RGBA OpenEXR file (ZIP) whose pixel (x, y) is f(x, y).
 template <typename F>
@@ -246,10 +229,6 @@ inline std::vector<std::array<float, 4>> readTexture(VulkanContext &ctx, const G
     return out;
 }
 
-inline QString readLog() {
-    QFile f(Log::path());
-    f.open(QIODevice::ReadOnly);
-    return QString::fromUtf8(f.readAll());
-}
+inline QString readLog() { return QString::fromUtf8(testsupport::readFile(Log::path())); }
 
 }  // namespace rendertest

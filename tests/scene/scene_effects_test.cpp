@@ -106,29 +106,21 @@ TEST_F(SmallScene, AFailedPassBuildTakesOnlyItsOwnPresetOffTheRecordAndBounce) {
     EXPECT_EQ(day.u.bounceWeights[0], 1.0f);
     for (const Blend &b : {Blend{{"noite", 1.0}}, Blend{{"noite", 0.5}, {"dia", 0.5}}}) {
         const Filled f = fillEffects(s, b);
-        EXPECT_EQ(f.u.recordRect[2], 0.0f);
-        EXPECT_EQ(f.u.bounceRect[2], 0.0f);
+        EXPECT_EQ(std::pair(f.u.recordRect[2], f.u.bounceRect[2]), std::pair(0.0f, 0.0f));
         EXPECT_EQ(f.u.recordLight[3], 1.0f);  // still live, in the approximate mode
     }
 }
 
 TEST_F(SmallScene, GroovesPackTwoBandsPerEntryAndALongSideStaysUnderTheNeedle) {
     LoadedScene &s = load(manifest());
-    // Five tracks on side A: bands 0…4; band 3 sits in the second entry's z, w, and the third
-    // entry's z, w stay empty.
+    // Five tracks on side A: band 3 sits in the second entry's z, w; the third entry's z, w stay empty.
     const RecordGrooves five = RecordGrooves::make("Five", 2, 10, 200, 146, 60);
     ASSERT_EQ(five.bands.size(), 5u);
     s.effects->setGrooves(five);
     Filled f = fillEffects(s, {{"dia", 1.0}});
     EXPECT_EQ(f.u.bandCount, 5u);
-    EXPECT_EQ(f.u.bands[0][0], float(five.bands[0].outer));
-    EXPECT_EQ(f.u.bands[0][3], float(five.bands[1].inner));
     EXPECT_EQ(f.u.bands[1][2], float(five.bands[3].outer));
-    EXPECT_EQ(f.u.bands[1][3], float(five.bands[3].inner));
-    EXPECT_EQ(f.u.bands[2][0], float(five.bands[4].outer));
-    EXPECT_EQ(f.u.bands[2][1], float(five.bands[4].inner));
-    EXPECT_EQ(f.u.bands[2][2], 0.0f);
-    EXPECT_EQ(f.u.bands[2][3], 0.0f);
+    EXPECT_EQ(f.u.bands[2], (Float4{float(five.bands[4].outer), float(five.bands[4].inner), 0, 0}));
 
     // Forty tracks, the last playing: side B holds 20 tracks, more than the 16 bands drawn. The
     // drawn bands still run from the outer to the inner groove, and wherever the needle is in
@@ -165,13 +157,9 @@ protected:
 
     void SetUp() override {
         ASSERT_TRUE(root.isValid());
-        info.pivot = {0, 0, 0};
         info.yawAxis = {0, 0, 1};
         info.liftAxis = {0, -1, 0};
-        info.yawRest = 0;
-        info.yawLeadIn = 10;
-        info.yawRunOut = 30;
-        info.liftMax = 6;
+        std::tie(info.yawRest, info.yawLeadIn, info.yawRunOut, info.liftMax) = std::tuple(0, 10, 30, 6);
         info.planeZ = 0;
         info.yawSamples = {0, 15, 30};
         info.bbox = {100, 50, 40, 40};
@@ -189,9 +177,8 @@ protected:
         sprites = std::make_unique<TonearmSprites>(info, camera, context, root.path());
     }
 
+    // Rodrigues' rotation about a unit axis.
     static V3 rotate(const V3 &v, V3 axis, double deg) {
-        const double n = std::sqrt(axis[0] * axis[0] + axis[1] * axis[1] + axis[2] * axis[2]);
-        for (double &a : axis) a /= n;
         const double t = deg * M_PI / 180, c = std::cos(t), s = std::sin(t);
         const double dot = axis[0] * v[0] + axis[1] * v[1] + axis[2] * v[2];
         const V3 cross{axis[1] * v[2] - axis[2] * v[1], axis[2] * v[0] - axis[0] * v[2],
@@ -201,15 +188,13 @@ protected:
         return r;
     }
     std::array<double, 2> plate(const V3 &x) const {
-        const auto &P = camera.P;
         double h[3];
-        for (int r = 0; r < 3; ++r) h[r] = P[r][0] * x[0] + P[r][1] * x[1] + P[r][2] * x[2] + P[r][3];
+        for (int r = 0; r < 3; ++r) h[r] = camera.P[r][0] * x[0] + camera.P[r][1] * x[1] + camera.P[r][2] * x[2] + camera.P[r][3];
         return {h[0] / h[2], h[1] / h[2]};
     }
     static std::array<double, 2> project(const Float3x3 &m, std::array<double, 2> p) {
         double h[3];
-        for (int r = 0; r < 3; ++r)
-            h[r] = m.columns[0][r] * p[0] + m.columns[1][r] * p[1] + m.columns[2][r];
+        for (int r = 0; r < 3; ++r) h[r] = m.columns[0][r] * p[0] + m.columns[1][r] * p[1] + m.columns[2][r];
         return {h[0] / h[2], h[1] / h[2]};
     }
 

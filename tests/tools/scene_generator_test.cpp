@@ -26,16 +26,12 @@ namespace {
 
 constexpr int plateW = 160, plateH = 90;
 
-ToolResult generate(const QString &out, const QStringList &extra = {})
-{
-    return runTool(builtTool("turnelo-gen-scene"),
-                   QStringList{"--out", out, "--width", QString::number(plateW), "--height",
-                               QString::number(plateH)} + extra,
-                   {}, 600000);
+ToolResult generate(const QString &out, const QStringList &extra = {}) {
+    const QStringList size{"--width", QString::number(plateW), "--height", QString::number(plateH)};
+    return runTool(builtTool("turnelo-gen-scene"), QStringList{"--out", out} + size + extra, {}, 600000);
 }
 
-std::map<QString, QByteArray> hashes(const QString &root)
-{
+std::map<QString, QByteArray> hashes(const QString &root) {
     std::map<QString, QByteArray> out;
     QDirIterator it(root, QDir::Files, QDirIterator::Subdirectories);
     while (it.hasNext()) {
@@ -46,8 +42,7 @@ std::map<QString, QByteArray> hashes(const QString &root)
     return out;
 }
 
-std::array<double, 2> project(const PlateManifest::Framing &f, const std::array<double, 3> &w)
-{
+std::array<double, 2> project(const PlateManifest::Framing &f, const std::array<double, 3> &w) {
     const auto &P = f.camera.P;
     double h[3];
     for (int r = 0; r < 3; ++r)
@@ -55,19 +50,12 @@ std::array<double, 2> project(const PlateManifest::Framing &f, const std::array<
     return {h[0] / h[2], h[1] / h[2]};
 }
 
-bool inside(const std::array<double, 2> &p, double w, double h)
-{
-    return p[0] >= 0 && p[1] >= 0 && p[0] < w && p[1] < h;
-}
-
-bool inside(const std::array<double, 2> &p, const PlateManifest::Rect &r)
-{
+bool inside(const std::array<double, 2> &p, const PlateManifest::Rect &r) {
     return p[0] >= r[0] && p[1] >= r[1] && p[0] < r[0] + r[2] && p[1] < r[1] + r[3];
 }
 
 // Intersection of the quad's diagonals: where the centre of the square it images lies.
-std::array<double, 2> diagonalCross(const PlateManifest::Quad &q)
-{
+std::array<double, 2> diagonalCross(const PlateManifest::Quad &q) {
     const double x1 = q[0][0], y1 = q[0][1], x2 = q[2][0], y2 = q[2][1];
     const double x3 = q[1][0], y3 = q[1][1], x4 = q[3][0], y4 = q[3][1];
     const double d = (x1 - x2) * (y3 - y4) - (y1 - y2) * (x3 - x4);
@@ -77,20 +65,14 @@ std::array<double, 2> diagonalCross(const PlateManifest::Quad &q)
 
 struct ExrInfo {
     int width = 0, height = 0;
-    bool zip = false, allHalf = false;
+    bool zip = false, allHalf = true;
     QStringList channels;
 };
 
-ExrInfo exrInfo(const QString &path)
-{
+ExrInfo exrInfo(const QString &path) {
     Imf::InputFile file(QFile::encodeName(path).constData());
     const Imf::Header &h = file.header();
-    ExrInfo info;
-    const auto dw = h.dataWindow();
-    info.width = dw.max.x - dw.min.x + 1;
-    info.height = dw.max.y - dw.min.y + 1;
-    info.zip = h.compression() == Imf::ZIP_COMPRESSION;
-    info.allHalf = true;
+    ExrInfo info{h.dataWindow().size().x + 1, h.dataWindow().size().y + 1, h.compression() == Imf::ZIP_COMPRESSION};
     for (auto c = h.channels().begin(); c != h.channels().end(); ++c) {
         info.channels.append(QString::fromLatin1(c.name()));
         info.allHalf = info.allHalf && c.channel().type == Imf::HALF;
@@ -98,33 +80,10 @@ ExrInfo exrInfo(const QString &path)
     return info;
 }
 
-float halfAt(const HalfImage &img, int64_t x, int64_t y, int channel)
-{
-    half h;
-    h.setBits(img.pixels[size_t((y * img.width + x) * 4 + channel)]);
-    return float(h);
-}
-
-// Mean luminance of a preset's light over the whole plate, summed from its recipe.
-double presetLuminance(const LightMixer &mixer, const QString &root, const QString &framing,
-                       const QString &preset)
-{
-    double sum = 0;
-    for (const auto &term : mixer.presets.at(preset).recipe) {
-        const HalfImage img = ImageDecoder::decodeEXR(root + "/" + SceneFiles::lightPlate(framing, term.plate));
-        for (int64_t y = 0; y < img.height; ++y)
-            for (int64_t x = 0; x < img.width; ++x)
-                sum += 0.2126 * term.weight[0] * halfAt(img, x, y, 0) +
-                       0.7152 * term.weight[1] * halfAt(img, x, y, 1) +
-                       0.0722 * term.weight[2] * halfAt(img, x, y, 2);
-    }
-    return sum / (plateW * plateH);
-}
 
 class GeneratedScene : public ::testing::Test {
 protected:
-    static void SetUpTestSuite()
-    {
+    static void SetUpTestSuite() {
         dir = std::make_unique<QTemporaryDir>();
         result = generate(dir->filePath("scene"), {"--framings", "wide,mid", "--seed", "7", "--preview",
                                                    dir->filePath("preview.png")});
@@ -138,6 +97,20 @@ protected:
     }
 
     static QString root() { return dir->filePath("scene"); }
+    // Mean luminance of a preset's light over the whole plate, summed from its recipe.
+    static double presetLuminance(const LightMixer &mixer, const QString &framing, const QString &preset) {
+        const double luma[3] = {0.2126, 0.7152, 0.0722};
+        double sum = 0;
+        for (const auto &term : mixer.presets.at(preset).recipe) {
+            const HalfImage img = ImageDecoder::decodeEXR(root() + "/" + SceneFiles::lightPlate(framing, term.plate));
+            for (size_t i = 0; i < img.pixels.size(); ++i) {
+                half h;
+                h.setBits(img.pixels[i]);
+                if (i % 4 < 3) sum += luma[i % 4] * term.weight[i % 4] * float(h);
+            }
+        }
+        return sum / (plateW * plateH);
+    }
 
     static inline std::unique_ptr<QTemporaryDir> dir;
     static inline ToolResult result;
@@ -156,54 +129,40 @@ TEST_F(GeneratedScene, ManifestHasEverySectionAndTheSummaryCountsTheFiles)
     }
     ASSERT_EQ(manifest.framings.size(), 2u);
     for (const auto &[name, f] : manifest.framings) {
-        EXPECT_EQ(f.size[0], plateW);
-        EXPECT_EQ(f.size[1], plateH);
-        EXPECT_EQ(SceneFiles::sections(f), (QStringList{"tonearm", "front", "steam", "record", "bounce", "panel",
-                                                        "window", "stack"}))
+        EXPECT_EQ(f.size, (std::array<double, 2>{plateW, plateH}));
+        EXPECT_EQ(SceneFiles::sections(f),
+                  (QStringList{"tonearm", "front", "steam", "record", "bounce", "panel", "window", "stack"}))
             << name.toStdString();
     }
     const QJsonObject summary = QJsonDocument::fromJson(result.out).object();
     EXPECT_EQ(summary["files"].toInt(), int(hashes(root()).size()));
 }
 
-TEST_F(GeneratedScene, EveryReferencedFileExistsWithItsSizeAndFormat)
-{
+TEST_F(GeneratedScene, EveryReferencedFileExistsWithItsSizeAndFormat) {
     int exrs = 0;
     for (const auto &[name, f] : manifest.framings) {
         const QStringList files = SceneFiles::referenced(manifest, name);
         ASSERT_GT(files.size(), 100) << name.toStdString();
         for (const QString &rel : files) {
+            SCOPED_TRACE(rel.toStdString());
             const QString path = root() + "/" + rel;
-            ASSERT_TRUE(QFileInfo::exists(path)) << rel.toStdString();
-            int w = int(f.size[0]), h = int(f.size[1]);
-            if (rel.contains("/record/")) {
-                w = int(f.record->bbox[2]);
-                h = int(f.record->bbox[3]);
-            } else if (rel.contains("/bounce/")) {
-                w = int(f.bounce->bbox[2]);
-                h = int(f.bounce->bbox[3]);
-            } else if (rel.contains("/reflection_")) {
-                w = int((*f.tonearm->reflectionBbox)[2]);
-                h = int((*f.tonearm->reflectionBbox)[3]);
-            } else if (rel.contains("/tonearm/")) {
-                w = int(f.tonearm->bbox[2]);
-                h = int(f.tonearm->bbox[3]);
-            }
+            ASSERT_TRUE(QFileInfo::exists(path));
+            PlateManifest::Rect box{0, 0, f.size[0], f.size[1]};
+            if (rel.contains("/record/")) box = f.record->bbox;
+            else if (rel.contains("/bounce/")) box = f.bounce->bbox;
+            else if (rel.contains("/reflection_")) box = *f.tonearm->reflectionBbox;
+            else if (rel.contains("/tonearm/")) box = f.tonearm->bbox;
+            const QSize size{int(box[2]), int(box[3])};
             if (rel.endsWith(".exr")) {
                 const ExrInfo info = exrInfo(path);
-                EXPECT_EQ(info.width, w) << rel.toStdString();
-                EXPECT_EQ(info.height, h) << rel.toStdString();
-                EXPECT_TRUE(info.zip) << rel.toStdString();
-                EXPECT_TRUE(info.allHalf) << rel.toStdString();
-                const bool sprite = rel.contains("/arm_") || rel.contains("/reflection_");
-                EXPECT_EQ(info.channels.contains("A"), sprite) << rel.toStdString();
+                EXPECT_EQ(QSize(info.width, info.height), size);
+                EXPECT_TRUE(info.zip && info.allHalf);
+                EXPECT_EQ(info.channels.contains("A"), rel.contains("/arm_") || rel.contains("/reflection_"));
                 ++exrs;
             } else {
                 const QImage img(path);
-                ASSERT_FALSE(img.isNull()) << rel.toStdString();
-                EXPECT_EQ(img.size(), QSize(w, h)) << rel.toStdString();
-                const bool rgbMap = rel.endsWith("strobe.png") || rel.endsWith("stack_uv.png");
-                EXPECT_EQ(img.isGrayscale(), !rgbMap) << rel.toStdString();
+                EXPECT_EQ(img.size(), size);
+                EXPECT_EQ(img.isGrayscale(), !rel.endsWith("strobe.png") && !rel.endsWith("stack_uv.png"));
             }
         }
         // Front layers are found by folder, not by name.
@@ -220,15 +179,14 @@ TEST_F(GeneratedScene, EveryReferencedFileExistsWithItsSizeAndFormat)
     EXPECT_EQ(QImage(dir->filePath("preview.png")).size(), QSize(plateW, plateH));
 }
 
-TEST_F(GeneratedScene, GeometryProjectsOntoThePlate)
-{
+TEST_F(GeneratedScene, GeometryProjectsOntoThePlate) {
     for (const auto &[name, f] : manifest.framings) {
         SCOPED_TRACE(name.toStdString());
-        const double w = f.size[0], h = f.size[1];
+        const PlateManifest::Rect plate{0, 0, f.size[0], f.size[1]};
         ASSERT_TRUE(f.record && f.panel && f.panel->led33 && f.panel->led45 && f.tonearm && f.steam);
         // The spindle projects to the centre of the record's outline and onto the record mask.
         const auto centre = project(f, f.record->centerWorld);
-        ASSERT_TRUE(inside(centre, w, h));
+        ASSERT_TRUE(inside(centre, plate));
         EXPECT_TRUE(inside(centre, f.record->bbox));
         const auto cross = diagonalCross(f.record->corners);
         EXPECT_NEAR(centre[0], cross[0], 0.05);
@@ -245,21 +203,21 @@ TEST_F(GeneratedScene, GeometryProjectsOntoThePlate)
         const double pivotDistance = std::hypot(f.tonearm->pivot[0] - f.record->centerWorld[0],
                                                 f.tonearm->pivot[1] - f.record->centerWorld[1]);
         EXPECT_GT(pivotDistance, f.record->radiusMm);
-        EXPECT_LT(f.tonearm->yawRest, f.tonearm->yawLeadIn);
-        EXPECT_LT(f.tonearm->yawLeadIn, f.tonearm->yawRunOut);
-        EXPECT_LE(f.tonearm->yawSamples.front(), f.tonearm->yawRest);
-        EXPECT_GE(f.tonearm->yawSamples.back(), f.tonearm->yawRunOut);
-        EXPECT_TRUE(std::is_sorted(f.tonearm->yawSamples.begin(), f.tonearm->yawSamples.end()));
+        // Samples cover rest to run-out, in order.
+        const auto &arm = *f.tonearm;
+        EXPECT_TRUE(std::is_sorted(arm.yawSamples.begin(), arm.yawSamples.end()));
+        EXPECT_LT(arm.yawRest, arm.yawLeadIn);
+        EXPECT_LT(arm.yawLeadIn, arm.yawRunOut);
+        EXPECT_TRUE(arm.yawSamples.front() <= arm.yawRest && arm.yawSamples.back() >= arm.yawRunOut);
         // LEDs, steam and the sleeve lie on the plate.
-        EXPECT_TRUE(inside(f.panel->led33->centerPx, w, h));
-        EXPECT_TRUE(inside(f.panel->led45->centerPx, w, h));
+        for (const auto &p : {f.panel->led33->centerPx, f.panel->led45->centerPx, f.steam->pointPx})
+            EXPECT_TRUE(inside(p, plate));
         EXPECT_GT(f.panel->led33->radiusPx, 0);
-        EXPECT_TRUE(inside(f.steam->pointPx, w, h));
     }
 }
 
-TEST_F(GeneratedScene, MasksAndSpritesHoldContent)
-{
+TEST_F(GeneratedScene, MasksSpritesAndLightHoldContent) {
+    const LightMixer mixer(manifest);
     for (const auto &[name, f] : manifest.framings) {
         SCOPED_TRACE(name.toStdString());
         auto gray = [&](const QString &file) {
@@ -267,16 +225,13 @@ TEST_F(GeneratedScene, MasksAndSpritesHoldContent)
         };
         const GrayImage cover = gray(f.cover.mask), glass = gray(f.window->glassMask),
                         dust = gray(*f.window->dustCoverMask);
+        // The sleeve's mask sits within its corners.
         const auto coverCrop = ImageDecoder::cropMask(cover);
         ASSERT_TRUE(coverCrop.has_value());
-        // The sleeve's mask sits within its corners.
-        double minX = 1e9, maxX = -1e9;
-        for (const auto &c : f.cover.corners) {
-            minX = std::min(minX, c[0]);
-            maxX = std::max(maxX, c[0]);
-        }
-        EXPECT_GE(coverCrop->rect[0], std::floor(minX) - 2);
-        EXPECT_LE(coverCrop->rect[0] + coverCrop->rect[2], std::ceil(maxX) + 2);
+        const auto [left, right] = std::minmax({f.cover.corners[0][0], f.cover.corners[1][0], f.cover.corners[2][0],
+                                                f.cover.corners[3][0]});
+        EXPECT_GE(coverCrop->rect[0], std::floor(left) - 2);
+        EXPECT_LE(coverCrop->rect[0] + coverCrop->rect[2], std::ceil(right) + 2);
         ASSERT_TRUE(ImageDecoder::cropMask(glass).has_value());
         // Glass seen through the dust cover is glass.
         for (size_t i = 0; i < dust.pixels.size(); ++i)
@@ -294,26 +249,15 @@ TEST_F(GeneratedScene, MasksAndSpritesHoldContent)
         EXPECT_EQ(x0, int(f.stack->bbox[0]));
         EXPECT_EQ(x1 + 1, int(f.stack->bbox[0] + f.stack->bbox[2]));
         // Every arm sprite shows the arm; the day shadow darkens something at rest.
-        for (const QString &preset : manifest.presetOrder()) {
+        for (const QString &preset : manifest.presetOrder())
             for (int i = 0; i < int(f.tonearm->yawSamples.size()); ++i) {
                 const QString rel = SceneFiles::tonearmSprite(name, preset, i, SceneFiles::SpriteKind::arm);
-                const HalfImage arm = ImageDecoder::decodeEXR(root() + "/" + rel);
-                EXPECT_TRUE(ImageDecoder::cropSprite(arm).has_value()) << rel.toStdString();
+                EXPECT_TRUE(ImageDecoder::cropSprite(ImageDecoder::decodeEXR(root() + "/" + rel))) << rel.toStdString();
             }
-        }
-        const GrayImage shadow = ImageDecoder::decodeGray(
-            root() + "/" + SceneFiles::tonearmSprite(name, "dia", 0, SceneFiles::SpriteKind::shadow));
-        EXPECT_TRUE(ImageDecoder::cropShadow(shadow).has_value());
-    }
-}
-
-TEST_F(GeneratedScene, NightIsDarkerThanDayAndTheRecipesNamePlatesThatExist)
-{
-    const LightMixer mixer(manifest);
-    for (const auto &[name, f] : manifest.framings) {
-        SCOPED_TRACE(name.toStdString());
-        const double day = presetLuminance(mixer, root(), name, "dia");
-        const double night = presetLuminance(mixer, root(), name, "noite");
+        EXPECT_TRUE(ImageDecoder::cropShadow(ImageDecoder::decodeGray(
+            root() + "/" + SceneFiles::tonearmSprite(name, "dia", 0, SceneFiles::SpriteKind::shadow))));
+        // Night is darker than day, and the recipes name plates that exist.
+        const double day = presetLuminance(mixer, name, "dia"), night = presetLuminance(mixer, name, "noite");
         EXPECT_GT(day, 0.02);
         EXPECT_GT(night, 0.0);
         EXPECT_GT(day, 1.5 * night) << "day " << day << ", night " << night;
@@ -335,8 +279,7 @@ TEST_F(GeneratedScene, SameOptionsGiveTheSameBytesAndTheSeedChangesThem)
     EXPECT_EQ(other.at("manifest.json"), first.at("manifest.json"));
 }
 
-TEST(SceneGenerator, RejectsBadOptions)
-{
+TEST(SceneGenerator, RejectsBadOptions) {
     QTemporaryDir dir;
     auto r = generate(dir.filePath("x"), {"--framings", "wide,balcony"});
     EXPECT_EQ(r.exitCode, 1);

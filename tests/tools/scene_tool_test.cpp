@@ -17,12 +17,9 @@ ToolResult scene(const QStringList &args) { return runTool(builtTool("turnelo-sc
 
 QJsonObject json(const ToolResult &r) { return QJsonDocument::fromJson(r.out).object(); }
 
-void writeRgba(const QString &path, int w, int h, const std::function<Imf::Rgba(int, int)> &pixel)
-{
+void writeRgba(const QString &path, int w, int h, const std::function<Imf::Rgba(int, int)> &pixel) {
     std::vector<Imf::Rgba> pixels(size_t(w) * h);
-    for (int y = 0; y < h; ++y)
-        for (int x = 0; x < w; ++x)
-            pixels[size_t(y) * w + x] = pixel(x, y);
+    for (size_t i = 0; i < pixels.size(); ++i) pixels[i] = pixel(int(i % w), int(i / w));
     Imf::RgbaOutputFile file(QFile::encodeName(path).constData(), w, h, Imf::WRITE_RGBA);
     file.setFrameBuffer(pixels.data(), 1, w);
     file.writePixels(h);
@@ -30,17 +27,16 @@ void writeRgba(const QString &path, int w, int h, const std::function<Imf::Rgba(
 
 }  // namespace
 
-TEST(SceneTool, ValidateListsSectionsAndMissingFiles)
-{
+TEST(SceneTool, ValidateListsSectionsAndMissingFiles) {
     QTemporaryDir dir;
     writeFile(dir.filePath("manifest.json"), minimalManifest());
     auto r = scene({"validate", dir.path()});
     ASSERT_EQ(r.exitCode, 0) << r.err.constData();
-    QJsonObject o = json(r);
+    const QJsonObject o = json(r), mid = o["framings"].toObject()["mid"].toObject();
     EXPECT_EQ(o["contract"].toInt(), 1);
     EXPECT_EQ(o["presetOrder"].toArray(), (QJsonArray{"manha", "dia", "tarde", "noite"}));
-    EXPECT_EQ(o["framings"].toObject()["mid"].toObject()["size"].toArray(), (QJsonArray{64, 48}));
-    EXPECT_EQ(o["framings"].toObject()["mid"].toObject()["sections"].toArray(), QJsonArray{});
+    EXPECT_EQ(mid["size"].toArray(), (QJsonArray{64, 48}));
+    EXPECT_EQ(mid["sections"].toArray(), QJsonArray{});
     EXPECT_EQ(o["missing"].toArray(), (QJsonArray{"mid/light/room.exr", "mid/masks/cover.png", "mid/masks/label.png"}));
 
     QDir().mkpath(dir.filePath("mid/light"));
@@ -54,8 +50,7 @@ TEST(SceneTool, ValidateListsSectionsAndMissingFiles)
     EXPECT_EQ(json(r)["missing"].toArray(), QJsonArray{});
 }
 
-TEST(SceneTool, BlendAtALocalTime)
-{
+TEST(SceneTool, BlendAtALocalTime) {
     QTemporaryDir dir;
     writeFile(dir.filePath("manifest.json"), minimalManifest());
     // Keyframes 06:00 manha, 10:00 dia, 15:00 tarde, 19:30 noite.
@@ -74,33 +69,26 @@ TEST(SceneTool, BlendAtALocalTime)
     EXPECT_TRUE(bad.err.startsWith("hora inválida"));
 }
 
-TEST(SceneTool, CropKinds)
-{
+TEST(SceneTool, CropKinds) {
     QTemporaryDir dir;
     const QString sprite = dir.filePath("arm.exr");
     writeRgba(sprite, 40, 30, [](int x, int y) {
         const bool in = x >= 10 && x < 20 && y >= 5 && y < 8;
         return in ? Imf::Rgba(0.5f, 0.5f, 0.5f, 1) : Imf::Rgba(0, 0, 0, 0);
     });
-    auto o = json(scene({"crop", sprite, "--kind", "sprite"}));
-    EXPECT_EQ(o["width"].toInt(), 40);
-    EXPECT_EQ(o["height"].toInt(), 30);
+    const auto o = json(scene({"crop", sprite, "--kind", "sprite"}));
+    EXPECT_EQ(std::pair(o["width"].toInt(), o["height"].toInt()), std::pair(40, 30));
     EXPECT_EQ(o["rect"].toArray(), (QJsonArray{9, 4, 12, 5}));
-    o = json(scene({"crop", sprite, "--kind", "channel:1"}));
-    EXPECT_EQ(o["rect"].toArray(), (QJsonArray{9, 4, 12, 5}));
+    EXPECT_EQ(json(scene({"crop", sprite, "--kind", "channel:1"}))["rect"].toArray(), (QJsonArray{9, 4, 12, 5}));
 
     QImage shadow(16, 16, QImage::Format_Grayscale8);
     shadow.fill(255);
     ASSERT_TRUE(shadow.save(dir.filePath("shadow.png")));
-    o = json(scene({"crop", dir.filePath("shadow.png"), "--kind", "shadow"}));
-    EXPECT_TRUE(o["rect"].isNull());
-
-    const auto badKind = scene({"crop", sprite, "--kind", "channel:7"});
-    EXPECT_EQ(badKind.exitCode, 1);
+    EXPECT_TRUE(json(scene({"crop", dir.filePath("shadow.png"), "--kind", "shadow"}))["rect"].isNull());
+    EXPECT_EQ(scene({"crop", sprite, "--kind", "channel:7"}).exitCode, 1);
 }
 
-TEST(SceneTool, BadInputExitsOneWithTheMessage)
-{
+TEST(SceneTool, BadInputExitsOneWithTheMessage) {
     QTemporaryDir dir;
     const QByteArray full = minimalManifest();
     writeFile(dir.filePath("manifest.json"), full.left(full.size() / 3));
