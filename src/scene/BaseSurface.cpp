@@ -29,11 +29,11 @@ OffscreenTarget *BaseSurface::nextTarget(uint32_t width, uint32_t height) {
     return spare.get();
 }
 
-void BaseSurface::present() {
-    if (!spare) return;
+bool BaseSurface::present() {
+    if (!spare) return false;
     std::swap(shown, spare);
-    reshow();
     releaseTimer.start();
+    return reshow();
 }
 
 bool BaseSurface::reshow() {

@@ -22,8 +22,9 @@ public:
     // The image to render the next base into, at the given size; a size change drops both
     // images. None when the image cannot be made (out of device memory).
     OffscreenTarget *nextTarget(uint32_t width, uint32_t height);
-    // Shows the image last returned by nextTarget (rendered and complete) in the window.
-    void present();
+    // Shows the image last returned by nextTarget (rendered and complete) in the window; false
+    // when the window could not take it now (the caller draws the base again next frame).
+    bool present();
     // Copies the shown image into the window again (the window was exposed).
     bool reshow();
     bool hasShown() const { return shown != nullptr; }

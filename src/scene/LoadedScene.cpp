@@ -153,6 +153,12 @@ std::variant<std::unique_ptr<LoadedScene>, QString> SceneAssembly::load(
     return s;
 }
 
+void LoadedScene::moveToThread(QThread *thread) {
+    if (mixes) mixes->moveToThread(thread);
+    if (sprites) sprites->moveToThread(thread);
+    if (effects) effects->moveToThreadWithFamilies(thread);
+}
+
 std::set<QString> LoadedScene::missingMixes(const Blend &blend) const {
     std::set<QString> missing;
     for (const auto &[p, w] : blend)

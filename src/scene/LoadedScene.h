@@ -45,6 +45,9 @@ struct LoadedScene {
     // masks and front layers.
     void fillStatic(SceneUniforms &u, SceneTextures &t, const PlateGeometry::Mat3 &screenToPlate,
                     const Float4 &origin, const Blend &blend) const;
+    // Hands the scene's thread-bound objects (families, sprites, effects) to `thread`. A scene is
+    // assembled off the main thread and handed back with this before it is used.
+    void moveToThread(QThread *thread);
     // Presets of a blend whose light mix is not ready yet.
     std::set<QString> missingMixes(const Blend &blend) const;
 };

@@ -66,6 +66,13 @@ public:
               bool playing, const std::array<double, 3> &artMean, int fps, bool motionBlur);
 
     size_t memoryBytes() const;
+    // Hands this object and its light families to another thread (a scene assembled off the
+    // main thread is handed back to it). Call from the thread the object lives in.
+    void moveToThreadWithFamilies(QThread *thread) {
+        moveToThread(thread);
+        for (PresetMixes *m : {recordMixes.get(), bounceMixes.get()})
+            if (m) m->moveToThread(thread);
+    }
     // The window glass the rain runs down, in plate pixels; none without a glass mask.
     std::optional<Float4> glassRect() const {
         return glass ? std::optional<Float4>(glass->second) : std::nullopt;

@@ -17,14 +17,15 @@
 
 #include <QDir>
 #include <QElapsedTimer>
+#include <QFutureWatcher>
+#include <QThread>
+#include <QtConcurrent>
 #include <QFileInfo>
 #include <QVulkanInstance>
 #include <QWindow>
 #include <cmath>
 
 namespace {
-
-constexpr double crossFadeSeconds = 1.5;
 
 int megabytes(size_t bytes) { return int(bytes / (1024 * 1024)); }
 
@@ -110,6 +111,11 @@ SceneView::SceneView(const Services &services, std::unique_ptr<SceneRenderer> r,
 
 SceneView::~SceneView() {
     teardown();
+    // An assembly in flight uses the renderer: let it finish and drop its scene first.
+    if (assembling) {
+        assembling->waitForFinished();
+        delete assembling.data();
+    }
     if (renderer) renderer->waitIdle();
     loaded.reset();
     base.reset();
@@ -170,21 +176,41 @@ void SceneView::assemble(int generation, const QString &root, const QString &fra
         unavailable(QStringLiteral("nenhuma cena instalada em ") + SceneLocation::installedRoot());
         return;
     }
-    QElapsedTimer timer;
-    timer.start();
-    auto result = SceneAssembly::load(*renderer, root, resolved->manifest, framing,
-                                      [this, generation](const QString &preset) {
-                                          if (generation == loadGeneration) presetReady(preset);
-                                      });
-    if (auto *why = std::get_if<QString>(&result)) {
-        unavailable(*why);
-        return;
-    }
-    const double seconds = timer.elapsed() / 1000.0;
-    loaded = std::move(std::get<std::unique_ptr<LoadedScene>>(result));
+    // Masks, front layers and effect passes are decoded and uploaded on a worker thread; the
+    // assembled scene comes back to this thread, where a newer load makes it stale.
+    QThread *home = thread();
+    SceneRenderer *r = renderer.get();
+    QPointer<SceneView> self(this);
+    auto onReady = [self, generation](const QString &preset) {
+        if (self && generation == self->loadGeneration) self->presetReady(preset);
+    };
+    using Outcome = std::shared_ptr<std::variant<std::unique_ptr<LoadedScene>, QString>>;
+    auto *watcher = new QFutureWatcher<std::pair<Outcome, double>>(this);
+    assembling = watcher;
+    connect(watcher, &QFutureWatcherBase::finished, this, [this, watcher, generation, root] {
+        watcher->deleteLater();
+        auto [outcome, seconds] = watcher->result();
+        if (generation != loadGeneration) return;  // a newer load is on its way
+        if (auto *why = std::get_if<QString>(outcome.get())) {
+            unavailable(*why);
+            return;
+        }
+        finishLoad(std::move(std::get<std::unique_ptr<LoadedScene>>(*outcome)), root, seconds);
+    });
+    watcher->setFuture(QtConcurrent::run([r, root, manifest = resolved->manifest, framing, onReady, home] {
+        QElapsedTimer timer;
+        timer.start();
+        auto outcome = std::make_shared<std::variant<std::unique_ptr<LoadedScene>, QString>>(
+            SceneAssembly::load(*r, root, manifest, framing, onReady));
+        if (auto *scene = std::get_if<std::unique_ptr<LoadedScene>>(outcome.get())) (*scene)->moveToThread(home);
+        return std::make_pair(Outcome(outcome), timer.elapsed() / 1000.0);
+    }));
+}
+
+void SceneView::finishLoad(std::unique_ptr<LoadedScene> scene, const QString &root, double seconds) {
+    loaded = std::move(scene);
     if (loaded->sprites) loaded->sprites->onLoaded = [this] { baseDirty = true; };
 
-    // finishLoad
     const double now = PlayerState::mediaTime();
     s.status->setProblem(std::nullopt);
     playing = s.state->isPlaying() && !simulateNoMusic;
@@ -344,8 +370,10 @@ bool SceneView::rainDrawn() const {
 void SceneView::frame(double t) {
     if (!loaded || screenSize.isEmpty()) return;
     const Blend blend = currentBlend(t);
-    if (t - loaded->lights.transitionStart < crossFadeSeconds) baseDirty = true;
-    if (t - cover->fadeStart() < CoverArt::fadeDuration + 0.1) baseDirty = true;
+    // The still room follows the light and the cover until both settle: the base is drawn again
+    // whenever either differs from what it shows, the settled values included.
+    const double fade = cover->fade(t);
+    if (blend != baseBlend || fade != baseFade) baseDirty = true;
     if (cover->releasePrevious(t)) baseDirty = true;
 
     arm.advance(t, armGoal);
@@ -379,8 +407,9 @@ void SceneView::frame(double t) {
     if (baseDirty && base) {
         if (OffscreenTarget *target = base->nextTarget(uint32_t(screenSize.width()), uint32_t(screenSize.height()))) {
             renderer->draw(SceneRenderer::Pass{target, uniforms, std::nullopt}, {}, std::nullopt, textures);
-            base->present();
-            baseDirty = false;
+            baseDirty = !base->present();
+            baseBlend = blend;
+            baseFade = fade;
         }
     }
 

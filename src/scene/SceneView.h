@@ -24,6 +24,7 @@ class HistoryStore;
 class LayerWindow;
 class PlayerState;
 class PowerMonitor;
+class QFutureWatcherBase;
 class QVulkanInstance;
 class QWindow;
 class SceneStatus;
@@ -78,6 +79,7 @@ public:
 private:
     void unavailable(const QString &reason);
     void assemble(int generation, const QString &root, const QString &framing);
+    void finishLoad(std::unique_ptr<LoadedScene> scene, const QString &root, double seconds);
     void presetReady(const QString &preset);
     void firstFrameIfNeeded();
     void wantFrames();
@@ -114,6 +116,7 @@ private:
     QRect dynRect, steamRect, rainRect;  // in the host window, pixels
 
     std::unique_ptr<LoadedScene> loaded;
+    QPointer<QFutureWatcherBase> assembling;  // the assembly on a worker thread, while one runs
     int loadGeneration = 0;
     QString sceneName;
 
@@ -122,7 +125,8 @@ private:
     double armGoal = 0;
     bool playing = false;
     bool baseDirty = true;
-    double baseDirtyUntil = 0;  // media time until which the base is redrawn every frame
+    Blend baseBlend;      // the light the base shows
+    double baseFade = -1; // the cover cross-fade the base shows
     QSize screenSize;
     PlateGeometry::Mat3 screenToPlate = PlateGeometry::identity();
     std::optional<Float4> steamPlateRect;

@@ -1,0 +1,180 @@
+// The real program on the demo scene under Xvfb (openbox, a private bus with a mocked screen
+// saver and a playing test player): frames per second and process CPU while the record turns,
+// while a window covers the room and while the screen is locked, and resident memory.
+// Figures only; nothing here passes or fails.
+//
+//   desktop_bench [--seconds N] [--size WxH] [--scene DIR]
+// Without --scene the 1920x1080 demo scene is generated in a temporary folder (a minute or two).
+
+#include "PrivateBus.h"
+#include "XServer.h"
+
+#include <QCommandLineParser>
+#include <QCoreApplication>
+#include <QFile>
+#include <QRegularExpression>
+#include <QTemporaryDir>
+#include <QThread>
+#include <cstdio>
+#include <unistd.h>
+
+using namespace testsupport;
+
+namespace {
+
+QString built(const QString &name) { return QStringLiteral(TURNELO_BINARY_DIR "/") + name; }
+
+// User + system CPU seconds of a process.
+double cpuSeconds(qint64 pid) {
+    QFile f(QStringLiteral("/proc/%1/stat").arg(pid));
+    if (!f.open(QIODevice::ReadOnly)) return -1;
+    const QByteArray text = f.readAll();
+    const QList<QByteArray> fields = text.mid(text.lastIndexOf(')') + 2).split(' ');
+    return (fields.value(11).toDouble() + fields.value(12).toDouble()) / double(sysconf(_SC_CLK_TCK));
+}
+
+double residentMB(qint64 pid) {
+    QFile f(QStringLiteral("/proc/%1/status").arg(pid));
+    if (!f.open(QIODevice::ReadOnly)) return -1;
+    for (const QByteArray &line : f.readAll().split('\n'))
+        if (line.startsWith("VmRSS:")) return line.mid(6).trimmed().split(' ').value(0).toDouble() / 1024.0;
+    return -1;
+}
+
+struct Phase {
+    double fps = -1, cpu = -1, rss = -1;
+};
+
+}  // namespace
+
+int main(int argc, char **argv) {
+    QCoreApplication app(argc, argv);
+    QCommandLineParser p;
+    const QCommandLineOption secondsOpt("seconds", "Seconds per phase.", "N", "20");
+    const QCommandLineOption sizeOpt("size", "Screen size.", "WxH", "1920x1080");
+    const QCommandLineOption sceneOpt("scene", "Scene folder (default: generate the demo scene).", "dir");
+    p.addOptions({secondsOpt, sizeOpt, sceneOpt});
+    p.addHelpOption();
+    p.process(app);
+    const int seconds = std::max(4, p.value(secondsOpt).toInt());
+    const QString size = p.value(sizeOpt);
+
+    QTemporaryDir dir;
+    QString scene = p.value(sceneOpt);
+    if (scene.isEmpty()) {
+        scene = dir.filePath("scene");
+        const QStringList wh = size.split('x');
+        std::printf("generating the demo scene at %s…\n", qPrintable(size));
+        std::fflush(stdout);
+        QProcess gen;
+        gen.start(built("tools/turnelo-gen-scene"),
+                  {"--out", scene, "--width", wh.value(0), "--height", wh.value(1), "--framings", "wide"});
+        if (!gen.waitForFinished(-1) || gen.exitCode() != 0) {
+            std::fprintf(stderr, "scene generator failed\n");
+            return 1;
+        }
+    }
+
+    XServer x(size + "x24");
+    QString why;
+    if (!x.start(why) || !x.startManager("openbox", {"--sm-disable"}, why)) {
+        std::fprintf(stderr, "no X server: %s\n", qPrintable(why));
+        return 1;
+    }
+    PrivateBus bus;
+    auto screensaver = DbusMock::bare(bus, "org.freedesktop.ScreenSaver", "/ScreenSaver", "org.freedesktop.ScreenSaver");
+    if (!bus.ok() || !screensaver->ok()) {
+        std::fprintf(stderr, "no private bus or screen saver mock\n");
+        return 1;
+    }
+    QProcessEnvironment env = x.environment();
+    for (const char *key : {"DBUS_SESSION_BUS_ADDRESS", "DBUS_SYSTEM_BUS_ADDRESS"})
+        env.insert(key, bus.env().value(key));
+    env.insert("TURNELO_SCENES_DIR", scene);
+    if (!env.contains("VK_ICD_FILENAMES") && !lavapipeIcd().isEmpty() && !qEnvironmentVariableIsSet("TURNELO_BENCH_GPU"))
+        env.insert("VK_ICD_FILENAMES", lavapipeIcd());
+
+    auto run = [&](const QString &program, const QStringList &args) {
+        QProcess tool;
+        tool.setProcessEnvironment(env);
+        tool.start(program, args);
+        tool.waitForFinished(30000);
+    };
+    run(built("tools/turnelo-defaults"), {"write", "perfLogInterval", "-float", QString::number(seconds)});
+
+    QProcess player;
+    player.setProcessEnvironment(env);
+    player.start(built("tools/turnelo-mpris-player"),
+                 {"--name", "bench", "--identity", "Bench", "--status", "Playing", "--track", "Side A|Turnelo|Demo|600|2|"});
+    QProcess room;
+    room.setProcessEnvironment(env);
+    room.setProcessChannelMode(QProcess::ForwardedErrorChannel);
+    room.start(built("turnelo"), {"--music-setup-done"});
+    if (!room.waitForStarted(10000)) return 1;
+    const qint64 pid = room.processId();
+    const QString logPath = x.environment().value("XDG_STATE_HOME") + "/Turnelo Dev.log";
+    auto log = [&] {
+        QFile f(logPath);
+        return f.open(QIODevice::ReadOnly) ? QString::fromUtf8(f.readAll()) : QString();
+    };
+    auto waitFor = [&](const QString &text, qsizetype from, int limitSeconds) {
+        for (int i = 0; i < limitSeconds * 10; ++i) {
+            const qsizetype at = log().indexOf(text, from);
+            if (at >= 0) return at + text.size();
+            QThread::msleep(100);
+        }
+        return qsizetype(-1);
+    };
+    if (waitFor("Cena pronta", 0, 600) < 0) {
+        std::fprintf(stderr, "the room did not come up:\n%s\n", qPrintable(log()));
+        return 1;
+    }
+    QThread::sleep(5);  // the record spins up and the shaders are compiled
+
+    static const QRegularExpression perf(QStringLiteral("Perf \\d+s: ([0-9.]+) fps, CPU [0-9.]+%, GPU ([0-9.]+) ms"));
+    auto measure = [&](const char *name) {
+        const qsizetype from = log().size();
+        const double cpu0 = cpuSeconds(pid);
+        QThread::sleep(uint(seconds));
+        const double cpu1 = cpuSeconds(pid);
+        // The app's own line for the same stretch gives frames and GPU time.
+        waitFor("Perf", from, seconds + 5);
+        QThread::sleep(1);
+        Phase ph;
+        ph.cpu = (cpu1 - cpu0) / seconds * 100.0;
+        ph.rss = residentMB(pid);
+        double gpu = -1;
+        QRegularExpressionMatch last;
+        for (auto it = perf.globalMatch(log(), from); it.hasNext();) last = it.next();
+        if (last.hasMatch()) {
+            ph.fps = last.captured(1).toDouble();
+            gpu = last.captured(2).toDouble();
+        }
+        std::printf("%-10s fps %6.1f   CPU %7.2f%% of a core   GPU %8.3f ms/frame   resident %7.1f MB\n", name,
+                    ph.fps, ph.cpu, gpu, ph.rss);
+        std::fflush(stdout);
+        return ph;
+    };
+
+    std::printf("screen %s, %d s per phase, device %s\n", qPrintable(size), seconds,
+                env.contains("VK_ICD_FILENAMES") ? "lavapipe" : "default");
+    const Phase animating = measure("animating");
+    QProcess &cover = x.launch("xmessage", {"-geometry", size + "+0+0", "covering window"});
+    waitFor("coberta por janelas", 0, 30);
+    const Phase covered = measure("covered");
+    cover.terminate();
+    cover.waitForFinished(5000);
+    waitFor("à vista → renderiza", 0, 30);
+    screensaver->callMock("/ScreenSaver", "EmitSignal",
+                          {QString(), QStringLiteral("ActiveChanged"), QStringLiteral("b"), QVariantList{true}});
+    waitFor("screenIsLocked", 0, 30);
+    const Phase locked = measure("locked");
+    std::printf("covered/animating CPU ratio %.4f, locked/animating %.4f; goal: 0 fps and under 0.1%% of a core "
+                "when nobody can see the room, at most 200 MB resident at 4K\n",
+                animating.cpu > 0 ? covered.cpu / animating.cpu : 0, animating.cpu > 0 ? locked.cpu / animating.cpu : 0);
+    room.terminate();
+    room.waitForFinished(10000);
+    player.terminate();
+    player.waitForFinished(5000);
+    return 0;
+}
