@@ -18,9 +18,11 @@ SingleInstance::SingleInstance(const QString &n, QObject *parent) : QObject(pare
 }
 
 QString SingleInstance::defaultName() {
-    QString app = AppIdentity::appName();
-    app.replace(' ', '-');
-    return QStringLiteral("%1-%2").arg(app.toLower()).arg(getuid());
+    // One room per user, build and display: another X display is another desktop.
+    QString name = QStringLiteral("%1-%2-%3").arg(AppIdentity::appName()).arg(getuid()).arg(qEnvironmentVariable("DISPLAY"));
+    for (QChar &c : name)
+        if (!c.isLetterOrNumber()) c = '-';
+    return name.toLower();
 }
 
 bool SingleInstance::alreadyRunning() {

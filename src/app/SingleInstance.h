@@ -4,7 +4,7 @@
 #include <QObject>
 #include <functional>
 
-// One running room per user and build: the first process listens on a local socket; a later
+// One running room per user, build and display: the first process listens on a local socket; a later
 // start finds it, asks it to show itself and leaves. Main thread.
 class SingleInstance : public QObject {
     Q_OBJECT
@@ -17,7 +17,7 @@ public:
     bool alreadyRunning();
     std::function<void()> onActivated;
 
-    // The socket name for this user and build.
+    // The socket name for this user, build and display.
     static QString defaultName();
 
 private:

@@ -290,6 +290,15 @@ TEST_F(DesktopRoom, AllScreensGetAWindowAndMainKeepsTheFirst) {
     ASSERT_EQ(after.size(), 1) << after.join(' ').toStdString();
     EXPECT_TRUE(windows.contains(after.first())) << "the kept window was made anew";
     EXPECT_FALSE(log().contains("Cena indisponível"));
+
+    // A second start reaches the running room instead of opening another one.
+    QProcess second;
+    second.setProcessEnvironment(environment());
+    second.start(binary("turnelo"), {});
+    ASSERT_TRUE(second.waitForFinished(30000));
+    EXPECT_EQ(second.exitCode(), 0);
+    waitForLine("Turnelo: aberta de novo");
+    EXPECT_EQ(ours().size(), 1) << "a second room opened";
 }
 
 }  // namespace

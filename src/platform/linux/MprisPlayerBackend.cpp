@@ -1,4 +1,5 @@
 #include "platform/linux/MprisPlayerBackend.h"
+#include "platform/linux/DBusValues.h"
 
 #include <QDBusArgument>
 #include <QDBusMessage>
@@ -8,29 +9,15 @@
 
 namespace {
 
+using DBusValues::mapOf;
+using DBusValues::plain;
+
 const QString kRootInterface = QStringLiteral("org.mpris.MediaPlayer2");
 const QString kPlayerInterface = QStringLiteral("org.mpris.MediaPlayer2.Player");
 const QString kObjectPath = QStringLiteral("/org/mpris/MediaPlayer2");
 const QString kPropertiesInterface = QStringLiteral("org.freedesktop.DBus.Properties");
 const QString kBusService = QStringLiteral("org.freedesktop.DBus");
 const QString kBusPath = QStringLiteral("/org/freedesktop/DBus");
-
-// A value read out of a variant, whether QtDBus demarshalled it already or left it as an
-// argument stream.
-QVariant plain(const QVariant &v)
-{
-    if (v.userType() == qMetaTypeId<QDBusVariant>())
-        return plain(v.value<QDBusVariant>().variant());
-    return v;
-}
-
-QVariantMap mapOf(const QVariant &value)
-{
-    const QVariant v = plain(value);
-    if (v.userType() == qMetaTypeId<QDBusArgument>())
-        return qdbus_cast<QVariantMap>(v.value<QDBusArgument>());
-    return v.toMap();
-}
 
 QStringList stringsOf(const QVariant &value)
 {

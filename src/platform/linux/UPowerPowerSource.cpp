@@ -1,4 +1,5 @@
 #include "platform/linux/UPowerPowerSource.h"
+#include "platform/linux/DBusValues.h"
 
 #include <QDBusArgument>
 #include <QDBusMessage>
@@ -6,6 +7,9 @@
 #include <QDBusVariant>
 
 namespace {
+
+using DBusValues::mapOf;
+using DBusValues::plain;
 
 const QString kUPowerService = QStringLiteral("org.freedesktop.UPower");
 const QString kUPowerPath = QStringLiteral("/org/freedesktop/UPower");
@@ -29,21 +33,6 @@ const ProfilesService kProfilesServices[] = {
     {QStringLiteral("net.hadess.PowerProfiles"), QStringLiteral("/net/hadess/PowerProfiles"),
      QStringLiteral("net.hadess.PowerProfiles")},
 };
-
-QVariant plain(const QVariant &v)
-{
-    if (v.userType() == qMetaTypeId<QDBusVariant>())
-        return plain(v.value<QDBusVariant>().variant());
-    return v;
-}
-
-QVariantMap mapOf(const QVariant &value)
-{
-    const QVariant v = plain(value);
-    if (v.userType() == qMetaTypeId<QDBusArgument>())
-        return qdbus_cast<QVariantMap>(v.value<QDBusArgument>());
-    return v.toMap();
-}
 
 std::optional<QVariant> call(const QDBusConnection &bus, QDBusMessage message)
 {
