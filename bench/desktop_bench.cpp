@@ -100,7 +100,8 @@ int main(int argc, char **argv) {
         tool.start(program, args);
         tool.waitForFinished(30000);
     };
-    run(built("tools/turnelo-defaults"), {"write", "perfLogInterval", "-float", QString::number(seconds)});
+    // A performance line every second: a phase averages the lines that fall inside it.
+    run(built("tools/turnelo-defaults"), {"write", "perfLogInterval", "-float", "1"});
 
     QProcess player;
     player.setProcessEnvironment(env);
@@ -129,29 +130,41 @@ int main(int argc, char **argv) {
         std::fprintf(stderr, "the room did not come up:\n%s\n", qPrintable(log()));
         return 1;
     }
-    QThread::sleep(5);  // the record spins up and the shaders are compiled
-
-    static const QRegularExpression perf(QStringLiteral("Perf \\d+s: ([0-9.]+) fps, CPU [0-9.]+%, GPU ([0-9.]+) ms"));
+    // The software device compiles its shaders at the first frames: wait for frames to flow.
+    static const QRegularExpression perf(
+        QStringLiteral("Perf \\d+s: ([0-9.]+) fps, CPU [0-9.]+%, GPU ([0-9.]+) ms/quadro \\([0-9.]+% ocupada\\), footprint -?\\d+ MB, (\\w+)"));
+    for (int i = 0; i < 600; ++i) {
+        QRegularExpressionMatch last;
+        for (auto it = perf.globalMatch(log()); it.hasNext();) last = it.next();
+        if (last.hasMatch() && last.captured(1).toDouble() > 0) break;
+        QThread::msleep(500);
+    }
     auto measure = [&](const char *name) {
+        QThread::sleep(2);  // the change settles
         const qsizetype from = log().size();
         const double cpu0 = cpuSeconds(pid);
         QThread::sleep(uint(seconds));
         const double cpu1 = cpuSeconds(pid);
-        // The app's own line for the same stretch gives frames and GPU time.
-        waitFor("Perf", from, seconds + 5);
-        QThread::sleep(1);
+        const QString stretch = log().mid(from);
         Phase ph;
         ph.cpu = (cpu1 - cpu0) / seconds * 100.0;
         ph.rss = residentMB(pid);
-        double gpu = -1;
-        QRegularExpressionMatch last;
-        for (auto it = perf.globalMatch(log(), from); it.hasNext();) last = it.next();
-        if (last.hasMatch()) {
-            ph.fps = last.captured(1).toDouble();
-            gpu = last.captured(2).toDouble();
+        double fps = 0, gpu = 0;
+        int lines = 0, gpuLines = 0;
+        QString state;
+        for (auto it = perf.globalMatch(stretch); it.hasNext();) {
+            const auto m = it.next();
+            fps += m.captured(1).toDouble();
+            if (m.captured(2).toDouble() > 0) {
+                gpu += m.captured(2).toDouble();
+                ++gpuLines;
+            }
+            state = m.captured(3);
+            ++lines;
         }
-        std::printf("%-10s fps %6.1f   CPU %7.2f%% of a core   GPU %8.3f ms/frame   resident %7.1f MB\n", name,
-                    ph.fps, ph.cpu, gpu, ph.rss);
+        ph.fps = lines ? fps / lines : -1;
+        std::printf("%-10s fps %6.1f   CPU %7.2f%% of a core   GPU %8.3f ms/frame   resident %7.1f MB   (%s)\n", name,
+                    ph.fps, ph.cpu, gpuLines ? gpu / gpuLines : 0.0, ph.rss, qPrintable(state));
         std::fflush(stdout);
         return ph;
     };
