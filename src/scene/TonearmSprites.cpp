@@ -122,7 +122,8 @@ void TonearmSprites::ensureNow(const std::set<QString> &presets, double yaw, dou
 }
 
 void TonearmSprites::ensure(const std::set<QString> &presets, double yaw, double goal) {
-    for (const Key &k : keysFor(presets, yaw, goal)) {
+    const std::set<Key> wanted = keysFor(presets, yaw, goal);
+    for (const Key &k : wanted) {
         if (cache.count(k) || loading.count(k)) continue;
         loading.insert(k);
         QPointer<TonearmSprites> self(this);
@@ -138,6 +139,11 @@ void TonearmSprites::ensure(const std::set<QString> &presets, double yaw, double
                 Qt::QueuedConnection);
         }));
     }
+    // Once everything wanted is here, samples the arm left behind and presets out of the light
+    // are let go, so the cache holds a few sprites however far the arm has travelled.
+    if (loading.empty())
+        for (auto it = cache.begin(); it != cache.end();)
+            it = wanted.count(it->first) ? std::next(it) : cache.erase(it);
     // Finished futures need no keeping.
     work.erase(std::remove_if(work.begin(), work.end(), [](const QFuture<void> &f) { return f.isFinished(); }),
                work.end());

@@ -251,4 +251,18 @@ TEST_F(TonearmPose, WeightsSlotsAndWarpsForAYawBetweenSamples) {
     EXPECT_EQ(far->slotList[2].frame, far->slotList[0].frame);
 }
 
+TEST_F(TonearmPose, TheCacheKeepsOnlyWhatTheArmNeedsNow) {
+    const auto loaded = [&] { return !sprites->isLoading(); };
+    sprites->ensure({"dia", "noite"}, 0, 0);  // samples 0 and 1 of both presets
+    ASSERT_TRUE(testsupport::waitUntil(loaded, 60s));
+    const size_t four = sprites->memoryBytes();
+    ASSERT_GT(four, 0u);
+    // The arm swung to the run-out under one preset: what it left behind is let go.
+    sprites->ensure({"dia"}, 30, 30);
+    ASSERT_TRUE(testsupport::waitUntil(loaded, 60s));
+    sprites->ensure({"dia"}, 30, 30);
+    EXPECT_EQ(sprites->memoryBytes(), four / 2) << "samples 1 and 2 of one preset remain";
+    EXPECT_TRUE(sprites->pose(30, 0, {{"dia", 1.0}}));
+}
+
 }  // namespace
