@@ -145,7 +145,7 @@ QString render(const Options &o) {
     // Uniforms for the whole screen, through the same path as the desktop's frames.
     const PlateGeometry::Mat3 fit = PlateGeometry::fitPlate(scene.plateSize[0], scene.plateSize[1], o.width, o.height);
     SceneFrame::Inputs in;
-    in.blend = blend;
+    in.blend = &blend;
     in.mediaTime = o.mediaTime;
     in.playing = o.playing;
     in.spin = spin;

@@ -12,7 +12,7 @@ namespace SceneFrame {
 
 void fill(LoadedScene &scene, const Inputs &in, const PlateGeometry::Mat3 &screenToPlate, SceneUniforms &u,
           SceneTextures &t) {
-    scene.fillStatic(u, t, screenToPlate, Float4{0, 0, 0, 0}, in.blend);
+    scene.fillStatic(u, t, screenToPlate, Float4{0, 0, 0, 0}, *in.blend);
     const CoverArt &art = *in.art;
     u.cover = {float(art.fade(in.mediaTime)), 0, 0, 0};
     u.tone[1] = float(art.labelLuminance(in.mediaTime));
@@ -21,10 +21,10 @@ void fill(LoadedScene &scene, const Inputs &in, const PlateGeometry::Mat3 &scree
     t.artOld = art.previous().cover ? std::static_pointer_cast<GpuTexture>(art.previous().cover) : t.artNew;
     t.labelOld = art.previous().label ? std::static_pointer_cast<GpuTexture>(art.previous().label) : t.labelNew;
     const CoverArt::Color mean = art.mean(in.mediaTime);
-    scene.effects->fill(u, t, in.blend, in.mediaTime, in.spin, in.playing, {mean.r, mean.g, mean.b}, in.fps,
+    scene.effects->fill(u, t, *in.blend, in.mediaTime, in.spin, in.playing, {mean.r, mean.g, mean.b}, in.fps,
                         in.motionBlur);
     if (scene.sprites)
-        if (auto pose = scene.sprites->pose(in.armYaw, scene.sprites->liftDegrees(in.armLift), in.blend))
+        if (auto pose = scene.sprites->pose(in.armYaw, scene.sprites->liftDegrees(in.armLift), *in.blend))
             pose->apply(u, t);
 }
 

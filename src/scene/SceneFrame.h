@@ -17,7 +17,7 @@ struct LoadedScene;
 namespace SceneFrame {
 
 struct Inputs {
-    Blend blend;
+    const Blend *blend = nullptr;  // required
     double mediaTime = 0;
     bool playing = false;
     RecordSpin spin;

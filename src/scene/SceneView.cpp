@@ -354,7 +354,6 @@ std::optional<QRect> SceneView::animatedArea() const {
                  int(dynRect.height() / dpr));
 }
 
-Blend SceneView::currentBlend(double t) const { return loaded->lights.value(t); }
 
 QRect SceneView::glassOnScreen() const {
     if (!loaded) return {};
@@ -369,7 +368,10 @@ bool SceneView::rainDrawn() const {
 
 void SceneView::frame(double t) {
     if (!loaded || screenSize.isEmpty()) return;
-    const Blend blend = currentBlend(t);
+    // Settled light is the target itself: no new blend is made for a steady frame.
+    const bool settled = t - loaded->lights.transitionStart >= LightMixer::crossFadeSeconds;
+    if (!settled) fadingBlend = loaded->lights.value(t);
+    const Blend &blend = settled ? loaded->lights.to : fadingBlend;
     // The still room follows the light and the cover until both settle: the base is drawn again
     // whenever either differs from what it shows, the settled values included.
     const double fade = cover->fade(t);
@@ -391,7 +393,7 @@ void SceneView::frame(double t) {
     }
 
     SceneFrame::Inputs in;
-    in.blend = blend;
+    in.blend = &blend;
     in.mediaTime = t;
     in.playing = playing;
     in.spin = spin;

@@ -98,7 +98,6 @@ private:
                     const QRect &wanted);
     void makeLayer(std::unique_ptr<LayerWindow> &window, std::unique_ptr<SwapchainTarget> &target, const QRect &rect);
     void destroyLayers();
-    Blend currentBlend(double t) const;
     QRect glassOnScreen() const;
     bool rainDrawn() const;
 
@@ -126,6 +125,7 @@ private:
     bool playing = false;
     bool baseDirty = true;
     Blend baseBlend;      // the light the base shows
+    Blend fadingBlend;    // the light of this frame while a cross-fade runs
     double baseFade = -1; // the cover cross-fade the base shows
     QSize screenSize;
     PlateGeometry::Mat3 screenToPlate = PlateGeometry::identity();

@@ -147,7 +147,7 @@ Blend LightMixer::clockBlend(const QDateTime &date) const
 
 Blend LightMixer::value(double t) const
 {
-    const double u = std::clamp((t - transitionStart) / 1.5, 0.0, 1.0);
+    const double u = std::clamp((t - transitionStart) / crossFadeSeconds, 0.0, 1.0);
     const double s = smoothstep(u);
     Blend result;
     for (const auto &[k, w] : from)

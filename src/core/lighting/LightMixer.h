@@ -38,6 +38,8 @@ public:
     std::map<QString, Preset> presets;
     QStringList order;
     std::vector<Keyframe> keyframes;
+    static constexpr double crossFadeSeconds = 1.5;
+
     Blend current, from, to;
     double transitionStart = -std::numeric_limits<double>::infinity();
 
