@@ -301,4 +301,19 @@ TEST_F(DesktopRoom, AllScreensGetAWindowAndMainKeepsTheFirst) {
     EXPECT_EQ(ours().size(), 1) << "a second room opened";
 }
 
+TEST_F(DesktopRoom, WithoutASceneThePlainTurntableShows) {
+    scene = dir.filePath("empty");  // neither a development scene nor an installed one
+    QDir().mkpath(scene);
+    launch();
+    waitForLine("Cena indisponível: nenhuma cena instalada em", 0, 120);
+    ASSERT_FALSE(HasFailure());
+    // The plain turntable is drawn by the painter: its plinth and record show on the desktop.
+    QImage shot;
+    ASSERT_TRUE(waitUntil([&] {
+        shot = QImage::fromData(x.run("import", {"-window", "root", "png:-"}), "PNG");
+        return !shot.isNull() && qGray(shot.pixel(shot.width() / 2, shot.height() / 2)) != qGray(shot.pixel(4, 4));
+    }, std::chrono::seconds(30))) << "nothing drawn on the desktop";
+    shot.save(QStringLiteral(TURNELO_BINARY_DIR "/desktop-turntable.png"));
+}
+
 }  // namespace
