@@ -180,23 +180,23 @@ void LoadedScene::fillStatic(SceneUniforms &u, SceneTextures &t, const Mat3 &scr
     u.probes = probes;
     // Light: the strongest ready presets, at most four. While a preset builds, the ready ones
     // stand in for it with its share of the weight, so the room keeps its brightness.
-    std::vector<std::pair<double, QString>> ranked;
+    // Picked in place, strongest first, so a frame allocates nothing here.
+    std::array<std::pair<double, TextureRef>, 4> best{};
+    uint32_t n = 0;
     double total = 0;
     for (const auto &[p, w] : blend) {
-        ranked.push_back({w, p});
         total += w;
+        TextureRef tex = mixes->ready(p);
+        if (!tex || (n == 4 && w <= best[3].first)) continue;
+        uint32_t at = n < 4 ? n++ : 3;
+        for (; at > 0 && best[at - 1].first < w; --at) best[at] = std::move(best[at - 1]);
+        best[at] = {w, std::move(tex)};
     }
-    std::sort(ranked.begin(), ranked.end(), [](auto &a, auto &b) { return a.first > b.first; });
-    uint32_t n = 0;
     double drawn = 0;
-    for (const auto &[w, p] : ranked) {
-        if (n == 4) break;
-        if (TextureRef tex = mixes->ready(p)) {
-            t.mixes[n] = tex;
-            u.mixWeights[n] = float(w);
-            drawn += w;
-            ++n;
-        }
+    for (uint32_t i = 0; i < n; ++i) {
+        t.mixes[i] = best[i].second;
+        u.mixWeights[i] = float(best[i].first);
+        drawn += best[i].first;
     }
     for (uint32_t i = 0; i < n && drawn > 0; ++i) u.mixWeights[i] = float(u.mixWeights[i] * total / drawn);
     u.mixCount = n;

@@ -195,12 +195,16 @@ Float3x3 TonearmSprites::warp(int index, double yaw, double liftDegrees) const {
 std::optional<TonearmSprites::Pose> TonearmSprites::pose(double yaw, double liftDegrees, const Blend &blend) const {
     if (info.yawSamples.empty()) return std::nullopt;
     // The two strongest presets of the blend.
-    std::vector<std::pair<double, QString>> ranked;
-    for (const auto &[p, w] : blend) ranked.push_back({w, p});
-    std::sort(ranked.begin(), ranked.end(), [](auto &a, auto &b) { return a.first > b.first; });
-    if (ranked.size() > 2) ranked.resize(2);
+    std::array<std::pair<double, const QString *>, 2> ranked{};
+    size_t presets = 0;
+    for (const auto &[p, w] : blend) {
+        if (presets == 2 && w <= ranked[1].first) continue;
+        size_t at = presets < 2 ? presets++ : 1;
+        for (; at > 0 && ranked[at - 1].first < w; --at) ranked[at] = ranked[at - 1];
+        ranked[at] = {w, &p};
+    }
     double total = 0;
-    for (auto &r : ranked) total += r.first;
+    for (size_t r = 0; r < presets; ++r) total += ranked[r].first;
     if (total <= 0) return std::nullopt;
 
     const auto [k, f] = neighbors(yaw);
@@ -213,8 +217,8 @@ std::optional<TonearmSprites::Pose> TonearmSprites::pose(double yaw, double lift
         for (size_t r = 0; r < 2; ++r) {
             Slot slot;
             slot.warp = s;
-            if (r < ranked.size()) {
-                slot.frame = frameNear(ranked[r].second, samples[s]);
+            if (r < presets) {
+                slot.frame = frameNear(*ranked[r].second, samples[s]);
                 slot.weight = float(sampleWeights[s] * ranked[r].first / total);
             }
             pose.slotList.push_back(slot);

@@ -11,6 +11,7 @@
 #include <QFuture>
 #include <QObject>
 #include <QString>
+#include <array>
 #include <algorithm>
 #include <functional>
 #include <map>
@@ -41,7 +42,20 @@ public:
         int warp = 0;
     };
     struct Pose {
-        std::vector<Slot> slotList;  // at most four: slotList 0, 1 use warp 0; 2, 3 warp 1
+        // At most four, held in place so a frame's pose allocates nothing: slots 0, 1 use warp 0;
+        // 2, 3 warp 1.
+        struct Slots {
+            std::array<Slot, 4> items{};
+            size_t count = 0;
+            size_t size() const { return count; }
+            bool empty() const { return count == 0; }
+            const Slot &operator[](size_t i) const { return items[i]; }
+            void push_back(const Slot &s) { items[count++] = s; }
+            void pop_back() { --count; }
+            const Slot &back() const { return items[count - 1]; }
+            const Slot *begin() const { return items.data(); }
+            const Slot *end() const { return items.data() + count; }
+        } slotList;
         std::array<Float3x3, 2> warps{Float3x3::identity(), Float3x3::identity()};
         float weight = 0;  // sum of the slot weights
         // Writes armInv, armRects, shadowRects, reflRects, armWeights, armCount and the slotList'
