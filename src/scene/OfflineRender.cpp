@@ -124,22 +124,8 @@ QString render(const Options &o) {
     // sits at its goal.
     RecordSpin spin;
     if (o.playing) spin.set(true, o.mediaTime - 60);
-    double goal = 0;
-    if (scene.framing.tonearm) {
-        const auto &ta = *scene.framing.tonearm;
-        TonearmMotion::Geometry g{ta.yawRest, ta.yawLeadIn, ta.yawRunOut, 0, 0};
-        std::optional<std::pair<double, double>> band;
-        const bool recordFx = o.fxRecord && scene.framing.record;
-        if (scene.framing.record) {
-            g.grooveOuter = scene.framing.record->grooveOuterMm;
-            g.grooveInner = scene.framing.record->grooveInnerMm;
-            const auto &gr = fx.currentGrooves();
-            if (gr.current >= 0 && gr.current < int(gr.bands.size()))
-                band = std::make_pair(gr.bands[size_t(gr.current)].outer, gr.bands[size_t(gr.current)].inner);
-        }
-        const double p = o.duration > 0 ? o.position / o.duration : 0;
-        goal = TonearmMotion::goal(g, o.playing, p, recordFx, band);
-    }
+    const double goal =
+        SceneFrame::armGoal(scene, o.playing, o.duration > 0 ? o.position / o.duration : 0, o.fxRecord);
     if (scene.sprites) scene.sprites->ensureNow(wanted, goal, goal);
 
     // Uniforms for the whole screen, through the same path as the desktop's frames.

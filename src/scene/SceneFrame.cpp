@@ -1,6 +1,7 @@
 #include "scene/SceneFrame.h"
 
 #include "core/music/CoverArt.h"
+#include "core/turntable/TonearmMotion.h"
 #include "scene/LoadedScene.h"
 
 #include <QRect>
@@ -26,6 +27,23 @@ void fill(LoadedScene &scene, const Inputs &in, const PlateGeometry::Mat3 &scree
     if (scene.sprites)
         if (auto pose = scene.sprites->pose(in.armYaw, scene.sprites->liftDegrees(in.armLift), *in.blend))
             pose->apply(u, t);
+}
+
+double armGoal(const LoadedScene &scene, bool playing, double progress, bool recordEffects) {
+    if (!scene.framing.tonearm) return 0;
+    const auto &ta = *scene.framing.tonearm;
+    TonearmMotion::Geometry g{ta.yawRest, ta.yawLeadIn, ta.yawRunOut, 0, 0};
+    std::optional<std::pair<double, double>> band;
+    if (scene.framing.record) {
+        g.grooveOuter = scene.framing.record->grooveOuterMm;
+        g.grooveInner = scene.framing.record->grooveInnerMm;
+        const auto &grooves = scene.effects->currentGrooves();
+        if (grooves.current >= 0 && grooves.current < int(grooves.bands.size())) {
+            const auto &b = grooves.bands[size_t(grooves.current)];
+            band = std::make_pair(b.outer, b.inner);
+        }
+    }
+    return TonearmMotion::goal(g, playing, progress, recordEffects && scene.framing.record, band);
 }
 
 std::optional<Float4> steamRect(const LoadedScene &scene) {

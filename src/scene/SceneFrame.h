@@ -32,6 +32,10 @@ struct Inputs {
 void fill(LoadedScene &scene, const Inputs &in, const PlateGeometry::Mat3 &screenToPlate, SceneUniforms &u,
           SceneTextures &t);
 
+// Where the arm should rest for what plays: the band of the playing track at `progress` (0…1)
+// when the record effects are on, else the lead-in, run-out or rest. 0 without a tonearm.
+double armGoal(const LoadedScene &scene, bool playing, double progress, bool recordEffects);
+
 // The steam region in plate pixels: a column above the cup; none without a cup.
 std::optional<Float4> steamRect(const LoadedScene &scene);
 

@@ -539,23 +539,12 @@ void SceneView::artworkChanged() {
 }
 
 void SceneView::retargetArm() {
-    if (!loaded || !loaded->framing.tonearm) return;
-    const auto &ta = *loaded->framing.tonearm;
-    TonearmMotion::Geometry g{ta.yawRest, ta.yawLeadIn, ta.yawRunOut, 0, 0};
-    std::optional<std::pair<double, double>> band;
-    const bool recordFx = s.settings->fxRecord() && loaded->framing.record;
-    if (loaded->framing.record) {
-        g.grooveOuter = loaded->framing.record->grooveOuterMm;
-        g.grooveInner = loaded->framing.record->grooveInnerMm;
-        const auto &gr = loaded->effects->currentGrooves();
-        if (gr.current >= 0 && gr.current < int(gr.bands.size()))
-            band = std::make_pair(gr.bands[size_t(gr.current)].outer, gr.bands[size_t(gr.current)].inner);
-    }
+    if (!loaded) return;
     const auto &track = s.state->track();
-    const double now = PlayerState::mediaTime();
-    const double progress =
-        track && track->duration > 0 ? std::clamp(s.state->currentPosition(now) / track->duration, 0.0, 1.0) : 0.0;
-    armGoal = TonearmMotion::goal(g, playing, progress, recordFx, band);
+    const double progress = track && track->duration > 0
+                                ? std::clamp(s.state->currentPosition(PlayerState::mediaTime()) / track->duration, 0.0, 1.0)
+                                : 0.0;
+    armGoal = SceneFrame::armGoal(*loaded, playing, progress, s.settings->fxRecord());
     if (drewFirstFrame && arm.moving(armGoal)) wantFrames();
 }
 
