@@ -331,7 +331,7 @@ void SceneView::makeLayer(std::unique_ptr<LayerWindow> &window, std::unique_ptr<
         return;
     }
     target = std::make_unique<SwapchainTarget>(renderer->vulkan(), surface, uint32_t(rect.width()), uint32_t(rect.height()));
-    window->show();
+    // Shown after its first frame: until then it would be a black box over the room.
     layerPasses.reserve(3);
 }
 
@@ -434,7 +434,11 @@ void SceneView::frame(double t) {
         pass.uniforms.origin = {float(rainRect.x()), float(rainRect.y()), 0, 0};
         layerPasses.push_back(pass);
     }
-    if (!layerPasses.empty()) renderer->draw(std::nullopt, layerPasses, std::nullopt, textures);
+    if (!layerPasses.empty()) {
+        renderer->draw(std::nullopt, layerPasses, std::nullopt, textures);
+        for (LayerWindow *w : {dynWindow.get(), steamWindow.get(), rainWindow.get()})
+            if (w && !w->isVisible()) w->show();
+    }
 
     const bool moving = spin.speed(t) > 0 || armMoving;
     scheduler->setRate(FrameScheduler::nextRate(moving, rain, baseFps, ecoOn));
