@@ -157,15 +157,12 @@ void DesktopWindowController::load(Surface &surface) {
     QPointer<DesktopWindowController> self(this);
     surface.scene->onUnavailable = [self, target](const QString &) {
         if (!self) return;
-        for (auto &s : self->surfaces)
-            if (s.get() == target) {
-                // Not from inside the view's own call: the view is destroyed here.
-                QMetaObject::invokeMethod(self, [self, target] {
-                    if (!self) return;
-                    for (auto &s2 : self->surfaces)
-                        if (s2.get() == target) self->useFallback(*s2);
-                }, Qt::QueuedConnection);
-            }
+        // Later, not inside the view's own call: the fallback destroys the view.
+        QMetaObject::invokeMethod(self, [self, target] {
+            if (!self) return;
+            for (auto &s : self->surfaces)
+                if (s.get() == target) self->useFallback(*s);
+        }, Qt::QueuedConnection);
     };
     surface.scene->load();
 }

@@ -220,16 +220,16 @@ void SceneView::finishLoad(std::unique_ptr<LoadedScene> scene, const QString &ro
     steamPlateRect = SceneFrame::steamRect(*loaded);
     cover->set(s.state->artwork(), QImage(), now - 10);  // no fade on load
     loaded->lights.startCrossFade(loaded->lights.modeBlend(s.settings->lightPreset(), QDateTime::currentDateTime()), now);
+    updateGrooves();
     retargetArm();
     arm.yaw = armGoal;  // a fresh room shows the arm where it belongs
-    effectsChanged();
-    steamChanged();
+    lastAlbum = s.state->track() ? s.state->track()->album : QString();
     historyChanged();
+    effectsChanged();
+    steamChanged();  // lays the layers out for the first frame
     baseDirty = true;
-    relayout();
 
-    const QStringList presets = loaded->lights.wantedPresets(s.settings->lightPreset(), QDateTime::currentDateTime());
-    QStringList sorted = presets;
+    QStringList sorted = loaded->lights.wantedPresets(s.settings->lightPreset(), QDateTime::currentDateTime());
     sorted.sort();
     Log::write(QStringLiteral("Cena: %1 %2×%3, máscaras em %4 s; montando presets %5")
                    .arg(QFileInfo(root).fileName())
@@ -525,15 +525,23 @@ void SceneView::playerChanged() {
         playing = nowPlaying;
         spin.set(playing, now);
     }
-    if (loaded->framing.record) {
-        const auto &rec = *loaded->framing.record;
-        loaded->effects->setGrooves(RecordGrooves::forTrack(simulateNoMusic ? std::nullopt : s.state->track(),
-                                                            rec.grooveOuterMm, rec.grooveInnerMm));
-    }
+    updateGrooves();
     retargetArm();
-    historyChanged();
+    // The stack shows the latest album other than this one: only a new album can change it.
+    const QString album = s.state->track() ? s.state->track()->album : QString();
+    if (album != lastAlbum) {
+        lastAlbum = album;
+        historyChanged();
+    }
     baseDirty = true;  // the bounce light and LEDs follow what plays
     if (drewFirstFrame) wantFrames();
+}
+
+void SceneView::updateGrooves() {
+    if (!loaded->framing.record) return;
+    const auto &rec = *loaded->framing.record;
+    loaded->effects->setGrooves(RecordGrooves::forTrack(simulateNoMusic ? std::nullopt : s.state->track(),
+                                                        rec.grooveOuterMm, rec.grooveInnerMm));
 }
 
 void SceneView::artworkChanged() {

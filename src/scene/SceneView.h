@@ -91,6 +91,7 @@ private:
     void ecoChanged(bool on);
     void playerChanged();
     void artworkChanged();
+    void updateGrooves();
     void historyChanged();
     void ensurePresets();
     void retargetArm();

@@ -78,27 +78,34 @@ X11Connection::XAtom X11Connection::atom(const char *name)
     return made;
 }
 
-std::vector<unsigned long> X11Connection::values(XWindow window, XAtom property)
+void X11Connection::readProperty(XWindow window, XAtom property, int format,
+                                 const std::function<void(const unsigned char *, unsigned long)> &use)
 {
-    std::vector<unsigned long> out;
     if (!display || !window)
-        return out;
+        return;
     Atom type = 0;
-    int format = 0;
+    int got = 0;
     unsigned long count = 0, after = 0;
     unsigned char *data = nullptr;
     const int status = XGetWindowProperty(display, window, property, 0, 4096, False, AnyPropertyType,
-                                          &type, &format, &count, &after, &data);
-    if (status == Success && data && format == 32) {
+                                          &type, &got, &count, &after, &data);
+    if (status == Success && data && got == format)
+        use(data, count);
+    if (data)
+        XFree(data);
+    readQueuedSoon();
+}
+
+std::vector<unsigned long> X11Connection::values(XWindow window, XAtom property)
+{
+    std::vector<unsigned long> out;
+    readProperty(window, property, 32, [&](const unsigned char *data, unsigned long count) {
         // Xlib hands format-32 items as longs, sign-extended where long is 64 bits wide:
         // 0xFFFFFFFF (every desktop) would read as ~0ul.
         const auto *items = reinterpret_cast<const unsigned long *>(data);
         for (unsigned long i = 0; i < count; ++i)
             out.push_back(items[i] & 0xFFFFFFFFul);
-    }
-    if (data)
-        XFree(data);
-    readQueuedSoon();
+    });
     return out;
 }
 
@@ -113,19 +120,9 @@ std::optional<unsigned long> X11Connection::value(XWindow window, XAtom property
 QByteArray X11Connection::bytes(XWindow window, XAtom property)
 {
     QByteArray out;
-    if (!display || !window)
-        return out;
-    Atom type = 0;
-    int format = 0;
-    unsigned long count = 0, after = 0;
-    unsigned char *data = nullptr;
-    const int status = XGetWindowProperty(display, window, property, 0, 4096, False, AnyPropertyType,
-                                          &type, &format, &count, &after, &data);
-    if (status == Success && data && format == 8)
+    readProperty(window, property, 8, [&](const unsigned char *data, unsigned long count) {
         out = QByteArray(reinterpret_cast<const char *>(data), int(count));
-    if (data)
-        XFree(data);
-    readQueuedSoon();
+    });
     return out;
 }
 

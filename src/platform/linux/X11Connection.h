@@ -3,6 +3,7 @@
 #include <QByteArray>
 #include <QHash>
 #include <QObject>
+#include <functional>
 #include <optional>
 #include <vector>
 
@@ -59,6 +60,9 @@ signals:
     void rootPropertyChanged(unsigned long atom);
 
 private:
+    // Hands the property's items to `use` when it is set with the given format.
+    void readProperty(XWindow window, XAtom property, int format,
+                      const std::function<void(const unsigned char *, unsigned long)> &use);
     void readEvents();
 
     _XDisplay *display = nullptr;
