@@ -50,11 +50,6 @@ public:
     static QString startupLine(const QString &version, const QString &path, const QString &language,
                                const QString &autostart, int screens);
 
-    Settings &settings() { return *settingsStore; }
-    SceneStatus &sceneStatus() { return *status; }
-    PlayerState &playerState() { return *state; }
-    PowerMonitor &powerMonitor() { return *power; }
-    DesktopWindowController *desktop() { return desktopWindows.get(); }
     SceneInstaller &scenes();
 
 private:

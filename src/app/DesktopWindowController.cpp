@@ -48,14 +48,6 @@ void DesktopWindowController::watchScreen(QScreen *screen) {
     connect(screen, &QScreen::geometryChanged, this, [this] { rebuildSurfaces(); });
 }
 
-QWindow *DesktopWindowController::window(int index) const {
-    return index >= 0 && index < int(surfaces.size()) ? surfaces[size_t(index)]->window.get() : nullptr;
-}
-
-SceneView *DesktopWindowController::sceneView(int index) const {
-    return index >= 0 && index < int(surfaces.size()) ? surfaces[size_t(index)]->scene.get() : nullptr;
-}
-
 void DesktopWindowController::rebuildSurfaces() {
     QList<QScreen *> screens = orderedScreens();
     if (!services.settings->allScreens() && screens.size() > 1) screens = screens.mid(0, 1);

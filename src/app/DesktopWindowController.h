@@ -40,9 +40,6 @@ public:
     void weatherChanged(const WeatherService::Now &now);
 
     bool isVisible() const { return visible; }
-    int surfaceCount() const { return int(surfaces.size()); }
-    QWindow *window(int index) const;
-    SceneView *sceneView(int index) const;
 
 private:
     struct Surface {

@@ -51,8 +51,6 @@ TrayIcon::TrayIcon(Actions a, QObject *parent) : QObject(parent), actions(std::m
 
 TrayIcon::~TrayIcon() { tray.hide(); }
 
-bool TrayIcon::isAvailable() const { return QSystemTrayIcon::isSystemTrayAvailable(); }
-
 void TrayIcon::setVisible(bool visible) { tray.setVisible(visible); }
 
 void TrayIcon::refresh() {

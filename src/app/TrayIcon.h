@@ -27,9 +27,7 @@ public:
     explicit TrayIcon(Actions actions, QObject *parent = nullptr);
     ~TrayIcon() override;
 
-    bool isAvailable() const;
     void setVisible(bool visible);
-    QMenu *menu() const { return contextMenu.get(); }
     // The record drawn at the given size: the tray's icon, also the settings window's later.
     static QIcon makeIcon();
 

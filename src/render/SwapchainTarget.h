@@ -27,8 +27,6 @@ public:
 
     uint32_t width() const { return extent.width; }
     uint32_t height() const { return extent.height; }
-    // Bytes of the swapchain's images, as the driver reports their needs (estimate: w × h × 4 each).
-    size_t memoryBytes() const { return size_t(extent.width) * extent.height * 4 * images.size(); }
 
 private:
     bool recreate();

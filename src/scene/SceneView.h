@@ -70,8 +70,6 @@ public:
 
     std::function<void(const QString &reason)> onUnavailable;
 
-    bool isReady() const { return drewFirstFrame; }
-    FrameScheduler &frameScheduler() { return *scheduler; }
     // The moving area on the screen, global pixels; none before a scene is loaded.
     std::optional<QRect> animatedArea() const;
     QString describeState() const;
