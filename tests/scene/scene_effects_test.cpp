@@ -50,6 +50,19 @@ TEST_F(SmallScene, TheRecordLightsColourComesOnlyFromAColourInTheManifest) {
     EXPECT_EQ(fillEffects(s, {{"noite", 0.25}, {"dia", 0.75}}).u.recordColor[3], 0.0f);
 }
 
+TEST_F(SmallScene, SpeedLedsTakeTheirColoursFromThePanel) {
+    LoadedScene &s = load(manifest([](QJsonObject &, QJsonObject &wide) {
+        QJsonObject panel = wide["panel"].toObject();
+        panel["led45"] = QJsonObject{{"center_px", QJsonArray{30, 40}}, {"radius_px", 2},
+                                     {"color", QJsonArray{0.1, 0.2, 0.3}}};
+        wide["panel"] = panel;
+    }));
+    const Filled f = fillEffects(s, {{"dia", 1.0}});
+    EXPECT_EQ(f.u.led33Color, (Float4{3, 0.2f, 0.1f, 0}));
+    EXPECT_EQ(f.u.led45Color, (Float4{0.1f, 0.2f, 0.3f, 0}));
+    EXPECT_EQ(f.u.led45, (Float4{30, 40, 2, 0}));
+}
+
 TEST_F(SmallScene, RainCoolsTheRoomWithoutWindowGlassUnlessTheSaverIsOn) {
     // The scene has no window: no drops, but the rainy-day light still applies.
     LoadedScene &s = load(manifest());
