@@ -25,6 +25,13 @@ TEST(PlateGeometry, QuadMapsOntoArtAndDiscAndThePlateFillsTheScreenCentred) {
     EXPECT_NEAR(std::hypot(centre[0] - 800, centre[1] - 450), 0, 1e-9);
     EXPECT_NEAR(PlateGeometry::apply(m, {500, 0})[1], 0, 1e-9);
     EXPECT_NEAR(PlateGeometry::apply(m, {500, 1000})[1], 900, 1e-9);
+    // A world point through the camera's 3×4 matrix: (1+6+3, 2+12+5, 3+6) ÷ 9.
+    PlateManifest::Camera camera;
+    camera.P = {{{1, 0, 2, 3}, {0, 1, 4, 5}, {0, 0, 1, 6}}};
+    const auto seen = PlateGeometry::projectWorld(camera, {1, 2, 3});
+    ASSERT_TRUE(seen);
+    EXPECT_NEAR((*seen)[0], 10.0 / 9, 1e-12);
+    EXPECT_NEAR((*seen)[1], 19.0 / 9, 1e-12);
 }
 
 TEST_F(SmallScene, AssemblesMatricesProbesAreaAndLight) {
