@@ -84,7 +84,7 @@ void SceneRenderer::build(const ShaderLibrary &shaders) {
         bindings[b].descriptorCount = 1;
         bindings[b].stageFlags = VK_SHADER_STAGE_FRAGMENT_BIT;
         if (b == 0) {
-            bindings[b].descriptorType = VK_DESCRIPTOR_TYPE_UNIFORM_BUFFER_DYNAMIC;
+            bindings[b].descriptorType = VK_DESCRIPTOR_TYPE_STORAGE_BUFFER_DYNAMIC;
         } else if (b <= 3) {
             bindings[b].descriptorType = VK_DESCRIPTOR_TYPE_SAMPLER;
             bindings[b].pImmutableSamplers = &samplers[b - 1];
@@ -171,7 +171,7 @@ void SceneRenderer::build(const ShaderLibrary &shaders) {
     const uint8_t full = 255;
     context->upload(*white, &full, 1);
 
-    const VkDeviceSize align = std::max<VkDeviceSize>(context->properties.limits.minUniformBufferOffsetAlignment, 16);
+    const VkDeviceSize align = std::max<VkDeviceSize>(context->properties.limits.minStorageBufferOffsetAlignment, 16);
     uniformStride = (sizeof(SceneUniforms) + align - 1) / align * align;
     for (size_t i = 0; i < framesInFlight; ++i) {
         auto slot = std::make_unique<FrameSlot>();
@@ -187,7 +187,7 @@ void SceneRenderer::build(const ShaderLibrary &shaders) {
         vkCheck(vkAllocateCommandBuffers(device, &ai, &slot->cmd), "vkAllocateCommandBuffers");
         VkFenceCreateInfo fci{VK_STRUCTURE_TYPE_FENCE_CREATE_INFO};
         vkCheck(vkCreateFence(device, &fci, nullptr, &slot->fence), "vkCreateFence");
-        VkDescriptorPoolSize sizes[3] = {{VK_DESCRIPTOR_TYPE_UNIFORM_BUFFER_DYNAMIC, 2},
+        VkDescriptorPoolSize sizes[3] = {{VK_DESCRIPTOR_TYPE_STORAGE_BUFFER_DYNAMIC, 2},
                                          {VK_DESCRIPTOR_TYPE_SAMPLER, 6},
                                          {VK_DESCRIPTOR_TYPE_SAMPLED_IMAGE, 2 * SceneTextures::slotCount}};
         VkDescriptorPoolCreateInfo dpci{VK_STRUCTURE_TYPE_DESCRIPTOR_POOL_CREATE_INFO};
@@ -207,7 +207,7 @@ void SceneRenderer::build(const ShaderLibrary &shaders) {
             qci.queryCount = 2;
             vkCheck(vkCreateQueryPool(device, &qci, nullptr, &slot->queries), "vkCreateQueryPool");
         }
-        slot->uniforms = context->createHostBuffer(uniformStride * 8, VK_BUFFER_USAGE_UNIFORM_BUFFER_BIT);
+        slot->uniforms = context->createHostBuffer(uniformStride * 8, VK_BUFFER_USAGE_STORAGE_BUFFER_BIT);
         frameSlots.push_back(std::move(slot));
     }
     presented.reserve(8);
@@ -273,7 +273,7 @@ void SceneRenderer::draw(const std::optional<Pass> &base, const std::vector<Pass
         if (base && base->steamOver) ++passes;
         for (const Pass &l : layers) passes += l.steamOver ? 1 : 0;
         if (slot.uniforms->size < uniformStride * passes) {
-            slot.uniforms = context->createHostBuffer(uniformStride * passes, VK_BUFFER_USAGE_UNIFORM_BUFFER_BIT);
+            slot.uniforms = context->createHostBuffer(uniformStride * passes, VK_BUFFER_USAGE_STORAGE_BUFFER_BIT);
             slot.boundUniforms = VK_NULL_HANDLE;
         }
         vkCheck(vkResetFences(device, 1, &slot.fence), "vkResetFences");
@@ -300,7 +300,7 @@ void SceneRenderer::draw(const std::optional<Pass> &base, const std::vector<Pass
                 writes[2 * k].dstSet = slot.sets[k];
                 writes[2 * k].dstBinding = 0;
                 writes[2 * k].descriptorCount = 1;
-                writes[2 * k].descriptorType = VK_DESCRIPTOR_TYPE_UNIFORM_BUFFER_DYNAMIC;
+                writes[2 * k].descriptorType = VK_DESCRIPTOR_TYPE_STORAGE_BUFFER_DYNAMIC;
                 writes[2 * k].pBufferInfo = k == 0 ? &sceneBuffer : &steamBuffer;
                 writes[2 * k + 1] = {VK_STRUCTURE_TYPE_WRITE_DESCRIPTOR_SET};
                 writes[2 * k + 1].dstSet = slot.sets[k];

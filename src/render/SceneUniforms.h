@@ -4,8 +4,8 @@
 #include <cstddef>
 #include <cstdint>
 
-// The composite and steam uniform blocks, byte for byte as the shaders read them (std140:
-// a 3×3 matrix is three columns of four floats, every vec4 is 16 bytes).
+// The composite and steam uniform blocks, byte for byte as the shaders read them (std430, laid
+// out as std140 would be: a 3×3 matrix is three columns of four floats, every vec4 is 16 bytes).
 
 using Float4 = std::array<float, 4>;
 

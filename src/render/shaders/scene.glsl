@@ -4,7 +4,9 @@
 // defined.
 //
 // Binding table of the composite and steam passes (descriptor set 0):
-//   0        uniform block (SceneUniforms / SteamUniforms), dynamic offset
+//   0        read-only storage block (SceneUniforms / SteamUniforms), dynamic offset. Not a
+//            uniform block: Mesa's software driver compiles a new shader with the block's
+//            values folded in at every bind and never frees it (megabytes per frame).
 //   1, 2, 3  samplers lin, art, sprite
 //   4 + s    texture slot s (0…33) of SceneTextures
 // The pre-mix passes bind their source at 0 and take four floats as push constants.
@@ -70,7 +72,7 @@ vec3 mixTap(int i, vec2 uv) {
 #endif
 
 #ifdef COMPOSITE
-layout(set = 0, binding = 0, std140) uniform Uniforms {
+layout(set = 0, binding = 0, std430) readonly buffer Uniforms {
     mat3 screenToPlate;
     mat3 coverInv;
     mat3 labelInv;
@@ -453,7 +455,7 @@ void main() {
 #endif
 
 #ifdef STEAM
-layout(set = 0, binding = 0, std140) uniform SteamUniforms {
+layout(set = 0, binding = 0, std430) readonly buffer SteamUniforms {
     mat3 screenToPlate;
     vec4 plateSize;
     vec4 origin;
