@@ -13,57 +13,13 @@
 #include <QThread>
 #include <gtest/gtest.h>
 #include <iostream>
-// After gtest: Xlib's macros (None, Bool, Status) would clash with its templates.
-#include <X11/Xlib.h>
-#include <X11/Xutil.h>
+#include "XClient.h"  // last: Xlib's macros clash with gtest's templates
 
 using namespace testsupport;
 
 namespace {
 
 QString binary(const QString &name) { return QStringLiteral(TURNELO_BINARY_DIR "/") + name; }
-
-// A plain opaque window of another program, made with its own connection.
-class Blocker {
-public:
-    explicit Blocker(const QByteArray &display) : x(XOpenDisplay(display.constData())) {}
-    ~Blocker() {
-        if (!x) return;
-        for (Window w : windows) XDestroyWindow(x, w);
-        XCloseDisplay(x);
-    }
-    Window open(QRect r) {
-        const Window w = XCreateSimpleWindow(x, DefaultRootWindow(x), r.x(), r.y(), r.width(), r.height(), 0, 0,
-                                             0x305070);
-        // Keep the manager from placing it elsewhere.
-        XSizeHints hints{};
-        hints.flags = USPosition | USSize;
-        hints.x = r.x();
-        hints.y = r.y();
-        hints.width = r.width();
-        hints.height = r.height();
-        XSetWMNormalHints(x, w, &hints);
-        XMapRaised(x, w);
-        XMoveResizeWindow(x, w, r.x(), r.y(), r.width(), r.height());
-        XSync(x, False);
-        windows.push_back(w);
-        return w;
-    }
-    void move(Window w, QRect r) {
-        XMoveResizeWindow(x, w, r.x(), r.y(), r.width(), r.height());
-        XSync(x, False);
-    }
-    void close(Window w) {
-        XDestroyWindow(x, w);
-        XSync(x, False);
-        windows.erase(std::remove(windows.begin(), windows.end(), w), windows.end());
-    }
-    bool ok() const { return x != nullptr; }
-
-private:
-    Display *x;
-    std::vector<Window> windows;
-};
 
 class DesktopRoom : public ::testing::Test {
 protected:
@@ -210,9 +166,9 @@ TEST_F(DesktopRoom, ShowsTheRoomAndPausesWhenNobodyCanSeeIt) {
     EXPECT_GT(moved.first, 8) << "the moving layer is black";
 
     // A window over the whole moving area pauses the frames; moved away, they resume.
-    Blocker blocker(x.display());
-    ASSERT_TRUE(blocker.ok());
-    const Window over = blocker.open(QRect(0, 0, 1280, 720));
+    XClient blocker(x.display());  // plain opaque windows of another program
+    ASSERT_TRUE(blocker.d);
+    const Window over = blocker.makeWindow(QRect(0, 0, 1280, 720));
     at = waitForLine("Cena: área animada coberta por janelas → pausa", at);
     const qsizetype covered = waitForLine("Perf", waitForLine("Perf", at));  // a whole interval after
     EXPECT_EQ(fpsAfter(covered), 0.0) << "frames while covered";
@@ -222,7 +178,7 @@ TEST_F(DesktopRoom, ShowsTheRoomAndPausesWhenNobodyCanSeeIt) {
     // Two windows that leave one of the 25 sample points free: the room keeps animating.
     const int fifthW = layer.width() / 5, fifthH = layer.height() / 5;
     blocker.move(over, QRect(layer.left() + fifthW, 0, 1280 - layer.left() - fifthW, 720));
-    const Window below = blocker.open(QRect(0, layer.top() + fifthH, 1280, 720 - layer.top() - fifthH));
+    const Window below = blocker.makeWindow(QRect(0, layer.top() + fifthH, 1280, 720 - layer.top() - fifthH));
     QThread::msleep(3000);
     EXPECT_EQ(log().indexOf("coberta por janelas", at), -1) << "paused with a sample point in sight";
     blocker.close(below);

@@ -5,6 +5,7 @@
 #include "core/music/NowPlayingMonitor.h"
 #include "core/music/PlayerState.h"
 #include "platform/linux/MprisPlayerBackend.h"
+#include "LoopbackHttp.h"
 #include "PrivateBus.h"
 #include "TestSupport.h"
 
@@ -13,9 +14,6 @@
 #include <QFileInfo>
 #include <QImage>
 #include <QStandardPaths>
-#include <QTcpServer>
-#include <QTcpSocket>
-#include <QTimer>
 #include <QDataStream>
 #include <gtest/gtest.h>
 #include <map>
@@ -26,46 +24,6 @@ using namespace testsupport;
 using namespace std::chrono_literals;
 
 namespace {
-
-// HTTP/1.0 on loopback: fixed bodies (404 for others), an optional delay per path, and a count
-// of requests per path.
-class LoopbackHttp : public QObject {
-public:
-    LoopbackHttp()
-    {
-        server.listen(QHostAddress::LocalHost, 0);
-        connect(&server, &QTcpServer::newConnection, this, [this] {
-            while (QTcpSocket *socket = server.nextPendingConnection()) {
-                connect(socket, &QTcpSocket::disconnected, socket, &QObject::deleteLater);
-                connect(socket, &QTcpSocket::readyRead, this, [this, socket] {
-                    const QByteArray head = socket->peek(4096);
-                    if (!head.contains("\r\n\r\n"))
-                        return;
-                    socket->readAll();
-                    const QString path = QString::fromLatin1(head.split(' ').value(1));
-                    ++hits[path];
-                    QTimer::singleShot(delays[path], socket, [this, socket, path] {
-                        const bool found = bodies.count(path);
-                        const QByteArray body = found ? bodies[path] : QByteArray("missing");
-                        socket->write(QByteArray("HTTP/1.0 ") + (found ? "200 OK" : "404 Not Found")
-                                      + "\r\nContent-Length: " + QByteArray::number(body.size())
-                                      + "\r\nConnection: close\r\n\r\n" + body);
-                        socket->disconnectFromHost();
-                    });
-                });
-            }
-        });
-    }
-    QString url(const QString &path) const
-    {
-        return QStringLiteral("http://127.0.0.1:%1%2").arg(server.serverPort()).arg(path);
-    }
-
-    QTcpServer server;
-    std::map<QString, QByteArray> bodies;
-    std::map<QString, int> delays;  // ms before answering
-    std::map<QString, int> hits;
-};
 
 QByteArray pngOf(QColor color)
 {
@@ -274,10 +232,13 @@ TEST_F(NowPlayingMprisTest, ArtworkFromFilesAndOncePerAlbumLateCoversDropped)
     writeFile(cover, pngOf(Qt::yellow));
     writeFile(junk, "not an image");
     LoopbackHttp http;
-    http.bodies["/a.png"] = pngOf(Qt::red);
-    http.bodies["/slow.png"] = pngOf(Qt::green);
-    http.bodies["/c.png"] = pngOf(Qt::blue);
-    http.delays["/slow.png"] = 600;
+    const std::map<QString, QByteArray> covers{{"/a.png", pngOf(Qt::red)}, {"/slow.png", pngOf(Qt::green)},
+                                               {"/c.png", pngOf(Qt::blue)}};
+    http.answer = [&](const QString &path) {
+        const auto found = covers.find(path);
+        return found == covers.end() ? LoopbackHttp::Reply{"missing", 404}
+                                     : LoopbackHttp::Reply{found->second, 200, path == "/slow.png" ? 600 : 0};
+    };
     startPlayer("spotify", "Spotify", "Playing",
                 {{"File", "Band", "From file", 200, 1, QUrl::fromLocalFile(cover).toString()},
                  {"Junk", "Band", "Junk file", 200, 1, QUrl::fromLocalFile(junk).toString()},
@@ -306,12 +267,12 @@ TEST_F(NowPlayingMprisTest, ArtworkFromFilesAndOncePerAlbumLateCoversDropped)
     // Next track on the same album: no new fetch.
     next("Two");
     spin(300ms);
-    EXPECT_EQ(http.hits["/a.png"], 1);
+    EXPECT_EQ(http.targets.count("/a.png"), 1);
     EXPECT_EQ(colour(), QColor(Qt::red));
 
     // Album B's cover is slow; album C comes before it arrives. B's cover must not win.
     control("spotify", "Next");
-    ASSERT_TRUE(waitUntil([&] { return http.hits["/slow.png"] == 1; }, 5s));
+    ASSERT_TRUE(waitUntil([&] { return http.targets.count("/slow.png") == 1; }, 5s));
     next("Four");
     ASSERT_TRUE(waitUntil([&] { return colour() == QColor(Qt::blue); }, 5s));
     spin(900ms);  // the slow answer has come and gone

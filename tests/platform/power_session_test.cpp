@@ -37,15 +37,6 @@ struct PowerSessionTest : ::testing::Test {
 
     void SetUp() override { ASSERT_TRUE(bus.ok()) << "no private dbus-daemon"; }
 
-    // The log lines written since the test began, without their timestamps.
-    QStringList messages() const
-    {
-        QStringList lines = log.lines();
-        for (QString &line : lines)
-            line = line.section(QLatin1Char(' '), 1);
-        return lines;
-    }
-
     std::unique_ptr<DbusMock> upower(const QString &parameters = {})
     {
         auto mock = DbusMock::fromTemplate(bus, QStringLiteral("upower"), kUPower, parameters);
@@ -96,7 +87,7 @@ TEST_F(PowerSessionTest, UnpluggingOnUPowerLogsOnceAndEngagesTheSaver)
     setOnBattery(*service, true);
     setOnBattery(*service, false);
     ASSERT_TRUE(waitUntil([&] { return !monitor.onBattery(); }, 10s));
-    EXPECT_EQ(messages(), (QStringList{QStringLiteral("Energia: bateria"), QStringLiteral("Energia: tomada")}));
+    EXPECT_EQ(log.messages(), (QStringList{QStringLiteral("Energia: bateria"), QStringLiteral("Energia: tomada")}));
     EXPECT_EQ(flips, (std::vector<bool>{true, false}));
 }
 
@@ -114,7 +105,7 @@ TEST_F(PowerSessionTest, BatteriesCountWhenTheyPowerTheMachine)
     PowerMonitor monitor(settings, &source);
     EXPECT_TRUE(monitor.onBattery());
     EXPECT_FALSE(monitor.hasBattery());
-    EXPECT_EQ(messages(), QStringList{QStringLiteral("Energia: bateria")});
+    EXPECT_EQ(log.messages(), QStringList{QStringLiteral("Energia: bateria")});
 
     addBattery(*service, QStringLiteral("bat0"));
     EXPECT_TRUE(waitUntil([&] { return monitor.hasBattery(); }, 10s));

@@ -5,7 +5,6 @@
 #include <QDir>
 #include <QImage>
 #include <QProcess>
-#include <QRect>
 #include <gtest/gtest.h>
 #include <algorithm>
 #include <csignal>
@@ -13,10 +12,7 @@
 #include <memory>
 #include <optional>
 
-// Xlib last: its macros (None, Bool, Status) clash with Qt's names.
-#include <X11/Xatom.h>
-#include <X11/Xlib.h>
-#include <X11/Xutil.h>
+#include "XClient.h"
 #include <X11/extensions/shape.h>
 
 using namespace testsupport;
@@ -26,137 +22,6 @@ namespace {
 
 constexpr auto patience = 30s;
 const QColor roomColour(0x20, 0x90, 0x60);  // what x11_room_window paints
-
-// The test's own view of the server, through plain Xlib, independent of the code under test.
-class Client {
-public:
-    explicit Client(const QByteArray &display) : d(XOpenDisplay(display.constData())) {}
-    ~Client()
-    {
-        if (d)
-            XCloseDisplay(d);
-    }
-    Client(const Client &) = delete;
-    Client &operator=(const Client &) = delete;
-
-    Display *d;
-
-    Atom atom(const char *name) { return XInternAtom(d, name, False); }
-    Window root() { return DefaultRootWindow(d); }
-
-    std::vector<unsigned long> values(Window window, const char *property)
-    {
-        std::vector<unsigned long> out;
-        Atom type = 0;
-        int format = 0;
-        unsigned long count = 0, after = 0;
-        unsigned char *data = nullptr;
-        if (XGetWindowProperty(d, window, atom(property), 0, 1024, False, AnyPropertyType, &type, &format,
-                               &count, &after, &data) == Success && data && format == 32) {
-            const auto *items = reinterpret_cast<const unsigned long *>(data);
-            for (unsigned long i = 0; i < count; ++i)
-                out.push_back(items[i] & 0xFFFFFFFFul);  // Xlib sign-extends format-32 items
-        }
-        if (data)
-            XFree(data);
-        return out;
-    }
-
-    void setValues(Window window, const char *property, Atom type, const std::vector<unsigned long> &items)
-    {
-        XChangeProperty(d, window, atom(property), type, 32, PropModeReplace,
-                        reinterpret_cast<const unsigned char *>(items.data()), int(items.size()));
-        XSync(d, False);
-    }
-
-    bool has(Window window, const char *property, const char *item)
-    {
-        const auto all = values(window, property);
-        return std::find(all.begin(), all.end(), atom(item)) != all.end();
-    }
-
-    std::vector<unsigned long> stacking() { return values(root(), "_NET_CLIENT_LIST_STACKING"); }
-
-    int stackIndex(Window window)
-    {
-        const auto stack = stacking();
-        const auto found = std::find(stack.begin(), stack.end(), window);
-        return found == stack.end() ? -1 : int(found - stack.begin());
-    }
-
-    // An ordinary top-level window; a 32-bit ARGB one (transparent, as a see-through desktop
-    // icon window is) when `argb`.
-    Window makeWindow(const QRect &geometry, bool argb = false, const char *type = nullptr)
-    {
-        XSetWindowAttributes attributes{};
-        unsigned long mask = CWBackPixel | CWBorderPixel;
-        Visual *visual = CopyFromParent;
-        int depth = CopyFromParent;
-        attributes.background_pixel = argb ? 0 : 0xC0C0C0;
-        if (argb) {
-            XVisualInfo info;
-            if (!XMatchVisualInfo(d, DefaultScreen(d), 32, TrueColor, &info))
-                return 0;
-            visual = info.visual;
-            depth = 32;
-            attributes.colormap = XCreateColormap(d, root(), visual, AllocNone);
-            mask |= CWColormap;
-        }
-        const Window window = XCreateWindow(d, root(), geometry.x(), geometry.y(), unsigned(geometry.width()),
-                                            unsigned(geometry.height()), 0, depth, InputOutput, visual, mask,
-                                            &attributes);
-        XStoreName(d, window, "x11-desktop-test");
-        XSizeHints hints{};
-        hints.flags = USPosition | USSize;
-        hints.x = geometry.x();
-        hints.y = geometry.y();
-        hints.width = geometry.width();
-        hints.height = geometry.height();
-        XSetWMNormalHints(d, window, &hints);
-        if (type) {
-            const unsigned long typeAtom = atom(type);
-            XChangeProperty(d, window, atom("_NET_WM_WINDOW_TYPE"), XA_ATOM, 32, PropModeReplace,
-                            reinterpret_cast<const unsigned char *>(&typeAtom), 1);
-        }
-        XMapWindow(d, window);
-        XSync(d, False);
-        return window;
-    }
-
-    // The manager's frame around a client: its top-level ancestor, border included.
-    QRect outerFrame(Window window)
-    {
-        Window top = window;
-        for (;;) {
-            Window rootReturn = 0, parent = 0, *children = nullptr;
-            unsigned int count = 0;
-            if (!XQueryTree(d, top, &rootReturn, &parent, &children, &count))
-                return {};
-            if (children)
-                XFree(children);
-            if (parent == rootReturn)
-                break;
-            top = parent;
-        }
-        XWindowAttributes a;
-        XGetWindowAttributes(d, top, &a);
-        return QRect(a.x, a.y, a.width + 2 * a.border_width, a.height + 2 * a.border_width);
-    }
-
-    // A request to the manager as a pager sends it (source 2: managers honour those).
-    void ask(Window window, const char *message, std::initializer_list<long> data)
-    {
-        XEvent event{};
-        event.xclient.type = ClientMessage;
-        event.xclient.window = window;
-        event.xclient.message_type = atom(message);
-        event.xclient.format = 32;
-        std::copy(data.begin(), data.end(), event.xclient.data.l);
-        XSendEvent(d, root(), False, SubstructureRedirectMask | SubstructureNotifyMask, &event);
-        XSync(d, False);
-    }
-    void restack(Window window, int detail) { ask(window, "_NET_RESTACK_WINDOW", {2, 0, detail}); }
-};
 
 // The room window in its own process (Qt's xcb platform); stopped and continued by signals so
 // that a test can disturb the stacking while it cannot answer.
@@ -191,7 +56,7 @@ bool soon(const std::function<bool()> &done) { return waitUntil(done, patience);
 
 struct X11Desktop : ::testing::Test {
     XServer server;
-    std::unique_ptr<Client> x;
+    std::unique_ptr<XClient> x;
     std::unique_ptr<RoomWindowProcess> room;
 
     // The server with a window manager; false with the reason when it cannot be had.
@@ -201,7 +66,7 @@ struct X11Desktop : ::testing::Test {
         if (!server.start(why) || (sessionBus && !server.startSessionBus(why))
             || !server.startManager(manager, arguments, why))
             return false;
-        x = std::make_unique<Client>(server.display());
+        x = std::make_unique<XClient>(server.display());
         why = QStringLiteral("no Xlib connection");
         return x->d != nullptr;
     }
@@ -213,6 +78,7 @@ struct X11Desktop : ::testing::Test {
         return room->waitForWindow();
     }
 
+    void xdotool(const QStringList &args) { server.run(QStringLiteral("xdotool"), args); }
     QImage screenshot() { return QImage::fromData(server.run("import", {"-window", "root", "png:-"}), "PNG"); }
 
     QStringList logLines(const QString &containing)
@@ -282,7 +148,7 @@ TEST_F(X11Desktop, UnderOpenboxTheRoomIsAStickyClickThroughDesktopWindowAtTheBot
     EXPECT_NE(shot.pixelColor(200, 150), roomColour) << "the ordinary window is not above the room";
 
     // Switching desktops leaves it shown.
-    server.run(QStringLiteral("xdotool"), {QStringLiteral("set_desktop"), QStringLiteral("1")});
+    xdotool({"set_desktop", "1"});
     ASSERT_TRUE(soon([&] { return x->values(x->root(), "_NET_CURRENT_DESKTOP") == std::vector<unsigned long>{1}; }));
     XWindowAttributes attributes;
     ASSERT_TRUE(XGetWindowAttributes(x->d, ours, &attributes));
@@ -317,7 +183,7 @@ TEST_F(X11Desktop, WindowListUnderOpenboxListsOtherProgramsWindowsShownOnThisDes
     const QRect secondFrame = x->outerFrame(second);
     ASSERT_TRUE(soon([&] { return listed(list, secondFrame); }));
     changes = 0;
-    server.run(QStringLiteral("xdotool"), {QStringLiteral("windowraise"), QString::number(plain)});
+    xdotool({"windowraise", QString::number(plain)});
     ASSERT_TRUE(soon([&] { return changes > 0; })) << "no change on raise";
 
     // An own window is never listed.
@@ -338,24 +204,23 @@ TEST_F(X11Desktop, WindowListUnderOpenboxListsOtherProgramsWindowsShownOnThisDes
     EXPECT_EQ(list.windows().size(), 2u) << "only the plain and the second window";
 
     // Iconic: gone from the list.
-    server.run(QStringLiteral("xdotool"), {QStringLiteral("windowminimize"), QString::number(plain)});
+    xdotool({"windowminimize", QString::number(plain)});
     ASSERT_TRUE(soon([&] { return x->has(plain, "_NET_WM_STATE", "_NET_WM_STATE_HIDDEN"); }));
     EXPECT_FALSE(listed(list, plainFrame));
 
     // On another desktop: gone; shown again once that desktop is current, with a change.
-    server.run(QStringLiteral("xdotool"), {QStringLiteral("set_desktop_for_window"), QString::number(second),
-                                           QStringLiteral("1")});
+    xdotool({"set_desktop_for_window", QString::number(second), "1"});
     ASSERT_TRUE(soon([&] { return x->values(second, "_NET_WM_DESKTOP") == std::vector<unsigned long>{1}; }));
     EXPECT_FALSE(listed(list, secondFrame));
     changes = 0;
-    server.run(QStringLiteral("xdotool"), {QStringLiteral("set_desktop"), QStringLiteral("1")});
+    xdotool({"set_desktop", "1"});
     ASSERT_TRUE(soon([&] { return changes > 0; })) << "no change on desktop switch";
     ASSERT_TRUE(soon([&] { return listed(list, secondFrame); }));
 
     // A window on every desktop is listed on each.
     x->setValues(second, "_NET_WM_DESKTOP", XA_CARDINAL, {0xFFFFFFFFul});
     x->ask(second, "_NET_WM_DESKTOP", {long(0xFFFFFFFFul), 2});
-    server.run(QStringLiteral("xdotool"), {QStringLiteral("set_desktop"), QStringLiteral("0")});
+    xdotool({"set_desktop", "0"});
     ASSERT_TRUE(soon([&] { return x->values(x->root(), "_NET_CURRENT_DESKTOP") == std::vector<unsigned long>{0}; }));
     ASSERT_TRUE(soon([&] { return listed(list, secondFrame); })) << "a window on every desktop is left out";
 

@@ -10,7 +10,7 @@ namespace {
 
 const bool envReady = (useLavapipeAndPrivateLog(), true);
 
-TEST(DeviceChoice, HardwareBeatsTheSoftwareDeviceWhateverTheOrder) {
+TEST(DeviceChoice, HardwareBeatsTheSoftwareDeviceWhateverTheOrderAndTheChoiceIsLogged) {
     constexpr auto cpu = VK_PHYSICAL_DEVICE_TYPE_CPU, discrete = VK_PHYSICAL_DEVICE_TYPE_DISCRETE_GPU,
                    integrated = VK_PHYSICAL_DEVICE_TYPE_INTEGRATED_GPU, virt = VK_PHYSICAL_DEVICE_TYPE_VIRTUAL_GPU,
                    other = VK_PHYSICAL_DEVICE_TYPE_OTHER;
@@ -26,9 +26,7 @@ TEST(DeviceChoice, HardwareBeatsTheSoftwareDeviceWhateverTheOrder) {
     EXPECT_EQ(VulkanContext::chooseDevice({{discrete, 0}, {discrete, 1}}), 0);
     EXPECT_EQ(VulkanContext::chooseDevice({{cpu, 0}}), 0);
     EXPECT_EQ(VulkanContext::chooseDevice({}), -1);
-}
 
-TEST(DeviceChoice, TheChosenDeviceIsLogged) {
     auto context = VulkanContext::create();
     ASSERT_TRUE(context);
     EXPECT_EQ(context->properties.deviceType, VK_PHYSICAL_DEVICE_TYPE_CPU);  // the tests run on lavapipe

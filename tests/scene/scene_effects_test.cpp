@@ -32,35 +32,29 @@ void setPresetKey(QJsonObject &root, const QString &preset, const QString &key, 
     root["presets"] = presets;
 }
 
-TEST_F(SmallScene, TheRecordLightsColourComesOnlyFromAColourInTheManifest) {
-    LoadedScene &s = load(manifest([](QJsonObject &root, QJsonObject &) {
+TEST_F(SmallScene, RecordLightAndSpeedLedColoursComeFromTheManifest) {
+    LoadedScene &s = load(manifest([](QJsonObject &root, QJsonObject &wide) {
         setPresetKey(root, "dia", "record_light", QJsonObject{{"azimuth_deg", 90}, {"elevation_deg", 30}});
         setPresetKey(root, "noite", "record_light",
                      QJsonObject{{"azimuth_deg", 0}, {"color", QJsonArray{1, 0.5, 0.25}}});
+        QJsonObject panel = wide["panel"].toObject();
+        panel["led45"] = QJsonObject{{"center_px", QJsonArray{30, 40}}, {"radius_px", 2},
+                                     {"color", QJsonArray{0.1, 0.2, 0.3}}};
+        wide["panel"] = panel;
     }));
     const Filled day = fillEffects(s, {{"dia", 1.0}});
     EXPECT_NEAR(day.u.recordLight[0], 0, 1e-6);
     EXPECT_NEAR(day.u.recordLight[1], 1, 1e-6);
     EXPECT_EQ(day.u.recordColor[3], 0.0f) << "a light without colour takes the irradiance estimate";
+    EXPECT_EQ(day.u.led33Color, (Float4{3, 0.2f, 0.1f, 0}));
+    EXPECT_EQ(day.u.led45Color, (Float4{0.1f, 0.2f, 0.3f, 0}));
+    EXPECT_EQ(day.u.led45, (Float4{30, 40, 2, 0}));
     const Filled night = fillEffects(s, {{"noite", 1.0}});
     EXPECT_NEAR(night.u.recordLight[0], 1, 1e-6);
     EXPECT_EQ(night.u.recordColor, (Float4{1, 0.5f, 0.25f, 1}));
     // In a cross-fade the colour holds while the preset that gives it carries most of the blend.
     EXPECT_EQ(fillEffects(s, {{"noite", 0.75}, {"dia", 0.25}}).u.recordColor, (Float4{1, 0.5f, 0.25f, 1}));
     EXPECT_EQ(fillEffects(s, {{"noite", 0.25}, {"dia", 0.75}}).u.recordColor[3], 0.0f);
-}
-
-TEST_F(SmallScene, SpeedLedsTakeTheirColoursFromThePanel) {
-    LoadedScene &s = load(manifest([](QJsonObject &, QJsonObject &wide) {
-        QJsonObject panel = wide["panel"].toObject();
-        panel["led45"] = QJsonObject{{"center_px", QJsonArray{30, 40}}, {"radius_px", 2},
-                                     {"color", QJsonArray{0.1, 0.2, 0.3}}};
-        wide["panel"] = panel;
-    }));
-    const Filled f = fillEffects(s, {{"dia", 1.0}});
-    EXPECT_EQ(f.u.led33Color, (Float4{3, 0.2f, 0.1f, 0}));
-    EXPECT_EQ(f.u.led45Color, (Float4{0.1f, 0.2f, 0.3f, 0}));
-    EXPECT_EQ(f.u.led45, (Float4{30, 40, 2, 0}));
 }
 
 TEST_F(SmallScene, RainCoolsTheRoomWithoutWindowGlassUnlessTheSaverIsOn) {

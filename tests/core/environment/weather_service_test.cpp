@@ -1,10 +1,8 @@
 #include "core/app/Settings.h"
 #include "core/environment/WeatherService.h"
+#include "LoopbackHttp.h"
 #include "TestSupport.h"
 
-#include <QHostAddress>
-#include <QTcpServer>
-#include <QTcpSocket>
 #include <QUrl>
 #include <deque>
 #include <functional>
@@ -15,49 +13,6 @@ using namespace testsupport;
 using namespace std::chrono_literals;
 
 namespace {
-
-// A loopback HTTP/1.1 server that answers each request with the next queued JSON body, or
-// drops the connection without a byte of answer for a null body.
-class ForecastServer : public QObject {
-public:
-    ForecastServer()
-    {
-        server.listen(QHostAddress::LocalHost, 0);
-        QObject::connect(&server, &QTcpServer::newConnection, this, [this] {
-            while (QTcpSocket *socket = server.nextPendingConnection()) {
-                auto buffer = std::make_shared<QByteArray>();
-                QObject::connect(socket, &QTcpSocket::readyRead, socket, [this, socket, buffer] {
-                    buffer->append(socket->readAll());
-                    if (buffer->contains("\r\n\r\n"))
-                        answer(socket, *buffer);
-                });
-                QObject::connect(socket, &QTcpSocket::disconnected, socket, &QObject::deleteLater);
-            }
-        });
-    }
-
-    QString baseURL() const { return QStringLiteral("http://127.0.0.1:%1/").arg(server.serverPort()); }
-    std::deque<QByteArray> replies;
-    QStringList targets;  // request targets, in arrival order
-
-private:
-    void answer(QTcpSocket *socket, const QByteArray &request)
-    {
-        targets.append(QString::fromLatin1(request.left(request.indexOf("\r\n")).split(' ').value(1)));
-        QByteArray body = R"({"error":true,"reason":"the test queued no reply"})";
-        if (!replies.empty()) {
-            body = replies.front();
-            replies.pop_front();
-        }
-        if (body.isNull())
-            return socket->abort();
-        socket->write("HTTP/1.1 200 OK\r\nContent-Type: application/json\r\nContent-Length: "
-                      + QByteArray::number(body.size()) + "\r\nConnection: close\r\n\r\n" + body);
-        socket->disconnectFromHost();
-    }
-
-    QTcpServer server;
-};
 
 // Bodies as Open-Meteo sends them for "current=precipitation,rain,weather_code".
 QByteArray forecast(const char *precipitation, const char *rain, const char *code)
@@ -71,7 +26,9 @@ QByteArray forecast(const char *precipitation, const char *rain, const char *cod
 struct WeatherServiceTest : ::testing::Test {
     LogTail log;
     QTemporaryDir dir;
-    ForecastServer server;
+    LoopbackHttp server;
+    // Each request takes the next queued body; a null one drops the connection.
+    std::deque<QByteArray> replies;
     std::unique_ptr<Settings> settings;
     std::unique_ptr<WeatherService> service;
     double clockNow = 1000;
@@ -80,7 +37,15 @@ struct WeatherServiceTest : ::testing::Test {
     void SetUp() override
     {
         settings = std::make_unique<Settings>(dir.filePath("turnelo.json"));
-        settings->setValue("weatherServiceURL", server.baseURL());
+        server.answer = [this](const QString &) {
+            QByteArray body = R"({"error":true,"reason":"the test queued no reply"})";
+            if (!replies.empty()) {
+                body = replies.front();
+                replies.pop_front();
+            }
+            return LoopbackHttp::Reply{body};
+        };
+        settings->setValue("weatherServiceURL", server.url("/"));
         service = std::make_unique<WeatherService>(*settings);
         service->setClock([this] { return clockNow; });
         service->onChange = [this](const WeatherService::Now &now) { changes.push_back(now); };
@@ -136,7 +101,7 @@ TEST_F(WeatherServiceTest, RainDecisionAndIntensityFollowTheAnswer)
     };
     for (const Case &c : cases) {
         SCOPED_TRACE(c.logTail);
-        server.replies.push_back(c.body);
+        replies.push_back(c.body);
         ASSERT_NO_FATAL_FAILURE(fetch());
         EXPECT_EQ(service->now(), c.expected);
         ASSERT_FALSE(changes.empty());
@@ -165,7 +130,7 @@ TEST_F(WeatherServiceTest, AsksForTheCityOrTheCoordinateOverrideOnceAtEachChange
     int requests = 0;
     for (const auto &[change, coordinates, place] : steps) {
         SCOPED_TRACE(coordinates.toStdString());
-        server.replies.push_back(forecast("0", "0", "0"));
+        replies.push_back(forecast("0", "0", "0"));
         change();
         ASSERT_TRUE(answered(++requests));
         settle();
@@ -177,7 +142,7 @@ TEST_F(WeatherServiceTest, AsksForTheCityOrTheCoordinateOverrideOnceAtEachChange
 
 TEST_F(WeatherServiceTest, OneRequestInFlightNoneWithin900SecondsFailuresRetriedAfter300)
 {
-    server.replies.push_back(forecast("1.0", "1.0", "61"));
+    replies.push_back(forecast("1.0", "1.0", "61"));
     service->refreshIfStale();
     service->refreshIfStale();
     ASSERT_TRUE(waitUntil([&] { return !service->fetching(); }, 10s));
@@ -193,7 +158,7 @@ TEST_F(WeatherServiceTest, OneRequestInFlightNoneWithin900SecondsFailuresRetried
 
     // The same weather again is no change.
     clockNow += 1;
-    server.replies.push_back(forecast("1.0", "1.0", "61"));
+    replies.push_back(forecast("1.0", "1.0", "61"));
     ASSERT_NO_FATAL_FAILURE(fetch());
     EXPECT_EQ(server.targets.size(), 2);
     EXPECT_EQ(changes.size(), 1u);
@@ -201,7 +166,7 @@ TEST_F(WeatherServiceTest, OneRequestInFlightNoneWithin900SecondsFailuresRetried
 
     // Failures keep the state and are retried after 300 s.
     clockNow += 900;
-    server.replies.push_back(forecast("5.0", "5.0", "63"));
+    replies.push_back(forecast("5.0", "5.0", "63"));
     ASSERT_NO_FATAL_FAILURE(fetch());
     ASSERT_EQ(service->now(), (Now{true, 1.0}));
 
@@ -215,7 +180,7 @@ TEST_F(WeatherServiceTest, OneRequestInFlightNoneWithin900SecondsFailuresRetried
         clockNow += 900;
         const int requests = reply.isNull() ? 2 : 1;
         for (int i = 0; i < requests; ++i)
-            server.replies.push_back(reply);
+            replies.push_back(reply);
         ASSERT_NO_FATAL_FAILURE(fetch(requests));
         EXPECT_TRUE(log.last().endsWith(" " + line)) << log.last().toStdString();
         EXPECT_EQ(service->now(), (Now{true, 1.0}));
@@ -225,7 +190,7 @@ TEST_F(WeatherServiceTest, OneRequestInFlightNoneWithin900SecondsFailuresRetried
         settle();
         EXPECT_FALSE(service->fetching());
         clockNow += 1;
-        server.replies.push_back(forecast("5.0", "5.0", "63"));
+        replies.push_back(forecast("5.0", "5.0", "63"));
         ASSERT_NO_FATAL_FAILURE(fetch());
     }
     EXPECT_EQ(changes.size(), 2u);
@@ -254,8 +219,8 @@ TEST_F(WeatherServiceTest, DebugWeatherOverridesWithoutAnyRequest)
 
 TEST_F(WeatherServiceTest, AnswerForAPlaceLeftWhileInFlightIsDroppedAndTheNewPlaceAsked)
 {
-    server.replies.push_back(forecast("8.0", "8.0", "65"));  // São Paulo, arriving after the change
-    server.replies.push_back(forecast("0.0", "0.0", "1"));   // Tokyo
+    replies.push_back(forecast("8.0", "8.0", "65"));  // São Paulo, arriving after the change
+    replies.push_back(forecast("0.0", "0.0", "1"));   // Tokyo
     service->refreshIfStale();
     ASSERT_TRUE(service->fetching());
     settings->setWeatherCity("tokyo");

@@ -135,30 +135,19 @@ TEST(PlatesWatcher, AtomicReplacementsAreNoticedEachTime)
     EXPECT_EQ(calls, 4);
 }
 
-namespace {
-
 // The installer's swap: the new scene comes in beside the old one and two renames exchange them.
-void installByRenames(const QString &support, int round)
-{
-    const QString root = support + "/Scenes";
-    const QString incoming = support + "/Scenes.incoming";
-    writeFile(incoming + "/manifest.json", minimalManifest());
-    setModified(incoming + "/manifest.json", 10 * round);
-    QDir(support + "/Scenes.old").removeRecursively();
-    if (QFileInfo::exists(root))
-        ASSERT_TRUE(QDir().rename(root, support + "/Scenes.old"));
-    ASSERT_TRUE(QDir().rename(incoming, root));
-}
-
-}  // namespace
-
 TEST(PlatesWatcher, RootSwappedByRenamesIsNoticedEveryTimeFromTheFirstInstall)
 {
     QTemporaryDir support;
+    const QString root = support.filePath("Scenes"), incoming = root + ".incoming", old = root + ".old";
     int calls = 0;
-    PlatesWatcher watcher(support.filePath("Scenes"), [&] { ++calls; }, 200);
+    PlatesWatcher watcher(root, [&] { ++calls; }, 200);
     for (int round = 1; round <= 3; ++round) {
-        installByRenames(support.path(), round);
+        writeFile(incoming + "/manifest.json", minimalManifest());
+        setModified(incoming + "/manifest.json", 10 * round);
+        QDir(old).removeRecursively();
+        ASSERT_TRUE(!QFileInfo::exists(root) || QDir().rename(root, old));
+        ASSERT_TRUE(QDir().rename(incoming, root));
         EXPECT_TRUE(waitUntil([&] { return calls == round; }, 3s)) << "install " << round;
     }
 }
