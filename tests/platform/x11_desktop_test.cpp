@@ -23,41 +23,13 @@ namespace {
 constexpr auto patience = 30s;
 const QColor roomColour(0x20, 0x90, 0x60);  // what x11_room_window paints
 
-// The room window in its own process (Qt's xcb platform); stopped and continued by signals so
-// that a test can disturb the stacking while it cannot answer.
-class RoomWindowProcess {
-public:
-    explicit RoomWindowProcess(XServer &server) : process(server.launch(QStringLiteral(X11_ROOM_WINDOW), {})) {}
-    ~RoomWindowProcess() { resume(); }
-
-    // The window id once shown, 0 when the process failed.
-    Window waitForWindow()
-    {
-        QByteArray out;
-        waitUntil([&] {
-            out = output();
-            return out.contains("window ") && out.indexOf('\n', out.indexOf("window ")) > 0;
-        }, patience);
-        const qsizetype at = out.indexOf("window ");
-        return at < 0 ? 0 : Window(out.mid(at + 7, out.indexOf('\n', at) - at - 7).toULongLong());
-    }
-    void pause() { ::kill(pid_t(process.processId()), SIGSTOP); }
-    void resume()
-    {
-        if (process.state() == QProcess::Running)
-            ::kill(pid_t(process.processId()), SIGCONT);
-    }
-    QByteArray output() const { return XServer::output(process); }
-
-    QProcess &process;
-};
-
 bool soon(const std::function<bool()> &done) { return waitUntil(done, patience); }
 
 struct X11Desktop : ::testing::Test {
     XServer server;
     std::unique_ptr<XClient> x;
-    std::unique_ptr<RoomWindowProcess> room;
+    QProcess *room = nullptr;  // the room window in its own process, on Qt's xcb platform
+    ~X11Desktop() override { signalRoom(SIGCONT); }
 
     // The server with a window manager; false with the reason when it cannot be had.
     bool start(QString &why, const QString &manager = QStringLiteral("openbox"),
@@ -74,8 +46,18 @@ struct X11Desktop : ::testing::Test {
     // Starts the room's window; its id, 0 when it did not show.
     Window showRoom()
     {
-        room = std::make_unique<RoomWindowProcess>(server);
-        return room->waitForWindow();
+        room = &server.launch(QStringLiteral(X11_ROOM_WINDOW), {});
+        QByteArray out;
+        qsizetype at = -1;
+        soon([&] { return (at = (out = roomOutput()).indexOf("window ")) >= 0 && out.indexOf('\n', at) > 0; });
+        return at < 0 ? 0 : Window(out.mid(at + 7, out.indexOf('\n', at) - at - 7).toULongLong());
+    }
+    QByteArray roomOutput() const { return XServer::output(*room); }
+    // Stopped (SIGSTOP) and continued, the room cannot answer while a test disturbs the stacking.
+    void signalRoom(int signal)
+    {
+        if (room && room->state() == QProcess::Running)
+            ::kill(pid_t(room->processId()), signal);
     }
 
     void xdotool(const QStringList &args) { server.run(QStringLiteral("xdotool"), args); }
@@ -118,10 +100,11 @@ TEST_F(X11Desktop, UnderOpenboxTheRoomIsAStickyClickThroughDesktopWindowAtTheBot
     ASSERT_TRUE(soon([&] { return x->stackIndex(other) >= 0; }));
 
     const Window ours = showRoom();
-    ASSERT_NE(ours, 0ul) << room->output().constData();
+    ASSERT_NE(ours, 0ul) << roomOutput().constData();
     ASSERT_TRUE(soon([&] { return x->stackIndex(ours) == 0; })) << "stack position " << x->stackIndex(ours);
 
-    EXPECT_EQ(x->values(ours, "_NET_WM_WINDOW_TYPE"), std::vector<unsigned long>{x->atom("_NET_WM_WINDOW_TYPE_DESKTOP")});
+    EXPECT_EQ(x->values(ours, "_NET_WM_WINDOW_TYPE"),
+              std::vector<unsigned long>{x->atom("_NET_WM_WINDOW_TYPE_DESKTOP")});
     EXPECT_EQ(x->values(ours, "_NET_WM_DESKTOP"), std::vector<unsigned long>{0xFFFFFFFFul});
     // The manager rewrites the state once it manages the window, keeping what it supports
     // (openbox has no sticky state: the desktop number says "every desktop").
@@ -200,7 +183,9 @@ TEST_F(X11Desktop, WindowListUnderOpenboxListsOtherProgramsWindowsShownOnThisDes
     x->setValues(mine, "_NET_WM_PID", XA_CARDINAL, {static_cast<unsigned long>(getpid())});
     const Window dock = x->makeWindow(QRect(0, 760, 1280, 40), false, "_NET_WM_WINDOW_TYPE_DOCK");
     const Window desktop = x->makeWindow(QRect(0, 0, 1280, 800), false, "_NET_WM_WINDOW_TYPE_DESKTOP");
-    ASSERT_TRUE(soon([&] { return x->stackIndex(mine) >= 0 && x->stackIndex(dock) >= 0 && x->stackIndex(desktop) >= 0; }));
+    ASSERT_TRUE(soon([&] {
+        return std::min({x->stackIndex(mine), x->stackIndex(dock), x->stackIndex(desktop)}) >= 0;
+    }));
     EXPECT_EQ(list.windows().size(), 2u) << "only the plain and the second window";
 
     // Iconic: gone from the list.
@@ -250,7 +235,7 @@ TEST_F(X11Desktop, StaysBelowASeeThroughIconWindowAndLowersItselfAgain)
     ASSERT_TRUE(soon([&] { return x->stackIndex(icons) >= 0; }));
 
     const Window ours = showRoom();
-    ASSERT_NE(ours, 0ul) << room->output().constData();
+    ASSERT_NE(ours, 0ul) << roomOutput().constData();
     const auto below = [&] { return x->stackIndex(ours) >= 0 && x->stackIndex(ours) < x->stackIndex(icons); };
     // Mapped later, openbox puts it on top of the desktop layer; it must go below the icons.
     ASSERT_TRUE(soon(below));
@@ -259,7 +244,7 @@ TEST_F(X11Desktop, StaysBelowASeeThroughIconWindowAndLowersItselfAgain)
     // ours cannot answer: ours goes below the icons again once it can.
     for (const bool iconsLower : {true, false}) {
         SCOPED_TRACE(iconsLower ? "icons lowered" : "ours raised");
-        room->pause();
+        signalRoom(SIGSTOP);
         if (iconsLower) {
             x->restack(icons, Below);
         } else {
@@ -267,7 +252,7 @@ TEST_F(X11Desktop, StaysBelowASeeThroughIconWindowAndLowersItselfAgain)
             XSync(x->d, False);
         }
         ASSERT_TRUE(soon([&] { return x->stackIndex(icons) < x->stackIndex(ours); }));
-        room->resume();
+        signalRoom(SIGCONT);
         ASSERT_TRUE(soon(below));
     }
     EXPECT_TRUE(logLines(QStringLiteral("Mesa:")).isEmpty());
@@ -283,7 +268,7 @@ TEST_F(X11Desktop, SitsAboveXfdesktopsOpaqueIconWindowAndSaysSoOnce)
     // order among desktop windows and ignores requests to change it; the restacking itself is
     // exercised under openbox.)
     const Window ours = showRoom();
-    ASSERT_NE(ours, 0ul) << room->output().constData();
+    ASSERT_NE(ours, 0ul) << roomOutput().constData();
     // xfwm4 publishes the stacking list only from its second client on.
     ASSERT_TRUE(soon([&] {
         const auto clients = x->values(x->root(), "_NET_CLIENT_LIST");
@@ -323,7 +308,7 @@ TEST_F(X11Desktop, UnderOpenboxRisesAboveAnOpaqueIconWindowMappedLater)
 {
     START_OR_SKIP();
     const Window ours = showRoom();
-    ASSERT_NE(ours, 0ul) << room->output().constData();
+    ASSERT_NE(ours, 0ul) << roomOutput().constData();
     ASSERT_TRUE(soon([&] { return x->stackIndex(ours) >= 0; }));
 
     // Opaque wallpaper and icons in one 24-bit window, as pcmanfm's under openbox (LXDE).
@@ -336,10 +321,10 @@ TEST_F(X11Desktop, UnderOpenboxRisesAboveAnOpaqueIconWindowMappedLater)
     ASSERT_TRUE(soon(above)) << "ours at " << x->stackIndex(ours) << ", the icons at " << x->stackIndex(icons);
 
     // Raised above ours while ours cannot answer: back above it once it can.
-    room->pause();
+    signalRoom(SIGSTOP);
     x->restack(icons, Above);
     ASSERT_TRUE(soon([&] { return !above(); }));
-    room->resume();
+    signalRoom(SIGCONT);
     ASSERT_TRUE(soon(above));
 
     const QStringList told = logLines(QStringLiteral("Mesa:"));
@@ -357,7 +342,7 @@ TEST_F(X11Desktop, UnderI3BypassesTheManagerAndLiesUnderEveryWindow)
     const QRect otherFrame = x->outerFrame(other);
 
     const Window ours = showRoom();
-    ASSERT_NE(ours, 0ul) << room->output().constData();
+    ASSERT_NE(ours, 0ul) << roomOutput().constData();
 
     // Among the root's children (bottom to top), no shown window lies under ours.
     auto shownBelowOurs = [&] {
@@ -378,7 +363,8 @@ TEST_F(X11Desktop, UnderI3BypassesTheManagerAndLiesUnderEveryWindow)
     };
     XWindowAttributes attributes{};
     ASSERT_TRUE(soon([&] {
-        return XGetWindowAttributes(x->d, ours, &attributes) && attributes.map_state == IsViewable && shownBelowOurs() == 0;
+        return XGetWindowAttributes(x->d, ours, &attributes) && attributes.map_state == IsViewable
+               && shownBelowOurs() == 0;
     })) << "shown windows below ours: " << shownBelowOurs();
     EXPECT_TRUE(attributes.override_redirect);
     EXPECT_EQ(QRect(attributes.x, attributes.y, attributes.width, attributes.height), QRect(0, 0, 1280, 800))
@@ -387,11 +373,11 @@ TEST_F(X11Desktop, UnderI3BypassesTheManagerAndLiesUnderEveryWindow)
     EXPECT_EQ(x->outerFrame(other), otherFrame);
 
     // Raised while it cannot answer: lowered again at the next change of the client list.
-    room->pause();
+    signalRoom(SIGSTOP);
     XRaiseWindow(x->d, ours);
     XSync(x->d, False);
     ASSERT_GT(shownBelowOurs(), 0);
-    room->resume();
+    signalRoom(SIGCONT);
     x->makeWindow(QRect(400, 300, 200, 100));
     ASSERT_TRUE(soon([&] { return shownBelowOurs() == 0; }));
 }

@@ -5,6 +5,8 @@
 // setting leaks in, and an optional session bus of its own. The destructor kills everything,
 // the server last.
 
+#include "TestSupport.h"
+
 #include <QByteArray>
 #include <QDir>
 #include <QElapsedTimer>
@@ -50,7 +52,8 @@ public:
             return number.contains('\n') || server.state() != QProcess::Running;
         });
         if (!number.contains('\n')) {
-            why = QStringLiteral("Xvfb gave no display number: ") + QString::fromUtf8(readFile("Xvfb.log"));
+            const QByteArray log = testsupport::readFile(dir.filePath(QStringLiteral("Xvfb.log")));
+            why = QStringLiteral("Xvfb gave no display number: ") + QString::fromUtf8(log);
             return false;
         }
         name = ':' + number.trimmed();
@@ -203,12 +206,6 @@ private:
                                                               QString::fromLatin1(property)});
         const qsizetype hash = line.indexOf('#');
         return hash < 0 ? QByteArray() : line.mid(hash + 1).trimmed();
-    }
-
-    QByteArray readFile(const char *file) const
-    {
-        QFile f(dir.filePath(QString::fromLatin1(file)));
-        return f.open(QIODevice::ReadOnly) ? f.readAll() : QByteArray();
     }
 
     static void end(QProcess &process)
