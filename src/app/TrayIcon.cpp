@@ -43,9 +43,12 @@ TrayIcon::TrayIcon(Actions a, QObject *parent) : QObject(parent), actions(std::m
     tray.setIcon(makeIcon());
     tray.setToolTip(QStringLiteral("Turnelo"));
     tray.setContextMenu(contextMenu.get());
-    // A left click opens the same menu until the popover exists.
     connect(&tray, &QSystemTrayIcon::activated, this, [this](QSystemTrayIcon::ActivationReason reason) {
-        if (reason == QSystemTrayIcon::Trigger) contextMenu->popup(QCursor::pos());
+        if (reason != QSystemTrayIcon::Trigger) return;
+        if (actions.open)
+            actions.open(tray.geometry());
+        else
+            contextMenu->popup(QCursor::pos());
     });
 }
 

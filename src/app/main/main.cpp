@@ -121,7 +121,7 @@ static int runRoom(QApplication &app) {
     p.setApplicationDescription("Turnelo: a photoreal room with a record player on the desktop.");
     p.addHelpOption();
     const QCommandLineOption musicDone("music-setup-done",
-                                       "Follow the music players from now on (stored; the onboarding will ask later).");
+                                       "Follow the music players from now on, as the onboarding's music step does (stored).");
     p.addOption(musicDone);
     p.process(app);
     SingleInstance instance(SingleInstance::defaultName());
