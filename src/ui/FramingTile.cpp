@@ -21,7 +21,7 @@ void FramingTile::setTile(const PopoverModel::Tile &tile)
     update();
 }
 
-QSize FramingTile::sizeHint() const { return {150, 74}; }
+QSize FramingTile::sizeHint() const { return {150, 66}; }
 
 void FramingTile::paintEvent(QPaintEvent *)
 {

@@ -22,6 +22,8 @@ LightDial::LightDial(QWidget *parent) : QWidget(parent)
 {
     setAttribute(Qt::WA_Hover);
     setCursor(Qt::PointingHandCursor);
+    setMinimumSize(sizeHint());
+    setSizePolicy(QSizePolicy::Expanding, QSizePolicy::Fixed);
     setToolTip(tr("Automatic (follows the clock)"));
 }
 
@@ -34,7 +36,7 @@ void LightDial::setState(const QStringList &o, const QString &m, const QString &
     update();
 }
 
-QSize LightDial::sizeHint() const { return {300, 176}; }
+QSize LightDial::sizeHint() const { return {300, 168}; }
 
 QPointF LightDial::center() const { return QPointF(width() / 2.0, height() / 2.0); }
 double LightDial::outerRadius() const { return std::max(20.0, std::min(width() / 2.0 - 70, height() / 2.0 - 22)); }

@@ -48,6 +48,8 @@ public:
     // Scene, installer, weather, battery saver and problem, in that order, each when it says
     // something.
     QStringList statusLines() const;
+    // The installer's phase, progress and passing notice; empty when it has nothing to say.
+    QString installerLine() const;
     // Installer progress 0…1 while the room downloads.
     std::optional<double> installProgress() const;
     NowPlaying nowPlaying() const;
@@ -78,7 +80,6 @@ signals:
     void changed();
 
 private:
-    QString installerLine() const;
     QString weatherLine() const;
     QString saverLine() const;
 

@@ -133,8 +133,9 @@ void SceneTab::refreshFramings()
 void SceneTab::refreshDownload()
 {
     // The popover's words, so both say the same.
-    const PopoverModel words(s);
-    QStringList lines = words.statusLines();
+    QStringList lines;
+    if (const QString line = PopoverModel(s).installerLine(); !line.isEmpty())
+        lines << line;
     if (s.installer && lines.isEmpty()) {
         if (s.installer->phase().kind == SceneInstaller::Phase::ready)
             lines << tr("The room is up to date: %1.").arg(s.installer->sceneTitle().value_or(tr("installed")));
