@@ -28,11 +28,13 @@ void FramingTile::paintEvent(QPaintEvent *)
     QPainter p(this);
     p.setRenderHint(QPainter::Antialiasing);
     const QRectF box = QRectF(rect()).adjusted(1, 1, -1, -1);
-    const QColor accent = palette().color(QPalette::Highlight);
-    QColor fill = palette().color(QPalette::Base);
+    // A tile at work is disabled but keeps its colours.
+    const QPalette::ColorGroup group = QPalette::Active;
+    const QColor accent = palette().color(group, QPalette::Highlight);
+    QColor fill = palette().color(group, QPalette::Base);
     if (underMouse() && isEnabled())
         fill = fill.darker(106);
-    p.setPen(data.current ? QPen(accent, 2) : QPen(palette().color(QPalette::Mid), 1));
+    p.setPen(data.current ? QPen(accent, 2) : QPen(palette().color(group, QPalette::Mid), 1));
     p.setBrush(fill);
     p.drawRoundedRect(box, 8, 8);
 
@@ -40,7 +42,7 @@ void FramingTile::paintEvent(QPaintEvent *)
     QFont title = font();
     title.setBold(true);
     p.setFont(title);
-    p.setPen(palette().color(QPalette::Text));
+    p.setPen(palette().color(group, QPalette::Text));
     const QFontMetricsF tm(title);
     p.drawText(QRectF(inner.topLeft(), QSizeF(inner.width(), tm.height())), Qt::AlignLeft | Qt::AlignVCenter,
                data.title);
@@ -53,10 +55,10 @@ void FramingTile::paintEvent(QPaintEvent *)
         const double w = sm.horizontalAdvance(data.sizeText) + 12;
         const QRectF badge(inner.right() - w, inner.top(), w, sm.height() + 4);
         p.setPen(Qt::NoPen);
-        p.setBrush(palette().color(QPalette::Mid));
+        p.setBrush(palette().color(group, QPalette::Mid));
         p.drawRoundedRect(badge, badge.height() / 2, badge.height() / 2);
         p.setFont(small);
-        p.setPen(palette().color(QPalette::Base));
+        p.setPen(palette().color(group, QPalette::Base));
         p.drawText(badge, Qt::AlignCenter, data.sizeText);
     }
 
@@ -67,14 +69,14 @@ void FramingTile::paintEvent(QPaintEvent *)
     if (data.kind == Kind::downloading) {
         const QRectF bar(below.left(), below.top() + 4, below.width(), 6);
         p.setPen(Qt::NoPen);
-        p.setBrush(palette().color(QPalette::Midlight));
+        p.setBrush(palette().color(group, QPalette::Midlight));
         p.drawRoundedRect(bar, 3, 3);
         p.setBrush(accent);
         p.drawRoundedRect(QRectF(bar.topLeft(), QSizeF(bar.width() * data.progress, bar.height())), 3, 3);
-        p.setPen(palette().color(QPalette::PlaceholderText));
+        p.setPen(palette().color(group, QPalette::PlaceholderText));
         p.drawText(below.adjusted(0, 14, 0, 0), Qt::AlignLeft | Qt::AlignTop, data.text);
         return;
     }
-    p.setPen(data.kind == Kind::failed ? QColor(0xc0, 0x39, 0x2b) : palette().color(QPalette::PlaceholderText));
+    p.setPen(data.kind == Kind::failed ? QColor(0xc0, 0x39, 0x2b) : palette().color(group, QPalette::PlaceholderText));
     p.drawText(below, Qt::AlignLeft | Qt::AlignTop | Qt::TextWordWrap, data.text);
 }
