@@ -32,7 +32,7 @@ public:
     ~TrayIcon() override;
 
     void setVisible(bool visible);
-    // The record drawn at the given size: the tray's icon, also the settings window's later.
+    // Turnelo's icon at every size the theme asks for.
     static QIcon makeIcon();
 
 private:

@@ -5,6 +5,7 @@
 #include "app/SingleInstance.h"
 #include "core/scene/SceneLocation.h"
 #include "scene/OfflineRender.h"
+#include "ui/AppIcon.h"
 
 #include <QApplication>
 #include <QCommandLineParser>
@@ -129,6 +130,9 @@ static int runRoom(QApplication &app) {
         QTextStream(stderr) << "turnelo: already running; asked it to show the room\n";
         return 0;
     }
+    // The launcher's name, so the desktop ties the windows to the menu entry and its icon.
+    QGuiApplication::setDesktopFileName(QStringLiteral("turnelo"));
+    QApplication::setWindowIcon(AppIcon::icon());
     AppDelegate::Options options;
     options.markMusicSetupDone = p.isSet(musicDone);
     AppDelegate delegate(options);
