@@ -116,9 +116,11 @@ QWidget *OnboardingWindow::musicPage()
     players = new QListWidget;
     players->setObjectName(QStringLiteral("players"));
     players->setSelectionMode(QAbstractItemView::NoSelection);
-    layout->addWidget(players, 1);
+    players->setMaximumHeight(150);
+    layout->addWidget(players);
     layout->addWidget(paragraph(tr("Any player that shows in your desktop’s media controls works; when several "
                                    "play, Spotify comes first.")));
+    layout->addStretch();
     if (s.music)
         connect(s.music, &MusicPermission::changed, this, &OnboardingWindow::refreshPlayers);
     return page;

@@ -220,7 +220,7 @@ void PopoverWindow::refresh()
     dial->setState(viewModel.lightPresets(), mode, active, viewModel.clockPosition(now));
     lightCaption->setText(mode == QStringLiteral("auto")
                               ? tr("Automatic (follows the clock) · now %1").arg(LightPresets::name(active))
-                              : LightPresets::name(mode));
+                              : tr("%1 light all day · Auto follows the clock").arg(LightPresets::name(mode)));
 
     {
         const QSignalBlocker block(showRoom);

@@ -3,16 +3,20 @@
 //
 //   turnelo-ui-shots --out DIR [--scene DIR]
 //
-// Settings go to a private file; with --scene the room's manifest feeds the light dial and the
+// Settings go to a private file; the Desktop tab reads Xfce's settings (xfconf on the session
+// bus); with --scene the room's manifest feeds the light dial and the
 // framing tiles, and the welcome picture is rendered from it.
 
 #include "core/app/Settings.h"
+#include "core/environment/DesktopCleaner.h"
 #include "core/environment/PowerMonitor.h"
+#include "core/environment/ProcessLauncher.h"
 #include "core/music/CoverArt.h"
 #include "core/music/MusicPermission.h"
 #include "core/music/PlayerState.h"
 #include "core/scene/PlateManifest.h"
 #include "core/scene/SceneStatus.h"
+#include "platform/linux/LinuxDesktopPreferences.h"
 #include "scene/OfflineRender.h"
 #include "ui/OnboardingWindow.h"
 #include "ui/PopoverWindow.h"
@@ -98,6 +102,9 @@ int main(int argc, char **argv)
                                                     : MusicPermission::Status::notRunning;
                                      },
                                      {}});
+    // The desktop tab as on Xfce, read from xfconf (nothing is applied here).
+    SystemProcessLauncher launcher;
+    DesktopCleaner cleaner(settings, linuxDesktopPreferences(QStringLiteral("XFCE")), launcher);
     const QString sceneDir = parser.value(sceneOption);
     if (!sceneDir.isEmpty()) {
         QFile file(sceneDir + QStringLiteral("/manifest.json"));
@@ -119,6 +126,7 @@ int main(int argc, char **argv)
     services.status = &status;
     services.power = &power;
     services.music = &music;
+    services.cleaner = &cleaner;
     services.logPath = QDir::home().filePath(QStringLiteral(".local/state/Turnelo Dev.log"));
     services.launchAtLogin = [] { return false; };
     services.setLaunchAtLogin = [](bool) { return true; };
