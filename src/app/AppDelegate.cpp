@@ -177,7 +177,7 @@ UiServices AppDelegate::uiServices() {
     u.openLog = [] { QDesktopServices::openUrl(QUrl::fromLocalFile(Log::path())); };
     u.quit = [] { QCoreApplication::quit(); };
     u.showSettings = [this] { settings().show(); };
-    u.showOnboarding = [this] { onboarding().show(1); };
+    u.showOnboarding = [this](int step) { onboarding().show(step); };
     u.launchAtLogin = [] { return XdgAutostart::isEnabled(); };
     u.setLaunchAtLogin = [](bool on) { return XdgAutostart::setEnabled(on, QCoreApplication::applicationFilePath()); };
     u.roomPicture = [this](QSize size) { return roomPicture(size); };

@@ -48,7 +48,7 @@ AboutTab::AboutTab(const UiServices &services, QWidget *parent) : QWidget(parent
     connect(open, &QPushButton::clicked, this, [this] { s.openLog(); });
     auto *welcome = new QPushButton(tr("Show Welcome Again…"));
     welcome->setEnabled(bool(s.showOnboarding));
-    connect(welcome, &QPushButton::clicked, this, [this] { s.showOnboarding(); });
+    connect(welcome, &QPushButton::clicked, this, [this] { s.showOnboarding(1); });
     row->addWidget(open);
     row->addWidget(welcome);
     row->addStretch();

@@ -43,6 +43,10 @@ MusicTab::MusicTab(const UiServices &services, QWidget *parent) : QWidget(parent
         connect(s.music, &MusicPermission::changed, this, &MusicTab::refreshPlayers);
     if (s.state)
         connect(s.state, &PlayerState::trackChanged, this, &MusicTab::refreshPlayers);
+    connect(&st, &Settings::changed, this, [this](const QString &key) {
+        if (key == QStringLiteral("musicSetupDone"))
+            refreshPlayers();
+    });
 
     addTitle(layout, tr("Record Stack"));
     auto *row = new QHBoxLayout;

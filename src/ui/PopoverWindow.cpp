@@ -101,8 +101,9 @@ PopoverWindow::PopoverWindow(const UiServices &services, QWidget *parent)
     connectMusic->setStyleSheet(QStringLiteral("text-align: left; padding: 0;"));
     connect(connectMusic, &QPushButton::clicked, this, [this] {
         hide();
+        // Straight to the music step.
         if (viewModel.services().showOnboarding)
-            viewModel.services().showOnboarding();
+            viewModel.services().showOnboarding(2);
     });
     texts->addWidget(trackTitle);
     texts->addWidget(trackDetails);

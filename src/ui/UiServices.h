@@ -32,7 +32,7 @@ struct UiServices {
     std::function<void()> openLog;
     std::function<void()> quit;
     std::function<void()> showSettings;
-    std::function<void()> showOnboarding;
+    std::function<void(int step)> showOnboarding;  // 1…4
     std::function<bool()> launchAtLogin;
     std::function<bool(bool)> setLaunchAtLogin;  // false when it could not be changed
     // A small still of the installed room; null when there is none.
