@@ -10,6 +10,7 @@
 #include "core/app/Settings.h"
 #include "core/delivery/PackageDownload.h"
 #include "core/delivery/SceneInstaller.h"
+#include "core/music/PlayerState.h"
 #include "core/scene/SceneStatus.h"
 #include "ui/FramingTile.h"
 #include "ui/LightDial.h"
@@ -38,6 +39,52 @@ FramingTile *tileNamed(PopoverWindow &popover, const QString &name)
 void keep(PopoverWindow &popover, const QString &file)
 {
     popover.grab().save(QStringLiteral(TURNELO_BINARY_DIR "/") + file);
+}
+
+// The words of the header, the status line and the now-playing section, from the shared state.
+TEST(PopoverModel, SaysWhereTheRoomIsWhatPlaysAndWhatWentWrong)
+{
+    QTemporaryDir tmp;
+    Settings settings(tmp.filePath("settings.json"));
+    PlayerState state;
+    SceneStatus status;
+    UiServices services;
+    services.settings = &settings;
+    services.state = &state;
+    services.status = &status;
+    PopoverModel model(services);
+
+    EXPECT_EQ(model.header(), "On the desk · Main display");
+    settings.setAllScreens(true);
+    EXPECT_EQ(model.header(), "On the desk · All displays");
+    settings.setShowTurntable(false);
+    EXPECT_EQ(model.header(), "Hidden");
+
+    EXPECT_EQ(model.statusLines(), QStringList{"Getting the room ready…"});
+    status.setProblem(QString("manifest.json: contract 2"));
+    EXPECT_EQ(model.statusLines(),
+              (QStringList{"The room didn’t load. Reload it in Settings › Scene.", "manifest.json: contract 2"}));
+    status.setWeather({true, 0.5});
+    EXPECT_EQ(model.statusLines().last(), "Raining in São Paulo");
+    settings.setEffect("fxWeather", false);
+    EXPECT_EQ(model.statusLines().size(), 2) << "no weather while rain is off";
+
+    EXPECT_FALSE(model.nowPlaying().hasTrack);
+    EXPECT_EQ(model.nowPlaying().emptyText, "Connect Spotify or Music…");
+    settings.setMusicSetupDone(true);
+    EXPECT_EQ(model.nowPlaying().emptyText, "Play something in Spotify or Music.");
+    Track track;
+    track.title = "Wave";
+    track.album = "Wave";
+    track.trackNumber = 9;
+    track.trackCount = 14;
+    track.source = {"org.mpris.MediaPlayer2.spotify", "Spotify", "Spotify"};
+    state.setTrack(track);
+    EXPECT_EQ(model.nowPlaying().side, "Side B · track 2");
+    EXPECT_EQ(model.nowPlaying().player, "Spotify");
+    track.trackNumber = 0;
+    state.setTrack(track);
+    EXPECT_EQ(model.nowPlaying().side, "");
 }
 
 TEST(PopoverWindow, FramingTilesShowSizeProgressAndFailureOfTheInstaller)
