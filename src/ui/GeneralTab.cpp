@@ -51,7 +51,7 @@ GeneralTab::GeneralTab(const UiServices &services, QWidget *parent) : QWidget(pa
               [this, &st](bool on) { s.power ? s.power->setEcoEnabled(on) : st.setEcoMode(on); });
     QList<std::pair<QString, QString>> triggers;
     for (PowerMonitor::Trigger t : PowerMonitor::triggers())
-        triggers.append({PowerMonitor::rawValue(t), tr(qPrintable(PowerMonitor::title(t)))});
+        triggers.append({PowerMonitor::rawValue(t), PowerMonitor::title(t)});
     addPicker(layout, st, QStringLiteral("ecoTrigger"), triggers,
               [&st] { return PowerMonitor::rawValue(st.ecoTrigger()); },
               [this, &st](const QString &v) {

@@ -50,18 +50,18 @@ QStringList PopoverModel::statusLines() const
         else if (!s.status->manifest())
             lines << tr("Getting the room ready…");
     }
-    for (const QString &line : {installerLine(), weatherLine(), saverLine()})
+    for (const QString &line : {installerLine(s.installer), weatherLine(), saverLine()})
         if (!line.isEmpty())
             lines << line;
     return lines;
 }
 
-QString PopoverModel::installerLine() const
+QString PopoverModel::installerLine(const SceneInstaller *installer)
 {
-    if (!s.installer)
+    if (!installer)
         return {};
-    const SceneInstaller::Phase &p = s.installer->phase();
-    const QString title = s.installer->sceneTitle().value_or(tr("the room"));
+    const SceneInstaller::Phase &p = installer->phase();
+    const QString title = installer->sceneTitle().value_or(tr("the room"));
     QString line;
     switch (p.kind) {
     case SceneInstaller::Phase::checking: line = tr("Checking for a new room…"); break;
@@ -76,8 +76,8 @@ QString PopoverModel::installerLine() const
     case SceneInstaller::Phase::idle:
     case SceneInstaller::Phase::ready: break;
     }
-    if (!s.installer->notice().isEmpty())
-        line = line.isEmpty() ? s.installer->notice() : line + QLatin1Char('\n') + s.installer->notice();
+    if (!installer->notice().isEmpty())
+        line = line.isEmpty() ? installer->notice() : line + QLatin1Char('\n') + installer->notice();
     return line;
 }
 

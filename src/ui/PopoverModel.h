@@ -10,6 +10,8 @@
 #include <QStringList>
 #include <optional>
 
+class SceneInstaller;
+
 // What the tray popover shows and does, read from the delegate's objects and written back
 // through them; no widget involved, so its rules are tested without a screen. `changed` is
 // emitted whenever anything it reads may have changed. Main thread.
@@ -49,7 +51,7 @@ public:
     // something.
     QStringList statusLines() const;
     // The installer's phase, progress and passing notice; empty when it has nothing to say.
-    QString installerLine() const;
+    static QString installerLine(const SceneInstaller *installer);
     // Installer progress 0…1 while the room downloads.
     std::optional<double> installProgress() const;
     NowPlaying nowPlaying() const;

@@ -134,7 +134,7 @@ void SceneTab::refreshDownload()
 {
     // The popover's words, so both say the same.
     QStringList lines;
-    if (const QString line = PopoverModel(s).installerLine(); !line.isEmpty())
+    if (const QString line = PopoverModel::installerLine(s.installer); !line.isEmpty())
         lines << line;
     if (s.installer && lines.isEmpty()) {
         if (s.installer->phase().kind == SceneInstaller::Phase::ready)

@@ -17,7 +17,7 @@ int main(int argc, char **argv)
         QApplication app(argc, argv);
         return RUN_ALL_TESTS();
     }
-    XServer x;
+    XServer x(QStringLiteral("1024x768x24"));
     QString why;
     if (!x.start(why)) {
         std::fprintf(stderr, "no X server: %s\n", qPrintable(why));

@@ -191,7 +191,7 @@ TEST(PopoverWindow, LightDialReachesTheSettingsAndTheRoomsLight)
         QTest::mouseClick(dial, Qt::LeftButton, {}, dial->centerOf(preset).toPoint());
         EXPECT_EQ(Settings(file).lightPreset(), preset);
         // The performance line tells the light the room shows.
-        EXPECT_TRUE(waitUntil([&] { return logFrom(from).contains("luz " + preset + " 1.00"); }, 60s))
+        EXPECT_TRUE(waitUntil([&] { return logFrom(from).contains("luz " + preset + " 1.00"); }, 150s))
             << qPrintable(preset) << "\n" << qPrintable(logFrom(from));
     }
     QTest::mouseClick(dial, Qt::LeftButton, {}, dial->rect().center());
