@@ -85,6 +85,15 @@ TEST(PopoverModel, SaysWhereTheRoomIsWhatPlaysAndWhatWentWrong)
     track.trackNumber = 0;
     state.setTrack(track);
     EXPECT_EQ(model.nowPlaying().side, "");
+
+    // Under an icon of a top panel, above one of a bottom panel, at the cursor without a tray
+    // rectangle, and always inside the screen.
+    const QRect screen(0, 0, 1280, 800);
+    const QSize size(340, 600);
+    EXPECT_EQ(PopoverWindow::placement({1000, 0, 24, 24}, {}, size, screen), QPoint(841, 27));
+    EXPECT_EQ(PopoverWindow::placement({1000, 776, 24, 24}, {}, size, screen), QPoint(841, 172));
+    EXPECT_EQ(PopoverWindow::placement({1260, 0, 20, 24}, {}, size, screen), QPoint(940, 27));
+    EXPECT_EQ(PopoverWindow::placement({}, {100, 50}, size, screen), QPoint(0, 58));
 }
 
 TEST(PopoverWindow, FramingTilesShowSizeProgressAndFailureOfTheInstaller)
