@@ -96,11 +96,11 @@ SceneTab::SceneTab(const UiServices &services, QWidget *parent) : QWidget(parent
     layout->addLayout(coordinates);
     addHelp(layout, SettingsTable::help(QStringLiteral("weatherLatitude")));
 
-    addTitle(layout, tr("Download"));
-    download = new QLabel;
-    download->setWordWrap(true);
-    layout->addWidget(download);
     if (s.installer) {
+        addTitle(layout, tr("Download"));
+        download = new QLabel;
+        download->setWordWrap(true);
+        layout->addWidget(download);
         auto *check = new QPushButton(tr("Check Now"));
         connect(check, &QPushButton::clicked, this, [this] { s.installer->sync(); });
         auto *row = new QHBoxLayout;
@@ -132,6 +132,8 @@ void SceneTab::refreshFramings()
 
 void SceneTab::refreshDownload()
 {
+    if (!download)
+        return;
     // The popover's words, so both say the same.
     QStringList lines;
     if (const QString line = PopoverModel::installerLine(s.installer); !line.isEmpty())

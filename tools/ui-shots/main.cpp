@@ -128,6 +128,9 @@ int main(int argc, char **argv)
     services.music = &music;
     services.cleaner = &cleaner;
     services.logPath = QDir::home().filePath(QStringLiteral(".local/state/Turnelo Dev.log"));
+    services.reloadScene = [] {};
+    services.openLog = [] {};
+    services.showOnboarding = [](int) {};
     services.launchAtLogin = [] { return false; };
     services.setLaunchAtLogin = [](bool) { return true; };
     services.roomPicture = [&](QSize size) {
