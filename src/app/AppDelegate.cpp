@@ -6,19 +6,28 @@
 #include "core/app/Log.h"
 #include "core/app/Settings.h"
 #include "core/delivery/SceneInstaller.h"
+#include "core/environment/DesktopCleaner.h"
+#include "core/environment/ProcessLauncher.h"
 #include "core/environment/PowerMonitor.h"
 #include "core/environment/WeatherService.h"
 #include "core/music/HistoryStore.h"
+#include "core/music/MusicPermission.h"
 #include "core/music/NowPlayingMonitor.h"
 #include "core/music/PlayerState.h"
 #include "core/scene/SceneLocation.h"
 #include "core/scene/SceneStatus.h"
+#include "platform/linux/LinuxDesktopPreferences.h"
 #include "platform/linux/LinuxSessionSignals.h"
 #include "platform/linux/MprisPlayerBackend.h"
 #include "platform/linux/UPowerPowerSource.h"
 #include "platform/linux/X11DesktopStacking.h"
 #include "platform/linux/X11DesktopWindow.h"
 #include "platform/linux/X11WindowList.h"
+#include "platform/linux/XdgAutostart.h"
+#include "scene/OfflineRender.h"
+#include "ui/OnboardingWindow.h"
+#include "ui/PopoverWindow.h"
+#include "ui/SettingsWindow.h"
 
 #include <QCoreApplication>
 #include <QDesktopServices>
@@ -28,6 +37,7 @@
 #include <QLocale>
 #include <QScreen>
 #include <QSettings>
+#include <QTemporaryDir>
 #include <QUrl>
 
 AppDelegate::AppDelegate(Options o, QObject *parent) : QObject(parent), options(o) {
@@ -40,6 +50,9 @@ AppDelegate::AppDelegate(Options o, QObject *parent) : QObject(parent), options(
 
 AppDelegate::~AppDelegate() {
     // Views first: they hold references to everything below.
+    onboardingWindow.reset();
+    settingsWindow.reset();
+    popoverWindow.reset();
     tray.reset();
     desktopWindows.reset();
     monitor.reset();
@@ -48,15 +61,6 @@ AppDelegate::~AppDelegate() {
 SceneInstaller &AppDelegate::scenes() {
     if (!installer) installer = std::make_unique<SceneInstaller>(*settingsStore);
     return *installer;
-}
-
-QString AppDelegate::autostartWord() {
-    const QString dir = AppIdentity::xdgFolder("XDG_CONFIG_HOME", QStringLiteral("/.config")) + QStringLiteral("/autostart");
-    const QString file = dir + QStringLiteral("/turnelo.desktop");
-    if (!QFile::exists(file)) return QStringLiteral("desligado");
-    QSettings entry(file, QSettings::IniFormat);
-    const QString hidden = entry.value(QStringLiteral("Desktop Entry/Hidden")).toString();
-    return hidden == QStringLiteral("true") ? QStringLiteral("desligado") : QStringLiteral("ativo");
 }
 
 QString AppDelegate::startupLine(const QString &version, const QString &path, const QString &language,
@@ -68,7 +72,7 @@ QString AppDelegate::startupLine(const QString &version, const QString &path, co
 
 void AppDelegate::start() {
     Log::write(startupLine(AppIdentity::version(), QCoreApplication::applicationFilePath(),
-                           QLocale::system().uiLanguages().value(0), autostartWord(),
+                           QLocale::system().uiLanguages().value(0), XdgAutostart::word(),
                            int(QGuiApplication::screens().size())));
 
     history = std::make_unique<HistoryStore>(*settingsStore);
@@ -119,8 +123,18 @@ void AppDelegate::start() {
     players = std::make_unique<MprisPlayerBackend>();
     monitor = std::make_unique<NowPlayingMonitor>(*state, *players);
     connect(state.get(), &PlayerState::artworkChanged, this, &AppDelegate::recordHistory);
+    MusicPermission::Probe probe;
+    probe.players = [backend = players.get()] { return backend->sources(); };
+    // MPRIS asks no consent: a player is readable while it is open.
+    probe.status = [backend = players.get()](const PlayerSource &source) {
+        return backend->isRunning(source) ? MusicPermission::Status::available : MusicPermission::Status::notRunning;
+    };
+    music = std::make_unique<MusicPermission>(*settingsStore, probe);
+    connect(music.get(), &MusicPermission::setupFinished, monitor.get(), &NowPlayingMonitor::start);
     if (options.markMusicSetupDone) settingsStore->setMusicSetupDone(true);
     if (settingsStore->musicSetupDone()) monitor->start();
+    launcher = std::make_unique<SystemProcessLauncher>();
+    cleaner = std::make_unique<DesktopCleaner>(*settingsStore, linuxDesktopPreferences(), *launcher);
 
     tray = std::make_unique<TrayIcon>(TrayIcon::Actions{
         [this] { return settingsStore->showTurntable(); },
@@ -130,8 +144,76 @@ void AppDelegate::start() {
         [this] { desktopWindows->loadScene(); },
         [] { QDesktopServices::openUrl(QUrl::fromLocalFile(Log::path())); },
         [] { QCoreApplication::quit(); },
+        [this](const QRect &icon) {
+            if (popover().isVisible())
+                popover().hide();
+            else
+                popover().popup(icon);
+        },
     });
     tray->setVisible(settingsStore->showMenuBarIcon());
+    connect(settingsStore.get(), &Settings::changed, this, [this](const QString &key) {
+        if (key == QStringLiteral("showMenuBarIcon")) tray->setVisible(settingsStore->showMenuBarIcon());
+    });
+
+    if (!settingsStore->onboardingDone()) onboarding().show(1);
+}
+
+UiServices AppDelegate::uiServices() {
+    UiServices u;
+    u.settings = settingsStore.get();
+    u.state = state.get();
+    u.status = status.get();
+    u.power = power.get();
+    u.installer = &scenes();
+    u.history = history.get();
+    u.music = music.get();
+    u.cleaner = cleaner.get();
+    u.setShowTurntable = [this](bool on) { setShowTurntable(on); };
+    u.setScreens = [this](bool all) { setScreens(all); };
+    u.reloadScene = [this] {
+        if (desktopWindows) desktopWindows->loadScene();
+    };
+    u.openLog = [] { QDesktopServices::openUrl(QUrl::fromLocalFile(Log::path())); };
+    u.quit = [] { QCoreApplication::quit(); };
+    u.showSettings = [this] { settings().show(); };
+    u.showOnboarding = [this](int step) { onboarding().show(step); };
+    u.launchAtLogin = [] { return XdgAutostart::isEnabled(); };
+    u.setLaunchAtLogin = [](bool on) { return XdgAutostart::setEnabled(on, QCoreApplication::applicationFilePath()); };
+    u.roomPicture = [this](QSize size) { return roomPicture(size); };
+    u.logPath = Log::path();
+    return u;
+}
+
+PopoverWindow &AppDelegate::popover() {
+    if (!popoverWindow) popoverWindow = std::make_unique<PopoverWindow>(uiServices());
+    return *popoverWindow;
+}
+
+SettingsWindow &AppDelegate::settings() {
+    if (!settingsWindow) settingsWindow = std::make_unique<SettingsWindow>(uiServices());
+    return *settingsWindow;
+}
+
+OnboardingWindow &AppDelegate::onboarding() {
+    if (!onboardingWindow) onboardingWindow = std::make_unique<OnboardingWindow>(uiServices());
+    return *onboardingWindow;
+}
+
+QImage AppDelegate::roomPicture(QSize size) {
+    // The same path as "turnelo render": the installed room at this hour, as it stands now.
+    const auto scene = SceneLocation::resolve();
+    QTemporaryDir dir;
+    if (!scene || !dir.isValid()) return {};
+    OfflineRender::Options o;
+    o.sceneDir = scene->root;
+    o.framing = status->framing();
+    o.width = size.width();
+    o.height = size.height();
+    o.output = dir.filePath(QStringLiteral("room.png"));
+    o.localTime = QDateTime::currentDateTime();
+    if (!OfflineRender::render(o).isEmpty()) return {};
+    return QImage(o.output);
 }
 
 void AppDelegate::setShowTurntable(bool on) {
@@ -151,6 +233,7 @@ void AppDelegate::setScreens(bool all) {
 void AppDelegate::reopen() {
     Log::write(QStringLiteral("Turnelo: aberta de novo"));
     if (desktopWindows && settingsStore->showTurntable()) desktopWindows->show();
+    settings().show();
 }
 
 void AppDelegate::recordHistory() {

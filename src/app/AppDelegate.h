@@ -1,20 +1,28 @@
 #pragma once
 
+#include "ui/UiServices.h"
+
 #include <QObject>
 #include <QString>
 #include <memory>
 
+class DesktopCleaner;
 class DesktopWindowController;
 class HistoryStore;
 class MprisPlayerBackend;
+class MusicPermission;
 class NowPlayingMonitor;
+class OnboardingWindow;
 class PlayerState;
+class PopoverWindow;
 class PowerMonitor;
 class PowerSource;
 class SceneInstaller;
 class SceneStatus;
 class SessionSignals;
 class Settings;
+class SettingsWindow;
+class SystemProcessLauncher;
 class SingleInstance;
 class TrayIcon;
 class WeatherService;
@@ -29,7 +37,7 @@ class AppDelegate : public QObject {
     Q_OBJECT
 public:
     struct Options {
-        bool markMusicSetupDone = false;  // until onboarding exists, the command line can say it
+        bool markMusicSetupDone = false;  // scripted starts skip the music step of the onboarding
     };
 
     explicit AppDelegate(Options options, QObject *parent = nullptr);
@@ -41,19 +49,26 @@ public:
     void setShowTurntable(bool on);
     // Stores "all" or "main" and rebuilds the windows.
     void setScreens(bool all);
-    // Another start of the program knocked: bring the room back.
+    // Another start of the program knocked: bring the room back and show the settings, the way
+    // to reach Turnelo when its tray icon is hidden.
     void reopen();
-
-    // "ativo" when the XDG autostart entry exists and is not hidden, else "desligado".
-    static QString autostartWord();
     // The start-up line.
     static QString startupLine(const QString &version, const QString &path, const QString &language,
                                const QString &autostart, int screens);
 
     SceneInstaller &scenes();
+    // The windows, built when first asked for.
+    PopoverWindow &popover();
+    SettingsWindow &settings();
+    OnboardingWindow &onboarding();
+    // What the windows reach; valid after start().
+    UiServices uiServices();
+    PlayerState &playerState() { return *state; }
+    NowPlayingMonitor *nowPlaying() { return monitor.get(); }
 
 private:
     void recordHistory();
+    QImage roomPicture(QSize size);
 
     Options options;
     std::unique_ptr<Settings> settingsStore;
@@ -69,7 +84,13 @@ private:
     std::unique_ptr<SceneInstaller> installer;
     std::unique_ptr<MprisPlayerBackend> players;
     std::unique_ptr<NowPlayingMonitor> monitor;
+    std::unique_ptr<MusicPermission> music;
+    std::unique_ptr<SystemProcessLauncher> launcher;
+    std::unique_ptr<DesktopCleaner> cleaner;
     std::unique_ptr<DesktopWindowController> desktopWindows;
     std::unique_ptr<TrayIcon> tray;
+    std::unique_ptr<PopoverWindow> popoverWindow;
+    std::unique_ptr<SettingsWindow> settingsWindow;
+    std::unique_ptr<OnboardingWindow> onboardingWindow;
     QString recordedAlbum;
 };

@@ -1,9 +1,9 @@
 #include "app/TrayIcon.h"
 
+#include "ui/AppIcon.h"
+
 #include <QActionGroup>
 #include <QMenu>
-#include <QPainter>
-#include <QPixmap>
 
 TrayIcon::TrayIcon(Actions a, QObject *parent) : QObject(parent), actions(std::move(a)) {
     contextMenu = std::make_unique<QMenu>();
@@ -43,9 +43,12 @@ TrayIcon::TrayIcon(Actions a, QObject *parent) : QObject(parent), actions(std::m
     tray.setIcon(makeIcon());
     tray.setToolTip(QStringLiteral("Turnelo"));
     tray.setContextMenu(contextMenu.get());
-    // A left click opens the same menu until the popover exists.
     connect(&tray, &QSystemTrayIcon::activated, this, [this](QSystemTrayIcon::ActivationReason reason) {
-        if (reason == QSystemTrayIcon::Trigger) contextMenu->popup(QCursor::pos());
+        if (reason != QSystemTrayIcon::Trigger) return;
+        if (actions.open)
+            actions.open(tray.geometry());
+        else
+            contextMenu->popup(QCursor::pos());
     });
 }
 
@@ -61,26 +64,4 @@ void TrayIcon::refresh() {
     mainDisplay->setChecked(!all);
 }
 
-QIcon TrayIcon::makeIcon() {
-    QIcon icon;
-    for (int side : {16, 22, 24, 32, 48, 64}) {
-        QPixmap pixmap(side, side);
-        pixmap.fill(Qt::transparent);
-        QPainter p(&pixmap);
-        p.setRenderHint(QPainter::Antialiasing);
-        const QRectF disc(side * 0.06, side * 0.06, side * 0.88, side * 0.88);
-        p.setPen(Qt::NoPen);
-        p.setBrush(QColor(40, 40, 40));
-        p.drawEllipse(disc);
-        p.setPen(QPen(QColor(110, 110, 110), std::max(1.0, side / 24.0)));
-        p.setBrush(Qt::NoBrush);
-        p.drawEllipse(disc.adjusted(side * 0.14, side * 0.14, -side * 0.14, -side * 0.14));
-        p.setPen(Qt::NoPen);
-        p.setBrush(QColor(200, 60, 50));
-        p.drawEllipse(disc.center(), side * 0.15, side * 0.15);
-        p.setBrush(QColor(235, 235, 235));
-        p.drawEllipse(disc.center(), side * 0.035, side * 0.035);
-        icon.addPixmap(pixmap);
-    }
-    return icon;
-}
+QIcon TrayIcon::makeIcon() { return AppIcon::icon(); }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <QObject>
+#include <QRect>
 #include <QSystemTrayIcon>
 #include <functional>
 #include <memory>
@@ -8,9 +9,10 @@
 class QAction;
 class QMenu;
 
-// The tray item (StatusNotifierItem where the desktop has one) and its small menu: show or
-// hide the room, one display or all, reload the scene, open the log, quit. The menu reads its
-// state each time it opens. Main thread.
+// The tray item (StatusNotifierItem where the desktop has one). A left click opens the popover
+// at the icon; the right-click menu keeps the short list: show or hide the room, one display or
+// all, reload the scene, open the log, quit. The menu reads its state each time it opens.
+// Main thread.
 class TrayIcon : public QObject {
     Q_OBJECT
 public:
@@ -22,13 +24,15 @@ public:
         std::function<void()> reload;
         std::function<void()> openLog;
         std::function<void()> quit;
+        // A left click; the icon's rectangle on the screen, empty where the tray gives none.
+        std::function<void(const QRect &)> open;
     };
 
     explicit TrayIcon(Actions actions, QObject *parent = nullptr);
     ~TrayIcon() override;
 
     void setVisible(bool visible);
-    // The record drawn at the given size: the tray's icon, also the settings window's later.
+    // Turnelo's icon at every size the theme asks for.
     static QIcon makeIcon();
 
 private:

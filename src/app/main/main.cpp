@@ -5,6 +5,7 @@
 #include "app/SingleInstance.h"
 #include "core/scene/SceneLocation.h"
 #include "scene/OfflineRender.h"
+#include "ui/AppIcon.h"
 
 #include <QApplication>
 #include <QCommandLineParser>
@@ -121,7 +122,7 @@ static int runRoom(QApplication &app) {
     p.setApplicationDescription("Turnelo: a photoreal room with a record player on the desktop.");
     p.addHelpOption();
     const QCommandLineOption musicDone("music-setup-done",
-                                       "Follow the music players from now on (stored; the onboarding will ask later).");
+                                       "Follow the music players from now on, as the onboarding's music step does (stored).");
     p.addOption(musicDone);
     p.process(app);
     SingleInstance instance(SingleInstance::defaultName());
@@ -129,6 +130,9 @@ static int runRoom(QApplication &app) {
         QTextStream(stderr) << "turnelo: already running; asked it to show the room\n";
         return 0;
     }
+    // The launcher's name, so the desktop ties the windows to the menu entry and its icon.
+    QGuiApplication::setDesktopFileName(QStringLiteral("turnelo"));
+    QApplication::setWindowIcon(AppIcon::icon());
     AppDelegate::Options options;
     options.markMusicSetupDone = p.isSet(musicDone);
     AppDelegate delegate(options);

@@ -87,6 +87,8 @@ public:
     // A passing message for the user ("The room download changed on the server. …"), or empty.
     const QString &notice() const { return noticeText; }
     const QString &root() const { return rootPath; }
+    // The last catalog fetched or read from the cache; none before the first.
+    const std::optional<SceneCatalog> &catalog() const { return lastCatalog; }
 
     std::function<void()> onInstalled;
 

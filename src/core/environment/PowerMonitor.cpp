@@ -30,6 +30,13 @@ PowerMonitor::PowerMonitor(Settings &settings, PowerSource *source, QObject *par
         connect(source, &PowerSource::changed, this, &PowerMonitor::read);
         connect(source, &PowerSource::lowPowerModeChanged, this, &PowerMonitor::readLowPowerMode);
     }
+    // The same choices written elsewhere (the settings window, turnelo-defaults).
+    connect(&settings, &Settings::changed, this, [this](const QString &key) {
+        if (key == QLatin1String("ecoMode"))
+            setEcoEnabled(this->settings.ecoMode());
+        else if (key == QLatin1String("ecoTrigger"))
+            setTrigger(this->settings.ecoTrigger());
+    });
 }
 
 bool PowerMonitor::ecoActive() const

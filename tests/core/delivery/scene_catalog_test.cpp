@@ -1,4 +1,5 @@
 #include "core/delivery/SceneCatalog.h"
+#include "core/delivery/Updates.h"
 
 #include <gtest/gtest.h>
 
@@ -116,6 +117,17 @@ TEST(SceneCatalog, LeavesOutUnsafeNamesSizesDigestsAndNewerVersions)
     e.minAppVersion = QStringLiteral("1.x");
     EXPECT_TRUE(usable(e, "1.0"));
     EXPECT_FALSE(usable(e, "0.9"));
+
+    // A package this version cannot use tells of a newer application: the highest such version.
+    SceneCatalog c;
+    c.version = 1;
+    for (const char *v : {"1.10", "0.5", "1.9.3"}) {
+        c.scenes.append(entry(v));
+        c.scenes.back().minAppVersion = QString::fromLatin1(v);
+    }
+    c.scenes.append(entry("none"));
+    EXPECT_EQ(Updates::newerVersion(c, "1.9.3"), QStringLiteral("1.10"));
+    EXPECT_EQ(Updates::newerVersion(c, "1.10.0"), std::nullopt);
 }
 
 TEST(SceneCatalog, PicksFirstUsableBaseAndGroupsFramingsOfItsScene)

@@ -1,0 +1,210 @@
+// The tray popover: framing tiles over a real installer fetching from nginx, and the light
+// dial in the running application, where a choice reaches the settings and the room's light.
+
+#include "NginxServer.h"
+#include "ScenePackages.h"
+#include "TestSupport.h"
+#include "app/AppDelegate.h"
+#include "core/app/AppIdentity.h"
+#include "core/app/Log.h"
+#include "core/app/Settings.h"
+#include "core/delivery/PackageDownload.h"
+#include "core/delivery/SceneInstaller.h"
+#include "core/music/PlayerState.h"
+#include "core/scene/SceneStatus.h"
+#include "ui/FramingTile.h"
+#include "ui/LightDial.h"
+#include "ui/PopoverWindow.h"
+
+#include <QProcess>
+#include <QTemporaryDir>
+#include <QTest>
+#include <gtest/gtest.h>
+
+using namespace testsupport;
+using namespace scenepackages;
+using namespace std::chrono_literals;
+using Kind = PopoverModel::Tile::Kind;
+
+namespace {
+
+FramingTile *tileNamed(PopoverWindow &popover, const QString &name)
+{
+    for (FramingTile *t : popover.framingTiles())
+        if (t->tile().name == name)
+            return t;
+    return nullptr;
+}
+
+void keep(PopoverWindow &popover, const QString &file)
+{
+    popover.grab().save(QStringLiteral(TURNELO_BINARY_DIR "/") + file);
+}
+
+// The words of the header, the status line and the now-playing section, from the shared state.
+TEST(PopoverModel, SaysWhereTheRoomIsWhatPlaysAndWhatWentWrong)
+{
+    QTemporaryDir tmp;
+    Settings settings(tmp.filePath("settings.json"));
+    PlayerState state;
+    SceneStatus status;
+    UiServices services;
+    services.settings = &settings;
+    services.state = &state;
+    services.status = &status;
+    PopoverModel model(services);
+
+    EXPECT_EQ(model.header(), "On the desk · Main display");
+    settings.setAllScreens(true);
+    EXPECT_EQ(model.header(), "On the desk · All displays");
+    settings.setShowTurntable(false);
+    EXPECT_EQ(model.header(), "Hidden");
+
+    EXPECT_EQ(model.statusLines(), QStringList{"Getting the room ready…"});
+    status.setProblem(QString("manifest.json: contract 2"));
+    EXPECT_EQ(model.statusLines(),
+              (QStringList{"The room didn’t load. Reload it in Settings › Scene.", "manifest.json: contract 2"}));
+    status.setWeather({true, 0.5});
+    EXPECT_EQ(model.statusLines().last(), "Raining in São Paulo");
+    settings.setEffect("fxWeather", false);
+    EXPECT_EQ(model.statusLines().size(), 2) << "no weather while rain is off";
+
+    EXPECT_FALSE(model.nowPlaying().hasTrack);
+    EXPECT_EQ(model.nowPlaying().emptyText, "Connect Spotify or Music…");
+    settings.setMusicSetupDone(true);
+    EXPECT_EQ(model.nowPlaying().emptyText, "Play something in Spotify or Music.");
+    Track track;
+    track.title = "Wave";
+    track.album = "Wave";
+    track.trackNumber = 9;
+    track.trackCount = 14;
+    track.source = {"org.mpris.MediaPlayer2.spotify", "Spotify", "Spotify"};
+    state.setTrack(track);
+    EXPECT_EQ(model.nowPlaying().side, "Side B · track 2");
+    EXPECT_EQ(model.nowPlaying().player, "Spotify");
+    track.trackNumber = 0;
+    state.setTrack(track);
+    EXPECT_EQ(model.nowPlaying().side, "");
+
+    // Under an icon of a top panel, above one of a bottom panel, at the cursor without a tray
+    // rectangle, and always inside the screen.
+    const QRect screen(0, 0, 1280, 800);
+    const QSize size(340, 600);
+    EXPECT_EQ(PopoverWindow::placement({1000, 0, 24, 24}, {}, size, screen), QPoint(841, 27));
+    EXPECT_EQ(PopoverWindow::placement({1000, 776, 24, 24}, {}, size, screen), QPoint(841, 172));
+    EXPECT_EQ(PopoverWindow::placement({1260, 0, 20, 24}, {}, size, screen), QPoint(940, 27));
+    EXPECT_EQ(PopoverWindow::placement({}, {100, 50}, size, screen), QPoint(0, 58));
+}
+
+TEST(PopoverWindow, FramingTilesShowSizeProgressAndFailureOfTheInstaller)
+{
+    NginxServer server(QStringLiteral("300k"));
+    ASSERT_TRUE(server.start());
+    QTemporaryDir tmp;
+    const auto base = publishScene(server.scenesDir(), tmp.path(), "apt-1.zip", "base", 10000);
+    auto framing = [](SceneCatalog::Entry e, const QString &name) {
+        e.framing = name;
+        e.base = false;
+        return e;
+    };
+    // Slow enough that its progress shows; "top" lacks its folder and fails.
+    const auto close = framing(publishZip(server.scenesDir(), "slow-close.zip",
+                                          {{"close/light/a.exr", randomBytes(1500000, 7), {}, false}}, "close"),
+                               "close");
+    const auto top = framing(publishZip(server.scenesDir(), "top.zip", {{"elsewhere/t.exr", "T", {}, false}}, "top"), "top");
+    writeCatalog(server.scenesDir(), {base, close, top});
+
+    Settings settings(tmp.filePath("settings.json"));
+    settings.setValue("contentServiceURL", server.baseURL());
+    SceneInstaller::Options options;
+    options.root = tmp.filePath("support");
+    options.schedule = [](std::chrono::seconds, std::function<void()>) {};
+    SceneInstaller installer(settings, options);
+    SceneStatus status;
+    UiServices services;
+    services.settings = &settings;
+    services.installer = &installer;
+    services.status = &status;
+    PopoverWindow popover(services);
+    installer.sync();
+    ASSERT_TRUE(waitUntil([&] { return !installer.running(); }, 60s));
+    ASSERT_EQ(installer.phase().kind, SceneInstaller::Phase::ready) << qPrintable(installer.lastRunError());
+    popover.popup({});
+    ASSERT_TRUE(QTest::qWaitForWindowExposed(&popover));
+
+    FramingTile *closeTile = tileNamed(popover, "close");
+    ASSERT_TRUE(closeTile && tileNamed(popover, "top"));
+    EXPECT_EQ(closeTile->tile().kind, Kind::downloadable);
+    EXPECT_EQ(closeTile->tile().sizeText, PackageDownload::formatBytes(close.size));
+    EXPECT_EQ(closeTile->tile().title, "Close");
+    keep(popover, "popover-framing-offer.png");
+
+    QTest::mouseClick(closeTile, Qt::LeftButton);
+    EXPECT_TRUE(waitUntil([&] {
+        FramingTile *t = tileNamed(popover, "close");
+        return t && t->tile().kind == Kind::downloading && t->tile().progress > 0.2 && t->tile().progress < 0.9;
+    }, 30s)) << "no progress shown";
+    EXPECT_FALSE(tileNamed(popover, "close")->isEnabled()) << "a second click would start it again";
+    keep(popover, "popover-framing-progress.png");
+    ASSERT_TRUE(waitUntil([&] { return !installer.framingRunning(); }, 60s));
+    // Installed: no longer offered for download.
+    EXPECT_FALSE(tileNamed(popover, "close"));
+
+    QTest::mouseClick(tileNamed(popover, "top"), Qt::LeftButton);
+    ASSERT_TRUE(waitUntil([&] { return !installer.framingRunning(); }, 30s));
+    FramingTile *topTile = tileNamed(popover, "top");
+    ASSERT_TRUE(topTile);
+    EXPECT_EQ(topTile->tile().kind, Kind::failed);
+    EXPECT_EQ(topTile->tile().text, QString::fromUtf8(SceneInstaller::kFramingFailedText));
+    EXPECT_EQ(topTile->tile().sizeText, PackageDownload::formatBytes(top.size));
+    keep(popover, "popover-framing-failed.png");
+    // A click on the failure tries again.
+    const int before = int(server.accessLinesFor("/v1/scenes/top.zip").size());
+    QTest::mouseClick(topTile, Qt::LeftButton);
+    EXPECT_TRUE(installer.framingRunning());
+    ASSERT_TRUE(waitUntil([&] { return !installer.framingRunning(); }, 30s));
+    EXPECT_GT(server.accessLinesFor("/v1/scenes/top.zip").size(), before);
+
+    QTest::keyClick(&popover, Qt::Key_Escape);
+    EXPECT_FALSE(popover.isVisible());
+}
+
+TEST(PopoverWindow, LightDialReachesTheSettingsAndTheRoomsLight)
+{
+    if (lavapipeIcd().isEmpty())
+        GTEST_SKIP() << "no software Vulkan device (mesa-vulkan-drivers)";
+    QTemporaryDir tmp;
+    const QString scene = tmp.filePath("scene");
+    const auto gen = runTool(builtTool("turnelo-gen-scene"),
+                             {"--out", scene, "--width", "320", "--height", "180", "--framings", "wide"}, {}, 300000);
+    ASSERT_EQ(gen.exitCode, 0) << gen.err.constData();
+    const ScopedEnv scenes("TURNELO_SCENES_DIR", scene.toUtf8());
+    const QString file = Settings::userFilePath(AppIdentity::isRelease());
+    {
+        Settings user(file);
+        user.setOnboardingDone(true);
+        user.setValue("perfLogInterval", 1.0);
+        user.setValue("debugIgnoreOcclusion", true);
+    }
+    auto logFrom = [](qsizetype from) { return QString::fromUtf8(readFile(Log::path())).mid(from); };
+    AppDelegate delegate({});
+    delegate.start();
+    ASSERT_TRUE(waitUntil([&] { return logFrom(0).contains("Cena pronta"); }, 180s)) << qPrintable(logFrom(0));
+
+    PopoverWindow &popover = delegate.popover();
+    popover.popup({});
+    ASSERT_TRUE(QTest::qWaitForWindowExposed(&popover));
+    LightDial *dial = popover.lightDial();
+    for (const QString preset : {"manha", "noite"}) {
+        const qsizetype from = readFile(Log::path()).size();
+        QTest::mouseClick(dial, Qt::LeftButton, {}, dial->centerOf(preset).toPoint());
+        EXPECT_EQ(Settings(file).lightPreset(), preset);
+        // The performance line tells the light the room shows.
+        EXPECT_TRUE(waitUntil([&] { return logFrom(from).contains("luz " + preset + " 1.00"); }, 150s))
+            << qPrintable(preset) << "\n" << qPrintable(logFrom(from));
+    }
+    QTest::mouseClick(dial, Qt::LeftButton, {}, dial->rect().center());
+    EXPECT_EQ(Settings(file).lightPreset(), "auto");
+}
+
+}  // namespace

@@ -1,0 +1,117 @@
+// The settings window over a real settings file: its controls write each key with the key's
+// type, show what another process (turnelo-defaults) writes, and the login switch makes and
+// removes the autostart entry.
+
+#include "TestSupport.h"
+#include "core/app/Settings.h"
+#include "core/app/SettingsTable.h"
+#include "core/environment/PowerMonitor.h"
+#include "platform/linux/XdgAutostart.h"
+#include "ui/SettingsWindow.h"
+
+#include <QCheckBox>
+#include <QComboBox>
+#include <QFile>
+#include <QSpinBox>
+#include <QTemporaryDir>
+#include <QTest>
+#include <gtest/gtest.h>
+
+using namespace testsupport;
+using namespace std::chrono_literals;
+
+namespace {
+
+struct SettingsWindowTest : ::testing::Test {
+    QTemporaryDir dir;
+    QString file = dir.filePath("settings.json");
+    Settings settings{file};
+    PowerMonitor power{settings, nullptr};
+    std::unique_ptr<SettingsWindow> window;
+
+    void SetUp() override
+    {
+        UiServices s;
+        s.settings = &settings;
+        s.power = &power;
+        s.launchAtLogin = [] { return XdgAutostart::isEnabled(); };
+        s.setLaunchAtLogin = [](bool on) { return XdgAutostart::setEnabled(on, "/opt/Turnelo Test/turnelo"); };
+        window = std::make_unique<SettingsWindow>(s);
+        window->show(SettingsWindow::Tab::general);
+        ASSERT_TRUE(QTest::qWaitForWindowExposed(window.get()));
+    }
+
+    // What another process reads from the file: "boolean true", "string \"all\"", …
+    QString stored(const QString &key)
+    {
+        const auto type = runTool(builtTool("turnelo-defaults"), {"--file", file, "read-type", key});
+        const auto value = runTool(builtTool("turnelo-defaults"), {"--file", file, "read", key});
+        return QString::fromUtf8(type.out.trimmed()).remove("Type is ") + ' ' + QString::fromUtf8(value.out.trimmed());
+    }
+    void write(const QStringList &args)
+    {
+        const auto r = runTool(builtTool("turnelo-defaults"), QStringList{"--file", file, "write"} + args);
+        ASSERT_EQ(r.exitCode, 0) << r.err.constData();
+    }
+    template <typename W> W *control(const QString &key) { return window->findChild<W *>(key); }
+};
+
+TEST_F(SettingsWindowTest, ControlsWriteTheirKeysTypedAndFollowOutsideWrites)
+{
+    const QStringList switches{"showTurntable", "showMenuBarIcon", "ecoMode", "fxRecord", "fxBounce",
+                               "fxPanel",       "fxStack",         "steam",   "fxWeather", "musicSetupDone"};
+    for (const QString &key : switches) {
+        QCheckBox *box = control<QCheckBox>(key);
+        ASSERT_TRUE(box) << qPrintable(key);
+        EXPECT_EQ(box->text(), SettingsTable::label(key));
+        const bool before = box->isChecked();
+        window->tabs()->setCurrentWidget(box->parentWidget());
+        QTest::mouseClick(box, Qt::LeftButton, {}, QPoint(8, box->height() / 2));
+        EXPECT_EQ(stored(key), QString("boolean ") + (before ? "false" : "true")) << qPrintable(key);
+    }
+    // The saver's switch also reaches the power monitor, which the scene asks.
+    EXPECT_FALSE(power.ecoEnabled());
+
+    QComboBox *screens = control<QComboBox>("screens");
+    screens->setCurrentIndex(screens->findData("all"));
+    emit screens->activated(screens->currentIndex());
+    EXPECT_EQ(stored("screens"), "string \"all\"");
+    QComboBox *trigger = control<QComboBox>("ecoTrigger");
+    emit trigger->activated(trigger->findData("lowPower"));
+    EXPECT_EQ(stored("ecoTrigger"), "string \"lowPower\"");
+    EXPECT_EQ(power.trigger(), Settings::EcoTrigger::lowPower);
+    control<QSpinBox>("stackLimit")->setValue(9);
+    EXPECT_EQ(stored("stackLimit"), "integer 9");
+
+    // Written elsewhere while the window is open.
+    write({"fxBounce", "-bool", "true"});
+    write({"screens", "-string", "main"});
+    write({"stackLimit", "-int", "3"});
+    write({"ecoMode", "-bool", "true"});
+    EXPECT_TRUE(waitUntil([&] {
+        return control<QCheckBox>("fxBounce")->isChecked() && control<QComboBox>("screens")->currentData() == "main" &&
+               control<QSpinBox>("stackLimit")->value() == 3 && control<QCheckBox>("ecoMode")->isChecked();
+    }, 10s)) << "the open window did not follow the file";
+    EXPECT_TRUE(power.ecoEnabled());
+    // A key written with another type reads as its default, and the switch says so.
+    write({"fxStack", "-string", "no"});
+    EXPECT_TRUE(waitUntil([&] { return control<QCheckBox>("fxStack")->isChecked(); }, 10s));
+}
+
+TEST_F(SettingsWindowTest, LaunchAtLoginMakesAndRemovesTheAutostartEntry)
+{
+    QCheckBox *login = control<QCheckBox>("launchAtLogin");
+    ASSERT_TRUE(login);
+    ASSERT_FALSE(login->isChecked());
+    EXPECT_EQ(XdgAutostart::word(), "desligado");
+    login->click();
+    const QByteArray entry = readFile(XdgAutostart::entryPath());
+    EXPECT_TRUE(entry.contains("\nExec=\"/opt/Turnelo Test/turnelo\"\n")) << entry.constData();
+    EXPECT_TRUE(entry.startsWith("[Desktop Entry]\n"));
+    EXPECT_EQ(XdgAutostart::word(), "ativo");
+    login->click();
+    EXPECT_FALSE(QFile::exists(XdgAutostart::entryPath()));
+    EXPECT_EQ(XdgAutostart::word(), "desligado");
+}
+
+}  // namespace
