@@ -111,8 +111,8 @@ TEST(BlenderRoom, QuickPackageRendersAndLightsTheNight) {
     EXPECT_LT(luma(evening, all), 0.6 * luma(noon, all)) << "the night is not darker than noon";
     EXPECT_NEAR(luma(small, all), luma(evening, all), 0.02 * luma(evening, all) + 0.5)
         << "the night does not hold until dawn";
-    // The desk under the lamp's shade against the desk between the turntable and the stack.
-    const QPointF pool = project(P, 520, -10, 750), away = project(P, -330, -120, 750);
+    // The desk under the lamp's shade against the desk between the stack and the turntable.
+    const QPointF pool = project(P, 520, -10, 750), away = project(P, -250, -170, 750);
     const int r = std::max(2, plate.width() / 80);
     const QRect poolArea(pool.toPoint() - QPoint(r, r), QSize(2 * r + 1, 2 * r + 1));
     const QRect awayArea(away.toPoint() - QPoint(r, r), QSize(2 * r + 1, 2 * r + 1));

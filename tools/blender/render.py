@@ -58,6 +58,8 @@ def parse_args():
     p.add_argument("--cache", default=None)
     p.add_argument("--threads", type=int, default=0, help="render threads (0: all cores)")
     p.add_argument("--scene-tool", default=None, help="turnelo-scene, to validate the package")
+    p.add_argument("--max-renders", type=int, default=0,
+                   help="stop after this many new renders (the cache keeps them; the same command resumes)")
     a = p.parse_args(argv)
     size = a.size or ("320x180" if a.quick else "1920x1080")
     a.width, a.height = (int(v) for v in size.lower().split("x"))
@@ -188,6 +190,7 @@ class Pipeline:
         self.scene = self.room.scene
         self.src = source_hash()
         self.done = 0
+        self.fresh = 0
         self.total = 0
         self.seconds = 0.0
         self.setup_scene()
@@ -196,13 +199,18 @@ class Pipeline:
             "vinyl_spec": R.vinyl_material("vinyl_spec", "spec"),
             "vinyl_diffuse": R.vinyl_material("vinyl_diffuse", "diffuse"),
             "black": R.principled("black_sleeve", (0.0, 0.0, 0.0), roughness=1.0, specular=0.0),
-            "clear": self.clear_material(),
+            "clear": self.clear_material("clear", False),
+            "clear_glass": self.clear_material("clear_glass", True),
         }
 
     @staticmethod
-    def clear_material():
-        mat = R.material("clear")
+    def clear_material(name, window):
+        """Fully transparent, so that coverage behind it is exact; the window keeps its AOVs."""
+        mat = R.material(name)
         g = R.Nodes(mat)
+        if window:
+            g.aov("glass", 1.0)
+            g.aov("glassdust", g.math('GREATER_THAN', g.n("ShaderNodeLightPath").outputs["Transparent Depth"], 0.5))
         g.output(g.n("ShaderNodeBsdfTransparent", Color=(1, 1, 1, 1)))
         return mat
 
@@ -256,6 +264,10 @@ class Pipeline:
         if os.path.exists(path):
             print("%s: em cache" % tag, flush=True)
             return read_layers(path)
+        if self.a.max_renders and self.fresh >= self.a.max_renders:
+            print("parado após %d renders novos; o mesmo comando retoma" % self.fresh, flush=True)
+            raise SystemExit(3)
+        self.fresh += 1
         os.makedirs(self.a.cache, exist_ok=True)
         setup()
         self.scene.render.filepath = path + ".part.exr"
@@ -370,7 +382,7 @@ class Pipeline:
             self.scene.cycles.samples = 16 if a.quick else 64
             self.scene.cycles.max_bounces = 0
             rm.dust_cover.data.materials[0] = self.swaps["clear"]
-            bpy.data.objects["glass"].data.materials[0] = self.swaps["clear"]
+            bpy.data.objects["glass"].data.materials[0] = self.swaps["clear_glass"]
             rm.set_time("dia")
         m = self.render("%s/masks" % name, {"kind": "masks", "framing": name, "s": self.scene.cycles.samples}, masks_setup)
         masks = self.write_masks(fdir, m)
@@ -704,8 +716,10 @@ if __name__ == "__main__":
     try:
         main()
     except SystemExit as e:
-        if e.code not in (0, None):
-            print(e.code if isinstance(e.code, str) else "falhou", file=sys.stderr, flush=True)
+        if isinstance(e.code, int):
+            os._exit(e.code)
+        if e.code is not None:
+            print(e.code, file=sys.stderr, flush=True)
             os._exit(1)
         os._exit(0)
     except Exception:

@@ -166,7 +166,7 @@ class Nodes:
     def aov(self, name, value):
         node = self.nt.nodes.new("ShaderNodeOutputAOV")
         node.name = name
-        key = "Color" if isinstance(value, bpy.types.NodeSocket) and value.type == 'RGBA' else "Value"
+        key = "Color" if isinstance(value, bpy.types.NodeSocket) and value.type in ('RGBA', 'VECTOR') else "Value"
         self.set(node.inputs[key], value)
         return node
 
@@ -382,6 +382,7 @@ class Room:
     # -- structure
     def build(self):
         self.build_room()
+        self.build_print()
         self.build_desk()
         self.build_turntable()
         self.build_arm()
@@ -439,6 +440,29 @@ class Room:
         for v in curtain.data.vertices:
             v.co.z += 0.035 * math.sin(v.co.x * 2 * math.pi * 7)
         curtain.modifiers.new("solid", 'SOLIDIFY').thickness = 0.004
+
+    def build_print(self):
+        """A framed print on the wall, right of the window."""
+        c = self.coll["room"]
+        frame = principled("print_frame", (0.03, 0.03, 0.03), roughness=0.3)
+        cx, cz, w, h = 0.52, 1.72, 0.50, 0.64
+        y = WALL_Y - 0.012
+        box("print_frame", (w, 0.024, h), (cx, y, cz), c, frame, bevel=0.003)
+        art = material("print_art")
+        g = Nodes(art)
+        tc = g.n("ShaderNodeTexCoord")
+        warp = g.n("ShaderNodeTexNoise", Vector=tc.outputs["Object"], Scale=1.4, Detail=1.0)
+        bands = g.n("ShaderNodeTexWave", Vector=warp.outputs["Color"], Scale=1.2, Distortion=2.0, _wave_type='BANDS')
+        col = g.ramp(bands.outputs["Fac"], [(0.2, (0.75, 0.35, 0.12)), (0.45, (0.92, 0.82, 0.62)),
+                                           (0.7, (0.12, 0.25, 0.38)), (0.9, (0.85, 0.6, 0.25))])
+        bsdf = g.n("ShaderNodeBsdfPrincipled", Roughness=0.6, Specular=0.3)
+        g.set(bsdf.inputs["Base Color"], col)
+        g.output(bsdf)
+        mat_board = principled("print_mat", (0.86, 0.85, 0.8), roughness=0.8)
+        box("print_board", (w - 0.03, 0.004, h - 0.03), (cx, y - 0.013, cz), c, mat_board)
+        canvas = mesh_object("print", lambda: bpy.ops.mesh.primitive_plane_add(size=1), c, art,
+                             (cx, y - 0.0155, cz), (math.pi / 2, 0, 0))
+        canvas.scale = (w - 0.13, h - 0.13, 1)
 
     def fabric(self, colour):
         mat = material("fabric_%d" % len(self.materials))
@@ -627,7 +651,7 @@ class Room:
         self.sleeve_size = s
         # The stack of sleeves on the desk, left; the top one shows the previous album.
         self.stack_top = None
-        sx, sy = -0.58, 0.02
+        sx, sy = -0.47, -0.03
         arts = [(0.55, 0.12, 0.08), (0.1, 0.22, 0.35), (0.85, 0.7, 0.2), (0.15, 0.15, 0.15), (0.6, 0.55, 0.48), (0.2, 0.4, 0.25)]
         z = DESK_Z
         for i, col in enumerate(arts + [None]):
