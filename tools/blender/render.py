@@ -23,6 +23,7 @@ from mathutils import Vector
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 sys.path.insert(0, HERE)
+import denoise  # noqa: E402
 import room as R  # noqa: E402
 
 GROUPS = ["sun", "sky", "room", "lamp"]
@@ -58,6 +59,7 @@ def parse_args():
     p.add_argument("--cache", default=None)
     p.add_argument("--threads", type=int, default=0, help="render threads (0: all cores)")
     p.add_argument("--scene-tool", default=None, help="turnelo-scene, to validate the package")
+    p.add_argument("--no-denoise", action="store_true", help="write the light plates as Cycles left them")
     p.add_argument("--max-renders", type=int, default=0,
                    help="stop after this many new renders (the cache keeps them; the same command resumes)")
     a = p.parse_args(argv)
@@ -70,11 +72,15 @@ def parse_args():
     return a
 
 
+# Bumped when a change here alters what a render produces (its settings and scene states); the
+# post-processing can change without rendering again.
+RENDER_VERSION = 1
+
+
 def source_hash():
-    h = hashlib.sha1()
-    for name in ("room.py", "render.py"):
-        with open(os.path.join(HERE, name), "rb") as f:
-            h.update(f.read())
+    h = hashlib.sha1(str(RENDER_VERSION).encode())
+    with open(os.path.join(HERE, "room.py"), "rb") as f:
+        h.update(f.read())
     return h.hexdigest()[:12]
 
 
@@ -191,6 +197,7 @@ class Pipeline:
         self.src = source_hash()
         self.done = 0
         self.fresh = 0
+        self.cpu_seconds = 0.0
         self.total = 0
         self.seconds = 0.0
         self.setup_scene()
@@ -246,10 +253,14 @@ class Pipeline:
         st.color_depth = '32'
         st.exr_codec = 'ZIP'
         vl = sc.view_layers[0]
+        # Guides for the denoiser.
+        vl.use_pass_normal = True
+        vl.use_pass_z = True
+        vl.use_pass_diffuse_color = True
         for g in GROUPS + ["view"]:
             vl.lightgroups.add(name=g)
         for name, kind in (("cover", 'VALUE'), ("label", 'VALUE'), ("record", 'VALUE'), ("glass", 'VALUE'),
-                           ("glassdust", 'VALUE'), ("strobe", 'COLOR'), ("stackuv", 'COLOR')):
+                           ("glassdust", 'VALUE'), ("wall", 'VALUE'), ("strobe", 'COLOR'), ("stackuv", 'COLOR')):
             aov = vl.aovs.add()
             aov.name = name
             aov.type = kind
@@ -257,7 +268,10 @@ class Pipeline:
     # -- one cached render
     def render(self, key, job, setup):
         """Renders once per distinct job; `setup` prepares the scene. Returns the passes."""
-        digest = hashlib.sha1(json.dumps([self.src, self.a.width, self.a.height, job], sort_keys=True).encode()).hexdigest()[:16]
+        cy = self.scene.cycles
+        settings = [cy.adaptive_threshold, cy.max_bounces, cy.diffuse_bounces, cy.glossy_bounces, cy.sample_clamp_indirect]
+        digest = hashlib.sha1(json.dumps([self.src, self.a.width, self.a.height, settings, job],
+                                         sort_keys=True).encode()).hexdigest()[:16]
         path = os.path.join(self.a.cache, "%s-%s.exr" % (key.replace("/", "_"), digest))
         self.done += 1
         tag = "[%d/%d] %s" % (self.done, self.total, key)
@@ -271,12 +285,14 @@ class Pipeline:
         os.makedirs(self.a.cache, exist_ok=True)
         setup()
         self.scene.render.filepath = path + ".part.exr"
-        t0 = time.time()
+        t0, c0 = time.time(), time.process_time()
         bpy.ops.render.render(write_still=True)
         os.replace(path + ".part.exr", path)
-        dt = time.time() - t0
+        dt, cpu = time.time() - t0, time.process_time() - c0
         self.seconds += dt
-        print("%s: %.1f s" % (tag, dt), flush=True)
+        self.cpu_seconds += cpu
+        # CPU time as well: on a shared machine the wall time says little about the render's cost.
+        print("%s: %.1f s (CPU %.1f s)" % (tag, dt, cpu), flush=True)
         return read_layers(path)
 
     # -- scene states
@@ -341,7 +357,8 @@ class Pipeline:
             json.dump(manifest, f, indent=2)
         size = sum(os.path.getsize(os.path.join(d, n)) for d, _, files in os.walk(a.out) for n in files)
         summary = {"out": a.out, "framings": a.framings, "size": [a.width, a.height], "samples": a.samples,
-                   "render_seconds": round(self.seconds, 1), "bytes": size, "noise": noise}
+                   "render_seconds": round(self.seconds, 1),
+                   "render_cpu_seconds": round(self.cpu_seconds, 1), "bytes": size, "noise": noise}
         self.validate()
         print(json.dumps(summary), flush=True)
 
@@ -377,14 +394,16 @@ class Pipeline:
         shutil.rmtree(fdir, ignore_errors=True)
         rm = self.room
         # Masks: no light, no bounces, clear glass; the AOVs give soft-edged coverage.
+        mask_samples = 16 if a.quick else 32
+
         def masks_setup():
             self.reset(name)
-            self.scene.cycles.samples = 16 if a.quick else 64
+            self.scene.cycles.samples = mask_samples
             self.scene.cycles.max_bounces = 0
             rm.dust_cover.data.materials[0] = self.swaps["clear"]
             bpy.data.objects["glass"].data.materials[0] = self.swaps["clear_glass"]
             rm.set_time("dia")
-        m = self.render("%s/masks" % name, {"kind": "masks", "framing": name, "s": self.scene.cycles.samples}, masks_setup)
+        m = self.render("%s/masks" % name, {"kind": "masks", "framing": name, "s": mask_samples}, masks_setup)
         masks = self.write_masks(fdir, m)
 
         # One render per time of day: every light group at once.
@@ -394,6 +413,14 @@ class Pipeline:
                 self.reset(name)
                 rm.set_time(t)
             light[t] = self.render("%s/light/%s" % (name, t), {"kind": "light", "framing": name, "time": t, "s": a.samples}, setup)
+        raw = {t: dict(layers) for t, layers in light.items()}
+        if not a.no_denoise:
+            for t, layers in light.items():
+                keys = [k for k in layers if k.startswith("Combined_")]
+                clean = denoise.filter_plates([layers[k][:, :, :3] for k in keys], layers["DiffCol"][:, :, :3],
+                                              layers["Normal"][:, :, :3], layers["Depth"][:, :, 0])
+                for k, img in zip(keys, clean):
+                    layers[k] = img
 
         plates = {}  # plate name -> (time, group)
         for t, info in R.TIMES.items():
@@ -412,12 +439,14 @@ class Pipeline:
         presets, recipes = self.presets(lambda p: plate(p, light), cam)
         used = sorted({p for r in recipes.values() for p, _ in r})
         noise = {}
-        wall = self.wall_patch(cam)
+        wall = self.wall_patch(m["wall"][:, :, 0])
         for p in used:
             img = plate(p, light)
             write_exr(os.path.join(fdir, "light", p + ".exr"), img, "dwaa")
             noise[p] = self.noise(img, wall)
-            print("%s: ruído %s = %s" % (name, p, "-" if noise[p] is None else "%.4f" % noise[p]), flush=True)
+            before = self.noise(plate(p, raw), wall)
+            print("%s: ruído %s = %s (antes do filtro %s)" % (name, p, "-" if noise[p] is None else "%.4f" % noise[p],
+                                                            "-" if before is None else "%.4f" % before), flush=True)
 
         # Record passes and the sleeve's bounce.
         record_box = cam.bounds(disc(R.RECORD_CENTRE + Vector((0, 0, R.RECORD_TOP - R.RECORD_CENTRE.z)), R.RECORD_R), 2)
@@ -453,7 +482,7 @@ class Pipeline:
         for p in used:
             write_exr(os.path.join(fdir, "record", p + "_spec.exr"), crop(plate(p, spec), record_box), "zip")
             write_exr(os.path.join(fdir, "record", p + "_diffuse.exr"), crop(plate(p, diff) * math.pi, record_box), "zip")
-            b = np.clip(plate(p, light) - plate(p, spec), 0, None) * (1 - record_px[:, :, None])
+            b = np.clip(plate(p, raw) - plate(p, spec), 0, None) * (1 - record_px[:, :, None])
             write_exr(os.path.join(fdir, "bounce", p + ".exr"), crop(b, bounce_box), "zip")
 
         # Tonearm sprites and shadows, per preset, over the room as a shadow catcher.
@@ -610,15 +639,21 @@ class Pipeline:
         write_png(os.path.join(fdir, "tonearm", preset, "shadow_%02d.png" % n), s)
 
     # -- noise
-    def wall_patch(self, cam):
-        y = R.WALL_Y - 0.001
-        corners = [Vector((x, y, z)) for x in (0.10, 0.28) for z in (1.20, 1.34)]
-        uv = np.array([cam.project(p)[0] for p in corners])
-        x0, x1 = int(math.ceil(uv[:, 0].min())), int(math.floor(uv[:, 0].max()))
-        y0, y1 = int(math.ceil(uv[:, 1].min())), int(math.floor(uv[:, 1].max()))
-        if x1 - x0 < 6 or y1 - y0 < 6 or x0 < 0 or y0 < 0 or x1 > cam.width or y1 > cam.height:
+    def wall_patch(self, wall):
+        """The square of plain wall (a fortieth of the plate wide, at least 8 pixels) nearest the
+        plate's centre, as (x0, y0, x1, y1); None when there is none."""
+        h, w = wall.shape
+        k = max(8, w // 40)
+        full = (wall > 0.999).astype(np.int64)
+        ii = np.zeros((h + 1, w + 1), np.int64)
+        ii[1:, 1:] = full.cumsum(0).cumsum(1)
+        sums = ii[k:, k:] - ii[:-k, k:] - ii[k:, :-k] + ii[:-k, :-k]
+        ys, xs = np.nonzero(sums == k * k)
+        if len(ys) == 0:
             return None
-        return (x0, y0, x1, y1)
+        d = (ys + k / 2 - h / 2) ** 2 + (xs + k / 2 - w / 2) ** 2
+        i = int(np.argmin(d))
+        return (int(xs[i]), int(ys[i]), int(xs[i]) + k, int(ys[i]) + k)
 
     @staticmethod
     def noise(img, patch):

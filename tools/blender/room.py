@@ -236,6 +236,7 @@ def plaster_material(name, colour):
     bsdf = g.n("ShaderNodeBsdfPrincipled", Roughness=0.85, Specular=0.3)
     g.set(bsdf.inputs["Base Color"], col)
     g.set(bsdf.inputs["Normal"], bump)
+    g.aov("wall", 1.0)  # where the noise figure is measured
     g.output(bsdf)
     return mat
 
