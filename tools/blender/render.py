@@ -54,7 +54,8 @@ def parse_args():
     p.add_argument("--out", required=True)
     p.add_argument("--quick", action="store_true", help="small and few samples: the whole package in minutes")
     p.add_argument("--size", default=None, help="WxH (default 1920x1080, quick 320x180)")
-    p.add_argument("--samples", type=int, default=None, help="samples of the light renders (default 384, quick 12)")
+    p.add_argument("--samples", type=int, default=None,
+                   help="samples of the light renders (default 80, quick 12); the arm and the record's irradiance take half")
     p.add_argument("--framings", default="wide,mid")
     p.add_argument("--cache", default=None)
     p.add_argument("--threads", type=int, default=0, help="render threads (0: all cores)")
@@ -66,7 +67,7 @@ def parse_args():
     size = a.size or ("320x180" if a.quick else "1920x1080")
     a.width, a.height = (int(v) for v in size.lower().split("x"))
     if a.samples is None:
-        a.samples = 12 if a.quick else 384
+        a.samples = 12 if a.quick else 80
     a.framings = [f for f in a.framings.split(",") if f]
     a.cache = a.cache or a.out.rstrip("/") + ".cache"
     return a
@@ -383,8 +384,8 @@ class Pipeline:
         run_out = self.room.yaw_for_radius(R.GROOVE_INNER)
         if self.a.quick:
             return [0.0, round(lead, 2), round(run_out, 2)]
-        inner = np.linspace(lead, run_out + 1.0, 5)
-        return [0.0, round(lead * 0.5, 2)] + [round(float(v), 2) for v in inner]
+        inner = np.linspace(lead, run_out + 1.0, 4)
+        return [0.0] + [round(float(v), 2) for v in inner]
 
     def framing(self, name, yaws):
         a = self.a
@@ -448,6 +449,12 @@ class Pipeline:
             print("%s: ruído %s = %s (antes do filtro %s)" % (name, p, "-" if noise[p] is None else "%.4f" % noise[p],
                                                             "-" if before is None else "%.4f" % before), flush=True)
 
+        # The same figure for each preset's whole light, as the composite sums it.
+        for preset, recipe in recipes.items():
+            n = self.noise(sum(plate(p, light) * w for p, w in recipe), wall)
+            noise["preset:" + preset] = n
+            print("%s: ruído da luz %s = %s" % (name, preset, "-" if n is None else "%.4f" % n), flush=True)
+
         # Record passes and the sleeve's bounce.
         record_box = cam.bounds(disc(R.RECORD_CENTRE + Vector((0, 0, R.RECORD_TOP - R.RECORD_CENTRE.z)), R.RECORD_R), 2)
         s = rm.sleeve_size
@@ -475,6 +482,7 @@ class Pipeline:
                 self.reset(name)
                 rm.set_time(t)
                 rm.record.data.materials[0] = self.swaps["vinyl_diffuse"]
+                self.scene.cycles.samples = max(8, a.samples // 2)
                 self.border(record_box)
             diff[t] = self.render("%s/record_diffuse/%s" % (name, t), {"kind": "diffuse", "framing": name, "time": t,
                                                                        "s": max(8, a.samples // 2), "box": record_box}, setup_diff)
@@ -498,11 +506,12 @@ class Pipeline:
                     rm.coll["arm"].hide_render = False
                     rm.coll["outside"].hide_render = True
                     rm.set_arm_yaw(yaw)
+                    self.scene.cycles.samples = max(8, a.samples // 2)
                     for c in ("room", "turntable", "props"):
                         for o in rm.coll[c].all_objects:
                             o.is_shadow_catcher = o is not rm.bulb
                     self.border(arm_box)
-                job = {"kind": "arm", "framing": name, "preset": preset, "yaw": yaw, "w": weights, "s": a.samples,
+                job = {"kind": "arm", "framing": name, "preset": preset, "yaw": yaw, "w": weights, "s": max(8, a.samples // 2),
                        "box": arm_box}
                 out = self.render("%s/tonearm/%s/%02d" % (name, preset, n), job, setup_arm)
                 self.write_arm(fdir, preset, n, out, arm_box)

@@ -660,9 +660,8 @@ class Room:
             rot = math.radians(self.rng.uniform(-7, 7))
             dx, dy = self.rng.uniform(-0.008, 0.008), self.rng.uniform(-0.008, 0.008)
             if col is None:
-                m = principled("stack_top", (0.8, 0.8, 0.8), roughness=0.55)
-                g = Nodes(m)
-                m.node_tree.nodes.clear()
+                # White in the plates; its AOV maps the plate to the art of the previous album.
+                m = material("stack_top")
                 g = Nodes(m)
                 uv = g.n("ShaderNodeUVMap")
                 sep = g.n("ShaderNodeSeparateXYZ", Vector=uv)
