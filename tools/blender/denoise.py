@@ -1,5 +1,5 @@
 # A cross-bilateral filter for Cycles light plates, for Blender builds without a denoiser (Debian's
-# has no OpenImageDenoise). The plate is divided by the diffuse colour, filtered over neighbours
+# has no OpenImageDenoise). The plate is divided by the surface colour (diffuse and glossy), filtered over neighbours
 # with a like normal, depth and colour, and multiplied back, so texture and edges stay sharp and only
 # the light's grain is smoothed. Pure numpy; images are H x W x C float32, top row first.
 import numpy as np
@@ -29,7 +29,7 @@ def _calm(im):
 def filter_plates(plates, albedo, normal, depth, radius=3, spatial=2.0):
     """Filters several plates of one render (same guides) at once; returns the filtered list.
 
-    albedo: diffuse colour (H x W x 3); normal: H x W x 3; depth: H x W (camera distance)."""
+    albedo: surface colour (H x W x 3); normal: H x W x 3; depth: H x W (camera distance)."""
     eps = 0.02
     diffuse = _lum(albedo) > eps
     alb = np.maximum(albedo, eps)

@@ -75,7 +75,7 @@ def parse_args():
 
 # Bumped when a change here alters what a render produces (its settings and scene states); the
 # post-processing can change without rendering again.
-RENDER_VERSION = 1
+RENDER_VERSION = 2
 
 
 def source_hash():
@@ -258,6 +258,7 @@ class Pipeline:
         vl.use_pass_normal = True
         vl.use_pass_z = True
         vl.use_pass_diffuse_color = True
+        vl.use_pass_glossy_color = True
         for g in GROUPS + ["view"]:
             vl.lightgroups.add(name=g)
         for name, kind in (("cover", 'VALUE'), ("label", 'VALUE'), ("record", 'VALUE'), ("glass", 'VALUE'),
@@ -418,7 +419,9 @@ class Pipeline:
         if not a.no_denoise:
             for t, layers in light.items():
                 keys = [k for k in layers if k.startswith("Combined_")]
-                clean = denoise.filter_plates([layers[k][:, :, :3] for k in keys], layers["DiffCol"][:, :, :3],
+                # Diffuse and glossy colour: metal and vinyl are filtered too, along their reflections.
+                colour = layers["DiffCol"][:, :, :3] + layers["GlossCol"][:, :, :3]
+                clean = denoise.filter_plates([layers[k][:, :, :3] for k in keys], colour,
                                               layers["Normal"][:, :, :3], layers["Depth"][:, :, 0])
                 for k, img in zip(keys, clean):
                     layers[k] = img

@@ -44,7 +44,7 @@ TIMES = {
             "sun_colour": (1.0, 0.98, 0.95)},
     "tarde": {"sun_key": "evening", "elevation": 17.0, "azimuth": 122.0, "sun": 10.0, "sky": 0.45,
               "sun_colour": (1.0, 0.66, 0.38)},
-    "noite": {"sun_key": None, "elevation": -7.0, "azimuth": 120.0, "sun": 0.0, "sky": 0.35,
+    "noite": {"sun_key": None, "elevation": -5.0, "azimuth": 120.0, "sun": 0.0, "sky": 0.4,
               "sun_colour": (1.0, 1.0, 1.0)},
 }
 # Strength of the city's own lights (lit windows, street glow) per time of day.
@@ -230,7 +230,7 @@ def plaster_material(name, colour):
     mat = material(name)
     g = Nodes(mat)
     noise = g.n("ShaderNodeTexNoise", Scale=180.0, Detail=6.0, Roughness=0.6)
-    bump = g.n("ShaderNodeBump", Strength=0.06, Distance=0.0003, Height=noise.outputs["Fac"])
+    bump = g.n("ShaderNodeBump", Strength=0.02, Distance=0.0003, Height=noise.outputs["Fac"])
     tone = g.n("ShaderNodeTexNoise", Scale=2.5, Detail=2.0)
     col = g.n("ShaderNodeMixRGB", _blend_type='MULTIPLY', Fac=0.08, Color1=(*colour, 1), Color2=tone.outputs["Color"])
     bsdf = g.n("ShaderNodeBsdfPrincipled", Roughness=0.85, Specular=0.3)
@@ -319,11 +319,15 @@ def city_lights_material(name):
                 **{"Brick Width": 1.6, "Row Height": 1.2}, _offset=0.0)
     cell = g.n("ShaderNodeTexWhiteNoise", _noise_dimensions='3D',
                Vector=g.n("ShaderNodeVectorMath", _operation='SNAP', Vector=tc.outputs["Object"], i1=(1.6, 1.6, 1.2)))
-    lit = g.math('GREATER_THAN', cell.outputs["Value"], 0.72)
+    lit = g.math('GREATER_THAN', cell.outputs["Value"], 0.78)
     window = g.math('SUBTRACT', 1.0, brick.outputs["Fac"])
-    warm = g.n("ShaderNodeMixRGB", Fac=cell.outputs["Color"], Color1=(1.0, 0.55, 0.22, 1), Color2=(0.9, 0.8, 0.65, 1))
+    # Each lit window its own lamp: warm to cool, bright to dim.
+    warm = g.n("ShaderNodeMixRGB", Fac=cell.outputs["Color"], Color1=(1.0, 0.45, 0.16, 1), Color2=(0.75, 0.7, 0.62, 1))
+    dim = g.math('MULTIPLY_ADD', g.n("ShaderNodeSeparateRGB", Image=cell.outputs["Color"]).outputs["G"], 0.8, 0.2)
     on = g.math('MULTIPLY', lit, window)
-    em = g.n("ShaderNodeEmission", Color=warm, Strength=3.0)
+    em = g.n("ShaderNodeEmission", Color=warm, Strength=1.0)
+    em.name = "city_emission"
+    g.set(em.inputs["Strength"], g.math('MULTIPLY', dim, 1.0))
     # Clear where no window is lit, so the buildings show through.
     g.output(g.n("ShaderNodeMixShader", Fac=on, i1=g.n("ShaderNodeBsdfTransparent"), i2=em))
     return mat
@@ -901,8 +905,8 @@ class Room:
 
     def _city_scale(self, k):
         nt = self.materials["city_lights"].node_tree
-        em = [n for n in nt.nodes if n.bl_idname == "ShaderNodeEmission"][0]
-        em.inputs["Strength"].default_value = 1.2 * k
+        scale = nt.nodes["city_emission"].inputs["Strength"].links[0].from_node
+        scale.inputs[1].default_value = 0.5 * k
 
     def build_cameras(self):
         c = self.coll["cameras"]
