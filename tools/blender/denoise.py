@@ -1,7 +1,7 @@
 # A cross-bilateral filter for Cycles light plates, for Blender builds without a denoiser (Debian's
-# has no OpenImageDenoise). The plate is divided by the surface colour (diffuse and glossy), filtered over neighbours
-# with a like normal, depth and colour, and multiplied back, so texture and edges stay sharp and only
-# the light's grain is smoothed. Pure numpy; images are H x W x C float32, top row first.
+# has no OpenImageDenoise). The plate is divided by the surface colour (diffuse and glossy), filtered
+# over neighbours with a like normal, depth and colour, and multiplied back, so texture and edges stay
+# sharp and only the light's grain is smoothed. Pure numpy; images are H x W x C float32, top row first.
 import numpy as np
 
 
