@@ -55,7 +55,8 @@ def parse_args():
     p.add_argument("--quick", action="store_true", help="small and few samples: the whole package in minutes")
     p.add_argument("--size", default=None, help="WxH (default 1920x1080, quick 320x180)")
     p.add_argument("--samples", type=int, default=None,
-                   help="samples of the light renders (default 80, quick 12); the record's irradiance takes half, the arm a quarter")
+                   help="samples of the light renders (default 80, quick 12); "
+                        "the record's irradiance takes half, the arm a quarter")
     p.add_argument("--framings", default="wide,mid")
     p.add_argument("--cache", default=None)
     p.add_argument("--threads", type=int, default=0, help="render threads (0: all cores)")
@@ -180,7 +181,8 @@ def crop(img, rect):
 
 
 def disc(centre, r, n=96):
-    return [centre + Vector((math.cos(2 * math.pi * i / n) * r, math.sin(2 * math.pi * i / n) * r, 0)) for i in range(n)]
+    turn = [2 * math.pi * i / n for i in range(n)]
+    return [centre + Vector((math.cos(a) * r, math.sin(a) * r, 0)) for a in turn]
 
 
 def world_corners(obj):
@@ -415,7 +417,8 @@ class Pipeline:
             def setup(t=t):
                 self.reset(name)
                 rm.set_time(t)
-            light[t] = self.render("%s/light/%s" % (name, t), {"kind": "light", "framing": name, "time": t, "s": a.samples}, setup)
+            job = {"kind": "light", "framing": name, "time": t, "s": a.samples}
+            light[t] = self.render("%s/light/%s" % (name, t), job, setup)
         raw = {t: dict(layers) for t, layers in light.items()}
         if not a.no_denoise:
             for t, layers in light.items():
@@ -479,8 +482,8 @@ class Pipeline:
                 rm.record.data.materials[0] = self.swaps["vinyl_spec"]
                 rm.sleeve.data.materials[0] = self.swaps["black"]
                 self.border(union(record_box, bounce_box))
-            spec[t] = self.render("%s/record_spec/%s" % (name, t), {"kind": "spec", "framing": name, "time": t, "s": a.samples,
-                                                                    "box": union(record_box, bounce_box)}, setup_spec)
+            job = {"kind": "spec", "framing": name, "time": t, "s": a.samples, "box": union(record_box, bounce_box)}
+            spec[t] = self.render("%s/record_spec/%s" % (name, t), job, setup_spec)
 
             def setup_diff(t=t):
                 self.reset(name)
@@ -488,12 +491,13 @@ class Pipeline:
                 rm.record.data.materials[0] = self.swaps["vinyl_diffuse"]
                 self.scene.cycles.samples = max(8, a.samples // 2)
                 self.border(record_box)
-            diff[t] = self.render("%s/record_diffuse/%s" % (name, t), {"kind": "diffuse", "framing": name, "time": t,
-                                                                       "s": max(8, a.samples // 2), "box": record_box}, setup_diff)
+            job = {"kind": "diffuse", "framing": name, "time": t, "s": max(8, a.samples // 2), "box": record_box}
+            diff[t] = self.render("%s/record_diffuse/%s" % (name, t), job, setup_diff)
         record_px = masks["record"]
         for p in used:
             write_exr(os.path.join(fdir, "record", p + "_spec.exr"), crop(plate(p, spec), record_box), "zip")
-            write_exr(os.path.join(fdir, "record", p + "_diffuse.exr"), crop(plate(p, diff) * math.pi, record_box), "zip")
+            irradiance = crop(plate(p, diff) * math.pi, record_box)
+            write_exr(os.path.join(fdir, "record", p + "_diffuse.exr"), irradiance, "zip")
             b = np.clip(plate(p, raw) - plate(p, spec), 0, None) * (1 - record_px[:, :, None])
             write_exr(os.path.join(fdir, "bounce", p + ".exr"), crop(b, bounce_box), "zip")
 
@@ -518,8 +522,8 @@ class Pipeline:
                         for o in rm.coll[c].all_objects:
                             o.is_shadow_catcher = o is not rm.bulb
                     self.border(arm_box)
-                job = {"kind": "arm", "framing": name, "preset": preset, "yaw": yaw, "w": weights, "s": max(8, a.samples // 4), "bounces": 3,
-                       "box": arm_box}
+                job = {"kind": "arm", "framing": name, "preset": preset, "yaw": yaw, "w": weights,
+                       "s": max(8, a.samples // 4), "bounces": 3, "box": arm_box}
                 out = self.render("%s/tonearm/%s/%02d" % (name, preset, n), job, setup_arm)
                 self.write_arm(fdir, preset, n, out, arm_box)
 
@@ -703,7 +707,7 @@ class Pipeline:
         s = rm.sleeve_size / 2
         mw = rm.sleeve.matrix_world
         # The plane's local x is the art's right, local y its top.
-        cover = [mw @ Vector((-0.5, 0.5, 0)), mw @ Vector((0.5, 0.5, 0)), mw @ Vector((0.5, -0.5, 0)), mw @ Vector((-0.5, -0.5, 0))]
+        cover = [mw @ Vector((u, v, 0)) for u, v in ((-0.5, 0.5), (0.5, 0.5), (0.5, -0.5), (-0.5, -0.5))]
         c = Vector((R.RECORD_CENTRE.x, R.RECORD_CENTRE.y, R.RECORD_TOP))
 
         def square(r):
@@ -746,7 +750,8 @@ class Pipeline:
         if cov.any():
             ys, xs = np.nonzero(cov)
             f["stack"] = {"art_uv": "masks/stack_uv.png",
-                          "bbox": [int(xs.min()), int(ys.min()), int(xs.max() - xs.min() + 1), int(ys.max() - ys.min() + 1)]}
+                          "bbox": [int(xs.min()), int(ys.min()),
+                                   int(xs.max() - xs.min() + 1), int(ys.max() - ys.min() + 1)]}
         return f
 
     def led(self, cam, p):
