@@ -55,7 +55,7 @@ def parse_args():
     p.add_argument("--quick", action="store_true", help="small and few samples: the whole package in minutes")
     p.add_argument("--size", default=None, help="WxH (default 1920x1080, quick 320x180)")
     p.add_argument("--samples", type=int, default=None,
-                   help="samples of the light renders (default 80, quick 12); "
+                   help="samples of the light renders (default 64, quick 12); "
                         "the record's irradiance takes half, the arm a quarter")
     p.add_argument("--framings", default="wide,mid")
     p.add_argument("--cache", default=None)
@@ -68,7 +68,7 @@ def parse_args():
     size = a.size or ("320x180" if a.quick else "1920x1080")
     a.width, a.height = (int(v) for v in size.lower().split("x"))
     if a.samples is None:
-        a.samples = 12 if a.quick else 80
+        a.samples = 12 if a.quick else 64
     a.framings = [f for f in a.framings.split(",") if f]
     a.cache = a.cache or a.out.rstrip("/") + ".cache"
     return a
