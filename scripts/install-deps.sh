@@ -1,7 +1,16 @@
 #!/usr/bin/env bash
 # Installs every Debian package that building, running and testing Turnelo needs.
-# Idempotent; run as root or through sudo.
+# Idempotent; run as root or through sudo. `--authoring` adds Blender and the Python modules of the
+# room's authoring pipeline (tools/blender).
 set -euo pipefail
+
+AUTHORING=0
+for arg in "$@"; do
+  case "$arg" in
+    --authoring) AUTHORING=1 ;;
+    *) echo "uso: $0 [--authoring]" >&2; exit 2 ;;
+  esac
+done
 
 SUDO=""
 if [ "$(id -u)" -ne 0 ]; then
@@ -23,6 +32,9 @@ PACKAGES=(
   openbox xfwm4 xfdesktop4 i3-wm xcompmgr xdotool x11-utils x11-apps x11-xserver-utils imagemagick
   desktop-file-utils
 )
+if [ "$AUTHORING" -eq 1 ]; then
+  PACKAGES+=(blender python3-numpy python3-openimageio)
+fi
 
 missing=()
 for p in "${PACKAGES[@]}"; do

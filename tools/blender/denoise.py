@@ -1,0 +1,65 @@
+# A cross-bilateral filter for Cycles light plates, for Blender builds without a denoiser (Debian's
+# has no OpenImageDenoise). The plate is divided by the surface colour (diffuse and glossy), filtered
+# over neighbours with a like normal, depth and colour, and multiplied back, so texture and edges stay
+# sharp and only the light's grain is smoothed. Pure numpy; images are H x W x C float32, top row first.
+import numpy as np
+
+
+def _shift(a, dy, dx):
+    """a moved by (dy, dx) with edge pixels repeated."""
+    h, w = a.shape[:2]
+    ys = np.clip(np.arange(h) - dy, 0, h - 1)
+    xs = np.clip(np.arange(w) - dx, 0, w - 1)
+    return a[ys][:, xs]
+
+
+def _lum(rgb):
+    return rgb[..., 0] * 0.2126 + rgb[..., 1] * 0.7152 + rgb[..., 2] * 0.0722
+
+
+def _calm(im):
+    """Pulls lone fireflies down to their neighbours' mean (4 times it at most)."""
+    lum = _lum(im)
+    ring = sum(_shift(lum, dy, dx) for dy in (-1, 0, 1) for dx in (-1, 0, 1) if dy or dx) / 8.0
+    cap = 4.0 * ring + 1e-3
+    scale = np.where(lum > cap, cap / np.maximum(lum, 1e-8), 1.0)
+    return (im * scale[..., None]).astype(np.float32)
+
+
+def filter_plates(plates, albedo, normal, depth, radius=3, spatial=2.0):
+    """Filters several plates of one render (same guides) at once; returns the filtered list.
+
+    albedo: surface colour (H x W x 3); normal: H x W x 3; depth: H x W (camera distance)."""
+    eps = 0.02
+    diffuse = _lum(albedo) > eps
+    alb = np.maximum(albedo, eps)
+    irr = [_calm(np.where(diffuse[..., None], p / alb, 0.0).astype(np.float32)) for p in plates]
+    # A smoothed luminance per plate for the range term: keeps shadow edges from being washed over.
+    smooth = []
+    for im in irr:
+        lum = _lum(im)
+        acc = sum(_shift(lum, dy, dx) for dy in (-1, 0, 1) for dx in (-1, 0, 1)) / 9.0
+        smooth.append(acc)
+    acc = [np.zeros_like(im) for im in irr]
+    wsum = [np.zeros(depth.shape, np.float32) for _ in irr]
+    z = np.maximum(depth, 1e-4)
+    for dy in range(-radius, radius + 1):
+        for dx in range(-radius, radius + 1):
+            ws = np.exp(-(dx * dx + dy * dy) / (2 * spatial * spatial))
+            n2 = _shift(normal, dy, dx)
+            wn = np.exp(-np.clip(1 - np.sum(normal * n2, axis=2), 0, 2) / 0.05)
+            wz = np.exp(-((z - _shift(z, dy, dx)) / (0.02 * z)) ** 2)
+            wa = np.exp(-np.sum((albedo - _shift(albedo, dy, dx)) ** 2, axis=2) / 0.004)
+            w = (ws * wn * wz * wa * _shift(diffuse, dy, dx)).astype(np.float32)
+            for i, im in enumerate(irr):
+                s = smooth[i]
+                ss = _shift(s, dy, dx)
+                wr = np.exp(-((s - ss) / (0.35 * (s + ss) + 1e-4)) ** 2)
+                wi = w * wr
+                acc[i] += wi[..., None] * _shift(im, dy, dx)
+                wsum[i] += wi
+    out = []
+    for p, a, ws in zip(plates, acc, wsum):
+        f = a / np.maximum(ws, 1e-8)[..., None] * alb
+        out.append(np.where(diffuse[..., None], f, p).astype(np.float32))
+    return out

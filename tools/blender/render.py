@@ -1,0 +1,785 @@
+# Renders the demo room (room.py) with Cycles into a scene package (docs/scene-format.md).
+#
+#   blender -b -P tools/blender/render.py -- --out DIR [--quick] [--size WxH] [--samples N]
+#       [--framings wide,mid] [--cache DIR] [--threads N] [--scene-tool PATH]
+#
+# Every Cycles render is cached (DIR.cache by default) under a key made of its settings and of both
+# scripts' text, so a rerun renders only what is missing or changed. One progress line per render
+# goes to stdout; the package is checked with `turnelo-scene validate` at the end.
+import argparse
+import hashlib
+import json
+import math
+import os
+import shutil
+import subprocess
+import sys
+import time
+
+import bpy
+import numpy as np
+import OpenImageIO as oiio
+from mathutils import Vector
+
+HERE = os.path.dirname(os.path.abspath(__file__))
+sys.path.insert(0, HERE)
+import denoise  # noqa: E402
+import room as R  # noqa: E402
+
+GROUPS = ["sun", "sky", "room", "lamp"]
+PER_PRESET = ["sky"]
+SCENARIO = "desk"
+PRESET_ORDER = ["manha", "dia", "tarde", "noite"]
+# Recipes: group factors per preset (grey), before the exposure that fit_exposure() adds.
+PRESETS = {
+    "manha": {"sun": 1.0, "room": 0.0, "view": 0.0, "vignette": 0.18, "grain": 0.010},
+    "dia": {"sun": 1.0, "view": 0.0, "vignette": 0.15, "grain": 0.008},
+    "tarde": {"sun": 1.0, "lamp": 0.45, "vignette": 0.2, "grain": 0.012},
+    "noite": {"sun": 0.0, "lamp": 1.0, "room": 0.3, "vignette": 0.26, "grain": 0.016},
+}
+# Log-average luminance each preset is exposed to: night clearly darker than day.
+TARGET_KEY = {"manha": 0.10, "dia": 0.12, "tarde": 0.085, "noite": 0.028}
+# The clock: the night holds from 19:30 until dawn (a repeated keyframe), the afternoon until 17:45.
+CLOCK = [["05:15", "noite"], ["06:45", "manha"], ["10:00", "dia"], ["15:00", "tarde"],
+         ["17:45", "tarde"], ["19:30", "noite"]]
+LED_COLOUR = [2.4, 0.25, 0.08]
+STROBE_COLOUR = [1.6, 0.45, 0.15]
+DUST_COVER_TRANSMISSION = 0.8
+MM = 1000.0
+
+
+def parse_args():
+    argv = sys.argv[sys.argv.index("--") + 1:] if "--" in sys.argv else []
+    p = argparse.ArgumentParser(prog="render.py")
+    p.add_argument("--out", required=True)
+    p.add_argument("--quick", action="store_true", help="small and few samples: the whole package in minutes")
+    p.add_argument("--size", default=None, help="WxH (default 1920x1080, quick 320x180)")
+    p.add_argument("--samples", type=int, default=None,
+                   help="samples of the light renders (default 64, quick 12); "
+                        "the record's irradiance takes half, the arm a quarter")
+    p.add_argument("--framings", default="wide,mid")
+    p.add_argument("--cache", default=None)
+    p.add_argument("--threads", type=int, default=0, help="render threads (0: all cores)")
+    p.add_argument("--scene-tool", default=None, help="turnelo-scene, to validate the package")
+    p.add_argument("--no-denoise", action="store_true", help="write the light plates as Cycles left them")
+    p.add_argument("--max-renders", type=int, default=0,
+                   help="stop after this many new renders (the cache keeps them; the same command resumes)")
+    a = p.parse_args(argv)
+    size = a.size or ("320x180" if a.quick else "1920x1080")
+    a.width, a.height = (int(v) for v in size.lower().split("x"))
+    if a.samples is None:
+        a.samples = 12 if a.quick else 64
+    a.framings = [f for f in a.framings.split(",") if f]
+    a.cache = a.cache or a.out.rstrip("/") + ".cache"
+    return a
+
+
+# Bumped when a change here alters what a render produces (its settings and scene states); the
+# post-processing can change without rendering again.
+RENDER_VERSION = 2
+
+
+def source_hash():
+    h = hashlib.sha1(str(RENDER_VERSION).encode())
+    with open(os.path.join(HERE, "room.py"), "rb") as f:
+        h.update(f.read())
+    return h.hexdigest()[:12]
+
+
+# ---------------------------------------------------------------- images
+
+def read_layers(path):
+    """Channels of a multilayer EXR as {pass: HxWxC float32}, top row first."""
+    inp = oiio.ImageInput.open(path)
+    if inp is None:
+        raise RuntimeError("cannot read %s: %s" % (path, oiio.geterror()))
+    spec = inp.spec()
+    px = inp.read_image(oiio.FLOAT)
+    inp.close()
+    names = list(spec.channelnames)
+    layers = {}
+    for i, n in enumerate(names):
+        parts = n.split(".")
+        key = ".".join(parts[1:-1]) if len(parts) > 2 else parts[0]
+        layers.setdefault(key, []).append(i)
+    return {k: px[:, :, idx].astype(np.float32) for k, idx in layers.items()}
+
+
+def write_exr(path, pixels, codec):
+    os.makedirs(os.path.dirname(path), exist_ok=True)
+    h, w, c = pixels.shape
+    spec = oiio.ImageSpec(w, h, c, oiio.HALF)
+    spec.channelnames = ("R", "G", "B", "A")[:c]
+    spec.attribute("compression", codec)
+    out = oiio.ImageOutput.create(path)
+    if out is None or not out.open(path, spec):
+        raise RuntimeError("cannot write %s: %s" % (path, oiio.geterror()))
+    out.write_image(np.ascontiguousarray(pixels, dtype=np.float32))
+    out.close()
+
+
+def write_png(path, pixels):
+    os.makedirs(os.path.dirname(path), exist_ok=True)
+    if pixels.ndim == 2:
+        pixels = pixels[:, :, None]
+    h, w, c = pixels.shape
+    data = np.clip(np.rint(pixels * 255), 0, 255).astype(np.uint8)
+    out = oiio.ImageOutput.create(path)
+    out.open(path, oiio.ImageSpec(w, h, c, oiio.UINT8))
+    out.write_image(np.ascontiguousarray(data))
+    out.close()
+
+
+def luminance(rgb):
+    return rgb[..., 0] * 0.2126 + rgb[..., 1] * 0.7152 + rgb[..., 2] * 0.0722
+
+
+# ---------------------------------------------------------------- geometry
+
+class Camera:
+    """The plate camera of a Blender camera: 3×4 matrix from world millimetres to plate pixels."""
+
+    def __init__(self, obj, width, height):
+        bpy.context.view_layer.update()
+        cam = obj.data
+        f = cam.lens / cam.sensor_width * width
+        inv = obj.matrix_world.inverted()
+        rt = np.array([list(inv[r][:4]) for r in range(3)])
+        # Camera space looks down -z, y up: depth = -z, u = cx + f x / depth, v = cy - f y / depth.
+        flip = np.diag([1.0, 1.0, -1.0])
+        k = np.array([[f, 0, width / 2.0], [0, -f, height / 2.0], [0, 0, 1.0]])
+        p = k @ (flip @ rt)
+        p[:, :3] /= MM
+        self.P = p
+        self.width, self.height = width, height
+
+    def project(self, world_m):
+        x = np.array([world_m[0] * MM, world_m[1] * MM, world_m[2] * MM, 1.0])
+        h = self.P @ x
+        return np.array([h[0] / h[2], h[1] / h[2]]), h[2]
+
+    def bounds(self, points, margin):
+        uv = np.array([self.project(p)[0] for p in points])
+        x0 = max(0, int(math.floor(uv[:, 0].min())) - margin)
+        y0 = max(0, int(math.floor(uv[:, 1].min())) - margin)
+        x1 = min(self.width, int(math.ceil(uv[:, 0].max())) + margin)
+        y1 = min(self.height, int(math.ceil(uv[:, 1].max())) + margin)
+        if x1 <= x0 or y1 <= y0:
+            return None
+        return [x0, y0, x1 - x0, y1 - y0]
+
+
+def union(a, b):
+    x0, y0 = min(a[0], b[0]), min(a[1], b[1])
+    x1, y1 = max(a[0] + a[2], b[0] + b[2]), max(a[1] + a[3], b[1] + b[3])
+    return [x0, y0, x1 - x0, y1 - y0]
+
+
+def crop(img, rect):
+    x, y, w, h = rect
+    return img[y:y + h, x:x + w]
+
+
+def disc(centre, r, n=96):
+    turn = [2 * math.pi * i / n for i in range(n)]
+    return [centre + Vector((math.cos(a) * r, math.sin(a) * r, 0)) for a in turn]
+
+
+def world_corners(obj):
+    bpy.context.view_layer.update()
+    return [obj.matrix_world @ Vector(c) for c in obj.bound_box]
+
+
+# ---------------------------------------------------------------- the renderer
+
+class Pipeline:
+    def __init__(self, args):
+        self.a = args
+        self.room = R.Room()
+        self.scene = self.room.scene
+        self.src = source_hash()
+        self.done = 0
+        self.fresh = 0
+        self.cpu_seconds = 0.0
+        self.total = 0
+        self.seconds = 0.0
+        self.setup_scene()
+        self.materials = self.room.materials
+        self.swaps = {
+            "vinyl_spec": R.vinyl_material("vinyl_spec", "spec"),
+            "vinyl_diffuse": R.vinyl_material("vinyl_diffuse", "diffuse"),
+            "black": R.principled("black_sleeve", (0.0, 0.0, 0.0), roughness=1.0, specular=0.0),
+            "clear": self.clear_material("clear", False),
+            "clear_glass": self.clear_material("clear_glass", True),
+        }
+
+    @staticmethod
+    def clear_material(name, window):
+        """Fully transparent, so that coverage behind it is exact; the window keeps its AOVs."""
+        mat = R.material(name)
+        g = R.Nodes(mat)
+        if window:
+            g.aov("glass", 1.0)
+            g.aov("glassdust", g.math('GREATER_THAN', g.n("ShaderNodeLightPath").outputs["Transparent Depth"], 0.5))
+        g.output(g.n("ShaderNodeBsdfTransparent", Color=(1, 1, 1, 1)))
+        return mat
+
+    def setup_scene(self):
+        sc = self.scene
+        sc.render.engine = 'CYCLES'
+        cy = sc.cycles
+        cy.device = 'CPU'
+        cy.use_denoising = False
+        cy.use_adaptive_sampling = True
+        cy.adaptive_threshold = 0.05 if self.a.quick else 0.012
+        cy.adaptive_min_samples = 0
+        cy.max_bounces = 6
+        cy.diffuse_bounces = 3
+        cy.glossy_bounces = 3
+        cy.transmission_bounces = 4
+        cy.transparent_max_bounces = 12
+        cy.sample_clamp_direct = 0.0
+        cy.sample_clamp_indirect = 1.0
+        cy.blur_glossy = 1.0
+        cy.caustics_reflective = False
+        cy.caustics_refractive = False
+        cy.seed = 0
+        # What every render shares, for the cache key; what a job changes goes in its own description.
+        self.settings = [cy.adaptive_threshold, cy.max_bounces, cy.diffuse_bounces, cy.glossy_bounces,
+                         cy.sample_clamp_indirect]
+        sc.render.resolution_x = self.a.width
+        sc.render.resolution_y = self.a.height
+        sc.render.resolution_percentage = 100
+        if self.a.threads:
+            sc.render.threads_mode = 'FIXED'
+            sc.render.threads = self.a.threads
+        sc.view_settings.view_transform = 'Standard'
+        st = sc.render.image_settings
+        st.file_format = 'OPEN_EXR_MULTILAYER'
+        st.color_depth = '32'
+        st.exr_codec = 'ZIP'
+        vl = sc.view_layers[0]
+        # Guides for the denoiser.
+        vl.use_pass_normal = True
+        vl.use_pass_z = True
+        vl.use_pass_diffuse_color = True
+        vl.use_pass_glossy_color = True
+        for g in GROUPS + ["view"]:
+            vl.lightgroups.add(name=g)
+        for name, kind in (("cover", 'VALUE'), ("label", 'VALUE'), ("record", 'VALUE'), ("glass", 'VALUE'),
+                           ("glassdust", 'VALUE'), ("wall", 'VALUE'), ("strobe", 'COLOR'), ("stackuv", 'COLOR')):
+            aov = vl.aovs.add()
+            aov.name = name
+            aov.type = kind
+
+    # -- one cached render
+    def render(self, key, job, setup):
+        """Renders once per distinct job; `setup` prepares the scene. Returns the passes."""
+        digest = hashlib.sha1(json.dumps([self.src, self.a.width, self.a.height, self.settings, job],
+                                         sort_keys=True).encode()).hexdigest()[:16]
+        path = os.path.join(self.a.cache, "%s-%s.exr" % (key.replace("/", "_"), digest))
+        self.done += 1
+        tag = "[%d/%d] %s" % (self.done, self.total, key)
+        if os.path.exists(path):
+            print("%s: em cache" % tag, flush=True)
+            return read_layers(path)
+        if self.a.max_renders and self.fresh >= self.a.max_renders:
+            print("parado após %d renders novos; o mesmo comando retoma" % self.fresh, flush=True)
+            raise SystemExit(3)
+        self.fresh += 1
+        os.makedirs(self.a.cache, exist_ok=True)
+        setup()
+        self.scene.render.filepath = path + ".part.exr"
+        t0, c0 = time.time(), time.process_time()
+        bpy.ops.render.render(write_still=True)
+        os.replace(path + ".part.exr", path)
+        dt, cpu = time.time() - t0, time.process_time() - c0
+        self.seconds += dt
+        self.cpu_seconds += cpu
+        # CPU time as well: on a shared machine the wall time says little about the render's cost.
+        print("%s: %.1f s (CPU %.1f s)" % (tag, dt, cpu), flush=True)
+        return read_layers(path)
+
+    # -- scene states
+    def reset(self, framing):
+        sc = self.scene
+        sc.camera = self.room.cameras[framing]
+        sc.render.use_border = False
+        sc.render.use_crop_to_border = False
+        sc.render.film_transparent = False
+        sc.cycles.samples = self.a.samples
+        sc.cycles.max_bounces = 6
+        sc.view_layers[0].cycles.use_pass_shadow_catcher = False
+        self.room.coll["arm"].hide_render = True
+        self.room.coll["outside"].hide_render = False
+        for o in bpy.data.objects:
+            o.is_shadow_catcher = False
+        self.room.record.data.materials[0] = self.materials["vinyl"]
+        self.room.sleeve.data.materials[0] = self.materials["sleeve"]
+        self.room.dust_cover.data.materials[0] = self.materials["acrylic"]
+        glass = bpy.data.objects["glass"]
+        glass.data.materials[0] = self.materials["window_glass"]
+        self.room.set_arm_yaw(0.0)
+
+    def border(self, rect, margin=2):
+        x, y, w, h = rect
+        W, H = self.a.width, self.a.height
+        x0, y0 = max(0, x - margin), max(0, y - margin)
+        x1, y1 = min(W, x + w + margin), min(H, y + h + margin)
+        r = self.scene.render
+        r.use_border = True
+        r.use_crop_to_border = False
+        r.border_min_x, r.border_max_x = x0 / W, x1 / W
+        r.border_min_y, r.border_max_y = 1 - y1 / H, 1 - y0 / H
+
+    # -- the package
+    def run(self):
+        a = self.a
+        os.makedirs(a.out, exist_ok=True)
+        yaws = self.yaw_samples()
+        per_framing = 1 + 4 * 3 + len(PRESET_ORDER) * len(yaws)
+        self.total = per_framing * len(a.framings)
+        framings = {}
+        presets = None
+        noise = {}
+        for name in a.framings:
+            framing, presets, noise[name] = self.framing(name, yaws)
+            framings[name] = framing
+        manifest = {
+            "contract": 1,
+            "sun_keys": ["morning", "noon", "evening"],
+            "groups": GROUPS,
+            "per_preset_groups": PER_PRESET,
+            "view": {"keys": ["tarde", "noite"]},
+            "scenario": SCENARIO,
+            "tonemap": {"contrast": 1.1, "offset": 0.0, "gamma": 1.0},
+            "showcase": {"floor": 0.06, "max_gain": 3.0, "art_floor": 0.04, "dark_max_gain": 6.0},
+            "presets": presets,
+            "clock": CLOCK,
+            "framings": framings,
+        }
+        with open(os.path.join(a.out, "manifest.json"), "w") as f:
+            json.dump(manifest, f, indent=2)
+        size = sum(os.path.getsize(os.path.join(d, n)) for d, _, files in os.walk(a.out) for n in files)
+        summary = {"out": a.out, "framings": a.framings, "size": [a.width, a.height], "samples": a.samples,
+                   "render_seconds": round(self.seconds, 1),
+                   "render_cpu_seconds": round(self.cpu_seconds, 1), "bytes": size, "noise": noise}
+        self.validate()
+        print(json.dumps(summary), flush=True)
+
+    def validate(self):
+        tool = self.a.scene_tool
+        if not tool:
+            guess = os.path.join(HERE, "..", "..", "build", "tools", "turnelo-scene")
+            tool = guess if os.path.exists(guess) else shutil.which("turnelo-scene")
+        if not tool:
+            print("turnelo-scene não encontrado: pacote não validado", flush=True)
+            return
+        out = subprocess.run([tool, "validate", self.a.out], capture_output=True, text=True)
+        if out.returncode != 0:
+            raise SystemExit("validate falhou: " + out.stderr.strip())
+        report = json.loads(out.stdout)
+        if report.get("missing"):
+            raise SystemExit("validate: faltam arquivos: %s" % report["missing"])
+        print("validate: ok %s" % json.dumps(report["framings"]), flush=True)
+
+    def yaw_samples(self):
+        lead = self.room.yaw_for_radius(R.GROOVE_OUTER)
+        run_out = self.room.yaw_for_radius(R.GROOVE_INNER)
+        if self.a.quick:
+            return [0.0, round(lead, 2), round(run_out, 2)]
+        inner = np.linspace(lead, run_out + 1.0, 4)
+        return [0.0] + [round(float(v), 2) for v in inner]
+
+    def framing(self, name, yaws):
+        a = self.a
+        W, H = a.width, a.height
+        cam = Camera(self.room.cameras[name], W, H)
+        fdir = os.path.join(a.out, name)
+        shutil.rmtree(fdir, ignore_errors=True)
+        rm = self.room
+        # Masks: no light, no bounces, clear glass; the AOVs give soft-edged coverage.
+        mask_samples = 16 if a.quick else 32
+
+        def masks_setup():
+            self.reset(name)
+            self.scene.cycles.samples = mask_samples
+            self.scene.cycles.max_bounces = 0
+            rm.dust_cover.data.materials[0] = self.swaps["clear"]
+            bpy.data.objects["glass"].data.materials[0] = self.swaps["clear_glass"]
+            rm.set_time("dia")
+        m = self.render("%s/masks" % name, {"kind": "masks", "framing": name, "s": mask_samples}, masks_setup)
+        masks = self.write_masks(fdir, m)
+
+        # One render per time of day: every light group at once.
+        light = {}
+        for t in PRESET_ORDER:
+            def setup(t=t):
+                self.reset(name)
+                rm.set_time(t)
+            job = {"kind": "light", "framing": name, "time": t, "s": a.samples}
+            light[t] = self.render("%s/light/%s" % (name, t), job, setup)
+        raw = {t: dict(layers) for t, layers in light.items()}
+        if not a.no_denoise:
+            for t, layers in light.items():
+                keys = [k for k in layers if k.startswith("Combined_")]
+                # Diffuse and glossy colour: metal and vinyl are filtered too, along their reflections.
+                colour = layers["DiffCol"][:, :, :3] + layers["GlossCol"][:, :, :3]
+                clean = denoise.filter_plates([layers[k][:, :, :3] for k in keys], colour,
+                                              layers["Normal"][:, :, :3], layers["Depth"][:, :, 0])
+                for k, img in zip(keys, clean):
+                    layers[k] = img
+
+        plates = {}  # plate name -> (time, group)
+        for t, info in R.TIMES.items():
+            if info["sun_key"]:
+                plates["sun_" + info["sun_key"]] = (t, "sun")
+            plates["sky_" + t] = (t, "sky")
+        plates["view_tarde"] = ("tarde", "view")
+        plates["view_noite"] = ("noite", "view")
+        plates["lamp"] = ("noite", "lamp")
+        plates["room"] = ("noite", "room")
+
+        def plate(p, layers):
+            t, g = plates[p]
+            return layers[t]["Combined_" + g][:, :, :3]
+
+        presets, recipes = self.presets(lambda p: plate(p, light), cam)
+        used = sorted({p for r in recipes.values() for p, _ in r})
+        noise = {}
+        wall = self.wall_patch(m["wall"][:, :, 0])
+        for p in used:
+            img = plate(p, light)
+            write_exr(os.path.join(fdir, "light", p + ".exr"), img, "dwaa")
+            noise[p] = self.noise(img, wall)
+            before = self.noise(plate(p, raw), wall)
+            print("%s: ruído %s = %s (antes do filtro %s)" % (name, p, "-" if noise[p] is None else "%.4f" % noise[p],
+                                                            "-" if before is None else "%.4f" % before), flush=True)
+
+        # The same figure for each preset's whole light, as the composite sums it.
+        for preset, recipe in recipes.items():
+            n = self.noise(sum(plate(p, light) * w for p, w in recipe), wall)
+            noise["preset:" + preset] = n
+            print("%s: ruído da luz %s = %s" % (name, preset, "-" if n is None else "%.4f" % n), flush=True)
+
+        # Record passes and the sleeve's bounce.
+        record_box = cam.bounds(disc(R.RECORD_CENTRE + Vector((0, 0, R.RECORD_TOP - R.RECORD_CENTRE.z)), R.RECORD_R), 2)
+        s = rm.sleeve_size
+        pose = rm.sleeve_pose.matrix_world
+        bpy.context.view_layer.update()
+        foot = [pose @ Vector((x, 0, 0)) for x in (-s / 2 - 0.05, s / 2 + 0.05)]
+        area = []
+        for f in foot:
+            for dy in (0.0, -0.30):
+                for z in (R.DESK_Z, R.DESK_Z + 0.12):
+                    area.append(Vector((f.x, f.y + dy, z)))
+        bounce_box = cam.bounds(area, 1)
+        spec, diff = {}, {}
+        for t in PRESET_ORDER:
+            def setup_spec(t=t):
+                self.reset(name)
+                rm.set_time(t)
+                rm.record.data.materials[0] = self.swaps["vinyl_spec"]
+                rm.sleeve.data.materials[0] = self.swaps["black"]
+                self.border(union(record_box, bounce_box))
+            job = {"kind": "spec", "framing": name, "time": t, "s": a.samples, "box": union(record_box, bounce_box)}
+            spec[t] = self.render("%s/record_spec/%s" % (name, t), job, setup_spec)
+
+            def setup_diff(t=t):
+                self.reset(name)
+                rm.set_time(t)
+                rm.record.data.materials[0] = self.swaps["vinyl_diffuse"]
+                self.scene.cycles.samples = max(8, a.samples // 2)
+                self.border(record_box)
+            job = {"kind": "diffuse", "framing": name, "time": t, "s": max(8, a.samples // 2), "box": record_box}
+            diff[t] = self.render("%s/record_diffuse/%s" % (name, t), job, setup_diff)
+        record_px = masks["record"]
+        for p in used:
+            write_exr(os.path.join(fdir, "record", p + "_spec.exr"), crop(plate(p, spec), record_box), "zip")
+            irradiance = crop(plate(p, diff) * math.pi, record_box)
+            write_exr(os.path.join(fdir, "record", p + "_diffuse.exr"), irradiance, "zip")
+            b = np.clip(plate(p, raw) - plate(p, spec), 0, None) * (1 - record_px[:, :, None])
+            write_exr(os.path.join(fdir, "bounce", p + ".exr"), crop(b, bounce_box), "zip")
+
+        # Tonearm sprites and shadows, per preset, over the room as a shadow catcher.
+        arm_box = self.arm_bounds(cam, yaws)
+        for preset in PRESET_ORDER:
+            weights = self.light_weights(presets[preset])
+            for n, yaw in enumerate(yaws):
+                def setup_arm(preset=preset, yaw=yaw, weights=weights):
+                    self.reset(name)
+                    rm.set_time(preset, weights)
+                    self.scene.render.film_transparent = True
+                    self.scene.view_layers[0].cycles.use_pass_shadow_catcher = True
+                    rm.coll["arm"].hide_render = False
+                    rm.coll["outside"].hide_render = True
+                    rm.set_arm_yaw(yaw)
+                    # The arm is small and its shadow a ratio: fewer samples and bounces keep the
+                    # twenty sprites of a framing within the render budget.
+                    self.scene.cycles.samples = max(8, a.samples // 4)
+                    self.scene.cycles.max_bounces = 3
+                    for c in ("room", "turntable", "props"):
+                        for o in rm.coll[c].all_objects:
+                            o.is_shadow_catcher = o is not rm.bulb
+                    self.border(arm_box)
+                job = {"kind": "arm", "framing": name, "preset": preset, "yaw": yaw, "w": weights,
+                       "s": max(8, a.samples // 4), "bounces": 3, "box": arm_box}
+                out = self.render("%s/tonearm/%s/%02d" % (name, preset, n), job, setup_arm)
+                self.write_arm(fdir, preset, n, out, arm_box)
+
+        return self.framing_json(cam, masks, record_box, bounce_box, arm_box, yaws, presets), presets, noise
+
+    # -- presets and exposure
+    def presets(self, plate_of, cam):
+        out, recipes = {}, {}
+        for name in PRESET_ORDER:
+            base = dict(PRESETS[name])
+            t = R.TIMES[name]
+            d = {}
+            if t["sun_key"]:
+                d["sun_key"] = t["sun_key"]
+            for g in ("sun", "room", "lamp", "view"):
+                if g in base:
+                    d[g] = base[g]
+            if name == "noite" or name == "tarde":
+                d["view_key"] = name
+            d["vignette"] = base["vignette"]
+            d["grain"] = base["grain"]
+            recipe = self.recipe(name, d)
+            mix = sum(plate_of(p) * w for p, w in recipe)
+            lum = luminance(mix)
+            key = float(np.exp(np.mean(np.log(lum + 1e-4))))
+            d["exposure"] = round(math.log2(TARGET_KEY[name] / key), 2)
+            d["exposure_by_scenario"] = {SCENARIO: 0.0}
+            d["record_light"] = self.record_light(name)
+            out[name] = d
+            recipes[name] = recipe
+        return out, recipes
+
+    @staticmethod
+    def recipe(name, d):
+        terms = []
+        for g in ["view"] + GROUPS:
+            default = 1.0 if g in PER_PRESET or g == "view" else 0.0
+            w = d.get(g, default)
+            if not w:
+                continue
+            if g == "sun":
+                p = "sun_" + d.get("sun_key", "morning")
+            elif g in PER_PRESET or g == "view":
+                p = g + "_" + d.get(g + "_key", name)
+            else:
+                p = g
+            terms.append((p, w))
+        return terms
+
+    def light_weights(self, d):
+        """Group factors of a preset with its exposure, for lighting the arm as the preset does."""
+        gain = 2.0 ** (d["exposure"] + d["exposure_by_scenario"][SCENARIO])
+        w = {}
+        for g in ["view"] + GROUPS:
+            default = 1.0 if g in PER_PRESET or g == "view" else 0.0
+            w[g] = round(float(d.get(g, default)) * gain, 5)
+        return w
+
+    def record_light(self, name):
+        if R.TIMES[name]["sun_key"]:
+            v = self.room.sun_direction(name)
+            colour = list(R.TIMES[name]["sun_colour"])
+        else:
+            v = (self.room.lamp_head - Vector((R.RECORD_CENTRE.x, R.RECORD_CENTRE.y, R.RECORD_TOP))).normalized()
+            colour = list(R.LAMP_COLOUR)
+        return {"azimuth_deg": round(math.degrees(math.atan2(v.y, v.x)), 3),
+                "elevation_deg": round(math.degrees(math.asin(max(-1, min(1, v.z)))), 3),
+                "color": [round(c, 3) for c in colour]}
+
+    # -- masks
+    def write_masks(self, fdir, m):
+        out = {}
+        for k in ("cover", "label", "record", "glass", "glassdust"):
+            out[k] = np.clip(m[k][:, :, 0], 0, 1)
+        write_png(os.path.join(fdir, "masks", "cover.png"), out["cover"])
+        write_png(os.path.join(fdir, "masks", "label.png"), out["label"])
+        write_png(os.path.join(fdir, "masks", "record.png"), out["record"])
+        if out["glass"].max() > 0.01:
+            write_png(os.path.join(fdir, "masks", "glass.png"), out["glass"])
+            if out["glassdust"].max() > 0.01:
+                write_png(os.path.join(fdir, "masks", "glass_dustcover.png"), out["glassdust"])
+        for k in ("strobe", "stackuv"):
+            c = m[k][:, :, :3]
+            cov = np.clip(c[:, :, 1 if k == "strobe" else 2], 0, 1)
+            safe = np.where(cov > 1e-3, cov, 1.0)
+            if k == "strobe":
+                rgb = np.stack([c[:, :, 0] / safe, cov, c[:, :, 2] / safe], axis=2)
+            else:
+                rgb = np.stack([c[:, :, 0] / safe, c[:, :, 1] / safe, cov], axis=2)
+            rgb = np.where(cov[:, :, None] > 1e-3, np.clip(rgb, 0, 1), 0)
+            out[k] = rgb
+            write_png(os.path.join(fdir, "masks", "strobe.png" if k == "strobe" else "stack_uv.png"), rgb)
+        return out
+
+    # -- tonearm
+    def arm_bounds(self, cam, yaws):
+        rm = self.room
+        pts = []
+        lights = [rm.sun_direction(t) for t in PRESET_ORDER if R.TIMES[t]["sun_key"]]
+        lamp = rm.lamp_head
+        for yaw in yaws:
+            rm.set_arm_yaw(yaw)
+            bpy.context.view_layer.update()
+            for part in rm.arm_parts:
+                for q in world_corners(part):
+                    pts.append(q)
+                    # Where its shadow falls on the plinth, from each sun and from the lamp.
+                    for d in lights + [(lamp - q).normalized()]:
+                        if d.z > 0.05:
+                            pts.append(q - d * ((q.z - R.PLINTH_TOP) / d.z))
+        rm.set_arm_yaw(0.0)
+        box = cam.bounds(pts, 3)
+        return box
+
+    def write_arm(self, fdir, preset, n, out, box):
+        rgba = crop(out["Combined"], box).copy()
+        rgba[rgba[:, :, 3] < 0.002] = 0
+        write_exr(os.path.join(fdir, "tonearm", preset, "arm_%02d.exr" % n), rgba, "zip")
+        shadow = np.clip(luminance(crop(out["Shadow Catcher"], box)[:, :, :3]), 0, 1)
+        # Under the arm itself the catcher has no meaning: fill from the neighbours.
+        covered = rgba[:, :, 3] > 0.02
+        s = np.where(covered, np.nan, shadow)
+        for _ in range(6):
+            if not np.isnan(s).any():
+                break
+            pad = np.pad(s, 1, constant_values=np.nan)
+            stack = np.stack([pad[1 + dy:1 + dy + s.shape[0], 1 + dx:1 + dx + s.shape[1]]
+                              for dy in (-1, 0, 1) for dx in (-1, 0, 1)])
+            with np.errstate(all="ignore"):
+                fill = np.nanmean(stack, axis=0)
+            s = np.where(np.isnan(s), fill, s)
+        s = np.where(np.isnan(s), 1.0, s)
+        write_png(os.path.join(fdir, "tonearm", preset, "shadow_%02d.png" % n), s)
+
+    # -- noise
+    def wall_patch(self, wall):
+        """The square of plain wall (a fortieth of the plate wide, at least 8 pixels) nearest the
+        plate's centre, as (x0, y0, x1, y1); None when there is none."""
+        h, w = wall.shape
+        k = max(8, w // 40)
+        full = (wall > 0.999).astype(np.int64)
+        ii = np.zeros((h + 1, w + 1), np.int64)
+        ii[1:, 1:] = full.cumsum(0).cumsum(1)
+        sums = ii[k:, k:] - ii[:-k, k:] - ii[k:, :-k] + ii[:-k, :-k]
+        ys, xs = np.nonzero(sums == k * k)
+        if len(ys) == 0:
+            return None
+        d = (ys + k / 2 - h / 2) ** 2 + (xs + k / 2 - w / 2) ** 2
+        i = int(np.argmin(d))
+        return (int(xs[i]), int(ys[i]), int(xs[i]) + k, int(ys[i]) + k)
+
+    @staticmethod
+    def noise(img, patch):
+        """Standard deviation of the wall's luminance around its local mean (5×5), over its mean."""
+        if patch is None:
+            return None
+        x0, y0, x1, y1 = patch
+        lum = luminance(img[y0:y1, x0:x1])
+        mean = float(lum.mean())
+        if mean < 1e-5:
+            return None
+        k = 2
+        pad = np.pad(lum, k, mode="edge")
+        local = sum(pad[k + dy:k + dy + lum.shape[0], k + dx:k + dx + lum.shape[1]]
+                    for dy in range(-k, k + 1) for dx in range(-k, k + 1)) / (2 * k + 1) ** 2
+        return round(float((lum - local).std() / mean), 5)
+
+    # -- manifest
+    def framing_json(self, cam, masks, record_box, bounce_box, arm_box, yaws, presets):
+        rm = self.room
+        W, H = self.a.width, self.a.height
+
+        def px(p):
+            uv, _ = cam.project(p)
+            return [round(float(uv[0]), 4), round(float(uv[1]), 4)]
+
+        def mm(v):
+            return [round(float(c) * MM, 3) for c in v]
+
+        bpy.context.view_layer.update()
+        s = rm.sleeve_size / 2
+        mw = rm.sleeve.matrix_world
+        # The plane's local x is the art's right, local y its top.
+        cover = [mw @ Vector((u, v, 0)) for u, v in ((-0.5, 0.5), (0.5, 0.5), (0.5, -0.5), (-0.5, -0.5))]
+        c = Vector((R.RECORD_CENTRE.x, R.RECORD_CENTRE.y, R.RECORD_TOP))
+
+        def square(r):
+            return [px(c + Vector(v)) for v in ((-r, r, 0), (r, r, 0), (r, -r, 0), (-r, -r, 0))]
+
+        rest = rm.arm_stylus_rest() - R.PIVOT
+        lift_axis = Vector((rest.x, rest.y, 0)).normalized().cross(Vector((0, 0, 1)))
+        f = {
+            "size": [W, H],
+            "camera": {"P": [[float(v) for v in row] for row in cam.P]},
+            "cover": {"corners": [px(p) for p in cover], "mask": "masks/cover.png"},
+            "label": {"corners": square(R.LABEL_R), "mask": "masks/label.png"},
+            "tonearm": {
+                "pivot": mm(R.PIVOT), "yaw_axis": [0, 0, -1], "lift_axis": [round(v, 6) for v in lift_axis],
+                "yaw_rest": 0.0, "yaw_lead_in": round(rm.yaw_for_radius(R.GROOVE_OUTER), 3),
+                "yaw_run_out": round(rm.yaw_for_radius(R.GROOVE_INNER), 3), "lift_max": 6.0,
+                "plane_z": round(R.RECORD_TOP * MM, 3), "yaw_samples": yaws, "bbox": arm_box,
+                "shadow": True, "reflection": False,
+            },
+            "steam": {"point_px": px(rm.cup_top)},
+            "record": {
+                "corners": square(R.RECORD_R), "center_world": mm(c), "radius_mm": R.RECORD_R * MM,
+                "label_radius_mm": R.LABEL_R * MM, "groove_outer_mm": R.GROOVE_OUTER * MM,
+                "groove_inner_mm": R.GROOVE_INNER * MM, "bbox": record_box, "mask": "masks/record.png",
+            },
+            "bounce": {"bbox": bounce_box},
+            "panel": {
+                "led33": self.led(cam, rm.led_points["led33"]),
+                "led45": self.led(cam, rm.led_points["led45"]),
+                "strobe": {"mask": "masks/strobe.png", "dots": R.STROBE_DOTS, "color": STROBE_COLOUR},
+            },
+        }
+        if "glass" in masks and masks["glass"].max() > 0.01:
+            win = {"glass_mask": "masks/glass.png"}
+            if masks["glassdust"].max() > 0.01:
+                win["dust_cover_mask"] = "masks/glass_dustcover.png"
+                win["dust_cover_transmission"] = DUST_COVER_TRANSMISSION
+            f["window"] = win
+        cov = masks["stackuv"][:, :, 2] > 0
+        if cov.any():
+            ys, xs = np.nonzero(cov)
+            f["stack"] = {"art_uv": "masks/stack_uv.png",
+                          "bbox": [int(xs.min()), int(ys.min()),
+                                   int(xs.max() - xs.min() + 1), int(ys.max() - ys.min() + 1)]}
+        return f
+
+    def led(self, cam, p):
+        c, _ = cam.project(p)
+        e, _ = cam.project(p + Vector((R.LED_RADIUS, 0, 0)))
+        return {"center_px": [round(float(c[0]), 4), round(float(c[1]), 4)],
+                "radius_px": round(max(0.5, float(np.hypot(*(e - c)))), 4), "color": LED_COLOUR}
+
+
+def main():
+    args = parse_args()
+    t0 = time.time()
+    Pipeline(args).run()
+    print("pronto em %.0f s" % (time.time() - t0), flush=True)
+
+
+if __name__ == "__main__":
+    try:
+        main()
+    except SystemExit as e:
+        if isinstance(e.code, int):
+            os._exit(e.code)
+        if e.code is not None:
+            print(e.code, file=sys.stderr, flush=True)
+            os._exit(1)
+        os._exit(0)
+    except Exception:
+        import traceback
+        traceback.print_exc()
+        os._exit(1)
+    os._exit(0)
