@@ -75,7 +75,7 @@ defaults=("$tools/turnelo-defaults" --file "$seeds/settings/written.json")
 "${defaults[@]}" write fxRecord -bool false >/dev/null
 "${defaults[@]}" write desktopSnapshot -dict '{"xfce4-desktop:/desktop-icons/style":{"exists":true,"value":2}}' >/dev/null || true
 
-export ASAN_OPTIONS=detect_leaks=1:strict_string_checks=1
+export ASAN_OPTIONS=detect_leaks=1
 export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
 export LSAN_OPTIONS=suppressions=$root/scripts/lsan.supp:print_suppressions=0
 
