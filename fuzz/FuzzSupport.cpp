@@ -5,6 +5,7 @@
 #include <QDBusVariant>
 #include <QDir>
 #include <QFile>
+#include <QFileInfo>
 #include <QTemporaryDir>
 #include <cstring>
 
@@ -19,7 +20,9 @@ QTemporaryDir *scratchRoot = nullptr;
 void init()
 {
     static const bool once = [] {
-        scratchRoot = new QTemporaryDir(QDir::tempPath() + QStringLiteral("/turnelo-fuzz-XXXXXX"));
+        // In memory where there is such a folder: every input is written and synced to disk.
+        const QString base = QFileInfo(QStringLiteral("/dev/shm")).isWritable() ? QStringLiteral("/dev/shm") : QDir::tempPath();
+        scratchRoot = new QTemporaryDir(base + QStringLiteral("/turnelo-fuzz-XXXXXX"));
         const QByteArray root = QFile::encodeName(scratchRoot->path());
         for (const char *name : {"HOME", "XDG_CONFIG_HOME", "XDG_DATA_HOME", "XDG_STATE_HOME", "XDG_CACHE_HOME"})
             qputenv(name, root + "/" + name);
