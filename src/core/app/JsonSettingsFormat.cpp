@@ -1,5 +1,8 @@
 #include "core/app/JsonSettingsFormat.h"
 
+#include "core/app/StateFile.h"
+
+#include <QFile>
 #include <QIODevice>
 #include <QJsonArray>
 #include <QJsonDocument>
@@ -18,9 +21,18 @@ bool readJson(QIODevice &device, QSettings::SettingsMap &map)
     if (bytes.trimmed().isEmpty())
         return true;
     QJsonParseError error;
-    const QJsonDocument doc = QJsonDocument::fromJson(bytes, &error);
-    if (error.error != QJsonParseError::NoError || !doc.isObject())
-        return false;
+    QJsonDocument doc = QJsonDocument::fromJson(bytes, &error);
+    if (error.error != QJsonParseError::NoError || !doc.isObject()) {
+        // A damaged file still gives the keys before the damage; the file itself is kept aside.
+        // Reporting success keeps QSettings writing: the next change replaces the file whole.
+        const auto rescued = error.error != QJsonParseError::NoError ? StateFile::salvage(bytes) : std::nullopt;
+        doc = rescued && rescued->isObject() ? *rescued : QJsonDocument(QJsonObject());
+        const QString reason = error.error != QJsonParseError::NoError
+                                   ? QStringLiteral("JSON ilegível no byte %1").arg(error.offset)
+                                   : QStringLiteral("não é um objeto JSON");
+        if (auto *file = qobject_cast<QFile *>(&device))
+            StateFile::reportDamaged(file->fileName(), reason, !doc.object().isEmpty());
+    }
     const QJsonObject root = doc.object();
     for (auto it = root.begin(); it != root.end(); ++it)
         map.insert(it.key(), fromJson(it.value()));

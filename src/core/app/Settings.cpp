@@ -6,6 +6,8 @@
 #include <QDir>
 #include <QFileInfo>
 #include <QFileSystemWatcher>
+#include <QLockFile>
+#include <QThread>
 #include <algorithm>
 
 namespace {
@@ -70,6 +72,19 @@ Settings::~Settings() = default;
 
 void Settings::init()
 {
+    // A process killed while taking QSettings' lock leaves a lock file without an owner in it,
+    // which QSettings would wait 30 s to see as stale. One that no live process holds goes now.
+    const QString lockPath = store->fileName() + QStringLiteral(".lock");
+    QLockFile leftover(lockPath);
+    leftover.setStaleLockTime(1);
+    bool taken = leftover.tryLock(0);
+    if (!taken && QFileInfo(lockPath).size() == 0) {
+        // Only its age says it is stale: give it a few milliseconds of it.
+        QThread::msleep(5);
+        taken = leftover.tryLock(0);
+    }
+    if (taken)
+        leftover.unlock();
     for (const QString &key : store->allKeys())
         observed.insert(key, store->value(key));
     watcher = new QFileSystemWatcher(this);

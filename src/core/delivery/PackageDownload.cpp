@@ -2,6 +2,7 @@
 
 #include "core/app/AppIdentity.h"
 #include "core/app/Log.h"
+#include "core/app/StateFile.h"
 
 #include <QDir>
 #include <QFile>
@@ -9,7 +10,6 @@
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QLocale>
-#include <QSaveFile>
 #include <QStorageInfo>
 #include <QUrl>
 
@@ -67,10 +67,7 @@ void PackageDownload::cancel()
 
 std::optional<QString> PackageDownload::recordedEtag() const
 {
-    QFile f(recordPath());
-    if (!f.open(QIODevice::ReadOnly))
-        return std::nullopt;
-    const QJsonObject o = QJsonDocument::fromJson(f.readAll()).object();
+    const QJsonObject o = StateFile::readJson(recordPath()).value_or(QJsonDocument()).object();
     const QJsonValue tag = o.value(QStringLiteral("etag"));
     return tag.isString() ? std::optional<QString>(tag.toString()) : std::nullopt;
 }
@@ -81,24 +78,15 @@ void PackageDownload::writeRecord(const std::optional<QString> &etag)
     o.insert(QStringLiteral("sha256"), entry.sha256);
     if (etag)
         o.insert(QStringLiteral("etag"), *etag);
-    QSaveFile f(recordPath());
-    if (f.open(QIODevice::WriteOnly)) {
-        f.write(QJsonDocument(o).toJson(QJsonDocument::Compact));
-        f.commit();
-    }
+    StateFile::write(recordPath(), QJsonDocument(o).toJson(QJsonDocument::Compact));
 }
 
 void PackageDownload::attempt()
 {
     // A partial file is only ever continued for the same package.
     bool sameRecord = false;
-    {
-        QFile f(recordPath());
-        if (f.open(QIODevice::ReadOnly)) {
-            const QJsonObject o = QJsonDocument::fromJson(f.readAll()).object();
-            sameRecord = o.value(QStringLiteral("sha256")).toString() == entry.sha256;
-        }
-    }
+    if (const auto record = StateFile::readJson(recordPath()))
+        sameRecord = record->object().value(QStringLiteral("sha256")).toString() == entry.sha256;
     if (!sameRecord)
         discard(downloads, entry);
     qint64 have = QFileInfo(partialPath()).size();

@@ -5,6 +5,7 @@
 #include "core/scene/SceneLocation.h"
 #include "core/delivery/SceneUnpacker.h"
 #include "core/app/Settings.h"
+#include "core/app/StateFile.h"
 
 #include <QCryptographicHash>
 #include <QDir>
@@ -16,7 +17,6 @@
 #include <QJsonObject>
 #include <QNetworkAccessManager>
 #include <QNetworkReply>
-#include <QSaveFile>
 #include <QThread>
 #include <QTimer>
 #include <QtConcurrent/QtConcurrentRun>
@@ -94,12 +94,22 @@ void renameOrThrow(const QString &from, const QString &to)
 
 void writeJson(const QString &path, const QJsonObject &object)
 {
-    QSaveFile f(path);
-    if (!f.open(QIODevice::WriteOnly))
-        throw InstallError(QStringLiteral("não foi possível gravar %1: %2").arg(path, f.errorString()));
-    f.write(QJsonDocument(object).toJson(QJsonDocument::Indented));
-    if (!f.commit())
-        throw InstallError(QStringLiteral("não foi possível gravar %1: %2").arg(path, f.errorString()));
+    QString error;
+    if (!StateFile::write(path, QJsonDocument(object).toJson(QJsonDocument::Indented), &error))
+        throw InstallError(QStringLiteral("não foi possível gravar %1: %2").arg(path, error));
+}
+
+// The cached catalog, when it is there and still reads as one.
+std::optional<SceneCatalog> cachedCatalog(const QString &path)
+{
+    const auto doc = StateFile::readJson(path);
+    if (!doc)
+        return std::nullopt;
+    try {
+        return SceneCatalog::parse(doc->toJson(QJsonDocument::Compact));
+    } catch (const SceneCatalog::ParseError &) {
+        return std::nullopt;
+    }
 }
 
 // Unpacks a verified base package and swaps it in: "Scenes" is replaced by two renames, so at
@@ -174,10 +184,7 @@ void installFramingFiles(const QString &root, const QString &name, const QList<S
         throw InstallError(QStringLiteral("não foi possível mover %1 para %2").arg(found, target));
     }
     const QString recordPath = scenes + QLatin1Char('/') + kFramingsRecord;
-    QFile existing(recordPath);
-    QJsonObject record;
-    if (existing.open(QIODevice::ReadOnly))
-        record = QJsonDocument::fromJson(existing.readAll()).object();
+    QJsonObject record = StateFile::readJson(recordPath).value_or(QJsonDocument()).object();
     QJsonArray list;
     for (const SceneCatalog::Entry &e : packages)
         list.append(QJsonObject{{QStringLiteral("id"), e.id}, {QStringLiteral("sha256"), e.sha256}});
@@ -313,11 +320,12 @@ void SceneInstaller::fetchCatalog(std::function<void(std::optional<SceneCatalog>
     request.setHeader(QNetworkRequest::UserAgentHeader, QStringLiteral("Turnelo/") + AppIdentity::version());
     request.setTransferTimeout(60 * 1000);
     const auto tag = settings.sceneCatalogETag();
-    // Without the cache file a 304 would leave nothing to read, so the tag goes only with it.
-    if (tag && QFileInfo(cache).isFile())
+    // A 304 is answered from the cache, so the tag goes only with a cache that reads.
+    std::optional<SceneCatalog> cached = tag ? cachedCatalog(cache) : std::nullopt;
+    if (cached)
         request.setRawHeader("If-None-Match", tag->toLatin1());
     QNetworkReply *reply = network->get(request);
-    connect(reply, &QNetworkReply::finished, this, [this, reply, cache, then] {
+    connect(reply, &QNetworkReply::finished, this, [this, reply, cache, cached, then] {
         reply->deleteLater();
         const QVariant code = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute);
         if (!code.isValid()) {
@@ -327,21 +335,21 @@ void SceneInstaller::fetchCatalog(std::function<void(std::optional<SceneCatalog>
         const int status = code.toInt();
         try {
             if (status == 304) {
-                QFile f(cache);
-                if (!f.open(QIODevice::ReadOnly))
+                if (!cached)
                     throw InstallError(QStringLiteral("catálogo em cache ilegível: ") + cache);
-                then(SceneCatalog::parse(f.readAll()), {});
+                then(*cached, {});
             } else if (status == 200) {
                 const QByteArray body = reply->readAll();
                 SceneCatalog catalog = SceneCatalog::parse(body);
                 QDir().mkpath(downloadsPath());
-                QSaveFile f(cache);
-                if (f.open(QIODevice::WriteOnly)) {
-                    f.write(body);
-                    f.commit();
-                }
+                // The old tag goes before the cache changes: a crash in between must not leave a
+                // tag that names a catalog the cache no longer holds.
+                settings.setSceneCatalogETag(std::nullopt);
+                if (!StateFile::write(cache, body))
+                    Log::write(QStringLiteral("Cenas: não foi possível gravar ") + cache);
                 const QByteArray etag = reply->rawHeader("ETag");
-                settings.setSceneCatalogETag(etag.isEmpty() ? std::nullopt : std::optional<QString>(QString::fromLatin1(etag)));
+                if (QFileInfo(cache).isFile() && !etag.isEmpty())
+                    settings.setSceneCatalogETag(QString::fromLatin1(etag));
                 then(std::move(catalog), {});
             } else {
                 QString text = QStringLiteral("HTTP %1 ao buscar o catálogo").arg(status);
@@ -493,14 +501,11 @@ void SceneInstaller::fail(const QString &message, bool transient)
 
 std::optional<SceneCatalog::Entry> SceneInstaller::installedEntry() const
 {
-    QFile f(scenesPath() + QLatin1Char('/') + kInstalledRecord);
-    if (!f.open(QIODevice::ReadOnly))
-        return std::nullopt;
-    const QJsonDocument doc = QJsonDocument::fromJson(f.readAll());
-    if (!doc.isObject())
+    const auto doc = StateFile::readJson(scenesPath() + QLatin1Char('/') + kInstalledRecord);
+    if (!doc || !doc->isObject())
         return std::nullopt;
     try {
-        return SceneCatalog::Entry::fromJson(doc.object());
+        return SceneCatalog::Entry::fromJson(doc->object());
     } catch (const SceneCatalog::ParseError &) {
         return std::nullopt;
     }
@@ -508,15 +513,8 @@ std::optional<SceneCatalog::Entry> SceneInstaller::installedEntry() const
 
 void SceneInstaller::refreshDownloadable()
 {
-    if (!lastCatalog) {
-        QFile cache(downloadsPath() + QStringLiteral("/catalog.json"));
-        if (cache.open(QIODevice::ReadOnly)) {
-            try {
-                lastCatalog = SceneCatalog::parse(cache.readAll());
-            } catch (const SceneCatalog::ParseError &) {
-            }
-        }
-    }
+    if (!lastCatalog)
+        lastCatalog = cachedCatalog(downloadsPath() + QStringLiteral("/catalog.json"));
     entries.clear();
     sizes.clear();
     downloadableNames.clear();

@@ -125,6 +125,9 @@ qint64 unpack(const QString &archivePath, const QString &folder, qint64 maxBytes
             archive_entry_set_perm(e, 0755);
         } else if (type == AE_IFREG) {
             archive_entry_set_perm(e, 0644);
+            // The size a header declares is not trusted: the writer would stretch the file to it
+            // (8 bytes of data, 300 MB on disk as a sparse file). The file gets what its data holds.
+            archive_entry_unset_size(e);
         } else {
             throw Failure(QStringLiteral("pacote com arquivo especial: %1").arg(name).toStdString());
         }

@@ -28,13 +28,9 @@ QString decimal(double x)
     return QString::number(x, 'f', QLocale::FloatingPointShortest);
 }
 
-struct Reading {
-    double rain = 0;  // mm in the last hour
-    qint64 code = 0;  // WMO weather code
-};
+}  // namespace
 
-// The "current" block of a forecast answer, or the reason it cannot be read.
-std::optional<Reading> readAnswer(const QByteArray &body, QString &error)
+std::optional<WeatherService::Reading> WeatherService::readAnswer(const QByteArray &body, QString &error)
 {
     QJsonParseError parseError;
     const QJsonDocument doc = QJsonDocument::fromJson(body, &parseError);
@@ -64,6 +60,8 @@ std::optional<Reading> readAnswer(const QByteArray &body, QString &error)
     return reading;
 }
 
+namespace {
+
 // The log is Portuguese; Qt's own error texts are English.
 QString transferError(const QNetworkReply &reply)
 {
@@ -84,15 +82,20 @@ QString transferError(const QNetworkReply &reply)
     }
 }
 
-bool isRaining(const Reading &r)
+}  // namespace
+
+bool WeatherService::Reading::raining() const
 {
     // Drizzle and rain (51–67), rain showers (80–82), thunderstorms (95–99); anything else only
     // counts when there is measurable rain.
-    return r.rain > 0.05 || (r.code >= 51 && r.code <= 67) || (r.code >= 80 && r.code <= 82)
-        || r.code > 94;
+    return rain > 0.05 || (code >= 51 && code <= 67) || (code >= 80 && code <= 82) || code > 94;
 }
 
-}  // namespace
+WeatherService::Now WeatherService::Reading::now() const
+{
+    const bool wet = raining();
+    return Now{wet, wet ? std::min(std::max(rain * 0.25, 0.25), 1.0) : 0.0};
+}
 
 QString WeatherService::City::name() const
 {
@@ -250,16 +253,15 @@ void WeatherService::finished(QNetworkReply *reply, const Place &asked)
         Log::write(QStringLiteral("Clima: falhou (") + error + QLatin1Char(')'));
         lastFetch = clock() - failureBackdate;
     } else {
-        const bool raining = isRaining(*reading);
-        const double intensity = raining ? std::min(std::max(reading->rain * 0.25, 0.25), 1.0) : 0.0;
+        const Now next = reading->now();
         Log::write(QStringLiteral("Clima ") + asked.label + QStringLiteral(": código ")
                    + QString::number(reading->code) + QStringLiteral(", chuva ") + decimal(reading->rain)
                    + QStringLiteral(" mm/h → ")
-                   + (raining ? QStringLiteral("chovendo") : QStringLiteral("seco")));
+                   + (next.raining ? QStringLiteral("chovendo") : QStringLiteral("seco")));
         lastFetch = clock();
         // An answer for a place that is no longer chosen is not shown; the new place is asked.
         if (asked == place())
-            publish(Now{raining, intensity});
+            publish(next);
     }
 
     if (!(asked == place())) {

@@ -33,6 +33,16 @@ public:
         QString name() const;  // display name, from the id
     };
 
+    // The "current" block of a forecast answer: rain in mm over the last hour, WMO weather code.
+    struct Reading {
+        double rain = 0;
+        qint64 code = 0;
+        bool raining() const;
+        Now now() const;
+    };
+    // Reads an answer's body; nothing, with the reason for the log in `error`, when it cannot.
+    static std::optional<Reading> readAnswer(const QByteArray &body, QString &error);
+
     // Monotonic seconds; only differences matter.
     using Clock = std::function<double()>;
 

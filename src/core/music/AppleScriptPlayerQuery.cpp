@@ -1,6 +1,7 @@
 #include "core/music/AppleScriptPlayerQuery.h"
 
 #include <cmath>
+#include <limits>
 
 namespace AppleScriptPlayerQuery {
 
@@ -36,8 +37,9 @@ double numberAt(const QVariantList &items, int index)
 
 int integerAt(const QVariantList &items, int index)
 {
+    // A number no int holds is as unknown as a missing one.
     const double n = numberAt(items, index);
-    return std::isfinite(n) ? int(n) : 0;
+    return std::isfinite(n) && std::abs(n) <= std::numeric_limits<int>::max() ? int(n) : 0;
 }
 
 }  // namespace

@@ -3,6 +3,7 @@
 #include "core/music/AlbumHash.h"
 #include "core/scene/SceneLocation.h"
 #include "core/app/Settings.h"
+#include "core/app/StateFile.h"
 
 #include <QBuffer>
 #include <QColorSpace>
@@ -17,6 +18,12 @@
 namespace {
 
 QString indexName() { return QStringLiteral("index.json"); }
+
+// Names come from our own index, but an edited index must not reach outside the folder.
+bool isPlainName(const QString &name)
+{
+    return !name.isEmpty() && !name.contains(QLatin1Char('/')) && !name.startsWith(QLatin1Char('.'));
+}
 
 }  // namespace
 
@@ -35,19 +42,17 @@ HistoryStore::HistoryStore(const Settings &settings, const QString &dir, QObject
 void HistoryStore::load()
 {
     list.clear();
-    QFile file(QDir(folder).filePath(indexName()));
-    if (!file.open(QIODevice::ReadOnly))
-        return;
-    const QJsonDocument doc = QJsonDocument::fromJson(file.readAll());
-    if (!doc.isArray())
+    // A damaged index gives the entries before the damage.
+    const auto doc = StateFile::readJson(QDir(folder).filePath(indexName()));
+    if (!doc || !doc->isArray())
         return;
     QList<Entry> decoded;
-    for (const QJsonValue &v : doc.array()) {
+    for (const QJsonValue &v : doc->array()) {
         const QJsonObject o = v.toObject();
         const QJsonValue album = o.value(QStringLiteral("album"));
         const QJsonValue name = o.value(QStringLiteral("file"));
         // One bad entry makes the whole index undecodable, as a typed decode would.
-        if (!v.isObject() || !album.isString() || !name.isString())
+        if (!v.isObject() || !album.isString() || !name.isString() || !isPlainName(name.toString()))
             return;
         decoded.append({album.toString(), name.toString()});
     }
@@ -60,11 +65,7 @@ void HistoryStore::save() const
     for (const Entry &e : list)
         array.append(QJsonObject{{QStringLiteral("album"), e.album},
                                  {QStringLiteral("file"), e.file}});
-    QSaveFile file(QDir(folder).filePath(indexName()));
-    if (!file.open(QIODevice::WriteOnly))
-        return;
-    file.write(QJsonDocument(array).toJson(QJsonDocument::Compact));
-    file.commit();
+    StateFile::write(QDir(folder).filePath(indexName()), QJsonDocument(array).toJson(QJsonDocument::Compact));
 }
 
 QByteArray HistoryStore::encodeCover(const QImage &image)
@@ -102,8 +103,11 @@ void HistoryStore::record(const QImage &image, const QString &album)
         if (file.open(QIODevice::WriteOnly) && file.write(jpeg) == jpeg.size() && file.commit())
             list.prepend({album, name});
     }
-    cutToLimit();
+    // The index goes first: a crash in between leaves a stray cover, never an entry without one.
+    const QStringList dropped = cutToLimit();
     save();
+    for (const QString &name : dropped)
+        removeFile(name);
 }
 
 QImage HistoryStore::previous(const QString &excludingAlbum) const
@@ -116,17 +120,21 @@ QImage HistoryStore::previous(const QString &excludingAlbum) const
     return {};
 }
 
-void HistoryStore::cutToLimit()
+QStringList HistoryStore::cutToLimit()
 {
     const int limit = std::max(1, settings.stackLimit());
+    QStringList dropped;
     while (list.size() > limit)
-        removeFile(list.takeLast().file);
+        dropped.append(list.takeLast().file);
+    return dropped;
 }
 
 void HistoryStore::trim()
 {
-    cutToLimit();
+    const QStringList dropped = cutToLimit();
     save();
+    for (const QString &name : dropped)
+        removeFile(name);
     emit changed();
 }
 
@@ -140,13 +148,13 @@ void HistoryStore::clear()
         removeFile(name);
     list.clear();
     QFile::remove(QDir(folder).filePath(indexName()));
+    QFile::remove(QDir(folder).filePath(indexName() + QStringLiteral(".bad")));
     emit changed();
 }
 
 void HistoryStore::removeFile(const QString &name) const
 {
-    // Names come from our own index, but an edited index must not reach outside the folder.
-    if (name.isEmpty() || name.contains(QLatin1Char('/')) || name.startsWith(QLatin1Char('.')))
+    if (!isPlainName(name))
         return;
     QFile::remove(QDir(folder).filePath(name));
 }

@@ -4,6 +4,7 @@
 #include <QList>
 #include <QObject>
 #include <QString>
+#include <QStringList>
 
 class Settings;
 
@@ -11,8 +12,10 @@ class Settings;
 // stack beside the turntable survives a restart. The folder holds "index.json" (a JSON array of
 // {"album", "file"}) and one JPEG per album, named by albumCoverFileName().
 //
-// File work is synchronous and small (at most the stack limit of 512-pixel JPEGs). Failures
-// are silent: a cover that cannot be written leaves the stack without it, an unreadable index
+// File work is synchronous and small (at most the stack limit of 512-pixel JPEGs). Every file is
+// replaced whole, so a crash leaves the index as it was or as it became. Failures are silent: a
+// cover that cannot be written leaves the stack without it; a damaged index gives the entries
+// before the damage (logged, kept aside as "index.json.bad"), an undecodable one
 // is an empty stack. Main thread only; `settings` must outlive the store.
 class HistoryStore : public QObject {
     Q_OBJECT
@@ -54,7 +57,8 @@ signals:
 private:
     void load();
     void save() const;
-    void cutToLimit();
+    // Drops the oldest entries past the limit; gives their files, for removal once the index is saved.
+    QStringList cutToLimit();
     void removeFile(const QString &name) const;
 
     const Settings &settings;

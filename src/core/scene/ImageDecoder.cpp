@@ -6,6 +6,7 @@
 #include <ImfInputFile.h>
 #include <ImfIO.h>
 #include <ImfThreading.h>
+#include <openexr.h>
 #include <QThread>
 #include <QFile>
 #include <QFileInfo>
@@ -35,6 +36,32 @@ void requireReadable(const QString &path)
 
 constexpr uint16_t halfOne = 0x3C00;
 
+// No plate is wider or taller than a GPU texture may be; a header that says more is damage, and
+// believing it would mean allocating gigabytes.
+constexpr int64_t maxSide = 16384;
+
+// Reads the header alone and checks its windows, before the full reader sizes its buffers and
+// tables from them. A header the reader cannot parse is left for the full reader to report.
+bool windowsFit(const QByteArray &native)
+{
+    exr_context_initializer_t init = EXR_DEFAULT_CONTEXT_INITIALIZER;
+    init.flags |= EXR_CONTEXT_FLAG_SILENT_HEADER_PARSE;
+    init.error_handler_fn = [](exr_const_context_t, exr_result_t, const char *) {};
+    exr_context_t context = nullptr;
+    bool fits = true;
+    if (exr_start_read(&context, native.constData(), &init) == EXR_ERR_SUCCESS) {
+        const auto fit = [](const exr_attr_box2i_t &b) {
+            return int64_t(b.max.x) - b.min.x < maxSide && int64_t(b.max.y) - b.min.y < maxSide;
+        };
+        exr_attr_box2i_t data{}, display{};
+        if (exr_get_data_window(context, 0, &data) == EXR_ERR_SUCCESS
+            && exr_get_display_window(context, 0, &display) == EXR_ERR_SUCCESS)
+            fits = fit(data) && fit(display);
+    }
+    exr_finish(&context);
+    return fits;
+}
+
 }  // namespace
 
 HalfImage decodeEXR(const QString &path)
@@ -47,6 +74,8 @@ HalfImage decodeEXR(const QString &path)
     }();
     (void)pool;
     const QByteArray native = QFile::encodeName(path);
+    if (!windowsFit(native))
+        throw Failure(unreadable(path));
     try {
         Imf::InputFile file(native.constData());
         const Imf::Header &header = file.header();

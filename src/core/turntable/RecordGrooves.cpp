@@ -23,8 +23,11 @@ std::optional<std::pair<QChar, int>> RecordGrooves::side(int number, int trackCo
 
 RecordGrooves RecordGrooves::forTrack(const std::optional<Track> &track, double grooveOuter, double grooveInner) {
     if (!track) return make(QString(), 1, 8, 240, grooveOuter, grooveInner);
-    const int number = std::max(track->trackNumber, 1);
-    const int total = std::max(number, assumedCount(track->album, track->trackCount));
+    // Players are not trusted: a number or count past any real album's counts as unknown rather
+    // than cutting the side into millions of bands.
+    const auto plausible = [](int n) { return n <= maxTracks ? n : 0; };
+    const int number = std::max(plausible(track->trackNumber), 1);
+    const int total = std::max(number, assumedCount(track->album, plausible(track->trackCount)));
     return make(track->album, number, total, track->duration, grooveOuter, grooveInner);
 }
 

@@ -17,6 +17,9 @@ struct RecordGrooves {
     std::vector<Band> bands;
     int current = 0;  // index in bands of the playing track (0 when it is not on the side)
 
+    // Track numbers and counts above this are taken for unknown.
+    static constexpr int maxTracks = 999;
+
     // FNV-1a of the album title's UTF-8 bytes.
     static quint64 hash(const QString &text);
     // The album's track count: the player's when at least 1, else 8, 9 or 10 by title.

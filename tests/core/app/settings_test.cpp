@@ -3,6 +3,7 @@
 #include "TestSupport.h"
 
 #include <QFileInfo>
+#include <QLockFile>
 #include <QSignalSpy>
 #include <gtest/gtest.h>
 
@@ -85,6 +86,37 @@ TEST_F(SettingsTest, ValueTypesSurviveARestart)
     ASSERT_TRUE(s.desktopSnapshot().has_value());
     s.setDesktopSnapshot(std::nullopt);
     EXPECT_FALSE(s.contains("desktopSnapshot"));
+}
+
+TEST_F(SettingsTest, ADamagedFileOrAnOwnerlessLockDoesNotStopTheNextStart)
+{
+    LogTail log;
+    const QByteArray damaged = R"({"framing": "mid", "fps": 45, "stackLimit": 1)";
+    writeFile(path(), damaged);
+    {
+        Settings s(path());
+        EXPECT_EQ(s.framing(), "mid");
+        EXPECT_EQ(s.fps(), 45);
+        EXPECT_EQ(readFile(path() + ".bad"), damaged) << "the damaged file is kept aside";
+        EXPECT_TRUE(log.messages().contains("Estado: turnelo.json danificado (JSON ilegível no byte 45); lido até o "
+                                            "último item completo, cópia em turnelo.json.bad"))
+            << log.messages().join('\n').toStdString();
+        s.setStackLimit(3);
+    }
+    EXPECT_EQ(runTool(builtTool("turnelo-defaults"), {"--file", path(), "read", "framing"}).out.trimmed(), "\"mid\"");
+
+    // A lock file that a killed process left empty goes at start; one a live process holds stays.
+    writeFile(path() + ".lock", {});
+    {
+        Settings s(path());
+        EXPECT_FALSE(QFileInfo::exists(path() + ".lock"));
+        s.setFraming("wide");
+    }
+    QLockFile held(path() + ".lock");
+    ASSERT_TRUE(held.tryLock(0));
+    Settings s(path());
+    EXPECT_TRUE(QFileInfo::exists(path() + ".lock"));
+    EXPECT_EQ(s.framing(), "wide");
 }
 
 TEST_F(SettingsTest, RealChangesSignalFromThisOrAnotherProcess)

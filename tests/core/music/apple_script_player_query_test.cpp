@@ -73,4 +73,8 @@ TEST(AppleScriptPlayerQuery, ShortOrOddReplies)
     EXPECT_EQ(odd->track.trackNumber, 0);
     // Real numbers are cut to integers.
     EXPECT_EQ(parseReply(music(), {"paused", "", "", "", 1.0, 2.0, 4.9, 10.2})->track.trackNumber, 4);
+    // Numbers no int holds are unknown.
+    const auto huge = parseReply(music(), {"paused", "", "", "", 1.0, 2.0, 5.8e17, -3e9});
+    EXPECT_EQ(huge->track.trackNumber, 0);
+    EXPECT_EQ(huge->track.trackCount, 0);
 }

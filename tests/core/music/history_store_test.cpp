@@ -135,6 +135,12 @@ TEST_F(HistoryStoreTest, CoversAreSquareJpegsOfAtMost512Pixels)
 
 TEST_F(HistoryStoreTest, ACorruptIndexIsAnEmptyStackRewrittenOnTheNextRecord)
 {
+    // A cut-off index keeps its complete entries and is kept aside as it was.
+    const QByteArray cut = "[{\"album\": \"A\", \"file\": \"a.jpg\"}, {\"album\": \"B\", \"fi";
+    writeFile(dir() + "/index.json", cut);
+    EXPECT_EQ(albums(HistoryStore(settings, dir())), QStringList{"A"});
+    EXPECT_EQ(readFile(dir() + "/index.json.bad"), cut);
+
     writeFile(dir() + "/index.json", "[{\"album\": \"A\", \"fi");
     HistoryStore store(settings, dir());
     EXPECT_TRUE(store.entries().isEmpty());
@@ -148,6 +154,9 @@ TEST_F(HistoryStoreTest, ACorruptIndexIsAnEmptyStackRewrittenOnTheNextRecord)
     writeFile(dir() + "/index.json", "[{\"album\": 3, \"file\": \"x.jpg\"}]");
     EXPECT_TRUE(HistoryStore(settings, dir()).entries().isEmpty());
     writeFile(dir() + "/index.json", "{\"album\": \"A\"}");
+    EXPECT_TRUE(HistoryStore(settings, dir()).entries().isEmpty());
+    // A name that leads out of the folder is no entry either.
+    writeFile(dir() + "/index.json", "[{\"album\": \"A\", \"file\": \"../../cover.jpg\"}]");
     EXPECT_TRUE(HistoryStore(settings, dir()).entries().isEmpty());
 }
 

@@ -189,6 +189,13 @@ TEST(ImageDecoder, FailureTexts)
               "ImageIO não lê junk.exr (arquivo danificado ou formato desconhecido)");
     EXPECT_EQ(failureOf([&] { decodeGray(dir.filePath("junk.png")); }),
               "ImageIO não lê junk.png (arquivo danificado ou formato desconhecido)");
+
+    // Rows wider than any texture are damage, not a reason to allocate for them.
+    Exr overscan;
+    overscan.data = Imath::Box2i{{-20000, 0}, {20000, 0}};
+    overscan.write(dir.filePath("overscan.exr"));
+    EXPECT_EQ(failureOf([&] { decodeEXR(dir.filePath("overscan.exr")); }),
+              "ImageIO não lê overscan.exr (arquivo danificado ou formato desconhecido)");
 }
 
 TEST(ImageDecoder, GreyMasksFromGreyAndColourPngs)

@@ -359,7 +359,12 @@ TEST_F(FrameSchedulerTest, PerformanceLine)
         for (const QByteArray &row : readFile("/proc/self/status").split('\n'))
             if (row.startsWith("VmRSS:"))
                 rssKb = row.mid(6).trimmed().split(' ').first().toInt();
-        EXPECT_NEAR(m.captured(6).toInt(), rssKb / 1024, 3);
+#ifdef __SANITIZE_ADDRESS__
+        constexpr int slackMb = 16;  // the sanitizer's quarantine keeps freed memory resident meanwhile
+#else
+        constexpr int slackMb = 3;
+#endif
+        EXPECT_NEAR(m.captured(6).toInt(), rssKb / 1024, slackMb);
     }
 
     // No command buffer completed: no time per frame.

@@ -49,6 +49,10 @@ TEST(RecordGrooves, OneTrackSideIsOneBandAndNoTrackIsTheMadeUpAlbum) {
     const RecordGrooves first = RecordGrooves::forTrack(t, 140, 70);
     EXPECT_EQ(first.current, 0);
     EXPECT_EQ(int(first.bands.size()), int(std::ceil(RecordGrooves::assumedCount("Q", 0) * 0.5)));
+    // A player's absurd number or count is no album's: the made-up count stands.
+    t.trackNumber = 5000;
+    t.trackCount = 1'000'000;
+    EXPECT_EQ(RecordGrooves::forTrack(t, 140, 70).bands.size(), first.bands.size());
 }
 
 // Angles worked out by hand: from rest towards speed w with time constant tau, the angle after
