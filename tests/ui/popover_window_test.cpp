@@ -41,6 +41,25 @@ void keep(PopoverWindow &popover, const QString &file)
     popover.grab().save(QStringLiteral(TURNELO_BINARY_DIR "/") + file);
 }
 
+// Each quarter of the dial picks its own preset (morning at the top, then clockwise), the middle
+// picks the clock, and a preset the scene lacks picks nothing.
+TEST(LightDialGeometry, EachQuarterPicksItsPreset)
+{
+    LightDial dial;
+    dial.resize(300, 200);
+    dial.setState({"manha", "dia", "tarde", "noite"}, "auto", "dia", 0.4);
+    const QPointF c(150, 100);
+    EXPECT_EQ(dial.modeAt(c), "auto");
+    EXPECT_EQ(dial.modeAt(c + QPointF(0, -50)), "manha");
+    EXPECT_EQ(dial.modeAt(c + QPointF(50, 0)), "dia");
+    EXPECT_EQ(dial.modeAt(c + QPointF(0, 50)), "tarde");
+    EXPECT_EQ(dial.modeAt(c + QPointF(-50, 0)), "noite");
+    for (const QString preset : {"manha", "dia", "tarde", "noite"})
+        EXPECT_EQ(dial.modeAt(dial.centerOf(preset)), preset);
+    dial.setState({"dia", "noite"}, "auto", "dia", std::nullopt);
+    EXPECT_EQ(dial.modeAt(c + QPointF(0, -50)), "");
+}
+
 // The words of the header, the status line and the now-playing section, from the shared state.
 TEST(PopoverModel, SaysWhereTheRoomIsWhatPlaysAndWhatWentWrong)
 {
