@@ -93,10 +93,10 @@ def read_layers(path):
     inp = oiio.ImageInput.open(path)
     if inp is None:
         raise RuntimeError("cannot read %s: %s" % (path, oiio.geterror()))
-    spec = inp.spec()
+    header = inp.spec()
     px = inp.read_image(oiio.FLOAT)
     inp.close()
-    names = list(spec.channelnames)
+    names = list(header.channelnames)
     layers = {}
     for i, n in enumerate(names):
         parts = n.split(".")
@@ -108,11 +108,11 @@ def read_layers(path):
 def write_exr(path, pixels, codec):
     os.makedirs(os.path.dirname(path), exist_ok=True)
     h, w, c = pixels.shape
-    spec = oiio.ImageSpec(w, h, c, oiio.HALF)
-    spec.channelnames = ("R", "G", "B", "A")[:c]
-    spec.attribute("compression", codec)
+    header = oiio.ImageSpec(w, h, c, oiio.HALF)
+    header.channelnames = ("R", "G", "B", "A")[:c]
+    header.attribute("compression", codec)
     out = oiio.ImageOutput.create(path)
-    if out is None or not out.open(path, spec):
+    if out is None or not out.open(path, header):
         raise RuntimeError("cannot write %s: %s" % (path, oiio.geterror()))
     out.write_image(np.ascontiguousarray(pixels, dtype=np.float32))
     out.close()
@@ -206,7 +206,7 @@ class Pipeline:
         self.setup_scene()
         self.materials = self.room.materials
         self.swaps = {
-            "vinyl_spec": R.vinyl_material("vinyl_spec", "spec"),
+            "vinyl_specular": R.vinyl_material("vinyl_specular", "specular"),
             "vinyl_diffuse": R.vinyl_material("vinyl_diffuse", "diffuse"),
             "black": R.principled("black_sleeve", (0.0, 0.0, 0.0), roughness=1.0, specular=0.0),
             "clear": self.clear_material("clear", False),
@@ -474,16 +474,16 @@ class Pipeline:
                 for z in (R.DESK_Z, R.DESK_Z + 0.12):
                     area.append(Vector((f.x, f.y + dy, z)))
         bounce_box = cam.bounds(area, 1)
-        spec, diff = {}, {}
+        specular, diff = {}, {}
         for t in PRESET_ORDER:
-            def setup_spec(t=t):
+            def setup_specular(t=t):
                 self.reset(name)
                 rm.set_time(t)
-                rm.record.data.materials[0] = self.swaps["vinyl_spec"]
+                rm.record.data.materials[0] = self.swaps["vinyl_specular"]
                 rm.sleeve.data.materials[0] = self.swaps["black"]
                 self.border(union(record_box, bounce_box))
-            job = {"kind": "spec", "framing": name, "time": t, "s": a.samples, "box": union(record_box, bounce_box)}
-            spec[t] = self.render("%s/record_spec/%s" % (name, t), job, setup_spec)
+            job = {"kind": "specular", "framing": name, "time": t, "s": a.samples, "box": union(record_box, bounce_box)}
+            specular[t] = self.render("%s/record_specular/%s" % (name, t), job, setup_specular)
 
             def setup_diff(t=t):
                 self.reset(name)
@@ -495,10 +495,10 @@ class Pipeline:
             diff[t] = self.render("%s/record_diffuse/%s" % (name, t), job, setup_diff)
         record_px = masks["record"]
         for p in used:
-            write_exr(os.path.join(fdir, "record", p + "_spec.exr"), crop(plate(p, spec), record_box), "zip")
+            write_exr(os.path.join(fdir, "record", p + "_spec.exr"), crop(plate(p, specular), record_box), "zip")
             irradiance = crop(plate(p, diff) * math.pi, record_box)
             write_exr(os.path.join(fdir, "record", p + "_diffuse.exr"), irradiance, "zip")
-            b = np.clip(plate(p, raw) - plate(p, spec), 0, None) * (1 - record_px[:, :, None])
+            b = np.clip(plate(p, raw) - plate(p, specular), 0, None) * (1 - record_px[:, :, None])
             write_exr(os.path.join(fdir, "bounce", p + ".exr"), crop(b, bounce_box), "zip")
 
         # Tonearm sprites and shadows, per preset, over the room as a shadow catcher.

@@ -289,7 +289,7 @@ def platter_material(name):
 
 
 def vinyl_material(name, mode="plate"):
-    """mode: "plate" (what the plates show), "spec" (its reflection only), "diffuse" (white, for the
+    """mode: "plate" (what the plates show), "specular" (its reflection only), "diffuse" (white, for the
     irradiance pass)."""
     mat = material(name)
     g = Nodes(mat)
@@ -302,7 +302,7 @@ def vinyl_material(name, mode="plate"):
                                   g.math('POWER', g.math('SUBTRACT', pos.outputs["Y"], RECORD_CENTRE.y), 2.0)))
         grooves = g.math('MULTIPLY', g.math('SINE', g.math('MULTIPLY', r, 40000.0)), 0.5)
         bump = g.n("ShaderNodeBump", Strength=0.04, Distance=0.0001, Height=grooves)
-        base = (0.0, 0.0, 0.0, 1) if mode == "spec" else (0.012, 0.012, 0.013, 1)
+        base = (0.0, 0.0, 0.0, 1) if mode == "specular" else (0.012, 0.012, 0.013, 1)
         bsdf = g.n("ShaderNodeBsdfPrincipled", **{"Base Color": base}, Roughness=0.16, Specular=0.5)
         g.set(bsdf.inputs["Normal"], bump)
     g.aov("record", 1.0)
