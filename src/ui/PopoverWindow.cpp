@@ -171,10 +171,8 @@ PopoverWindow::PopoverWindow(const UiServices &services, QWidget *parent)
 
     connect(&viewModel, &PopoverModel::changed, this, &PopoverWindow::refresh);
     // The clock's hand moves while the popover is open.
-    auto *minute = new QTimer(this);
-    minute->setInterval(30000);
-    connect(minute, &QTimer::timeout, this, &PopoverWindow::refresh);
-    minute->start();
+    clockHand.setInterval(30000);
+    connect(&clockHand, &QTimer::timeout, this, &PopoverWindow::refresh);
     refresh();
 }
 
@@ -277,6 +275,18 @@ void PopoverWindow::popup(const QRect &anchor)
     show();
     raise();
     activateWindow();
+}
+
+void PopoverWindow::showEvent(QShowEvent *event)
+{
+    clockHand.start();
+    QFrame::showEvent(event);
+}
+
+void PopoverWindow::hideEvent(QHideEvent *event)
+{
+    clockHand.stop();
+    QFrame::hideEvent(event);
 }
 
 void PopoverWindow::keyPressEvent(QKeyEvent *event)

@@ -4,6 +4,7 @@
 
 #include <QFrame>
 #include <QList>
+#include <QTimer>
 
 class FramingTile;
 class LightDial;
@@ -35,12 +36,15 @@ public:
 
 protected:
     void keyPressEvent(QKeyEvent *event) override;
+    void showEvent(QShowEvent *event) override;
+    void hideEvent(QHideEvent *event) override;
 
 private:
     void refresh();
     void refreshTiles();
 
     PopoverModel viewModel;
+    QTimer clockHand;  // runs only while open: a hidden popover must not wake the process
     QLabel *header = nullptr;
     QLabel *status = nullptr;
     QProgressBar *installBar = nullptr;
