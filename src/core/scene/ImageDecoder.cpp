@@ -96,7 +96,10 @@ HalfImage decodeEXR(const QString &path)
         HalfImage image;
         image.width = int64_t(display.max.x) - display.min.x + 1;
         image.height = int64_t(display.max.y) - display.min.y + 1;
-        if (image.width <= 0 || image.height <= 0 || data.max.x < data.min.x || data.max.y < data.min.y)
+        // The header check above cannot speak for a header only this reader accepts.
+        if (image.width <= 0 || image.height <= 0 || image.width > maxSide || image.height > maxSide
+            || data.max.x < data.min.x || data.max.y < data.min.y
+            || int64_t(data.max.x) - data.min.x >= maxSide || int64_t(data.max.y) - data.min.y >= maxSide)
             throw Failure(unreadable(path));
         image.pixels.assign(size_t(image.width) * size_t(image.height) * 4, 0);
 
