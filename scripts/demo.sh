@@ -1,30 +1,27 @@
 #!/usr/bin/env bash
-# Sets up a fresh Debian 12 machine, builds Turnelo, generates the 1920x1080 demo scene, prints
-# its summary and renders it by day and by night (PNG files beside the scene). Then, on $DISPLAY,
-# starts the room on the desktop with the demo scene; without a display it says so and stops
-# at the pictures.
+# Sets up a fresh Debian 12 machine, builds Turnelo, prints the summary of the demo room that
+# ships in scenes/room (rendered in Blender by tools/blender) and renders it by day and by night
+# (PNG files in build/). Then, on $DISPLAY, starts the room on the desktop; without a display it
+# says so and stops at the pictures.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/install-deps.sh
 cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo
 cmake --build build -j"$(nproc)"
 
-demo="${TURNELO_DEMO_DIR:-$PWD/build/demo-scene}"
-if [ ! -f "$demo/manifest.json" ]; then
-  echo "Gerando a cena de demonstração em $demo (1920x1080)…"
-  ./build/tools/turnelo-gen-scene --out "$demo" --width 1920 --height 1080 >/dev/null
-fi
+demo="${TURNELO_DEMO_DIR:-$PWD/scenes/room}"
+shots="$PWD/build"
 echo "Resumo da cena:"
 ./build/tools/turnelo-scene validate "$demo"
 echo "Luz agora ($(date +%H:%M)):"
 ./build/tools/turnelo-scene blend "$demo" --at "$(date +%H:%M)"
 
 echo "Renderizando (Vulkan; software se não houver GPU)…"
-./build/turnelo render "$demo" "$demo/../demo-day.png" --framing mid --size 1280x720 --time 12:00 \
+./build/turnelo render "$demo" "$shots/demo-day.png" --framing mid --size 1280x720 --time 12:00 \
   --playing --album "Demo" --artist "Turnelo" --title "Side A" --track 2 --tracks 5 --duration 240 --position 90
-./build/turnelo render "$demo" "$demo/../demo-night.png" --framing wide --size 1280x720 --time 22:30 --rain 0.8 \
+./build/turnelo render "$demo" "$shots/demo-night.png" --framing wide --size 1280x720 --time 22:30 --rain 0.8 \
   --playing --album "Demo" --artist "Turnelo" --title "Side B" --track 4 --tracks 5 --duration 240 --position 30
-echo "Imagens: $(cd "$demo/.." && pwd)/demo-day.png e demo-night.png"
+echo "Imagens: $shots/demo-day.png e $shots/demo-night.png"
 
 if [ -z "${DISPLAY:-}" ]; then
   echo "Sem tela (DISPLAY não definido): a sala não pode ir para a área de trabalho; veja as imagens acima."
