@@ -26,40 +26,47 @@ def _calm(im):
     return (im * scale[..., None]).astype(np.float32)
 
 
-def filter_plates(plates, albedo, normal, depth, radius=3, spatial=2.0):
+def filter_plates(plates, albedo, normal, depth, radius=2, spatial=1.5, steps=(1, 2, 4)):
     """Filters several plates of one render (same guides) at once; returns the filtered list.
 
-    albedo: surface colour (H x W x 3); normal: H x W x 3; depth: H x W (camera distance)."""
+    albedo: surface colour (H x W x 3); normal: H x W x 3; depth: H x W (camera distance). Each
+    step is one pass over neighbours that far apart (à trous): the later, sparser passes reach the
+    blotches a small window leaves, at the cost of one small window each."""
     eps = 0.02
     diffuse = _lum(albedo) > eps
     alb = np.maximum(albedo, eps)
     irr = [_calm(np.where(diffuse[..., None], p / alb, 0.0).astype(np.float32)) for p in plates]
+    z = np.maximum(depth, 1e-4)
+    for step in steps:
+        irr = _pass(irr, albedo, normal, z, diffuse, radius, spatial, step)
+    out = []
+    for p, f in zip(plates, irr):
+        out.append(np.where(diffuse[..., None], f * alb, p).astype(np.float32))
+    return out
+
+
+def _pass(irr, albedo, normal, z, diffuse, radius, spatial, step):
     # A smoothed luminance per plate for the range term: keeps shadow edges from being washed over.
     smooth = []
     for im in irr:
         lum = _lum(im)
-        acc = sum(_shift(lum, dy, dx) for dy in (-1, 0, 1) for dx in (-1, 0, 1)) / 9.0
-        smooth.append(acc)
+        smooth.append(sum(_shift(lum, dy, dx) for dy in (-1, 0, 1) for dx in (-1, 0, 1)) / 9.0)
     acc = [np.zeros_like(im) for im in irr]
-    wsum = [np.zeros(depth.shape, np.float32) for _ in irr]
-    z = np.maximum(depth, 1e-4)
+    wsum = [np.zeros(z.shape, np.float32) for _ in irr]
     for dy in range(-radius, radius + 1):
         for dx in range(-radius, radius + 1):
+            sy, sx = dy * step, dx * step
             ws = np.exp(-(dx * dx + dy * dy) / (2 * spatial * spatial))
-            n2 = _shift(normal, dy, dx)
+            n2 = _shift(normal, sy, sx)
             wn = np.exp(-np.clip(1 - np.sum(normal * n2, axis=2), 0, 2) / 0.05)
-            wz = np.exp(-((z - _shift(z, dy, dx)) / (0.02 * z)) ** 2)
-            wa = np.exp(-np.sum((albedo - _shift(albedo, dy, dx)) ** 2, axis=2) / 0.004)
-            w = (ws * wn * wz * wa * _shift(diffuse, dy, dx)).astype(np.float32)
+            wz = np.exp(-((z - _shift(z, sy, sx)) / (0.02 * z)) ** 2)
+            wa = np.exp(-np.sum((albedo - _shift(albedo, sy, sx)) ** 2, axis=2) / 0.004)
+            w = (ws * wn * wz * wa * _shift(diffuse, sy, sx)).astype(np.float32)
             for i, im in enumerate(irr):
                 s = smooth[i]
-                ss = _shift(s, dy, dx)
+                ss = _shift(s, sy, sx)
                 wr = np.exp(-((s - ss) / (0.35 * (s + ss) + 1e-4)) ** 2)
                 wi = w * wr
-                acc[i] += wi[..., None] * _shift(im, dy, dx)
+                acc[i] += wi[..., None] * _shift(im, sy, sx)
                 wsum[i] += wi
-    out = []
-    for p, a, ws in zip(plates, acc, wsum):
-        f = a / np.maximum(ws, 1e-8)[..., None] * alb
-        out.append(np.where(diffuse[..., None], f, p).astype(np.float32))
-    return out
+    return [a / np.maximum(ws, 1e-8)[..., None] for a, ws in zip(acc, wsum)]
