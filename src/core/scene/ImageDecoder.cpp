@@ -40,6 +40,13 @@ constexpr uint16_t halfOne = 0x3C00;
 // believing it would mean allocating gigabytes.
 constexpr int64_t maxSide = 16384;
 
+// Both OpenEXR readers' boxes: inclusive corners.
+template <typename Box>
+bool fits(const Box &b)
+{
+    return int64_t(b.max.x) - b.min.x < maxSide && int64_t(b.max.y) - b.min.y < maxSide;
+}
+
 // Reads the header alone and checks its windows, before the full reader sizes its buffers and
 // tables from them. A header the reader cannot parse is left for the full reader to report.
 bool windowsFit(const QByteArray &native)
@@ -48,18 +55,15 @@ bool windowsFit(const QByteArray &native)
     init.flags |= EXR_CONTEXT_FLAG_SILENT_HEADER_PARSE;
     init.error_handler_fn = [](exr_const_context_t, exr_result_t, const char *) {};
     exr_context_t context = nullptr;
-    bool fits = true;
+    bool ok = true;
     if (exr_start_read(&context, native.constData(), &init) == EXR_ERR_SUCCESS) {
-        const auto fit = [](const exr_attr_box2i_t &b) {
-            return int64_t(b.max.x) - b.min.x < maxSide && int64_t(b.max.y) - b.min.y < maxSide;
-        };
         exr_attr_box2i_t data{}, display{};
         if (exr_get_data_window(context, 0, &data) == EXR_ERR_SUCCESS
             && exr_get_display_window(context, 0, &display) == EXR_ERR_SUCCESS)
-            fits = fit(data) && fit(display);
+            ok = fits(data) && fits(display);
     }
     exr_finish(&context);
-    return fits;
+    return ok;
 }
 
 }  // namespace
@@ -97,9 +101,8 @@ HalfImage decodeEXR(const QString &path)
         image.width = int64_t(display.max.x) - display.min.x + 1;
         image.height = int64_t(display.max.y) - display.min.y + 1;
         // The header check above cannot speak for a header only this reader accepts.
-        if (image.width <= 0 || image.height <= 0 || image.width > maxSide || image.height > maxSide
-            || data.max.x < data.min.x || data.max.y < data.min.y
-            || int64_t(data.max.x) - data.min.x >= maxSide || int64_t(data.max.y) - data.min.y >= maxSide)
+        if (image.width <= 0 || image.height <= 0 || !fits(display) || data.max.x < data.min.x
+            || data.max.y < data.min.y || !fits(data))
             throw Failure(unreadable(path));
         image.pixels.assign(size_t(image.width) * size_t(image.height) * 4, 0);
 
