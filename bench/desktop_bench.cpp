@@ -3,8 +3,9 @@
 // while a window covers the room and while the screen is locked, and resident memory.
 // Figures only; nothing here passes or fails.
 //
-//   desktop_bench [--seconds N] [--size WxH] [--scene DIR]
-// Without --scene the 1920x1080 demo scene is generated in a temporary folder (a minute or two).
+//   desktop_bench [--seconds N] [--size WxH] [--scene DIR | --generated]
+// The room that ships (scenes/room) unless told otherwise; --generated paints the synthetic room
+// at the screen's size in a temporary folder first (a minute or two).
 
 #include "PrivateBus.h"
 #include "XServer.h"
@@ -52,8 +53,9 @@ int main(int argc, char **argv) {
     QCommandLineParser p;
     const QCommandLineOption secondsOpt("seconds", "Seconds per phase.", "N", "20");
     const QCommandLineOption sizeOpt("size", "Screen size.", "WxH", "1920x1080");
-    const QCommandLineOption sceneOpt("scene", "Scene folder (default: generate the demo scene).", "dir");
-    p.addOptions({secondsOpt, sizeOpt, sceneOpt});
+    const QCommandLineOption sceneOpt("scene", "Scene folder.", "dir", TURNELO_SOURCE_DIR "/scenes/room");
+    const QCommandLineOption generatedOpt("generated", "The synthetic room at the screen's size.");
+    p.addOptions({secondsOpt, sizeOpt, sceneOpt, generatedOpt});
     p.addHelpOption();
     p.process(app);
     const int seconds = std::max(4, p.value(secondsOpt).toInt());
@@ -61,7 +63,7 @@ int main(int argc, char **argv) {
 
     QTemporaryDir dir;
     QString scene = p.value(sceneOpt);
-    if (scene.isEmpty()) {
+    if (p.isSet(generatedOpt)) {
         scene = dir.filePath("scene");
         const QStringList wh = size.split('x');
         std::printf("generating the demo scene at %s…\n", qPrintable(size));
@@ -169,7 +171,7 @@ int main(int argc, char **argv) {
         return ph;
     };
 
-    std::printf("screen %s, %d s per phase, device %s\n", qPrintable(size), seconds,
+    std::printf("%s on a %s screen, %d s per phase, device %s\n", qPrintable(scene), qPrintable(size), seconds,
                 env.contains("VK_ICD_FILENAMES") ? "lavapipe" : "default");
     const Phase animating = measure("animating");
     QProcess &cover = x.launch("xmessage", {"-geometry", size + "+0+0", "covering window"});

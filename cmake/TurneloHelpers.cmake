@@ -18,6 +18,8 @@ endfunction()
 function(turnelo_tests dir)
   cmake_parse_arguments(T "" "" "LIBS;LABELS" ${ARGN})
   file(GLOB _tests CONFIGURE_DEPENDS "${dir}/*_test.cpp")
+  # Tests that need a display run on a private X server of their own (tests/CMakeLists.txt).
+  list(FILTER _tests EXCLUDE REGEX "_onscreen_test\\.cpp$")
   foreach(_src ${_tests})
     get_filename_component(_name ${_src} NAME_WE)
     add_executable(${_name} ${_src})

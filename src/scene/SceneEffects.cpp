@@ -15,15 +15,31 @@ namespace {
 
 Float4 rectOf(const std::array<float, 4> &r) { return {r[0], r[1], r[2], r[3]}; }
 
-// The two strongest presets of a blend, with weights normalised to their sum.
-std::vector<std::pair<QString, double>> strongest(const Blend &blend) {
-    std::vector<std::pair<QString, double>> v(blend.begin(), blend.end());
-    std::sort(v.begin(), v.end(), [](auto &a, auto &b) { return a.second > b.second; });
-    if (v.size() > 2) v.resize(2);
+// The two strongest presets of a blend, strongest first, with weights normalised to their sum;
+// picked in place, since every frame asks.
+struct Strongest {
+    std::array<std::pair<const QString *, double>, 2> entries{};
+    size_t count = 0;
+    auto begin() const { return entries.begin(); }
+    auto end() const { return entries.begin() + count; }
+    size_t size() const { return count; }
+    bool empty() const { return count == 0; }
+    const std::pair<const QString *, double> &operator[](size_t i) const { return entries[i]; }
+};
+
+Strongest strongest(const Blend &blend) {
+    Strongest s;
+    for (const auto &[preset, weight] : blend) {
+        if (s.count < 2)
+            s.entries[s.count++] = {&preset, weight};
+        else if (weight > s.entries[1].second)
+            s.entries[1] = {&preset, weight};
+        if (s.count == 2 && s.entries[1].second > s.entries[0].second) std::swap(s.entries[0], s.entries[1]);
+    }
     double sum = 0;
-    for (auto &e : v) sum += e.second;
-    for (auto &e : v) e.second = sum > 0 ? e.second / sum : 0;
-    return v;
+    for (const auto &e : s) sum += e.second;
+    for (size_t i = 0; i < s.count; ++i) s.entries[i].second = sum > 0 ? s.entries[i].second / sum : 0;
+    return s;
 }
 
 }  // namespace
@@ -75,7 +91,7 @@ SceneEffects::SceneEffects(const PlateManifest &manifest, const QString &framing
             // keep the full record.
             recordMixes->onFailure = [this](const QString &e) { logApproximate(e); };
         }
-        grooves = RecordGrooves::forTrack(std::nullopt, rec.grooveOuterMm, rec.grooveInnerMm);
+        setGrooves(RecordGrooves::forTrack(std::nullopt, rec.grooveOuterMm, rec.grooveInnerMm));
     }
     if (framing.bounce) {
         const QString bounceDir = QDir(dir).filePath("bounce");
@@ -113,6 +129,11 @@ std::vector<RecordGrooves::Band> SceneEffects::drawnBands(const std::vector<Reco
         runs.push_back({bands[first].outer, bands[last].inner});
     }
     return runs;
+}
+
+void SceneEffects::setGrooves(const RecordGrooves &g) {
+    grooves = g;
+    drawn = drawnBands(g.bands);
 }
 
 void SceneEffects::logApproximate(const QString &reason) {
@@ -205,7 +226,7 @@ void SceneEffects::fill(SceneUniforms &u, SceneTextures &t, const Blend &blend, 
         std::array<double, 3> colour{0, 0, 0};
         double givenWeight = 0;
         for (const auto &[preset, w] : top) {
-            auto it = recordLights.find(preset);
+            auto it = recordLights.find(*preset);
             const RecordLight l = it == recordLights.end() ? RecordLight{} : it->second;
             dx += w * std::cos(l.azimuthDeg * M_PI / 180);
             dy += w * std::sin(l.azimuthDeg * M_PI / 180);
@@ -233,15 +254,14 @@ void SceneEffects::fill(SceneUniforms &u, SceneTextures &t, const Blend &blend, 
         u.recordMisc = {labelCentreUv[0], labelCentreUv[1], 0, 0};
         bool passes = recordMixes && !top.empty();
         for (size_t i = 0; passes && i < top.size(); ++i)
-            if (!recordMixes->ready(top[i].first)) passes = false;
+            if (!recordMixes->ready(*top[i].first)) passes = false;
         if (passes) {
             u.recordRect = {float(rec.bbox[0]), float(rec.bbox[1]), float(rec.bbox[2]), float(rec.bbox[3])};
             for (size_t i = 0; i < top.size(); ++i) {
-                t.record[i] = recordMixes->ready(top[i].first);
+                t.record[i] = recordMixes->ready(*top[i].first);
                 u.recordMisc[2 + i] = float(top[i].second);
             }
         }
-        const auto drawn = drawnBands(grooves.bands);
         for (size_t b = 0; b < drawn.size(); ++b) {
             u.bands[b / 2][(b % 2) * 2] = float(drawn[b].outer);
             u.bands[b / 2][(b % 2) * 2 + 1] = float(drawn[b].inner);
@@ -252,12 +272,12 @@ void SceneEffects::fill(SceneUniforms &u, SceneTextures &t, const Blend &blend, 
     // Cover bounce.
     if (framing.bounce && on.bounce && bounceMixes && !top.empty()) {
         bool ready = true;
-        for (const auto &e : top) ready = ready && bounceMixes->ready(e.first);
+        for (const auto &e : top) ready = ready && bounceMixes->ready(*e.first);
         if (ready) {
             const auto &b = framing.bounce->bbox;
             u.bounceRect = {float(b[0]), float(b[1]), float(b[2]), float(b[3])};
             for (size_t i = 0; i < top.size(); ++i) {
-                t.bounce[i] = bounceMixes->ready(top[i].first);
+                t.bounce[i] = bounceMixes->ready(*top[i].first);
                 u.bounceWeights[i] = float(top[i].second);
             }
         }

@@ -50,7 +50,7 @@ public:
     // Rain intensity 0…1 of the current weather; 0 = dry.
     void setRain(double intensity) { rainIntensity = intensity; }
     void setStackArt(TextureRef art, double luminance);
-    void setGrooves(const RecordGrooves &g) { grooves = g; }
+    void setGrooves(const RecordGrooves &g);
     const RecordGrooves &currentGrooves() const { return grooves; }
     bool hasRecord() const { return framing.record.has_value(); }
     // The plate rectangle of the strobe map, when it loaded.
@@ -93,6 +93,7 @@ private:
     std::optional<PlateGeometry::Mat3> recordInv;
     std::array<float, 2> labelCentreUv{};
     RecordGrooves grooves;
+    std::vector<RecordGrooves::Band> drawn;  // the bands the uniform holds, made when the grooves change
     std::optional<std::pair<TextureRef, Float4>> recordMask, strobeMap, glass, dustCover, stackUV;
     TextureRef stackArt;
     double stackLuminance = 0;

@@ -67,6 +67,8 @@ public:
     void weatherChanged(const WeatherService::Now &now);
     // The host window changed size or screen.
     void relayout();
+    // Draws one frame at media time `t`: the scheduler's ticks, exposures and changes call it.
+    void frame(double t);
 
     std::function<void(const QString &reason)> onUnavailable;
 
@@ -81,7 +83,6 @@ private:
     void presetReady(const QString &preset);
     void firstFrameIfNeeded();
     void wantFrames();
-    void frame(double t);
     void clockTick();
     void lightChanged();
     void effectsChanged();

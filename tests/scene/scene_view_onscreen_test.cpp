@@ -1,0 +1,96 @@
+// The room in a real window on a private X server, drawn by the scene view itself: once the
+// record turns and the arm has settled, a frame allocates nothing.
+
+#include "TestSupport.h"
+#include "core/app/Settings.h"
+#include "core/environment/PowerMonitor.h"
+#include "core/music/PlayerState.h"
+#include "core/scene/SceneStatus.h"
+#include "render/SceneRenderer.h"
+#include "scene/SceneView.h"
+
+#include <QRegularExpression>
+#include <QWindow>
+#include <cstdlib>
+#include <gtest/gtest.h>
+#include <new>
+
+namespace {
+
+// Only the thread that draws counts: the driver's own threads allocate as they please.
+thread_local bool counting = false;
+long allocations = 0;
+
+void *allocate(std::size_t n, std::size_t alignment) {
+    if (counting) ++allocations;
+    void *p = alignment > alignof(std::max_align_t) ? std::aligned_alloc(alignment, (n + alignment - 1) / alignment * alignment)
+                                                    : std::malloc(n ? n : 1);
+    if (!p) throw std::bad_alloc();
+    return p;
+}
+
+}  // namespace
+
+void *operator new(std::size_t n) { return allocate(n, 0); }
+void *operator new(std::size_t n, std::align_val_t a) { return allocate(n, std::size_t(a)); }
+void operator delete(void *p) noexcept { std::free(p); }
+void operator delete(void *p, std::size_t) noexcept { std::free(p); }
+void operator delete(void *p, std::align_val_t) noexcept { std::free(p); }
+void operator delete(void *p, std::size_t, std::align_val_t) noexcept { std::free(p); }
+
+namespace {
+
+using namespace std::chrono_literals;
+
+TEST(SceneViewOnScreen, SteadyFramesOfTheShippedRoomAllocateNothing) {
+    testsupport::LogTail log;
+    testsupport::ScopedEnv scenes("TURNELO_SCENES_DIR", (qEnvironmentVariable("TURNELO_SOURCE_DIR") + "/scenes/room").toUtf8());
+    Settings settings;
+    settings.setLightPreset("dia");
+    PlayerState state;
+    Track track{"Side A", "Turnelo", "Demo", 600, PlayerSource{"bench", "Bench", "Bench"}, 2, 5};
+    state.setTrack(track);
+    state.setPosition(120);
+    state.setPositionDate(PlayerState::mediaTime());
+    state.setPlaying(true);
+    SceneStatus status;
+    PowerMonitor power(settings, nullptr);
+
+    QWindow host;
+    host.setGeometry(0, 0, 640, 360);
+    host.create();
+    host.show();
+    auto renderer = SceneRenderer::create();
+    ASSERT_TRUE(renderer);
+    SceneRenderer *gpu = renderer.get();
+    SceneView view({&state, &status, &power, &settings}, std::move(renderer), &host);
+    view.load();
+    testsupport::waitUntil([&] { return !log.messages().filter(QRegularExpression("Cena pronta|indisponível")).isEmpty(); },
+                           300s);
+    ASSERT_EQ(log.messages().filter("Cena pronta").size(), 1) << log.messages().join('\n').toStdString();
+    view.weatherChanged({true, 0.8});  // the rain layer too
+
+    // The arm snaps into its groove after a long step; its sprites and the rain layer come in.
+    double t = PlayerState::mediaTime() + 20;
+    auto frames = [&](int n) {
+        for (int i = 0; i < n; ++i, t += 1.0 / 30) view.frame(t);
+    };
+    frames(5);
+    testsupport::spin(2s);
+    frames(5);
+    testsupport::spin(500ms);
+    gpu->waitIdle();
+    gpu->gpuClock().take();
+
+    counting = true;
+    frames(30);
+    counting = false;
+    gpu->waitIdle();
+    const auto [seconds, drawn] = gpu->gpuClock().take();
+    EXPECT_EQ(allocations, 0);
+    EXPECT_GE(drawn, 30) << "each frame draws its layers in one command buffer";
+    EXPECT_TRUE(log.messages().filter("Cena: clima → chuva").size() == 1);
+    view.teardown();
+}
+
+}  // namespace
