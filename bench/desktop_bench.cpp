@@ -34,16 +34,27 @@ double cpuSeconds(qint64 pid) {
     return (fields.value(11).toDouble() + fields.value(12).toDouble()) / double(sysconf(_SC_CLK_TCK));
 }
 
-double residentMB(qint64 pid) {
+// Resident memory in MB: the whole, its anonymous part (heap, and on the software device the
+// device memory and swapchain images too) and its file-backed part (libraries).
+struct Resident {
+    double total = -1, anonymous = -1, files = -1;
+};
+Resident resident(qint64 pid) {
     QFile f(QStringLiteral("/proc/%1/status").arg(pid));
-    if (!f.open(QIODevice::ReadOnly)) return -1;
-    for (const QByteArray &line : f.readAll().split('\n'))
-        if (line.startsWith("VmRSS:")) return line.mid(6).trimmed().split(' ').value(0).toDouble() / 1024.0;
-    return -1;
+    Resident r;
+    if (!f.open(QIODevice::ReadOnly)) return r;
+    for (const QByteArray &line : f.readAll().split('\n')) {
+        const double mb = line.mid(line.indexOf(':') + 1).trimmed().split(' ').value(0).toDouble() / 1024.0;
+        if (line.startsWith("VmRSS:")) r.total = mb;
+        if (line.startsWith("RssAnon:")) r.anonymous = mb;
+        if (line.startsWith("RssFile:")) r.files = mb;
+    }
+    return r;
 }
 
 struct Phase {
-    double fps = -1, cpu = -1, rss = -1;
+    double fps = -1, cpu = -1;
+    Resident rss;
 };
 
 }  // namespace
@@ -134,7 +145,7 @@ int main(int argc, char **argv) {
     }
     // The software device compiles its shaders at the first frames: wait for frames to flow.
     static const QRegularExpression perf(
-        QStringLiteral("Perf \\d+s: ([0-9.]+) fps, CPU [0-9.]+%, GPU ([0-9.]+) ms/quadro \\([0-9.]+% ocupada\\), footprint -?\\d+ MB, (\\w+)"));
+        QStringLiteral("Perf \\d+s: ([0-9.]+) fps, CPU [0-9.]+%, GPU ([0-9.]+) ms/quadro \\([0-9.]+% ocupada\\), footprint -?\\d+ MB, (\\w+).*Vulkan total (\\d+) MB"));
     for (int i = 0; i < 600; ++i) {
         QRegularExpressionMatch last;
         for (auto it = perf.globalMatch(log()); it.hasNext();) last = it.next();
@@ -150,8 +161,8 @@ int main(int argc, char **argv) {
         const QString stretch = log().mid(from);
         Phase ph;
         ph.cpu = (cpu1 - cpu0) / seconds * 100.0;
-        ph.rss = residentMB(pid);
-        double fps = 0, gpu = 0;
+        ph.rss = resident(pid);
+        double fps = 0, gpu = 0, vulkan = -1;
         int lines = 0, gpuLines = 0;
         QString state;
         for (auto it = perf.globalMatch(stretch); it.hasNext();) {
@@ -162,11 +173,14 @@ int main(int argc, char **argv) {
                 ++gpuLines;
             }
             state = m.captured(3);
+            vulkan = m.captured(4).toDouble();
             ++lines;
         }
         ph.fps = lines ? fps / lines : -1;
-        std::printf("%-10s fps %6.1f   CPU %7.2f%% of a core   GPU %8.3f ms/frame   resident %7.1f MB   (%s)\n", name,
-                    ph.fps, ph.cpu, gpuLines ? gpu / gpuLines : 0.0, ph.rss, qPrintable(state));
+        std::printf("%-10s fps %6.1f   CPU %7.2f%% of a core   GPU %8.3f ms/frame   resident %6.1f MB (anonymous %.1f, "
+                    "files %.1f; Vulkan allocations %.0f)   (%s)\n",
+                    name, ph.fps, ph.cpu, gpuLines ? gpu / gpuLines : 0.0, ph.rss.total, ph.rss.anonymous, ph.rss.files,
+                    vulkan, qPrintable(state));
         std::fflush(stdout);
         return ph;
     };

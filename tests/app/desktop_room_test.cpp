@@ -13,6 +13,7 @@
 #include <QThread>
 #include <gtest/gtest.h>
 #include <iostream>
+#include <optional>
 #include "XClient.h"  // last: Xlib's macros clash with gtest's templates
 
 using namespace testsupport;
@@ -266,9 +267,12 @@ TEST_F(DesktopRoom, AllScreensGetAWindowAndMainKeepsTheFirst) {
         << "no settings window";
 }
 
-TEST_F(DesktopRoom, WithoutASceneThePlainTurntableShows) {
+TEST_F(DesktopRoom, WithoutASceneThePlainTurntableShowsAndTheTrayMenuHidesIt) {
     scene = dir.filePath("empty");  // neither a development scene nor an installed one
     QDir().mkpath(scene);
+    // A system tray of the kind bare window managers use (XEmbed).
+    if (!XServer::installed("trayer")) GTEST_SKIP() << "trayer is not installed";
+    x.launch("trayer", {"--edge", "top", "--align", "right", "--widthtype", "request", "--height", "24"});
     launch();
     waitForLine("Cena indisponível: nenhuma cena instalada em", 0, 120);
     ASSERT_FALSE(HasFailure());
@@ -279,6 +283,32 @@ TEST_F(DesktopRoom, WithoutASceneThePlainTurntableShows) {
         return !shot.isNull() && qGray(shot.pixel(shot.width() / 2, shot.height() / 2)) != qGray(shot.pixel(4, 4));
     }, std::chrono::seconds(30))) << "nothing drawn on the desktop";
     shot.save(QStringLiteral(TURNELO_BINARY_DIR "/desktop-turntable.png"));
+
+    // The tray icon sits in the tray; its menu's first entry hides the room.
+    // Where the icon sits: the first window of ours under the tray's panel, absolute corner.
+    auto trayIcon = [&]() -> std::optional<QPoint> {
+        const QStringList tree = QString::fromUtf8(x.run("xwininfo", {"-root", "-tree"})).split('\n');
+        static const QRegularExpression corner(QStringLiteral("\\+(\\d+)\\+(\\d+)\\s*$"));
+        bool inPanel = false;
+        for (const QString &line : tree) {
+            inPanel = inPanel || line.contains("\"panel\": (\"panel\" \"trayer\")");
+            if (const auto m = corner.match(line); inPanel && line.contains("\"turnelo\"") && m.hasMatch())
+                return QPoint(m.captured(1).toInt(), m.captured(2).toInt());
+        }
+        return std::nullopt;
+    };
+    std::optional<QPoint> icon;
+    ASSERT_TRUE(waitUntil([&] { return (icon = trayIcon()).has_value(); }, std::chrono::seconds(30)))
+        << "no tray icon in the tray:\n" << x.run("xwininfo", {"-root", "-tree"}).toStdString();
+    x.run("xdotool", {"mousemove", QString::number(icon->x() + 8), QString::number(icon->y() + 8), "click", "3"});
+    QThread::msleep(1000);
+    x.run("xdotool", {"key", "Down", "Return"});
+    QProcess read;
+    read.setProcessEnvironment(environment());
+    EXPECT_TRUE(waitUntil([&] {
+        read.start(binary("tools/turnelo-defaults"), {"read", "showTurntable"});
+        return read.waitForFinished(10000) && read.readAllStandardOutput().trimmed() == "false";
+    }, std::chrono::seconds(20))) << "the menu did not hide the room";
 }
 
 }  // namespace
