@@ -113,8 +113,9 @@ int main(int argc, char **argv) {
         tool.start(program, args);
         tool.waitForFinished(30000);
     };
-    // A performance line every second: a phase averages the lines that fall inside it.
-    run(built("tools/turnelo-defaults"), {"write", "perfLogInterval", "-float", "1"});
+    // About four performance lines a phase: a phase averages the lines that fall inside it, and
+    // writing them costs little next to what a hidden room is meant to cost.
+    run(built("tools/turnelo-defaults"), {"write", "perfLogInterval", "-float", QString::number(seconds / 4.0)});
 
     QProcess player;
     player.setProcessEnvironment(env);
