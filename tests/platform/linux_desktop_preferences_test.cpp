@@ -19,16 +19,6 @@ using namespace std::chrono_literals;
 
 namespace {
 
-// Records what the desktop process would be told to do instead of reloading a real one.
-struct RecordingLauncher : ProcessLauncher {
-    QStringList commands;
-    std::optional<QString> run(const QString &program, const QStringList &arguments) override
-    {
-        commands.append((QStringList{program} + arguments).join(' '));
-        return std::nullopt;
-    }
-};
-
 struct DesktopCleanerTest : ::testing::Test {
     LogTail log;
     QTemporaryDir home;

@@ -18,8 +18,6 @@
 #include <gtest/gtest.h>
 #include <map>
 
-inline void PrintTo(const QString &s, std::ostream *os) { *os << '"' << s.toStdString() << '"'; }
-
 using namespace testsupport;
 using namespace std::chrono_literals;
 

@@ -15,8 +15,6 @@
 #include <gtest/gtest.h>
 #include <vector>
 
-inline void PrintTo(const QString &s, std::ostream *os) { *os << '"' << s.toStdString() << '"'; }
-
 using namespace testsupport;
 using namespace std::chrono_literals;
 

@@ -75,7 +75,6 @@ public:
     QString baseURL() const { return QStringLiteral("http://127.0.0.1:%1/").arg(port); }
     QString docRoot() const { return dir.path() + QStringLiteral("/www"); }
     QString scenesDir() const { return docRoot() + QStringLiteral("/v1/scenes"); }
-    QString errorLog() const { return dir.path() + QStringLiteral("/error.log"); }
 
     // One line per request: method uri status bytes range="…" ifrange="…" inm="…" ua="…" ae="…".
     QStringList accessLines() const

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "core/environment/ProcessLauncher.h"
+
 #include <QByteArray>
 #include <QColor>
 #include <QImage>
@@ -8,6 +10,10 @@
 #include <QTemporaryDir>
 #include <chrono>
 #include <functional>
+#include <ostream>
+
+// QStrings in assertion failures read as text, not as bytes.
+inline void PrintTo(const QString &s, std::ostream *os) { *os << '"' << s.toStdString() << '"'; }
 
 namespace testsupport {
 
@@ -68,6 +74,16 @@ private:
     const char *name;
     QByteArray old;
     bool had;
+};
+
+// Records the commands the desktop cleaner would run instead of restarting real desktop processes.
+struct RecordingLauncher : ProcessLauncher {
+    QStringList commands;
+    std::optional<QString> run(const QString &program, const QStringList &arguments) override
+    {
+        commands.append((QStringList{program} + arguments).join(' '));
+        return std::nullopt;
+    }
 };
 
 }  // namespace testsupport

@@ -72,12 +72,9 @@ TEST_F(SettingsTest, ValueTypesSurviveARestart)
     const auto typeOf = [&](const char *key) {
         return runTool(builtTool("turnelo-defaults"), {"--file", path(), "read-type", key}).out.trimmed();
     };
-    EXPECT_EQ(typeOf("flag"), "Type is boolean");
-    EXPECT_EQ(typeOf("count"), "Type is integer");
-    EXPECT_EQ(typeOf("whole"), "Type is float");
-    EXPECT_EQ(typeOf("ratio"), "Type is float");
-    EXPECT_EQ(typeOf("name"), "Type is string");
-    EXPECT_EQ(typeOf("desktopSnapshot"), "Type is dictionary");
+    for (const auto &[key, type] : {std::pair{"flag", "boolean"}, {"count", "integer"}, {"whole", "float"},
+                                    {"ratio", "float"}, {"name", "string"}, {"desktopSnapshot", "dictionary"}})
+        EXPECT_EQ(typeOf(key), QByteArray("Type is ") + type) << key;
     const auto read = runTool(builtTool("turnelo-defaults"), {"--file", path(), "read", "desktopSnapshot"});
     EXPECT_EQ(read.out.trimmed(), R"({"CreateDesktop":true,"n":3,"zoom":{"$real":2}})");
 

@@ -37,15 +37,6 @@ struct MacDefaults : DesktopPreferences {
     }
 };
 
-struct RecordingLauncher : ProcessLauncher {
-    QStringList commands;
-    std::optional<QString> run(const QString &program, const QStringList &arguments) override
-    {
-        commands.append((QStringList{program} + arguments).join(' '));
-        return std::nullopt;
-    }
-};
-
 const QString finder = "com.apple.finder CreateDesktop";
 const QString hideIcons = "com.apple.WindowManager StandardHideDesktopIcons";
 const QString hideWidgets = "com.apple.WindowManager StandardHideWidgets";
