@@ -15,27 +15,9 @@ namespace {
 
 Float4 rectOf(const std::array<float, 4> &r) { return {r[0], r[1], r[2], r[3]}; }
 
-// The two strongest presets of a blend, strongest first, with weights normalised to their sum;
-// picked in place, since every frame asks.
-struct Strongest {
-    std::array<std::pair<const QString *, double>, 2> entries{};
-    size_t count = 0;
-    auto begin() const { return entries.begin(); }
-    auto end() const { return entries.begin() + count; }
-    size_t size() const { return count; }
-    bool empty() const { return count == 0; }
-    const std::pair<const QString *, double> &operator[](size_t i) const { return entries[i]; }
-};
-
-Strongest strongest(const Blend &blend) {
-    Strongest s;
-    for (const auto &[preset, weight] : blend) {
-        if (s.count < 2)
-            s.entries[s.count++] = {&preset, weight};
-        else if (weight > s.entries[1].second)
-            s.entries[1] = {&preset, weight};
-        if (s.count == 2 && s.entries[1].second > s.entries[0].second) std::swap(s.entries[0], s.entries[1]);
-    }
+// The two strongest presets of a blend, with weights normalised to their sum.
+TwoStrongest strongest(const Blend &blend) {
+    TwoStrongest s(blend);
     double sum = 0;
     for (const auto &e : s) sum += e.second;
     for (size_t i = 0; i < s.count; ++i) s.entries[i].second = sum > 0 ? s.entries[i].second / sum : 0;

@@ -194,17 +194,9 @@ Float3x3 TonearmSprites::warp(int index, double yaw, double liftDegrees) const {
 
 std::optional<TonearmSprites::Pose> TonearmSprites::pose(double yaw, double liftDegrees, const Blend &blend) const {
     if (info.yawSamples.empty()) return std::nullopt;
-    // The two strongest presets of the blend.
-    std::array<std::pair<double, const QString *>, 2> ranked{};
-    size_t presets = 0;
-    for (const auto &[p, w] : blend) {
-        if (presets == 2 && w <= ranked[1].first) continue;
-        size_t at = presets < 2 ? presets++ : 1;
-        for (; at > 0 && ranked[at - 1].first < w; --at) ranked[at] = ranked[at - 1];
-        ranked[at] = {w, &p};
-    }
+    const TwoStrongest ranked(blend);
     double total = 0;
-    for (size_t r = 0; r < presets; ++r) total += ranked[r].first;
+    for (const auto &[preset, weight] : ranked) total += weight;
     if (total <= 0) return std::nullopt;
 
     const auto [k, f] = neighbors(yaw);
@@ -217,9 +209,9 @@ std::optional<TonearmSprites::Pose> TonearmSprites::pose(double yaw, double lift
         for (size_t r = 0; r < 2; ++r) {
             Slot slot;
             slot.warp = s;
-            if (r < presets) {
-                slot.frame = frameNear(*ranked[r].second, samples[s]);
-                slot.weight = float(sampleWeights[s] * ranked[r].first / total);
+            if (r < ranked.size()) {
+                slot.frame = frameNear(*ranked[r].first, samples[s]);
+                slot.weight = float(sampleWeights[s] * ranked[r].second / total);
             }
             pose.slotList.push_back(slot);
         }

@@ -13,6 +13,27 @@
 // Preset name → weight; never holds weights of 0.0001 or less.
 using Blend = std::map<QString, double>;
 
+// The two strongest presets of a blend, strongest first (equal weights keep name order), as
+// pointers into the blend: picked in place, since every frame asks.
+struct TwoStrongest {
+    std::array<std::pair<const QString *, double>, 2> entries{};
+    size_t count = 0;
+
+    explicit TwoStrongest(const Blend &blend) {
+        for (const auto &[preset, weight] : blend) {
+            if (count == 2 && weight <= entries[1].second) continue;
+            size_t at = count < 2 ? count++ : 1;
+            for (; at > 0 && entries[at - 1].second < weight; --at) entries[at] = entries[at - 1];
+            entries[at] = {&preset, weight};
+        }
+    }
+    auto begin() const { return entries.begin(); }
+    auto end() const { return entries.begin() + count; }
+    size_t size() const { return count; }
+    bool empty() const { return count == 0; }
+    const std::pair<const QString *, double> &operator[](size_t i) const { return entries[i]; }
+};
+
 // The light of the room as a weighted sum of presets: recipes per preset, the day's keyframes,
 // the clock blend and the 1.5 s cross-fade between blends. A plain value built once per loaded
 // scene; `value(at:)` runs every frame and stays a few map operations.
