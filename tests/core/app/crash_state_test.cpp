@@ -1,6 +1,6 @@
 // Kills a process that writes every kind of Turnelo state (settings, desktop snapshot, history
 // index and covers, catalog cache and its tag, partial-download records, an installation) with
-// SIGKILL at random moments of each write, a hundred times, and checks after each what the next
+// SIGKILL at random moments of each write, a hundred times each, and checks after each what the next
 // start finds: every file reads, nothing acknowledged is lost, and the installer's recovery leaves
 // one whole scene.
 
@@ -248,7 +248,7 @@ TEST_F(CrashStateTest, AHundredKillsInEveryWritePathLoseNothingAcknowledged)
     QRandomGenerator random(20261123);
     int round = 0;
 
-    for (int run = 0; run < 100; ++run) {
+    for (int run = 0; run < 100 * int(kinds.size()); ++run) {
         const QString target = kinds[run % kinds.size()];
         std::unique_ptr<QProcess> writer(startWriter(run * 1000));
         ASSERT_TRUE(writer->waitForStarted(10000));
