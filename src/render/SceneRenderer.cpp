@@ -256,6 +256,11 @@ void SceneRenderer::harvest(FrameSlot &slot) {
     slot.releaseFramebuffers();
 }
 
+bool SceneRenderer::busy() const {
+    const FrameSlot &slot = *frameSlots[nextSlot];
+    return slot.submitted && vkGetFenceStatus(context->device, slot.fence) == VK_NOT_READY;
+}
+
 void SceneRenderer::waitIdle() {
     for (auto &slot : frameSlots) harvest(*slot);
 }
@@ -402,8 +407,6 @@ void SceneRenderer::draw(const std::optional<Pass> &base, const std::vector<Pass
         vkCheck(context->submit(si, slot.fence), "vkQueueSubmit");
         slot.submitted = true;
         for (RenderTarget *t : presented) t->present();
-        // The base image must be complete before the caller shows it.
-        if (base) harvest(slot);
     } catch (const VulkanError &) {
         // No command buffer this frame: the frame is skipped and the next tick tries again.
         slot.releaseFramebuffers();

@@ -36,10 +36,13 @@ public:
     static std::unique_ptr<SceneRenderer> create(const ShaderLibrary &shaders = ShaderLibrary::embedded());
     ~SceneRenderer();
 
-    // One frame in one command buffer. A base, when given, is complete when this returns;
-    // layers and steam are submitted and finish later (waitIdle waits for them).
+    // One frame in one command buffer, submitted and presented; it finishes later (waitIdle
+    // waits for it). Work submitted after it on the queue, such as copying a base into a
+    // window, sees its pixels, so the caller need not wait to show a base.
     void draw(const std::optional<Pass> &base, const std::vector<Pass> &layers,
               const std::optional<SteamPass> &steam, const SceneTextures &textures);
+    // A draw now would first wait for the device to finish an earlier frame.
+    bool busy() const;
     // Waits for every submitted frame and books its GPU time.
     void waitIdle();
 

@@ -170,8 +170,12 @@ void SwapchainTarget::present() {
     current = UINT32_MAX;
 }
 
+bool SwapchainTarget::copyPending() const {
+    return copyFence && vkGetFenceStatus(context->device, copyFence) == VK_NOT_READY;
+}
+
 bool SwapchainTarget::show(const GpuTexture &source, VkImageLayout layout) {
-    if (!canCopyInto && !stale) return false;
+    if ((!canCopyInto && !stale) || copyPending()) return false;
     std::optional<TargetImage> target = acquire();
     if (!target || !canCopyInto) {
         current = UINT32_MAX;

@@ -23,7 +23,9 @@ public:
     void present() override;
     // Copies a B8G8R8A8 image of the same size (shader-read-only or transfer-source layout as
     // given) into the next swapchain image and presents it: the still room shown without shading.
+    // False, without waiting, while the previous copy is still on the device.
     bool show(const GpuTexture &image, VkImageLayout layout);
+    bool copyPending() const;
 
     uint32_t width() const { return extent.width; }
     uint32_t height() const { return extent.height; }

@@ -41,6 +41,8 @@ bool BaseSurface::reshow() {
     return window->show(*shown->texture(), VK_IMAGE_LAYOUT_TRANSFER_SRC_OPTIMAL);
 }
 
+bool BaseSurface::canPresent() const { return window && !window->copyPending(); }
+
 size_t BaseSurface::memoryBytes() const {
     size_t bytes = 0;
     for (const auto *t : {shown.get(), spare.get()})

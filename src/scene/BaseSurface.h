@@ -28,6 +28,8 @@ public:
     // Copies the shown image into the window again (the window was exposed).
     bool reshow();
     bool hasShown() const { return shown != nullptr; }
+    // The window can take a new base now, without waiting for the device.
+    bool canPresent() const;
     size_t memoryBytes() const;
 
     static constexpr int releaseAfterMs = 3000;

@@ -368,6 +368,9 @@ bool SceneView::rainDrawn() const {
 
 void SceneView::frame(double t) {
     if (!loaded || screenSize.isEmpty()) return;
+    // The device is still on earlier frames (a software device compiling its shaders at the
+    // first ones, say): this tick is dropped rather than holding the main thread.
+    if (renderer->busy()) return;
     // Settled light is the target itself: no new blend is made for a steady frame.
     const bool settled = t - loaded->lights.transitionStart >= LightMixer::crossFadeSeconds;
     if (!settled) fadingBlend = loaded->lights.value(t);
@@ -406,7 +409,7 @@ void SceneView::frame(double t) {
     textures = SceneTextures{};
     SceneFrame::fill(*loaded, in, screenToPlate, uniforms, textures);
 
-    if (baseDirty && base) {
+    if (baseDirty && base && base->canPresent()) {
         if (OffscreenTarget *target = base->nextTarget(uint32_t(screenSize.width()), uint32_t(screenSize.height()))) {
             renderer->draw(SceneRenderer::Pass{target, uniforms, std::nullopt}, {}, std::nullopt, textures);
             baseDirty = !base->present();

@@ -72,8 +72,12 @@ TEST(SceneViewOnScreen, SteadyFramesOfTheShippedRoomAllocateNothing) {
 
     // The arm snaps into its groove after a long step; its sprites and the rain layer come in.
     double t = PlayerState::mediaTime() + 20;
+    // Each frame waits for the last, or the view drops the ticks the device cannot take yet.
     auto frames = [&](int n) {
-        for (int i = 0; i < n; ++i, t += 1.0 / 30) view.frame(t);
+        for (int i = 0; i < n; ++i, t += 1.0 / 30) {
+            view.frame(t);
+            gpu->waitIdle();
+        }
     };
     frames(5);
     testsupport::spin(2s);
