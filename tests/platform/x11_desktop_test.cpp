@@ -133,11 +133,13 @@ TEST_F(X11Desktop, UnderOpenboxTheRoomIsAStickyClickThroughDesktopWindowAtTheBot
     // Switching desktops leaves it shown.
     xdotool({"set_desktop", "1"});
     ASSERT_TRUE(soon([&] { return x->values(x->root(), "_NET_CURRENT_DESKTOP") == std::vector<unsigned long>{1}; }));
-    XWindowAttributes attributes;
-    ASSERT_TRUE(XGetWindowAttributes(x->d, ours, &attributes));
-    EXPECT_EQ(attributes.map_state, IsViewable);
-    ASSERT_TRUE(XGetWindowAttributes(x->d, other, &attributes));
-    EXPECT_NE(attributes.map_state, IsViewable) << "the other desktop's window is still shown";
+    // The manager announces the new desktop before it unmaps the old one's windows.
+    const auto viewable = [&](Window w) {
+        XWindowAttributes attributes;
+        return XGetWindowAttributes(x->d, w, &attributes) && attributes.map_state == IsViewable;
+    };
+    EXPECT_TRUE(soon([&] { return !viewable(other); })) << "the other desktop's window is still shown";
+    EXPECT_TRUE(viewable(ours));
 }
 
 TEST_F(X11Desktop, WindowListUnderOpenboxListsOtherProgramsWindowsShownOnThisDesktop)
