@@ -76,7 +76,7 @@ def parse_args():
 
 # Bumped when a change here alters what a render produces (its settings and scene states); the
 # post-processing can change without rendering again.
-RENDER_VERSION = 2
+RENDER_VERSION = 3
 
 
 def source_hash():
@@ -514,16 +514,17 @@ class Pipeline:
                     rm.coll["arm"].hide_render = False
                     rm.coll["outside"].hide_render = True
                     rm.set_arm_yaw(yaw)
-                    # The arm is small and its shadow a ratio: fewer samples and bounces keep the
-                    # twenty sprites of a framing within the render budget.
-                    self.scene.cycles.samples = max(8, a.samples // 4)
-                    self.scene.cycles.max_bounces = 3
+                    # The arm is small and its shadow a ratio: half the samples and fewer bounces
+                    # keep the twenty sprites of a framing within the render budget; the filter
+                    # takes the chrome's grain.
+                    self.scene.cycles.samples = max(8, a.samples // 2)
+                    self.scene.cycles.max_bounces = 4
                     for c in ("room", "turntable", "props"):
                         for o in rm.coll[c].all_objects:
                             o.is_shadow_catcher = o is not rm.bulb
                     self.border(arm_box)
                 job = {"kind": "arm", "framing": name, "preset": preset, "yaw": yaw, "w": weights,
-                       "s": max(8, a.samples // 4), "bounces": 3, "box": arm_box}
+                       "s": max(8, a.samples // 2), "bounces": 4, "box": arm_box}
                 out = self.render("%s/tonearm/%s/%02d" % (name, preset, n), job, setup_arm)
                 self.write_arm(fdir, preset, n, out, arm_box)
 
@@ -640,6 +641,13 @@ class Pipeline:
 
     def write_arm(self, fdir, preset, n, out, box):
         rgba = crop(out["Combined"], box).copy()
+        if not self.a.no_denoise:
+            # Filtered over the arm's own pixels only: its edges keep the coverage Cycles gave them.
+            g = {k: crop(out[k], box) for k in ("DiffCol", "GlossCol", "Normal", "Depth")}
+            solid = rgba[:, :, 3] > 0.98
+            clean, = denoise.filter_plates([rgba[:, :, :3]], g["DiffCol"][:, :, :3] + g["GlossCol"][:, :, :3],
+                                           g["Normal"][:, :, :3], np.where(solid, g["Depth"][:, :, 0], 1e6))
+            rgba[:, :, :3] = np.where(solid[..., None], clean, rgba[:, :, :3])
         rgba[rgba[:, :, 3] < 0.002] = 0
         write_exr(os.path.join(fdir, "tonearm", preset, "arm_%02d.exr" % n), rgba, "zip")
         shadow = np.clip(luminance(crop(out["Shadow Catcher"], box)[:, :, :3]), 0, 1)

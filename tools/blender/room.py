@@ -81,7 +81,9 @@ def box(name, size, location, coll, material, rotation=(0, 0, 0), bevel=0.0):
     obj = mesh_object(name, lambda: bpy.ops.mesh.primitive_cube_add(size=1), coll, material, location, rotation)
     obj.scale = size
     bpy.context.view_layer.objects.active = obj
-    bpy.ops.object.transform_apply(scale=True)
+    # Scale only: with the location baked in too, a rotation set later would swing the box about the
+    # parent's origin instead of its own centre.
+    bpy.ops.object.transform_apply(location=False, rotation=False, scale=True)
     if bevel > 0:
         m = obj.modifiers.new("bevel", 'BEVEL')
         m.width = bevel
