@@ -3,8 +3,8 @@
 #   blender -b -P tools/blender/render.py -- --out DIR [--quick] [--size WxH] [--samples N]
 #       [--framings wide,mid] [--cache DIR] [--threads N] [--scene-tool PATH]
 #
-# Every Cycles render is cached (DIR.cache by default) under a key made of its settings and of both
-# scripts' text, so a rerun renders only what is missing or changed. One progress line per render
+# Every Cycles render is cached (DIR.cache by default) under a key made of its settings, room.py's
+# text and RENDER_VERSION, so a rerun renders only what is missing or changed. One progress line per render
 # goes to stdout; the package is checked with `turnelo-scene validate` at the end.
 import argparse
 import hashlib
@@ -685,19 +685,19 @@ class Pipeline:
 
     @staticmethod
     def noise(img, patch):
-        """Standard deviation of the wall's luminance around its local mean (5×5), over its mean."""
+        """Standard deviation of the wall's luminance around the plane that fits it best, over its
+        mean: the light's own gradient is not counted, grain and blotches are."""
         if patch is None:
             return None
         x0, y0, x1, y1 = patch
-        lum = luminance(img[y0:y1, x0:x1])
+        lum = luminance(img[y0:y1, x0:x1]).astype(np.float64)
         mean = float(lum.mean())
         if mean < 1e-5:
             return None
-        k = 2
-        pad = np.pad(lum, k, mode="edge")
-        local = sum(pad[k + dy:k + dy + lum.shape[0], k + dx:k + dx + lum.shape[1]]
-                    for dy in range(-k, k + 1) for dx in range(-k, k + 1)) / (2 * k + 1) ** 2
-        return round(float((lum - local).std() / mean), 5)
+        ys, xs = np.mgrid[0:lum.shape[0], 0:lum.shape[1]]
+        a = np.stack([np.ones(lum.size), xs.ravel(), ys.ravel()], axis=1)
+        fit, *_ = np.linalg.lstsq(a, lum.ravel(), rcond=None)
+        return round(float((lum.ravel() - a @ fit).std() / mean), 5)
 
     # -- manifest
     def framing_json(self, cam, masks, record_box, bounce_box, arm_box, yaws, presets):
