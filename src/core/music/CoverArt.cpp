@@ -98,21 +98,27 @@ bool CoverArt::releasePrevious(double time)
 
 QImage CoverArt::placeholderCover()
 {
-    // A plain dark sleeve with a faint ring, so an album without art still reads as a record.
-    constexpr int side = 64;
+    // A plain dark sleeve with a faint ring, so an album without art still reads as a record. Large
+    // and with soft edges: a framing close to the sleeve shows it several hundred pixels wide.
+    constexpr int side = 256;
     QImage image(side, side, QImage::Format_RGBA8888);
     image.setColorSpace(QColorSpace::SRgb);
     const double centre = (side - 1) / 2.0;
+    const auto inside = [](double d) { return std::clamp(d + 0.5, 0.0, 1.0); };  // d in pixels
     for (int y = 0; y < side; ++y) {
         uchar *row = image.scanLine(y);
         for (int x = 0; x < side; ++x) {
-            const double r = std::hypot(x - centre, y - centre) / (side / 2.0);
-            const bool ring = r > 0.55 && r < 0.62;
-            const bool hole = r < 0.06;
+            const double r = std::hypot(x - centre, y - centre);
+            const double ring = std::min(inside(r - 0.55 * side / 2), inside(0.62 * side / 2 - r));
+            const double hole = inside(0.06 * side / 2 - r);
+            const auto mix = [&](int base, int ringValue, int holeValue) {
+                const double v = base + (ringValue - base) * ring + (holeValue - base) * hole;
+                return uchar(std::lround(v));
+            };
             uchar *px = row + 4 * x;
-            px[0] = ring ? 0x6b : hole ? 0x14 : 0x2a;
-            px[1] = ring ? 0x5a : hole ? 0x12 : 0x26;
-            px[2] = ring ? 0x48 : hole ? 0x10 : 0x22;
+            px[0] = mix(0x2a, 0x6b, 0x14);
+            px[1] = mix(0x26, 0x5a, 0x12);
+            px[2] = mix(0x22, 0x48, 0x10);
             px[3] = 0xff;
         }
     }
