@@ -45,6 +45,8 @@ CLOCK = [["05:15", "noite"], ["06:45", "manha"], ["10:00", "dia"], ["15:00", "ta
 LED_COLOUR = [2.4, 0.25, 0.08]
 STROBE_COLOUR = [1.6, 0.45, 0.15]
 DUST_COVER_TRANSMISSION = 0.8
+# Shadow-sprite darkening below this is the catcher's noise, not the arm's shadow.
+SHADOW_FLOOR = 0.04
 MM = 1000.0
 
 
@@ -493,13 +495,20 @@ class Pipeline:
                 self.border(record_box)
             job = {"kind": "diffuse", "framing": name, "time": t, "s": max(8, a.samples // 2), "box": record_box}
             diff[t] = self.render("%s/record_diffuse/%s" % (name, t), job, setup_diff)
-        record_px = masks["record"]
+        record_px, cover_px = masks["record"], masks["cover"]
         for p in used:
             write_exr(os.path.join(fdir, "record", p + "_spec.exr"), crop(plate(p, specular), record_box), "zip")
             irradiance = crop(plate(p, diff) * math.pi, record_box)
             write_exr(os.path.join(fdir, "record", p + "_diffuse.exr"), irradiance, "zip")
-            b = np.clip(plate(p, raw) - plate(p, specular), 0, None) * (1 - record_px[:, :, None])
-            write_exr(os.path.join(fdir, "bounce", p + ".exr"), crop(b, bounce_box), "zip")
+            # Only the light the sleeve throws around it: its own face is the cover's, drawn with the art.
+            b = np.clip(plate(p, raw) - plate(p, specular), 0, None) * (1 - record_px[:, :, None]) * (1 - cover_px[:, :, None])
+            b = crop(b, bounce_box)
+            if not a.no_denoise:
+                # A difference of two noisy renders: unfiltered, it prints dark dots around the sleeve.
+                g = {k: crop(raw[plates[p][0]][k], bounce_box) for k in ("DiffCol", "GlossCol", "Normal", "Depth")}
+                b, = denoise.filter_plates([b], g["DiffCol"][:, :, :3] + g["GlossCol"][:, :, :3],
+                                           g["Normal"][:, :, :3], g["Depth"][:, :, 0])
+            write_exr(os.path.join(fdir, "bounce", p + ".exr"), b, "zip")
 
         # Tonearm sprites and shadows, per preset, over the room as a shadow catcher.
         arm_box = self.arm_bounds(cam, yaws)
@@ -651,8 +660,16 @@ class Pipeline:
         rgba[rgba[:, :, 3] < 0.002] = 0
         write_exr(os.path.join(fdir, "tonearm", preset, "arm_%02d.exr" % n), rgba, "zip")
         shadow = np.clip(luminance(crop(out["Shadow Catcher"], box)[:, :, :3]), 0, 1)
-        # Under the arm itself the catcher has no meaning: fill from the neighbours.
         covered = rgba[:, :, 3] > 0.02
+        if not self.a.no_denoise:
+            # The catcher is a ratio of two noisy estimates: where the light is dim it scatters dark
+            # dots over the whole box. Smoothed along the surfaces, then the last few per cent cut,
+            # only the arm's real shadow is left.
+            grey = np.repeat(shadow[:, :, None], 3, axis=2)
+            depth = np.where(covered, 1e6, crop(out["Depth"], box)[:, :, 0])
+            smooth, = denoise.filter_plates([grey], np.ones_like(grey), crop(out["Normal"], box)[:, :, :3], depth)
+            shadow = np.clip(1 - np.maximum(0, (1 - smooth[:, :, 0]) - SHADOW_FLOOR) / (1 - SHADOW_FLOOR), 0, 1)
+        # Under the arm itself the catcher has no meaning: fill from the neighbours.
         s = np.where(covered, np.nan, shadow)
         for _ in range(6):
             if not np.isnan(s).any():
