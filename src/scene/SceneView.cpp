@@ -5,6 +5,7 @@
 #include "core/environment/PowerMonitor.h"
 #include "core/music/HistoryStore.h"
 #include "core/music/PlayerState.h"
+#include "core/scene/SceneFiles.h"
 #include "core/scene/SceneLocation.h"
 #include "core/scene/SceneStatus.h"
 #include "core/scheduling/FrameScheduler.h"
@@ -131,31 +132,31 @@ void SceneView::teardown() {
     observations.clear();
 }
 
-void SceneView::unavailable(const QString &reason) {
-    Log::write(QStringLiteral("Cena indisponível: ") + reason);
-    s.status->setProblem(reason);
+void SceneView::unavailable(SceneStatus::Reason reason, const QString &detail) {
+    Log::write(QStringLiteral("Cena indisponível: ") + detail);
+    s.status->setProblem(SceneStatus::Problem{reason, detail});
     scheduler->setWantsFrames(false);
-    if (onUnavailable) onUnavailable(reason);
+    if (onUnavailable) onUnavailable(detail);
 }
 
 void SceneView::load() {
     if (failed) {
-        unavailable(QStringLiteral("sem superfície Vulkan para a janela"));
+        unavailable(SceneStatus::Reason::gpu, QStringLiteral("sem superfície Vulkan para a janela"));
         return;
     }
     const auto found = SceneLocation::resolve();
     if (!found) {
-        unavailable(QStringLiteral("nenhuma cena instalada em ") + SceneLocation::installedRoot());
+        unavailable(SceneStatus::Reason::noScene, QStringLiteral("nenhuma cena instalada em ") + SceneLocation::installedRoot());
         return;
     }
     const QStringList framings = SceneAssembly::sortedFramings(found->manifest);
     if (framings.isEmpty()) {
-        unavailable(QStringLiteral("manifest sem enquadramentos"));
+        unavailable(SceneStatus::Reason::badManifest, QStringLiteral("manifest sem enquadramentos"));
         return;
     }
     const QString wanted = s.settings->framing();
     const QString framing = framings.contains(wanted) ? wanted : framings.first();
-    s.status->setScene(framings, framing, found->root, found->manifest);
+    s.status->setScene(framings, SceneFiles::installed(found->root, found->manifest, framings), framing, found->root, found->manifest);
     sceneName = found->manifest.scenario.value_or(QFileInfo(found->root).fileName());
     Log::write(QStringLiteral("Cena: carregando ") + sceneName);
     const int generation = ++loadGeneration;
@@ -173,7 +174,7 @@ void SceneView::assemble(int generation, const QString &root, const QString &fra
 
     const auto resolved = SceneLocation::resolve();
     if (!resolved || resolved->root != root) {
-        unavailable(QStringLiteral("nenhuma cena instalada em ") + SceneLocation::installedRoot());
+        unavailable(SceneStatus::Reason::noScene, QStringLiteral("nenhuma cena instalada em ") + SceneLocation::installedRoot());
         return;
     }
     // Masks, front layers and effect passes are decoded and uploaded on a worker thread; the
@@ -192,7 +193,7 @@ void SceneView::assemble(int generation, const QString &root, const QString &fra
         auto [outcome, seconds] = watcher->result();
         if (generation != loadGeneration) return;  // a newer load is on its way
         if (auto *why = std::get_if<QString>(outcome.get())) {
-            unavailable(*why);
+            unavailable(SceneStatus::Reason::damagedPlates, *why);
             return;
         }
         finishLoad(std::move(std::get<std::unique_ptr<LoadedScene>>(*outcome)), root, seconds);

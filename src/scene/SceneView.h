@@ -3,6 +3,7 @@
 #include "core/environment/WeatherService.h"
 #include "core/lighting/LightMixer.h"
 #include "core/music/CoverArt.h"
+#include "core/scene/SceneStatus.h"
 #include "core/turntable/RecordGrooves.h"
 #include "core/turntable/TonearmMotion.h"
 #include "render/SceneRenderer.h"
@@ -27,7 +28,6 @@ class PowerMonitor;
 class QFutureWatcherBase;
 class QVulkanInstance;
 class QWindow;
-class SceneStatus;
 class SessionSignals;
 class Settings;
 class SwapchainTarget;
@@ -77,7 +77,7 @@ public:
     QString describeState() const;
 
 private:
-    void unavailable(const QString &reason);
+    void unavailable(SceneStatus::Reason reason, const QString &detail);
     void assemble(int generation, const QString &root, const QString &framing);
     void finishLoad(std::unique_ptr<LoadedScene> scene, const QString &root, double seconds);
     void presetReady(const QString &preset);

@@ -46,7 +46,7 @@ QStringList PopoverModel::statusLines() const
     QStringList lines;
     if (s.status) {
         if (s.status->problem())
-            lines << tr("The room didn’t load. Reload it in Settings › Scene.") << *s.status->problem();
+            lines << tr("The room didn’t load. Reload it in Settings › Scene.") << s.status->problem()->detail;
         else if (!s.status->manifest())
             lines << tr("Getting the room ready…");
     }

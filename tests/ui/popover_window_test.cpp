@@ -80,7 +80,7 @@ TEST(PopoverModel, SaysWhereTheRoomIsWhatPlaysAndWhatWentWrong)
     EXPECT_EQ(model.header(), "Hidden");
 
     EXPECT_EQ(model.statusLines(), QStringList{"Getting the room ready…"});
-    status.setProblem(QString("manifest.json: contract 2"));
+    status.setProblem(SceneStatus::Problem{SceneStatus::Reason::badManifest, "manifest.json: contract 2"});
     EXPECT_EQ(model.statusLines(),
               (QStringList{"The room didn’t load. Reload it in Settings › Scene.", "manifest.json: contract 2"}));
     status.setWeather({true, 0.5});

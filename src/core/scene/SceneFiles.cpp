@@ -2,6 +2,8 @@
 
 #include "core/lighting/LightMixer.h"
 
+#include <QDir>
+#include <QFileInfo>
 #include <set>
 
 namespace SceneFiles {
@@ -71,6 +73,25 @@ QStringList referenced(const PlateManifest &manifest, const QString &name)
         }
     }
     return QStringList(files.begin(), files.end());
+}
+
+QStringList missing(const QString &root, const PlateManifest &manifest, const QString &framing)
+{
+    QStringList out;
+    const QDir dir(root);
+    for (const QString &file : referenced(manifest, framing))
+        if (!QFileInfo::exists(dir.filePath(file)))
+            out.append(file);
+    return out;
+}
+
+QStringList installed(const QString &root, const PlateManifest &manifest, const QStringList &framings)
+{
+    QStringList out;
+    for (const QString &name : framings)
+        if (manifest.framings.count(name) && missing(root, manifest, name).isEmpty())
+            out.append(name);
+    return out;
 }
 
 QStringList sections(const PlateManifest::Framing &f)

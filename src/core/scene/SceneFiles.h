@@ -25,6 +25,10 @@ QString framingFile(const QString &framing, const QString &name);
 
 // Every file the manifest and its light recipes refer to for one framing, sorted.
 QStringList referenced(const PlateManifest &manifest, const QString &framing);
+// Files of `referenced` that are not under `root`: empty when the framing is installed whole.
+QStringList missing(const QString &root, const PlateManifest &manifest, const QString &framing);
+// The manifest's framings whose files are all under `root`, in the order of `framings`.
+QStringList installed(const QString &root, const PlateManifest &manifest, const QStringList &framings);
 // The optional sections the framing has, in manifest order.
 QStringList sections(const PlateManifest::Framing &framing);
 
