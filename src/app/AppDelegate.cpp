@@ -16,6 +16,7 @@
 #include "core/music/PlayerState.h"
 #include "core/scene/SceneLocation.h"
 #include "core/scene/SceneStatus.h"
+#include "core/scheduling/SessionSignals.h"
 #include "platform/linux/LinuxDesktopPreferences.h"
 #include "platform/linux/LinuxSessionSignals.h"
 #include "platform/linux/MprisPlayerBackend.h"
@@ -83,15 +84,19 @@ void AppDelegate::start() {
     session = std::make_unique<LinuxSessionSignals>();
     stacking = std::make_unique<X11DesktopStacking>();
 
-    SceneView::Services services;
-    services.state = state.get();
-    services.status = status.get();
-    services.power = power.get();
-    services.settings = settingsStore.get();
-    services.history = history.get();
-    services.weather = weather.get();
+    DesktopWindowController::Services services;
+    services.room.state = state.get();
+    services.room.status = status.get();
+    services.room.power = power.get();
+    services.room.settings = settingsStore.get();
+    services.room.history = history.get();
+    services.room.weather = weather.get();
     services.windows = windowList.get();
     services.session = session.get();
+    // Awake again: the weather may be hours old although the steady clock stood still.
+    connect(session.get(), &SessionSignals::asleepChanged, this, [this](bool asleep) {
+        if (!asleep && settingsStore->fxWeather() && !power->ecoActive()) weather->woke();
+    });
     DesktopWindowController::Platform platform;
     X11DesktopStacking *stack = stacking.get();
     platform.prepare = [listed](QWindow *w) {

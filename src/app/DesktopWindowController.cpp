@@ -1,6 +1,8 @@
 #include "app/DesktopWindowController.h"
 
+#include "core/app/Log.h"
 #include "core/app/Settings.h"
+#include "core/scene/SceneStatus.h"
 #include "core/scene/PlatesWatcher.h"
 #include "render/SceneRenderer.h"
 #include "scene/TurntableView.h"
@@ -23,7 +25,7 @@ QList<QScreen *> orderedScreens() {
 
 }  // namespace
 
-DesktopWindowController::DesktopWindowController(const SceneView::Services &s, Platform p, QObject *parent)
+DesktopWindowController::DesktopWindowController(const Services &s, Platform p, QObject *parent)
     : QObject(parent), services(s), platform(std::move(p)) {
     auto rebuild = [this] { rebuildSurfaces(); };
     connect(qGuiApp, &QGuiApplication::screenAdded, this, [this, rebuild](QScreen *screen) {
@@ -42,6 +44,7 @@ DesktopWindowController::~DesktopWindowController() {
         if (platform.removed) platform.removed(surface->window.get());
     }
     surfaces.clear();
+    roomScene.reset();
 }
 
 void DesktopWindowController::watchScreen(QScreen *screen) {
@@ -50,7 +53,7 @@ void DesktopWindowController::watchScreen(QScreen *screen) {
 
 void DesktopWindowController::rebuildSurfaces() {
     QList<QScreen *> screens = orderedScreens();
-    if (!services.settings->allScreens() && screens.size() > 1) screens = screens.mid(0, 1);
+    if (!services.room.settings->allScreens() && screens.size() > 1) screens = screens.mid(0, 1);
 
     // Surfaces whose screen went away: their view is torn down and their window destroyed.
     for (auto it = surfaces.begin(); it != surfaces.end();) {
@@ -84,12 +87,13 @@ void DesktopWindowController::rebuildSurfaces() {
         if (platform.prepare) platform.prepare(surface->window.get());
         Surface &added = *surface;
         surfaces.push_back(std::move(surface));
-        load(added);
+        attach(added);
         if (visible) {
             added.window->show();
             if (platform.added) platform.added(added.window.get());
         }
     }
+    if (!roomScene && !deviceFailed && !surfaces.empty()) loadScene();
 }
 
 void DesktopWindowController::placeWindow(Surface &surface) {
@@ -112,8 +116,28 @@ void DesktopWindowController::hide() {
 }
 
 void DesktopWindowController::loadScene() {
-    for (auto &surface : surfaces) load(*surface);
+    if (!renderer && !deviceFailed) {
+        // One device for every screen, made once: a second screen shares its textures.
+        renderer = SceneRenderer::create();
+        deviceFailed = !renderer;
+        if (renderer) {
+            roomScene = std::make_unique<RoomScene>(services.room, renderer);
+            connect(roomScene.get(), &RoomScene::unavailable, this, [this] {
+                // Later, not inside the room's own call: the fallback destroys the views.
+                QMetaObject::invokeMethod(this, &DesktopWindowController::roomUnavailable, Qt::QueuedConnection);
+            });
+        }
+    }
+    roomFailed = false;
+    for (auto &surface : surfaces) attach(*surface);
+    if (roomScene) roomScene->load();
     watchPlates();
+}
+
+void DesktopWindowController::roomUnavailable() {
+    if (!roomScene || !roomScene->services().status->problem()) return;  // a newer load got through
+    roomFailed = true;
+    for (auto &surface : surfaces) useFallback(*surface);
 }
 
 void DesktopWindowController::watchPlates() {
@@ -125,8 +149,7 @@ void DesktopWindowController::watchPlates() {
 }
 
 void DesktopWindowController::weatherChanged(const WeatherService::Now &now) {
-    for (auto &surface : surfaces)
-        if (surface->scene) surface->scene->weatherChanged(now);
+    if (roomScene) roomScene->weatherChanged(now);
 }
 
 void DesktopWindowController::dropScene(Surface &surface) {
@@ -136,32 +159,25 @@ void DesktopWindowController::dropScene(Surface &surface) {
     }
 }
 
-void DesktopWindowController::load(Surface &surface) {
-    dropScene(surface);
-    auto renderer = SceneRenderer::create();
-    if (!renderer) {
-        useFallback(surface);
+void DesktopWindowController::attach(Surface &surface) {
+    if (surface.scene) return;
+    if (!roomScene || roomFailed) {
+        // No room yet: the first load comes; without a device or a room, the plain turntable.
+        if (deviceFailed || roomFailed) useFallback(surface);
         return;
     }
     surface.fallback.reset();
-    surface.scene = std::make_unique<SceneView>(services, std::move(renderer), surface.window.get());
-    Surface *target = &surface;
-    QPointer<DesktopWindowController> self(this);
-    surface.scene->onUnavailable = [self, target](const QString &) {
-        if (!self) return;
-        // Later, not inside the view's own call: the fallback destroys the view.
-        QMetaObject::invokeMethod(self, [self, target] {
-            if (!self) return;
-            for (auto &s : self->surfaces)
-                if (s.get() == target) self->useFallback(*s);
-        }, Qt::QueuedConnection);
-    };
-    surface.scene->load();
+    SceneView::Services perScreen{services.windows, services.session, services.room.clock};
+    surface.scene = std::make_unique<SceneView>(*roomScene, perScreen, surface.window.get());
+    if (surface.scene->failed()) {
+        Log::write(QStringLiteral("Cena indisponível: sem superfície Vulkan para a janela da tela ") + surface.screenName);
+        useFallback(surface);
+    }
 }
 
 void DesktopWindowController::useFallback(Surface &surface) {
     dropScene(surface);
-    surface.fallback = std::make_unique<TurntableView>(*services.state, surface.window.get());
+    surface.fallback = std::make_unique<TurntableView>(*services.room.state, surface.window.get());
     surface.fallback->setGeometry(QRect(QPoint(0, 0), surface.window->size()));
     surface.fallback->show();
 }

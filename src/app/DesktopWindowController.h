@@ -1,5 +1,6 @@
 #pragma once
 
+#include "scene/RoomScene.h"
 #include "scene/SceneView.h"
 
 #include <QObject>
@@ -16,8 +17,8 @@ class TurntableView;
 
 // The room's desktop windows: one on the main screen, or one per screen with "screens" =
 // "all". Windows of screens that stay are kept across rebuilds; a window whose screen went away
-// is destroyed. Each window hosts a scene view, or the plain turntable when the room cannot be
-// shown. Main thread; one per process.
+// is destroyed. One device and one loaded room serve every screen; each window hosts a scene
+// view of it, or the plain turntable when the room cannot be shown. Main thread; one per process.
 class DesktopWindowController : public QObject {
     Q_OBJECT
 public:
@@ -28,7 +29,13 @@ public:
         std::function<void(QWindow *)> removed;  // the window is about to be destroyed
     };
 
-    DesktopWindowController(const SceneView::Services &services, Platform platform, QObject *parent = nullptr);
+    struct Services {
+        RoomScene::Services room;
+        WindowList *windows = nullptr;      // optional: no coverage probe
+        SessionSignals *session = nullptr;  // optional
+    };
+
+    DesktopWindowController(const Services &services, Platform platform, QObject *parent = nullptr);
     ~DesktopWindowController() override;
 
     void rebuildSurfaces();
@@ -40,6 +47,8 @@ public:
     void weatherChanged(const WeatherService::Now &now);
 
     bool isVisible() const { return visible; }
+    // The shared room; none before the first load or without a device.
+    RoomScene *room() const { return roomScene.get(); }
 
 private:
     struct Surface {
@@ -49,14 +58,19 @@ private:
         std::unique_ptr<SceneView> scene;
         std::unique_ptr<TurntableView> fallback;
     };
-    void load(Surface &surface);
+    void attach(Surface &surface);
     void useFallback(Surface &surface);
+    void roomUnavailable();
     void dropScene(Surface &surface);
     void placeWindow(Surface &surface);
     void watchScreen(QScreen *screen);
 
-    SceneView::Services services;
+    Services services;
     Platform platform;
+    std::shared_ptr<SceneRenderer> renderer;
+    std::unique_ptr<RoomScene> roomScene;
+    bool deviceFailed = false;
+    bool roomFailed = false;
     std::vector<std::unique_ptr<Surface>> surfaces;
     std::unique_ptr<PlatesWatcher> watcher;
     bool visible = false;

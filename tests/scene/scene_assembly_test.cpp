@@ -1,5 +1,15 @@
 #include "SmallScene.h"
+#include "core/app/Settings.h"
+#include "core/environment/PowerMonitor.h"
+#include "core/music/PlayerState.h"
+#include "core/scene/ImageDecoder.h"
+#include "core/scene/SceneStatus.h"
+#include "render/VulkanCheck.h"
 #include "scene/PlateGeometry.h"
+#include "scene/RoomScene.h"
+#include "scene/SceneLoader.h"
+
+#include <optional>
 
 using namespace rendertest;
 using namespace scenetest;
@@ -174,3 +184,86 @@ TEST_F(SmallScene, TheStackShowsTheCoverPlayedBefore) {
 }
 
 }  // namespace
+
+namespace {
+
+struct Room {
+    Settings settings;
+    PlayerState state;
+    SceneStatus status;
+    PowerMonitor power{settings, nullptr};
+    std::optional<SceneStatus::Problem> problem;
+};
+
+}  // namespace
+
+// Plates that cannot be read, a device that runs out of memory or a thread that throws: the
+// room is unavailable with the reason, and the program goes on.
+TEST_F(SmallScene, WhateverFailsOnTheWayComesBackAsTheReason) {
+    testsupport::ScopedEnv scenes("TURNELO_SCENES_DIR", root.path().toUtf8());
+    manifest();
+    Room r;
+    std::shared_ptr<SceneRenderer> gpu = SceneRenderer::create();
+    ASSERT_TRUE(gpu);
+
+    using Reason = SceneStatus::Reason;
+    const std::vector<std::pair<std::function<void()>, Reason>> throws{
+        {[] { throw VulkanError("vkAllocateMemory", VK_ERROR_OUT_OF_DEVICE_MEMORY); }, Reason::gpu},
+        {[] { throw VulkanError("vkQueueSubmit", VK_ERROR_DEVICE_LOST); }, Reason::gpu},
+        {[] { throw std::bad_alloc(); }, Reason::gpu},
+        {[] { throw ImageDecoder::Failure("room.exr: truncado"); }, Reason::damagedPlates},
+    };
+    for (const auto &[raise, reason] : throws) {
+        SceneLoader loader(*gpu, r.status, r.settings, [raise = raise](auto &&...) -> SceneLoader::Assembled {
+            raise();
+            return QString();
+        });
+        std::optional<SceneStatus::Problem> got;
+        loader.onUnavailable = [&](const SceneStatus::Problem &p) { got = p; };
+        loader.load();
+        ASSERT_TRUE(testsupport::waitUntil([&] { return got.has_value(); }, 30s));
+        EXPECT_EQ(int(got->reason), int(reason)) << got->detail.toStdString();
+    }
+
+    // A damaged light plate: the first light cannot be built and the room says why.
+    writeExr(dir + "/light/lamp.exr", 32, 48, [](int, int) { return std::array<float, 4>{1, 1, 1, 1}; });
+    r.settings.setLightPreset("noite");
+    RoomScene room({&r.state, &r.status, &r.power, &r.settings, nullptr, nullptr, MediaClock()}, gpu);
+    QObject::connect(&room, &RoomScene::unavailable, [&](const SceneStatus::Problem &p) { r.problem = p; });
+    room.load();
+    ASSERT_TRUE(testsupport::waitUntil([&] { return r.problem.has_value(); }, 120s));
+    EXPECT_EQ(r.problem->reason, Reason::damagedPlates);
+    EXPECT_EQ(r.problem->detail, QString::fromUtf8("lamp.exr tem 32×48, manifest diz 64×48"));
+    EXPECT_EQ(r.status.problem(), r.problem);
+    EXPECT_FALSE(room.ready());
+}
+
+// A framing of the manifest whose files are not on disk is offered, not installed; asking for
+// it keeps the room on the framing it shows.
+TEST_F(SmallScene, AFramingNotOnDiskLeavesTheRoomAsItIs) {
+    testsupport::ScopedEnv scenes("TURNELO_SCENES_DIR", root.path().toUtf8());
+    manifest([](QJsonObject &json, QJsonObject &wide) {
+        QJsonObject framings = json["framings"].toObject();
+        framings["mid"] = wide;  // the same framing under another name, with no files of its own
+        json["framings"] = framings;
+    });
+    Room r;
+    std::shared_ptr<SceneRenderer> gpu = SceneRenderer::create();
+    ASSERT_TRUE(gpu);
+    r.settings.setFraming("wide");
+    SceneLoader loader(*gpu, r.status, r.settings);
+    int loads = 0;
+    loader.onLoaded = [&](std::unique_ptr<LoadedScene>, const QString &, double) { ++loads; };
+    loader.load();
+    ASSERT_TRUE(testsupport::waitUntil([&] { return loads == 1; }, 60s));
+    EXPECT_EQ(r.status.framings(), (QStringList{"wide", "mid"}));
+    EXPECT_EQ(r.status.installedFramings(), QStringList{"wide"});
+
+    r.settings.setFraming("mid");
+    const int generation = loader.generation();
+    loader.framingChanged();
+    EXPECT_EQ(loader.generation(), generation) << "a load started for a framing with no files";
+    loader.load();  // a reload (the scene changed on disk) stays on the framing on screen
+    ASSERT_TRUE(testsupport::waitUntil([&] { return loads == 2; }, 60s));
+    EXPECT_EQ(loader.framing(), "wide");
+}

@@ -1,5 +1,6 @@
 // The room in a real window on a private X server, drawn by the scene view itself: once the
-// record turns and the arm has settled, a frame allocates nothing.
+// record turns and the arm has settled, a frame allocates nothing; through a playing track the
+// needle creeps inwards with no player signal and no lift.
 
 #include "TestSupport.h"
 #include "core/app/Settings.h"
@@ -7,12 +8,15 @@
 #include "core/music/PlayerState.h"
 #include "core/scene/SceneStatus.h"
 #include "render/SceneRenderer.h"
+#include "scene/LoadedScene.h"
+#include "scene/RoomScene.h"
 #include "scene/SceneView.h"
 
 #include <QRegularExpression>
 #include <QWindow>
 #include <cstdlib>
 #include <gtest/gtest.h>
+#include <algorithm>
 #include <new>
 
 namespace {
@@ -47,11 +51,14 @@ TEST(SceneViewOnScreen, SteadyFramesOfTheShippedRoomAllocateNothing) {
     testsupport::ScopedEnv scenes("TURNELO_SCENES_DIR", (qEnvironmentVariable("TURNELO_SOURCE_DIR") + "/scenes/room").toUtf8());
     Settings settings;
     settings.setLightPreset("dia");
+    // The media clock: the test moves it.
+    double now = 1000;
+    const MediaClock clock([&now] { return now; });
     PlayerState state;
     Track track{"Side A", "Turnelo", "Demo", 600, PlayerSource{"bench", "Bench", "Bench"}, 2, 5};
     state.setTrack(track);
     state.setPosition(120);
-    state.setPositionDate(PlayerState::mediaTime());
+    state.setPositionDate(now);
     state.setPlaying(true);
     SceneStatus status;
     PowerMonitor power(settings, nullptr);
@@ -60,18 +67,19 @@ TEST(SceneViewOnScreen, SteadyFramesOfTheShippedRoomAllocateNothing) {
     host.setGeometry(0, 0, 640, 360);
     host.create();
     host.show();
-    auto renderer = SceneRenderer::create();
+    std::shared_ptr<SceneRenderer> renderer = SceneRenderer::create();
     ASSERT_TRUE(renderer);
     SceneRenderer *gpu = renderer.get();
-    SceneView view({&state, &status, &power, &settings}, std::move(renderer), &host);
-    view.load();
+    RoomScene room({&state, &status, &power, &settings, nullptr, nullptr, clock}, renderer);
+    SceneView view(room, {nullptr, nullptr, clock}, &host);
+    room.load();
     testsupport::waitUntil([&] { return !log.messages().filter(QRegularExpression("Cena pronta|indisponível")).isEmpty(); },
                            300s);
     ASSERT_EQ(log.messages().filter("Cena pronta").size(), 1) << log.messages().join('\n').toStdString();
-    view.weatherChanged({true, 0.8});  // the rain layer too
+    room.weatherChanged({true, 0.8});  // the rain layer too
 
     // The arm snaps into its groove after a long step; its sprites and the rain layer come in.
-    double t = PlayerState::mediaTime() + 20;
+    double t = now + 20;
     // Each frame waits for the last, or the view drops the ticks the device cannot take yet.
     auto frames = [&](int n) {
         for (int i = 0; i < n; ++i, t += 1.0 / 30) {
@@ -94,6 +102,20 @@ TEST(SceneViewOnScreen, SteadyFramesOfTheShippedRoomAllocateNothing) {
     EXPECT_EQ(allocations, 0);
     EXPECT_GE(drawn, 30) << "each frame draws its layers in one command buffer";
     EXPECT_TRUE(log.messages().filter("Cena: clima → chuva").size() == 1);
+
+    // A minute of the track at 30 frames a second, no player signal: the goal drifts inwards
+    // with the position and the arm follows it needle down.
+    const double yaw = room.armState().yaw;
+    double highest = 0;
+    for (int i = 0; i < 1800; ++i, t += 1.0 / 30) {
+        room.advance(t);
+        highest = std::max(highest, room.armState().lift);
+    }
+    const auto &arm = *room.scene()->framing.tonearm;
+    const double inwards = arm.yawRunOut > arm.yawLeadIn ? 1 : -1;
+    EXPECT_GT((room.armState().yaw - yaw) * inwards, 0.01) << "the arm stayed at " << yaw;
+    EXPECT_NEAR(room.armState().yaw, room.armGoalNow(), 0.25);
+    EXPECT_LT(highest, 0.002) << "the arm lifted while creeping";
     view.teardown();
 }
 

@@ -211,6 +211,13 @@ void WeatherService::placeChanged()
     refreshIfStale();
 }
 
+void WeatherService::woke()
+{
+    if (!inFlight)
+        lastFetch.reset();
+    refreshIfStale();
+}
+
 void WeatherService::refreshIfStale()
 {
     if (const auto debug = settings.debugWeather()) {

@@ -58,6 +58,9 @@ public:
 
     // Starts a fetch when the data is stale and none is in flight; returns at once.
     void refreshIfStale();
+    // The machine or its screens woke: the steady clock stood still while asleep, so the data
+    // may be hours old whatever it says. Fetches now unless a fetch is in flight.
+    void woke();
 
     Now now() const { return current; }
     bool fetching() const { return inFlight != nullptr; }

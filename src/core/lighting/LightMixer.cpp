@@ -204,18 +204,44 @@ void LightMixer::startCrossFade(const Blend &target, double t)
     current = target;
 }
 
-bool LightMixer::tick(const QDateTime &now)
+void LightMixer::aim(const Blend &target, bool fade)
 {
-    const Blend fresh = clockBlend(now);
-    if (distance(fresh, current) <= 0.002)
+    if (current.empty()) {
+        startCrossFade(target, 0);
+        pending.reset();
+        return;
+    }
+    pending = target;
+    pendingFade = fade;
+}
+
+bool LightMixer::settle(const std::function<bool(const QString &)> &ready, double t)
+{
+    if (!pending)
         return false;
-    from = to = current = fresh;
-    transitionStart = -std::numeric_limits<double>::infinity();
+    for (const auto &[preset, weight] : *pending)
+        if (!ready(preset))
+            return false;
+    if (pendingFade) {
+        startCrossFade(*pending, t);
+    } else {
+        from = to = current = *pending;
+        transitionStart = -std::numeric_limits<double>::infinity();
+    }
+    pending.reset();
     return true;
 }
 
-QStringList LightMixer::wantedPresets(const QString &mode, const QDateTime &now,
-                                      const std::optional<Blend> &pending) const
+bool LightMixer::tick(const QDateTime &now)
+{
+    const Blend fresh = clockBlend(now);
+    if (distance(fresh, pending ? *pending : current) <= 0.002)
+        return false;
+    aim(fresh, false);
+    return true;
+}
+
+QStringList LightMixer::wantedPresets(const QString &mode, const QDateTime &now) const
 {
     std::set<QString> names;
     for (const Blend *b : {&current, &from, &to})

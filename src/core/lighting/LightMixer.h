@@ -5,6 +5,7 @@
 #include <QDateTime>
 #include <QString>
 #include <array>
+#include <functional>
 #include <limits>
 #include <map>
 #include <optional>
@@ -63,6 +64,10 @@ public:
 
     Blend current, from, to;
     double transitionStart = -std::numeric_limits<double>::infinity();
+    // A move of the light that waits for its pre-mixes: what is shown stays, and stays wanted,
+    // until every preset of the target is ready.
+    std::optional<Blend> pending;
+    bool pendingFade = false;
 
     // Weights for a wall-clock instant, in the date's own time zone.
     Blend clockBlend(const QDateTime &date) const;
@@ -78,12 +83,18 @@ public:
     Blend modeBlend(const QString &mode, const QDateTime &now) const;
     // Starts a cross-fade to `target` at media time t; the first light is shown without a fade.
     void startCrossFade(const Blend &target, double t);
-    // The 30-second tick in "auto": applies clock drift above 0.002 without a fade.
-    // Returns whether `current` changed.
+    // Aims the light at `target`: cross-faded when `fade`, else at once (clock drift). The first
+    // light is taken at once; any later one becomes `pending` until `settle` finds it ready.
+    void aim(const Blend &target, bool fade);
+    // Starts the pending move once `ready` holds for each of its presets. Returns whether the
+    // light changed.
+    bool settle(const std::function<bool(const QString &)> &ready, double t);
+    // The 30-second tick in "auto": aims at the clock blend when it drifted above 0.002 from
+    // what is shown. Returns whether it aimed.
     bool tick(const QDateTime &now);
-    // Presets whose pre-mixes should be ready.
-    QStringList wantedPresets(const QString &mode, const QDateTime &now,
-                              const std::optional<Blend> &pending = std::nullopt) const;
+    // Presets whose pre-mixes should be ready: what is shown, the pending move and, following
+    // the clock, the blend ten minutes ahead.
+    QStringList wantedPresets(const QString &mode, const QDateTime &now) const;
 
 private:
     // Σ weight × the preset's field; names the scene lacks add nothing.

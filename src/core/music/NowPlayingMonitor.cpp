@@ -1,5 +1,7 @@
 #include "core/music/NowPlayingMonitor.h"
 
+#include "core/scheduling/MediaClock.h"
+
 #include "core/app/Log.h"
 
 #include <QFile>
@@ -10,7 +12,7 @@
 NowPlayingMonitor::NowPlayingMonitor(PlayerState &state, PlayerSourceBackend &backend,
                                      QNetworkAccessManager *network, QObject *parent)
     : QObject(parent), state(state), backend(backend), network(network),
-      clock(&PlayerState::mediaTime)
+      clock(&MediaClock::steady)
 {
     if (!this->network)
         this->network = new QNetworkAccessManager(this);

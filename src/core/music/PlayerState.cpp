@@ -1,14 +1,8 @@
 #include "core/music/PlayerState.h"
 
-#include <chrono>
+#include "core/scheduling/MediaClock.h"
 
-double PlayerState::mediaTime()
-{
-    using namespace std::chrono;
-    return duration<double>(steady_clock::now().time_since_epoch()).count();
-}
-
-PlayerState::PlayerState(QObject *parent) : PlayerState(mediaTime(), parent) {}
+PlayerState::PlayerState(QObject *parent) : PlayerState(MediaClock::steady(), parent) {}
 
 PlayerState::PlayerState(double creationTime, QObject *parent)
     : QObject(parent), positionDate_(creationTime)

@@ -31,14 +31,11 @@ struct Track {
 // The one shared answer to "what is playing", read by every view and written only by the
 // now-playing monitor. Each setter publishes its signal only when the value changes.
 //
-// Times are seconds on the media clock (mediaTime()), the monotonic clock the frame loop uses.
+// Times are seconds on the media clock (MediaClock), the monotonic clock the frame loop uses.
 // Main thread only.
 class PlayerState : public QObject {
     Q_OBJECT
 public:
-    // Seconds on a monotonic clock; the default time base of positionDate and currentPosition().
-    static double mediaTime();
-
     explicit PlayerState(QObject *parent = nullptr);
     PlayerState(double creationTime, QObject *parent = nullptr);
 

@@ -77,9 +77,16 @@ QStringList referenced(const PlateManifest &manifest, const QString &name)
 
 QStringList missing(const QString &root, const PlateManifest &manifest, const QString &framing)
 {
+    const auto it = manifest.framings.find(framing);
+    if (it == manifest.framings.end())
+        return {};
+    std::set<QString> essential{framingFile(framing, it->second.cover.mask), framingFile(framing, it->second.label.mask)};
+    for (const auto &[preset, recipe] : LightMixer(manifest).presets)
+        for (const LightMixer::Term &term : recipe.recipe)
+            essential.insert(lightPlate(framing, term.plate));
     QStringList out;
     const QDir dir(root);
-    for (const QString &file : referenced(manifest, framing))
+    for (const QString &file : essential)
         if (!QFileInfo::exists(dir.filePath(file)))
             out.append(file);
     return out;

@@ -25,9 +25,10 @@ QString framingFile(const QString &framing, const QString &name);
 
 // Every file the manifest and its light recipes refer to for one framing, sorted.
 QStringList referenced(const PlateManifest &manifest, const QString &framing);
-// Files of `referenced` that are not under `root`: empty when the framing is installed whole.
+// The files a framing cannot be shown without (its light plates and the sleeve's and label's
+// masks) that are not under `root`; the other files only switch an effect off when missing.
 QStringList missing(const QString &root, const PlateManifest &manifest, const QString &framing);
-// The manifest's framings whose files are all under `root`, in the order of `framings`.
+// The manifest's framings with nothing `missing` under `root`, in the order of `framings`.
 QStringList installed(const QString &root, const PlateManifest &manifest, const QStringList &framings);
 // The optional sections the framing has, in manifest order.
 QStringList sections(const PlateManifest::Framing &framing);

@@ -30,11 +30,13 @@ bool inside(const QRect &r, double x, double y)
 
 }  // namespace
 
-FrameScheduler::FrameScheduler(int fps, std::function<std::pair<double, long long>()> takeGpuTime,
+FrameScheduler::FrameScheduler(int fps, MediaClock mediaClock,
+                               std::function<std::pair<double, long long>()> takeGpuTime,
                                std::function<void(double)> onFrame, QObject *parent)
     : QObject(parent)
     , takeGpuTime(std::move(takeGpuTime))
     , onFrame(std::move(onFrame))
+    , clock(std::move(mediaClock))
     , fps(std::max(1, fps))
 {
     {
@@ -53,7 +55,7 @@ FrameScheduler::FrameScheduler(int fps, std::function<std::pair<double, long lon
     connect(&probeTimer, &QTimer::timeout, this, &FrameScheduler::onProbeTick);
     probeTimer.start();
 
-    mediaClock.start();
+    lastWall = clock.now();
     lastCPU = ProcessUsage::cpuSeconds();
     perfTimer.setInterval(int(std::clamp(std::round(perfSeconds * 1000.0), 1.0, double(INT_MAX))));
     connect(&perfTimer, &QTimer::timeout, this, &FrameScheduler::writePerfLine);
@@ -198,12 +200,12 @@ void FrameScheduler::onTick()
 {
     ++frames;
     if (onFrame)
-        onFrame(double(mediaClock.nsecsElapsed()) / 1e9);
+        onFrame(clock.now());
 }
 
 void FrameScheduler::writePerfLine()
 {
-    const double now = double(mediaClock.nsecsElapsed()) / 1e9;
+    const double now = clock.now();
     const double cpu = ProcessUsage::cpuSeconds();
     const double w = std::max(now - lastWall, 1e-9);
     const auto [gpuSeconds, buffers] = takeGpuTime ? takeGpuTime() : std::pair<double, long long>{0.0, 0};

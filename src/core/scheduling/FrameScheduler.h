@@ -1,12 +1,13 @@
 #pragma once
 
-#include <QElapsedTimer>
 #include <QMetaObject>
 #include <QObject>
 #include <QPointer>
 #include <QRect>
 #include <QString>
 #include <QTimer>
+
+#include "core/scheduling/MediaClock.h"
 #include <functional>
 #include <optional>
 #include <utility>
@@ -30,9 +31,11 @@ public:
     // fps: the starting rate (frames per second, at least 1).
     // takeGpuTime: GPU seconds and completed command buffers since its last call (taking
     //   resets them); may be empty, then the line shows no GPU time.
-    // onFrame: called on every tick with the media time in seconds (monotonic, zero at creation).
+    // clock: the media clock; each tick hands its time to onFrame, and the performance line
+    //   measures its intervals on it.
+    // onFrame: called on every tick with the media time in seconds.
     // Reads "debugIgnoreOcclusion" and "perfLogInterval" from the user's settings once, here.
-    FrameScheduler(int fps, std::function<std::pair<double, long long>()> takeGpuTime,
+    FrameScheduler(int fps, MediaClock clock, std::function<std::pair<double, long long>()> takeGpuTime,
                    std::function<void(double)> onFrame, QObject *parent = nullptr);
     ~FrameScheduler() override;
 
@@ -115,7 +118,7 @@ private:
     QTimer probeTimer;
     long long probeTicks = 0;
 
-    QElapsedTimer mediaClock;
+    MediaClock clock;
     long long frames = 0;
     QTimer perfTimer;
     double perfSeconds = 300.0;

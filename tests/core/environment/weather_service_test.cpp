@@ -193,6 +193,12 @@ TEST_F(WeatherServiceTest, OneRequestInFlightNoneWithin900SecondsFailuresRetried
         replies.push_back(forecast("5.0", "5.0", "63"));
         ASSERT_NO_FATAL_FAILURE(fetch());
     }
+    // Woken from sleep: the steady clock says no time passed, the weather is asked anew.
+    service->refreshIfStale();
+    EXPECT_FALSE(service->fetching());
+    replies.push_back(forecast("5.0", "5.0", "63"));
+    service->woke();
+    ASSERT_NO_FATAL_FAILURE(fetch(1));
     EXPECT_EQ(changes.size(), 2u);
 }
 

@@ -5,6 +5,7 @@
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <gtest/gtest.h>
+#include <set>
 
 namespace {
 
@@ -134,10 +135,42 @@ TEST(LightMixer, CrossFadeTicksAndModes)
     ASSERT_TRUE(drift.tick(at(12, 0)));
     EXPECT_FALSE(drift.tick(at(12, 0, 1)));
     EXPECT_TRUE(drift.tick(at(12, 30)));
+    EXPECT_TRUE(drift.settle([](const QString &) { return true; }, 0));
     EXPECT_EQ(drift.value(0), drift.current);
 
     EXPECT_DOUBLE_EQ(LightMixer::distance({{"a", 0.2}}, {{"b", 0.5}}), 0.5);
     EXPECT_EQ(LightMixer::distance({}, {}), 0.0);
+}
+
+// A change of light never shows presets whose mixes are not built: the old light stays on screen,
+// and wanted, until the new one is ready; only then does the 1.5 s fade start.
+TEST(LightMixer, AMoveWaitsForItsMixesAndKeepsWhatIsShown)
+{
+    LightMixer mixer(manifestWith({}));
+    std::set<QString> built{"dia"};
+    const auto ready = [&](const QString &p) { return built.count(p) > 0; };
+    mixer.aim({{"dia", 1.0}}, true);  // the first light: at once
+    EXPECT_EQ(mixer.value(10), (Blend{{"dia", 1.0}}));
+
+    mixer.aim({{"noite", 1.0}}, true);
+    EXPECT_FALSE(mixer.settle(ready, 10));
+    EXPECT_EQ(mixer.value(12), (Blend{{"dia", 1.0}})) << "the light moved before its mix was built";
+    EXPECT_EQ(mixer.wantedPresets("noite", at(12, 0)), (QStringList{"dia", "noite"}));
+
+    built.insert("noite");
+    EXPECT_TRUE(mixer.settle(ready, 20));
+    EXPECT_DOUBLE_EQ(mixer.value(20.75).at("noite"), 0.5) << "the fade starts when the mix is ready";
+    EXPECT_EQ(mixer.wantedPresets("noite", at(12, 0)), (QStringList{"dia", "noite"}));
+
+    // Woken after hours: the clock's new light waits for its mix too, the shown one stays wanted.
+    LightMixer woken(manifestWith({}));
+    built = {"noite"};
+    ASSERT_TRUE(woken.tick(at(1, 0)));
+    ASSERT_TRUE(woken.tick(at(12, 0)));
+    EXPECT_FALSE(woken.settle(ready, 30));
+    EXPECT_EQ(woken.value(30), woken.clockBlend(at(1, 0)));
+    for (const auto &[p, w] : woken.clockBlend(at(1, 0)))
+        EXPECT_TRUE(woken.wantedPresets("auto", at(12, 0)).contains(p)) << p.toStdString();
 }
 
 TEST(LightPresets, CurrentPositionAndNames)

@@ -1,4 +1,5 @@
 #include "core/music/PlayerState.h"
+#include "core/scheduling/MediaClock.h"
 #include "TestSupport.h"
 
 #include <QSignalSpy>
@@ -60,7 +61,7 @@ TEST(PlayerState, CurrentPositionExtrapolatesOnlyWhilePlaying)
     state.setPlaying(true);
     EXPECT_DOUBLE_EQ(state.currentPosition(110), 40);
     EXPECT_DOUBLE_EQ(state.currentPosition(1000), 930) << "not clamped to the duration";
-    const double a = PlayerState::mediaTime();
-    const double b = PlayerState::mediaTime();
+    const double a = MediaClock::steady();
+    const double b = MediaClock::steady();
     EXPECT_LE(a, b) << "the media clock never goes back";
 }

@@ -77,7 +77,7 @@ protected:
     FrameScheduler &make(int fps = 60, bool withArea = true)
     {
         scheduler = std::make_unique<FrameScheduler>(
-            fps, [this] { return gpu(); }, [this](double t) {
+            fps, MediaClock(), [this] { return gpu(); }, [this](double t) {
                 ++ticks;
                 times.push_back(t);
             });
@@ -113,7 +113,7 @@ protected:
 
 TEST_F(FrameSchedulerTest, RunsOnlyWhenAttachedWantedAndExposed)
 {
-    auto s = std::make_unique<FrameScheduler>(60, nullptr, [this](double) { ++ticks; });
+    auto s = std::make_unique<FrameScheduler>(60, MediaClock(), nullptr, [this](double) { ++ticks; });
     s->setWantsFrames(true);
     EXPECT_FALSE(s->isRunning()) << "no tick before the view is attached";
     s->attach(nullptr, nullptr);
@@ -294,7 +294,7 @@ TEST_F(FrameSchedulerTest, PerformanceLine)
     for (const QVariant &interval : {QVariant(), QVariant("soon"), QVariant(0)}) {
         if (interval.isValid())
             Settings().setValue("perfLogInterval", interval);
-        EXPECT_EQ(FrameScheduler(30, nullptr, nullptr).perfInterval(), 300.0) << interval.toString().toStdString();
+        EXPECT_EQ(FrameScheduler(30, MediaClock(), nullptr, nullptr).perfInterval(), 300.0) << interval.toString().toStdString();
     }
     Settings().setValue("perfLogInterval", 0.3);
 

@@ -1,0 +1,90 @@
+#include "scene/LayerStack.h"
+
+#include "render/SceneRenderer.h"
+#include "render/SwapchainTarget.h"
+#include "scene/BaseSurface.h"
+#include "scene/LayerWindow.h"
+
+#include <QVulkanInstance>
+#include <QWindow>
+#include <cmath>
+
+LayerStack::LayerStack(SceneRenderer &r, QWindow *hostWindow) : renderer(r), host(hostWindow) {
+    // The device's instance, wrapped so that Qt makes the windows' surfaces on it.
+    const auto &vk = renderer.vulkan();
+    vulkan = std::make_unique<QVulkanInstance>();
+    vulkan->setVkInstance(vk->instance);
+    if (!vulkan->create() || !host) return;
+    baseWindow = std::make_unique<LayerWindow>(host, vulkan.get());
+    baseWindow->setGeometry(QRect(QPoint(0, 0), host->size()));
+    baseWindow->onExposed = [this] {
+        if (onBaseExposed) onBaseExposed();
+    };
+    baseWindow->create();
+    baseWindow->show();
+    VkSurfaceKHR surface = QVulkanInstance::surfaceForWindow(baseWindow.get());
+    if (!surface) return;
+    baseTarget = std::make_unique<SwapchainTarget>(vk, surface, uint32_t(host->width()), uint32_t(host->height()));
+    base = std::make_unique<BaseSurface>(vk, baseTarget.get());
+}
+
+LayerStack::~LayerStack() {
+    renderer.waitIdle();
+    base.reset();
+    for (Slot &slot : layerSlots) drop(slot);
+    baseTarget.reset();
+    baseWindow.reset();
+}
+
+void LayerStack::resize(const QSize &pixels) {
+    if (!host || !baseWindow) return;
+    baseWindow->setGeometry(QRect(QPoint(0, 0), host->size()));
+    if (baseTarget) baseTarget->resize(uint32_t(pixels.width()), uint32_t(pixels.height()));
+}
+
+void LayerStack::drop(Slot &slot) {
+    if (slot.target || slot.window) renderer.waitIdle();
+    slot.target.reset();
+    slot.window.reset();
+    slot.rect = QRect();
+}
+
+void LayerStack::clear() {
+    for (Slot &slot : layerSlots) drop(slot);
+}
+
+void LayerStack::place(Layer layer, const QRect &wanted) {
+    Slot &slot = layerSlots[size_t(layer)];
+    if (wanted == slot.rect && (wanted.isEmpty() || slot.window)) return;
+    if (wanted.isEmpty() || !host || !baseWindow) {
+        drop(slot);
+        return;
+    }
+    slot.rect = wanted;
+    const qreal dpr = host->devicePixelRatio();
+    const QRect logical(QPoint(int(wanted.x() / dpr), int(wanted.y() / dpr)),
+                        QSize(int(std::ceil(wanted.width() / dpr)), int(std::ceil(wanted.height() / dpr))));
+    if (slot.window) {
+        slot.window->setGeometry(logical);
+        if (slot.target) slot.target->resize(uint32_t(wanted.width()), uint32_t(wanted.height()));
+        return;
+    }
+    slot.window = std::make_unique<LayerWindow>(baseWindow.get(), vulkan.get());
+    slot.window->setGeometry(logical);
+    slot.window->onExposed = [this] {
+        if (onLayerExposed) onLayerExposed();
+    };
+    slot.window->create();
+    VkSurfaceKHR surface = QVulkanInstance::surfaceForWindow(slot.window.get());
+    if (!surface) {
+        drop(slot);
+        return;
+    }
+    slot.target = std::make_unique<SwapchainTarget>(renderer.vulkan(), surface, uint32_t(wanted.width()),
+                                                    uint32_t(wanted.height()));
+}
+
+void LayerStack::showDrawn() {
+    for (Slot &slot : layerSlots)
+        if (slot.window && slot.target && !slot.window->isVisible()) slot.window->show();
+}
