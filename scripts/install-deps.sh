@@ -22,7 +22,7 @@ PACKAGES=(
   qt6-base-dev qt6-base-dev-tools libqt6opengl6-dev
   libopenexr-dev libarchive-dev
   libvulkan-dev glslang-tools mesa-vulkan-drivers vulkan-tools
-  libx11-dev libx11-xcb-dev libxext-dev libxfixes-dev
+  libx11-dev libx11-xcb-dev libxext-dev libxfixes-dev libxss-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   clang libclang-rt-14-dev
   xvfb xauth dbus dbus-x11

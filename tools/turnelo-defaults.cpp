@@ -7,9 +7,11 @@
 // The settings file is the one the app of the same build uses (quelt/turnelo-dev.json for a
 // development build, quelt/turnelo.json for a release), or the one named by --file PATH before
 // the verb.
+#include "core/app/CommandLine.h"
 #include "core/app/JsonSettingsFormat.h"
 #include "core/app/Settings.h"
 
+#include <QCommandLineParser>
 #include <QCoreApplication>
 #include <QJsonArray>
 #include <QJsonDocument>
@@ -21,7 +23,7 @@ namespace {
 
 int usage()
 {
-    std::fputs("uso: turnelo-defaults [--file PATH] read [KEY] | read-type KEY | "
+    std::fputs("usage: turnelo-defaults [--file PATH] read [KEY] | read-type KEY | "
                "write KEY -bool|-int|-float|-string|-dict VALUE | delete KEY\n",
                stderr);
     return 1;
@@ -90,12 +92,26 @@ std::optional<QVariant> parse(const QString &type, const QString &text)
 int main(int argc, char **argv)
 {
     QCoreApplication app(argc, argv);
-    QStringList args = app.arguments().mid(1);
-    QString file;
-    if (args.size() >= 2 && args[0] == "--file") {
-        file = args[1];
-        args = args.mid(2);
-    }
+    CommandLine line(QStringLiteral("turnelo-defaults"),
+                     QStringLiteral("Reads and writes the settings of the app of the same build, keeping each "
+                                    "value's type."));
+    line.parser.addPositionalArgument(
+        QStringLiteral("command"),
+        QStringLiteral("read [KEY]: one value, or every key and value.\n"
+                       "read-type KEY: the type of a value.\n"
+                       "write KEY -bool|-int|-float|-string|-dict VALUE: stores a value of that type.\n"
+                       "delete KEY: removes a key."),
+        QStringLiteral("read [KEY] | read-type KEY | write KEY TYPE VALUE | delete KEY"));
+    const QCommandLineOption fileOption(QStringLiteral("file"),
+                                        QStringLiteral("Settings file to use instead of the app's."),
+                                        QStringLiteral("PATH"));
+    line.parser.addOption(fileOption);
+    // After the verb every word is the verb's: "-int" is a type, not an option.
+    line.parser.setOptionsAfterPositionalArgumentsMode(QCommandLineParser::ParseAsPositionalArguments);
+    if (const auto status = line.parse(app.arguments()))
+        return *status;
+    const QStringList args = line.parser.positionalArguments();
+    const QString file = line.parser.value(fileOption);
     if (args.isEmpty())
         return usage();
     auto owned = file.isEmpty() ? std::make_unique<Settings>() : std::make_unique<Settings>(file);

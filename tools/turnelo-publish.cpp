@@ -9,8 +9,9 @@
 // The base package holds the scene folder's contents (manifest.json at its top); a framing
 // package holds one folder named after the framing. Package names carry the start of their
 // digest, so a changed package is a new file and never resumes into an old partial download.
-#include "core/scene/PlateManifest.h"
+#include "core/app/CommandLine.h"
 #include "core/delivery/SceneCatalog.h"
+#include "core/scene/PlateManifest.h"
 
 #include <QCommandLineParser>
 #include <QCoreApplication>
@@ -128,9 +129,8 @@ SceneCatalog::Entry publish(const QString &folder, const QString &prefix, const 
 int main(int argc, char **argv)
 {
     QCoreApplication app(argc, argv);
-    QCommandLineParser parser;
-    parser.setApplicationDescription(QStringLiteral("Packages scene folders and writes the scene catalog."));
-    parser.addHelpOption();
+    CommandLine line(QStringLiteral("turnelo-publish"), QStringLiteral("Packages scene folders and writes the scene catalog."));
+    QCommandLineParser &parser = line.parser;
     const QCommandLineOption out(QStringLiteral("out"), QStringLiteral("Output folder (document root)."), QStringLiteral("dir"));
     const QCommandLineOption base(QStringLiteral("base"), QStringLiteral("Base scene folder (holds manifest.json)."), QStringLiteral("dir"));
     const QCommandLineOption framing(QStringLiteral("framing"), QStringLiteral("Extra framing NAME=FOLDER (repeatable)."), QStringLiteral("name=dir"));
@@ -140,7 +140,8 @@ int main(int argc, char **argv)
     const QCommandLineOption minVersion(QStringLiteral("min-app-version"), QStringLiteral("Lowest app version for these packages."), QStringLiteral("version"));
     const QCommandLineOption store(QStringLiteral("store"), QStringLiteral("Store without compression (plates are compressed already)."));
     parser.addOptions({out, base, framing, id, title, scene, minVersion, store});
-    parser.process(app);
+    if (const auto status = line.parse(app.arguments()))
+        return *status;
     QTextStream err(stderr), info(stdout);
     QStringList created;
     if (!parser.isSet(out) || !parser.isSet(base)) {

@@ -3,11 +3,13 @@
 //   turnelo-scene validate DIR
 //   turnelo-scene blend DIR --at HH:MM[:SS]
 //   turnelo-scene crop FILE --kind sprite|additive|shadow|mask|channel:N
-#include "core/scene/ImageDecoder.h"
+#include "core/app/CommandLine.h"
 #include "core/lighting/LightMixer.h"
+#include "core/scene/ImageDecoder.h"
 #include "core/scene/PlateManifest.h"
 #include "core/scene/SceneFiles.h"
 
+#include <QCommandLineParser>
 #include <QCoreApplication>
 #include <QDir>
 #include <QFile>
@@ -114,12 +116,11 @@ QJsonObject crop(const QString &file, const QString &kind)
     }
 }
 
-QString option(const QStringList &args, const QString &name)
+QString required(const QCommandLineParser &parser, const QCommandLineOption &option)
 {
-    const qsizetype i = args.indexOf(name);
-    if (i < 0 || i + 1 >= args.size())
-        throw ToolError(QStringLiteral("falta a opção ") + name);
-    return args[i + 1];
+    if (!parser.isSet(option))
+        throw ToolError(QStringLiteral("falta a opção --") + option.names().constFirst());
+    return parser.value(option);
 }
 
 }  // namespace
@@ -132,17 +133,33 @@ int main(int argc, char **argv)
             std::fprintf(stderr, "%s\n", qPrintable(text));
     });
     QCoreApplication app(argc, argv);
-    const QStringList args = app.arguments().mid(1);
+    CommandLine line(QStringLiteral("turnelo-scene"),
+                     QStringLiteral("Scene checks: one JSON object on standard output; on bad input, exit status 1 "
+                                    "with the message on standard error."));
+    line.parser.addPositionalArgument(
+        QStringLiteral("command"),
+        QStringLiteral("validate DIR: the manifest's framings, their sections and the files missing.\n"
+                       "blend DIR --at TIME: the clock's light blend at a local time.\n"
+                       "crop FILE --kind KIND: an image's size and the rectangle its kind of crop keeps."),
+        QStringLiteral("validate DIR | blend DIR --at HH:MM[:SS] | crop FILE --kind KIND"));
+    const QCommandLineOption at(QStringLiteral("at"), QStringLiteral("Local time for blend."), QStringLiteral("HH:MM[:SS]"));
+    const QCommandLineOption kind(QStringLiteral("kind"),
+                                  QStringLiteral("Crop for crop: sprite, additive, shadow, mask or channel:N."),
+                                  QStringLiteral("KIND"));
+    line.parser.addOptions({at, kind});
+    if (const auto status = line.parse(app.arguments()))
+        return *status;
+    const QStringList args = line.parser.positionalArguments();
     try {
         if (args.size() == 2 && args[0] == "validate")
             print(validate(args[1]));
-        else if (args.size() == 4 && args[0] == "blend")
-            print(blend(args[1], option(args, "--at")));
-        else if (args.size() == 4 && args[0] == "crop")
-            print(crop(args[1], option(args, "--kind")));
+        else if (args.size() == 2 && args[0] == "blend")
+            print(blend(args[1], required(line.parser, at)));
+        else if (args.size() == 2 && args[0] == "crop")
+            print(crop(args[1], required(line.parser, kind)));
         else
             throw ToolError(QStringLiteral(
-                "uso: turnelo-scene validate DIR | blend DIR --at HH:MM[:SS] | "
+                "usage: turnelo-scene validate DIR | blend DIR --at HH:MM[:SS] | "
                 "crop FILE --kind sprite|additive|shadow|mask|channel:N"));
     } catch (const std::exception &error) {
         std::fprintf(stderr, "%s\n", error.what());

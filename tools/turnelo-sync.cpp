@@ -6,8 +6,9 @@
 // Prints each phase while the run goes on, then "ready" and exits 0 when the picked scene is
 // installed and current, or "failed: <reason>" on stderr and exits 1 when this run failed, even
 // though an older installed scene keeps the installer's phase at ready.
-#include "core/delivery/SceneInstaller.h"
+#include "core/app/CommandLine.h"
 #include "core/app/Settings.h"
+#include "core/delivery/SceneInstaller.h"
 
 #include <QCommandLineParser>
 #include <QCoreApplication>
@@ -16,14 +17,14 @@
 int main(int argc, char **argv)
 {
     QCoreApplication app(argc, argv);
-    QCommandLineParser parser;
-    parser.setApplicationDescription(QStringLiteral("Installs or updates the scene from the content service."));
-    parser.addHelpOption();
+    CommandLine line(QStringLiteral("turnelo-sync"), QStringLiteral("Installs or updates the scene from the content service."));
+    QCommandLineParser &parser = line.parser;
     const QCommandLineOption root(QStringLiteral("root"), QStringLiteral("Support folder (default: the app's)."), QStringLiteral("dir"));
     const QCommandLineOption url(QStringLiteral("url"), QStringLiteral("Content service base URL."), QStringLiteral("url"));
     const QCommandLineOption settingsFile(QStringLiteral("settings"), QStringLiteral("Settings file to use."), QStringLiteral("file"));
     parser.addOptions({root, url, settingsFile});
-    parser.process(app);
+    if (const auto status = line.parse(app.arguments()))
+        return *status;
 
     std::unique_ptr<Settings> settings = parser.isSet(settingsFile) ? std::make_unique<Settings>(parser.value(settingsFile))
                                                                     : std::make_unique<Settings>();

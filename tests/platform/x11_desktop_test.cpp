@@ -1,3 +1,4 @@
+#include "core/scheduling/FrameScheduler.h"
 #include "platform/linux/X11WindowList.h"
 #include "TestSupport.h"
 #include "XServer.h"
@@ -226,6 +227,40 @@ TEST_F(X11Desktop, WindowListUnderOpenboxListsOtherProgramsWindowsShownOnThisDes
     const QRect coverFrame = x->outerFrame(cover);
     ASSERT_TRUE(soon([&] { return listed(list, coverFrame); }));
     EXPECT_EQ(listedAt(list, coverFrame)->opacity, 1.0);
+}
+
+TEST_F(X11Desktop, BlankedScreensPauseTheRoomUntilTheyShowAgain)
+{
+    // The window server's own blanking, as on a desktop without a screen-saver service (openbox,
+    // i3). Xvfb has no DPMS; powering the monitors down blanks them the same way first.
+    LogTail log;
+    QTemporaryDir config;  // the scheduler reads its settings from here, not from the user's
+    const ScopedEnv privateConfig("XDG_CONFIG_HOME", config.path().toUtf8());
+    QString why;
+    if (!server.start(why))
+        GTEST_SKIP() << qPrintable(why);
+    X11WindowList list(server.display());
+    ASSERT_TRUE(list.connected());
+    int changes = 0;
+    QObject::connect(&list, &WindowList::changed, [&] { ++changes; });
+    FrameScheduler scheduler(30, nullptr, nullptr);
+    scheduler.attach(&list, nullptr);
+    scheduler.setWantsFrames(true);
+    ASSERT_TRUE(scheduler.isRunning());
+    EXPECT_FALSE(list.screensOff());
+
+    server.run(QStringLiteral("xset"), {QStringLiteral("s"), QStringLiteral("activate")});
+    ASSERT_TRUE(soon([&] { return !scheduler.isRunning(); }));
+    EXPECT_TRUE(list.screensOff());
+    EXPECT_GT(changes, 0) << "no notice from the server: only the periodic probe saw it";
+
+    changes = 0;
+    server.run(QStringLiteral("xset"), {QStringLiteral("s"), QStringLiteral("reset")});
+    ASSERT_TRUE(soon([&] { return scheduler.isRunning(); }));
+    EXPECT_FALSE(list.screensOff());
+    EXPECT_GT(changes, 0);
+    EXPECT_EQ(log.messages().filter(QStringLiteral("Cena: monitor")),
+              QStringList({QStringLiteral("Cena: monitor desligado → pausa"), QStringLiteral("Cena: monitor ligado → renderiza")}));
 }
 
 TEST_F(X11Desktop, StaysBelowASeeThroughIconWindowAndLowersItselfAgain)

@@ -1,5 +1,6 @@
 // turnelo-gen-scene: writes a synthetic scene package for development, demos and tests.
 #include "SceneGenerator.h"
+#include "core/app/CommandLine.h"
 
 #include <QCommandLineParser>
 #include <QCoreApplication>
@@ -11,11 +12,8 @@
 int main(int argc, char **argv)
 {
     QCoreApplication app(argc, argv);
-    QCoreApplication::setApplicationName("turnelo-gen-scene");
-
-    QCommandLineParser parser;
-    parser.setApplicationDescription("Writes a synthetic scene package (manifest, plates, sprites, masks).");
-    parser.addHelpOption();
+    CommandLine line("turnelo-gen-scene", "Writes a synthetic scene package (manifest, plates, sprites, masks).");
+    QCommandLineParser &parser = line.parser;
     const QCommandLineOption out("out", "Scene folder to write.", "DIR");
     const QCommandLineOption width("width", "Plate width in pixels (default 1920).", "W", "1920");
     const QCommandLineOption height("height", "Plate height in pixels (default 1080).", "H", "1080");
@@ -26,7 +24,8 @@ int main(int argc, char **argv)
     const QCommandLineOption seed("seed", "Seed of textures, clouds and skyline (default 1).", "N", "1");
     const QCommandLineOption preview("preview", "Also write a PNG of the first framing in day light.", "FILE");
     parser.addOptions({out, width, height, framings, seed, preview});
-    parser.process(app);
+    if (const auto status = line.parse(app.arguments()))
+        return *status;
 
     QTextStream err(stderr);
     if (!parser.isSet(out)) {

@@ -3,6 +3,7 @@
 
 #include "app/AppDelegate.h"
 #include "app/SingleInstance.h"
+#include "core/app/CommandLine.h"
 #include "core/scene/SceneLocation.h"
 #include "scene/OfflineRender.h"
 #include "ui/AppIcon.h"
@@ -11,39 +12,47 @@
 #include <QCommandLineParser>
 #include <QDir>
 #include <QTextStream>
+#include <optional>
 
-static int renderCommand(const QStringList &arguments) {
-    QCommandLineParser p;
-    p.setApplicationDescription("Renders one frame of a scene folder to a PNG.");
-    p.addHelpOption();
-    p.addPositionalArgument("scene", "Scene folder (holds manifest.json).");
-    p.addPositionalArgument("output", "PNG file to write.");
-    const QCommandLineOption framing("framing", "Framing name.", "name");
-    const QCommandLineOption size("size", "Output size WxH (default 1920x1080).", "WxH", "1920x1080");
-    const QCommandLineOption time("time", "Local time HH:MM for the clock blend (default 12:00).", "HH:MM", "12:00");
-    const QCommandLineOption preset("preset", "A fixed light preset instead of the clock.", "name");
-    const QCommandLineOption playing("playing", "Music plays.");
-    const QCommandLineOption album("album", "Album title.", "text");
-    const QCommandLineOption artist("artist", "Artist.", "text");
-    const QCommandLineOption title("title", "Track title.", "text");
-    const QCommandLineOption track("track", "Track number.", "n", "0");
-    const QCommandLineOption tracks("tracks", "Track count.", "n", "0");
-    const QCommandLineOption duration("duration", "Track duration in seconds.", "s", "0");
-    const QCommandLineOption position("position", "Position in the track in seconds.", "s", "0");
-    const QCommandLineOption cover("cover", "Cover image (default: the placeholder cover).", "file");
-    const QCommandLineOption stackCover("stack-cover", "Cover on top of the record stack, an album played before "
-                                        "(default: the placeholder cover).", "file");
-    const QCommandLineOption rain("rain", "Rain intensity 0…1 (default 0).", "x", "0");
-    const QCommandLineOption noSteam("no-steam", "Steam off.");
-    const QCommandLineOption noRecord("no-record", "Live record off (fxRecord).");
-    const QCommandLineOption noBounce("no-bounce", "Cover bounce off (fxBounce).");
-    const QCommandLineOption noStack("no-stack", "Record stack off (fxStack).");
-    const QCommandLineOption noPanel("no-panel", "LEDs and strobe off (fxPanel).");
-    const QCommandLineOption noWeather("no-weather", "Rain off (fxWeather).");
-    const QCommandLineOption media("media-time", "Media time in seconds (default 30).", "s", "30");
-    p.addOptions({framing, size, time, preset, playing, album, artist, title, track, tracks, duration, position,
-                  cover, stackCover, rain, noSteam, noRecord, noBounce, noStack, noPanel, noWeather, media});
-    p.process(arguments);
+namespace {
+
+// The options of "turnelo render", declared on its command line.
+struct RenderOptions {
+    QCommandLineOption framing{"framing", "Framing name.", "name"};
+    QCommandLineOption size{"size", "Output size WxH (default 1920x1080).", "WxH", "1920x1080"};
+    QCommandLineOption time{"time", "Local time HH:MM for the clock blend (default 12:00).", "HH:MM", "12:00"};
+    QCommandLineOption preset{"preset", "A fixed light preset instead of the clock.", "name"};
+    QCommandLineOption playing{"playing", "Music plays."};
+    QCommandLineOption album{"album", "Album title.", "text"};
+    QCommandLineOption artist{"artist", "Artist.", "text"};
+    QCommandLineOption title{"title", "Track title.", "text"};
+    QCommandLineOption track{"track", "Track number.", "n", "0"};
+    QCommandLineOption tracks{"tracks", "Track count.", "n", "0"};
+    QCommandLineOption duration{"duration", "Track duration in seconds.", "s", "0"};
+    QCommandLineOption position{"position", "Position in the track in seconds.", "s", "0"};
+    QCommandLineOption cover{"cover", "Cover image (default: the placeholder cover).", "file"};
+    QCommandLineOption stackCover{"stack-cover",
+                                  "Cover on top of the record stack, an album played before "
+                                  "(default: the placeholder cover).",
+                                  "file"};
+    QCommandLineOption rain{"rain", "Rain intensity 0…1 (default 0).", "x", "0"};
+    QCommandLineOption noSteam{"no-steam", "Steam off."};
+    QCommandLineOption noRecord{"no-record", "Live record off (fxRecord)."};
+    QCommandLineOption noBounce{"no-bounce", "Cover bounce off (fxBounce)."};
+    QCommandLineOption noStack{"no-stack", "Record stack off (fxStack)."};
+    QCommandLineOption noPanel{"no-panel", "LEDs and strobe off (fxPanel)."};
+    QCommandLineOption noWeather{"no-weather", "Rain off (fxWeather)."};
+    QCommandLineOption media{"media-time", "Media time in seconds (default 30).", "s", "30"};
+
+    explicit RenderOptions(QCommandLineParser &p) {
+        p.addPositionalArgument("scene", "Scene folder (holds manifest.json).");
+        p.addPositionalArgument("output", "PNG file to write.");
+        p.addOptions({framing, size, time, preset, playing, album, artist, title, track, tracks, duration, position,
+                      cover, stackCover, rain, noSteam, noRecord, noBounce, noStack, noPanel, noWeather, media});
+    }
+};
+
+int renderCommand(const QCommandLineParser &p, const RenderOptions &r) {
     const QStringList pos = p.positionalArguments();
     QTextStream err(stderr);
     if (pos.size() != 2) {
@@ -53,39 +62,39 @@ static int renderCommand(const QStringList &arguments) {
     OfflineRender::Options o;
     o.sceneDir = pos[0];
     o.output = pos[1];
-    o.framing = p.value(framing);
-    const QStringList wh = p.value(size).split('x');
+    o.framing = p.value(r.framing);
+    const QStringList wh = p.value(r.size).split('x');
     if (wh.size() != 2 || wh[0].toInt() <= 0 || wh[1].toInt() <= 0) {
         err << "bad --size\n";
         return 2;
     }
     o.width = wh[0].toInt();
     o.height = wh[1].toInt();
-    const QTime t = QTime::fromString(p.value(time), "H:mm");
+    const QTime t = QTime::fromString(p.value(r.time), "H:mm");
     if (!t.isValid()) {
         err << "bad --time\n";
         return 2;
     }
     o.localTime = QDateTime(QDate(2024, 6, 1), t);
-    if (p.isSet(preset)) o.preset = p.value(preset);
-    o.playing = p.isSet(playing);
-    o.album = p.value(album);
-    o.artist = p.value(artist);
-    o.title = p.value(title);
-    o.trackNumber = p.value(track).toInt();
-    o.trackCount = p.value(tracks).toInt();
-    o.duration = p.value(duration).toDouble();
-    o.position = p.value(position).toDouble();
-    o.coverImage = p.value(cover);
-    o.stackCoverImage = p.value(stackCover);
-    o.rain = p.value(rain).toDouble();
-    o.steam = !p.isSet(noSteam);
-    o.fxRecord = !p.isSet(noRecord);
-    o.fxBounce = !p.isSet(noBounce);
-    o.fxStack = !p.isSet(noStack);
-    o.fxPanel = !p.isSet(noPanel);
-    o.fxWeather = !p.isSet(noWeather);
-    o.mediaTime = p.value(media).toDouble();
+    if (p.isSet(r.preset)) o.preset = p.value(r.preset);
+    o.playing = p.isSet(r.playing);
+    o.album = p.value(r.album);
+    o.artist = p.value(r.artist);
+    o.title = p.value(r.title);
+    o.trackNumber = p.value(r.track).toInt();
+    o.trackCount = p.value(r.tracks).toInt();
+    o.duration = p.value(r.duration).toDouble();
+    o.position = p.value(r.position).toDouble();
+    o.coverImage = p.value(r.cover);
+    o.stackCoverImage = p.value(r.stackCover);
+    o.rain = p.value(r.rain).toDouble();
+    o.steam = !p.isSet(r.noSteam);
+    o.fxRecord = !p.isSet(r.noRecord);
+    o.fxBounce = !p.isSet(r.noBounce);
+    o.fxStack = !p.isSet(r.noStack);
+    o.fxPanel = !p.isSet(r.noPanel);
+    o.fxWeather = !p.isSet(r.noWeather);
+    o.mediaTime = p.value(r.media).toDouble();
     const QString error = OfflineRender::render(o);
     if (!error.isEmpty()) {
         err << "turnelo render: " << error << "\n";
@@ -95,7 +104,7 @@ static int renderCommand(const QStringList &arguments) {
 }
 
 // Without a display the room cannot be on a desktop: say so and show what it would look like.
-static int renderInstead() {
+int renderInstead() {
     QTextStream err(stderr);
     const auto scene = SceneLocation::resolve();
     if (!scene) {
@@ -117,14 +126,7 @@ static int renderInstead() {
     return 0;
 }
 
-static int runRoom(QApplication &app) {
-    QCommandLineParser p;
-    p.setApplicationDescription("Turnelo: a photoreal room with a record player on the desktop.");
-    p.addHelpOption();
-    const QCommandLineOption musicDone("music-setup-done",
-                                       "Follow the music players from now on, as the onboarding's music step does (stored).");
-    p.addOption(musicDone);
-    p.process(app);
+int runRoom(QApplication &app, bool markMusicSetupDone) {
     SingleInstance instance(SingleInstance::defaultName());
     if (instance.alreadyRunning()) {
         QTextStream(stderr) << "turnelo: already running; asked it to show the room\n";
@@ -134,26 +136,47 @@ static int runRoom(QApplication &app) {
     QGuiApplication::setDesktopFileName(QStringLiteral("turnelo"));
     QApplication::setWindowIcon(AppIcon::icon());
     AppDelegate::Options options;
-    options.markMusicSetupDone = p.isSet(musicDone);
+    options.markMusicSetupDone = markMusicSetupDone;
     AppDelegate delegate(options);
     instance.onActivated = [&delegate] { delegate.reopen(); };
     delegate.start();
     return app.exec();
 }
 
+}  // namespace
+
 int main(int argc, char **argv) {
-    const bool render = argc > 1 && QByteArray(argv[1]) == "render";
+    const QStringList arguments = CommandLine::arguments(argc, argv);
+    const bool render = arguments.size() > 1 && arguments[1] == "render";
+    // "turnelo render …" reads as a program of its own, without the verb.
+    const auto ownLine = [render](QStringList line) {
+        if (render) line.removeAt(1);
+        return line;
+    };
+    CommandLine line(render ? QStringLiteral("turnelo render") : QStringLiteral("turnelo"),
+                     render ? QStringLiteral("Renders one frame of a scene folder to a PNG.")
+                            : QStringLiteral("Turnelo: a photoreal room with a record player on the desktop. "
+                                             "Without a display it renders the room to turnelo-room.png instead. "
+                                             "\"turnelo render --help\" tells how to render a scene to a PNG."));
+    std::optional<RenderOptions> renderOptions;
+    const QCommandLineOption musicDone("music-setup-done",
+                                       "Follow the music players from now on, as the onboarding's music step does (stored).");
+    if (render)
+        renderOptions.emplace(line.parser);
+    else
+        line.parser.addOption(musicDone);
+    // Answered before anything opens a display, a bus or a device.
+    if (const auto answered = line.parse(ownLine(arguments), true)) return *answered;
+
     const bool display = qEnvironmentVariableIsSet("DISPLAY") && !qEnvironmentVariable("DISPLAY").isEmpty();
     // Offline work needs no display; the desktop windows are X11 windows.
     if ((render || !display) && !qEnvironmentVariableIsSet("QT_QPA_PLATFORM")) qputenv("QT_QPA_PLATFORM", "offscreen");
     if (!render && display) qputenv("QT_QPA_PLATFORM", "xcb");
     QApplication app(argc, argv);
     QApplication::setQuitOnLastWindowClosed(false);
-    QStringList args = app.arguments();
-    if (render) {
-        args.removeAt(1);
-        return renderCommand(args);
-    }
+    // The application object has taken its own options (-session, -display, …) out of the line.
+    if (const auto failed = line.parse(ownLine(app.arguments()))) return *failed;
+    if (render) return renderCommand(line.parser, *renderOptions);
     if (!display) return renderInstead();
-    return runRoom(app);
+    return runRoom(app, line.parser.isSet(musicDone));
 }

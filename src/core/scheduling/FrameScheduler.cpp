@@ -126,7 +126,7 @@ void FrameScheduler::update()
     if (!attached)
         return;
     const bool run = wantsFramesFlag && !locked && (ignoreOcclusion || (!occluded && !covered))
-        && !asleep && !inactive;
+        && !asleep && !inactive && !screensOff;
     if (run && !tick.isActive())
         tick.start();
     else if (!run && tick.isActive())
@@ -135,7 +135,7 @@ void FrameScheduler::update()
 
 bool FrameScheduler::visible() const
 {
-    return !locked && !asleep && !inactive && (ignoreOcclusion || (!occluded && !covered));
+    return !locked && !asleep && !inactive && !screensOff && (ignoreOcclusion || (!occluded && !covered));
 }
 
 void FrameScheduler::applySessionEvent(bool &flag, bool value, const char *onName, const char *offName)
@@ -159,14 +159,23 @@ void FrameScheduler::probeCoverage(bool force)
 {
     if (invalidated)
         return;
-    if (!force && !covered && probeTicks % kProbeEvery != 0)
+    if (!force && !covered && !screensOff && probeTicks % kProbeEvery != 0)
         return;
 
+    // Dark screens show nothing, so their windows need no listing. Coming back on, the coverage
+    // is settled first, so that the line about the screens tells whether the room now shows.
+    const bool off = windows && windows->screensOff();
+    if (!off)
+        setCovered(areaHidden());
+    if (off != screensOff)
+        applySessionEvent(screensOff, off, "monitor desligado", "monitor ligado");
+}
+
+bool FrameScheduler::areaHidden() const
+{
     const std::optional<QRect> area = animatedArea ? animatedArea() : std::nullopt;
-    if (!area || area->isEmpty() || !windows) {
-        setCovered(false);
-        return;
-    }
+    if (!area || area->isEmpty() || !windows)
+        return false;
     const std::vector<ListedWindow> listed = windows->windows();
     const double cellW = double(area->width()) / kGrid;
     const double cellH = double(area->height()) / kGrid;
@@ -177,13 +186,11 @@ void FrameScheduler::probeCoverage(bool force)
             const bool hidden = std::any_of(listed.begin(), listed.end(), [&](const ListedWindow &w) {
                 return w.opacity > kOpaque && inside(w.frame, x, y);
             });
-            if (!hidden) {
-                setCovered(false);
-                return;
-            }
+            if (!hidden)
+                return false;
         }
     }
-    setCovered(true);
+    return true;
 }
 
 void FrameScheduler::setCovered(bool value)

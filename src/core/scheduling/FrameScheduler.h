@@ -17,8 +17,8 @@ class WindowList;
 
 // Drives a scene view's frames and keeps them off whenever nobody can see the room: while its
 // animated area is hidden behind other programs' opaque windows, while the host window is not
-// exposed, while the screen is locked, asleep or the session is switched away, and while the
-// view wants no animation. Also writes the periodic "Perf" line to the log.
+// exposed, while the screen is locked, asleep, blanked or powered down or the session is
+// switched away, and while the view wants no animation. Also writes the periodic "Perf" line to the log.
 //
 // The frame tick is a precise timer at the current rate; "paused" means that timer is stopped.
 // The coverage probe (0.25 s) and the performance timer run from creation until invalidate().
@@ -63,8 +63,9 @@ public:
     int rate() const { return fps; }
     int tickIntervalMs() const { return tick.interval(); }
 
-    // Recomputes whether the animated area is hidden. Unforced, it follows the probe timer's
-    // cadence: once a second while visible, on every tick (4 Hz) while covered.
+    // Asks the window list whether the screens are off, and while they are on recomputes whether
+    // the animated area is hidden. Unforced, it follows the probe timer's cadence: once a second
+    // while visible, on every tick (4 Hz) while covered or while the screens are off.
     void probeCoverage(bool force);
     bool isCovered() const { return covered; }
 
@@ -86,6 +87,8 @@ private:
     void update();
     bool visible() const;
     void setCovered(bool value);
+    // Whether every sample point of the animated area lies under an opaque listed window.
+    bool areaHidden() const;
     void onProbeTick();
     void onTick();
     void writePerfLine();
@@ -112,6 +115,9 @@ private:
     // The session was switched away (another user, a greeter). Kept apart from `asleep` so that
     // screens waking during a switched-away session do not restart the frames.
     bool inactive = false;
+    // The window list reports the screens off (monitors powered down or blanked). Kept apart from
+    // `asleep`, which follows the system's sleep, so that either can end on its own.
+    bool screensOff = false;
     bool covered = false;
     bool ignoreOcclusion = false;
 

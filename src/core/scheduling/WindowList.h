@@ -21,7 +21,12 @@ public:
 
     virtual std::vector<ListedWindow> windows() = 0;
 
+    // Whether the screens show nothing now: their monitors are powered down (standby, suspend
+    // or off) or the window server blanked them. False when the server cannot tell.
+    virtual bool screensOff() { return false; }
+
 signals:
-    // The stacking, the active window or the current desktop changed: worth probing at once.
+    // The stacking, the active window, the current desktop or the screens' blanking changed:
+    // worth probing at once.
     void changed();
 };

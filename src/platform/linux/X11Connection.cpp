@@ -177,6 +177,8 @@ void X11Connection::readEvents()
         XNextEvent(display, &event);
         if (event.type == PropertyNotify && event.xproperty.window == rootWindow)
             emit rootPropertyChanged(event.xproperty.atom);
+        else
+            emit otherEvent(event.type);
     }
 }
 

@@ -58,6 +58,8 @@ public:
 
 signals:
     void rootPropertyChanged(unsigned long atom);
+    // Any other event, by its type; an extension's events come as its event base + their code.
+    void otherEvent(int type);
 
 private:
     // Hands the property's items to `use` when it is set with the given format.

@@ -2,6 +2,8 @@
 
 #include <X11/Xlib-xcb.h>
 #include <X11/Xlib.h>
+#include <X11/extensions/dpms.h>
+#include <X11/extensions/scrnsaver.h>
 #include <algorithm>
 #include <cstdlib>
 #include <unistd.h>
@@ -25,6 +27,38 @@ X11WindowList::X11WindowList(const QByteArray &displayName, QObject *parent)
         return;
     connect(&x, &X11Connection::rootPropertyChanged, this, &X11WindowList::rootPropertyChanged);
     x.watchRoot();
+
+    Display *d = x.xdisplay();
+    int eventBase = 0, errorBase = 0;
+    dpms = DPMSQueryExtension(d, &eventBase, &errorBase) && DPMSCapable(d);
+    if (XScreenSaverQueryExtension(d, &eventBase, &errorBase)) {
+        saverNotify = eventBase + ScreenSaverNotify;
+        XScreenSaverSelectInput(d, x.root(), ScreenSaverNotifyMask);
+        XFlush(d);
+        connect(&x, &X11Connection::otherEvent, this, [this](int type) {
+            if (type == saverNotify)
+                emit changed();
+        });
+    }
+}
+
+bool X11WindowList::screensOff()
+{
+    if (!x.isOpen())
+        return false;
+    Display *d = x.xdisplay();
+    bool off = false;
+    if (dpms) {
+        CARD16 level = DPMSModeOn;
+        BOOL enabled = False;
+        off = DPMSInfo(d, &level, &enabled) && enabled && level != DPMSModeOn;
+    }
+    if (!off && saverNotify >= 0) {
+        XScreenSaverInfo info{};
+        off = XScreenSaverQueryInfo(d, x.root(), &info) && info.state == ScreenSaverOn;
+    }
+    x.readQueuedSoon();
+    return off;
 }
 
 void X11WindowList::addOwnWindow(WId window)

@@ -11,7 +11,9 @@
 // Left out: unmapped or iconic (_NET_WM_STATE_HIDDEN) clients, clients on another desktop,
 // desktop and dock windows, this process's windows (_NET_WM_PID) and the windows given to
 // addOwnWindow. It keeps its own X connection; without an X server the list is empty.
-// Main thread only.
+// The screens are off while the server's DPMS power level is standby, suspend or off, or while
+// its screen saver (MIT-SCREEN-SAVER) blanks them; powering down blanks them too, so the saver's
+// notices announce both. Main thread only.
 class X11WindowList : public WindowList {
     Q_OBJECT
 public:
@@ -19,6 +21,7 @@ public:
     explicit X11WindowList(const QByteArray &displayName = {}, QObject *parent = nullptr);
 
     std::vector<ListedWindow> windows() override;
+    bool screensOff() override;
 
     // Windows of ours that a program other than this one may have created (or whose
     // _NET_WM_PID is unreliable); never listed.
@@ -32,4 +35,6 @@ private:
 
     X11Connection x;
     QSet<WId> own;
+    bool dpms = false;    // the server can power its monitors down
+    int saverNotify = -1;  // the event type of the screen saver's notices; -1 without the extension
 };

@@ -44,10 +44,18 @@ public:
         if (announce)
             emit changed();
     }
+    bool screensOff() override { return off; }
+    void setScreensOff(bool value, bool announce = true)
+    {
+        off = value;
+        if (announce)
+            emit changed();
+    }
     int queries = 0;
 
 private:
     std::vector<ListedWindow> list;
+    bool off = false;
 };
 
 // Lines that report a change of the room's visibility ("Cena: … → renderiza|pausa").
@@ -240,6 +248,48 @@ TEST_F(FrameSchedulerTest, LockSleepAndSessionSwitchPauseEachOnTheirOwn)
     EXPECT_TRUE(ticking());
     expectLines(7, {"Cena: sessionDidResignActive → pausa", "Cena: sessionDidBecomeActive → renderiza",
                     "Cena: screensDidSleep → pausa", "Cena: screensDidWake → renderiza"});
+}
+
+TEST_F(FrameSchedulerTest, ScreensOffPauseUntilTheyShowAgainWithoutListingTheirWindows)
+{
+    auto &s = make();
+    ASSERT_TRUE(ticking());
+    const QString off = QStringLiteral("Cena: monitor desligado → pausa");
+    const QString on = QStringLiteral("Cena: monitor ligado → renderiza");
+
+    windows.setScreensOff(true);
+    EXPECT_FALSE(s.isRunning());
+    EXPECT_TRUE(silent());
+    const int queries = windows.queries;
+    spin(700ms);  // probes on every tick now, asking only about the screens
+    EXPECT_EQ(windows.queries, queries);
+    windows.setScreensOff(false);
+    EXPECT_TRUE(ticking());
+
+    // Without the notice the periodic probe notices both.
+    windows.setScreensOff(true, false);
+    EXPECT_TRUE(waitUntil([&] { return !s.isRunning(); }, 10s));
+    windows.setScreensOff(false, false);
+    EXPECT_TRUE(waitUntil([&] { return s.isRunning(); }, 10s));
+    EXPECT_EQ(visibilityLines(log), QStringList({off, on, off, on}));
+
+    // Back on with a window over the room meanwhile: still paused, and the line says why.
+    windows.setScreensOff(true);
+    windows.set({{QRect(0, 0, 800, 800), 1.0}}, false);
+    windows.setScreensOff(false);
+    EXPECT_FALSE(s.isRunning());
+    EXPECT_EQ(visibilityLines(log).mid(4), QStringList({off, kCovered}));
+    windows.set({});
+    EXPECT_TRUE(ticking());
+
+    // Locked meanwhile: the screens going off or on changes nothing anyone sees.
+    emit session.lockedChanged(true);
+    windows.setScreensOff(true);
+    emit session.lockedChanged(false);
+    EXPECT_FALSE(s.isRunning());
+    windows.setScreensOff(false);
+    EXPECT_TRUE(ticking());
+    EXPECT_EQ(visibilityLines(log).mid(7), QStringList({"Cena: screenIsLocked → pausa", on}));
 }
 
 TEST_F(FrameSchedulerTest, IgnoringOcclusionRunsBehindWindowsButNotWhenLockedOrAsleep)
