@@ -243,7 +243,7 @@ TEST_F(X11Desktop, BlankedScreensPauseTheRoomUntilTheyShowAgain)
     ASSERT_TRUE(list.connected());
     int changes = 0;
     QObject::connect(&list, &WindowList::changed, [&] { ++changes; });
-    FrameScheduler scheduler(30, nullptr, nullptr);
+    FrameScheduler scheduler(30, MediaClock(), nullptr, nullptr);
     scheduler.attach(&list, nullptr);
     scheduler.setWantsFrames(true);
     ASSERT_TRUE(scheduler.isRunning());
