@@ -44,13 +44,19 @@ struct BuildScope {
 
 const QString commandBufferFailure = QStringLiteral("falhou o command buffer do pré-mix");
 
+bool outOfMemory(VkResult r) { return r == VK_ERROR_OUT_OF_DEVICE_MEMORY || r == VK_ERROR_OUT_OF_HOST_MEMORY; }
+
 }  // namespace
 
 TextureRef MixBuilder::build(const std::vector<Term> &terms, const QString &dir, int width, int height,
                              VkFormat format, Stats *stats) const {
     VkDevice device = context->device;
     if (width <= 0 || height <= 0 || !res.convert.count(format))
-        throw ImageDecoder::Failure(QStringLiteral("sem memória de GPU pro pré-mix"));
+        throw std::invalid_argument(QStringLiteral("pré-mix de %1×%2 no formato %3: tamanho ou formato sem suporte")
+                                        .arg(width)
+                                        .arg(height)
+                                        .arg(int(format))
+                                        .toStdString());
     const uint32_t w = uint32_t(width), h = uint32_t(height);
 
     TextureRef accumulator, band, result;
@@ -64,8 +70,10 @@ TextureRef MixBuilder::build(const std::vector<Term> &terms, const QString &dir,
                                         VK_IMAGE_USAGE_COLOR_ATTACHMENT_BIT | VK_IMAGE_USAGE_SAMPLED_BIT |
                                             VK_IMAGE_USAGE_TRANSFER_SRC_BIT);
         staging = context->createHostBuffer(VkDeviceSize(w) * bandRows * 8, VK_BUFFER_USAGE_TRANSFER_SRC_BIT);
-    } catch (const VulkanError &) {
-        throw ImageDecoder::Failure(QStringLiteral("sem memória de GPU pro pré-mix"));
+    } catch (const VulkanError &e) {
+        throw VulkanError(outOfMemory(e.result) ? QStringLiteral("sem memória de GPU pro pré-mix")
+                                                : QStringLiteral("texturas do pré-mix não criadas"),
+                          e);
     }
 
     BuildScope scope{device};
@@ -123,8 +131,8 @@ TextureRef MixBuilder::build(const std::vector<Term> &terms, const QString &dir,
         fbi.pAttachments = &result->view;
         vkCheck(vkCreateFramebuffer(device, &fbi, nullptr, &resultFb), "vkCreateFramebuffer");
         scope.framebuffers.push_back(resultFb);
-    } catch (const VulkanError &) {
-        throw ImageDecoder::Failure(commandBufferFailure);
+    } catch (const VulkanError &e) {
+        throw VulkanError(commandBufferFailure, e);
     }
 
     auto submitAndWait = [&] {
@@ -197,8 +205,8 @@ TextureRef MixBuilder::build(const std::vector<Term> &terms, const QString &dir,
                 first = false;
                 ++local.bands;
             }
-        } catch (const VulkanError &) {
-            throw ImageDecoder::Failure(commandBufferFailure);
+        } catch (const VulkanError &e) {
+            throw VulkanError(commandBufferFailure, e);
         }
         ++local.termsDrawn;
     }
@@ -225,8 +233,8 @@ TextureRef MixBuilder::build(const std::vector<Term> &terms, const QString &dir,
         vkCmdDraw(cmd, 3, 1, 0, 0);
         vkCmdEndRenderPass(cmd);
         submitAndWait();
-    } catch (const VulkanError &) {
-        throw ImageDecoder::Failure(commandBufferFailure);
+    } catch (const VulkanError &e) {
+        throw VulkanError(commandBufferFailure, e);
     }
     if (stats) *stats = local;
     // The accumulator, band and staging memory go back at once when these references drop.

@@ -5,6 +5,7 @@
 
 #include <QElapsedTimer>
 #include <QPointer>
+#include <QThread>
 #include <QtConcurrent>
 #include <algorithm>
 #include <malloc.h>
@@ -41,6 +42,8 @@ size_t PresetMixes::memoryBytes() const {
 }
 
 void PresetMixes::ensure(const std::set<QString> &set) {
+    // Builds report to this object's thread: asked from another, their results would be lost.
+    Q_ASSERT(thread() == QThread::currentThread());
     if (wantedSetOnce && set == wantedSet) return;
     wantedSetOnce = true;
     wantedSet = set;

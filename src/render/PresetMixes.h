@@ -15,7 +15,9 @@
 
 // The pre-mixed light textures of one family of plates ("luz", "disco" or "rebatimento"):
 // which presets must be ready, their builds one at a time on a worker thread, and eviction of
-// the ones no longer wanted. Main thread only; destroying it waits for a build in flight.
+// the ones no longer wanted. Used on the thread it lives on (made on the assembling thread, then
+// moved to the main thread before its first `ensure`); its builds report back there.
+// Destroying it waits for a build in flight.
 class PresetMixes : public QObject {
     Q_OBJECT
 public:

@@ -48,8 +48,13 @@ std::unique_ptr<SceneRenderer> SceneRenderer::create(const ShaderLibrary &shader
     std::unique_ptr<SceneRenderer> r(new SceneRenderer());
     try {
         r->build(shaders);
+    } catch (const VulkanError &e) {
+        Log::write((e.result == VK_ERROR_INVALID_SHADER_NV ? QStringLiteral("Cena: shader não compilou: ")
+                                                           : QStringLiteral("Cena: dispositivo Vulkan falhou: ")) +
+                   QString::fromUtf8(e.what()));
+        return nullptr;
     } catch (const std::exception &e) {
-        Log::write(QStringLiteral("Cena: shader não compilou: ") + QString::fromUtf8(e.what()));
+        Log::write(QStringLiteral("Cena: sem dispositivo Vulkan: ") + QString::fromUtf8(e.what()));
         return nullptr;
     }
     return r;

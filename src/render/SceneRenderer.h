@@ -31,8 +31,8 @@ public:
         SteamUniforms uniforms;
     };
 
-    // None when there is no device, queue, shader or pipeline; the reason is logged as
-    // "Cena: shader não compilou: " + the error text.
+    // None when there is no device, queue, shader or pipeline; the reason is logged: "Cena: sem
+    // dispositivo Vulkan: ", "Cena: dispositivo Vulkan falhou: " or "Cena: shader não compilou: ".
     static std::unique_ptr<SceneRenderer> create(const ShaderLibrary &shaders = ShaderLibrary::embedded());
     ~SceneRenderer();
 

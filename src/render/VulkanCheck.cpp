@@ -34,6 +34,9 @@ static std::string describe(const char *call, VkResult result) {
 VulkanError::VulkanError(const char *call, VkResult result)
     : std::runtime_error(describe(call, result)), result(result) {}
 
+VulkanError::VulkanError(const QString &doing, const VulkanError &cause)
+    : std::runtime_error(doing.toStdString() + ": " + cause.what()), result(cause.result) {}
+
 void vkCheck(VkResult result, const char *call) {
     if (result < 0) throw VulkanError(call, result);
 }

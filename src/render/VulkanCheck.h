@@ -5,9 +5,11 @@
 #include <QString>
 #include <stdexcept>
 
-// A failed Vulkan call; the text names the call and its result.
+// The render layer's one error: a failed Vulkan call, its text naming the call and its result,
+// or, with `doing`, what the renderer was doing when the device said no.
 struct VulkanError : std::runtime_error {
     VulkanError(const char *call, VkResult result);
+    VulkanError(const QString &doing, const VulkanError &cause);
     VkResult result;
 };
 

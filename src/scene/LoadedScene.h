@@ -21,7 +21,8 @@ struct CroppedTexture {
 };
 
 // A scene assembled for one framing: light families, sprites, masks, matrices, tone map and
-// probes. Built on the main thread from a decoded manifest; owns its GPU resources.
+// probes. Assembled on a worker thread (SceneLoader), handed to the main thread with
+// `moveToThread` and used only there from then on; owns its GPU resources.
 struct LoadedScene {
     QString framingName;
     PlateManifest::Framing framing;

@@ -10,6 +10,7 @@
 #include <QFile>
 #include <QImage>
 #include <QRegularExpression>
+#include <QElapsedTimer>
 #include <QThread>
 #include <gtest/gtest.h>
 #include <iostream>
@@ -126,11 +127,31 @@ protected:
     QProcess app;
 };
 
+// Mean and spread of the grey level over a rectangle of a screenshot, every fourth pixel.
+std::pair<double, double> meanAndSpread(const QImage &img, QRect r) {
+    double sum = 0, sum2 = 0;
+    int n = 0;
+    for (int y = r.top(); y <= r.bottom(); y += 4)
+        for (int xx = r.left(); xx <= r.right(); xx += 4) {
+            const double v = qGray(img.pixel(xx, y));
+            sum += v;
+            sum2 += v * v;
+            ++n;
+        }
+    const double mean = n ? sum / n : 0;
+    return std::make_pair(mean, n ? std::sqrt(std::max(0.0, sum2 / n - mean * mean)) : 0.0);
+}
+
 TEST_F(DesktopRoom, ShowsTheRoomAndPausesWhenNobodyCanSeeIt) {
     defaults({"write", "perfLogInterval", "-float", "1"});
+    defaults({"write", "lightPreset", "-string", "dia"});
     launch();
     qsizetype at = waitForLine("Cena pronta", 0, 180);
     ASSERT_FALSE(HasFailure());
+    // The line comes once the room is on the screen, not before.
+    const QImage first = QImage::fromData(x.run("import", {"-window", "root", "png:-"}), "PNG");
+    ASSERT_FALSE(first.isNull());
+    EXPECT_GT(meanAndSpread(first, first.rect()).first, 8) << "\"Cena pronta\" over a black desktop";
 
     // Frames run (the software device compiles its shaders at the first one, which takes a while).
     static const QRegularExpression moving(QStringLiteral("Perf \\d+s: [1-9][0-9.]* fps"));
@@ -141,19 +162,6 @@ TEST_F(DesktopRoom, ShowsTheRoomAndPausesWhenNobodyCanSeeIt) {
     ASSERT_FALSE(layer.isEmpty()) << "no moving layer among the windows";
 
     // What a person sees: the room over the whole root window, the moving layer drawn too.
-    auto meanAndSpread = [](const QImage &img, QRect r) {
-        double sum = 0, sum2 = 0;
-        int n = 0;
-        for (int y = r.top(); y <= r.bottom(); y += 4)
-            for (int xx = r.left(); xx <= r.right(); xx += 4) {
-                const double v = qGray(img.pixel(xx, y));
-                sum += v;
-                sum2 += v * v;
-                ++n;
-            }
-        const double mean = n ? sum / n : 0;
-        return std::make_pair(mean, n ? std::sqrt(std::max(0.0, sum2 / n - mean * mean)) : 0.0);
-    };
     QImage shot;
     std::pair<double, double> whole, moved;
     waitUntil([&] {
@@ -207,16 +215,52 @@ TEST_F(DesktopRoom, ShowsTheRoomAndPausesWhenNobodyCanSeeIt) {
     EXPECT_TRUE(waitUntil([&] { return movingLayers() == 1; }, std::chrono::seconds(20)))
         << "layers left: " << movingLayers();
 
-    // A scene changed on disk comes back after the watcher's quiet time.
+    // A light change fades once the night is built: no picture on the way is darker than both
+    // the day before and the night after.
+    auto brightness = [&] {
+        const QImage shot = QImage::fromData(x.run("import", {"-window", "root", "png:-"}), "PNG");
+        return shot.isNull() ? -1.0 : meanAndSpread(shot, shot.rect()).first;
+    };
+    const double day = brightness();
+    defaults({"write", "lightPreset", "-string", "noite"});
+    std::vector<double> seen;
+    QElapsedTimer fading;
+    fading.start();
+    qsizetype built = -1;
+    while (fading.elapsed() < 60000 && (built < 0 || fading.elapsed() < 3000)) {
+        seen.push_back(brightness());
+        if (built < 0 && log().indexOf("noite montado", at) >= 0) {
+            built = 1;
+            fading.restart();
+        }
+        QThread::msleep(200);
+    }
+    ASSERT_GE(built, 0) << "the night was never built";
+    const double night = brightness();
+    EXPECT_LT(night, day) << "the night is not darker than the day";
+    EXPECT_GE(*std::min_element(seen.begin(), seen.end()), std::min(day, night) - 2.0)
+        << "a picture darker than both ends on the way from " << day << " to " << night;
+
+    // A light plate damaged on disk: the reload ends in the plain turntable and the reason, and
+    // the program goes on.
+    QFile plate(scene + "/wide/light/room.exr");
+    ASSERT_TRUE(plate.open(QIODevice::ReadWrite));
+    ASSERT_TRUE(plate.resize(plate.size() / 2));
+    plate.close();
     QFile manifest(scene + "/manifest.json");
-    ASSERT_TRUE(manifest.open(QIODevice::ReadOnly));
+    ASSERT_TRUE(manifest.open(QIODevice::ReadWrite));
     const QByteArray body = manifest.readAll();
-    manifest.close();
-    ASSERT_TRUE(manifest.open(QIODevice::WriteOnly | QIODevice::Truncate));
+    manifest.seek(0);
     manifest.write(body);
     manifest.close();
     at = waitForLine("Cena: carregando", at, 60);
-    waitForLine("Cena pronta", at, 180);
+    QElapsedTimer failing;
+    failing.start();
+    at = waitForLine("Cena indisponível: ", at, 60);
+    EXPECT_LT(failing.elapsed(), 10000) << "the reason came late";
+    EXPECT_TRUE(log().mid(at).section('\n', 0, 0).contains("room.exr")) << log().mid(at).toStdString();
+    QThread::msleep(1000);
+    EXPECT_EQ(app.state(), QProcess::Running);
 }
 
 TEST_F(DesktopRoom, AllScreensGetAWindowAndMainKeepsTheFirst) {

@@ -3,6 +3,7 @@
 #include "core/app/AppIdentity.h"
 #include "core/app/Log.h"
 #include "core/scene/SceneLocation.h"
+#include "core/delivery/SceneDiskTransaction.h"
 #include "core/delivery/SceneUnpacker.h"
 #include "core/app/Settings.h"
 #include "core/app/StateFile.h"
@@ -23,20 +24,7 @@
 
 namespace {
 
-const QString kScenes = QStringLiteral("Scenes");
-const QString kIncoming = QStringLiteral("Scenes.incoming");
-const QString kOld = QStringLiteral("Scenes.old");
-const QString kFramingIncoming = QStringLiteral("Framing.incoming");
-const QString kFramingOld = QStringLiteral("Framing.old");
-const QString kDownloads = QStringLiteral("Downloads");
-const QString kInstalledRecord = QStringLiteral(".installed.json");
-const QString kFramingsRecord = QStringLiteral(".framings.json");
-const QString kManifest = QStringLiteral("manifest.json");
-
-struct InstallError : std::runtime_error {
-    using std::runtime_error::runtime_error;
-    InstallError(const QString &message) : std::runtime_error(message.toStdString()) {}
-};
+using namespace SceneDisk;
 
 // Runs `work` on the global pool and hands its error text (empty on success) to `then` on
 // `context`'s thread. `work` must not touch `context`.
@@ -58,47 +46,6 @@ void inBackground(QObject *context, std::function<void()> work, std::function<vo
     }));
 }
 
-QString sha256Of(const QString &path)
-{
-    QFile f(path);
-    if (!f.open(QIODevice::ReadOnly))
-        throw InstallError(QStringLiteral("não foi possível ler %1: %2").arg(path, f.errorString()));
-    QCryptographicHash hash(QCryptographicHash::Sha256);
-    if (!hash.addData(&f))
-        throw InstallError(QStringLiteral("erro ao ler %1").arg(path));
-    return QString::fromLatin1(hash.result().toHex());
-}
-
-void verifyDigest(const QString &path, const SceneCatalog::Entry &entry)
-{
-    const QString actual = sha256Of(path);
-    if (actual.compare(entry.sha256, Qt::CaseInsensitive) != 0)
-        throw InstallError(QStringLiteral("SHA-256 não confere em %1 (esperado %2, obtido %3)")
-                               .arg(entry.file, entry.sha256.toLower(), actual));
-}
-
-void removeTree(const QString &path)
-{
-    QFileInfo info(path);
-    if (info.isSymLink() || info.isFile())
-        QFile::remove(path);
-    else if (info.exists())
-        QDir(path).removeRecursively();
-}
-
-void renameOrThrow(const QString &from, const QString &to)
-{
-    if (!QDir().rename(from, to))
-        throw InstallError(QStringLiteral("não foi possível mover %1 para %2").arg(from, to));
-}
-
-void writeJson(const QString &path, const QJsonObject &object)
-{
-    QString error;
-    if (!StateFile::write(path, QJsonDocument(object).toJson(QJsonDocument::Indented), &error))
-        throw InstallError(QStringLiteral("não foi possível gravar %1: %2").arg(path, error));
-}
-
 // The cached catalog, when it is there and still reads as one.
 std::optional<SceneCatalog> cachedCatalog(const QString &path)
 {
@@ -110,88 +57,6 @@ std::optional<SceneCatalog> cachedCatalog(const QString &path)
     } catch (const SceneCatalog::ParseError &) {
         return std::nullopt;
     }
-}
-
-// Unpacks a verified base package and swaps it in: "Scenes" is replaced by two renames, so at
-// every moment either it or "Scenes.old"/"Scenes.incoming" (complete, with its record) holds a
-// whole scene that recover() can put back.
-void installBaseFiles(const QString &root, const QString &package, const SceneCatalog::Entry &entry)
-{
-    const QString scenes = root + QLatin1Char('/') + kScenes;
-    const QString incoming = root + QLatin1Char('/') + kIncoming;
-    const QString old = root + QLatin1Char('/') + kOld;
-    removeTree(incoming);
-    if (!QDir().mkpath(incoming))
-        throw InstallError(QStringLiteral("não foi possível criar %1").arg(incoming));
-    try {
-        SceneUnpacker::unpack(package, incoming, SceneUnpacker::limitFor(entry));
-        if (!QFileInfo(incoming + QLatin1Char('/') + kManifest).isFile())
-            throw InstallError(QStringLiteral("pacote sem manifest.json"));
-        writeJson(incoming + QLatin1Char('/') + kInstalledRecord, entry.toJson());
-    } catch (...) {
-        removeTree(incoming);
-        throw;
-    }
-    removeTree(old);
-    const bool hadScene = QFileInfo::exists(scenes);
-    if (hadScene)
-        renameOrThrow(scenes, old);
-    if (!QDir().rename(incoming, scenes)) {
-        if (hadScene)
-            QDir().rename(old, scenes);
-        throw InstallError(QStringLiteral("não foi possível mover %1 para %2").arg(incoming, scenes));
-    }
-    removeTree(old);
-}
-
-// The framing's folder inside the staging folder: directly there, or inside its one real entry.
-QString findFramingFolder(const QString &incoming, const QString &name)
-{
-    const QString direct = incoming + QLatin1Char('/') + name;
-    if (QFileInfo(direct).isDir())
-        return direct;
-    QStringList kept;
-    for (const QString &entry : QDir(incoming).entryList(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden | QDir::System)) {
-        if (entry.startsWith(QLatin1Char('.')) || entry == QLatin1String("__MACOSX"))
-            continue;
-        kept.append(entry);
-    }
-    if (kept.size() == 1) {
-        const QString nested = incoming + QLatin1Char('/') + kept.first() + QLatin1Char('/') + name;
-        if (QFileInfo(nested).isDir())
-            return nested;
-    }
-    throw InstallError(QStringLiteral("pacote sem a pasta ") + name);
-}
-
-void installFramingFiles(const QString &root, const QString &name, const QList<SceneCatalog::Entry> &packages,
-                         const QString &baseDigest)
-{
-    const QString scenes = root + QLatin1Char('/') + kScenes;
-    const QString incoming = root + QLatin1Char('/') + kFramingIncoming;
-    const QString old = root + QLatin1Char('/') + kFramingOld;
-    const QString found = findFramingFolder(incoming, name);
-    const QString target = scenes + QLatin1Char('/') + name;
-    removeTree(old);
-    QDir().mkpath(old);
-    // The replaced folder keeps its name inside "Framing.old", so recover() knows where it goes.
-    const bool hadFraming = QFileInfo::exists(target);
-    if (hadFraming)
-        renameOrThrow(target, old + QLatin1Char('/') + name);
-    if (!QDir().rename(found, target)) {
-        if (hadFraming)
-            QDir().rename(old + QLatin1Char('/') + name, target);
-        throw InstallError(QStringLiteral("não foi possível mover %1 para %2").arg(found, target));
-    }
-    const QString recordPath = scenes + QLatin1Char('/') + kFramingsRecord;
-    QJsonObject record = StateFile::readJson(recordPath).value_or(QJsonDocument()).object();
-    QJsonArray list;
-    for (const SceneCatalog::Entry &e : packages)
-        list.append(QJsonObject{{QStringLiteral("id"), e.id}, {QStringLiteral("sha256"), e.sha256}});
-    record.insert(name, QJsonObject{{QStringLiteral("base_sha256"), baseDigest}, {QStringLiteral("packages"), list}});
-    writeJson(recordPath, record);
-    removeTree(old);
-    removeTree(incoming);
 }
 
 QString megabytes(qint64 bytes) { return QString::number(double(bytes) / 1e6, 'f', 1); }
@@ -241,39 +106,7 @@ std::chrono::seconds SceneInstaller::retryDelay(int attempts)
     return std::chrono::seconds(std::min<qint64>((qint64(1) << exponent) * 60, 3600));
 }
 
-void SceneInstaller::recover(const QString &root)
-{
-    const QString scenes = root + QLatin1Char('/') + kScenes;
-    const QString incoming = root + QLatin1Char('/') + kIncoming;
-    const QString old = root + QLatin1Char('/') + kOld;
-    const auto holdsScene = [](const QString &dir) { return QFileInfo(dir + QLatin1Char('/') + kManifest).isFile(); };
-
-    if (!holdsScene(scenes)) {
-        // "Scenes.incoming" is complete only once its record is written, after unpacking.
-        if (holdsScene(incoming) && QFileInfo(incoming + QLatin1Char('/') + kInstalledRecord).isFile()) {
-            removeTree(scenes);
-            if (QDir().rename(incoming, scenes))
-                Log::write(QStringLiteral("Cenas: instalação interrompida concluída a partir de ") + kIncoming);
-        } else if (holdsScene(old)) {
-            removeTree(scenes);
-            if (QDir().rename(old, scenes))
-                Log::write(QStringLiteral("Cenas: instalação interrompida, cena anterior restaurada de ") + kOld);
-        }
-    }
-    removeTree(incoming);
-    removeTree(old);
-
-    const QString framingOld = root + QLatin1Char('/') + kFramingOld;
-    if (QFileInfo(framingOld).isDir() && holdsScene(scenes)) {
-        for (const QString &name : QDir(framingOld).entryList(QDir::Dirs | QDir::NoDotAndDotDot)) {
-            const QString target = scenes + QLatin1Char('/') + name;
-            if (!QFileInfo::exists(target) && QDir().rename(framingOld + QLatin1Char('/') + name, target))
-                Log::write(QStringLiteral("Cenas: enquadramento ") + name + QStringLiteral(" restaurado de ") + kFramingOld);
-        }
-    }
-    removeTree(framingOld);
-    removeTree(root + QLatin1Char('/') + kFramingIncoming);
-}
+void SceneInstaller::recover(const QString &root) { SceneDisk::recover(root); }
 
 void SceneInstaller::setPhase(Phase phase)
 {
@@ -336,7 +169,7 @@ void SceneInstaller::fetchCatalog(std::function<void(std::optional<SceneCatalog>
         try {
             if (status == 304) {
                 if (!cached)
-                    throw InstallError(QStringLiteral("catálogo em cache ilegível: ") + cache);
+                    throw SceneDisk::Error(QStringLiteral("catálogo em cache ilegível: ") + cache);
                 then(*cached, {});
             } else if (status == 200) {
                 const QByteArray body = reply->readAll();
@@ -447,7 +280,7 @@ void SceneInstaller::installBase(const SceneCatalog::Entry &entry, const QString
     setPhase({Phase::installing});
     const QString root = rootPath, downloads = downloadsPath();
     inBackground(
-        this, [root, package, entry] { installBaseFiles(root, package, entry); },
+        this, [root, package, entry] { SceneDisk::installBase(root, package, entry); },
         [this, entry, downloads](const QString &error) {
             if (!error.isEmpty()) {
                 runFailed(error);
@@ -574,7 +407,7 @@ void SceneInstaller::installFramingStep(const QString &name, QList<SceneCatalog:
         const QString root = rootPath, baseDigest = installed ? installed->sha256 : QString();
         const QList<SceneCatalog::Entry> packages = framingPackages;
         inBackground(
-            this, [root, name, packages, baseDigest] { installFramingFiles(root, name, packages, baseDigest); },
+            this, [root, name, packages, baseDigest] { SceneDisk::installFraming(root, name, packages, baseDigest); },
             [this, name](const QString &error) { framingFinished(name, error); });
         return;
     }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "core/scene/LightRecipe.h"
 #include "core/scene/PlateManifest.h"
 
 #include <QDateTime>
@@ -40,10 +41,7 @@ struct TwoStrongest {
 // scene; `value(at:)` runs every frame and stays a few map operations.
 class LightMixer {
 public:
-    struct Term {
-        QString plate;                   // plate file name without directory
-        std::array<double, 3> weight{};  // linear RGB factor
-    };
+    using Term = LightRecipe::Term;
     struct Preset {
         std::vector<Term> recipe;
         double vignette = 0;

@@ -1,6 +1,6 @@
 #include "core/scene/SceneFiles.h"
 
-#include "core/lighting/LightMixer.h"
+#include "core/scene/LightRecipe.h"
 
 #include <QDir>
 #include <QFileInfo>
@@ -51,9 +51,8 @@ QStringList referenced(const PlateManifest &manifest, const QString &name)
     if (f.stack)
         named(f.stack->artUv);
 
-    const LightMixer mixer(manifest);
-    for (const auto &[preset, recipe] : mixer.presets) {
-        for (const LightMixer::Term &term : recipe.recipe) {
+    for (const auto &[preset, recipe] : LightRecipe::of(manifest)) {
+        for (const LightRecipe::Term &term : recipe.terms) {
             files.insert(lightPlate(name, term.plate));
             if (f.record) {
                 files.insert(recordDir(name) + QLatin1Char('/') + term.plate + QStringLiteral("_spec.exr"));
@@ -81,8 +80,8 @@ QStringList missing(const QString &root, const PlateManifest &manifest, const QS
     if (it == manifest.framings.end())
         return {};
     std::set<QString> essential{framingFile(framing, it->second.cover.mask), framingFile(framing, it->second.label.mask)};
-    for (const auto &[preset, recipe] : LightMixer(manifest).presets)
-        for (const LightMixer::Term &term : recipe.recipe)
+    for (const auto &[preset, recipe] : LightRecipe::of(manifest))
+        for (const LightRecipe::Term &term : recipe.terms)
             essential.insert(lightPlate(framing, term.plate));
     QStringList out;
     const QDir dir(root);
