@@ -15,6 +15,7 @@
 #include "core/music/MusicPermission.h"
 #include "core/music/PlayerState.h"
 #include "core/scene/PlateManifest.h"
+#include "core/scene/SceneFiles.h"
 #include "core/scene/SceneStatus.h"
 #include "platform/linux/LinuxDesktopPreferences.h"
 #include "scene/OfflineRender.h"
@@ -116,7 +117,8 @@ int main(int argc, char **argv)
         QStringList framings;
         for (const auto &[name, framing] : manifest.framings)
             framings << name;
-        status.setScene(framings, settings.framing(), sceneDir, manifest);
+        status.setScene(framings, SceneFiles::installed(sceneDir, manifest, framings), settings.framing(), sceneDir,
+                        manifest);
         status.setWeather({true, 0.6});
     }
 
