@@ -6,6 +6,7 @@
 #include "core/delivery/Updates.h"
 #include "core/scene/SceneLocation.h"
 #include "core/scene/SceneStatus.h"
+#include "ui/PopoverModel.h"
 #include "ui/SettingControls.h"
 
 #include <QHBoxLayout>
@@ -58,6 +59,7 @@ AboutTab::AboutTab(const UiServices &services, QWidget *parent) : QWidget(parent
     if (s.installer) {
         connect(s.installer, &SceneInstaller::runFinished, this, &AboutTab::refresh);
         connect(s.installer, &SceneInstaller::sceneTitleChanged, this, &AboutTab::refresh);
+        connect(s.installer, &SceneInstaller::phaseChanged, this, &AboutTab::refresh);
     }
     if (s.status)
         connect(s.status, &SceneStatus::changed, this, &AboutTab::refresh);
@@ -82,6 +84,11 @@ void AboutTab::refresh()
         about << tr("Scenario: %1").arg(*s.status->manifest()->scenario);
     const QString source = s.status ? s.status->source() : QString();
     about << (source.isEmpty() ? tr("No scene loaded") : tr("From %1").arg(source));
+    if (s.status && s.status->problem()) {
+        // The log's words, for a report: the user's sentence comes first.
+        about << PopoverModel::sceneLine(s.status, s.installer);
+        about << tr("Technical detail: %1").arg(s.status->problem()->detail);
+    }
     if (SceneLocation::usesDevelopmentScenes())
         about << tr("A development scene folder is in use (TURNELO_SCENES_DIR).");
     about << tr("Content service: %1").arg(s.settings->contentServiceURL());

@@ -16,12 +16,12 @@ void FramingTile::setTile(const PopoverModel::Tile &tile)
     data = tile;
     setAccessibleName(tile.title);
     setToolTip(tile.text);
-    // A tile at work takes no second click.
-    setEnabled(tile.kind != Kind::downloading);
+    // A tile at work takes no second click; one with nothing to get takes none at all.
+    setEnabled(tile.kind != Kind::downloading && tile.kind != Kind::unavailable);
     update();
 }
 
-QSize FramingTile::sizeHint() const { return {150, 66}; }
+QSize FramingTile::sizeHint() const { return {150, 80}; }
 
 void FramingTile::paintEvent(QPaintEvent *)
 {

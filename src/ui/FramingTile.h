@@ -5,7 +5,8 @@
 #include <QAbstractButton>
 
 // One framing in the popover: installed ones switch the room; downloadable ones carry a size
-// badge, then a progress bar while they download, or the failure text that a click retries.
+// badge, then a progress bar while they download, or the failure text that a click retries;
+// unavailable ones (not on disk, not offered) only say so.
 class FramingTile : public QAbstractButton {
     Q_OBJECT
 public:

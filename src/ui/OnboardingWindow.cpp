@@ -140,6 +140,7 @@ QWidget *OnboardingWindow::deskPage()
     layout->addWidget(mainDisplay);
     layout->addWidget(allDisplays);
     hideIcons = new QCheckBox(tr("Hide desktop icons"));
+    hideIcons->setObjectName(QStringLiteral("hideIcons"));
     layout->addSpacing(8);
     layout->addWidget(hideIcons);
     if (!s.cleaner || !s.cleaner->available()) {

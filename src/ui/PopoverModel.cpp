@@ -8,7 +8,7 @@
 #include "core/environment/WeatherService.h"
 #include "core/lighting/LightMixer.h"
 #include "core/music/PlayerState.h"
-#include "core/scene/SceneStatus.h"
+#include "core/scene/SceneFiles.h"
 #include "core/turntable/RecordGrooves.h"
 
 #include <QLocale>
@@ -28,6 +28,7 @@ PopoverModel::PopoverModel(const UiServices &services, QObject *parent) : QObjec
         connect(s.power, &PowerMonitor::changed, this, &PopoverModel::changed);
     if (s.installer) {
         connect(s.installer, &SceneInstaller::phaseChanged, this, &PopoverModel::changed);
+        connect(s.installer, &SceneInstaller::framingsChanged, this, &PopoverModel::framingDownloadEnded);
         connect(s.installer, &SceneInstaller::framingsChanged, this, &PopoverModel::changed);
         connect(s.installer, &SceneInstaller::noticeChanged, this, &PopoverModel::changed);
         connect(s.installer, &SceneInstaller::sceneTitleChanged, this, &PopoverModel::changed);
@@ -44,16 +45,38 @@ QString PopoverModel::header() const
 QStringList PopoverModel::statusLines() const
 {
     QStringList lines;
-    if (s.status) {
-        if (s.status->problem())
-            lines << tr("The room didn’t load. Reload it in Settings › Scene.") << s.status->problem()->detail;
-        else if (!s.status->manifest())
-            lines << tr("Getting the room ready…");
-    }
-    for (const QString &line : {installerLine(s.installer), weatherLine(), saverLine()})
+    for (const QString &line :
+         {sceneLine(s.status, s.installer), installerLine(s.installer), weatherLine(), saverLine()})
         if (!line.isEmpty())
             lines << line;
     return lines;
+}
+
+QString PopoverModel::sceneLine(const SceneStatus *status, const SceneInstaller *installer)
+{
+    if (!status)
+        return {};
+    if (const auto &problem = status->problem())
+        return problemText(problem->reason, installer && installer->running());
+    return status->manifest() ? QString() : tr("Getting the room ready…");
+}
+
+QString PopoverModel::problemText(SceneStatus::Reason reason, bool downloading)
+{
+    using Reason = SceneStatus::Reason;
+    switch (reason) {
+    case Reason::noScene:
+        // The installer's own line follows with the phase and the progress.
+        return downloading ? tr("The room is being downloaded. It appears on the desk once it’s installed.")
+                           : tr("No room is installed yet. Check Now in Settings › Scene downloads it.");
+    case Reason::badManifest: return tr("The room didn’t load. Reload it in Settings › Scene.");
+    case Reason::damagedPlates:
+        return tr("Some of the room’s files are missing or damaged, so it can’t be drawn. Reload it in Settings › "
+                  "Scene.");
+    case Reason::gpu:
+        return tr("The graphics device couldn’t draw the room. Reload it in Settings › Scene to try again.");
+    }
+    return {};
 }
 
 QString PopoverModel::installerLine(const SceneInstaller *installer)
@@ -161,42 +184,36 @@ void PopoverModel::chooseLight(const QString &mode)
 QList<PopoverModel::Tile> PopoverModel::tiles() const
 {
     QList<Tile> out;
-    const QString chosen = s.settings ? s.settings->framing() : QString();
-    QStringList installed = s.status ? s.status->framings() : QStringList();
-    for (const QString &name : installed) {
-        Tile t;
-        t.name = name;
-        t.title = PlateManifest::framingDisplayName(name);
-        t.current = s.status && !s.status->framing().isEmpty() ? s.status->framing() == name : chosen == name;
-        t.text = t.current ? tr("In use") : tr("Installed");
-        out << t;
-    }
-    if (!s.installer)
+    if (!s.status)
         return out;
-    QStringList offered = s.installer->downloadable().values();
-    // Failed ones stay offered until the catalog drops them.
-    for (const QString &name : s.installer->framingFailed())
-        if (!offered.contains(name))
-            offered << name;
-    offered.sort();
-    for (const QString &name : offered) {
-        if (installed.contains(name))
-            continue;
+    // A framing package only adds the files of a framing that the room's manifest describes, so
+    // the manifest names every tile; the disk and the catalog say what each one is.
+    const QString chosen = s.settings ? s.settings->framing() : QString();
+    const QString shown = s.status->framing();
+    const auto &download = s.installer ? s.installer->framingDownload() : std::nullopt;
+    for (const QString &name : s.status->framings()) {
         Tile t;
         t.name = name;
         t.title = PlateManifest::framingDisplayName(name);
-        t.sizeText = PackageDownload::formatBytes(s.installer->framingSizes().value(name));
-        const auto &download = s.installer->framingDownload();
-        if (download && download->name == name) {
+        const bool offered = s.installer && s.installer->framingEntries().contains(name);
+        if (offered)
+            t.sizeText = PackageDownload::formatBytes(s.installer->framingSizes().value(name));
+        if (s.status->installedFramings().contains(name)) {
+            t.current = shown.isEmpty() ? chosen == name : shown == name;
+            t.text = t.current ? tr("In use") : tr("Installed");
+        } else if (download && download->name == name) {
             t.kind = Tile::Kind::downloading;
             t.progress = download->total > 0 ? std::clamp(double(download->received) / double(download->total), 0.0, 1.0) : 0;
             t.text = tr("Downloading… %1%").arg(int(t.progress * 100));
-        } else if (s.installer->framingFailed().contains(name)) {
+        } else if (offered && s.installer->framingFailed().contains(name)) {
             t.kind = Tile::Kind::failed;
             t.text = QString::fromUtf8(SceneInstaller::kFramingFailedText);
-        } else {
+        } else if (offered) {
             t.kind = Tile::Kind::downloadable;
             t.text = tr("Download");
+        } else {
+            t.kind = Tile::Kind::unavailable;
+            t.text = tr("Not on this computer, and not offered for download.");
         }
         out << t;
     }
@@ -216,11 +233,34 @@ void PopoverModel::activateTile(const QString &name)
         break;
     case Tile::Kind::downloadable:
     case Tile::Kind::failed:
-        if (s.installer && !s.installer->framingRunning())
+        if (s.installer && !s.installer->framingRunning()) {
+            awaitedFraming = name;
             s.installer->installFraming(s.installer->framingEntries().value(name), name);
+        }
         break;
-    case Tile::Kind::downloading: break;
+    case Tile::Kind::downloading:
+    case Tile::Kind::unavailable: break;
     }
+}
+
+bool PopoverModel::onDisk(const QString &framing) const
+{
+    return s.status && s.status->manifest()
+        && !SceneFiles::installed(s.status->source(), *s.status->manifest(), {framing}).isEmpty();
+}
+
+void PopoverModel::framingDownloadEnded()
+{
+    if (awaitedFraming.isEmpty() || s.installer->framingRunning())
+        return;
+    const QString name = std::exchange(awaitedFraming, QString());
+    // The room only ever switches to a framing whose files are all there.
+    if (s.installer->framingFailed().contains(name) || !onDisk(name) || !s.settings)
+        return;
+    if (s.settings->framing() != name)
+        s.settings->setFraming(name);
+    else if (s.reloadScene)
+        s.reloadScene();  // chosen before it was there: the room shows it now
 }
 
 QList<PopoverModel::Effect> PopoverModel::effects() const

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "core/scene/SceneStatus.h"
 #include "ui/UiServices.h"
 
 #include <QDateTime>
@@ -28,12 +29,14 @@ public:
         QString emptyText;  // what shows when nothing plays
     };
     struct Tile {
-        enum class Kind { installed, downloadable, downloading, failed };
+        // installed: all its files are on disk; downloadable, downloading, failed: the catalog
+        // offers it; unavailable: neither (nothing to do until the catalog offers it).
+        enum class Kind { installed, downloadable, downloading, failed, unavailable };
         QString name;
         QString title;
         Kind kind = Kind::installed;
         bool current = false;
-        QString sizeText;       // downloadable and failed: the packages' size
+        QString sizeText;       // downloadable, downloading and failed: the packages' size
         double progress = 0;    // downloading: 0…1
         QString text;           // the line under the title
     };
@@ -47,9 +50,11 @@ public:
 
     // "Hidden", "On the desk · All displays" or "On the desk · Main display".
     QString header() const;
-    // Scene, installer, weather, battery saver and problem, in that order, each when it says
-    // something.
+    // Scene, installer, weather and battery saver, in that order, each when it says something.
     QStringList statusLines() const;
+    // What the room's state means to the user: loading, being downloaded, or why it is
+    // unavailable; empty while the room is there. Never the log's detail.
+    static QString sceneLine(const SceneStatus *status, const SceneInstaller *installer);
     // The installer's phase, progress and passing notice; empty when it has nothing to say.
     static QString installerLine(const SceneInstaller *installer);
     // Installer progress 0…1 while the room downloads.
@@ -66,8 +71,10 @@ public:
     std::optional<double> clockPosition(const QDateTime &now) const;
     void chooseLight(const QString &mode);
 
+    // One per framing of the room's manifest, in the scene status's order.
     QList<Tile> tiles() const;
-    // Installed: switch the room to it. Downloadable or failed: download it.
+    // Installed: switch the room to it. Downloadable or failed: download it, and switch to it
+    // once it is on disk. Unavailable or downloading: nothing.
     void activateTile(const QString &name);
 
     QList<Effect> effects() const;
@@ -82,8 +89,13 @@ signals:
     void changed();
 
 private:
+    // `downloading`: the installer is fetching a room.
+    static QString problemText(SceneStatus::Reason reason, bool downloading);
     QString weatherLine() const;
     QString saverLine() const;
+    bool onDisk(const QString &framing) const;
+    void framingDownloadEnded();
 
     UiServices s;
+    QString awaitedFraming;  // downloading at the user's request; shown once on disk
 };

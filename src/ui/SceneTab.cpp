@@ -66,6 +66,11 @@ SceneTab::SceneTab(const UiServices &services, QWidget *parent) : QWidget(parent
         lights.append({p, LightPresets::name(p)});
     addPicker(layout, st, QStringLiteral("lightPreset"), lights, [&st] { return st.lightPreset(); },
               [&st](const QString &v) { st.setLightPreset(v); });
+    // Where the popover sends the user when the room is unavailable: the same words, beside the button.
+    problem = new QLabel;
+    problem->setObjectName(QStringLiteral("sceneProblem"));
+    problem->setWordWrap(true);
+    layout->addWidget(problem);
     auto *reload = new QPushButton(tr("Reload Scene"));
     reload->setEnabled(bool(s.reloadScene));
     connect(reload, &QPushButton::clicked, this, [this] { s.reloadScene(); });
@@ -108,21 +113,36 @@ SceneTab::SceneTab(const UiServices &services, QWidget *parent) : QWidget(parent
         row->addStretch();
         layout->addLayout(row);
         connect(s.installer, &SceneInstaller::phaseChanged, this, &SceneTab::refreshDownload);
+        connect(s.installer, &SceneInstaller::phaseChanged, this, &SceneTab::refreshProblem);
         connect(s.installer, &SceneInstaller::noticeChanged, this, &SceneTab::refreshDownload);
         connect(s.installer, &SceneInstaller::framingsChanged, this, &SceneTab::refreshFramings);
     }
-    if (s.status)
+    if (s.status) {
         connect(s.status, &SceneStatus::changed, this, &SceneTab::refreshFramings);
+        connect(s.status, &SceneStatus::changed, this, &SceneTab::refreshProblem);
+    }
     layout->addStretch();
     refreshFramings();
     refreshDownload();
+    refreshProblem();
+}
+
+void SceneTab::refreshProblem()
+{
+    // Without a room the Download section below says what the installer does.
+    const auto &why = s.status ? s.status->problem() : std::nullopt;
+    const bool shown = why && (why->reason != SceneStatus::Reason::noScene || !s.installer);
+    const QString text = shown ? PopoverModel::sceneLine(s.status, s.installer) : QString();
+    problem->setText(text);
+    problem->setVisible(!text.isEmpty());
 }
 
 void SceneTab::refreshFramings()
 {
     const QSignalBlocker block(framing);
     framing->clear();
-    QStringList names = s.status ? s.status->framings() : QStringList();
+    // Only framings on disk can be chosen here; the popover's tiles download the others.
+    QStringList names = s.status ? s.status->installedFramings() : QStringList();
     if (!names.contains(s.settings->framing()))
         names.prepend(s.settings->framing());
     for (const QString &name : names)

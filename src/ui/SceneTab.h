@@ -13,8 +13,10 @@ public:
 private:
     void refreshFramings();
     void refreshDownload();
+    void refreshProblem();
 
     UiServices s;
     class QComboBox *framing = nullptr;
+    class QLabel *problem = nullptr;
     class QLabel *download = nullptr;
 };

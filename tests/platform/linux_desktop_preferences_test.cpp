@@ -67,7 +67,6 @@ struct DesktopCleanerXfconfTest : DesktopCleanerTest {
         auto prefs = linuxDesktopPreferences("XFCE");
         ASSERT_NE(prefs, nullptr);
         cleaner = std::make_unique<DesktopCleaner>(settings, std::move(prefs), launcher);
-        cleaner->reload();
     }
 
     ToolResult query(const QStringList &args)
@@ -233,19 +232,9 @@ TEST_F(DesktopCleanerTest, GnomeHidesTheExtensionsIconsAndPutsTheUsersChoiceBack
     ScopedEnv backend{"GSETTINGS_BACKEND", "keyfile"};
     ScopedEnv config{"XDG_CONFIG_HOME", home.filePath("config").toUtf8()};
     ScopedEnv data{"XDG_DATA_HOME", home.filePath("data").toUtf8()};
-    const QString schemas = home.filePath("data/gnome-shell/extensions/ding@rastersoft.com/schemas");
     EXPECT_EQ(linuxDesktopPreferences("GNOME"), nullptr) << "no back end without the extension's schema";
-    writeFile(schemas + "/org.gnome.shell.extensions.ding.gschema.xml", R"(<schemalist>
-  <schema id="org.gnome.shell.extensions.ding" path="/org/gnome/shell/extensions/ding/">
-    <key type="b" name="show-home"><default>true</default></key>
-    <key type="b" name="show-trash"><default>true</default></key>
-    <key type="b" name="show-volumes"><default>true</default></key>
-    <key type="b" name="show-network-volumes"><default>false</default></key>
-  </schema>
-</schemalist>
-)");
-    const auto compiled = runTool("glib-compile-schemas", {schemas});
-    ASSERT_EQ(compiled.exitCode, 0) << compiled.err.toStdString();
+    const QString schemas = installDesktopIconsSchema(home.filePath("data"));
+    ASSERT_FALSE(schemas.isEmpty());
     const auto gsettings = [&](QStringList args) {
         args.insert(1, GSettingsDesktopPreferences::schema);
         return QString::fromUtf8(runTool("gsettings", QStringList{"--schemadir", schemas} + args).out).trimmed();
@@ -255,7 +244,6 @@ TEST_F(DesktopCleanerTest, GnomeHidesTheExtensionsIconsAndPutsTheUsersChoiceBack
     ASSERT_NE(prefs, nullptr);
     gsettings({"set", "show-trash", "false"});
     DesktopCleaner cleaner(settings, std::move(prefs), launcher);
-    cleaner.reload();
     EXPECT_FALSE(cleaner.current().hideIcons);
     EXPECT_TRUE(cleaner.supports(DesktopPreferences::Control::hideIcons));
     EXPECT_FALSE(cleaner.supports(DesktopPreferences::Control::clickOnlyInStageManager));

@@ -58,6 +58,21 @@ QString builtTool(const QString &name)
     return QStringLiteral(TURNELO_BINARY_DIR) + QStringLiteral("/tools/") + name;
 }
 
+QString installDesktopIconsSchema(const QString &dataHome)
+{
+    const QString schemas = dataHome + QStringLiteral("/gnome-shell/extensions/ding@rastersoft.com/schemas");
+    writeFile(schemas + QStringLiteral("/org.gnome.shell.extensions.ding.gschema.xml"), R"(<schemalist>
+  <schema id="org.gnome.shell.extensions.ding" path="/org/gnome/shell/extensions/ding/">
+    <key type="b" name="show-home"><default>true</default></key>
+    <key type="b" name="show-trash"><default>true</default></key>
+    <key type="b" name="show-volumes"><default>true</default></key>
+    <key type="b" name="show-network-volumes"><default>false</default></key>
+  </schema>
+</schemalist>
+)");
+    return runTool(QStringLiteral("glib-compile-schemas"), {schemas}).exitCode == 0 ? schemas : QString();
+}
+
 ToolResult runTool(const QString &program, const QStringList &args, const QStringList &extraEnv,
                    int timeoutMs)
 {

@@ -76,6 +76,11 @@ private:
     bool had;
 };
 
+// GNOME's Desktop Icons extension schema ("org.gnome.shell.extensions.ding"), installed and
+// compiled under `dataHome` the way GNOME Shell extensions keep theirs per user; gives its
+// folder for gsettings --schemadir, or an empty string when it could not be compiled.
+QString installDesktopIconsSchema(const QString &dataHome);
+
 // Records the commands the desktop cleaner would run instead of restarting real desktop processes.
 struct RecordingLauncher : ProcessLauncher {
     QStringList commands;

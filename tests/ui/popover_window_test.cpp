@@ -1,5 +1,6 @@
-// The tray popover: framing tiles over a real installer fetching from nginx, and the light
-// dial in the running application, where a choice reaches the settings and the room's light.
+// The tray popover: the room's state in the user's words, framing tiles over a real installer
+// fetching from nginx, and the light dial in the running application, where a choice reaches the
+// settings and the room's light.
 
 #include "NginxServer.h"
 #include "ScenePackages.h"
@@ -11,6 +12,7 @@
 #include "core/delivery/PackageDownload.h"
 #include "core/delivery/SceneInstaller.h"
 #include "core/music/PlayerState.h"
+#include "core/scene/SceneFiles.h"
 #include "core/scene/SceneStatus.h"
 #include "ui/FramingTile.h"
 #include "ui/LightDial.h"
@@ -25,6 +27,7 @@ using namespace testsupport;
 using namespace scenepackages;
 using namespace std::chrono_literals;
 using Kind = PopoverModel::Tile::Kind;
+using Tile = PopoverModel::Tile;
 
 namespace {
 
@@ -80,13 +83,22 @@ TEST(PopoverModel, SaysWhereTheRoomIsWhatPlaysAndWhatWentWrong)
     EXPECT_EQ(model.header(), "Hidden");
 
     EXPECT_EQ(model.statusLines(), QStringList{"Getting the room ready…"});
-    status.setProblem(SceneStatus::Problem{SceneStatus::Reason::badManifest, "manifest.json: contract 2"});
-    EXPECT_EQ(model.statusLines(),
-              (QStringList{"The room didn’t load. Reload it in Settings › Scene.", "manifest.json: contract 2"}));
+    // Each reason in the interface's own words; the log's detail stays out of the popover.
+    using Reason = SceneStatus::Reason;
+    const std::pair<Reason, QString> reasons[] = {
+        {Reason::noScene, "No room is installed yet. Check Now in Settings › Scene downloads it."},
+        {Reason::damagedPlates,
+         "Some of the room’s files are missing or damaged, so it can’t be drawn. Reload it in Settings › Scene."},
+        {Reason::gpu, "The graphics device couldn’t draw the room. Reload it in Settings › Scene to try again."},
+        {Reason::badManifest, "The room didn’t load. Reload it in Settings › Scene."}};
+    for (const auto &[reason, text] : reasons) {
+        status.setProblem(SceneStatus::Problem{reason, "manifest.json: contrato 2"});
+        EXPECT_EQ(model.statusLines(), QStringList{text});
+    }
     status.setWeather({true, 0.5});
     EXPECT_EQ(model.statusLines().last(), "Raining in São Paulo");
     settings.setEffect("fxWeather", false);
-    EXPECT_EQ(model.statusLines().size(), 2) << "no weather while rain is off";
+    EXPECT_EQ(model.statusLines().size(), 1) << "no weather while rain is off";
 
     EXPECT_FALSE(model.nowPlaying().hasTrack);
     EXPECT_EQ(model.nowPlaying().emptyText, "Connect Spotify or Music…");
@@ -115,67 +127,122 @@ TEST(PopoverModel, SaysWhereTheRoomIsWhatPlaysAndWhatWentWrong)
     EXPECT_EQ(PopoverWindow::placement({}, {100, 50}, size, screen), QPoint(0, 58));
 }
 
-TEST(PopoverWindow, FramingTilesShowSizeProgressAndFailureOfTheInstaller)
+// The first download of the room, then one tile per framing of its manifest: on disk, offered
+// by the catalog (size, progress, failure), or neither. A framing becomes the room's only once
+// its download has put it on disk.
+TEST(PopoverWindow, FramingTilesSayWhatIsOnDiskAndWhatTheCatalogOffers)
 {
     NginxServer server(QStringLiteral("300k"));
     ASSERT_TRUE(server.start());
     QTemporaryDir tmp;
-    const auto base = publishScene(server.scenesDir(), tmp.path(), "apt-1.zip", "base", 10000);
+    // The base holds "wide"; its manifest also describes "close" and "top", which the catalog
+    // offers, and "mid", which nothing offers.
+    const QByteArray manifestBytes = manifestJson("base", {"wide", "mid", "close", "top"});
+    const PlateManifest manifest = PlateManifest::decode(manifestBytes);
+    auto framingFiles = [&](const QString &name, qint64 plateBytes) {
+        std::vector<ZipEntry> files;
+        for (const QString &file : SceneFiles::referenced(manifest, name))
+            files.push_back({file, file.endsWith(".exr") ? randomBytes(plateBytes, 7) : QByteArray("P"), {}, false});
+        return files;
+    };
+    auto baseFiles = framingFiles("wide", 1000);
+    baseFiles.push_back({"manifest.json", manifestBytes, {}, false});
+    auto base = publishZip(server.scenesDir(), "apt-1.zip", baseFiles, "base");
+    base.title = "Apartment";
     auto framing = [](SceneCatalog::Entry e, const QString &name) {
         e.framing = name;
         e.base = false;
         return e;
     };
     // Slow enough that its progress shows; "top" lacks its folder and fails.
-    const auto close = framing(publishZip(server.scenesDir(), "slow-close.zip",
-                                          {{"close/light/a.exr", randomBytes(1500000, 7), {}, false}}, "close"),
+    const auto close = framing(publishZip(server.scenesDir(), "slow-close.zip", framingFiles("close", 1500000), "close"),
                                "close");
     const auto top = framing(publishZip(server.scenesDir(), "top.zip", {{"elsewhere/t.exr", "T", {}, false}}, "top"), "top");
     writeCatalog(server.scenesDir(), {base, close, top});
 
     Settings settings(tmp.filePath("settings.json"));
     settings.setValue("contentServiceURL", server.baseURL());
+    settings.setFraming("wide");
     SceneInstaller::Options options;
     options.root = tmp.filePath("support");
     options.schedule = [](std::chrono::seconds, std::function<void()>) {};
     SceneInstaller installer(settings, options);
     SceneStatus status;
+    status.setProblem(SceneStatus::Problem{SceneStatus::Reason::noScene, "nenhuma cena instalada em " + options.root});
     UiServices services;
     services.settings = &settings;
     services.installer = &installer;
     services.status = &status;
     PopoverWindow popover(services);
+    PopoverModel model(services);
+
+    // While nothing is installed the room is on its way, with its progress, not a failure.
+    popover.popup({});
+    ASSERT_TRUE(QTest::qWaitForWindowExposed(&popover));
+    QStringList downloading;
+    bool progressShown = false;
+    QObject::connect(&installer, &SceneInstaller::phaseChanged, [&] {
+        if (installer.phase().kind == SceneInstaller::Phase::downloading) {
+            downloading = model.statusLines();
+            progressShown = model.installProgress().has_value();
+            keep(popover, "popover-first-download.png");
+        }
+    });
     installer.sync();
     ASSERT_TRUE(waitUntil([&] { return !installer.running(); }, 60s));
     ASSERT_EQ(installer.phase().kind, SceneInstaller::Phase::ready) << qPrintable(installer.lastRunError());
-    popover.popup({});
-    ASSERT_TRUE(QTest::qWaitForWindowExposed(&popover));
+    ASSERT_EQ(downloading.size(), 2) << qPrintable(downloading.join('\n'));
+    EXPECT_EQ(downloading[0], "The room is being downloaded. It appears on the desk once it’s installed.");
+    EXPECT_TRUE(downloading[1].startsWith("Downloading Apartment: ")) << qPrintable(downloading[1]);
+    EXPECT_TRUE(progressShown);
 
+    // What the scene view publishes on each load, and it loads again when the framing changes.
+    const QString root = options.root + "/Scenes";
+    const QStringList names{"wide", "mid", "close", "top"};
+    auto publish = [&] {
+        status.setScene(names, SceneFiles::installed(root, manifest, names), settings.framing(), root, manifest);
+        status.setProblem(std::nullopt);
+    };
+    QObject::connect(&settings, &Settings::framingChanged, publish);
+    publish();
+
+    ASSERT_EQ(popover.framingTiles().size(), 4);
+    EXPECT_EQ(tileNamed(popover, "wide")->tile().text, "In use");
     FramingTile *closeTile = tileNamed(popover, "close");
-    ASSERT_TRUE(closeTile && tileNamed(popover, "top"));
     EXPECT_EQ(closeTile->tile().kind, Kind::downloadable);
     EXPECT_EQ(closeTile->tile().sizeText, PackageDownload::formatBytes(close.size));
     EXPECT_EQ(closeTile->tile().title, "Close");
+    FramingTile *midTile = tileNamed(popover, "mid");
+    EXPECT_EQ(midTile->tile().kind, Kind::unavailable);
+    EXPECT_FALSE(midTile->isEnabled());
     keep(popover, "popover-framing-offer.png");
+    // Neither on disk nor offered: choosing it changes nothing.
+    model.activateTile("mid");
+    EXPECT_EQ(settings.framing(), "wide");
+    EXPECT_FALSE(installer.framingRunning());
 
     QTest::mouseClick(closeTile, Qt::LeftButton);
+    QString framingWhileDownloading;
     EXPECT_TRUE(waitUntil([&] {
-        FramingTile *t = tileNamed(popover, "close");
-        return t && t->tile().kind == Kind::downloading && t->tile().progress > 0.2 && t->tile().progress < 0.9;
+        const Tile t = tileNamed(popover, "close")->tile();
+        framingWhileDownloading = settings.framing();
+        return t.kind == Kind::downloading && t.progress > 0.2 && t.progress < 0.9;
     }, 30s)) << "no progress shown";
+    EXPECT_EQ(framingWhileDownloading, "wide") << "switched to a framing that is not on disk";
     EXPECT_FALSE(tileNamed(popover, "close")->isEnabled()) << "a second click would start it again";
     keep(popover, "popover-framing-progress.png");
     ASSERT_TRUE(waitUntil([&] { return !installer.framingRunning(); }, 60s));
-    // Installed: no longer offered for download.
-    EXPECT_FALSE(tileNamed(popover, "close"));
+    // On disk now: the room switches to it.
+    EXPECT_EQ(settings.framing(), "close");
+    EXPECT_EQ(tileNamed(popover, "close")->tile().kind, Kind::installed);
+    EXPECT_EQ(tileNamed(popover, "close")->tile().text, "In use");
 
     QTest::mouseClick(tileNamed(popover, "top"), Qt::LeftButton);
     ASSERT_TRUE(waitUntil([&] { return !installer.framingRunning(); }, 30s));
     FramingTile *topTile = tileNamed(popover, "top");
-    ASSERT_TRUE(topTile);
     EXPECT_EQ(topTile->tile().kind, Kind::failed);
     EXPECT_EQ(topTile->tile().text, QString::fromUtf8(SceneInstaller::kFramingFailedText));
-    EXPECT_EQ(topTile->tile().sizeText, PackageDownload::formatBytes(top.size));
+    EXPECT_EQ(settings.framing(), "close");
     keep(popover, "popover-framing-failed.png");
     // A click on the failure tries again.
     const int before = int(server.accessLinesFor("/v1/scenes/top.zip").size());

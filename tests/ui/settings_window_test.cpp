@@ -6,12 +6,14 @@
 #include "core/app/Settings.h"
 #include "core/app/SettingsTable.h"
 #include "core/environment/PowerMonitor.h"
+#include "core/scene/SceneStatus.h"
 #include "platform/linux/XdgAutostart.h"
 #include "ui/SettingsWindow.h"
 
 #include <QCheckBox>
 #include <QComboBox>
 #include <QFile>
+#include <QLabel>
 #include <QSpinBox>
 #include <QTemporaryDir>
 #include <QTest>
@@ -27,6 +29,7 @@ struct SettingsWindowTest : ::testing::Test {
     QString file = dir.filePath("settings.json");
     Settings settings{file};
     PowerMonitor power{settings, nullptr};
+    SceneStatus status;
     std::unique_ptr<SettingsWindow> window;
 
     void SetUp() override
@@ -34,6 +37,7 @@ struct SettingsWindowTest : ::testing::Test {
         UiServices s;
         s.settings = &settings;
         s.power = &power;
+        s.status = &status;
         s.launchAtLogin = [] { return XdgAutostart::isEnabled(); };
         s.setLaunchAtLogin = [](bool on) { return XdgAutostart::setEnabled(on, "/opt/Turnelo Test/turnelo"); };
         window = std::make_unique<SettingsWindow>(s);
@@ -96,6 +100,25 @@ TEST_F(SettingsWindowTest, ControlsWriteTheirKeysTypedAndFollowOutsideWrites)
     // A key written with another type reads as its default, and the switch says so.
     write({"fxStack", "-string", "no"});
     EXPECT_TRUE(waitUntil([&] { return control<QCheckBox>("fxStack")->isChecked(); }, 10s));
+}
+
+// Only framings on disk can be picked; an unavailable room is told in the popover's words, and
+// About adds the log's detail for a report.
+TEST_F(SettingsWindowTest, SceneAndAboutTellTheRoomsStateInTheUsersWords)
+{
+    settings.setFraming("wide");
+    status.setScene({"wide", "mid"}, {"wide"}, "wide", "/scenes", PlateManifest{});
+    QComboBox *framing = control<QComboBox>("framing");
+    ASSERT_EQ(framing->count(), 1);
+    EXPECT_EQ(framing->itemData(0), "wide");
+
+    status.setProblem(SceneStatus::Problem{SceneStatus::Reason::gpu, "sem superfície Vulkan para a janela"});
+    QLabel *problem = control<QLabel>("sceneProblem");
+    ASSERT_TRUE(problem);
+    EXPECT_EQ(problem->text(), "The graphics device couldn’t draw the room. Reload it in Settings › Scene to try again.");
+    const QString about = control<QLabel>("scene")->text();
+    EXPECT_TRUE(about.contains(problem->text() + "\nTechnical detail: sem superfície Vulkan para a janela"))
+        << qPrintable(about);
 }
 
 TEST_F(SettingsWindowTest, LaunchAtLoginMakesAndRemovesTheAutostartEntry)

@@ -53,6 +53,8 @@ DesktopCleaner::DesktopCleaner(Settings &settings, std::unique_ptr<DesktopPrefer
                                ProcessLauncher &launcher, QObject *parent)
     : QObject(parent), settings(settings), prefs(std::move(prefs)), launcher(launcher)
 {
+    // The windows show current() from their first look on.
+    reload();
 }
 
 DesktopCleaner::~DesktopCleaner() = default;

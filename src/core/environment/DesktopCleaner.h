@@ -29,7 +29,7 @@ public:
     };
 
     // `settings` and `launcher` must outlive the cleaner; a null `prefs` means this desktop
-    // has no back end.
+    // has no back end. Reads the desktop's preferences once (reload()), blocking likewise.
     DesktopCleaner(Settings &settings, std::unique_ptr<DesktopPreferences> prefs,
                    ProcessLauncher &launcher, QObject *parent = nullptr);
     ~DesktopCleaner() override;
@@ -42,7 +42,7 @@ public:
     // Whether this desktop has anything that a control changes (Xfce has no widgets).
     bool supports(DesktopPreferences::Control control) const;
 
-    // What the desktop's preferences say now, as of the last reload().
+    // What the desktop's preferences say, as of creation or the last reload().
     Desired current() const { return now; }
 
     void reload();

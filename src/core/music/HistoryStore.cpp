@@ -37,6 +37,11 @@ HistoryStore::HistoryStore(const Settings &settings, const QString &dir, QObject
 {
     QDir().mkpath(folder);
     load();
+    // A lower limit takes effect at once, not with the next album (a higher one waits for albums).
+    connect(&settings, &Settings::changed, this, [this](const QString &key) {
+        if (key == QLatin1String("stackLimit") && list.size() > std::max(1, this->settings.stackLimit()))
+            trim();
+    });
 }
 
 void HistoryStore::load()

@@ -16,7 +16,8 @@ class Settings;
 // replaced whole, so a crash leaves the index as it was or as it became. Failures are silent: a
 // cover that cannot be written leaves the stack without it; a damaged index gives the entries
 // before the damage (logged, kept aside as "index.json.bad"), an undecodable one
-// is an empty stack. Main thread only; `settings` must outlive the store.
+// is an empty stack. Lowering "stackLimit" trims the stack at once (see trim()). Main thread
+// only; `settings` must outlive the store.
 class HistoryStore : public QObject {
     Q_OBJECT
 public:

@@ -58,7 +58,6 @@ struct DesktopCleanerTest : ::testing::Test {
         auto prefs = std::make_unique<MacDefaults>(store);
         defaults = prefs.get();
         cleaner = std::make_unique<DesktopCleaner>(settings, std::move(prefs), launcher);
-        cleaner->reload();
     }
 };
 
@@ -106,6 +105,10 @@ TEST_F(DesktopCleanerTest, EachChoiceWritesAndRestartsOnlyWhatItChanges)
 
 TEST_F(DesktopCleanerTest, RestorePutsBackValuesAndAbsences)
 {
+    // What the user had is what the cleaner reports from its creation on.
+    store = {{finder, false}, {hideWidgets, true}, {clickToShow, true}};
+    makeCleaner();
+    EXPECT_EQ(cleaner->current(), (DesktopCleaner::Desired{true, true, false}));
     store = {{finder, true}, {clickToShow, true}};
     makeCleaner();
     cleaner->apply({true, true, true});

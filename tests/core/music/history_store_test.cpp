@@ -91,12 +91,15 @@ TEST_F(HistoryStoreTest, TheLimitDeletesTheOldestCovers)
     EXPECT_TRUE(QFile::exists(fileOf("Three")));
     EXPECT_TRUE(QFile::exists(fileOf("Four")));
 
-    // A limit of 0 or less keeps one.
-    settings.setStackLimit(0);
+    // A lower limit cuts the stack as soon as it is set, not at the next album; 0 or less keeps
+    // one. A higher one changes nothing yet.
     QSignalSpy changed(&store, &HistoryStore::changed);
-    store.trim();
+    settings.setStackLimit(0);
     EXPECT_EQ(albums(store), QStringList({"Four"}));
     EXPECT_FALSE(QFile::exists(fileOf("Three")));
+    EXPECT_EQ(changed.count(), 1);
+    settings.setStackLimit(4);
+    settings.setStackLimit(0);
     EXPECT_EQ(changed.count(), 1);
     store.record(cover(Qt::gray), "Five");
     EXPECT_EQ(albums(store), QStringList({"Five"}));
