@@ -1,6 +1,7 @@
 #pragma once
 
 #include "render/VulkanContext.h"
+#include "render/VulkanHandle.h"
 
 #include <QString>
 #include <array>
@@ -20,17 +21,17 @@ public:
         bool toAlpha = false;            // add the weighted luminance to alpha instead of RGB
     };
 
-    // The fixed GPU objects of the build passes; the builder owns and destroys them.
+    // The fixed GPU objects of the build passes, owned by the builder.
     struct Resources {
-        VkDescriptorSetLayout setLayout = VK_NULL_HANDLE;  // binding 0: the source texture
-        VkPipelineLayout layout = VK_NULL_HANDLE;          // plus four floats of push constants
-        VkSampler sampler = VK_NULL_HANDLE;
-        VkRenderPass clearPass = VK_NULL_HANDLE;  // accumulator, cleared to 0
-        VkRenderPass loadPass = VK_NULL_HANDLE;   // accumulator, kept
-        VkPipeline accumulate = VK_NULL_HANDLE;
-        VkPipeline accumulateAlpha = VK_NULL_HANDLE;
-        std::map<VkFormat, VkRenderPass> resultPass;
-        std::map<VkFormat, VkPipeline> convert;
+        SetLayoutHandle setLayout;      // binding 0: the source texture
+        PipelineLayoutHandle layout;    // plus four floats of push constants
+        SamplerHandle sampler;
+        RenderPassHandle clearPass;  // accumulator, cleared to 0
+        RenderPassHandle loadPass;   // accumulator, kept
+        PipelineHandle accumulate;
+        PipelineHandle accumulateAlpha;
+        std::map<VkFormat, RenderPassHandle> resultPass;
+        std::map<VkFormat, PipelineHandle> convert;
     };
 
     // What one build did, for tests and benchmarks.

@@ -2,6 +2,7 @@
 
 #include "core/app/Log.h"
 #include "render/VulkanCheck.h"
+#include "render/VulkanHandle.h"
 #include "render/VulkanPipelines.h"
 
 #include <cstring>
@@ -16,32 +17,22 @@ constexpr size_t framesInFlight = 2;
 
 struct SceneRenderer::FrameSlot {
     VkDevice device = VK_NULL_HANDLE;
-    VkCommandPool pool = VK_NULL_HANDLE;
+    CommandPoolHandle pool;
     VkCommandBuffer cmd = VK_NULL_HANDLE;
-    VkFence fence = VK_NULL_HANDLE;
-    VkDescriptorPool descriptors = VK_NULL_HANDLE;
-    VkQueryPool queries = VK_NULL_HANDLE;
+    FenceHandle fence;
+    DescriptorPoolHandle descriptors;
+    QueryPoolHandle queries;
     VkDescriptorSet sets[2] = {VK_NULL_HANDLE, VK_NULL_HANDLE};  // composite, steam
     // What `sets` point at now. The textures stay alive while bound, so a new texture can never
     // share an address with a bound one and pointer equality means the same texture.
     std::array<const GpuTexture *, SceneTextures::slotCount> bound{};
     VkBuffer boundUniforms = VK_NULL_HANDLE;
     std::unique_ptr<HostBuffer> uniforms;
-    std::vector<VkFramebuffer> framebuffers;
+    std::vector<FramebufferHandle> framebuffers;
     SceneTextures keepAlive;  // the textures the descriptor sets and recorded commands read
     bool submitted = false;
 
-    void releaseFramebuffers() {
-        for (VkFramebuffer fb : framebuffers) vkDestroyFramebuffer(device, fb, nullptr);
-        framebuffers.clear();
-    }
-    ~FrameSlot() {
-        releaseFramebuffers();
-        if (queries) vkDestroyQueryPool(device, queries, nullptr);
-        if (descriptors) vkDestroyDescriptorPool(device, descriptors, nullptr);
-        if (fence) vkDestroyFence(device, fence, nullptr);
-        if (pool) vkDestroyCommandPool(device, pool, nullptr);
-    }
+    void releaseFramebuffers() { framebuffers.clear(); }
 };
 
 std::unique_ptr<SceneRenderer> SceneRenderer::create(const ShaderLibrary &shaders) {
@@ -62,14 +53,23 @@ std::unique_ptr<SceneRenderer> SceneRenderer::create(const ShaderLibrary &shader
 
 void SceneRenderer::build(const ShaderLibrary &shaders) {
     context = VulkanContext::create();
-    VkDevice device = context->device;
-
     const VkFormatFeatureFlags renderable = VK_FORMAT_FEATURE_COLOR_ATTACHMENT_BIT |
                                             VK_FORMAT_FEATURE_SAMPLED_IMAGE_FILTER_LINEAR_BIT;
     if (!context->supportsFormat(VK_FORMAT_B10G11R11_UFLOAT_PACK32, renderable))
         lightTextureFormat = VK_FORMAT_R16G16B16A16_SFLOAT;
+    makeSceneLayout();
+    makePipelines(shaders);
+    makeFallbacks();
+    makeFrameSlots();
+    presented.reserve(8);
+    waits.reserve(8);
+    doneSemaphores.reserve(8);
+    waitStages.reserve(8);
+}
 
-    lin = makeSampler(device, VK_FILTER_LINEAR, VK_SAMPLER_ADDRESS_MODE_CLAMP_TO_EDGE, false, 1.0f);
+void SceneRenderer::makeSceneLayout() {
+    VkDevice device = context->device;
+    *lin.out(device) = makeSampler(device, VK_FILTER_LINEAR, VK_SAMPLER_ADDRESS_MODE_CLAMP_TO_EDGE, false, 1.0f);
     const float aniso = context->properties.limits.maxSamplerAnisotropy >= 4.0f ? 4.0f : 1.0f;
     VkPhysicalDeviceFeatures features{};
     vkGetPhysicalDeviceFeatures(context->physical, &features);
@@ -77,11 +77,11 @@ void SceneRenderer::build(const ShaderLibrary &shaders) {
     // frame) on the art of steeply seen sleeves and labels, depending on the target size;
     // it gets trilinear only.
     const bool software = context->properties.deviceType == VK_PHYSICAL_DEVICE_TYPE_CPU;
-    art = makeSampler(device, VK_FILTER_LINEAR, VK_SAMPLER_ADDRESS_MODE_CLAMP_TO_EDGE, true,
-                      features.samplerAnisotropy && !software ? aniso : 1.0f);
-    sprite = makeSampler(device, VK_FILTER_LINEAR, VK_SAMPLER_ADDRESS_MODE_CLAMP_TO_BORDER, false, 1.0f);
+    *art.out(device) = makeSampler(device, VK_FILTER_LINEAR, VK_SAMPLER_ADDRESS_MODE_CLAMP_TO_EDGE, true,
+                                   features.samplerAnisotropy && !software ? aniso : 1.0f);
+    *sprite.out(device) = makeSampler(device, VK_FILTER_LINEAR, VK_SAMPLER_ADDRESS_MODE_CLAMP_TO_BORDER, false, 1.0f);
 
-    // Composite and steam share one set layout: the uniform block, three samplers, 34 frameSlots.
+    // Composite and steam share one set layout: the uniform block, three samplers, 34 textures.
     std::vector<VkDescriptorSetLayoutBinding> bindings(sceneBindingCount);
     VkSampler samplers[3] = {lin, art, sprite};
     for (uint32_t b = 0; b < sceneBindingCount; ++b) {
@@ -100,73 +100,69 @@ void SceneRenderer::build(const ShaderLibrary &shaders) {
     VkDescriptorSetLayoutCreateInfo slci{VK_STRUCTURE_TYPE_DESCRIPTOR_SET_LAYOUT_CREATE_INFO};
     slci.bindingCount = sceneBindingCount;
     slci.pBindings = bindings.data();
-    vkCheck(vkCreateDescriptorSetLayout(device, &slci, nullptr, &sceneSetLayout), "vkCreateDescriptorSetLayout");
+    vkCheck(vkCreateDescriptorSetLayout(device, &slci, nullptr, sceneSetLayout.out(device)),
+            "vkCreateDescriptorSetLayout");
     VkPipelineLayoutCreateInfo plci{VK_STRUCTURE_TYPE_PIPELINE_LAYOUT_CREATE_INFO};
     plci.setLayoutCount = 1;
-    plci.pSetLayouts = &sceneSetLayout;
-    vkCheck(vkCreatePipelineLayout(device, &plci, nullptr, &sceneLayout), "vkCreatePipelineLayout");
+    plci.pSetLayouts = sceneSetLayout.ptr();
+    vkCheck(vkCreatePipelineLayout(device, &plci, nullptr, sceneLayout.out(device)), "vkCreatePipelineLayout");
+}
 
-    VkShaderModule vert = VK_NULL_HANDLE, frags[5] = {};
-    auto destroyModules = [&] {
-        if (vert) vkDestroyShaderModule(device, vert, nullptr);
-        for (VkShaderModule m : frags)
-            if (m) vkDestroyShaderModule(device, m, nullptr);
-    };
+void SceneRenderer::makePipelines(const ShaderLibrary &shaders) {
+    VkDevice device = context->device;
+    const auto module = [&](const std::vector<uint32_t> &spirv) { return ShaderModuleHandle(device, makeShader(device, spirv)); };
+    const ShaderModuleHandle vert = module(shaders.fullscreen);
+    const ShaderModuleHandle composited = module(shaders.composite), steamed = module(shaders.steam);
+    const ShaderModuleHandle accumulated = module(shaders.accumulate), alpha = module(shaders.accumulateAlpha);
+    const ShaderModuleHandle converted = module(shaders.convertPlate);
+
+    VkRenderPass pass = targetPass(VK_IMAGE_LAYOUT_TRANSFER_SRC_OPTIMAL);
+    *composite.out(device) = makePipeline(device, sceneLayout, pass, vert, composited, Blend::none);
+    *steamPipeline.out(device) = makePipeline(device, sceneLayout, pass, vert, steamed, Blend::none);
+    *steamOverPipeline.out(device) = makePipeline(device, sceneLayout, pass, vert, steamed, Blend::premultipliedOver);
+
+    // The pre-mix passes: one source texture, four floats of push constants.
     MixBuilder::Resources mix;
-    try {
-        vert = makeShader(device, shaders.fullscreen);
-        frags[0] = makeShader(device, shaders.composite);
-        frags[1] = makeShader(device, shaders.steam);
-        frags[2] = makeShader(device, shaders.accumulate);
-        frags[3] = makeShader(device, shaders.accumulateAlpha);
-        frags[4] = makeShader(device, shaders.convertPlate);
-
-        VkRenderPass pass = targetPass(VK_IMAGE_LAYOUT_TRANSFER_SRC_OPTIMAL);
-        composite = makePipeline(device, sceneLayout, pass, vert, frags[0], Blend::none);
-        steamPipeline = makePipeline(device, sceneLayout, pass, vert, frags[1], Blend::none);
-        steamOverPipeline = makePipeline(device, sceneLayout, pass, vert, frags[1], Blend::premultipliedOver);
-
-        VkDescriptorSetLayoutBinding src{};
-        src.binding = 0;
-        src.descriptorType = VK_DESCRIPTOR_TYPE_COMBINED_IMAGE_SAMPLER;
-        src.descriptorCount = 1;
-        src.stageFlags = VK_SHADER_STAGE_FRAGMENT_BIT;
-        mix.sampler = makeSampler(device, VK_FILTER_NEAREST, VK_SAMPLER_ADDRESS_MODE_CLAMP_TO_EDGE, false, 1.0f);
-        src.pImmutableSamplers = &mix.sampler;
-        VkDescriptorSetLayoutCreateInfo mslci{VK_STRUCTURE_TYPE_DESCRIPTOR_SET_LAYOUT_CREATE_INFO};
-        mslci.bindingCount = 1;
-        mslci.pBindings = &src;
-        vkCheck(vkCreateDescriptorSetLayout(device, &mslci, nullptr, &mix.setLayout), "vkCreateDescriptorSetLayout");
-        VkPushConstantRange push{VK_SHADER_STAGE_FRAGMENT_BIT, 0, 16};
-        VkPipelineLayoutCreateInfo mplci{VK_STRUCTURE_TYPE_PIPELINE_LAYOUT_CREATE_INFO};
-        mplci.setLayoutCount = 1;
-        mplci.pSetLayouts = &mix.setLayout;
-        mplci.pushConstantRangeCount = 1;
-        mplci.pPushConstantRanges = &push;
-        vkCheck(vkCreatePipelineLayout(device, &mplci, nullptr, &mix.layout), "vkCreatePipelineLayout");
-        const VkFormat acc = VK_FORMAT_R16G16B16A16_SFLOAT;
-        mix.clearPass = makeRenderPass(device, acc, VK_ATTACHMENT_LOAD_OP_CLEAR, VK_IMAGE_LAYOUT_UNDEFINED,
-                                       VK_IMAGE_LAYOUT_COLOR_ATTACHMENT_OPTIMAL);
-        mix.loadPass = makeRenderPass(device, acc, VK_ATTACHMENT_LOAD_OP_LOAD, VK_IMAGE_LAYOUT_COLOR_ATTACHMENT_OPTIMAL,
-                                      VK_IMAGE_LAYOUT_COLOR_ATTACHMENT_OPTIMAL);
-        mix.accumulate = makePipeline(device, mix.layout, mix.clearPass, vert, frags[2], Blend::additive);
-        mix.accumulateAlpha = makePipeline(device, mix.layout, mix.clearPass, vert, frags[3], Blend::additive);
-        std::vector<VkFormat> formats{lightTextureFormat};
-        if (lightTextureFormat != acc) formats.push_back(acc);
-        for (VkFormat f : formats) {
-            mix.resultPass[f] = makeRenderPass(device, f, VK_ATTACHMENT_LOAD_OP_DONT_CARE, VK_IMAGE_LAYOUT_UNDEFINED,
-                                               VK_IMAGE_LAYOUT_SHADER_READ_ONLY_OPTIMAL);
-            mix.convert[f] = makePipeline(device, mix.layout, mix.resultPass[f], vert, frags[4], Blend::none);
-        }
-    } catch (...) {
-        destroyModules();
-        builder = std::make_shared<MixBuilder>(context, mix);  // owns and frees what was made
-        throw;
+    *mix.sampler.out(device) = makeSampler(device, VK_FILTER_NEAREST, VK_SAMPLER_ADDRESS_MODE_CLAMP_TO_EDGE, false, 1.0f);
+    VkDescriptorSetLayoutBinding src{};
+    src.binding = 0;
+    src.descriptorType = VK_DESCRIPTOR_TYPE_COMBINED_IMAGE_SAMPLER;
+    src.descriptorCount = 1;
+    src.stageFlags = VK_SHADER_STAGE_FRAGMENT_BIT;
+    src.pImmutableSamplers = mix.sampler.ptr();
+    VkDescriptorSetLayoutCreateInfo mslci{VK_STRUCTURE_TYPE_DESCRIPTOR_SET_LAYOUT_CREATE_INFO};
+    mslci.bindingCount = 1;
+    mslci.pBindings = &src;
+    vkCheck(vkCreateDescriptorSetLayout(device, &mslci, nullptr, mix.setLayout.out(device)),
+            "vkCreateDescriptorSetLayout");
+    VkPushConstantRange push{VK_SHADER_STAGE_FRAGMENT_BIT, 0, 16};
+    VkPipelineLayoutCreateInfo mplci{VK_STRUCTURE_TYPE_PIPELINE_LAYOUT_CREATE_INFO};
+    mplci.setLayoutCount = 1;
+    mplci.pSetLayouts = mix.setLayout.ptr();
+    mplci.pushConstantRangeCount = 1;
+    mplci.pPushConstantRanges = &push;
+    vkCheck(vkCreatePipelineLayout(device, &mplci, nullptr, mix.layout.out(device)), "vkCreatePipelineLayout");
+    const VkFormat acc = VK_FORMAT_R16G16B16A16_SFLOAT;
+    *mix.clearPass.out(device) = makeRenderPass(device, acc, VK_ATTACHMENT_LOAD_OP_CLEAR, VK_IMAGE_LAYOUT_UNDEFINED,
+                                                VK_IMAGE_LAYOUT_COLOR_ATTACHMENT_OPTIMAL);
+    *mix.loadPass.out(device) = makeRenderPass(device, acc, VK_ATTACHMENT_LOAD_OP_LOAD,
+                                               VK_IMAGE_LAYOUT_COLOR_ATTACHMENT_OPTIMAL,
+                                               VK_IMAGE_LAYOUT_COLOR_ATTACHMENT_OPTIMAL);
+    *mix.accumulate.out(device) = makePipeline(device, mix.layout, mix.clearPass, vert, accumulated, Blend::additive);
+    *mix.accumulateAlpha.out(device) = makePipeline(device, mix.layout, mix.clearPass, vert, alpha, Blend::additive);
+    std::vector<VkFormat> formats{lightTextureFormat};
+    if (lightTextureFormat != acc) formats.push_back(acc);
+    for (VkFormat f : formats) {
+        *mix.resultPass[f].out(device) = makeRenderPass(device, f, VK_ATTACHMENT_LOAD_OP_DONT_CARE,
+                                                        VK_IMAGE_LAYOUT_UNDEFINED,
+                                                        VK_IMAGE_LAYOUT_SHADER_READ_ONLY_OPTIMAL);
+        *mix.convert[f].out(device) = makePipeline(device, mix.layout, mix.resultPass[f], vert, converted, Blend::none);
     }
-    destroyModules();
-    builder = std::make_shared<MixBuilder>(context, mix);
+    builder = std::make_shared<MixBuilder>(context, std::move(mix));
+}
 
-    // Fallbacks: transparent black and full white.
+void SceneRenderer::makeFallbacks() {
+    // Transparent black and full white.
     empty = context->createTexture(VK_FORMAT_R16G16B16A16_SFLOAT, 1, 1,
                                    VK_IMAGE_USAGE_SAMPLED_BIT | VK_IMAGE_USAGE_TRANSFER_DST_BIT);
     const uint16_t zeros[4] = {0, 0, 0, 0};
@@ -178,20 +174,24 @@ void SceneRenderer::build(const ShaderLibrary &shaders) {
 
     const VkDeviceSize align = std::max<VkDeviceSize>(context->properties.limits.minStorageBufferOffsetAlignment, 16);
     uniformStride = (sizeof(SceneUniforms) + align - 1) / align * align;
+}
+
+void SceneRenderer::makeFrameSlots() {
+    VkDevice device = context->device;
     for (size_t i = 0; i < framesInFlight; ++i) {
         auto slot = std::make_unique<FrameSlot>();
         slot->device = device;
         VkCommandPoolCreateInfo pci{VK_STRUCTURE_TYPE_COMMAND_POOL_CREATE_INFO};
         pci.flags = VK_COMMAND_POOL_CREATE_RESET_COMMAND_BUFFER_BIT;
         pci.queueFamilyIndex = context->queueFamily;
-        vkCheck(vkCreateCommandPool(device, &pci, nullptr, &slot->pool), "vkCreateCommandPool");
+        vkCheck(vkCreateCommandPool(device, &pci, nullptr, slot->pool.out(device)), "vkCreateCommandPool");
         VkCommandBufferAllocateInfo ai{VK_STRUCTURE_TYPE_COMMAND_BUFFER_ALLOCATE_INFO};
         ai.commandPool = slot->pool;
         ai.level = VK_COMMAND_BUFFER_LEVEL_PRIMARY;
         ai.commandBufferCount = 1;
         vkCheck(vkAllocateCommandBuffers(device, &ai, &slot->cmd), "vkAllocateCommandBuffers");
         VkFenceCreateInfo fci{VK_STRUCTURE_TYPE_FENCE_CREATE_INFO};
-        vkCheck(vkCreateFence(device, &fci, nullptr, &slot->fence), "vkCreateFence");
+        vkCheck(vkCreateFence(device, &fci, nullptr, slot->fence.out(device)), "vkCreateFence");
         VkDescriptorPoolSize sizes[3] = {{VK_DESCRIPTOR_TYPE_STORAGE_BUFFER_DYNAMIC, 2},
                                          {VK_DESCRIPTOR_TYPE_SAMPLER, 6},
                                          {VK_DESCRIPTOR_TYPE_SAMPLED_IMAGE, 2 * SceneTextures::slotCount}};
@@ -199,7 +199,7 @@ void SceneRenderer::build(const ShaderLibrary &shaders) {
         dpci.maxSets = 2;
         dpci.poolSizeCount = 3;
         dpci.pPoolSizes = sizes;
-        vkCheck(vkCreateDescriptorPool(device, &dpci, nullptr, &slot->descriptors), "vkCreateDescriptorPool");
+        vkCheck(vkCreateDescriptorPool(device, &dpci, nullptr, slot->descriptors.out(device)), "vkCreateDescriptorPool");
         VkDescriptorSetLayout setLayouts[2] = {sceneSetLayout, sceneSetLayout};
         VkDescriptorSetAllocateInfo dai{VK_STRUCTURE_TYPE_DESCRIPTOR_SET_ALLOCATE_INFO};
         dai.descriptorPool = slot->descriptors;
@@ -210,30 +210,18 @@ void SceneRenderer::build(const ShaderLibrary &shaders) {
             VkQueryPoolCreateInfo qci{VK_STRUCTURE_TYPE_QUERY_POOL_CREATE_INFO};
             qci.queryType = VK_QUERY_TYPE_TIMESTAMP;
             qci.queryCount = 2;
-            vkCheck(vkCreateQueryPool(device, &qci, nullptr, &slot->queries), "vkCreateQueryPool");
+            vkCheck(vkCreateQueryPool(device, &qci, nullptr, slot->queries.out(device)), "vkCreateQueryPool");
         }
         slot->uniforms = context->createHostBuffer(uniformStride * 8, VK_BUFFER_USAGE_STORAGE_BUFFER_BIT);
         frameSlots.push_back(std::move(slot));
     }
-    presented.reserve(8);
-    waits.reserve(8);
-    doneSemaphores.reserve(8);
-    waitStages.reserve(8);
 }
 
 SceneRenderer::~SceneRenderer() {
     if (!context) return;
-    VkDevice device = context->device;
-    vkDeviceWaitIdle(device);
+    // The handles go after this, the device last: nothing may still run on them.
+    vkDeviceWaitIdle(context->device);
     frameSlots.clear();
-    if (composite) vkDestroyPipeline(device, composite, nullptr);
-    if (steamPipeline) vkDestroyPipeline(device, steamPipeline, nullptr);
-    if (steamOverPipeline) vkDestroyPipeline(device, steamOverPipeline, nullptr);
-    for (auto &[layout, pass] : targetPasses) vkDestroyRenderPass(device, pass, nullptr);
-    if (sceneLayout) vkDestroyPipelineLayout(device, sceneLayout, nullptr);
-    if (sceneSetLayout) vkDestroyDescriptorSetLayout(device, sceneSetLayout, nullptr);
-    for (VkSampler s : {lin, art, sprite})
-        if (s) vkDestroySampler(device, s, nullptr);
 }
 
 VkRenderPass SceneRenderer::targetPass(VkImageLayout finalLayout) {
@@ -241,13 +229,13 @@ VkRenderPass SceneRenderer::targetPass(VkImageLayout finalLayout) {
     if (it != targetPasses.end()) return it->second;
     VkRenderPass pass = makeRenderPass(context->device, VK_FORMAT_B8G8R8A8_UNORM, VK_ATTACHMENT_LOAD_OP_DONT_CARE,
                                        VK_IMAGE_LAYOUT_UNDEFINED, finalLayout);
-    targetPasses[finalLayout] = pass;
+    targetPasses.emplace(finalLayout, RenderPassHandle(context->device, pass));
     return pass;
 }
 
 void SceneRenderer::harvest(FrameSlot &slot) {
     if (!slot.submitted) return;
-    vkWaitForFences(context->device, 1, &slot.fence, VK_TRUE, UINT64_MAX);
+    vkWaitForFences(context->device, 1, slot.fence.ptr(), VK_TRUE, UINT64_MAX);
     slot.submitted = false;
     double seconds = 0;
     if (slot.queries) {
@@ -286,7 +274,7 @@ void SceneRenderer::draw(const std::optional<Pass> &base, const std::vector<Pass
             slot.uniforms = context->createHostBuffer(uniformStride * passes, VK_BUFFER_USAGE_STORAGE_BUFFER_BIT);
             slot.boundUniforms = VK_NULL_HANDLE;
         }
-        vkCheck(vkResetFences(device, 1, &slot.fence), "vkResetFences");
+        vkCheck(vkResetFences(device, 1, slot.fence.ptr()), "vkResetFences");
         vkCheck(vkResetCommandBuffer(slot.cmd, 0), "vkResetCommandBuffer");
 
         // The slot's two sets (composite, steam) are rewritten only when the textures change;
@@ -360,7 +348,7 @@ void SceneRenderer::draw(const std::optional<Pass> &base, const std::vector<Pass
                 if (image->framebuffer)
                     *image->framebuffer = fb;
                 else
-                    slot.framebuffers.push_back(fb);
+                    slot.framebuffers.emplace_back(device, fb);
             }
             VkRenderPassBeginInfo rbi{VK_STRUCTURE_TYPE_RENDER_PASS_BEGIN_INFO};
             rbi.renderPass = renderPass;

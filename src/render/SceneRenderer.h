@@ -7,6 +7,7 @@
 #include "render/SceneUniforms.h"
 #include "render/ShaderLibrary.h"
 #include "render/VulkanContext.h"
+#include "render/VulkanHandle.h"
 
 #include <array>
 #include <map>
@@ -58,6 +59,10 @@ public:
 private:
     SceneRenderer() = default;
     void build(const ShaderLibrary &shaders);
+    void makeSceneLayout();
+    void makePipelines(const ShaderLibrary &shaders);
+    void makeFallbacks();
+    void makeFrameSlots();
     struct FrameSlot;
     void harvest(FrameSlot &slot);
     VkRenderPass targetPass(VkImageLayout finalLayout);
@@ -67,13 +72,13 @@ private:
     std::shared_ptr<MixBuilder> builder;
     VkFormat lightTextureFormat = VK_FORMAT_B10G11R11_UFLOAT_PACK32;
 
-    VkDescriptorSetLayout sceneSetLayout = VK_NULL_HANDLE;
-    VkPipelineLayout sceneLayout = VK_NULL_HANDLE;
-    std::map<VkImageLayout, VkRenderPass> targetPasses;
-    VkPipeline composite = VK_NULL_HANDLE;
-    VkPipeline steamPipeline = VK_NULL_HANDLE;
-    VkPipeline steamOverPipeline = VK_NULL_HANDLE;
-    VkSampler lin = VK_NULL_HANDLE, art = VK_NULL_HANDLE, sprite = VK_NULL_HANDLE;
+    SamplerHandle lin, art, sprite;
+    SetLayoutHandle sceneSetLayout;
+    PipelineLayoutHandle sceneLayout;
+    std::map<VkImageLayout, RenderPassHandle> targetPasses;
+    PipelineHandle composite;
+    PipelineHandle steamPipeline;
+    PipelineHandle steamOverPipeline;
     TextureRef empty, white;
 
     std::vector<std::unique_ptr<FrameSlot>> frameSlots;

@@ -290,6 +290,9 @@ TEST_F(DesktopRoom, AllScreensGetAWindowAndMainKeepsTheFirst) {
     QStringList windows;
     waitUntil([&] { return (windows = ours()).size() == 2; }, std::chrono::seconds(30));
     ASSERT_EQ(windows.size(), 2) << windows.join(' ').toStdString();
+    // Both screens on one device, the framing loaded once for both.
+    EXPECT_EQ(log().count("Vulkan: dispositivo"), 1);
+    EXPECT_EQ(log().count("montando presets"), 1);
     defaults({"write", "screens", "-string", "main"});
     QStringList after;
     waitUntil([&] { return (after = ours()).size() == 1; }, std::chrono::seconds(30));

@@ -4,26 +4,6 @@
 
 using namespace AppleScriptPlayerQuery;
 
-TEST(AppleScriptPlayerQuery, ScriptTextsAreExact)
-{
-    EXPECT_EQ(scriptText(spotify()),
-              "tell application \"Spotify\"\n"
-              "    if player state is stopped then return \"stopped\"\n"
-              "    set t to current track\n"
-              "    return {player state as string, name of t, artist of t, album of t, duration of t, "
-              "player position, artwork url of t, track number of t}\n"
-              "end tell");
-    EXPECT_EQ(scriptText(music()),
-              "tell application \"Music\"\n"
-              "    if player state is stopped then return \"stopped\"\n"
-              "    set t to current track\n"
-              "    return {player state as string, name of t, artist of t, album of t, duration of t, "
-              "player position, track number of t, track count of t}\n"
-              "end tell");
-    EXPECT_EQ(musicArtworkScript(),
-              "tell application \"Music\" to get data of artwork 1 of current track");
-}
-
 TEST(AppleScriptPlayerQuery, RepliesOfEachPlayer)
 {
     // Spotify: milliseconds, an artwork URL, no track count.
