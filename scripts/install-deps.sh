@@ -24,7 +24,7 @@ PACKAGES=(
   libvulkan-dev glslang-tools mesa-vulkan-drivers vulkan-tools
   libx11-dev libx11-xcb-dev libxext-dev libxfixes-dev libxss-dev
   libgtest-dev libgmock-dev libbenchmark-dev
-  clang libclang-rt-14-dev
+  clang libclang-rt-14-dev clang-format
   xvfb xauth dbus dbus-x11
   nginx-light curl
   xfconf libxfconf-0-3 libglib2.0-bin

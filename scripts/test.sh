@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# Sets up a fresh Debian 12 machine and runs every test (unit, GPU on lavapipe, integration), then
+# Sets up a fresh Debian 12 machine, checks the layout of the C++ files (scripts/format.sh), and runs
+# every test (unit, GPU on lavapipe, integration), then
 # the whole suite but the GPU tests again under AddressSanitizer and UndefinedBehaviorSanitizer, then
 # each fuzz target for a bounded time (TURNELO_FUZZ_SECONDS, default 30). Any failure or finding
 # fails the run.
@@ -13,6 +14,9 @@ if command -v ccache >/dev/null; then
   launcher=(-DCMAKE_CXX_COMPILER_LAUNCHER=ccache -DCMAKE_C_COMPILER_LAUNCHER=ccache)
 fi
 stage() { echo "== $1 ($(date -u +%H:%M:%S))"; }
+
+stage "format"
+bash scripts/format.sh --check
 
 stage "build"
 cmake --preset default "${launcher[@]}"

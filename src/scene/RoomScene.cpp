@@ -128,6 +128,12 @@ void RoomScene::finishLoad(std::unique_ptr<LoadedScene> scene, const QString &ro
     updateGrooves();
     armGoal = goalAt(now);
     arm.yaw = armGoal;  // a fresh room shows the arm where it belongs
+    spriteKeys.clear();
+    if (loaded->sprites) {
+        // The arm's sprites load beside the light, so the first frames have the arm.
+        for (const auto &[preset, weight] : loaded->lights.to) spriteKeys.insert(preset);
+        loaded->sprites->ensure(spriteKeys, arm.yaw, armGoal);
+    }
     lastAlbum = s.state->track() ? s.state->track()->album : QString();
     historyChanged();
     effectsChanged();

@@ -100,6 +100,7 @@ TEST(SceneViewOnScreen, SteadyFramesOfTheShippedRoomAllocateNothing) {
     gpu->waitIdle();
     const auto [seconds, drawn] = gpu->gpuClock().take();
     EXPECT_EQ(allocations, 0);
+    EXPECT_GT(room.scene()->sprites->memoryBytes(), 0u) << "the arm's sprites never came";
     EXPECT_GE(drawn, 30) << "each frame draws its layers in one command buffer";
     EXPECT_TRUE(log.messages().filter("Cena: clima → chuva").size() == 1);
 
