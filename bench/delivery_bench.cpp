@@ -22,19 +22,16 @@ using namespace scenepackages;
 
 namespace {
 
-template <typename Fn>
-double bestOf(int runs, Fn fn)
+template <typename Fn> double bestOf(int runs, Fn fn)
 {
     double best = 1e99;
-    for (int i = 0; i < runs; ++i)
-        best = std::min(best, fn());
+    for (int i = 0; i < runs; ++i) best = std::min(best, fn());
     return best;
 }
 
 void spinUntil(const std::function<bool()> &done)
 {
-    while (!done())
-        QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents, 50);
+    while (!done()) QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents, 50);
 }
 
 }  // namespace
@@ -52,8 +49,7 @@ int main(int argc, char **argv)
         // Written in 16 MiB pieces so the generator never holds the whole file.
         QFile f(server.scenesDir() + "/big.bin");
         f.open(QIODevice::WriteOnly);
-        for (qint64 i = 0; i < downloadBytes / (16 << 20); ++i)
-            f.write(randomBytes(16 << 20, quint32(i + 1)));
+        for (qint64 i = 0; i < downloadBytes / (16 << 20); ++i) f.write(randomBytes(16 << 20, quint32(i + 1)));
     }
     if (!server.start()) {
         std::fprintf(stderr, "nginx did not start\n");
@@ -115,8 +111,7 @@ int main(int argc, char **argv)
         SceneInstaller installer(settings, o);
         QElapsedTimer t;
         QObject::connect(&installer, &SceneInstaller::phaseChanged, [&] {
-            if (installer.phase().kind == SceneInstaller::Phase::verifying)
-                t.start();
+            if (installer.phase().kind == SceneInstaller::Phase::verifying) t.start();
         });
         installer.sync();
         spinUntil([&] { return !installer.running(); });
@@ -126,7 +121,7 @@ int main(int argc, char **argv)
         }
         return t.nsecsElapsed() / 1e9;
     });
-    std::printf("install %.0f MB package (verify + unpack + swap, best of %d): %.3f s, %.1f MB/s\n",
-                entry.size / 1e6, runs, install, entry.size / 1e6 / install);
+    std::printf("install %.0f MB package (verify + unpack + swap, best of %d): %.3f s, %.1f MB/s\n", entry.size / 1e6,
+                runs, install, entry.size / 1e6 / install);
     return 0;
 }

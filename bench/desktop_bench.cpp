@@ -26,7 +26,8 @@ namespace {
 QString built(const QString &name) { return QStringLiteral(TURNELO_BINARY_DIR "/") + name; }
 
 // User + system CPU seconds of a process.
-double cpuSeconds(qint64 pid) {
+double cpuSeconds(qint64 pid)
+{
     QFile f(QStringLiteral("/proc/%1/stat").arg(pid));
     if (!f.open(QIODevice::ReadOnly)) return -1;
     const QByteArray text = f.readAll();
@@ -39,7 +40,8 @@ double cpuSeconds(qint64 pid) {
 struct Resident {
     double total = -1, anonymous = -1, files = -1;
 };
-Resident resident(qint64 pid) {
+Resident resident(qint64 pid)
+{
     QFile f(QStringLiteral("/proc/%1/status").arg(pid));
     Resident r;
     if (!f.open(QIODevice::ReadOnly)) return r;
@@ -59,7 +61,8 @@ struct Phase {
 
 }  // namespace
 
-int main(int argc, char **argv) {
+int main(int argc, char **argv)
+{
     QCoreApplication app(argc, argv);
     QCommandLineParser p;
     const QCommandLineOption secondsOpt("seconds", "Seconds per phase.", "N", "20");
@@ -95,7 +98,8 @@ int main(int argc, char **argv) {
         return 1;
     }
     PrivateBus bus;
-    auto screensaver = DbusMock::bare(bus, "org.freedesktop.ScreenSaver", "/ScreenSaver", "org.freedesktop.ScreenSaver");
+    auto screensaver =
+        DbusMock::bare(bus, "org.freedesktop.ScreenSaver", "/ScreenSaver", "org.freedesktop.ScreenSaver");
     if (!bus.ok() || !screensaver->ok()) {
         std::fprintf(stderr, "no private bus or screen saver mock\n");
         return 1;
@@ -104,7 +108,8 @@ int main(int argc, char **argv) {
     for (const char *key : {"DBUS_SESSION_BUS_ADDRESS", "DBUS_SYSTEM_BUS_ADDRESS"})
         env.insert(key, bus.env().value(key));
     env.insert("TURNELO_SCENES_DIR", scene);
-    if (!env.contains("VK_ICD_FILENAMES") && !lavapipeIcd().isEmpty() && !qEnvironmentVariableIsSet("TURNELO_BENCH_GPU"))
+    if (!env.contains("VK_ICD_FILENAMES") && !lavapipeIcd().isEmpty() &&
+        !qEnvironmentVariableIsSet("TURNELO_BENCH_GPU"))
         env.insert("VK_ICD_FILENAMES", lavapipeIcd());
 
     auto run = [&](const QString &program, const QStringList &args) {
@@ -119,8 +124,8 @@ int main(int argc, char **argv) {
 
     QProcess player;
     player.setProcessEnvironment(env);
-    player.start(built("tools/turnelo-mpris-player"),
-                 {"--name", "bench", "--identity", "Bench", "--status", "Playing", "--track", "Side A|Turnelo|Demo|600|2|"});
+    player.start(built("tools/turnelo-mpris-player"), {"--name", "bench", "--identity", "Bench", "--status", "Playing",
+                                                       "--track", "Side A|Turnelo|Demo|600|2|"});
     QProcess room;
     room.setProcessEnvironment(env);
     room.setProcessChannelMode(QProcess::ForwardedErrorChannel);
@@ -146,7 +151,8 @@ int main(int argc, char **argv) {
     }
     // The software device compiles its shaders at the first frames: wait for frames to flow.
     static const QRegularExpression perf(
-        QStringLiteral("Perf \\d+s: ([0-9.]+) fps, CPU [0-9.]+%, GPU ([0-9.]+) ms/quadro \\([0-9.]+% ocupada\\), footprint -?\\d+ MB, (\\w+).*Vulkan total (\\d+) MB"));
+        QStringLiteral("Perf \\d+s: ([0-9.]+) fps, CPU [0-9.]+%, GPU ([0-9.]+) ms/quadro \\([0-9.]+% ocupada\\), "
+                       "footprint -?\\d+ MB, (\\w+).*Vulkan total (\\d+) MB"));
     for (int i = 0; i < 600; ++i) {
         QRegularExpressionMatch last;
         for (auto it = perf.globalMatch(log()); it.hasNext();) last = it.next();
@@ -202,7 +208,8 @@ int main(int argc, char **argv) {
     const Phase locked = measure("locked");
     std::printf("covered/animating CPU ratio %.4f, locked/animating %.4f; goal: 0 fps and under 0.1%% of a core "
                 "when nobody can see the room, at most 200 MB resident at 4K\n",
-                animating.cpu > 0 ? covered.cpu / animating.cpu : 0, animating.cpu > 0 ? locked.cpu / animating.cpu : 0);
+                animating.cpu > 0 ? covered.cpu / animating.cpu : 0,
+                animating.cpu > 0 ? locked.cpu / animating.cpu : 0);
     room.terminate();
     room.waitForFinished(10000);
     player.terminate();

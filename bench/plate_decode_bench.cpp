@@ -45,8 +45,8 @@ void writePlate(const QString &path, int w, int h)
             const bool sprite = x > w / 3 && x < w / 2 && y > h / 4 && y < h / 2;
             px[size_t(y) * w + x] = Imf::Rgba(float(x) / w + n, float(y) / h + n, 0.3f + n, sprite ? 1.0f : 0.0f);
         }
-    Imf::RgbaOutputFile file(QFile::encodeName(path).constData(), Imf::Header(w, h, 1, Imath::V2f(0, 0), 1,
-                                                                            Imf::INCREASING_Y, Imf::ZIP_COMPRESSION),
+    Imf::RgbaOutputFile file(QFile::encodeName(path).constData(),
+                             Imf::Header(w, h, 1, Imath::V2f(0, 0), 1, Imf::INCREASING_Y, Imf::ZIP_COMPRESSION),
                              Imf::WRITE_RGBA);
     file.setFrameBuffer(px.data(), 1, w);
     file.writePixels(h);
@@ -62,17 +62,16 @@ void measure(int w, int h, const QString &dir)
     HalfImage image;
     const double decode = medianSeconds(runs, [&] { image = ImageDecoder::decodeEXR(path); });
     std::vector<uint16_t> copy(image.pixels.size());
-    const double memcopy = medianSeconds(runs, [&] {
-        std::memcpy(copy.data(), image.pixels.data(), image.pixels.size() * sizeof(uint16_t));
-    });
+    const double memcopy = medianSeconds(
+        runs, [&] { std::memcpy(copy.data(), image.pixels.data(), image.pixels.size() * sizeof(uint16_t)); });
     std::optional<CroppedHalf> crop;
     const double scan = medianSeconds(runs, [&] { crop = ImageDecoder::cropSprite(image); });
 
     std::printf("%4dx%-4d  %6.1f MB decoded\n", w, h, mb);
     std::printf("  decodeEXR (ZIP)   %8.1f ms  %8.0f MB/s   %6.1fx a memcpy\n", decode * 1e3, mb / decode,
                 decode / memcopy);
-    std::printf("  cropSprite scan   %8.1f ms  %8.0f MB/s   %6.1fx a memcpy (kept %.0fx%.0f)\n", scan * 1e3,
-                mb / scan, scan / memcopy, crop ? crop->rect[2] : 0.f, crop ? crop->rect[3] : 0.f);
+    std::printf("  cropSprite scan   %8.1f ms  %8.0f MB/s   %6.1fx a memcpy (kept %.0fx%.0f)\n", scan * 1e3, mb / scan,
+                scan / memcopy, crop ? crop->rect[2] : 0.f, crop ? crop->rect[3] : 0.f);
     std::printf("  memcpy            %8.1f ms  %8.0f MB/s\n", memcopy * 1e3, mb / memcopy);
 }
 

@@ -18,12 +18,14 @@
 
 namespace {
 
-SceneRenderer *renderer() {
+SceneRenderer *renderer()
+{
     static std::unique_ptr<SceneRenderer> r = SceneRenderer::create();
     return r.get();
 }
 
-TextureRef lightTexture(int w, int h) {
+TextureRef lightTexture(int w, int h)
+{
     HalfImage img;
     img.width = w;
     img.height = h;
@@ -39,7 +41,8 @@ TextureRef lightTexture(int w, int h) {
 
 // Composite GPU time per frame; range(0) = width, range(1) = height, range(2) = percent of the
 // frame area drawn (100 = base image, 25 = an animated layer).
-void BM_Composite(benchmark::State &state) {
+void BM_Composite(benchmark::State &state)
+{
     SceneRenderer *r = renderer();
     if (!r) {
         state.SkipWithError("no Vulkan renderer");
@@ -67,11 +70,17 @@ void BM_Composite(benchmark::State &state) {
     const auto [seconds, count] = r->gpuClock().take();
     state.counters["gpu_ms"] = count ? seconds / double(count) * 1000 : 0;
 }
-BENCHMARK(BM_Composite)->Args({1920, 1080, 100})->Args({1920, 1080, 25})->Args({3840, 2160, 100})->Args({3840, 2160, 25})
-    ->Unit(benchmark::kMillisecond)->Iterations(5);
+BENCHMARK(BM_Composite)
+    ->Args({1920, 1080, 100})
+    ->Args({1920, 1080, 25})
+    ->Args({3840, 2160, 100})
+    ->Args({3840, 2160, 25})
+    ->Unit(benchmark::kMillisecond)
+    ->Iterations(5);
 
 // One preset of 8 plates built at plate size; reports its memory against 4 bytes per pixel.
-void BM_PremixBuild(benchmark::State &state) {
+void BM_PremixBuild(benchmark::State &state)
+{
     SceneRenderer *r = renderer();
     if (!r) {
         state.SkipWithError("no Vulkan renderer");
@@ -83,8 +92,8 @@ void BM_PremixBuild(benchmark::State &state) {
     std::vector<MixBuilder::Term> terms;
     for (int i = 0; i < 8; ++i) {
         const QString name = QStringLiteral("plate%1").arg(i);
-        Imf::RgbaOutputFile file(QFile::encodeName(dir.filePath(name + ".exr")).constData(), w, h, Imf::WRITE_RGBA,
-                                 1, Imath::V2f(0, 0), 1, Imf::INCREASING_Y, Imf::ZIP_COMPRESSION);
+        Imf::RgbaOutputFile file(QFile::encodeName(dir.filePath(name + ".exr")).constData(), w, h, Imf::WRITE_RGBA, 1,
+                                 Imath::V2f(0, 0), 1, Imf::INCREASING_Y, Imf::ZIP_COMPRESSION);
         file.setFrameBuffer(px.data(), 1, size_t(w));
         file.writePixels(h);
         terms.push_back({name, {0.5, 0.5, 0.5}, false});
@@ -101,7 +110,8 @@ BENCHMARK(BM_PremixBuild)->Args({1920, 1080})->Args({3840, 2160})->Unit(benchmar
 
 }  // namespace
 
-int main(int argc, char **argv) {
+int main(int argc, char **argv)
+{
     qputenv("QT_QPA_PLATFORM", "offscreen");
     QGuiApplication app(argc, argv);
     benchmark::Initialize(&argc, argv);

@@ -23,11 +23,15 @@ QString writeScratch(const QString &name, const uint8_t *data, size_t size);
 // Consumes the input front to back; past its end every read gives zero or empty.
 class Reader {
 public:
-    Reader(const uint8_t *data, size_t size) : p(data), left(size) {}
+    Reader(const uint8_t *data, size_t size)
+        : p(data)
+        , left(size)
+    {
+    }
     bool done() const { return left == 0; }
     uint8_t byte();
     quint32 u32();
-    double real();  // any bit pattern: NaN, infinities and subnormals included
+    double real();   // any bit pattern: NaN, infinities and subnormals included
     QString text();  // up to 64 bytes as UTF-8, length first
     // One of `choices`, or a free text when the byte falls past them.
     QString oneOf(const QStringList &choices);

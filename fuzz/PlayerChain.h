@@ -14,7 +14,8 @@ inline double followSnapshot(const PlayerSourceBackend::Snapshot &s)
     const double progress = s.track.duration > 0 ? std::clamp(s.position / s.track.duration, 0.0, 1.0) : 0.0;
     std::optional<std::pair<double, double>> band;
     if (grooves.current >= 0 && grooves.current < int(grooves.bands.size()))
-        band = std::make_pair(grooves.bands[size_t(grooves.current)].outer, grooves.bands[size_t(grooves.current)].inner);
+        band =
+            std::make_pair(grooves.bands[size_t(grooves.current)].outer, grooves.bands[size_t(grooves.current)].inner);
     const TonearmMotion::Geometry g{-2.0, 18.0, 38.0, 146.0, 60.0};
     const double goal = TonearmMotion::goal(g, s.isPlaying, progress, true, band);
     TonearmMotion arm;

@@ -13,8 +13,7 @@ int main(int argc, char **argv)
     QStringList files;
     for (int i = 1; i < argc; ++i) {
         QDirIterator it(QString::fromLocal8Bit(argv[i]), QDir::Files, QDirIterator::Subdirectories);
-        while (it.hasNext())
-            files.append(it.next());
+        while (it.hasNext()) files.append(it.next());
     }
     files.sort();
     for (const QString &path : std::as_const(files)) {

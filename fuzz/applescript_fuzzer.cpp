@@ -18,7 +18,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         else
             items.append(in.value({}, 3));
     }
-    if (const auto snapshot = AppleScriptPlayerQuery::parseReply(source, items))
-        followSnapshot(*snapshot);
+    if (const auto snapshot = AppleScriptPlayerQuery::parseReply(source, items)) followSnapshot(*snapshot);
     return 0;
 }

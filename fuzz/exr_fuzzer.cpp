@@ -12,8 +12,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         const ImageDecoder::Origin origin{12.5f, -3.0f};
         ImageDecoder::cropSprite(image, origin);
         ImageDecoder::cropAdditive(image);
-        for (int channel = 0; channel < 4; ++channel)
-            ImageDecoder::cropByChannel(image, channel, origin);
+        for (int channel = 0; channel < 4; ++channel) ImageDecoder::cropByChannel(image, channel, origin);
     } catch (const ImageDecoder::Failure &) {
     }
     return 0;

@@ -16,13 +16,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     const QString root = FuzzSupport::scratch();
     QDir().mkpath(root + QStringLiteral("/history"));
     QFile file(root + QStringLiteral("/history/index.json"));
-    if (file.open(QIODevice::WriteOnly))
-        file.write(reinterpret_cast<const char *>(data), qint64(size));
+    if (file.open(QIODevice::WriteOnly)) file.write(reinterpret_cast<const char *>(data), qint64(size));
     file.close();
     // A file beside the folder that a hostile index might name.
     QFile bait(root + QStringLiteral("/bait.jpg"));
-    if (bait.open(QIODevice::WriteOnly))
-        bait.write("not a cover");
+    if (bait.open(QIODevice::WriteOnly)) bait.write("not a cover");
     bait.close();
 
     Settings settings(root + QStringLiteral("/settings.json"));
@@ -33,7 +31,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     cover.fill(Qt::darkRed);
     store.record(cover, QStringLiteral("Fuzz Album"));
     store.trim();
-    if (store.entries().size() > 3 || !QFile::exists(root + QStringLiteral("/bait.jpg")))
-        std::abort();
+    if (store.entries().size() > 3 || !QFile::exists(root + QStringLiteral("/bait.jpg"))) std::abort();
     return 0;
 }

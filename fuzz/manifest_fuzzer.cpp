@@ -11,7 +11,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     FuzzSupport::init();
     try {
-        const PlateManifest m = PlateManifest::decode(QByteArray::fromRawData(reinterpret_cast<const char *>(data), qsizetype(size)));
+        const PlateManifest m =
+            PlateManifest::decode(QByteArray::fromRawData(reinterpret_cast<const char *>(data), qsizetype(size)));
         m.presetOrder();
         // The light mix over a day, in every mode the dial offers.
         const LightMixer mixer(m);
@@ -20,8 +21,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
             const Blend blend = mixer.clockBlend(midnight.addSecs(minute * 60));
             mixer.vignette(blend);
             mixer.grain(blend);
-            for (const QString &mode : m.presetOrder())
-                mixer.modeBlend(mode, midnight.addSecs(minute * 60));
+            for (const QString &mode : m.presetOrder()) mixer.modeBlend(mode, midnight.addSecs(minute * 60));
         }
         for (const auto &[name, framing] : m.framings) {
             SceneFiles::referenced(m, name);

@@ -10,10 +10,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     FuzzSupport::init();
     QString error;
-    const auto reading = WeatherService::readAnswer(QByteArray::fromRawData(reinterpret_cast<const char *>(data), qsizetype(size)), error);
+    const auto reading = WeatherService::readAnswer(
+        QByteArray::fromRawData(reinterpret_cast<const char *>(data), qsizetype(size)), error);
     if (!reading) {
-        if (error.isEmpty())
-            std::abort();
+        if (error.isEmpty()) std::abort();
         return 0;
     }
     const WeatherService::Now now = reading->now();

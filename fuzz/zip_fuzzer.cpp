@@ -35,22 +35,18 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     std::set<std::pair<dev_t, ino_t>> files;
     while (it.hasNext()) {
         const QFileInfo info(it.next());
-        if (info.absoluteFilePath() == archive || info.absoluteFilePath() == folder)
-            continue;
-        if (!info.absoluteFilePath().startsWith(folder + QLatin1Char('/')))
-            std::abort();
+        if (info.absoluteFilePath() == archive || info.absoluteFilePath() == folder) continue;
+        if (!info.absoluteFilePath().startsWith(folder + QLatin1Char('/'))) std::abort();
         if (info.isSymLink()) {
-            if (accepted && !(info.canonicalFilePath() + QLatin1Char('/')).startsWith(canonical))
-                std::abort();
+            if (accepted && !(info.canonicalFilePath() + QLatin1Char('/')).startsWith(canonical)) std::abort();
             continue;
         }
         // Hard links share their bytes: each file counts once.
         struct stat st {};
-        if (info.isFile() && ::lstat(QFile::encodeName(info.absoluteFilePath()).constData(), &st) == 0
-            && files.insert({st.st_dev, st.st_ino}).second)
+        if (info.isFile() && ::lstat(QFile::encodeName(info.absoluteFilePath()).constData(), &st) == 0 &&
+            files.insert({st.st_dev, st.st_ino}).second)
             bytes += st.st_size;
     }
-    if (bytes > limit)
-        std::abort();
+    if (bytes > limit) std::abort();
     return 0;
 }

@@ -45,14 +45,21 @@ QByteArray render(const QVariant &value)
 QString typeName(const QVariant &v)
 {
     switch (v.typeId()) {
-    case QMetaType::Bool: return QStringLiteral("boolean");
+    case QMetaType::Bool:
+        return QStringLiteral("boolean");
     case QMetaType::Int:
-    case QMetaType::LongLong: return QStringLiteral("integer");
-    case QMetaType::Double: return QStringLiteral("float");
-    case QMetaType::QString: return QStringLiteral("string");
-    case QMetaType::QVariantMap: return QStringLiteral("dictionary");
-    case QMetaType::QVariantList: return QStringLiteral("array");
-    default: return QStringLiteral("unknown");
+    case QMetaType::LongLong:
+        return QStringLiteral("integer");
+    case QMetaType::Double:
+        return QStringLiteral("float");
+    case QMetaType::QString:
+        return QStringLiteral("string");
+    case QMetaType::QVariantMap:
+        return QStringLiteral("dictionary");
+    case QMetaType::QVariantList:
+        return QStringLiteral("array");
+    default:
+        return QStringLiteral("unknown");
     }
 }
 
@@ -60,10 +67,8 @@ std::optional<QVariant> parse(const QString &type, const QString &text)
 {
     if (type == "-bool" || type == "-boolean") {
         const QString t = text.toLower();
-        if (t == "true" || t == "yes" || t == "1")
-            return QVariant(true);
-        if (t == "false" || t == "no" || t == "0")
-            return QVariant(false);
+        if (t == "true" || t == "yes" || t == "1") return QVariant(true);
+        if (t == "false" || t == "no" || t == "0") return QVariant(false);
         return std::nullopt;
     }
     if (type == "-int" || type == "-integer") {
@@ -76,12 +81,10 @@ std::optional<QVariant> parse(const QString &type, const QString &text)
         const double d = text.toDouble(&ok);
         return ok ? std::optional<QVariant>(QVariant(d)) : std::nullopt;
     }
-    if (type == "-string")
-        return QVariant(text);
+    if (type == "-string") return QVariant(text);
     if (type == "-dict") {
         const QJsonDocument doc = QJsonDocument::fromJson(text.toUtf8());
-        if (!doc.isObject())
-            return std::nullopt;
+        if (!doc.isObject()) return std::nullopt;
         return JsonSettingsFormat::fromJson(doc.object());
     }
     return std::nullopt;
@@ -102,18 +105,15 @@ int main(int argc, char **argv)
                        "write KEY -bool|-int|-float|-string|-dict VALUE: stores a value of that type.\n"
                        "delete KEY: removes a key."),
         QStringLiteral("read [KEY] | read-type KEY | write KEY TYPE VALUE | delete KEY"));
-    const QCommandLineOption fileOption(QStringLiteral("file"),
-                                        QStringLiteral("Settings file to use instead of the app's."),
-                                        QStringLiteral("PATH"));
+    const QCommandLineOption fileOption(
+        QStringLiteral("file"), QStringLiteral("Settings file to use instead of the app's."), QStringLiteral("PATH"));
     line.parser.addOption(fileOption);
     // After the verb every word is the verb's: "-int" is a type, not an option.
     line.parser.setOptionsAfterPositionalArgumentsMode(QCommandLineParser::ParseAsPositionalArguments);
-    if (const auto status = line.parse(app.arguments()))
-        return *status;
+    if (const auto status = line.parse(app.arguments())) return *status;
     const QStringList args = line.parser.positionalArguments();
     const QString file = line.parser.value(fileOption);
-    if (args.isEmpty())
-        return usage();
+    if (args.isEmpty()) return usage();
     auto owned = file.isEmpty() ? std::make_unique<Settings>() : std::make_unique<Settings>(file);
     Settings &settings = *owned;
     const QString verb = args[0];
@@ -127,8 +127,7 @@ int main(int argc, char **argv)
     }
     if ((verb == "read" || verb == "read-type") && args.size() == 2) {
         const QVariant v = settings.value(args[1]);
-        if (!v.isValid())
-            return fail(QStringLiteral("a chave %1 não existe").arg(args[1]));
+        if (!v.isValid()) return fail(QStringLiteral("a chave %1 não existe").arg(args[1]));
         if (verb == "read")
             std::printf("%s\n", render(v).constData());
         else
@@ -137,8 +136,7 @@ int main(int argc, char **argv)
     }
     if (verb == "write" && args.size() == 4) {
         const auto value = parse(args[2], args[3]);
-        if (!value)
-            return fail(QStringLiteral("valor inválido para %1: %2").arg(args[2], args[3]));
+        if (!value) return fail(QStringLiteral("valor inválido para %1: %2").arg(args[2], args[3]));
         settings.setValue(args[1], *value);
         return 0;
     }

@@ -31,7 +31,10 @@ namespace {
 
 struct Failure : std::runtime_error {
     using std::runtime_error::runtime_error;
-    Failure(const QString &m) : std::runtime_error(m.toStdString()) {}
+    Failure(const QString &m)
+        : std::runtime_error(m.toStdString())
+    {
+    }
 };
 
 struct Packed {
@@ -45,25 +48,21 @@ Packed writePackage(const QString &folder, const QString &prefix, const QString 
 {
     QStringList names;
     QDirIterator it(folder, QDir::Files | QDir::Hidden | QDir::NoSymLinks, QDirIterator::Subdirectories);
-    while (it.hasNext())
-        names.append(QDir(folder).relativeFilePath(it.next()));
+    while (it.hasNext()) names.append(QDir(folder).relativeFilePath(it.next()));
     names.sort();
-    if (names.isEmpty())
-        throw Failure(QStringLiteral("nothing to package in %1").arg(folder));
+    if (names.isEmpty()) throw Failure(QStringLiteral("nothing to package in %1").arg(folder));
 
     const std::unique_ptr<archive, int (*)(archive *)> owned(archive_write_new(), archive_write_free);
     archive *a = owned.get();
     archive_write_set_format_zip(a);
-    if (store)
-        archive_write_set_options(a, "zip:compression=store");
+    if (store) archive_write_set_options(a, "zip:compression=store");
     if (archive_write_open_filename(a, QFile::encodeName(zipPath).constData()) != ARCHIVE_OK)
         throw Failure(QStringLiteral("cannot write %1: %2").arg(zipPath, QString::fromUtf8(archive_error_string(a))));
     Packed packed{zipPath, 0};
     QByteArray block(1 << 20, Qt::Uninitialized);
     for (const QString &name : names) {
         QFile file(folder + QLatin1Char('/') + name);
-        if (!file.open(QIODevice::ReadOnly))
-            throw Failure(QStringLiteral("cannot read %1").arg(file.fileName()));
+        if (!file.open(QIODevice::ReadOnly)) throw Failure(QStringLiteral("cannot read %1").arg(file.fileName()));
         const std::unique_ptr<archive_entry, void (*)(archive_entry *)> owned(archive_entry_new(), archive_entry_free);
         archive_entry *e = owned.get();
         archive_entry_copy_pathname(e, (prefix + name).toUtf8().constData());
@@ -72,11 +71,13 @@ Packed writePackage(const QString &folder, const QString &prefix, const QString 
         archive_entry_set_size(e, file.size());
         archive_entry_set_mtime(e, QFileInfo(file).lastModified().toSecsSinceEpoch(), 0);
         if (archive_write_header(a, e) != ARCHIVE_OK)
-            throw Failure(QStringLiteral("zip header for %1: %2").arg(name, QString::fromUtf8(archive_error_string(a))));
+            throw Failure(
+                QStringLiteral("zip header for %1: %2").arg(name, QString::fromUtf8(archive_error_string(a))));
         qint64 n;
         while ((n = file.read(block.data(), block.size())) > 0) {
             if (archive_write_data(a, block.constData(), size_t(n)) != n)
-                throw Failure(QStringLiteral("zip data for %1: %2").arg(name, QString::fromUtf8(archive_error_string(a))));
+                throw Failure(
+                    QStringLiteral("zip data for %1: %2").arg(name, QString::fromUtf8(archive_error_string(a))));
             packed.unpacked += n;
         }
     }
@@ -88,8 +89,7 @@ Packed writePackage(const QString &folder, const QString &prefix, const QString 
 QString sha256Of(const QString &path)
 {
     QFile f(path);
-    if (!f.open(QIODevice::ReadOnly))
-        throw Failure(QStringLiteral("cannot read %1").arg(path));
+    if (!f.open(QIODevice::ReadOnly)) throw Failure(QStringLiteral("cannot read %1").arg(path));
     QCryptographicHash h(QCryptographicHash::Sha256);
     h.addData(&f);
     return QString::fromLatin1(h.result().toHex());
@@ -108,15 +108,12 @@ SceneCatalog::Entry publish(const QString &folder, const QString &prefix, const 
         e.size = QFileInfo(temp).size();
         e.unpackedSize = packed.unpacked;
         e.file = stem + QLatin1Char('-') + e.sha256.left(12) + QStringLiteral(".zip");
-        if (!SceneCatalog::isSafeName(e.file))
-            throw Failure(QStringLiteral("unsafe package name %1").arg(e.file));
+        if (!SceneCatalog::isSafeName(e.file)) throw Failure(QStringLiteral("unsafe package name %1").arg(e.file));
         const QString target = outDir + QLatin1Char('/') + e.file;
         const bool existed = QFileInfo::exists(target);
         QFile::remove(target);
-        if (!QFile::rename(temp, target))
-            throw Failure(QStringLiteral("cannot rename %1 to %2").arg(temp, e.file));
-        if (!existed)
-            created.append(target);
+        if (!QFile::rename(temp, target)) throw Failure(QStringLiteral("cannot rename %1 to %2").arg(temp, e.file));
+        if (!existed) created.append(target);
         return e;
     } catch (...) {
         QFile::remove(temp);
@@ -129,19 +126,29 @@ SceneCatalog::Entry publish(const QString &folder, const QString &prefix, const 
 int main(int argc, char **argv)
 {
     QCoreApplication app(argc, argv);
-    CommandLine line(QStringLiteral("turnelo-publish"), QStringLiteral("Packages scene folders and writes the scene catalog."));
+    CommandLine line(QStringLiteral("turnelo-publish"),
+                     QStringLiteral("Packages scene folders and writes the scene catalog."));
     QCommandLineParser &parser = line.parser;
-    const QCommandLineOption out(QStringLiteral("out"), QStringLiteral("Output folder (document root)."), QStringLiteral("dir"));
-    const QCommandLineOption base(QStringLiteral("base"), QStringLiteral("Base scene folder (holds manifest.json)."), QStringLiteral("dir"));
-    const QCommandLineOption framing(QStringLiteral("framing"), QStringLiteral("Extra framing NAME=FOLDER (repeatable)."), QStringLiteral("name=dir"));
-    const QCommandLineOption id(QStringLiteral("id"), QStringLiteral("Package identifier (default: scene name)."), QStringLiteral("id"));
-    const QCommandLineOption title(QStringLiteral("title"), QStringLiteral("Scene title shown while installing."), QStringLiteral("title"));
-    const QCommandLineOption scene(QStringLiteral("scene"), QStringLiteral("Scene name tying framings to the base."), QStringLiteral("name"), QStringLiteral("room"));
-    const QCommandLineOption minVersion(QStringLiteral("min-app-version"), QStringLiteral("Lowest app version for these packages."), QStringLiteral("version"));
-    const QCommandLineOption store(QStringLiteral("store"), QStringLiteral("Store without compression (plates are compressed already)."));
+    const QCommandLineOption out(QStringLiteral("out"), QStringLiteral("Output folder (document root)."),
+                                 QStringLiteral("dir"));
+    const QCommandLineOption base(QStringLiteral("base"), QStringLiteral("Base scene folder (holds manifest.json)."),
+                                  QStringLiteral("dir"));
+    const QCommandLineOption framing(QStringLiteral("framing"),
+                                     QStringLiteral("Extra framing NAME=FOLDER (repeatable)."),
+                                     QStringLiteral("name=dir"));
+    const QCommandLineOption id(QStringLiteral("id"), QStringLiteral("Package identifier (default: scene name)."),
+                                QStringLiteral("id"));
+    const QCommandLineOption title(QStringLiteral("title"), QStringLiteral("Scene title shown while installing."),
+                                   QStringLiteral("title"));
+    const QCommandLineOption scene(QStringLiteral("scene"), QStringLiteral("Scene name tying framings to the base."),
+                                   QStringLiteral("name"), QStringLiteral("room"));
+    const QCommandLineOption minVersion(QStringLiteral("min-app-version"),
+                                        QStringLiteral("Lowest app version for these packages."),
+                                        QStringLiteral("version"));
+    const QCommandLineOption store(QStringLiteral("store"),
+                                   QStringLiteral("Store without compression (plates are compressed already)."));
     parser.addOptions({out, base, framing, id, title, scene, minVersion, store});
-    if (const auto status = line.parse(app.arguments()))
-        return *status;
+    if (const auto status = line.parse(app.arguments())) return *status;
     QTextStream err(stderr), info(stdout);
     QStringList created;
     if (!parser.isSet(out) || !parser.isSet(base)) {
@@ -152,8 +159,7 @@ int main(int argc, char **argv)
         // Absolute from here on: the package walk names files relative to the folder it walks.
         const QString baseDir = QDir(parser.value(base)).absolutePath();
         QFile manifest(baseDir + QStringLiteral("/manifest.json"));
-        if (!manifest.open(QIODevice::ReadOnly))
-            throw Failure(QStringLiteral("%1 has no manifest.json").arg(baseDir));
+        if (!manifest.open(QIODevice::ReadOnly)) throw Failure(QStringLiteral("%1 has no manifest.json").arg(baseDir));
         try {
             PlateManifest::decode(manifest.readAll());
         } catch (const std::exception &e) {
@@ -174,15 +180,15 @@ int main(int argc, char **argv)
         b.title = parser.value(title).isEmpty() ? sceneName : parser.value(title);
         b.scene = sceneName;
         b.base = true;
-        if (parser.isSet(minVersion))
-            b.minAppVersion = parser.value(minVersion);
+        if (parser.isSet(minVersion)) b.minAppVersion = parser.value(minVersion);
         catalog.scenes.append(b);
         for (const QString &entry : parser.values(framing)) {
             const QString name = entry.section(QLatin1Char('='), 0, 0), given = entry.section(QLatin1Char('='), 1);
             if (!SceneCatalog::isSafeName(name) || given.isEmpty())
                 throw Failure(QStringLiteral("bad --framing %1 (want NAME=FOLDER)").arg(entry));
             const QString folder = QDir(given).absolutePath();
-            SceneCatalog::Entry f = publish(folder, name + QLatin1Char('/'), packageId + QLatin1Char('-') + name, scenesDir, stored, created);
+            SceneCatalog::Entry f = publish(folder, name + QLatin1Char('/'), packageId + QLatin1Char('-') + name,
+                                            scenesDir, stored, created);
             f.id = packageId + QLatin1Char('-') + name;
             f.title = b.title;
             f.scene = sceneName;
@@ -192,16 +198,12 @@ int main(int argc, char **argv)
             catalog.scenes.append(f);
         }
         QSaveFile file(scenesDir + QStringLiteral("/manifest"));
-        if (!file.open(QIODevice::WriteOnly))
-            throw Failure(QStringLiteral("cannot write the catalog"));
+        if (!file.open(QIODevice::WriteOnly)) throw Failure(QStringLiteral("cannot write the catalog"));
         file.write(catalog.serialize());
-        if (!file.commit())
-            throw Failure(QStringLiteral("cannot write the catalog"));
-        for (const SceneCatalog::Entry &e : catalog.scenes)
-            info << e.file << ' ' << e.size << ' ' << e.sha256 << '\n';
+        if (!file.commit()) throw Failure(QStringLiteral("cannot write the catalog"));
+        for (const SceneCatalog::Entry &e : catalog.scenes) info << e.file << ' ' << e.size << ' ' << e.sha256 << '\n';
     } catch (const std::exception &e) {
-        for (const QString &path : created)
-            QFile::remove(path);
+        for (const QString &path : created) QFile::remove(path);
         err << "turnelo-publish: " << e.what() << '\n';
         return 1;
     }

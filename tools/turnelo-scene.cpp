@@ -22,7 +22,10 @@
 namespace {
 
 struct ToolError : std::runtime_error {
-    explicit ToolError(const QString &message) : std::runtime_error(message.toStdString()) {}
+    explicit ToolError(const QString &message)
+        : std::runtime_error(message.toStdString())
+    {
+    }
 };
 
 void print(const QJsonObject &object)
@@ -37,13 +40,12 @@ PlateManifest loadManifest(const QString &dir)
 {
     const QString root = QDir(dir).absolutePath();
     QFile file(root + QStringLiteral("/manifest.json"));
-    if (!file.open(QIODevice::ReadOnly))
-        throw ToolError(QStringLiteral("não achei ") + file.fileName());
+    if (!file.open(QIODevice::ReadOnly)) throw ToolError(QStringLiteral("não achei ") + file.fileName());
     try {
         return PlateManifest::decode(file.readAll());
     } catch (const PlateManifest::DecodeError &error) {
-        throw ToolError(QStringLiteral("Cena: manifest inválido em ") + root + QStringLiteral(": ")
-                        + QString::fromUtf8(error.what()));
+        throw ToolError(QStringLiteral("Cena: manifest inválido em ") + root + QStringLiteral(": ") +
+                        QString::fromUtf8(error.what()));
     }
 }
 
@@ -56,8 +58,7 @@ QJsonObject validate(const QString &dir)
         framings.insert(name, QJsonObject{{"size", QJsonArray{framing.size[0], framing.size[1]}},
                                           {"sections", strings(SceneFiles::sections(framing))}});
         for (const QString &file : SceneFiles::referenced(manifest, name))
-            if (!QFile::exists(QDir(dir).filePath(file)))
-                missing.append(file);
+            if (!QFile::exists(QDir(dir).filePath(file))) missing.append(file);
     }
     return {{"contract", manifest.contract},
             {"presetOrder", strings(manifest.presetOrder())},
@@ -73,8 +74,7 @@ QJsonObject blend(const QString &dir, const QString &at)
     const PlateManifest manifest = loadManifest(dir);
     const QDateTime date(QDate::currentDate(), time);
     QJsonObject weights;
-    for (const auto &[name, weight] : LightMixer(manifest).clockBlend(date))
-        weights.insert(name, weight);
+    for (const auto &[name, weight] : LightMixer(manifest).clockBlend(date)) weights.insert(name, weight);
     const auto position = LightPresets::position(manifest, date);
     return {{"blend", weights},
             {"current", LightPresets::current(manifest, QStringLiteral("auto"), date)},
@@ -85,8 +85,7 @@ QJsonObject crop(const QString &file, const QString &kind)
 {
     using namespace ImageDecoder;
     const auto rectJson = [](const auto &cropped) {
-        if (!cropped)
-            return QJsonValue(QJsonValue::Null);
+        if (!cropped) return QJsonValue(QJsonValue::Null);
         return QJsonValue(QJsonArray{cropped->rect[0], cropped->rect[1], cropped->rect[2], cropped->rect[3]});
     };
     const auto result = [&](int64_t w, int64_t h, const QJsonValue &rect) {
@@ -95,8 +94,7 @@ QJsonObject crop(const QString &file, const QString &kind)
     try {
         if (kind == "shadow" || kind == "mask") {
             const GrayImage image = decodeGray(file);
-            return result(image.width, image.height,
-                          rectJson(kind == "shadow" ? cropShadow(image) : cropMask(image)));
+            return result(image.width, image.height, rectJson(kind == "shadow" ? cropShadow(image) : cropMask(image)));
         }
         std::optional<int> channel;
         if (kind.startsWith("channel:")) {
@@ -108,8 +106,8 @@ QJsonObject crop(const QString &file, const QString &kind)
             throw ToolError(QStringLiteral("tipo de recorte desconhecido: ") + kind);
         }
         const HalfImage image = decodeEXR(file);
-        const auto cropped = channel ? cropByChannel(image, *channel)
-                                     : (kind == "sprite" ? cropSprite(image) : cropAdditive(image));
+        const auto cropped =
+            channel ? cropByChannel(image, *channel) : (kind == "sprite" ? cropSprite(image) : cropAdditive(image));
         return result(image.width, image.height, rectJson(cropped));
     } catch (const Failure &failure) {
         throw ToolError(failure.description());
@@ -118,8 +116,7 @@ QJsonObject crop(const QString &file, const QString &kind)
 
 QString required(const QCommandLineParser &parser, const QCommandLineOption &option)
 {
-    if (!parser.isSet(option))
-        throw ToolError(QStringLiteral("falta a opção --") + option.names().constFirst());
+    if (!parser.isSet(option)) throw ToolError(QStringLiteral("falta a opção --") + option.names().constFirst());
     return parser.value(option);
 }
 
@@ -129,8 +126,7 @@ int main(int argc, char **argv)
 {
     // Image codecs chatter through Qt's warnings; standard error carries only our message.
     qInstallMessageHandler([](QtMsgType type, const QMessageLogContext &, const QString &text) {
-        if (type == QtCriticalMsg || type == QtFatalMsg)
-            std::fprintf(stderr, "%s\n", qPrintable(text));
+        if (type == QtCriticalMsg || type == QtFatalMsg) std::fprintf(stderr, "%s\n", qPrintable(text));
     });
     QCoreApplication app(argc, argv);
     CommandLine line(QStringLiteral("turnelo-scene"),
@@ -142,13 +138,13 @@ int main(int argc, char **argv)
                        "blend DIR --at TIME: the clock's light blend at a local time.\n"
                        "crop FILE --kind KIND: an image's size and the rectangle its kind of crop keeps."),
         QStringLiteral("validate DIR | blend DIR --at HH:MM[:SS] | crop FILE --kind KIND"));
-    const QCommandLineOption at(QStringLiteral("at"), QStringLiteral("Local time for blend."), QStringLiteral("HH:MM[:SS]"));
+    const QCommandLineOption at(QStringLiteral("at"), QStringLiteral("Local time for blend."),
+                                QStringLiteral("HH:MM[:SS]"));
     const QCommandLineOption kind(QStringLiteral("kind"),
                                   QStringLiteral("Crop for crop: sprite, additive, shadow, mask or channel:N."),
                                   QStringLiteral("KIND"));
     line.parser.addOptions({at, kind});
-    if (const auto status = line.parse(app.arguments()))
-        return *status;
+    if (const auto status = line.parse(app.arguments())) return *status;
     const QStringList args = line.parser.positionalArguments();
     try {
         if (args.size() == 2 && args[0] == "validate")
@@ -158,9 +154,8 @@ int main(int argc, char **argv)
         else if (args.size() == 2 && args[0] == "crop")
             print(crop(args[1], required(line.parser, kind)));
         else
-            throw ToolError(QStringLiteral(
-                "usage: turnelo-scene validate DIR | blend DIR --at HH:MM[:SS] | "
-                "crop FILE --kind sprite|additive|shadow|mask|channel:N"));
+            throw ToolError(QStringLiteral("usage: turnelo-scene validate DIR | blend DIR --at HH:MM[:SS] | "
+                                           "crop FILE --kind sprite|additive|shadow|mask|channel:N"));
     } catch (const std::exception &error) {
         std::fprintf(stderr, "%s\n", error.what());
         return 1;

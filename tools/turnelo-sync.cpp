@@ -17,17 +17,21 @@
 int main(int argc, char **argv)
 {
     QCoreApplication app(argc, argv);
-    CommandLine line(QStringLiteral("turnelo-sync"), QStringLiteral("Installs or updates the scene from the content service."));
+    CommandLine line(QStringLiteral("turnelo-sync"),
+                     QStringLiteral("Installs or updates the scene from the content service."));
     QCommandLineParser &parser = line.parser;
-    const QCommandLineOption root(QStringLiteral("root"), QStringLiteral("Support folder (default: the app's)."), QStringLiteral("dir"));
-    const QCommandLineOption url(QStringLiteral("url"), QStringLiteral("Content service base URL."), QStringLiteral("url"));
-    const QCommandLineOption settingsFile(QStringLiteral("settings"), QStringLiteral("Settings file to use."), QStringLiteral("file"));
+    const QCommandLineOption root(QStringLiteral("root"), QStringLiteral("Support folder (default: the app's)."),
+                                  QStringLiteral("dir"));
+    const QCommandLineOption url(QStringLiteral("url"), QStringLiteral("Content service base URL."),
+                                 QStringLiteral("url"));
+    const QCommandLineOption settingsFile(QStringLiteral("settings"), QStringLiteral("Settings file to use."),
+                                          QStringLiteral("file"));
     parser.addOptions({root, url, settingsFile});
-    if (const auto status = line.parse(app.arguments()))
-        return *status;
+    if (const auto status = line.parse(app.arguments())) return *status;
 
-    std::unique_ptr<Settings> settings = parser.isSet(settingsFile) ? std::make_unique<Settings>(parser.value(settingsFile))
-                                                                    : std::make_unique<Settings>();
+    std::unique_ptr<Settings> settings = parser.isSet(settingsFile)
+                                             ? std::make_unique<Settings>(parser.value(settingsFile))
+                                             : std::make_unique<Settings>();
     SceneInstaller::Options options;
     options.root = parser.value(root);
     options.baseURL = parser.value(url);
@@ -39,8 +43,7 @@ int main(int argc, char **argv)
     QObject::connect(&installer, &SceneInstaller::phaseChanged, &app, [&] {
         const SceneInstaller::Phase &p = installer.phase();
         // The phase a run ends in says nothing of its outcome; runFinished does.
-        if (installer.running() && p.kind != SceneInstaller::Phase::downloading)
-            out << names[p.kind] << Qt::endl;
+        if (installer.running() && p.kind != SceneInstaller::Phase::downloading) out << names[p.kind] << Qt::endl;
     });
     QObject::connect(&installer, &SceneInstaller::runFinished, &app, [&] {
         if (installer.lastRunError().isEmpty()) {

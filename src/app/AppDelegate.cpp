@@ -41,7 +41,10 @@
 #include <QTemporaryDir>
 #include <QUrl>
 
-AppDelegate::AppDelegate(Options o, QObject *parent) : QObject(parent), options(o) {
+AppDelegate::AppDelegate(Options o, QObject *parent)
+    : QObject(parent)
+    , options(o)
+{
     settingsStore = std::make_unique<Settings>();
     state = std::make_unique<PlayerState>();
     status = std::make_unique<SceneStatus>();
@@ -49,7 +52,8 @@ AppDelegate::AppDelegate(Options o, QObject *parent) : QObject(parent), options(
     power = std::make_unique<PowerMonitor>(*settingsStore, powerSource.get());
 }
 
-AppDelegate::~AppDelegate() {
+AppDelegate::~AppDelegate()
+{
     // Views first: they hold references to everything below.
     onboardingWindow.reset();
     settingsWindow.reset();
@@ -59,19 +63,22 @@ AppDelegate::~AppDelegate() {
     monitor.reset();
 }
 
-SceneInstaller &AppDelegate::scenes() {
+SceneInstaller &AppDelegate::scenes()
+{
     if (!installer) installer = std::make_unique<SceneInstaller>(*settingsStore);
     return *installer;
 }
 
 QString AppDelegate::startupLine(const QString &version, const QString &path, const QString &language,
-                                 const QString &autostart, int screens) {
+                                 const QString &autostart, int screens)
+{
     return QStringLiteral("Turnelo ") + version + QStringLiteral(" iniciada (") + path + QStringLiteral("); idioma ") +
            (language.isEmpty() ? QStringLiteral("?") : language) + QStringLiteral("; abrir no login: ") + autostart +
            QStringLiteral("; telas: ") + QString::number(screens);
 }
 
-void AppDelegate::start() {
+void AppDelegate::start()
+{
     Log::write(startupLine(AppIdentity::version(), QCoreApplication::applicationFilePath(),
                            QLocale::system().uiLanguages().value(0), XdgAutostart::word(),
                            int(QGuiApplication::screens().size())));
@@ -164,7 +171,8 @@ void AppDelegate::start() {
     if (!settingsStore->onboardingDone()) onboarding().show(1);
 }
 
-UiServices AppDelegate::uiServices() {
+UiServices AppDelegate::uiServices()
+{
     UiServices u;
     u.settings = settingsStore.get();
     u.state = state.get();
@@ -190,22 +198,26 @@ UiServices AppDelegate::uiServices() {
     return u;
 }
 
-PopoverWindow &AppDelegate::popover() {
+PopoverWindow &AppDelegate::popover()
+{
     if (!popoverWindow) popoverWindow = std::make_unique<PopoverWindow>(uiServices());
     return *popoverWindow;
 }
 
-SettingsWindow &AppDelegate::settings() {
+SettingsWindow &AppDelegate::settings()
+{
     if (!settingsWindow) settingsWindow = std::make_unique<SettingsWindow>(uiServices());
     return *settingsWindow;
 }
 
-OnboardingWindow &AppDelegate::onboarding() {
+OnboardingWindow &AppDelegate::onboarding()
+{
     if (!onboardingWindow) onboardingWindow = std::make_unique<OnboardingWindow>(uiServices());
     return *onboardingWindow;
 }
 
-QImage AppDelegate::roomPicture(QSize size) {
+QImage AppDelegate::roomPicture(QSize size)
+{
     // The same path as "turnelo render": the installed room at this hour, as it stands now.
     const auto scene = SceneLocation::resolve();
     QTemporaryDir dir;
@@ -221,7 +233,8 @@ QImage AppDelegate::roomPicture(QSize size) {
     return QImage(o.output);
 }
 
-void AppDelegate::setShowTurntable(bool on) {
+void AppDelegate::setShowTurntable(bool on)
+{
     settingsStore->setShowTurntable(on);
     if (!desktopWindows) return;
     if (on)
@@ -230,18 +243,21 @@ void AppDelegate::setShowTurntable(bool on) {
         desktopWindows->hide();
 }
 
-void AppDelegate::setScreens(bool all) {
+void AppDelegate::setScreens(bool all)
+{
     settingsStore->setAllScreens(all);
     if (desktopWindows) desktopWindows->rebuildSurfaces();
 }
 
-void AppDelegate::reopen() {
+void AppDelegate::reopen()
+{
     Log::write(QStringLiteral("Turnelo: aberta de novo"));
     if (desktopWindows && settingsStore->showTurntable()) desktopWindows->show();
     settings().show();
 }
 
-void AppDelegate::recordHistory() {
+void AppDelegate::recordHistory()
+{
     // The playing album goes on the stack once, when its cover first arrives.
     const auto &track = state->track();
     if (!track || state->artwork().isNull() || track->album == recordedAlbum) return;

@@ -14,7 +14,8 @@
 namespace {
 
 // The main screen first (the primary one), then the others in the system's order.
-QList<QScreen *> orderedScreens() {
+QList<QScreen *> orderedScreens()
+{
     QList<QScreen *> screens = QGuiApplication::screens();
     if (QScreen *primary = QGuiApplication::primaryScreen()) {
         screens.removeAll(primary);
@@ -26,7 +27,10 @@ QList<QScreen *> orderedScreens() {
 }  // namespace
 
 DesktopWindowController::DesktopWindowController(const Services &s, Platform p, QObject *parent)
-    : QObject(parent), services(s), platform(std::move(p)) {
+    : QObject(parent)
+    , services(s)
+    , platform(std::move(p))
+{
     auto rebuild = [this] { rebuildSurfaces(); };
     connect(qGuiApp, &QGuiApplication::screenAdded, this, [this, rebuild](QScreen *screen) {
         watchScreen(screen);
@@ -37,7 +41,8 @@ DesktopWindowController::DesktopWindowController(const Services &s, Platform p, 
     for (QScreen *screen : QGuiApplication::screens()) watchScreen(screen);
 }
 
-DesktopWindowController::~DesktopWindowController() {
+DesktopWindowController::~DesktopWindowController()
+{
     watcher.reset();
     for (auto &surface : surfaces) {
         dropScene(*surface);
@@ -47,19 +52,22 @@ DesktopWindowController::~DesktopWindowController() {
     roomScene.reset();
 }
 
-void DesktopWindowController::watchScreen(QScreen *screen) {
+void DesktopWindowController::watchScreen(QScreen *screen)
+{
     connect(screen, &QScreen::geometryChanged, this, [this] { rebuildSurfaces(); });
 }
 
-void DesktopWindowController::rebuildSurfaces() {
+void DesktopWindowController::rebuildSurfaces()
+{
     QList<QScreen *> screens = orderedScreens();
     if (!services.room.settings->allScreens() && screens.size() > 1) screens = screens.mid(0, 1);
 
     // Surfaces whose screen went away: their view is torn down and their window destroyed.
     for (auto it = surfaces.begin(); it != surfaces.end();) {
         Surface &surface = **it;
-        const bool kept = std::any_of(screens.begin(), screens.end(),
-                                      [&](QScreen *s) { return s == surface.screen && s->name() == surface.screenName; });
+        const bool kept = std::any_of(screens.begin(), screens.end(), [&](QScreen *s) {
+            return s == surface.screen && s->name() == surface.screenName;
+        });
         if (kept) {
             ++it;
             continue;
@@ -96,13 +104,15 @@ void DesktopWindowController::rebuildSurfaces() {
     if (!roomScene && !deviceFailed && !surfaces.empty()) loadScene();
 }
 
-void DesktopWindowController::placeWindow(Surface &surface) {
+void DesktopWindowController::placeWindow(Surface &surface)
+{
     if (!surface.screen) return;
     surface.window->setGeometry(surface.screen->geometry());
     if (surface.fallback) surface.fallback->setGeometry(QRect(QPoint(0, 0), surface.window->size()));
 }
 
-void DesktopWindowController::show() {
+void DesktopWindowController::show()
+{
     visible = true;
     for (auto &surface : surfaces) {
         surface->window->show();
@@ -110,12 +120,14 @@ void DesktopWindowController::show() {
     }
 }
 
-void DesktopWindowController::hide() {
+void DesktopWindowController::hide()
+{
     visible = false;
     for (auto &surface : surfaces) surface->window->hide();
 }
 
-void DesktopWindowController::loadScene() {
+void DesktopWindowController::loadScene()
+{
     if (!renderer && !deviceFailed) {
         // One device for every screen, made once: a second screen shares its textures.
         renderer = SceneRenderer::create();
@@ -134,13 +146,15 @@ void DesktopWindowController::loadScene() {
     watchPlates();
 }
 
-void DesktopWindowController::roomUnavailable() {
+void DesktopWindowController::roomUnavailable()
+{
     if (!roomScene || !roomScene->services().status->problem()) return;  // a newer load got through
     roomFailed = true;
     for (auto &surface : surfaces) useFallback(*surface);
 }
 
-void DesktopWindowController::watchPlates() {
+void DesktopWindowController::watchPlates()
+{
     watcher.reset();
     QPointer<DesktopWindowController> self(this);
     watcher = std::make_unique<PlatesWatcher>([self] {
@@ -148,18 +162,21 @@ void DesktopWindowController::watchPlates() {
     });
 }
 
-void DesktopWindowController::weatherChanged(const WeatherService::Now &now) {
+void DesktopWindowController::weatherChanged(const WeatherService::Now &now)
+{
     if (roomScene) roomScene->weatherChanged(now);
 }
 
-void DesktopWindowController::dropScene(Surface &surface) {
+void DesktopWindowController::dropScene(Surface &surface)
+{
     if (surface.scene) {
         surface.scene->teardown();
         surface.scene.reset();
     }
 }
 
-void DesktopWindowController::attach(Surface &surface) {
+void DesktopWindowController::attach(Surface &surface)
+{
     if (surface.scene) return;
     if (!roomScene || roomFailed) {
         // No room yet: the first load comes; without a device or a room, the plain turntable.
@@ -170,12 +187,14 @@ void DesktopWindowController::attach(Surface &surface) {
     SceneView::Services perScreen{services.windows, services.session, services.room.clock};
     surface.scene = std::make_unique<SceneView>(*roomScene, perScreen, surface.window.get());
     if (surface.scene->failed()) {
-        Log::write(QStringLiteral("Cena indisponível: sem superfície Vulkan para a janela da tela ") + surface.screenName);
+        Log::write(QStringLiteral("Cena indisponível: sem superfície Vulkan para a janela da tela ") +
+                   surface.screenName);
         useFallback(surface);
     }
 }
 
-void DesktopWindowController::useFallback(Surface &surface) {
+void DesktopWindowController::useFallback(Surface &surface)
+{
     dropScene(surface);
     surface.fallback = std::make_unique<TurntableView>(*services.room.state, surface.window.get());
     surface.fallback->setGeometry(QRect(QPoint(0, 0), surface.window->size()));

@@ -5,7 +5,10 @@
 #include <QLocalSocket>
 #include <unistd.h>
 
-SingleInstance::SingleInstance(const QString &n, QObject *parent) : QObject(parent), name(n) {
+SingleInstance::SingleInstance(const QString &n, QObject *parent)
+    : QObject(parent)
+    , name(n)
+{
     connect(&server, &QLocalServer::newConnection, this, [this] {
         while (QLocalSocket *peer = server.nextPendingConnection()) {
             connect(peer, &QLocalSocket::readyRead, this, [this, peer] {
@@ -17,15 +20,18 @@ SingleInstance::SingleInstance(const QString &n, QObject *parent) : QObject(pare
     });
 }
 
-QString SingleInstance::defaultName() {
+QString SingleInstance::defaultName()
+{
     // One room per user, build and display: another X display is another desktop.
-    QString name = QStringLiteral("%1-%2-%3").arg(AppIdentity::appName()).arg(getuid()).arg(qEnvironmentVariable("DISPLAY"));
+    QString name =
+        QStringLiteral("%1-%2-%3").arg(AppIdentity::appName()).arg(getuid()).arg(qEnvironmentVariable("DISPLAY"));
     for (QChar &c : name)
         if (!c.isLetterOrNumber()) c = '-';
     return name.toLower();
 }
 
-bool SingleInstance::alreadyRunning() {
+bool SingleInstance::alreadyRunning()
+{
     QLocalSocket probe;
     probe.connectToServer(name);
     if (probe.waitForConnected(500)) {

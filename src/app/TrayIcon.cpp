@@ -5,7 +5,10 @@
 #include <QActionGroup>
 #include <QMenu>
 
-TrayIcon::TrayIcon(Actions a, QObject *parent) : QObject(parent), actions(std::move(a)) {
+TrayIcon::TrayIcon(Actions a, QObject *parent)
+    : QObject(parent)
+    , actions(std::move(a))
+{
     contextMenu = std::make_unique<QMenu>();
     showRoom = contextMenu->addAction(QStringLiteral("Show the turntable on the desktop"));
     showRoom->setCheckable(true);
@@ -56,7 +59,8 @@ TrayIcon::~TrayIcon() { tray.hide(); }
 
 void TrayIcon::setVisible(bool visible) { tray.setVisible(visible); }
 
-void TrayIcon::refresh() {
+void TrayIcon::refresh()
+{
     const QSignalBlocker block(showRoom);
     showRoom->setChecked(actions.roomShown && actions.roomShown());
     const bool all = actions.allDisplays && actions.allDisplays();

@@ -7,13 +7,15 @@
 // a frame complete; the reader takes and resets both figures in one locked step.
 class GPUClock {
 public:
-    void add(double seconds) {
+    void add(double seconds)
+    {
         std::lock_guard<std::mutex> lock(mutex);
         total += seconds;
         ++count;
     }
     // (seconds, completed command buffers), then both are reset.
-    std::pair<double, long long> take() {
+    std::pair<double, long long> take()
+    {
         std::lock_guard<std::mutex> lock(mutex);
         auto result = std::make_pair(total, count);
         total = 0;

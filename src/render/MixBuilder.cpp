@@ -9,7 +9,10 @@
 #include <cstring>
 
 MixBuilder::MixBuilder(std::shared_ptr<VulkanContext> ctx, Resources resources)
-    : context(std::move(ctx)), res(std::move(resources)) {}
+    : context(std::move(ctx))
+    , res(std::move(resources))
+{
+}
 
 // The device may still run a build's last pass when the renderer goes.
 MixBuilder::~MixBuilder() { vkDeviceWaitIdle(context->device); }
@@ -38,7 +41,8 @@ struct Pass {
     FramebufferHandle accumulate, result;
 };
 
-Targets allocate(VulkanContext &vk, uint32_t w, uint32_t h, VkFormat format) {
+Targets allocate(VulkanContext &vk, uint32_t w, uint32_t h, VkFormat format)
+{
     Targets t;
     try {
         t.accumulator = vk.createTexture(VK_FORMAT_R16G16B16A16_SFLOAT, w, h,
@@ -58,7 +62,8 @@ Targets allocate(VulkanContext &vk, uint32_t w, uint32_t h, VkFormat format) {
 }
 
 void prepare(VulkanContext &vk, const MixBuilder::Resources &res, const Targets &t, VkFormat format, uint32_t w,
-             uint32_t h, Pass &p) {
+             uint32_t h, Pass &p)
+{
     VkDevice device = vk.device;
     p.device = device;
     VkCommandPoolCreateInfo pci{VK_STRUCTURE_TYPE_COMMAND_POOL_CREATE_INFO};
@@ -111,14 +116,16 @@ void prepare(VulkanContext &vk, const MixBuilder::Resources &res, const Targets 
     vkCheck(vkCreateFramebuffer(device, &fbi, nullptr, p.result.out(device)), "vkCreateFramebuffer");
 }
 
-void begin(Pass &p) {
+void begin(Pass &p)
+{
     vkCheck(vkResetCommandBuffer(p.cmd, 0), "vkResetCommandBuffer");
     VkCommandBufferBeginInfo bi{VK_STRUCTURE_TYPE_COMMAND_BUFFER_BEGIN_INFO};
     bi.flags = VK_COMMAND_BUFFER_USAGE_ONE_TIME_SUBMIT_BIT;
     vkCheck(vkBeginCommandBuffer(p.cmd, &bi), "vkBeginCommandBuffer");
 }
 
-void submitAndWait(VulkanContext &vk, Pass &p) {
+void submitAndWait(VulkanContext &vk, Pass &p)
+{
     vkCheck(vkEndCommandBuffer(p.cmd), "vkEndCommandBuffer");
     VkSubmitInfo si{VK_STRUCTURE_TYPE_SUBMIT_INFO};
     si.commandBufferCount = 1;
@@ -130,7 +137,8 @@ void submitAndWait(VulkanContext &vk, Pass &p) {
 
 // Draws a full-screen triangle over `area` of the pass's target with `pipeline`, reading `set`.
 void drawPass(const MixBuilder::Resources &res, Pass &p, VkRenderPass pass, VkFramebuffer target, VkPipeline pipeline,
-              VkDescriptorSet set, const float push[4], VkRect2D area, uint32_t w, uint32_t h) {
+              VkDescriptorSet set, const float push[4], VkRect2D area, uint32_t w, uint32_t h)
+{
     VkClearValue clear{};
     VkRenderPassBeginInfo rbi{VK_STRUCTURE_TYPE_RENDER_PASS_BEGIN_INFO};
     rbi.renderPass = pass;
@@ -142,7 +150,8 @@ void drawPass(const MixBuilder::Resources &res, Pass &p, VkRenderPass pass, VkFr
     vkCmdBindPipeline(p.cmd, VK_PIPELINE_BIND_POINT_GRAPHICS, pipeline);
     vkCmdBindDescriptorSets(p.cmd, VK_PIPELINE_BIND_POINT_GRAPHICS, res.layout, 0, 1, &set, 0, nullptr);
     vkCmdPushConstants(p.cmd, res.layout, VK_SHADER_STAGE_FRAGMENT_BIT, 0, 4 * sizeof(float), push);
-    VkViewport vp{float(area.offset.x), float(area.offset.y), float(area.extent.width), float(area.extent.height), 0, 1};
+    VkViewport vp{
+        float(area.offset.x), float(area.offset.y), float(area.extent.width), float(area.extent.height), 0, 1};
     vkCmdSetViewport(p.cmd, 0, 1, &vp);
     vkCmdSetScissor(p.cmd, 0, 1, &area);
     vkCmdDraw(p.cmd, 3, 1, 0, 0);
@@ -151,7 +160,8 @@ void drawPass(const MixBuilder::Resources &res, Pass &p, VkRenderPass pass, VkFr
 
 // Adds one weighted plate into the accumulator, a band of rows at a time.
 void addPlate(VulkanContext &vk, const MixBuilder::Resources &res, Targets &t, Pass &p, const HalfImage &plate,
-              const MixBuilder::Term &term, bool first, MixBuilder::Stats &stats) {
+              const MixBuilder::Term &term, bool first, MixBuilder::Stats &stats)
+{
     constexpr uint32_t bandRows = MixBuilder::bandRows;
     const uint32_t w = uint32_t(plate.width), h = uint32_t(plate.height);
     for (uint32_t row = 0; row < h; row += bandRows) {
@@ -169,8 +179,8 @@ void addPlate(VulkanContext &vk, const MixBuilder::Resources &res, Targets &t, P
         const float push[4] = {float(term.weight[0]), float(term.weight[1]), float(term.weight[2]), float(row)};
         // The first band of the build clears the accumulator; both passes fit its framebuffer.
         drawPass(res, p, first && row == 0 ? res.clearPass : res.loadPass, p.accumulate,
-                 term.toAlpha ? res.accumulateAlpha : res.accumulate, p.bandSet, push,
-                 {{0, int32_t(row)}, {w, rows}}, w, h);
+                 term.toAlpha ? res.accumulateAlpha : res.accumulate, p.bandSet, push, {{0, int32_t(row)}, {w, rows}},
+                 w, h);
         submitAndWait(vk, p);  // the band texture is reused by the next band
         ++stats.bands;
     }
@@ -178,8 +188,9 @@ void addPlate(VulkanContext &vk, const MixBuilder::Resources &res, Targets &t, P
 
 }  // namespace
 
-TextureRef MixBuilder::build(const std::vector<Term> &terms, const QString &dir, int width, int height,
-                             VkFormat format, Stats *stats) const {
+TextureRef MixBuilder::build(const std::vector<Term> &terms, const QString &dir, int width, int height, VkFormat format,
+                             Stats *stats) const
+{
     if (width <= 0 || height <= 0 || !res.convert.count(format))
         throw std::invalid_argument(QStringLiteral("pré-mix de %1×%2 no formato %3: tamanho ou formato sem suporte")
                                         .arg(width)
@@ -201,7 +212,8 @@ TextureRef MixBuilder::build(const std::vector<Term> &terms, const QString &dir,
         const QString path = QDir(dir).filePath(term.file + QStringLiteral(".exr"));
         if (!QFileInfo::exists(path)) {
             // A deleted plate only removes its share of the light.
-            Log::write(QStringLiteral("Cena: sem ") + dirName + "/" + term.file + QStringLiteral(".exr (parcela apagada)"));
+            Log::write(QStringLiteral("Cena: sem ") + dirName + "/" + term.file +
+                       QStringLiteral(".exr (parcela apagada)"));
             continue;
         }
         // Scoped so each decoded plate is released before the next is read.
@@ -218,8 +230,7 @@ TextureRef MixBuilder::build(const std::vector<Term> &terms, const QString &dir,
         }
         ++local.termsDrawn;
     }
-    if (local.termsDrawn == 0)
-        throw ImageDecoder::Failure(QStringLiteral("nenhuma plate de luz em ") + dir);
+    if (local.termsDrawn == 0) throw ImageDecoder::Failure(QStringLiteral("nenhuma plate de luz em ") + dir);
 
     try {
         begin(pass);

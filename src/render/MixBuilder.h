@@ -23,8 +23,8 @@ public:
 
     // The fixed GPU objects of the build passes, owned by the builder.
     struct Resources {
-        SetLayoutHandle setLayout;      // binding 0: the source texture
-        PipelineLayoutHandle layout;    // plus four floats of push constants
+        SetLayoutHandle setLayout;    // binding 0: the source texture
+        PipelineLayoutHandle layout;  // plus four floats of push constants
         SamplerHandle sampler;
         RenderPassHandle clearPass;  // accumulator, cleared to 0
         RenderPassHandle loadPass;   // accumulator, kept

@@ -10,10 +10,16 @@
 #include <algorithm>
 #include <malloc.h>
 
-PresetMixes::PresetMixes(QString familyName, std::shared_ptr<MixBuilder> b, QString plateDir,
-                         const LightMixer &lights, int w, int h, VkFormat f, TermRule rule, QObject *parent)
-    : QObject(parent), name(std::move(familyName)), dir(std::move(plateDir)), width(w), height(h), format(f),
-      builder(std::move(b)) {
+PresetMixes::PresetMixes(QString familyName, std::shared_ptr<MixBuilder> b, QString plateDir, const LightMixer &lights,
+                         int w, int h, VkFormat f, TermRule rule, QObject *parent)
+    : QObject(parent)
+    , name(std::move(familyName))
+    , dir(std::move(plateDir))
+    , width(w)
+    , height(h)
+    , format(f)
+    , builder(std::move(b))
+{
     for (const auto &[preset, p] : lights.presets) {
         std::vector<MixBuilder::Term> terms;
         for (const LightMixer::Term &t : p.recipe) {
@@ -30,18 +36,21 @@ PresetMixes::PresetMixes(QString familyName, std::shared_ptr<MixBuilder> b, QStr
 
 PresetMixes::~PresetMixes() { work.waitForFinished(); }
 
-TextureRef PresetMixes::ready(const QString &preset) const {
+TextureRef PresetMixes::ready(const QString &preset) const
+{
     auto it = readyMap.find(preset);
     return it == readyMap.end() ? nullptr : it->second;
 }
 
-size_t PresetMixes::memoryBytes() const {
+size_t PresetMixes::memoryBytes() const
+{
     size_t total = 0;
     for (const auto &[preset, t] : readyMap) total += size_t(t->allocatedSize);
     return total;
 }
 
-void PresetMixes::ensure(const std::set<QString> &set) {
+void PresetMixes::ensure(const std::set<QString> &set)
+{
     // Builds report to this object's thread: asked from another, their results would be lost.
     Q_ASSERT(thread() == QThread::currentThread());
     if (wantedSetOnce && set == wantedSet) return;
@@ -68,7 +77,8 @@ void PresetMixes::ensure(const std::set<QString> &set) {
     startNext();
 }
 
-void PresetMixes::startNext() {
+void PresetMixes::startNext()
+{
     if (inFlight || waiting.empty()) return;
     const QString preset = waiting.front();
     waiting.pop_front();
@@ -91,14 +101,16 @@ void PresetMixes::startNext() {
         // Dropped by Qt when the family is gone before the result arrives.
         if (!self) return;
         QMetaObject::invokeMethod(
-            self.data(), [self, preset, outcome] {
+            self.data(),
+            [self, preset, outcome] {
                 if (self) self->finish(preset, outcome);
             },
             Qt::QueuedConnection);
     });
 }
 
-void PresetMixes::finish(const QString &preset, const Outcome &outcome) {
+void PresetMixes::finish(const QString &preset, const Outcome &outcome)
+{
     inFlight.reset();
     // A build frees several hundred megabytes of decoded plates; give them back now.
     malloc_trim(0);

@@ -5,13 +5,15 @@
 #include <cstring>
 
 OffscreenTarget::OffscreenTarget(std::shared_ptr<VulkanContext> ctx, uint32_t width, uint32_t height)
-    : context(std::move(ctx)) {
+    : context(std::move(ctx))
+{
     image = context->createTexture(VK_FORMAT_B8G8R8A8_UNORM, width, height,
                                    VK_IMAGE_USAGE_COLOR_ATTACHMENT_BIT | VK_IMAGE_USAGE_TRANSFER_SRC_BIT |
                                        VK_IMAGE_USAGE_SAMPLED_BIT);
 }
 
-OffscreenTarget::~OffscreenTarget() {
+OffscreenTarget::~OffscreenTarget()
+{
     if (!framebuffer) return;
     // A frame in flight may still draw through it; offscreen targets are rare enough to wait.
     {
@@ -21,7 +23,8 @@ OffscreenTarget::~OffscreenTarget() {
     vkDestroyFramebuffer(context->device, framebuffer, nullptr);
 }
 
-std::optional<TargetImage> OffscreenTarget::acquire() {
+std::optional<TargetImage> OffscreenTarget::acquire()
+{
     drawn = true;
     TargetImage t;
     t.image = image->image;
@@ -33,7 +36,8 @@ std::optional<TargetImage> OffscreenTarget::acquire() {
     return t;
 }
 
-QImage OffscreenTarget::readback() {
+QImage OffscreenTarget::readback()
+{
     QImage out(int(image->width), int(image->height), QImage::Format_ARGB32);
     if (!drawn) {
         out.fill(Qt::black);

@@ -13,7 +13,7 @@ struct TargetImage {
     uint32_t width = 0;
     uint32_t height = 0;
     VkImageLayout finalLayout = VK_IMAGE_LAYOUT_TRANSFER_SRC_OPTIMAL;  // layout after the pass
-    VkSemaphore acquired = VK_NULL_HANDLE;  // waited on before drawing, when set
+    VkSemaphore acquired = VK_NULL_HANDLE;                             // waited on before drawing, when set
     VkSemaphore rendered = VK_NULL_HANDLE;  // signalled when the frame's commands complete, when set
     // The target's framebuffer for this image: the renderer makes it on first use and the target
     // destroys it with the image, so a steady frame creates none. Null: one per frame.

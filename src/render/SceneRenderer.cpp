@@ -35,7 +35,8 @@ struct SceneRenderer::FrameSlot {
     void releaseFramebuffers() { framebuffers.clear(); }
 };
 
-std::unique_ptr<SceneRenderer> SceneRenderer::create(const ShaderLibrary &shaders) {
+std::unique_ptr<SceneRenderer> SceneRenderer::create(const ShaderLibrary &shaders)
+{
     std::unique_ptr<SceneRenderer> r(new SceneRenderer());
     try {
         r->build(shaders);
@@ -51,10 +52,11 @@ std::unique_ptr<SceneRenderer> SceneRenderer::create(const ShaderLibrary &shader
     return r;
 }
 
-void SceneRenderer::build(const ShaderLibrary &shaders) {
+void SceneRenderer::build(const ShaderLibrary &shaders)
+{
     context = VulkanContext::create();
-    const VkFormatFeatureFlags renderable = VK_FORMAT_FEATURE_COLOR_ATTACHMENT_BIT |
-                                            VK_FORMAT_FEATURE_SAMPLED_IMAGE_FILTER_LINEAR_BIT;
+    const VkFormatFeatureFlags renderable =
+        VK_FORMAT_FEATURE_COLOR_ATTACHMENT_BIT | VK_FORMAT_FEATURE_SAMPLED_IMAGE_FILTER_LINEAR_BIT;
     if (!context->supportsFormat(VK_FORMAT_B10G11R11_UFLOAT_PACK32, renderable))
         lightTextureFormat = VK_FORMAT_R16G16B16A16_SFLOAT;
     makeSceneLayout();
@@ -67,7 +69,8 @@ void SceneRenderer::build(const ShaderLibrary &shaders) {
     waitStages.reserve(8);
 }
 
-void SceneRenderer::makeSceneLayout() {
+void SceneRenderer::makeSceneLayout()
+{
     VkDevice device = context->device;
     *lin.out(device) = makeSampler(device, VK_FILTER_LINEAR, VK_SAMPLER_ADDRESS_MODE_CLAMP_TO_EDGE, false, 1.0f);
     const float aniso = context->properties.limits.maxSamplerAnisotropy >= 4.0f ? 4.0f : 1.0f;
@@ -108,9 +111,12 @@ void SceneRenderer::makeSceneLayout() {
     vkCheck(vkCreatePipelineLayout(device, &plci, nullptr, sceneLayout.out(device)), "vkCreatePipelineLayout");
 }
 
-void SceneRenderer::makePipelines(const ShaderLibrary &shaders) {
+void SceneRenderer::makePipelines(const ShaderLibrary &shaders)
+{
     VkDevice device = context->device;
-    const auto module = [&](const std::vector<uint32_t> &spirv) { return ShaderModuleHandle(device, makeShader(device, spirv)); };
+    const auto module = [&](const std::vector<uint32_t> &spirv) {
+        return ShaderModuleHandle(device, makeShader(device, spirv));
+    };
     const ShaderModuleHandle vert = module(shaders.fullscreen);
     const ShaderModuleHandle composited = module(shaders.composite), steamed = module(shaders.steam);
     const ShaderModuleHandle accumulated = module(shaders.accumulate), alpha = module(shaders.accumulateAlpha);
@@ -123,7 +129,8 @@ void SceneRenderer::makePipelines(const ShaderLibrary &shaders) {
 
     // The pre-mix passes: one source texture, four floats of push constants.
     MixBuilder::Resources mix;
-    *mix.sampler.out(device) = makeSampler(device, VK_FILTER_NEAREST, VK_SAMPLER_ADDRESS_MODE_CLAMP_TO_EDGE, false, 1.0f);
+    *mix.sampler.out(device) =
+        makeSampler(device, VK_FILTER_NEAREST, VK_SAMPLER_ADDRESS_MODE_CLAMP_TO_EDGE, false, 1.0f);
     VkDescriptorSetLayoutBinding src{};
     src.binding = 0;
     src.descriptorType = VK_DESCRIPTOR_TYPE_COMBINED_IMAGE_SAMPLER;
@@ -145,30 +152,31 @@ void SceneRenderer::makePipelines(const ShaderLibrary &shaders) {
     const VkFormat acc = VK_FORMAT_R16G16B16A16_SFLOAT;
     *mix.clearPass.out(device) = makeRenderPass(device, acc, VK_ATTACHMENT_LOAD_OP_CLEAR, VK_IMAGE_LAYOUT_UNDEFINED,
                                                 VK_IMAGE_LAYOUT_COLOR_ATTACHMENT_OPTIMAL);
-    *mix.loadPass.out(device) = makeRenderPass(device, acc, VK_ATTACHMENT_LOAD_OP_LOAD,
-                                               VK_IMAGE_LAYOUT_COLOR_ATTACHMENT_OPTIMAL,
-                                               VK_IMAGE_LAYOUT_COLOR_ATTACHMENT_OPTIMAL);
+    *mix.loadPass.out(device) =
+        makeRenderPass(device, acc, VK_ATTACHMENT_LOAD_OP_LOAD, VK_IMAGE_LAYOUT_COLOR_ATTACHMENT_OPTIMAL,
+                       VK_IMAGE_LAYOUT_COLOR_ATTACHMENT_OPTIMAL);
     *mix.accumulate.out(device) = makePipeline(device, mix.layout, mix.clearPass, vert, accumulated, Blend::additive);
     *mix.accumulateAlpha.out(device) = makePipeline(device, mix.layout, mix.clearPass, vert, alpha, Blend::additive);
     std::vector<VkFormat> formats{lightTextureFormat};
     if (lightTextureFormat != acc) formats.push_back(acc);
     for (VkFormat f : formats) {
-        *mix.resultPass[f].out(device) = makeRenderPass(device, f, VK_ATTACHMENT_LOAD_OP_DONT_CARE,
-                                                        VK_IMAGE_LAYOUT_UNDEFINED,
-                                                        VK_IMAGE_LAYOUT_SHADER_READ_ONLY_OPTIMAL);
+        *mix.resultPass[f].out(device) =
+            makeRenderPass(device, f, VK_ATTACHMENT_LOAD_OP_DONT_CARE, VK_IMAGE_LAYOUT_UNDEFINED,
+                           VK_IMAGE_LAYOUT_SHADER_READ_ONLY_OPTIMAL);
         *mix.convert[f].out(device) = makePipeline(device, mix.layout, mix.resultPass[f], vert, converted, Blend::none);
     }
     builder = std::make_shared<MixBuilder>(context, std::move(mix));
 }
 
-void SceneRenderer::makeFallbacks() {
+void SceneRenderer::makeFallbacks()
+{
     // Transparent black and full white.
     empty = context->createTexture(VK_FORMAT_R16G16B16A16_SFLOAT, 1, 1,
                                    VK_IMAGE_USAGE_SAMPLED_BIT | VK_IMAGE_USAGE_TRANSFER_DST_BIT);
     const uint16_t zeros[4] = {0, 0, 0, 0};
     context->upload(*empty, zeros, 8);
-    white = context->createTexture(VK_FORMAT_R8_UNORM, 1, 1,
-                                   VK_IMAGE_USAGE_SAMPLED_BIT | VK_IMAGE_USAGE_TRANSFER_DST_BIT);
+    white =
+        context->createTexture(VK_FORMAT_R8_UNORM, 1, 1, VK_IMAGE_USAGE_SAMPLED_BIT | VK_IMAGE_USAGE_TRANSFER_DST_BIT);
     const uint8_t full = 255;
     context->upload(*white, &full, 1);
 
@@ -176,7 +184,8 @@ void SceneRenderer::makeFallbacks() {
     uniformStride = (sizeof(SceneUniforms) + align - 1) / align * align;
 }
 
-void SceneRenderer::makeFrameSlots() {
+void SceneRenderer::makeFrameSlots()
+{
     VkDevice device = context->device;
     for (size_t i = 0; i < framesInFlight; ++i) {
         auto slot = std::make_unique<FrameSlot>();
@@ -199,7 +208,8 @@ void SceneRenderer::makeFrameSlots() {
         dpci.maxSets = 2;
         dpci.poolSizeCount = 3;
         dpci.pPoolSizes = sizes;
-        vkCheck(vkCreateDescriptorPool(device, &dpci, nullptr, slot->descriptors.out(device)), "vkCreateDescriptorPool");
+        vkCheck(vkCreateDescriptorPool(device, &dpci, nullptr, slot->descriptors.out(device)),
+                "vkCreateDescriptorPool");
         VkDescriptorSetLayout setLayouts[2] = {sceneSetLayout, sceneSetLayout};
         VkDescriptorSetAllocateInfo dai{VK_STRUCTURE_TYPE_DESCRIPTOR_SET_ALLOCATE_INFO};
         dai.descriptorPool = slot->descriptors;
@@ -217,14 +227,16 @@ void SceneRenderer::makeFrameSlots() {
     }
 }
 
-SceneRenderer::~SceneRenderer() {
+SceneRenderer::~SceneRenderer()
+{
     if (!context) return;
     // The handles go after this, the device last: nothing may still run on them.
     vkDeviceWaitIdle(context->device);
     frameSlots.clear();
 }
 
-VkRenderPass SceneRenderer::targetPass(VkImageLayout finalLayout) {
+VkRenderPass SceneRenderer::targetPass(VkImageLayout finalLayout)
+{
     auto it = targetPasses.find(finalLayout);
     if (it != targetPasses.end()) return it->second;
     VkRenderPass pass = makeRenderPass(context->device, VK_FORMAT_B8G8R8A8_UNORM, VK_ATTACHMENT_LOAD_OP_DONT_CARE,
@@ -233,7 +245,8 @@ VkRenderPass SceneRenderer::targetPass(VkImageLayout finalLayout) {
     return pass;
 }
 
-void SceneRenderer::harvest(FrameSlot &slot) {
+void SceneRenderer::harvest(FrameSlot &slot)
+{
     if (!slot.submitted) return;
     vkWaitForFences(context->device, 1, slot.fence.ptr(), VK_TRUE, UINT64_MAX);
     slot.submitted = false;
@@ -249,17 +262,20 @@ void SceneRenderer::harvest(FrameSlot &slot) {
     slot.releaseFramebuffers();
 }
 
-bool SceneRenderer::busy() const {
+bool SceneRenderer::busy() const
+{
     const FrameSlot &slot = *frameSlots[nextSlot];
     return slot.submitted && vkGetFenceStatus(context->device, slot.fence) == VK_NOT_READY;
 }
 
-void SceneRenderer::waitIdle() {
+void SceneRenderer::waitIdle()
+{
     for (auto &slot : frameSlots) harvest(*slot);
 }
 
 void SceneRenderer::draw(const std::optional<Pass> &base, const std::vector<Pass> &layers,
-                         const std::optional<SteamPass> &steam, const SceneTextures &textures) {
+                         const std::optional<SteamPass> &steam, const SceneTextures &textures)
+{
     if (!base && layers.empty() && !steam) return;
     VkDevice device = context->device;
     FrameSlot &slot = *frameSlots[nextSlot];

@@ -40,8 +40,8 @@ public:
     // One frame in one command buffer, submitted and presented; it finishes later (waitIdle
     // waits for it). Work submitted after it on the queue, such as copying a base into a
     // window, sees its pixels, so the caller need not wait to show a base.
-    void draw(const std::optional<Pass> &base, const std::vector<Pass> &layers,
-              const std::optional<SteamPass> &steam, const SceneTextures &textures);
+    void draw(const std::optional<Pass> &base, const std::vector<Pass> &layers, const std::optional<SteamPass> &steam,
+              const SceneTextures &textures);
     // A draw now would first wait for the device to finish an earlier frame.
     bool busy() const;
     // Waits for every submitted frame and books its GPU time.

@@ -1,6 +1,7 @@
 #include "render/SceneTextures.h"
 
-const GpuTexture *SceneTextures::slot(int s) const {
+const GpuTexture *SceneTextures::slot(int s) const
+{
     auto get = [](const TextureRef &t) { return t.get(); };
     if (s >= 0 && s <= 3) return get(mixes[s]);
     if (s == 4) return get(coverMask);

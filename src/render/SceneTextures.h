@@ -8,12 +8,12 @@
 // bound to the renderer's fallbacks: `emptySprite` (reads transparent black), `whiteMask` for
 // shadows (reads 1 = no shadow), the art itself for the labels.
 struct SceneTextures {
-    std::array<TextureRef, 4> mixes;  // 0–3
-    TextureRef coverMask;             // 4
-    TextureRef labelMask;             // 5
-    TextureRef artNew;                // 6
-    TextureRef artOld;                // 7
-    std::array<TextureRef, 4> arm;    // 8–11
+    std::array<TextureRef, 4> mixes;        // 0–3
+    TextureRef coverMask;                   // 4
+    TextureRef labelMask;                   // 5
+    TextureRef artNew;                      // 6
+    TextureRef artOld;                      // 7
+    std::array<TextureRef, 4> arm;          // 8–11
     std::array<TextureRef, 4> shadows;      // 12–15
     std::array<TextureRef, 2> fronts;       // 16–17
     std::array<TextureRef, 4> reflections;  // 18–21

@@ -12,7 +12,8 @@ using Float4 = std::array<float, 4>;
 struct Float3x3 {
     std::array<Float4, 3> columns{};  // column c holds (m[0][c], m[1][c], m[2][c], pad)
 
-    static Float3x3 identity() {
+    static Float3x3 identity()
+    {
         Float3x3 m;
         m.columns[0] = {1, 0, 0, 0};
         m.columns[1] = {0, 1, 0, 0};
@@ -20,11 +21,10 @@ struct Float3x3 {
         return m;
     }
     // From a row-major 3×3 matrix (rows[r][c]).
-    template <typename T>
-    static Float3x3 fromRows(const std::array<std::array<T, 3>, 3> &rows) {
+    template <typename T> static Float3x3 fromRows(const std::array<std::array<T, 3>, 3> &rows)
+    {
         Float3x3 m;
-        for (int c = 0; c < 3; ++c)
-            m.columns[c] = {float(rows[0][c]), float(rows[1][c]), float(rows[2][c]), 0};
+        for (int c = 0; c < 3; ++c) m.columns[c] = {float(rows[0][c]), float(rows[1][c]), float(rows[2][c]), 0};
         return m;
     }
     float at(int row, int column) const { return columns[column][row]; }

@@ -10,14 +10,15 @@
 #include "shaders/fullscreen.spv.h"
 #include "shaders/steam.spv.h"
 
-template <std::size_t N>
-static std::vector<uint32_t> words(const uint32_t (&code)[N]) {
+template <std::size_t N> static std::vector<uint32_t> words(const uint32_t (&code)[N])
+{
     return std::vector<uint32_t>(code, code + N);
 }
 
-const ShaderLibrary &ShaderLibrary::embedded() {
-    static const ShaderLibrary library{words(spirv_fullscreen), words(spirv_composite), words(spirv_steam),
-                                       words(spirv_accumulate), words(spirv_accumulateAlpha),
-                                       words(spirv_convertPlate)};
+const ShaderLibrary &ShaderLibrary::embedded()
+{
+    static const ShaderLibrary library{words(spirv_fullscreen),      words(spirv_composite),
+                                       words(spirv_steam),           words(spirv_accumulate),
+                                       words(spirv_accumulateAlpha), words(spirv_convertPlate)};
     return library;
 }

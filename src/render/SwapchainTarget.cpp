@@ -6,7 +6,10 @@
 #include <algorithm>
 
 SwapchainTarget::SwapchainTarget(std::shared_ptr<VulkanContext> ctx, VkSurfaceKHR s, uint32_t width, uint32_t height)
-    : context(std::move(ctx)), surface(s), wanted{width, height} {
+    : context(std::move(ctx))
+    , surface(s)
+    , wanted{width, height}
+{
     VkDevice device = context->device;
     VkCommandPoolCreateInfo pci{VK_STRUCTURE_TYPE_COMMAND_POOL_CREATE_INFO};
     pci.flags = VK_COMMAND_POOL_CREATE_RESET_COMMAND_BUFFER_BIT;
@@ -22,7 +25,8 @@ SwapchainTarget::SwapchainTarget(std::shared_ptr<VulkanContext> ctx, VkSurfaceKH
     vkCheck(vkCreateFence(device, &fci, nullptr, &copyFence), "vkCreateFence");
 }
 
-SwapchainTarget::~SwapchainTarget() {
+SwapchainTarget::~SwapchainTarget()
+{
     release();
     VkDevice device = context->device;
     if (swapchain) vkDestroySwapchainKHR(device, swapchain, nullptr);
@@ -30,13 +34,15 @@ SwapchainTarget::~SwapchainTarget() {
     if (copyPool) vkDestroyCommandPool(device, copyPool, nullptr);
 }
 
-void SwapchainTarget::resize(uint32_t width, uint32_t height) {
+void SwapchainTarget::resize(uint32_t width, uint32_t height)
+{
     if (width == wanted.width && height == wanted.height) return;
     wanted = {width, height};
     stale = true;
 }
 
-void SwapchainTarget::release() {
+void SwapchainTarget::release()
+{
     VkDevice device = context->device;
     {
         std::lock_guard<std::mutex> lock(context->queueMutex());
@@ -55,13 +61,16 @@ void SwapchainTarget::release() {
     current = UINT32_MAX;
 }
 
-bool SwapchainTarget::recreate() {
+bool SwapchainTarget::recreate()
+{
     VkDevice device = context->device;
     VkSurfaceCapabilitiesKHR caps{};
     if (vkGetPhysicalDeviceSurfaceCapabilitiesKHR(context->physical, surface, &caps) != VK_SUCCESS) return false;
     VkExtent2D size = caps.currentExtent.width != UINT32_MAX ? caps.currentExtent : wanted;
-    size.width = std::clamp(size.width, caps.minImageExtent.width, std::max(caps.minImageExtent.width, caps.maxImageExtent.width));
-    size.height = std::clamp(size.height, caps.minImageExtent.height, std::max(caps.minImageExtent.height, caps.maxImageExtent.height));
+    size.width = std::clamp(size.width, caps.minImageExtent.width,
+                            std::max(caps.minImageExtent.width, caps.maxImageExtent.width));
+    size.height = std::clamp(size.height, caps.minImageExtent.height,
+                             std::max(caps.minImageExtent.height, caps.maxImageExtent.height));
     if (size.width == 0 || size.height == 0) return false;  // minimised or not mapped yet
 
     VkBool32 supported = VK_FALSE;
@@ -126,7 +135,8 @@ bool SwapchainTarget::recreate() {
     return true;
 }
 
-std::optional<TargetImage> SwapchainTarget::acquire() {
+std::optional<TargetImage> SwapchainTarget::acquire()
+{
     if (stale && !recreate()) return std::nullopt;
     if (!swapchain) return std::nullopt;
     VkSemaphore sem = acquireSems[nextAcquire];
@@ -153,7 +163,8 @@ std::optional<TargetImage> SwapchainTarget::acquire() {
     return t;
 }
 
-void SwapchainTarget::present() {
+void SwapchainTarget::present()
+{
     if (current == UINT32_MAX) return;
     VkPresentInfoKHR pi{VK_STRUCTURE_TYPE_PRESENT_INFO_KHR};
     pi.waitSemaphoreCount = 1;
@@ -170,11 +181,13 @@ void SwapchainTarget::present() {
     current = UINT32_MAX;
 }
 
-bool SwapchainTarget::copyPending() const {
+bool SwapchainTarget::copyPending() const
+{
     return copyFence && vkGetFenceStatus(context->device, copyFence) == VK_NOT_READY;
 }
 
-bool SwapchainTarget::show(const GpuTexture &source, VkImageLayout layout) {
+bool SwapchainTarget::show(const GpuTexture &source, VkImageLayout layout)
+{
     if ((!canCopyInto && !stale) || copyPending()) return false;
     std::optional<TargetImage> target = acquire();
     if (!target || !canCopyInto) {

@@ -44,10 +44,10 @@ private:
     std::vector<VkImage> images;
     std::vector<VkImageView> views;
     std::vector<VkFramebuffer> framebuffers;
-    std::vector<VkSemaphore> rendered;      // one per image
-    std::vector<VkSemaphore> acquireSems;   // rotating, one more than the images
+    std::vector<VkSemaphore> rendered;     // one per image
+    std::vector<VkSemaphore> acquireSems;  // rotating, one more than the images
     size_t nextAcquire = 0;
-    uint32_t current = UINT32_MAX;          // image acquired and not yet presented
+    uint32_t current = UINT32_MAX;  // image acquired and not yet presented
     VkCommandPool copyPool = VK_NULL_HANDLE;
     VkCommandBuffer copyCmd = VK_NULL_HANDLE;
     VkFence copyFence = VK_NULL_HANDLE;

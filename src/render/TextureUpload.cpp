@@ -7,20 +7,23 @@ namespace TextureUpload {
 
 static constexpr VkImageUsageFlags sampledUpload = VK_IMAGE_USAGE_SAMPLED_BIT | VK_IMAGE_USAGE_TRANSFER_DST_BIT;
 
-TextureRef half(VulkanContext &context, const HalfImage &image) {
+TextureRef half(VulkanContext &context, const HalfImage &image)
+{
     auto t = context.createTexture(VK_FORMAT_R16G16B16A16_SFLOAT, uint32_t(image.width), uint32_t(image.height),
                                    sampledUpload);
     context.upload(*t, image.pixels.data(), 8);
     return t;
 }
 
-TextureRef gray(VulkanContext &context, const GrayImage &image) {
+TextureRef gray(VulkanContext &context, const GrayImage &image)
+{
     auto t = context.createTexture(VK_FORMAT_R8_UNORM, uint32_t(image.width), uint32_t(image.height), sampledUpload);
     context.upload(*t, image.pixels.data(), 1);
     return t;
 }
 
-static TextureRef rgba8(VulkanContext &context, const QImage &image, VkFormat format, bool mipmaps) {
+static TextureRef rgba8(VulkanContext &context, const QImage &image, VkFormat format, bool mipmaps)
+{
     QImage rgba = image.convertToFormat(QImage::Format_RGBA8888);
     const uint32_t w = uint32_t(std::max(rgba.width(), 1)), h = uint32_t(std::max(rgba.height(), 1));
     uint32_t levels = 1;
@@ -34,11 +37,13 @@ static TextureRef rgba8(VulkanContext &context, const QImage &image, VkFormat fo
     return t;
 }
 
-TextureRef art(VulkanContext &context, const QImage &image) {
+TextureRef art(VulkanContext &context, const QImage &image)
+{
     return rgba8(context, image, VK_FORMAT_R8G8B8A8_SRGB, true);
 }
 
-TextureRef map(VulkanContext &context, const QImage &image) {
+TextureRef map(VulkanContext &context, const QImage &image)
+{
     return rgba8(context, image, VK_FORMAT_R8G8B8A8_UNORM, false);
 }
 

@@ -7,7 +7,8 @@
 #include <stdexcept>
 #include <vector>
 
-GpuTexture::~GpuTexture() {
+GpuTexture::~GpuTexture()
+{
     if (!context) return;
     VkDevice device = context->device;
     if (view) vkDestroyImageView(device, view, nullptr);
@@ -18,7 +19,8 @@ GpuTexture::~GpuTexture() {
     }
 }
 
-HostBuffer::~HostBuffer() {
+HostBuffer::~HostBuffer()
+{
     if (!context) return;
     if (mapped) vkUnmapMemory(context->device, memory);
     if (buffer) vkDestroyBuffer(context->device, buffer, nullptr);
@@ -28,7 +30,8 @@ HostBuffer::~HostBuffer() {
     }
 }
 
-static bool hasExtension(const std::vector<VkExtensionProperties> &list, const char *name) {
+static bool hasExtension(const std::vector<VkExtensionProperties> &list, const char *name)
+{
     for (const auto &e : list)
         if (std::strcmp(e.extensionName, name) == 0) return true;
     return false;
@@ -36,19 +39,26 @@ static bool hasExtension(const std::vector<VkExtensionProperties> &list, const c
 
 namespace {
 
-int rank(VkPhysicalDeviceType type) {
+int rank(VkPhysicalDeviceType type)
+{
     switch (type) {
-    case VK_PHYSICAL_DEVICE_TYPE_INTEGRATED_GPU: return 0;
-    case VK_PHYSICAL_DEVICE_TYPE_DISCRETE_GPU: return 1;
-    case VK_PHYSICAL_DEVICE_TYPE_VIRTUAL_GPU: return 2;
-    case VK_PHYSICAL_DEVICE_TYPE_CPU: return 4;
-    default: return 3;
+    case VK_PHYSICAL_DEVICE_TYPE_INTEGRATED_GPU:
+        return 0;
+    case VK_PHYSICAL_DEVICE_TYPE_DISCRETE_GPU:
+        return 1;
+    case VK_PHYSICAL_DEVICE_TYPE_VIRTUAL_GPU:
+        return 2;
+    case VK_PHYSICAL_DEVICE_TYPE_CPU:
+        return 4;
+    default:
+        return 3;
     }
 }
 
 }  // namespace
 
-int VulkanContext::chooseDevice(const std::vector<std::pair<VkPhysicalDeviceType, int>> &candidates) {
+int VulkanContext::chooseDevice(const std::vector<std::pair<VkPhysicalDeviceType, int>> &candidates)
+{
     int best = -1, bestRank = 0, bestOrder = 0;
     for (const auto &[type, index] : candidates) {
         const int r = rank(type);
@@ -61,23 +71,31 @@ int VulkanContext::chooseDevice(const std::vector<std::pair<VkPhysicalDeviceType
     return best;
 }
 
-QString VulkanContext::typeName(VkPhysicalDeviceType type) {
+QString VulkanContext::typeName(VkPhysicalDeviceType type)
+{
     switch (type) {
-    case VK_PHYSICAL_DEVICE_TYPE_INTEGRATED_GPU: return QStringLiteral("integrada");
-    case VK_PHYSICAL_DEVICE_TYPE_DISCRETE_GPU: return QStringLiteral("dedicada");
-    case VK_PHYSICAL_DEVICE_TYPE_VIRTUAL_GPU: return QStringLiteral("virtual");
-    case VK_PHYSICAL_DEVICE_TYPE_CPU: return QStringLiteral("CPU");
-    default: return QStringLiteral("outro");
+    case VK_PHYSICAL_DEVICE_TYPE_INTEGRATED_GPU:
+        return QStringLiteral("integrada");
+    case VK_PHYSICAL_DEVICE_TYPE_DISCRETE_GPU:
+        return QStringLiteral("dedicada");
+    case VK_PHYSICAL_DEVICE_TYPE_VIRTUAL_GPU:
+        return QStringLiteral("virtual");
+    case VK_PHYSICAL_DEVICE_TYPE_CPU:
+        return QStringLiteral("CPU");
+    default:
+        return QStringLiteral("outro");
     }
 }
 
-std::shared_ptr<VulkanContext> VulkanContext::create() {
+std::shared_ptr<VulkanContext> VulkanContext::create()
+{
     std::shared_ptr<VulkanContext> c(new VulkanContext());
 
     uint32_t count = 0;
     vkCheck(vkEnumerateInstanceExtensionProperties(nullptr, &count, nullptr), "vkEnumerateInstanceExtensionProperties");
     std::vector<VkExtensionProperties> available(count);
-    vkCheck(vkEnumerateInstanceExtensionProperties(nullptr, &count, available.data()), "vkEnumerateInstanceExtensionProperties");
+    vkCheck(vkEnumerateInstanceExtensionProperties(nullptr, &count, available.data()),
+            "vkEnumerateInstanceExtensionProperties");
     // Window-system extensions are taken when present, so a swapchain target can be added later;
     // offscreen rendering needs none.
     std::vector<const char *> extensions;
@@ -131,9 +149,11 @@ std::shared_ptr<VulkanContext> VulkanContext::create() {
         c->timestampValidBits = families[c->queueFamily].timestampValidBits;
     }
 
-    vkCheck(vkEnumerateDeviceExtensionProperties(c->physical, nullptr, &count, nullptr), "vkEnumerateDeviceExtensionProperties");
+    vkCheck(vkEnumerateDeviceExtensionProperties(c->physical, nullptr, &count, nullptr),
+            "vkEnumerateDeviceExtensionProperties");
     std::vector<VkExtensionProperties> deviceExts(count);
-    vkCheck(vkEnumerateDeviceExtensionProperties(c->physical, nullptr, &count, deviceExts.data()), "vkEnumerateDeviceExtensionProperties");
+    vkCheck(vkEnumerateDeviceExtensionProperties(c->physical, nullptr, &count, deviceExts.data()),
+            "vkEnumerateDeviceExtensionProperties");
     std::vector<const char *> enabledDeviceExts;
     if (hasExtension(deviceExts, VK_KHR_SWAPCHAIN_EXTENSION_NAME)) {
         enabledDeviceExts.push_back(VK_KHR_SWAPCHAIN_EXTENSION_NAME);
@@ -161,7 +181,8 @@ std::shared_ptr<VulkanContext> VulkanContext::create() {
     return c;
 }
 
-VulkanContext::~VulkanContext() {
+VulkanContext::~VulkanContext()
+{
     if (device) {
         vkDeviceWaitIdle(device);
         vkDestroyDevice(device, nullptr);
@@ -171,25 +192,29 @@ VulkanContext::~VulkanContext() {
 
 QString VulkanContext::deviceName() const { return QString::fromUtf8(properties.deviceName); }
 
-VkResult VulkanContext::submit(const VkSubmitInfo &info, VkFence fence) {
+VkResult VulkanContext::submit(const VkSubmitInfo &info, VkFence fence)
+{
     std::lock_guard<std::mutex> lock(queueLock);
     return vkQueueSubmit(queue, 1, &info, fence);
 }
 
-uint32_t VulkanContext::memoryType(uint32_t typeBits, VkMemoryPropertyFlags flags) const {
+uint32_t VulkanContext::memoryType(uint32_t typeBits, VkMemoryPropertyFlags flags) const
+{
     for (uint32_t i = 0; i < memoryProperties.memoryTypeCount; ++i)
         if ((typeBits & (1u << i)) && (memoryProperties.memoryTypes[i].propertyFlags & flags) == flags) return i;
     throw VulkanError("memoryType", VK_ERROR_OUT_OF_DEVICE_MEMORY);
 }
 
-bool VulkanContext::supportsFormat(VkFormat format, VkFormatFeatureFlags features) const {
+bool VulkanContext::supportsFormat(VkFormat format, VkFormatFeatureFlags features) const
+{
     VkFormatProperties p;
     vkGetPhysicalDeviceFormatProperties(physical, format, &p);
     return (p.optimalTilingFeatures & features) == features;
 }
 
 TextureRef VulkanContext::createTexture(VkFormat format, uint32_t width, uint32_t height, VkImageUsageFlags usage,
-                                        uint32_t mipLevels) {
+                                        uint32_t mipLevels)
+{
     auto t = std::make_shared<GpuTexture>();
     t->context = shared_from_this();
     t->format = format;
@@ -226,7 +251,8 @@ TextureRef VulkanContext::createTexture(VkFormat format, uint32_t width, uint32_
     return t;
 }
 
-std::unique_ptr<HostBuffer> VulkanContext::createHostBuffer(VkDeviceSize size, VkBufferUsageFlags usage) {
+std::unique_ptr<HostBuffer> VulkanContext::createHostBuffer(VkDeviceSize size, VkBufferUsageFlags usage)
+{
     auto b = std::make_unique<HostBuffer>();
     b->context = shared_from_this();
     VkBufferCreateInfo bci{VK_STRUCTURE_TYPE_BUFFER_CREATE_INFO};
@@ -238,8 +264,8 @@ std::unique_ptr<HostBuffer> VulkanContext::createHostBuffer(VkDeviceSize size, V
     vkGetBufferMemoryRequirements(device, b->buffer, &req);
     VkMemoryAllocateInfo mai{VK_STRUCTURE_TYPE_MEMORY_ALLOCATE_INFO};
     mai.allocationSize = req.size;
-    mai.memoryTypeIndex = memoryType(req.memoryTypeBits,
-                                     VK_MEMORY_PROPERTY_HOST_VISIBLE_BIT | VK_MEMORY_PROPERTY_HOST_COHERENT_BIT);
+    mai.memoryTypeIndex =
+        memoryType(req.memoryTypeBits, VK_MEMORY_PROPERTY_HOST_VISIBLE_BIT | VK_MEMORY_PROPERTY_HOST_COHERENT_BIT);
     vkCheck(vkAllocateMemory(device, &mai, nullptr, &b->memory), "vkAllocateMemory");
     b->size = req.size;
     noteAllocated(req.size);
@@ -249,7 +275,8 @@ std::unique_ptr<HostBuffer> VulkanContext::createHostBuffer(VkDeviceSize size, V
 }
 
 void transitionImage(VkCommandBuffer cmd, VkImage image, VkImageLayout from, VkImageLayout to, uint32_t mipLevels,
-                     uint32_t baseMip) {
+                     uint32_t baseMip)
+{
     VkImageMemoryBarrier b{VK_STRUCTURE_TYPE_IMAGE_MEMORY_BARRIER};
     b.oldLayout = from;
     b.newLayout = to;
@@ -264,7 +291,8 @@ void transitionImage(VkCommandBuffer cmd, VkImage image, VkImageLayout from, VkI
                          nullptr, 1, &b);
 }
 
-void VulkanContext::runOnce(const std::function<void(VkCommandBuffer)> &record) {
+void VulkanContext::runOnce(const std::function<void(VkCommandBuffer)> &record)
+{
     VkCommandPool pool = VK_NULL_HANDLE;
     VkCommandPoolCreateInfo pci{VK_STRUCTURE_TYPE_COMMAND_POOL_CREATE_INFO};
     pci.flags = VK_COMMAND_POOL_CREATE_TRANSIENT_BIT;
@@ -301,7 +329,8 @@ void VulkanContext::runOnce(const std::function<void(VkCommandBuffer)> &record) 
     cleanup();
 }
 
-void VulkanContext::upload(GpuTexture &texture, const void *pixels, size_t bytesPerPixel) {
+void VulkanContext::upload(GpuTexture &texture, const void *pixels, size_t bytesPerPixel)
+{
     const VkDeviceSize bytes = VkDeviceSize(texture.width) * texture.height * bytesPerPixel;
     auto staging = createHostBuffer(bytes, VK_BUFFER_USAGE_TRANSFER_SRC_BIT);
     std::memcpy(staging->mapped, pixels, size_t(bytes));

@@ -110,5 +110,5 @@ private:
 };
 
 // Image layout transition of all mip levels of a colour image.
-void transitionImage(VkCommandBuffer cmd, VkImage image, VkImageLayout from, VkImageLayout to,
-                     uint32_t mipLevels = 1, uint32_t baseMip = 0);
+void transitionImage(VkCommandBuffer cmd, VkImage image, VkImageLayout from, VkImageLayout to, uint32_t mipLevels = 1,
+                     uint32_t baseMip = 0);

@@ -7,15 +7,22 @@
 // One Vulkan object of a device and the call that destroys it, owned: released when the owner
 // goes (members in reverse order of declaration), so a failed step of a build leaks nothing and
 // no destroy list is written by hand. The device must outlive it.
-template <typename T, void (*Destroy)(VkDevice, T, const VkAllocationCallbacks *)>
-class VulkanHandle {
+template <typename T, void (*Destroy)(VkDevice, T, const VkAllocationCallbacks *)> class VulkanHandle {
 public:
     VulkanHandle() = default;
-    VulkanHandle(VkDevice device, T handle) : device(device), handle(handle) {}
+    VulkanHandle(VkDevice device, T handle)
+        : device(device)
+        , handle(handle)
+    {
+    }
     ~VulkanHandle() { reset(); }
     VulkanHandle(VulkanHandle &&other) noexcept
-        : device(other.device), handle(std::exchange(other.handle, T(VK_NULL_HANDLE))) {}
-    VulkanHandle &operator=(VulkanHandle &&other) noexcept {
+        : device(other.device)
+        , handle(std::exchange(other.handle, T(VK_NULL_HANDLE)))
+    {
+    }
+    VulkanHandle &operator=(VulkanHandle &&other) noexcept
+    {
         if (this != &other) {
             reset();
             device = other.device;
@@ -27,12 +34,14 @@ public:
     VulkanHandle &operator=(const VulkanHandle &) = delete;
 
     // For a vkCreate… call: drops what is held and hands out the slot for the new object.
-    T *out(VkDevice owner) {
+    T *out(VkDevice owner)
+    {
         reset();
         device = owner;
         return &handle;
     }
-    void reset() {
+    void reset()
+    {
         if (handle != T(VK_NULL_HANDLE)) Destroy(device, handle, nullptr);
         handle = T(VK_NULL_HANDLE);
     }

@@ -5,7 +5,8 @@
 namespace VulkanPipelines {
 
 VkRenderPass makeRenderPass(VkDevice device, VkFormat format, VkAttachmentLoadOp load, VkImageLayout initial,
-                            VkImageLayout final) {
+                            VkImageLayout final)
+{
     VkAttachmentDescription att{};
     att.format = format;
     att.samples = VK_SAMPLE_COUNT_1_BIT;
@@ -29,8 +30,8 @@ VkRenderPass makeRenderPass(VkDevice device, VkFormat format, VkAttachmentLoadOp
                            VK_PIPELINE_STAGE_FRAGMENT_SHADER_BIT;
     deps[0].dstStageMask = VK_PIPELINE_STAGE_COLOR_ATTACHMENT_OUTPUT_BIT | VK_PIPELINE_STAGE_FRAGMENT_SHADER_BIT;
     deps[0].srcAccessMask = VK_ACCESS_COLOR_ATTACHMENT_WRITE_BIT | VK_ACCESS_TRANSFER_WRITE_BIT;
-    deps[0].dstAccessMask = VK_ACCESS_COLOR_ATTACHMENT_WRITE_BIT | VK_ACCESS_COLOR_ATTACHMENT_READ_BIT |
-                            VK_ACCESS_SHADER_READ_BIT;
+    deps[0].dstAccessMask =
+        VK_ACCESS_COLOR_ATTACHMENT_WRITE_BIT | VK_ACCESS_COLOR_ATTACHMENT_READ_BIT | VK_ACCESS_SHADER_READ_BIT;
     deps[1].srcSubpass = 0;
     deps[1].dstSubpass = VK_SUBPASS_EXTERNAL;
     deps[1].srcStageMask = VK_PIPELINE_STAGE_COLOR_ATTACHMENT_OUTPUT_BIT;
@@ -51,10 +52,12 @@ VkRenderPass makeRenderPass(VkDevice device, VkFormat format, VkAttachmentLoadOp
     return pass;
 }
 
-VkShaderModule makeShader(VkDevice device, const std::vector<uint32_t> &spirv) {
+VkShaderModule makeShader(VkDevice device, const std::vector<uint32_t> &spirv)
+{
     // Drivers are not required to validate SPIR-V; a module that is not SPIR-V at all is refused
     // here rather than handed to the compiler.
-    if (spirv.size() < 5 || spirv[0] != 0x07230203u) throw VulkanError("vkCreateShaderModule", VK_ERROR_INVALID_SHADER_NV);
+    if (spirv.size() < 5 || spirv[0] != 0x07230203u)
+        throw VulkanError("vkCreateShaderModule", VK_ERROR_INVALID_SHADER_NV);
     VkShaderModuleCreateInfo ci{VK_STRUCTURE_TYPE_SHADER_MODULE_CREATE_INFO};
     ci.codeSize = spirv.size() * sizeof(uint32_t);
     ci.pCode = spirv.data();
@@ -64,7 +67,8 @@ VkShaderModule makeShader(VkDevice device, const std::vector<uint32_t> &spirv) {
 }
 
 VkPipeline makePipeline(VkDevice device, VkPipelineLayout layout, VkRenderPass pass, VkShaderModule vertex,
-                        VkShaderModule fragment, Blend blendMode) {
+                        VkShaderModule fragment, Blend blendMode)
+{
     VkPipelineShaderStageCreateInfo stages[2]{};
     stages[0].sType = VK_STRUCTURE_TYPE_PIPELINE_SHADER_STAGE_CREATE_INFO;
     stages[0].stage = VK_SHADER_STAGE_VERTEX_BIT;
@@ -88,8 +92,8 @@ VkPipeline makePipeline(VkDevice device, VkPipelineLayout layout, VkRenderPass p
     VkPipelineMultisampleStateCreateInfo ms{VK_STRUCTURE_TYPE_PIPELINE_MULTISAMPLE_STATE_CREATE_INFO};
     ms.rasterizationSamples = VK_SAMPLE_COUNT_1_BIT;
     VkPipelineColorBlendAttachmentState blend{};
-    blend.colorWriteMask = VK_COLOR_COMPONENT_R_BIT | VK_COLOR_COMPONENT_G_BIT | VK_COLOR_COMPONENT_B_BIT |
-                           VK_COLOR_COMPONENT_A_BIT;
+    blend.colorWriteMask =
+        VK_COLOR_COMPONENT_R_BIT | VK_COLOR_COMPONENT_G_BIT | VK_COLOR_COMPONENT_B_BIT | VK_COLOR_COMPONENT_A_BIT;
     if (blendMode != Blend::none) {
         const VkBlendFactor dst =
             blendMode == Blend::additive ? VK_BLEND_FACTOR_ONE : VK_BLEND_FACTOR_ONE_MINUS_SRC_ALPHA;
@@ -125,7 +129,8 @@ VkPipeline makePipeline(VkDevice device, VkPipelineLayout layout, VkRenderPass p
     return pipeline;
 }
 
-VkSampler makeSampler(VkDevice device, VkFilter filter, VkSamplerAddressMode address, bool mipmaps, float anisotropy) {
+VkSampler makeSampler(VkDevice device, VkFilter filter, VkSamplerAddressMode address, bool mipmaps, float anisotropy)
+{
     VkSamplerCreateInfo ci{VK_STRUCTURE_TYPE_SAMPLER_CREATE_INFO};
     ci.magFilter = filter;
     ci.minFilter = filter;

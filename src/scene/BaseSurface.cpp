@@ -5,7 +5,10 @@
 #include <stdexcept>
 
 BaseSurface::BaseSurface(std::shared_ptr<VulkanContext> ctx, SwapchainTarget *w, QObject *parent)
-    : QObject(parent), context(std::move(ctx)), window(w) {
+    : QObject(parent)
+    , context(std::move(ctx))
+    , window(w)
+{
     releaseTimer.setSingleShot(true);
     releaseTimer.setInterval(releaseAfterMs);
     connect(&releaseTimer, &QTimer::timeout, this, [this] { spare.reset(); });
@@ -13,7 +16,8 @@ BaseSurface::BaseSurface(std::shared_ptr<VulkanContext> ctx, SwapchainTarget *w,
 
 BaseSurface::~BaseSurface() = default;
 
-OffscreenTarget *BaseSurface::nextTarget(uint32_t width, uint32_t height) {
+OffscreenTarget *BaseSurface::nextTarget(uint32_t width, uint32_t height)
+{
     if (shown && (shown->width() != width || shown->height() != height)) {
         shown.reset();
         spare.reset();
@@ -29,21 +33,24 @@ OffscreenTarget *BaseSurface::nextTarget(uint32_t width, uint32_t height) {
     return spare.get();
 }
 
-bool BaseSurface::present() {
+bool BaseSurface::present()
+{
     if (!spare) return false;
     std::swap(shown, spare);
     releaseTimer.start();
     return reshow();
 }
 
-bool BaseSurface::reshow() {
+bool BaseSurface::reshow()
+{
     if (!shown || !window) return false;
     return window->show(*shown->texture(), VK_IMAGE_LAYOUT_TRANSFER_SRC_OPTIMAL);
 }
 
 bool BaseSurface::canPresent() const { return window && !window->copyPending(); }
 
-size_t BaseSurface::memoryBytes() const {
+size_t BaseSurface::memoryBytes() const
+{
     size_t bytes = 0;
     for (const auto *t : {shown.get(), spare.get()})
         if (t) bytes += size_t(t->texture()->allocatedSize);

@@ -9,7 +9,10 @@
 #include <QWindow>
 #include <cmath>
 
-LayerStack::LayerStack(SceneRenderer &r, QWindow *hostWindow) : renderer(r), host(hostWindow) {
+LayerStack::LayerStack(SceneRenderer &r, QWindow *hostWindow)
+    : renderer(r)
+    , host(hostWindow)
+{
     // The device's instance, wrapped so that Qt makes the windows' surfaces on it.
     const auto &vk = renderer.vulkan();
     vulkan = std::make_unique<QVulkanInstance>();
@@ -28,7 +31,8 @@ LayerStack::LayerStack(SceneRenderer &r, QWindow *hostWindow) : renderer(r), hos
     base = std::make_unique<BaseSurface>(vk, baseTarget.get());
 }
 
-LayerStack::~LayerStack() {
+LayerStack::~LayerStack()
+{
     renderer.waitIdle();
     base.reset();
     for (Slot &slot : layerSlots) drop(slot);
@@ -36,24 +40,28 @@ LayerStack::~LayerStack() {
     baseWindow.reset();
 }
 
-void LayerStack::resize(const QSize &pixels) {
+void LayerStack::resize(const QSize &pixels)
+{
     if (!host || !baseWindow) return;
     baseWindow->setGeometry(QRect(QPoint(0, 0), host->size()));
     if (baseTarget) baseTarget->resize(uint32_t(pixels.width()), uint32_t(pixels.height()));
 }
 
-void LayerStack::drop(Slot &slot) {
+void LayerStack::drop(Slot &slot)
+{
     if (slot.target || slot.window) renderer.waitIdle();
     slot.target.reset();
     slot.window.reset();
     slot.rect = QRect();
 }
 
-void LayerStack::clear() {
+void LayerStack::clear()
+{
     for (Slot &slot : layerSlots) drop(slot);
 }
 
-void LayerStack::place(Layer layer, const QRect &wanted) {
+void LayerStack::place(Layer layer, const QRect &wanted)
+{
     Slot &slot = layerSlots[size_t(layer)];
     if (wanted == slot.rect && (wanted.isEmpty() || slot.window)) return;
     if (wanted.isEmpty() || !host || !baseWindow) {
@@ -84,7 +92,8 @@ void LayerStack::place(Layer layer, const QRect &wanted) {
                                                     uint32_t(wanted.height()));
 }
 
-void LayerStack::showDrawn() {
+void LayerStack::showDrawn()
+{
     for (Slot &slot : layerSlots)
         if (slot.window && slot.target && !slot.window->isVisible()) slot.window->show();
 }

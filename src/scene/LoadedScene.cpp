@@ -14,7 +14,8 @@ namespace {
 
 Float4 rectOf(const std::array<float, 4> &r) { return {r[0], r[1], r[2], r[3]}; }
 
-void grow(std::array<double, 4> &box, double x0, double y0, double x1, double y1) {
+void grow(std::array<double, 4> &box, double x0, double y0, double x1, double y1)
+{
     box[0] = std::min(box[0], x0);
     box[1] = std::min(box[1], y0);
     box[2] = std::max(box[2], x1);
@@ -23,7 +24,8 @@ void grow(std::array<double, 4> &box, double x0, double y0, double x1, double y1
 
 }  // namespace
 
-QStringList SceneAssembly::sortedFramings(const PlateManifest &manifest) {
+QStringList SceneAssembly::sortedFramings(const PlateManifest &manifest)
+{
     static const QStringList preferred{"wide", "mid", "close", "top"};
     QStringList names;
     for (const auto &[name, f] : manifest.framings) names << name;
@@ -36,13 +38,13 @@ QStringList SceneAssembly::sortedFramings(const PlateManifest &manifest) {
     return names;
 }
 
-std::variant<std::unique_ptr<LoadedScene>, QString> SceneAssembly::load(
-    SceneRenderer &renderer, const QString &sceneRoot, const PlateManifest &manifest, const QString &framingName,
-    std::function<void(const QString &)> onPresetReady) {
+std::variant<std::unique_ptr<LoadedScene>, QString>
+SceneAssembly::load(SceneRenderer &renderer, const QString &sceneRoot, const PlateManifest &manifest,
+                    const QString &framingName, std::function<void(const QString &)> onPresetReady)
+{
     if (manifest.framings.empty()) return QStringLiteral("manifest sem enquadramentos");
     // A framing the scene lacks (a stale setting, another scene's name) gives the preferred one.
-    const QString name =
-        manifest.framings.count(framingName) ? framingName : sortedFramings(manifest).first();
+    const QString name = manifest.framings.count(framingName) ? framingName : sortedFramings(manifest).first();
     auto s = std::make_unique<LoadedScene>();
     s->framingName = name;
     s->framing = manifest.framings.at(name);
@@ -54,8 +56,8 @@ std::variant<std::unique_ptr<LoadedScene>, QString> SceneAssembly::load(
     s->lights = LightMixer(manifest);
     auto &vk = *renderer.vulkan();
 
-    s->mixes = std::make_unique<PresetMixes>("luz", renderer.mixBuilder(), QDir(dir).filePath("light"), s->lights, w,
-                                             h, renderer.lightFormat(), PresetMixes::TermRule::asIs);
+    s->mixes = std::make_unique<PresetMixes>("luz", renderer.mixBuilder(), QDir(dir).filePath("light"), s->lights, w, h,
+                                             renderer.lightFormat(), PresetMixes::TermRule::asIs);
     s->mixes->onReady = [onPresetReady](const QString &p) {
         if (onPresetReady) onPresetReady(p);
     };
@@ -78,8 +80,7 @@ std::variant<std::unique_ptr<LoadedScene>, QString> SceneAssembly::load(
     if (auto m = discFromPlate(f.label.corners)) s->labelInv = *m;
 
     // Front layers: every ".exr" of "front/", at most two, in name order.
-    const QStringList frontFiles =
-        QDir(QDir(dir).filePath("front")).entryList({"*.exr"}, QDir::Files, QDir::Name);
+    const QStringList frontFiles = QDir(QDir(dir).filePath("front")).entryList({"*.exr"}, QDir::Files, QDir::Name);
     for (const QString &name : frontFiles) {
         if (s->fronts.size() == 2) break;
         try {
@@ -91,8 +92,8 @@ std::variant<std::unique_ptr<LoadedScene>, QString> SceneAssembly::load(
     }
 
     if (f.tonearm)
-        s->sprites = std::make_unique<TonearmSprites>(*f.tonearm, f.camera, renderer.vulkan(),
-                                                      QDir(dir).filePath("tonearm"));
+        s->sprites =
+            std::make_unique<TonearmSprites>(*f.tonearm, f.camera, renderer.vulkan(), QDir(dir).filePath("tonearm"));
 
     if (manifest.tonemap) {
         s->contrast = manifest.tonemap->contrast.value_or(s->contrast);
@@ -153,13 +154,15 @@ std::variant<std::unique_ptr<LoadedScene>, QString> SceneAssembly::load(
     return s;
 }
 
-void LoadedScene::moveToThread(QThread *thread) {
+void LoadedScene::moveToThread(QThread *thread)
+{
     if (mixes) mixes->moveToThread(thread);
     if (sprites) sprites->moveToThread(thread);
     if (effects) effects->moveToThreadWithFamilies(thread);
 }
 
-std::set<QString> LoadedScene::missingMixes(const Blend &blend) const {
+std::set<QString> LoadedScene::missingMixes(const Blend &blend) const
+{
     std::set<QString> missing;
     for (const auto &[p, w] : blend)
         if (!mixes->ready(p)) missing.insert(p);
@@ -167,7 +170,8 @@ std::set<QString> LoadedScene::missingMixes(const Blend &blend) const {
 }
 
 void LoadedScene::fillStatic(SceneUniforms &u, SceneTextures &t, const Mat3 &screenToPlate, const Float4 &origin,
-                             const Blend &blend) const {
+                             const Blend &blend) const
+{
     u.screenToPlate = toUniform(screenToPlate);
     u.coverInv = toUniform(coverInv);
     u.labelInv = toUniform(labelInv);

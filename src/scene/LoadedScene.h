@@ -44,8 +44,8 @@ struct LoadedScene {
     // The uniforms and textures that do not depend on motion: matrices, tone, light of the
     // blend (the ready pre-mixes, strongest first, their weights scaled to the blend's total),
     // masks and front layers.
-    void fillStatic(SceneUniforms &u, SceneTextures &t, const PlateGeometry::Mat3 &screenToPlate,
-                    const Float4 &origin, const Blend &blend) const;
+    void fillStatic(SceneUniforms &u, SceneTextures &t, const PlateGeometry::Mat3 &screenToPlate, const Float4 &origin,
+                    const Blend &blend) const;
     // Hands the scene's thread-bound objects (families, sprites, effects) to `thread`. A scene is
     // assembled off the main thread and handed back with this before it is used.
     void moveToThread(QThread *thread);

@@ -22,7 +22,8 @@ namespace OfflineRender {
 namespace {
 
 // A cover file, or a null image (logged when the file was named but unreadable).
-QImage readCover(const QString &path) {
+QImage readCover(const QString &path)
+{
     if (path.isEmpty()) return {};
     QImage image(path);
     if (image.isNull()) Log::write(QStringLiteral("Cena: capa ilegível: ") + path);
@@ -30,7 +31,8 @@ QImage readCover(const QString &path) {
 }
 
 // Runs the event loop until `done` or the time limit.
-bool pump(const std::function<bool()> &done, int limitMs) {
+bool pump(const std::function<bool()> &done, int limitMs)
+{
     QElapsedTimer timer;
     timer.start();
     while (!done()) {
@@ -40,7 +42,8 @@ bool pump(const std::function<bool()> &done, int limitMs) {
     return true;
 }
 
-std::set<QString> keysOf(const Blend &b) {
+std::set<QString> keysOf(const Blend &b)
+{
     std::set<QString> s;
     for (const auto &[k, w] : b) s.insert(k);
     return s;
@@ -48,7 +51,8 @@ std::set<QString> keysOf(const Blend &b) {
 
 }  // namespace
 
-QString render(const Options &o) {
+QString render(const Options &o)
+{
     auto fail = [](const QString &why) {
         Log::write(QStringLiteral("Cena: render falhou: ") + why);
         return why;
@@ -98,14 +102,12 @@ QString render(const Options &o) {
     fx.setSwitches(sw, false);
     fx.setRain(o.rain);
     if (scene.framing.record)
-        fx.setGrooves(RecordGrooves::forTrack(track, scene.framing.record->grooveOuterMm,
-                                              scene.framing.record->grooveInnerMm));
+        fx.setGrooves(
+            RecordGrooves::forTrack(track, scene.framing.record->grooveOuterMm, scene.framing.record->grooveInnerMm));
 
     scene.mixes->ensure(wanted);
     fx.ensure(wanted);
-    if (!pump([&] {
-            return !scene.mixes->building() && scene.mixes->queue().empty() && !fx.building();
-        }, 600000))
+    if (!pump([&] { return !scene.mixes->building() && scene.mixes->queue().empty() && !fx.building(); }, 600000))
         return fail(QStringLiteral("pré-mix não terminou"));
     if (scene.missingMixes(blend).size() == wanted.size()) return fail(QStringLiteral("nenhum pré-mix de luz"));
 
@@ -124,8 +126,7 @@ QString render(const Options &o) {
     // sits at its goal.
     RecordSpin spin;
     if (o.playing) spin.set(true, o.mediaTime - 60);
-    const double goal =
-        SceneFrame::armGoal(scene, o.playing, o.duration > 0 ? o.position / o.duration : 0, o.fxRecord);
+    const double goal = SceneFrame::armGoal(scene, o.playing, o.duration > 0 ? o.position / o.duration : 0, o.fxRecord);
     if (scene.sprites) scene.sprites->ensureNow(wanted, goal, goal);
 
     // Uniforms for the whole screen, through the same path as the desktop's frames.
@@ -151,7 +152,8 @@ QString render(const Options &o) {
         if (const auto region = SceneFrame::steamRect(scene)) {
             // Half resolution over the room, as a translucent layer would be.
             steamTarget.emplace(vk, uint32_t((o.width + 1) / 2), uint32_t((o.height + 1) / 2));
-            steamPass = SceneRenderer::SteamPass{&*steamTarget, SceneFrame::steam(u, *region, {0, 0, 2, 0}, o.mediaTime)};
+            steamPass =
+                SceneRenderer::SteamPass{&*steamTarget, SceneFrame::steam(u, *region, {0, 0, 2, 0}, o.mediaTime)};
         }
     renderer->draw(SceneRenderer::Pass{&target, u}, {}, steamPass, t);
     renderer->waitIdle();

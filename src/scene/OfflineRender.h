@@ -23,7 +23,7 @@ struct Options {
     QString album, artist, title;
     int trackNumber = 0, trackCount = 0;
     double duration = 0, position = 0;
-    QString coverImage;  // empty: the placeholder cover
+    QString coverImage;       // empty: the placeholder cover
     QString stackCoverImage;  // an album played before; empty: the placeholder cover
     // Effects.
     double rain = 0;  // 0…1

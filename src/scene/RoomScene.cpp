@@ -21,7 +21,8 @@ namespace {
 
 int megabytes(size_t bytes) { return int(bytes / (1024 * 1024)); }
 
-QString blendText(const Blend &blend) {
+QString blendText(const Blend &blend)
+{
     QStringList parts;
     for (const auto &[preset, weight] : blend) parts << QStringLiteral("%1 %2").arg(preset).arg(weight, 0, 'f', 2);
     return parts.join(QStringLiteral(", "));
@@ -30,7 +31,10 @@ QString blendText(const Blend &blend) {
 }  // namespace
 
 RoomScene::RoomScene(const Services &services, std::shared_ptr<SceneRenderer> r, QObject *parent)
-    : QObject(parent), s(services), gpu(std::move(r)) {
+    : QObject(parent)
+    , s(services)
+    , gpu(std::move(r))
+{
     Settings &settings = *s.settings;
     fps = settings.fps();
     motionBlur = settings.labelMotionBlur().value_or(true);
@@ -40,9 +44,8 @@ RoomScene::RoomScene(const Services &services, std::shared_ptr<SceneRenderer> r,
     ecoOn = s.power->ecoActive();
 
     auto vk = gpu->vulkan();
-    cover = std::make_unique<CoverArt>([vk](const QImage &rgba) -> CoverArt::Texture {
-        return TextureUpload::art(*vk, rgba);
-    });
+    cover = std::make_unique<CoverArt>(
+        [vk](const QImage &rgba) -> CoverArt::Texture { return TextureUpload::art(*vk, rgba); });
 
     loader = std::make_unique<SceneLoader>(*gpu, *s.status, settings);
     loader->onLoaded = [this](std::unique_ptr<LoadedScene> scene, const QString &root, double seconds) {
@@ -70,7 +73,8 @@ RoomScene::RoomScene(const Services &services, std::shared_ptr<SceneRenderer> r,
     if (s.history) observations.push_back(connect(s.history, &HistoryStore::changed, this, &RoomScene::historyChanged));
 }
 
-RoomScene::~RoomScene() {
+RoomScene::~RoomScene()
+{
     clockTimer.stop();
     for (const auto &c : observations) disconnect(c);
     loader.reset();  // waits for an assembly in flight
@@ -80,7 +84,8 @@ RoomScene::~RoomScene() {
 
 void RoomScene::load() { loader->load(); }
 
-void RoomScene::fail(const SceneStatus::Problem &problem) {
+void RoomScene::fail(const SceneStatus::Problem &problem)
+{
     Log::write(QStringLiteral("Cena indisponível: ") + problem.detail);
     s.status->setProblem(problem);
     emit unavailable(problem);
@@ -88,7 +93,8 @@ void RoomScene::fail(const SceneStatus::Problem &problem) {
 
 void RoomScene::touch() { ++changes; }
 
-void RoomScene::finishLoad(std::unique_ptr<LoadedScene> scene, const QString &root, double seconds) {
+void RoomScene::finishLoad(std::unique_ptr<LoadedScene> scene, const QString &root, double seconds)
+{
     // The old framing stayed on screen while the new one was assembled; it goes now.
     gpu->waitIdle();
     loaded = std::move(scene);
@@ -153,7 +159,8 @@ void RoomScene::finishLoad(std::unique_ptr<LoadedScene> scene, const QString &ro
     presetReady();
 }
 
-QImage RoomScene::debugArt() const {
+QImage RoomScene::debugArt() const
+{
     if (const auto path = s.settings->debugCoverArt()) {
         QImage image(*path);
         if (!image.isNull()) return image;
@@ -161,13 +168,15 @@ QImage RoomScene::debugArt() const {
     return s.state->artwork();
 }
 
-QImage RoomScene::debugLabel() const {
+QImage RoomScene::debugLabel() const
+{
     // A developer's label lies beside the developer's cover.
     const auto path = s.settings->debugCoverArt();
     return path ? QImage(QFileInfo(*path).dir().filePath(QStringLiteral("rotulo.png"))) : QImage();
 }
 
-void RoomScene::ensurePresets() {
+void RoomScene::ensurePresets()
+{
     if (!loaded) return;
     const QStringList presets = loaded->lights.wantedPresets(s.settings->lightPreset(), QDateTime::currentDateTime());
     std::set<QString> wanted(presets.begin(), presets.end());
@@ -175,7 +184,8 @@ void RoomScene::ensurePresets() {
     loaded->effects->ensure(wanted);
 }
 
-void RoomScene::settleLight() {
+void RoomScene::settleLight()
+{
     if (!loaded) return;
     const LoadedScene &scene = *loaded;
     if (loaded->lights.settle([&scene](const QString &p) { return scene.mixes->ready(p) != nullptr; }, s.clock.now())) {
@@ -186,7 +196,8 @@ void RoomScene::settleLight() {
     }
 }
 
-void RoomScene::presetReady() {
+void RoomScene::presetReady()
+{
     if (!loaded) return;
     settleLight();
     touch();
@@ -199,7 +210,8 @@ void RoomScene::presetReady() {
     emit wantsFrames();
 }
 
-void RoomScene::basePresented() {
+void RoomScene::basePresented()
+{
     if (announced || !loaded) return;
     announced = true;
     Log::write(QStringLiteral("Cena pronta: luz %1 MB, Vulkan total %2 MB")
@@ -207,7 +219,8 @@ void RoomScene::basePresented() {
                    .arg(megabytes(gpu->vulkan()->allocatedBytes())));
 }
 
-double RoomScene::goalAt(double t) const {
+double RoomScene::goalAt(double t) const
+{
     const auto &track = s.state->track();
     const double progress = !simulateNoMusic && track && track->duration > 0
                                 ? std::clamp(s.state->currentPosition(t) / track->duration, 0.0, 1.0)
@@ -215,7 +228,8 @@ double RoomScene::goalAt(double t) const {
     return SceneFrame::armGoal(*loaded, playing, progress, recordFx);
 }
 
-void RoomScene::advance(double t) {
+void RoomScene::advance(double t)
+{
     if (!loaded || t == advancedTo) return;
     advancedTo = t;
     LightMixer &lights = loaded->lights;
@@ -240,16 +254,16 @@ void RoomScene::advance(double t) {
     }
 }
 
-const Blend &RoomScene::blend() const {
+const Blend &RoomScene::blend() const
+{
     const LightMixer &lights = loaded->lights;
     return advancedTo - lights.transitionStart >= LightMixer::crossFadeSeconds ? lights.to : fading;
 }
 
-bool RoomScene::moving() const {
-    return loaded && (spin.speed(advancedTo) > 0 || arm.moving(armGoal));
-}
+bool RoomScene::moving() const { return loaded && (spin.speed(advancedTo) > 0 || arm.moving(armGoal)); }
 
-void RoomScene::fill(const PlateGeometry::Mat3 &screenToPlate, int rate, SceneUniforms &u, SceneTextures &t) {
+void RoomScene::fill(const PlateGeometry::Mat3 &screenToPlate, int rate, SceneUniforms &u, SceneTextures &t)
+{
     SceneFrame::Inputs in;
     in.blend = &blend();
     in.mediaTime = advancedTo;
@@ -263,16 +277,19 @@ void RoomScene::fill(const PlateGeometry::Mat3 &screenToPlate, int rate, SceneUn
     SceneFrame::fill(*loaded, in, screenToPlate, u, t);
 }
 
-std::optional<Float4> RoomScene::glassRect() const {
+std::optional<Float4> RoomScene::glassRect() const
+{
     if (!loaded) return std::nullopt;
     return loaded->effects->glassRect();
 }
 
-bool RoomScene::rainDrawn() const {
+bool RoomScene::rainDrawn() const
+{
     return loaded && rainIntensity > 0 && !ecoOn && s.settings->fxWeather() && loaded->effects->glassRect();
 }
 
-void RoomScene::clockTick() {
+void RoomScene::clockTick()
+{
     if (s.weather && s.settings->fxWeather() && !ecoOn) s.weather->refreshIfStale();
     if (!loaded) return;
     const QString mode = s.settings->lightPreset();
@@ -288,7 +305,8 @@ void RoomScene::clockTick() {
     settleLight();
 }
 
-void RoomScene::lightChanged() {
+void RoomScene::lightChanged()
+{
     if (!loaded) return;
     loaded->lights.aim(loaded->lights.modeBlend(s.settings->lightPreset(), QDateTime::currentDateTime()), true);
     // The fade starts once the new light's mixes are built; until then the old light stays.
@@ -296,7 +314,8 @@ void RoomScene::lightChanged() {
     settleLight();
 }
 
-void RoomScene::effectsChanged() {
+void RoomScene::effectsChanged()
+{
     if (!loaded) return;
     Settings &st = *s.settings;
     SceneEffects::Switches sw;
@@ -318,14 +337,16 @@ void RoomScene::effectsChanged() {
     emit wantsFrames();
 }
 
-void RoomScene::steamChanged() {
+void RoomScene::steamChanged()
+{
     steamOn = s.settings->steam() && !ecoOn;
     Log::write(QStringLiteral("Cena: vapor ") + (steamOn ? QStringLiteral("ligado") : QStringLiteral("desligado")));
     emit layersChanged();
     emit wantsFrames();
 }
 
-void RoomScene::ecoChanged(bool on) {
+void RoomScene::ecoChanged(bool on)
+{
     if (on == ecoOn) return;
     ecoOn = on;
     Log::write(QStringLiteral("Cena: modo economia ") +
@@ -334,7 +355,8 @@ void RoomScene::ecoChanged(bool on) {
     effectsChanged();
 }
 
-void RoomScene::weatherChanged(const WeatherService::Now &now) {
+void RoomScene::weatherChanged(const WeatherService::Now &now)
+{
     Log::write(QStringLiteral("Cena: clima → ") + (now.raining ? QStringLiteral("chuva") : QStringLiteral("seco")));
     s.status->setWeather(SceneStatus::Weather{now.raining, now.intensity});
     rainIntensity = now.raining ? now.intensity : 0;
@@ -344,7 +366,8 @@ void RoomScene::weatherChanged(const WeatherService::Now &now) {
     emit layersChanged();
 }
 
-void RoomScene::playerChanged() {
+void RoomScene::playerChanged()
+{
     if (!loaded) return;
     const double now = s.clock.now();
     const bool nowPlaying = s.state->isPlaying() && !simulateNoMusic;
@@ -363,21 +386,24 @@ void RoomScene::playerChanged() {
     emit wantsFrames();
 }
 
-void RoomScene::updateGrooves() {
+void RoomScene::updateGrooves()
+{
     if (!loaded->framing.record) return;
     const auto &rec = *loaded->framing.record;
     loaded->effects->setGrooves(RecordGrooves::forTrack(simulateNoMusic ? std::nullopt : s.state->track(),
                                                         rec.grooveOuterMm, rec.grooveInnerMm));
 }
 
-void RoomScene::artworkChanged() {
+void RoomScene::artworkChanged()
+{
     if (!loaded || s.settings->debugCoverArt()) return;
     cover->set(simulateNoMusic ? QImage() : s.state->artwork(), QImage(), s.clock.now());
     touch();
     emit wantsFrames();
 }
 
-void RoomScene::historyChanged() {
+void RoomScene::historyChanged()
+{
     if (!loaded || !s.history) return;
     const QString album = s.state->track() ? s.state->track()->album : QString();
     const QImage previous = s.history->previous(album);
@@ -389,7 +415,8 @@ void RoomScene::historyChanged() {
     emit wantsFrames();
 }
 
-QString RoomScene::describe() const {
+QString RoomScene::describe() const
+{
     QString text = playing ? QStringLiteral("tocando") : QStringLiteral("parado");
     if (!loaded) return text;
     text += QStringLiteral(", luz ") + blendText(loaded->lights.current);

@@ -16,7 +16,8 @@ namespace {
 Float4 rectOf(const std::array<float, 4> &r) { return {r[0], r[1], r[2], r[3]}; }
 
 // The two strongest presets of a blend, with weights normalised to their sum.
-TwoStrongest strongest(const Blend &blend) {
+TwoStrongest strongest(const Blend &blend)
+{
     TwoStrongest s(blend);
     double sum = 0;
     for (const auto &e : s) sum += e.second;
@@ -29,7 +30,11 @@ TwoStrongest strongest(const Blend &blend) {
 SceneEffects::SceneEffects(const PlateManifest &manifest, const QString &framingName, const QString &dir,
                            const LightMixer &lights, SceneRenderer &r,
                            std::function<void(const QString &)> onPresetReady, QObject *parent)
-    : QObject(parent), framing(manifest.framings.at(framingName)), framingDir(dir), renderer(r) {
+    : QObject(parent)
+    , framing(manifest.framings.at(framingName))
+    , framingDir(dir)
+    , renderer(r)
+{
     for (const auto &[preset, keys] : manifest.presets) {
         auto it = keys.find("record_light");
         if (it == keys.end() || !(it->second.isNested() || it->second.isObject())) continue;
@@ -62,10 +67,9 @@ SceneEffects::SceneEffects(const PlateManifest &manifest, const QString &framing
         if (!QFileInfo(recordDir).isDir()) {
             logApproximate(QStringLiteral("sem pasta record"));
         } else {
-            recordMixes = std::make_unique<PresetMixes>("disco", renderer.mixBuilder(), recordDir, lights,
-                                                        int(rec.bbox[2]), int(rec.bbox[3]),
-                                                        VK_FORMAT_R16G16B16A16_SFLOAT,
-                                                        PresetMixes::TermRule::recordPasses, this);
+            recordMixes = std::make_unique<PresetMixes>(
+                "disco", renderer.mixBuilder(), recordDir, lights, int(rec.bbox[2]), int(rec.bbox[3]),
+                VK_FORMAT_R16G16B16A16_SFLOAT, PresetMixes::TermRule::recordPasses, this);
             recordMixes->onReady = [onPresetReady](const QString &p) {
                 if (onPresetReady) onPresetReady(p);
             };
@@ -102,7 +106,8 @@ SceneEffects::SceneEffects(const PlateManifest &manifest, const QString &framing
 
 SceneEffects::~SceneEffects() = default;
 
-std::vector<RecordGrooves::Band> SceneEffects::drawnBands(const std::vector<RecordGrooves::Band> &bands) {
+std::vector<RecordGrooves::Band> SceneEffects::drawnBands(const std::vector<RecordGrooves::Band> &bands)
+{
     if (bands.size() <= maxBands) return bands;
     std::vector<RecordGrooves::Band> runs;
     const size_t n = bands.size();
@@ -113,18 +118,21 @@ std::vector<RecordGrooves::Band> SceneEffects::drawnBands(const std::vector<Reco
     return runs;
 }
 
-void SceneEffects::setGrooves(const RecordGrooves &g) {
+void SceneEffects::setGrooves(const RecordGrooves &g)
+{
     grooves = g;
     drawn = drawnBands(g.bands);
 }
 
-void SceneEffects::logApproximate(const QString &reason) {
+void SceneEffects::logApproximate(const QString &reason)
+{
     Log::write(QStringLiteral("Disco ao vivo sem passes (") + reason + QStringLiteral("): modo aproximado"));
 }
 
 // Grey masks become a cropped R8 texture; colour maps (strobe, stack uv) keep their channels,
 // cropped to where their coverage channel is set.
-std::optional<std::pair<TextureRef, Float4>> SceneEffects::loadMask(const QString &file, const char *what) const {
+std::optional<std::pair<TextureRef, Float4>> SceneEffects::loadMask(const QString &file, const char *what) const
+{
     const QString path = QDir(framingDir).filePath(file);
     try {
         QImage probe(path);
@@ -159,28 +167,33 @@ std::optional<std::pair<TextureRef, Float4>> SceneEffects::loadMask(const QStrin
     return std::nullopt;
 }
 
-void SceneEffects::setSwitches(const Switches &s, bool batterySaver) {
+void SceneEffects::setSwitches(const Switches &s, bool batterySaver)
+{
     on = s;
     saver = batterySaver;
     if (saver) on.weather = false;
 }
 
-void SceneEffects::setStackArt(TextureRef art, double luminance) {
+void SceneEffects::setStackArt(TextureRef art, double luminance)
+{
     stackArt = std::move(art);
     stackLuminance = luminance;
 }
 
-void SceneEffects::ensure(const std::set<QString> &presets) {
+void SceneEffects::ensure(const std::set<QString> &presets)
+{
     if (recordMixes && on.record) recordMixes->ensure(presets);
     if (bounceMixes && on.bounce) bounceMixes->ensure(presets);
 }
 
-bool SceneEffects::building() const {
+bool SceneEffects::building() const
+{
     return (recordMixes && (recordMixes->building() || !recordMixes->queue().empty())) ||
            (bounceMixes && (bounceMixes->building() || !bounceMixes->queue().empty()));
 }
 
-size_t SceneEffects::memoryBytes() const {
+size_t SceneEffects::memoryBytes() const
+{
     size_t b = (recordMixes ? recordMixes->memoryBytes() : 0) + (bounceMixes ? bounceMixes->memoryBytes() : 0);
     for (const auto *m : {&recordMask, &strobeMap, &glass, &dustCover, &stackUV})
         if (*m) b += size_t((*m)->first->allocatedSize);
@@ -188,7 +201,8 @@ size_t SceneEffects::memoryBytes() const {
 }
 
 void SceneEffects::fill(SceneUniforms &u, SceneTextures &t, const Blend &blend, double now, const RecordSpin &spin,
-                        bool playing, const std::array<double, 3> &artMean, int fps, bool motionBlur) {
+                        bool playing, const std::array<double, 3> &artMean, int fps, bool motionBlur)
+{
     const auto top = strongest(blend);
     u.artMean = {float(artMean[0]), float(artMean[1]), float(artMean[2]), 0};
     const double angle = spin.angle(now);
@@ -203,7 +217,8 @@ void SceneEffects::fill(SceneUniforms &u, SceneTextures &t, const Blend &blend, 
     if (framing.record && on.record && recordInv) {
         const auto &rec = *framing.record;
         u.recordInv = toUniform(*recordInv);
-        u.recordGeo = {float(rec.radiusMm), float(rec.labelRadiusMm), float(rec.grooveOuterMm), float(rec.grooveInnerMm)};
+        u.recordGeo = {float(rec.radiusMm), float(rec.labelRadiusMm), float(rec.grooveOuterMm),
+                       float(rec.grooveInnerMm)};
         double dx = 0, dy = 0, strength = 0;
         std::array<double, 3> colour{0, 0, 0};
         double givenWeight = 0;
@@ -275,8 +290,10 @@ void SceneEffects::fill(SceneUniforms &u, SceneTextures &t, const Blend &blend, 
 
     // Speed LEDs: the 33 lamp follows the motor, easing in about a tenth of a second.
     const double target = playing ? 1.0 : 0.0;
-    if (!ledTime) ledLevel = target;
-    else ledLevel += (target - ledLevel) * (1 - std::exp(-std::max(now - *ledTime, 0.0) / 0.12));
+    if (!ledTime)
+        ledLevel = target;
+    else
+        ledLevel += (target - ledLevel) * (1 - std::exp(-std::max(now - *ledTime, 0.0) / 0.12));
     ledTime = now;
     if (framing.panel && on.panel) {
         if (const auto &l = framing.panel->led33) {
@@ -302,8 +319,7 @@ void SceneEffects::fill(SceneUniforms &u, SceneTextures &t, const Blend &blend, 
     // Rain: the whole room takes the cold, diffuse light of a rainy day; drops run down the
     // window only where the framing has a glass mask.
     const double rain = on.weather ? std::clamp(rainIntensity, 0.0, 1.0) : 0.0;
-    if (rain > 0)
-        u.rain = {float(std::fmod(now, 3600.0)), float(rain), float(0.6 * rain), 0};
+    if (rain > 0) u.rain = {float(std::fmod(now, 3600.0)), float(rain), float(0.6 * rain), 0};
     if (rain > 0 && framing.window && glass) {
         u.rain[3] = 1;
         u.glassRect = glass->second;

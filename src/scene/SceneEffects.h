@@ -54,7 +54,8 @@ public:
     const RecordGrooves &currentGrooves() const { return grooves; }
     bool hasRecord() const { return framing.record.has_value(); }
     // The plate rectangle of the strobe map, when it loaded.
-    std::optional<Float4> strobeRect() const {
+    std::optional<Float4> strobeRect() const
+    {
         return strobeMap ? std::optional<Float4>(strobeMap->second) : std::nullopt;
     }
     // Asks the families for the presets' passes.
@@ -68,15 +69,14 @@ public:
     size_t memoryBytes() const;
     // Hands this object and its light families to another thread (a scene assembled off the
     // main thread is handed back to it). Call from the thread the object lives in.
-    void moveToThreadWithFamilies(QThread *thread) {
+    void moveToThreadWithFamilies(QThread *thread)
+    {
         moveToThread(thread);
         for (PresetMixes *m : {recordMixes.get(), bounceMixes.get()})
             if (m) m->moveToThread(thread);
     }
     // The window glass the rain runs down, in plate pixels; none without a glass mask.
-    std::optional<Float4> glassRect() const {
-        return glass ? std::optional<Float4>(glass->second) : std::nullopt;
-    }
+    std::optional<Float4> glassRect() const { return glass ? std::optional<Float4>(glass->second) : std::nullopt; }
 
 private:
     void logApproximate(const QString &reason);

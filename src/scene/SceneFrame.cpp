@@ -12,7 +12,8 @@
 namespace SceneFrame {
 
 void fill(LoadedScene &scene, const Inputs &in, const PlateGeometry::Mat3 &screenToPlate, SceneUniforms &u,
-          SceneTextures &t) {
+          SceneTextures &t)
+{
     scene.fillStatic(u, t, screenToPlate, Float4{0, 0, 0, 0}, *in.blend);
     const CoverArt &art = *in.art;
     u.cover = {float(art.fade(in.mediaTime)), 0, 0, 0};
@@ -29,7 +30,8 @@ void fill(LoadedScene &scene, const Inputs &in, const PlateGeometry::Mat3 &scree
             pose->apply(u, t);
 }
 
-double armGoal(const LoadedScene &scene, bool playing, double progress, bool recordEffects) {
+double armGoal(const LoadedScene &scene, bool playing, double progress, bool recordEffects)
+{
     if (!scene.framing.tonearm) return 0;
     const auto &ta = *scene.framing.tonearm;
     TonearmMotion::Geometry g{ta.yawRest, ta.yawLeadIn, ta.yawRunOut, 0, 0};
@@ -46,14 +48,16 @@ double armGoal(const LoadedScene &scene, bool playing, double progress, bool rec
     return TonearmMotion::goal(g, playing, progress, recordEffects && scene.framing.record, band);
 }
 
-std::optional<Float4> steamRect(const LoadedScene &scene) {
+std::optional<Float4> steamRect(const LoadedScene &scene)
+{
     if (!scene.framing.steam) return std::nullopt;
     const auto &pt = scene.framing.steam->pointPx;
     const float w = scene.plateSize[0] * 0.10f, h = scene.plateSize[1] * 0.30f;
     return Float4{float(pt[0]) - w * 0.5f, float(pt[1]) - h, w, h};
 }
 
-SteamUniforms steam(const SceneUniforms &u, const Float4 &rect, const Float4 &origin, double seconds) {
+SteamUniforms steam(const SceneUniforms &u, const Float4 &rect, const Float4 &origin, double seconds)
+{
     SteamUniforms s;
     s.screenToPlate = u.screenToPlate;
     s.plateSize = u.plateSize;
@@ -65,7 +69,8 @@ SteamUniforms steam(const SceneUniforms &u, const Float4 &rect, const Float4 &or
     return s;
 }
 
-QRect plateRectOnScreen(const Float4 &r, const PlateGeometry::Mat3 &screenToPlate, const QSize &screen) {
+QRect plateRectOnScreen(const Float4 &r, const PlateGeometry::Mat3 &screenToPlate, const QSize &screen)
+{
     const auto toScreen = PlateGeometry::invert(screenToPlate);
     if (!toScreen || r[2] <= 0 || r[3] <= 0) return {};
     double x0 = 1e18, y0 = 1e18, x1 = -1e18, y1 = -1e18;
@@ -77,7 +82,8 @@ QRect plateRectOnScreen(const Float4 &r, const PlateGeometry::Mat3 &screenToPlat
         x1 = std::max(x1, p[0]);
         y1 = std::max(y1, p[1]);
     }
-    const QRect out(QPoint(int(std::floor(x0)), int(std::floor(y0))), QPoint(int(std::ceil(x1)) - 1, int(std::ceil(y1)) - 1));
+    const QRect out(QPoint(int(std::floor(x0)), int(std::floor(y0))),
+                    QPoint(int(std::ceil(x1)) - 1, int(std::ceil(y1)) - 1));
     return out.intersected(QRect(QPoint(0, 0), screen));
 }
 

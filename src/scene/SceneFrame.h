@@ -22,7 +22,7 @@ struct Inputs {
     bool playing = false;
     RecordSpin spin;
     double armYaw = 0;
-    double armLift = 0;  // 0 = needle down … 1 = fully lifted
+    double armLift = 0;             // 0 = needle down … 1 = fully lifted
     const CoverArt *art = nullptr;  // required
     int fps = 30;
     bool motionBlur = true;

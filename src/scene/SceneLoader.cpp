@@ -25,20 +25,29 @@ struct Outcome {
 }  // namespace
 
 SceneLoader::SceneLoader(SceneRenderer &r, SceneStatus &st, Settings &se, Assemble assemble, QObject *parent)
-    : QObject(parent), renderer(r), status(st), settings(se), build(assemble ? std::move(assemble) : &SceneAssembly::load) {}
+    : QObject(parent)
+    , renderer(r)
+    , status(st)
+    , settings(se)
+    , build(assemble ? std::move(assemble) : &SceneAssembly::load)
+{
+}
 
-SceneLoader::~SceneLoader() {
+SceneLoader::~SceneLoader()
+{
     if (assembling) {
         assembling->waitForFinished();
         delete assembling.data();
     }
 }
 
-void SceneLoader::fail(SceneStatus::Reason reason, const QString &detail) {
+void SceneLoader::fail(SceneStatus::Reason reason, const QString &detail)
+{
     if (onUnavailable) onUnavailable(SceneStatus::Problem{reason, detail});
 }
 
-void SceneLoader::framingChanged() {
+void SceneLoader::framingChanged()
+{
     const auto found = SceneLocation::resolve();
     const QString wanted = settings.framing();
     if (found && found->manifest.framings.count(wanted) &&
@@ -50,11 +59,13 @@ void SceneLoader::framingChanged() {
     load();
 }
 
-void SceneLoader::load() {
+void SceneLoader::load()
+{
     const auto found = SceneLocation::resolve();
     if (!found) {
         ++loadGeneration;
-        fail(SceneStatus::Reason::noScene, QStringLiteral("nenhuma cena instalada em ") + SceneLocation::installedRoot());
+        fail(SceneStatus::Reason::noScene,
+             QStringLiteral("nenhuma cena instalada em ") + SceneLocation::installedRoot());
         return;
     }
     const QStringList framings = SceneAssembly::sortedFramings(found->manifest);
@@ -72,7 +83,8 @@ void SceneLoader::load() {
                       : framings.contains(wanted) ? wanted
                                                   : framings.first();
     status.setScene(framings, installed, framing, found->root, found->manifest);
-    Log::write(QStringLiteral("Cena: carregando ") + found->manifest.scenario.value_or(QFileInfo(found->root).fileName()));
+    Log::write(QStringLiteral("Cena: carregando ") +
+               found->manifest.scenario.value_or(QFileInfo(found->root).fileName()));
     const int generation = ++loadGeneration;
     // Started on a later turn of the event loop, so that a burst of reloads assembles once.
     QTimer::singleShot(0, this, [this, generation, root = found->root, manifest = found->manifest, framing] {
@@ -80,7 +92,8 @@ void SceneLoader::load() {
     });
 }
 
-void SceneLoader::assemble(int generation, const QString &root, const PlateManifest &manifest, const QString &framing) {
+void SceneLoader::assemble(int generation, const QString &root, const PlateManifest &manifest, const QString &framing)
+{
     if (generation != loadGeneration) return;
     if (assembling) {  // one assembly at a time: the newer one starts when the older is done
         connect(assembling.data(), &QFutureWatcherBase::finished, this,

@@ -24,9 +24,9 @@ class SceneLoader : public QObject {
 public:
     using Assembled = std::variant<std::unique_ptr<LoadedScene>, QString>;
     // Builds the scene of one framing (SceneAssembly::load); runs on a worker thread and may throw.
-    using Assemble = std::function<Assembled(SceneRenderer &renderer, const QString &root,
-                                             const PlateManifest &manifest, const QString &framing,
-                                             std::function<void(const QString &)> onPresetReady)>;
+    using Assemble =
+        std::function<Assembled(SceneRenderer &renderer, const QString &root, const PlateManifest &manifest,
+                                const QString &framing, std::function<void(const QString &)> onPresetReady)>;
 
     SceneLoader(SceneRenderer &renderer, SceneStatus &status, Settings &settings, Assemble assemble = {},
                 QObject *parent = nullptr);

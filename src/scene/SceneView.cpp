@@ -18,13 +18,19 @@ int megabytes(size_t bytes) { return int(bytes / (1024 * 1024)); }
 }  // namespace
 
 SceneView::SceneView(RoomScene &r, const Services &services, QWindow *hostWindow, QObject *parent)
-    : QObject(parent), room(r), s(services), host(hostWindow) {
+    : QObject(parent)
+    , room(r)
+    , s(services)
+    , host(hostWindow)
+{
     SceneRenderer &renderer = room.renderer();
     layers = std::make_unique<LayerStack>(renderer, host);
     layers->onBaseExposed = [this] {
         BaseSurface *base = layers->baseSurface();
-        if (base && base->hasShown() && !baseDirty) base->reshow();
-        else if (room.ready()) frame(s.clock.now());
+        if (base && base->hasShown() && !baseDirty)
+            base->reshow();
+        else if (room.ready())
+            frame(s.clock.now());
     };
     layers->onLayerExposed = [this] {
         if (drewFirstFrame) frame(s.clock.now());
@@ -47,51 +53,58 @@ SceneView::SceneView(RoomScene &r, const Services &services, QWindow *hostWindow
     if (host) {
         observations.push_back(connect(host, &QWindow::widthChanged, this, &SceneView::relayout));
         observations.push_back(connect(host, &QWindow::heightChanged, this, &SceneView::relayout));
-        observations.push_back(connect(host, &QWindow::visibleChanged, this,
-                                       [this](bool visible) { scheduler->setOccluded(!visible); }));
+        observations.push_back(
+            connect(host, &QWindow::visibleChanged, this, [this](bool visible) { scheduler->setOccluded(!visible); }));
         scheduler->setOccluded(!host->isVisible());
     }
     if (room.scene()) sceneChanged();
     if (room.ready()) startFrames();
 }
 
-void SceneView::startFrames() {
+void SceneView::startFrames()
+{
     frame(s.clock.now());
     drewFirstFrame = true;
     wantFrames();
 }
 
-SceneView::~SceneView() {
+SceneView::~SceneView()
+{
     teardown();
     layers.reset();
 }
 
 bool SceneView::failed() const { return !layers->ok(); }
 
-void SceneView::teardown() {
+void SceneView::teardown()
+{
     if (scheduler) scheduler->invalidate();
     for (const auto &c : observations) disconnect(c);
     observations.clear();
 }
 
-void SceneView::sceneChanged() {
+void SceneView::sceneChanged()
+{
     scheduler->setWantsFrames(false);
     drewFirstFrame = false;
     layers->clear();
     relayout();
 }
 
-void SceneView::wantFrames() {
+void SceneView::wantFrames()
+{
     if (!room.ready()) return;
     if (!scheduler->wantsFrames()) scheduler->probeCoverage(true);
     scheduler->setWantsFrames(true);
 }
 
-QRect SceneView::onScreen(const Float4 &plateRect) const {
+QRect SceneView::onScreen(const Float4 &plateRect) const
+{
     return SceneFrame::plateRectOnScreen(plateRect, screenToPlate, screenSize);
 }
 
-void SceneView::relayout() {
+void SceneView::relayout()
+{
     const LoadedScene *scene = room.scene();
     if (!host || !scene) return;
     const qreal dpr = host->devicePixelRatio();
@@ -113,7 +126,8 @@ void SceneView::relayout() {
     if (drewFirstFrame) frame(s.clock.now());
 }
 
-std::optional<QRect> SceneView::animatedArea() const {
+std::optional<QRect> SceneView::animatedArea() const
+{
     const QRect &moving = layers->rect(LayerStack::Layer::moving);
     if (!host || moving.isEmpty()) return std::nullopt;
     const qreal dpr = host->devicePixelRatio();
@@ -122,7 +136,8 @@ std::optional<QRect> SceneView::animatedArea() const {
                  int(moving.height() / dpr));
 }
 
-void SceneView::frame(double t) {
+void SceneView::frame(double t)
+{
     if (!room.ready() || screenSize.isEmpty()) return;
     SceneRenderer &renderer = room.renderer();
     // The device is still on earlier frames (a software device compiling its shaders at the
@@ -162,8 +177,8 @@ void SceneView::frame(double t) {
         SceneRenderer::Pass pass{target, uniforms, std::nullopt};
         const QRect &r = layers->rect(Layer::steam);
         pass.uniforms.origin = {float(r.x()), float(r.y()), 0, 0};
-        pass.steamOver = SceneFrame::steam(uniforms, *room.steamRect(), {float(r.x()), float(r.y()), 1, 0},
-                                           room.steamSeconds(t));
+        pass.steamOver =
+            SceneFrame::steam(uniforms, *room.steamRect(), {float(r.x()), float(r.y()), 1, 0}, room.steamSeconds(t));
         layerPasses.push_back(pass);
     }
     const bool rain = room.rainDrawn();
@@ -180,7 +195,8 @@ void SceneView::frame(double t) {
     scheduler->setRate(FrameScheduler::nextRate(room.moving(), rain, room.baseFps(), room.eco()));
 }
 
-QString SceneView::describeState() const {
+QString SceneView::describeState() const
+{
     QString text = room.describe();
     text += scheduler->isRunning() ? QStringLiteral(", visível") : QStringLiteral(", oculta/bloqueada");
     BaseSurface *base = layers->baseSurface();

@@ -15,21 +15,24 @@ using namespace PlateGeometry;
 
 namespace {
 
-Vec3 normalized(Vec3 v) {
+Vec3 normalized(Vec3 v)
+{
     const double n = std::sqrt(v[0] * v[0] + v[1] * v[1] + v[2] * v[2]);
     if (n < 1e-12) return {0, 0, 1};
     return {v[0] / n, v[1] / n, v[2] / n};
 }
 
 // Rotation by `deg` about the unit axis (right-hand rule), as a 3×3 matrix.
-Mat3 rotation(const Vec3 &a, double deg) {
+Mat3 rotation(const Vec3 &a, double deg)
+{
     const double t = deg * M_PI / 180, c = std::cos(t), s = std::sin(t), k = 1 - c;
     return {{{c + a[0] * a[0] * k, a[0] * a[1] * k - a[2] * s, a[0] * a[2] * k + a[1] * s},
              {a[1] * a[0] * k + a[2] * s, c + a[1] * a[1] * k, a[1] * a[2] * k - a[0] * s},
              {a[2] * a[0] * k - a[1] * s, a[2] * a[1] * k + a[0] * s, c + a[2] * a[2] * k}}};
 }
 
-Vec3 times(const Mat3 &m, const Vec3 &v) {
+Vec3 times(const Mat3 &m, const Vec3 &v)
+{
     return {m[0][0] * v[0] + m[0][1] * v[1] + m[0][2] * v[2], m[1][0] * v[0] + m[1][1] * v[1] + m[1][2] * v[2],
             m[2][0] * v[0] + m[2][1] * v[1] + m[2][2] * v[2]};
 }
@@ -38,16 +41,22 @@ Float4 rectOf(const std::array<float, 4> &r) { return {r[0], r[1], r[2], r[3]}; 
 
 }  // namespace
 
-size_t TonearmSprites::Frame::bytes() const {
+size_t TonearmSprites::Frame::bytes() const
+{
     size_t b = 0;
     for (const TextureRef &t : {texture, shadow, reflection})
         if (t) b += size_t(t->allocatedSize);
     return b;
 }
 
-TonearmSprites::TonearmSprites(PlateManifest::Tonearm i, PlateManifest::Camera cam,
-                               std::shared_ptr<VulkanContext> ctx, QString d, QObject *parent)
-    : QObject(parent), info(std::move(i)), camera(cam), context(std::move(ctx)), dir(std::move(d)) {
+TonearmSprites::TonearmSprites(PlateManifest::Tonearm i, PlateManifest::Camera cam, std::shared_ptr<VulkanContext> ctx,
+                               QString d, QObject *parent)
+    : QObject(parent)
+    , info(std::move(i))
+    , camera(cam)
+    , context(std::move(ctx))
+    , dir(std::move(d))
+{
     pivot = info.pivot;
     yawAxis = normalized(info.yawAxis);
     liftAxis = normalized(info.liftAxis);
@@ -57,16 +66,18 @@ TonearmSprites::TonearmSprites(PlateManifest::Tonearm i, PlateManifest::Camera c
     e2 = {0, 1, 0};
 }
 
-TonearmSprites::~TonearmSprites() {
+TonearmSprites::~TonearmSprites()
+{
     for (auto &f : work) f.waitForFinished();
 }
 
-std::pair<int, double> TonearmSprites::neighbors(double yaw) const {
+std::pair<int, double> TonearmSprites::neighbors(double yaw) const
+{
     return TonearmMotion::neighbors(info.yawSamples, yaw);
 }
 
-std::set<TonearmSprites::Key> TonearmSprites::keysFor(const std::set<QString> &presets, double yaw,
-                                                      double goal) const {
+std::set<TonearmSprites::Key> TonearmSprites::keysFor(const std::set<QString> &presets, double yaw, double goal) const
+{
     std::set<Key> keys;
     if (info.yawSamples.empty()) return keys;
     const int last = int(info.yawSamples.size()) - 1;
@@ -78,7 +89,8 @@ std::set<TonearmSprites::Key> TonearmSprites::keysFor(const std::set<QString> &p
     return keys;
 }
 
-std::optional<TonearmSprites::Frame> TonearmSprites::load(const Key &key) const {
+std::optional<TonearmSprites::Frame> TonearmSprites::load(const Key &key) const
+{
     const QString nn = QStringLiteral("%1").arg(key.second, 2, 10, QChar('0'));
     const QString base = QDir(dir).filePath(key.first);
     const ImageDecoder::Origin origin{float(info.bbox[0]), float(info.bbox[1])};
@@ -116,12 +128,14 @@ std::optional<TonearmSprites::Frame> TonearmSprites::load(const Key &key) const 
     return std::nullopt;
 }
 
-void TonearmSprites::ensureNow(const std::set<QString> &presets, double yaw, double goal) {
+void TonearmSprites::ensureNow(const std::set<QString> &presets, double yaw, double goal)
+{
     for (const Key &k : keysFor(presets, yaw, goal))
         if (!cache.count(k)) cache[k] = load(k);
 }
 
-void TonearmSprites::ensure(const std::set<QString> &presets, double yaw, double goal) {
+void TonearmSprites::ensure(const std::set<QString> &presets, double yaw, double goal)
+{
     const std::set<Key> wanted = keysFor(presets, yaw, goal);
     for (const Key &k : wanted) {
         if (cache.count(k) || loading.count(k)) continue;
@@ -130,7 +144,8 @@ void TonearmSprites::ensure(const std::set<QString> &presets, double yaw, double
         work.push_back(QtConcurrent::run([this, self, k] {
             std::optional<Frame> f = load(k);
             QMetaObject::invokeMethod(
-                this, [self, k, f] {
+                this,
+                [self, k, f] {
                     if (!self) return;
                     self->loading.erase(k);
                     self->cache[k] = f;
@@ -149,7 +164,8 @@ void TonearmSprites::ensure(const std::set<QString> &presets, double yaw, double
                work.end());
 }
 
-const TonearmSprites::Frame *TonearmSprites::frameNear(const QString &preset, int index) const {
+const TonearmSprites::Frame *TonearmSprites::frameNear(const QString &preset, int index) const
+{
     // The nearest loaded sample stands in for a missing one.
     const int n = int(info.yawSamples.size());
     for (int d = 0; d < n; ++d)
@@ -161,11 +177,12 @@ const TonearmSprites::Frame *TonearmSprites::frameNear(const QString &preset, in
     return nullptr;
 }
 
-Float3x3 TonearmSprites::warp(int index, double yaw, double liftDegrees) const {
+Float3x3 TonearmSprites::warp(int index, double yaw, double liftDegrees) const
+{
     const double sampleYaw = info.yawSamples.empty() ? 0 : info.yawSamples[size_t(index)];
     // Arm pose (yaw, lift) = R_yaw(yaw) · R_lift(lift) about the pivot; the sample is R_yaw(sampleYaw).
-    const Mat3 motion = multiply(multiply(rotation(yawAxis, yaw), rotation(liftAxis, liftDegrees)),
-                                 rotation(yawAxis, -sampleYaw));
+    const Mat3 motion =
+        multiply(multiply(rotation(yawAxis, yaw), rotation(liftAxis, liftDegrees)), rotation(yawAxis, -sampleYaw));
     auto planeToPlate = [&](bool moved) {
         Mat3 m{};
         const Vec3 cols[3] = {e1, e2, planeOrigin};
@@ -192,7 +209,8 @@ Float3x3 TonearmSprites::warp(int index, double yaw, double liftDegrees) const {
     return toUniform(multiply(planeToPlate(false), *finalInv));
 }
 
-std::optional<TonearmSprites::Pose> TonearmSprites::pose(double yaw, double liftDegrees, const Blend &blend) const {
+std::optional<TonearmSprites::Pose> TonearmSprites::pose(double yaw, double liftDegrees, const Blend &blend) const
+{
     if (info.yawSamples.empty()) return std::nullopt;
     const TwoStrongest ranked(blend);
     double total = 0;
@@ -217,7 +235,8 @@ std::optional<TonearmSprites::Pose> TonearmSprites::pose(double yaw, double lift
         }
     }
     // Trailing empty slotList are dropped; a slot kept for its position carries weight 0.
-    while (!pose.slotList.empty() && (!pose.slotList.back().frame || pose.slotList.back().weight <= 0)) pose.slotList.pop_back();
+    while (!pose.slotList.empty() && (!pose.slotList.back().frame || pose.slotList.back().weight <= 0))
+        pose.slotList.pop_back();
     bool any = false;
     for (const Slot &s : pose.slotList)
         if (s.frame && s.weight > 0) any = true;
@@ -226,7 +245,8 @@ std::optional<TonearmSprites::Pose> TonearmSprites::pose(double yaw, double lift
     return pose;
 }
 
-void TonearmSprites::Pose::apply(SceneUniforms &u, SceneTextures &t) const {
+void TonearmSprites::Pose::apply(SceneUniforms &u, SceneTextures &t) const
+{
     u.armInv = warps;
     u.armCount = uint32_t(slotList.size());
     for (size_t j = 0; j < 4; ++j) {
@@ -242,7 +262,8 @@ void TonearmSprites::Pose::apply(SceneUniforms &u, SceneTextures &t) const {
     }
 }
 
-size_t TonearmSprites::memoryBytes() const {
+size_t TonearmSprites::memoryBytes() const
+{
     size_t b = 0;
     for (const auto &[k, f] : cache)
         if (f) b += f->bytes();

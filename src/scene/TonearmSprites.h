@@ -76,7 +76,8 @@ public:
     // None while no sprite of the blend is loaded.
     std::optional<Pose> pose(double yaw, double liftDegrees, const Blend &blend) const;
     // The pose of an arm state: its yaw, its lift turned into an angle.
-    std::optional<Pose> pose(const TonearmMotion &arm, const Blend &blend) const {
+    std::optional<Pose> pose(const TonearmMotion &arm, const Blend &blend) const
+    {
         return pose(arm.yaw, liftDegrees(arm.lift), blend);
     }
     // Lift state 0 (needle down) … 1 (fully lifted) → degrees about the lift axis, up to `liftMax`.

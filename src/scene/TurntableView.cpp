@@ -6,13 +6,17 @@
 #include <QPainterPath>
 #include <QRadialGradient>
 
-TurntableView::TurntableView(PlayerState &s, QWindow *parent) : QRasterWindow(parent), state(s) {
+TurntableView::TurntableView(PlayerState &s, QWindow *parent)
+    : QRasterWindow(parent)
+    , state(s)
+{
     setFlags(Qt::FramelessWindowHint | Qt::WindowTransparentForInput | Qt::WindowDoesNotAcceptFocus);
     for (auto signal : {&PlayerState::trackChanged, &PlayerState::playingChanged, &PlayerState::artworkChanged})
         connect(&state, signal, this, [this] { update(); });
 }
 
-void TurntableView::paintEvent(QPaintEvent *) {
+void TurntableView::paintEvent(QPaintEvent *)
+{
     QPainter p(this);
     p.setRenderHint(QPainter::Antialiasing);
     const QRectF r(QPointF(0, 0), size());
@@ -51,8 +55,9 @@ void TurntableView::paintEvent(QPaintEvent *) {
     p.drawEllipse(centre, radius * 0.03, radius * 0.03);
     // The arm: on the record while music plays, at rest otherwise.
     const QPointF pivot(plinth.right() - plinth.height() * 0.18, plinth.top() + plinth.height() * 0.18);
-    const QPointF tip = state.isPlaying() ? QPointF(centre.x() + radius * 0.55, centre.y() + radius * 0.2)
-                                          : QPointF(pivot.x() - plinth.height() * 0.02, pivot.y() + plinth.height() * 0.6);
+    const QPointF tip = state.isPlaying()
+                            ? QPointF(centre.x() + radius * 0.55, centre.y() + radius * 0.2)
+                            : QPointF(pivot.x() - plinth.height() * 0.02, pivot.y() + plinth.height() * 0.6);
     p.setPen(QPen(QColor(210, 210, 205), side * 0.018, Qt::SolidLine, Qt::RoundCap));
     p.drawLine(pivot, tip);
     p.setPen(Qt::NoPen);
@@ -64,6 +69,7 @@ void TurntableView::paintEvent(QPaintEvent *) {
         f.setPixelSize(int(std::max(12.0, side * 0.04)));
         p.setFont(f);
         const QRectF caption(plinth.left(), plinth.bottom() + side * 0.04, plinth.width(), side * 0.1);
-        p.drawText(caption, Qt::AlignHCenter | Qt::AlignTop, state.track()->title + QStringLiteral(" — ") + state.track()->artist);
+        p.drawText(caption, Qt::AlignHCenter | Qt::AlignTop,
+                   state.track()->title + QStringLiteral(" — ") + state.track()->artist);
     }
 }

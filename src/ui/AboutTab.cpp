@@ -29,7 +29,9 @@ QLabel *selectable(QLayout *layout)
 
 }  // namespace
 
-AboutTab::AboutTab(const UiServices &services, QWidget *parent) : QWidget(parent), s(services)
+AboutTab::AboutTab(const UiServices &services, QWidget *parent)
+    : QWidget(parent)
+    , s(services)
 {
     auto *layout = new QVBoxLayout(this);
     addTitle(layout, AppIdentity::appName());
@@ -61,8 +63,7 @@ AboutTab::AboutTab(const UiServices &services, QWidget *parent) : QWidget(parent
         connect(s.installer, &SceneInstaller::sceneTitleChanged, this, &AboutTab::refresh);
         connect(s.installer, &SceneInstaller::phaseChanged, this, &AboutTab::refresh);
     }
-    if (s.status)
-        connect(s.status, &SceneStatus::changed, this, &AboutTab::refresh);
+    if (s.status) connect(s.status, &SceneStatus::changed, this, &AboutTab::refresh);
     connect(s.settings, &Settings::changed, this, &AboutTab::refresh);
     refresh();
 }
@@ -78,8 +79,7 @@ void AboutTab::refresh()
     version->setText(lines.join(QLatin1Char('\n')));
 
     QStringList about;
-    if (s.installer && s.installer->sceneTitle())
-        about << *s.installer->sceneTitle();
+    if (s.installer && s.installer->sceneTitle()) about << *s.installer->sceneTitle();
     if (s.status && s.status->manifest() && s.status->manifest()->scenario)
         about << tr("Scenario: %1").arg(*s.status->manifest()->scenario);
     const QString source = s.status ? s.status->source() : QString();

@@ -36,8 +36,7 @@ const QList<int> &sizes()
 QIcon icon()
 {
     QIcon icon;
-    for (int side : sizes())
-        icon.addPixmap(QPixmap::fromImage(draw(side)));
+    for (int side : sizes()) icon.addPixmap(QPixmap::fromImage(draw(side)));
     return icon;
 }
 

@@ -14,7 +14,9 @@
 using namespace SettingControls;
 using Control = DesktopPreferences::Control;
 
-DesktopTab::DesktopTab(const UiServices &services, QWidget *parent) : QWidget(parent), s(services)
+DesktopTab::DesktopTab(const UiServices &services, QWidget *parent)
+    : QWidget(parent)
+    , s(services)
 {
     auto *layout = new QVBoxLayout(this);
     addTitle(layout, tr("A Clean Desk"));
@@ -38,8 +40,7 @@ DesktopTab::DesktopTab(const UiServices &services, QWidget *parent) : QWidget(pa
     click->setObjectName(QStringLiteral("clickOnlyInStageManager"));
     click->setVisible(s.cleaner->supports(Control::clickOnlyInStageManager));
     layout->addWidget(click);
-    if (click->isVisible())
-        addHelp(layout, tr("Otherwise one click on the turntable pushes every window aside."));
+    if (click->isVisible()) addHelp(layout, tr("Otherwise one click on the turntable pushes every window aside."));
 
     auto *row = new QHBoxLayout;
     apply = new QPushButton(tr("Apply…"));
@@ -50,33 +51,27 @@ DesktopTab::DesktopTab(const UiServices &services, QWidget *parent) : QWidget(pa
     layout->addLayout(row);
     layout->addStretch();
 
-    connect(apply, &QPushButton::clicked, this, [this] {
-        confirmAndApply(this, s, icons->isChecked(), widgets->isChecked(), click->isChecked());
-    });
+    connect(apply, &QPushButton::clicked, this,
+            [this] { confirmAndApply(this, s, icons->isChecked(), widgets->isChecked(), click->isChecked()); });
     connect(restore, &QPushButton::clicked, this, [this] {
         QMessageBox ask(QMessageBox::Question, tr("Put the desktop back as it was?"),
                         tr("Put the desktop back as it was?"), QMessageBox::Cancel, this);
         ask.addButton(tr("Put Back"), QMessageBox::AcceptRole);
         ask.exec();
-        if (ask.buttonRole(ask.clickedButton()) == QMessageBox::AcceptRole)
-            s.cleaner->restore();
+        if (ask.buttonRole(ask.clickedButton()) == QMessageBox::AcceptRole) s.cleaner->restore();
     });
     connect(s.cleaner, &DesktopCleaner::currentChanged, this, &DesktopTab::refresh);
     connect(s.settings, &Settings::changed, this, [this](const QString &key) {
-        if (key == QStringLiteral("desktopSnapshot"))
-            refresh();
+        if (key == QStringLiteral("desktopSnapshot")) refresh();
     });
     refresh();
 }
 
-bool DesktopTab::confirmAndApply(QWidget *parent, const UiServices &s, bool hideIcons, bool hideWidgets,
-                                 bool clickOnly)
+bool DesktopTab::confirmAndApply(QWidget *parent, const UiServices &s, bool hideIcons, bool hideWidgets, bool clickOnly)
 {
-    if (!s.cleaner || !s.cleaner->available())
-        return false;
+    if (!s.cleaner || !s.cleaner->available()) return false;
     const DesktopCleaner::Desired desired{hideIcons, hideWidgets, clickOnly};
-    if (desired == s.cleaner->current())
-        return true;
+    if (desired == s.cleaner->current()) return true;
     const bool first = !s.settings->desktopSnapshot();
     QMessageBox ask(QMessageBox::Question, tr("Clear the desk"),
                     first ? tr("Restart the desktop to clear the desk?") : tr("Restart the desktop to apply?"),
@@ -85,8 +80,7 @@ bool DesktopTab::confirmAndApply(QWidget *parent, const UiServices &s, bool hide
                               "deleted."));
     ask.addButton(first ? tr("Clear and Restart") : tr("Restart"), QMessageBox::AcceptRole);
     ask.exec();
-    if (ask.buttonRole(ask.clickedButton()) != QMessageBox::AcceptRole)
-        return false;
+    if (ask.buttonRole(ask.clickedButton()) != QMessageBox::AcceptRole) return false;
     s.cleaner->apply(desired);
     return true;
 }
@@ -94,8 +88,7 @@ bool DesktopTab::confirmAndApply(QWidget *parent, const UiServices &s, bool hide
 void DesktopTab::showEvent(QShowEvent *event)
 {
     // Changes made in the desktop's own settings show here.
-    if (s.cleaner && s.cleaner->available())
-        s.cleaner->reload();
+    if (s.cleaner && s.cleaner->available()) s.cleaner->reload();
     QWidget::showEvent(event);
 }
 

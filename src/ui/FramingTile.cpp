@@ -5,7 +5,8 @@
 
 using Kind = PopoverModel::Tile::Kind;
 
-FramingTile::FramingTile(QWidget *parent) : QAbstractButton(parent)
+FramingTile::FramingTile(QWidget *parent)
+    : QAbstractButton(parent)
 {
     setCursor(Qt::PointingHandCursor);
     setSizePolicy(QSizePolicy::Expanding, QSizePolicy::Fixed);
@@ -32,8 +33,7 @@ void FramingTile::paintEvent(QPaintEvent *)
     const QPalette::ColorGroup group = QPalette::Active;
     const QColor accent = palette().color(group, QPalette::Highlight);
     QColor fill = palette().color(group, QPalette::Base);
-    if (underMouse() && isEnabled())
-        fill = fill.darker(106);
+    if (underMouse() && isEnabled()) fill = fill.darker(106);
     p.setPen(data.current ? QPen(accent, 2) : QPen(palette().color(group, QPalette::Mid), 1));
     p.setBrush(fill);
     p.drawRoundedRect(box, 8, 8);
@@ -65,7 +65,8 @@ void FramingTile::paintEvent(QPaintEvent *)
     QFont small = font();
     small.setPointSizeF(small.pointSizeF() * 0.85);
     p.setFont(small);
-    const QRectF below(inner.left(), inner.top() + tm.height() + 4, inner.width(), inner.bottom() - inner.top() - tm.height() - 4);
+    const QRectF below(inner.left(), inner.top() + tm.height() + 4, inner.width(),
+                       inner.bottom() - inner.top() - tm.height() - 4);
     if (data.kind == Kind::downloading) {
         const QRectF bar(below.left(), below.top() + 4, below.width(), 6);
         p.setPen(Qt::NoPen);

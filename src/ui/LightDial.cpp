@@ -18,7 +18,8 @@ double qtAngle(double clockwise) { return 90.0 - clockwise; }
 
 }  // namespace
 
-LightDial::LightDial(QWidget *parent) : QWidget(parent)
+LightDial::LightDial(QWidget *parent)
+    : QWidget(parent)
 {
     setAttribute(Qt::WA_Hover);
     setCursor(Qt::PointingHandCursor);
@@ -46,13 +47,10 @@ QString LightDial::modeAt(QPointF p) const
 {
     const QPointF d = p - center();
     const double r = std::hypot(d.x(), d.y());
-    if (r <= innerRadius())
-        return QStringLiteral("auto");
-    if (r > outerRadius())
-        return {};
+    if (r <= innerRadius()) return QStringLiteral("auto");
+    if (r > outerRadius()) return {};
     double clockwise = std::atan2(d.x(), -d.y()) * 180.0 / M_PI;
-    if (clockwise < 0)
-        clockwise += 360;
+    if (clockwise < 0) clockwise += 360;
     const QString preset = PlateManifest::canonicalPresets().value(int(std::lround(clockwise / 90.0)) % 4);
     return offered.contains(preset) ? preset : QString();
 }
@@ -60,8 +58,7 @@ QString LightDial::modeAt(QPointF p) const
 QPointF LightDial::centerOf(const QString &m) const
 {
     const qsizetype index = PlateManifest::canonicalPresets().indexOf(m);
-    if (index < 0)
-        return center();
+    if (index < 0) return center();
     const double rad = index * M_PI / 2;
     const double r = (innerRadius() + outerRadius()) / 2;
     return center() + QPointF(std::sin(rad) * r, -std::cos(rad) * r);
@@ -105,10 +102,18 @@ void LightDial::paintEvent(QPaintEvent *)
         const QFontMetricsF fm(f);
         QRectF box(0, 0, fm.horizontalAdvance(name) + 2, fm.height());
         switch (i) {
-        case 0: box.moveCenter(at - QPointF(0, fm.height() / 2)); break;
-        case 1: box.moveTopLeft(at + QPointF(0, -fm.height() / 2)); break;
-        case 2: box.moveCenter(at + QPointF(0, fm.height() / 2)); break;
-        default: box.moveTopRight(at + QPointF(0, -fm.height() / 2)); break;
+        case 0:
+            box.moveCenter(at - QPointF(0, fm.height() / 2));
+            break;
+        case 1:
+            box.moveTopLeft(at + QPointF(0, -fm.height() / 2));
+            break;
+        case 2:
+            box.moveCenter(at + QPointF(0, fm.height() / 2));
+            break;
+        default:
+            box.moveTopRight(at + QPointF(0, -fm.height() / 2));
+            break;
         }
         p.drawText(box, Qt::AlignCenter, name);
     }
@@ -138,9 +143,7 @@ void LightDial::paintEvent(QPaintEvent *)
 
 void LightDial::mouseReleaseEvent(QMouseEvent *event)
 {
-    if (event->button() != Qt::LeftButton)
-        return;
+    if (event->button() != Qt::LeftButton) return;
     const QString picked = modeAt(event->position());
-    if (!picked.isEmpty())
-        emit chosen(picked);
+    if (!picked.isEmpty()) emit chosen(picked);
 }

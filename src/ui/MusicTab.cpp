@@ -17,20 +17,23 @@
 
 using namespace SettingControls;
 
-MusicTab::MusicTab(const UiServices &services, QWidget *parent) : QWidget(parent), s(services)
+MusicTab::MusicTab(const UiServices &services, QWidget *parent)
+    : QWidget(parent)
+    , s(services)
 {
     auto *layout = new QVBoxLayout(this);
     Settings &st = *s.settings;
 
     addTitle(layout, tr("Players"));
-    addSwitch(layout, st, QStringLiteral("musicSetupDone"), [&st] { return st.musicSetupDone(); },
-              [this, &st](bool on) {
-                  // Switching on starts following now; switching off takes effect at the next start.
-                  if (on && s.music)
-                      s.music->markSetupDone();
-                  else
-                      st.setMusicSetupDone(on);
-              });
+    addSwitch(
+        layout, st, QStringLiteral("musicSetupDone"), [&st] { return st.musicSetupDone(); },
+        [this, &st](bool on) {
+            // Switching on starts following now; switching off takes effect at the next start.
+            if (on && s.music)
+                s.music->markSetupDone();
+            else
+                st.setMusicSetupDone(on);
+        });
     players = new QListWidget;
     players->setObjectName(QStringLiteral("players"));
     players->setSelectionMode(QAbstractItemView::NoSelection);
@@ -39,13 +42,10 @@ MusicTab::MusicTab(const UiServices &services, QWidget *parent) : QWidget(parent
     following = new QLabel;
     following->setWordWrap(true);
     layout->addWidget(following);
-    if (s.music)
-        connect(s.music, &MusicPermission::changed, this, &MusicTab::refreshPlayers);
-    if (s.state)
-        connect(s.state, &PlayerState::trackChanged, this, &MusicTab::refreshPlayers);
+    if (s.music) connect(s.music, &MusicPermission::changed, this, &MusicTab::refreshPlayers);
+    if (s.state) connect(s.state, &PlayerState::trackChanged, this, &MusicTab::refreshPlayers);
     connect(&st, &Settings::changed, this, [this](const QString &key) {
-        if (key == QStringLiteral("musicSetupDone"))
-            refreshPlayers();
+        if (key == QStringLiteral("musicSetupDone")) refreshPlayers();
     });
 
     addTitle(layout, tr("Record Stack"));
@@ -56,8 +56,7 @@ MusicTab::MusicTab(const UiServices &services, QWidget *parent) : QWidget(parent
     limit->setValue(st.stackLimit());
     connect(limit, &QSpinBox::valueChanged, this, [&st](int n) { st.setStackLimit(n); });
     connect(&st, &Settings::changed, limit, [limit, &st](const QString &key) {
-        if (key != QStringLiteral("stackLimit"))
-            return;
+        if (key != QStringLiteral("stackLimit")) return;
         const QSignalBlocker block(limit);
         limit->setValue(st.stackLimit());
     });
@@ -74,8 +73,7 @@ MusicTab::MusicTab(const UiServices &services, QWidget *parent) : QWidget(parent
                                   "play music."));
         ask.addButton(tr("Clear History"), QMessageBox::DestructiveRole);
         ask.exec();
-        if (ask.buttonRole(ask.clickedButton()) == QMessageBox::DestructiveRole)
-            s.history->clear();
+        if (ask.buttonRole(ask.clickedButton()) == QMessageBox::DestructiveRole) s.history->clear();
     });
     auto *clearRow = new QHBoxLayout;
     clearRow->addWidget(clear);
@@ -87,8 +85,7 @@ MusicTab::MusicTab(const UiServices &services, QWidget *parent) : QWidget(parent
 
 void MusicTab::showEvent(QShowEvent *event)
 {
-    if (s.music)
-        s.music->refresh();
+    if (s.music) s.music->refresh();
     QWidget::showEvent(event);
 }
 

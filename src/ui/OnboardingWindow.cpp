@@ -62,7 +62,8 @@ QImage placeholderRoom(QSize size)
 }  // namespace
 
 OnboardingWindow::OnboardingWindow(const UiServices &services, QWidget *parent)
-    : QWidget(parent, Qt::Window), s(services)
+    : QWidget(parent, Qt::Window)
+    , s(services)
 {
     setWindowTitle(tr("Welcome to Turnelo"));
     setObjectName(QStringLiteral("TurneloOnboarding"));
@@ -121,8 +122,7 @@ QWidget *OnboardingWindow::musicPage()
     layout->addWidget(paragraph(tr("Any player that shows in your desktop’s media controls works; when several "
                                    "play, Spotify comes first.")));
     layout->addStretch();
-    if (s.music)
-        connect(s.music, &MusicPermission::changed, this, &OnboardingWindow::refreshPlayers);
+    if (s.music) connect(s.music, &MusicPermission::changed, this, &OnboardingWindow::refreshPlayers);
     return page;
 }
 
@@ -187,14 +187,13 @@ void OnboardingWindow::stepShown()
     case 1:
         if (picture->pixmap().isNull()) {
             QImage room = s.roomPicture ? s.roomPicture(QSize(480, 270)) : QImage();
-            if (room.isNull())
-                room = placeholderRoom(QSize(480, 270));
-            picture->setPixmap(QPixmap::fromImage(room.scaled(480, 270, Qt::KeepAspectRatio, Qt::SmoothTransformation)));
+            if (room.isNull()) room = placeholderRoom(QSize(480, 270));
+            picture->setPixmap(
+                QPixmap::fromImage(room.scaled(480, 270, Qt::KeepAspectRatio, Qt::SmoothTransformation)));
         }
         break;
     case 2:
-        if (s.music)
-            s.music->refresh();
+        if (s.music) s.music->refresh();
         refreshPlayers();
         break;
     case 3:
@@ -202,7 +201,8 @@ void OnboardingWindow::stepShown()
         hideIcons->setChecked(s.cleaner && s.cleaner->available() && s.cleaner->current().hideIcons);
         saver->setChecked(s.settings->ecoMode());
         break;
-    default: break;
+    default:
+        break;
     }
 }
 
@@ -212,8 +212,7 @@ void OnboardingWindow::refreshPlayers()
     const auto seen = s.music ? s.music->players() : QList<MusicPermission::Player>();
     for (const MusicPermission::Player &p : seen)
         players->addItem(p.source.name + QStringLiteral(" — ") + MusicPermission::statusText(p.status));
-    if (seen.isEmpty())
-        players->addItem(tr("No player is open right now. Start one and it shows up here."));
+    if (seen.isEmpty()) players->addItem(tr("No player is open right now. Start one and it shows up here."));
 }
 
 void OnboardingWindow::leaveStep(int at)
@@ -227,8 +226,7 @@ void OnboardingWindow::leaveStep(int at)
         break;
     case 3: {
         const bool all = allDisplays->isChecked();
-        if (all != s.settings->allScreens())
-            s.setScreens ? s.setScreens(all) : s.settings->setAllScreens(all);
+        if (all != s.settings->allScreens()) s.setScreens ? s.setScreens(all) : s.settings->setAllScreens(all);
         if (saver->isChecked() != s.settings->ecoMode())
             s.power ? s.power->setEcoEnabled(saver->isChecked()) : s.settings->setEcoMode(saver->isChecked());
         if (s.cleaner && s.cleaner->available() && hideIcons->isChecked() != s.cleaner->current().hideIcons) {
@@ -240,7 +238,8 @@ void OnboardingWindow::leaveStep(int at)
     case stepCount:
         s.settings->setOnboardingDone(true);
         break;
-    default: break;
+    default:
+        break;
     }
 }
 

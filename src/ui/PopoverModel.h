@@ -36,9 +36,9 @@ public:
         QString title;
         Kind kind = Kind::installed;
         bool current = false;
-        QString sizeText;       // downloadable, downloading and failed: the packages' size
-        double progress = 0;    // downloading: 0…1
-        QString text;           // the line under the title
+        QString sizeText;     // downloadable, downloading and failed: the packages' size
+        double progress = 0;  // downloading: 0…1
+        QString text;         // the line under the title
     };
     struct Effect {
         QString key;

@@ -44,7 +44,8 @@ QFrame *separator(QWidget *parent)
 }  // namespace
 
 PopoverWindow::PopoverWindow(const UiServices &services, QWidget *parent)
-    : QFrame(parent, Qt::Popup | Qt::FramelessWindowHint), viewModel(services)
+    : QFrame(parent, Qt::Popup | Qt::FramelessWindowHint)
+    , viewModel(services)
 {
     setObjectName(QStringLiteral("TurneloPopover"));
     setFrameShape(QFrame::StyledPanel);
@@ -102,8 +103,7 @@ PopoverWindow::PopoverWindow(const UiServices &services, QWidget *parent)
     connect(connectMusic, &QPushButton::clicked, this, [this] {
         hide();
         // Straight to the music step.
-        if (viewModel.services().showOnboarding)
-            viewModel.services().showOnboarding(2);
+        if (viewModel.services().showOnboarding) viewModel.services().showOnboarding(2);
     });
     texts->addWidget(trackTitle);
     texts->addWidget(trackDetails);
@@ -154,14 +154,12 @@ PopoverWindow::PopoverWindow(const UiServices &services, QWidget *parent)
     auto *settings = new QPushButton(tr("Settings…"), this);
     connect(settings, &QPushButton::clicked, this, [this] {
         hide();
-        if (viewModel.services().showSettings)
-            viewModel.services().showSettings();
+        if (viewModel.services().showSettings) viewModel.services().showSettings();
     });
     auto *quit = new QPushButton(tr("Quit"), this);
     connect(quit, &QPushButton::clicked, this, [this] {
         hide();
-        if (viewModel.services().quit)
-            viewModel.services().quit();
+        if (viewModel.services().quit) viewModel.services().quit();
     });
     bottom->addWidget(effects);
     bottom->addStretch();
@@ -195,8 +193,7 @@ void PopoverWindow::refresh()
         trackTitle->setText(n.title);
         QStringList details;
         for (const QString &part : {n.artist, n.album, n.side})
-            if (!part.isEmpty())
-                details << part;
+            if (!part.isEmpty()) details << part;
         details << (n.playing ? tr("Playing in %1") : tr("Paused in %1")).arg(n.player);
         trackDetails->setText(details.join(QLatin1Char('\n')));
         cover->setPixmap(n.cover.isNull() ? QPixmap()
@@ -231,18 +228,15 @@ void PopoverWindow::refresh()
 void PopoverWindow::refreshTiles()
 {
     const QList<PopoverModel::Tile> wanted = viewModel.tiles();
-    while (tiles.size() > wanted.size())
-        delete tiles.takeLast();
+    while (tiles.size() > wanted.size()) delete tiles.takeLast();
     while (tiles.size() < wanted.size()) {
         auto *tile = new FramingTile(this);
         connect(tile, &FramingTile::clicked, this, [this, tile] { viewModel.activateTile(tile->tile().name); });
         tileGrid->addWidget(tile, int(tiles.size()) / 2, int(tiles.size()) % 2);
         tiles << tile;
     }
-    for (qsizetype i = 0; i < wanted.size(); ++i)
-        tiles[i]->setTile(wanted[i]);
-    if (isVisible())
-        adjustSize();
+    for (qsizetype i = 0; i < wanted.size(); ++i) tiles[i]->setTile(wanted[i]);
+    if (isVisible()) adjustSize();
 }
 
 QPoint PopoverWindow::placement(const QRect &anchor, const QPoint &cursor, const QSize &size, const QRect &screen)
@@ -251,12 +245,10 @@ QPoint PopoverWindow::placement(const QRect &anchor, const QPoint &cursor, const
     if (anchor.isValid() && !anchor.isEmpty()) {
         // Under the icon for a panel at the top, above it for one at the bottom.
         at = QPoint(anchor.center().x() - size.width() / 2, anchor.bottom() + 4);
-        if (at.y() + size.height() > screen.bottom())
-            at.setY(anchor.top() - 4 - size.height());
+        if (at.y() + size.height() > screen.bottom()) at.setY(anchor.top() - 4 - size.height());
     } else {
         at = QPoint(cursor.x() - size.width() / 2, cursor.y() + 8);
-        if (at.y() + size.height() > screen.bottom())
-            at.setY(cursor.y() - 8 - size.height());
+        if (at.y() + size.height() > screen.bottom()) at.setY(cursor.y() - 8 - size.height());
     }
     at.setX(std::clamp(at.x(), screen.left(), std::max(screen.left(), screen.right() - size.width() + 1)));
     at.setY(std::clamp(at.y(), screen.top(), std::max(screen.top(), screen.bottom() - size.height() + 1)));
@@ -269,8 +261,7 @@ void PopoverWindow::popup(const QRect &anchor)
     adjustSize();
     const QPoint cursor = QCursor::pos();
     QScreen *screen = QGuiApplication::screenAt(anchor.isValid() && !anchor.isEmpty() ? anchor.center() : cursor);
-    if (!screen)
-        screen = QGuiApplication::primaryScreen();
+    if (!screen) screen = QGuiApplication::primaryScreen();
     move(placement(anchor, cursor, size(), screen ? screen->availableGeometry() : QRect(0, 0, 1280, 800)));
     show();
     raise();

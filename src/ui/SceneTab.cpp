@@ -45,27 +45,29 @@ QLineEdit *coordinateField(Settings &st, const QString &key, double limit)
             st.setValue(key, value);
     });
     QObject::connect(&st, &Settings::changed, edit, [show, key](const QString &changed) {
-        if (changed == key)
-            show();
+        if (changed == key) show();
     });
     return edit;
 }
 
 }  // namespace
 
-SceneTab::SceneTab(const UiServices &services, QWidget *parent) : QWidget(parent), s(services)
+SceneTab::SceneTab(const UiServices &services, QWidget *parent)
+    : QWidget(parent)
+    , s(services)
 {
     auto *layout = new QVBoxLayout(this);
     Settings &st = *s.settings;
 
     addTitle(layout, tr("Room"));
-    framing = addPicker(layout, st, QStringLiteral("framing"), {}, [&st] { return st.framing(); },
-                        [&st](const QString &v) { st.setFraming(v); });
+    framing = addPicker(
+        layout, st, QStringLiteral("framing"), {}, [&st] { return st.framing(); },
+        [&st](const QString &v) { st.setFraming(v); });
     QList<std::pair<QString, QString>> lights{{QStringLiteral("auto"), tr("Automatic (follows the clock)")}};
-    for (const QString &p : PlateManifest::canonicalPresets())
-        lights.append({p, LightPresets::name(p)});
-    addPicker(layout, st, QStringLiteral("lightPreset"), lights, [&st] { return st.lightPreset(); },
-              [&st](const QString &v) { st.setLightPreset(v); });
+    for (const QString &p : PlateManifest::canonicalPresets()) lights.append({p, LightPresets::name(p)});
+    addPicker(
+        layout, st, QStringLiteral("lightPreset"), lights, [&st] { return st.lightPreset(); },
+        [&st](const QString &v) { st.setLightPreset(v); });
     // Where the popover sends the user when the room is unavailable: the same words, beside the button.
     problem = new QLabel;
     problem->setObjectName(QStringLiteral("sceneProblem"));
@@ -88,13 +90,13 @@ SceneTab::SceneTab(const UiServices &services, QWidget *parent) : QWidget(parent
         addSwitch(layout, st, QString::fromLatin1(key), [&st, get = get] { return (st.*get)(); });
 
     QList<std::pair<QString, QString>> cities;
-    for (const WeatherService::City &c : WeatherService::cities())
-        cities.append({c.id, c.name()});
-    addPicker(layout, st, QStringLiteral("weatherCity"), cities, [&st] { return WeatherService::city(st).id; },
-              [&st](const QString &v) { st.setWeatherCity(v); });
+    for (const WeatherService::City &c : WeatherService::cities()) cities.append({c.id, c.name()});
+    addPicker(
+        layout, st, QStringLiteral("weatherCity"), cities, [&st] { return WeatherService::city(st).id; },
+        [&st](const QString &v) { st.setWeatherCity(v); });
     auto *coordinates = new QHBoxLayout;
-    for (const auto &[key, limit] : {std::pair{QStringLiteral("weatherLatitude"), 90.0},
-                                     std::pair{QStringLiteral("weatherLongitude"), 180.0}}) {
+    for (const auto &[key, limit] :
+         {std::pair{QStringLiteral("weatherLatitude"), 90.0}, std::pair{QStringLiteral("weatherLongitude"), 180.0}}) {
         coordinates->addWidget(new QLabel(SettingsTable::label(key)));
         coordinates->addWidget(coordinateField(st, key, limit), 1);
     }
@@ -143,28 +145,25 @@ void SceneTab::refreshFramings()
     framing->clear();
     // Only framings on disk can be chosen here; the popover's tiles download the others.
     QStringList names = s.status ? s.status->installedFramings() : QStringList();
-    if (!names.contains(s.settings->framing()))
-        names.prepend(s.settings->framing());
-    for (const QString &name : names)
-        framing->addItem(PlateManifest::framingDisplayName(name), name);
+    if (!names.contains(s.settings->framing())) names.prepend(s.settings->framing());
+    for (const QString &name : names) framing->addItem(PlateManifest::framingDisplayName(name), name);
     framing->setCurrentIndex(std::max(0, framing->findData(s.settings->framing())));
 }
 
 void SceneTab::refreshDownload()
 {
-    if (!download)
-        return;
+    if (!download) return;
     // The popover's words, so both say the same.
     QStringList lines;
-    if (const QString line = PopoverModel::installerLine(s.installer); !line.isEmpty())
-        lines << line;
+    if (const QString line = PopoverModel::installerLine(s.installer); !line.isEmpty()) lines << line;
     if (s.installer && lines.isEmpty()) {
         if (s.installer->phase().kind == SceneInstaller::Phase::ready)
             lines << tr("The room is up to date: %1.").arg(s.installer->sceneTitle().value_or(tr("installed")));
         else if (!s.installer->hasInstalledScene())
             lines << tr("No room is installed yet.");
     }
-    if (s.installer && !s.installer->lastRunError().isEmpty() && s.installer->phase().kind == SceneInstaller::Phase::ready)
+    if (s.installer && !s.installer->lastRunError().isEmpty() &&
+        s.installer->phase().kind == SceneInstaller::Phase::ready)
         lines << tr("The last check failed; Turnelo will try again later.");
     download->setText(lines.join(QLatin1Char('\n')));
 }

@@ -13,8 +13,7 @@ namespace SettingControls {
 
 QLabel *addHelp(QBoxLayout *layout, const QString &text)
 {
-    if (text.isEmpty())
-        return nullptr;
+    if (text.isEmpty()) return nullptr;
     auto *label = new QLabel(text);
     label->setWordWrap(true);
     label->setForegroundRole(QPalette::PlaceholderText);
@@ -43,12 +42,10 @@ QCheckBox *addSwitch(QBoxLayout *layout, Settings &settings, const QString &key,
     auto *box = new QCheckBox(SettingsTable::label(key));
     box->setObjectName(key);
     box->setChecked(get());
-    if (!set)
-        set = [&settings, key](bool on) { settings.setValue(key, on); };
+    if (!set) set = [&settings, key](bool on) { settings.setValue(key, on); };
     QObject::connect(box, &QCheckBox::toggled, box, [set](bool on) { set(on); });
     QObject::connect(&settings, &Settings::changed, box, [box, key, get](const QString &changed) {
-        if (changed != key)
-            return;
+        if (changed != key) return;
         const QSignalBlocker block(box);
         box->setChecked(get());
     });
@@ -66,21 +63,17 @@ QComboBox *addPicker(QBoxLayout *layout, Settings &settings, const QString &key,
     auto *combo = new QComboBox;
     combo->setObjectName(key);
     label->setBuddy(combo);
-    for (const auto &[value, title] : choices)
-        combo->addItem(title, value);
+    for (const auto &[value, title] : choices) combo->addItem(title, value);
     auto show = [combo, get] {
         const QSignalBlocker block(combo);
         combo->setCurrentIndex(std::max(0, combo->findData(get())));
     };
     show();
-    if (!set)
-        set = [&settings, key](const QString &value) { settings.setValue(key, value); };
-    QObject::connect(combo, &QComboBox::activated, combo, [combo, set](int index) {
-        set(combo->itemData(index).toString());
-    });
+    if (!set) set = [&settings, key](const QString &value) { settings.setValue(key, value); };
+    QObject::connect(combo, &QComboBox::activated, combo,
+                     [combo, set](int index) { set(combo->itemData(index).toString()); });
     QObject::connect(&settings, &Settings::changed, combo, [key, show](const QString &changed) {
-        if (changed == key)
-            show();
+        if (changed == key) show();
     });
     row->addWidget(label);
     row->addWidget(combo, 1);

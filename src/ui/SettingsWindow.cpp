@@ -9,7 +9,8 @@
 #include <QTabWidget>
 #include <QVBoxLayout>
 
-SettingsWindow::SettingsWindow(const UiServices &services, QWidget *parent) : QWidget(parent, Qt::Window)
+SettingsWindow::SettingsWindow(const UiServices &services, QWidget *parent)
+    : QWidget(parent, Qt::Window)
 {
     setWindowTitle(tr("Turnelo Settings"));
     setObjectName(QStringLiteral("TurneloSettings"));
@@ -28,8 +29,7 @@ QWidget *SettingsWindow::page(Tab tab) const { return tabWidget->widget(int(tab)
 
 void SettingsWindow::show(std::optional<Tab> tab)
 {
-    if (tab)
-        tabWidget->setCurrentIndex(int(*tab));
+    if (tab) tabWidget->setCurrentIndex(int(*tab));
     QWidget::show();
     raise();
     activateWindow();

@@ -25,7 +25,8 @@ QString binary(const QString &name) { return QStringLiteral(TURNELO_BINARY_DIR "
 
 class DesktopRoom : public ::testing::Test {
 protected:
-    void SetUp() override {
+    void SetUp() override
+    {
         QString why;
         if (!XServer::installed("openbox")) GTEST_SKIP() << "openbox is not installed";
         ASSERT_TRUE(x.start(why)) << why.toStdString();
@@ -43,7 +44,8 @@ protected:
         ASSERT_TRUE(gen.waitForFinished(300000) && gen.exitCode() == 0) << gen.readAllStandardError().toStdString();
     }
 
-    QProcessEnvironment environment() const {
+    QProcessEnvironment environment() const
+    {
         QProcessEnvironment env = x.environment();
         const QProcessEnvironment busEnv = bus.env();
         for (const char *key : {"DBUS_SESSION_BUS_ADDRESS", "DBUS_SYSTEM_BUS_ADDRESS"})
@@ -54,14 +56,16 @@ protected:
         return env;
     }
 
-    void defaults(const QStringList &args) {
+    void defaults(const QStringList &args)
+    {
         QProcess tool;
         tool.setProcessEnvironment(environment());
         tool.start(binary("tools/turnelo-defaults"), args);
         ASSERT_TRUE(tool.waitForFinished(30000) && tool.exitCode() == 0) << tool.readAllStandardError().toStdString();
     }
 
-    void launch() {
+    void launch()
+    {
         // A user past the welcome: its window would stand in front of the room.
         defaults({"write", "onboardingDone", "-bool", "true"});
         app.setProcessEnvironment(environment());
@@ -70,23 +74,30 @@ protected:
         ASSERT_TRUE(app.waitForStarted(10000));
     }
 
-    QString log() const {
+    QString log() const
+    {
         QFile f(x.stateHome() + "/Turnelo Dev.log");
         return f.open(QIODevice::ReadOnly) ? QString::fromUtf8(f.readAll()) : QString();
     }
     // Waits for a log line holding `text` after `from` characters of the log; its end offset.
-    qsizetype waitForLine(const QString &text, qsizetype from = 0, int seconds = 60) {
+    qsizetype waitForLine(const QString &text, qsizetype from = 0, int seconds = 60)
+    {
         qsizetype at = -1;
-        waitUntil([&] {
-            at = log().indexOf(text, from);
-            return at >= 0 || app.state() != QProcess::Running;
-        }, std::chrono::seconds(seconds));
-        if (at < 0) ADD_FAILURE() << "no line \"" << text.toStdString() << "\"; app says:\n"
-                                  << app.readAll().toStdString() << "\nlog:\n" << log().mid(from).toStdString();
+        waitUntil(
+            [&] {
+                at = log().indexOf(text, from);
+                return at >= 0 || app.state() != QProcess::Running;
+            },
+            std::chrono::seconds(seconds));
+        if (at < 0)
+            ADD_FAILURE() << "no line \"" << text.toStdString() << "\"; app says:\n"
+                          << app.readAll().toStdString() << "\nlog:\n"
+                          << log().mid(from).toStdString();
         return at < 0 ? from : at + text.size();
     }
     // The frames per second of the first performance line that starts after `from`.
-    double fpsAfter(qsizetype from) {
+    double fpsAfter(qsizetype from)
+    {
         static const QRegularExpression perf(QStringLiteral("Perf \\d+s: ([0-9.]+) fps"));
         QRegularExpressionMatch m;
         waitUntil([&] { return (m = perf.match(log(), from)).hasMatch(); }, std::chrono::seconds(30));
@@ -95,23 +106,26 @@ protected:
     }
     // The program's windows smaller than the screen: its moving layers, largest first (the
     // record and arm, then the steam).
-    std::vector<QRect> layers() {
+    std::vector<QRect> layers()
+    {
         const QString tree = QString::fromUtf8(x.run("xwininfo", {"-root", "-tree"}));
-        static const QRegularExpression child(
-            QStringLiteral("\"turnelo\": \\(\"turnelo\" \"turnelo\"\\)\\s+(\\d+)x(\\d+)\\+-?\\d+\\+-?\\d+\\s+\\+(-?\\d+)\\+(-?\\d+)"));
+        static const QRegularExpression child(QStringLiteral(
+            "\"turnelo\": \\(\"turnelo\" \"turnelo\"\\)\\s+(\\d+)x(\\d+)\\+-?\\d+\\+-?\\d+\\s+\\+(-?\\d+)\\+(-?\\d+)"));
         std::vector<QRect> found;
         for (auto it = child.globalMatch(tree); it.hasNext();) {
             const auto m = it.next();
             const QRect r(m.captured(3).toInt(), m.captured(4).toInt(), m.captured(1).toInt(), m.captured(2).toInt());
             if (r.width() < 1280 || r.height() < 720) found.push_back(r);
         }
-        std::sort(found.begin(), found.end(), [](QRect a, QRect b) { return a.width() * a.height() > b.width() * b.height(); });
+        std::sort(found.begin(), found.end(),
+                  [](QRect a, QRect b) { return a.width() * a.height() > b.width() * b.height(); });
         return found;
     }
     size_t movingLayers() { return layers().size(); }
     QRect movingLayer() { return layers().empty() ? QRect() : layers().front(); }
 
-    void TearDown() override {
+    void TearDown() override
+    {
         if (HasFailure()) std::cerr << "log:\n" << log().toStdString() << "\noutput:\n" << app.readAll().toStdString();
         if (app.state() == QProcess::Running) {
             app.terminate();
@@ -128,7 +142,8 @@ protected:
 };
 
 // Mean and spread of the grey level over a rectangle of a screenshot, every fourth pixel.
-std::pair<double, double> meanAndSpread(const QImage &img, QRect r) {
+std::pair<double, double> meanAndSpread(const QImage &img, QRect r)
+{
     double sum = 0, sum2 = 0;
     int n = 0;
     for (int y = r.top(); y <= r.bottom(); y += 4)
@@ -142,7 +157,8 @@ std::pair<double, double> meanAndSpread(const QImage &img, QRect r) {
     return std::make_pair(mean, n ? std::sqrt(std::max(0.0, sum2 / n - mean * mean)) : 0.0);
 }
 
-TEST_F(DesktopRoom, ShowsTheRoomAndPausesWhenNobodyCanSeeIt) {
+TEST_F(DesktopRoom, ShowsTheRoomAndPausesWhenNobodyCanSeeIt)
+{
     defaults({"write", "perfLogInterval", "-float", "1"});
     defaults({"write", "lightPreset", "-string", "dia"});
     launch();
@@ -164,13 +180,15 @@ TEST_F(DesktopRoom, ShowsTheRoomAndPausesWhenNobodyCanSeeIt) {
     // What a person sees: the room over the whole root window, the moving layer drawn too.
     QImage shot;
     std::pair<double, double> whole, moved;
-    waitUntil([&] {
-        shot = QImage::fromData(x.run("import", {"-window", "root", "png:-"}), "PNG");
-        if (shot.isNull()) return false;
-        whole = meanAndSpread(shot, shot.rect());
-        moved = meanAndSpread(shot, layer.intersected(shot.rect()));
-        return whole.first > 8 && whole.second > 6 && moved.first > 8;
-    }, std::chrono::seconds(60));
+    waitUntil(
+        [&] {
+            shot = QImage::fromData(x.run("import", {"-window", "root", "png:-"}), "PNG");
+            if (shot.isNull()) return false;
+            whole = meanAndSpread(shot, shot.rect());
+            moved = meanAndSpread(shot, layer.intersected(shot.rect()));
+            return whole.first > 8 && whole.second > 6 && moved.first > 8;
+        },
+        std::chrono::seconds(60));
     shot.save(QStringLiteral(TURNELO_BINARY_DIR "/desktop-room.png"));
     EXPECT_GT(whole.first, 8) << "the desktop is black";
     EXPECT_GT(whole.second, 6) << "the desktop is one flat colour";
@@ -196,9 +214,9 @@ TEST_F(DesktopRoom, ShowsTheRoomAndPausesWhenNobodyCanSeeIt) {
     blocker.close(over);
 
     // The screen saver locks the screen.
-    const QDBusMessage lock = screensaver->callMock("/ScreenSaver", "EmitSignal",
-                                                    {QString(), QStringLiteral("ActiveChanged"), QStringLiteral("b"),
-                                                     QVariantList{true}});
+    const QDBusMessage lock =
+        screensaver->callMock("/ScreenSaver", "EmitSignal",
+                              {QString(), QStringLiteral("ActiveChanged"), QStringLiteral("b"), QVariantList{true}});
     ASSERT_EQ(lock.type(), QDBusMessage::ReplyMessage) << lock.errorMessage().toStdString();
     at = waitForLine("Cena: screenIsLocked → pausa", at);
     screensaver->callMock("/ScreenSaver", "EmitSignal",
@@ -206,7 +224,8 @@ TEST_F(DesktopRoom, ShowsTheRoomAndPausesWhenNobodyCanSeeIt) {
     at = waitForLine("Cena: screenIsUnlocked → renderiza", at);
 
     // Unplugged: the saver takes the room down to 15 frames a second.
-    const QDBusMessage unplug = upower->setProperty("/org/freedesktop/UPower", "org.freedesktop.UPower", "OnBattery", true);
+    const QDBusMessage unplug =
+        upower->setProperty("/org/freedesktop/UPower", "org.freedesktop.UPower", "OnBattery", true);
     ASSERT_EQ(unplug.type(), QDBusMessage::ReplyMessage) << unplug.errorMessage().toStdString();
     const qsizetype battery = waitForLine("Energia: bateria", at);
     at = waitForLine("Cena: modo economia ligado (15 fps, sem vapor e chuva)", at);
@@ -263,7 +282,8 @@ TEST_F(DesktopRoom, ShowsTheRoomAndPausesWhenNobodyCanSeeIt) {
     EXPECT_EQ(app.state(), QProcess::Running);
 }
 
-TEST_F(DesktopRoom, AllScreensGetAWindowAndMainKeepsTheFirst) {
+TEST_F(DesktopRoom, AllScreensGetAWindowAndMainKeepsTheFirst)
+{
     // Two monitors on one X screen, as a laptop with an external display.
     x.run("xrandr", {"--setmonitor", "left", "640/170x720/190+0+0", "default"});
     x.run("xrandr", {"--setmonitor", "right", "640/170x720/190+640+0", "none"});
@@ -309,12 +329,16 @@ TEST_F(DesktopRoom, AllScreensGetAWindowAndMainKeepsTheFirst) {
     waitForLine("Turnelo: aberta de novo");
     EXPECT_EQ(ours().size(), 1) << "a second room opened";
     // With the tray icon possibly hidden, a second start is how the settings are reached.
-    EXPECT_TRUE(waitUntil([&] { return !x.run("xdotool", {"search", "--name", "Turnelo Settings"}).trimmed().isEmpty(); },
-                          std::chrono::seconds(20)))
+    EXPECT_TRUE(waitUntil(
+        [&] {
+            return !x.run("xdotool", {"search", "--name", "Turnelo Settings"}).trimmed().isEmpty();
+        },
+        std::chrono::seconds(20)))
         << "no settings window";
 }
 
-TEST_F(DesktopRoom, WithoutASceneThePlainTurntableShowsAndTheTrayMenuHidesIt) {
+TEST_F(DesktopRoom, WithoutASceneThePlainTurntableShowsAndTheTrayMenuHidesIt)
+{
     scene = dir.filePath("empty");  // neither a development scene nor an installed one
     QDir().mkpath(scene);
     // A system tray of the kind bare window managers use (XEmbed).
@@ -325,10 +349,13 @@ TEST_F(DesktopRoom, WithoutASceneThePlainTurntableShowsAndTheTrayMenuHidesIt) {
     ASSERT_FALSE(HasFailure());
     // The plain turntable is drawn by the painter: its plinth and record show on the desktop.
     QImage shot;
-    ASSERT_TRUE(waitUntil([&] {
-        shot = QImage::fromData(x.run("import", {"-window", "root", "png:-"}), "PNG");
-        return !shot.isNull() && qGray(shot.pixel(shot.width() / 2, shot.height() / 2)) != qGray(shot.pixel(4, 4));
-    }, std::chrono::seconds(30))) << "nothing drawn on the desktop";
+    ASSERT_TRUE(waitUntil(
+        [&] {
+            shot = QImage::fromData(x.run("import", {"-window", "root", "png:-"}), "PNG");
+            return !shot.isNull() && qGray(shot.pixel(shot.width() / 2, shot.height() / 2)) != qGray(shot.pixel(4, 4));
+        },
+        std::chrono::seconds(30)))
+        << "nothing drawn on the desktop";
     shot.save(QStringLiteral(TURNELO_BINARY_DIR "/desktop-turntable.png"));
 
     // The tray icon sits in the tray; its menu's first entry hides the room.
@@ -346,16 +373,20 @@ TEST_F(DesktopRoom, WithoutASceneThePlainTurntableShowsAndTheTrayMenuHidesIt) {
     };
     std::optional<QPoint> icon;
     ASSERT_TRUE(waitUntil([&] { return (icon = trayIcon()).has_value(); }, std::chrono::seconds(30)))
-        << "no tray icon in the tray:\n" << x.run("xwininfo", {"-root", "-tree"}).toStdString();
+        << "no tray icon in the tray:\n"
+        << x.run("xwininfo", {"-root", "-tree"}).toStdString();
     x.run("xdotool", {"mousemove", QString::number(icon->x() + 8), QString::number(icon->y() + 8), "click", "3"});
     QThread::msleep(1000);
     x.run("xdotool", {"key", "Down", "Return"});
     QProcess read;
     read.setProcessEnvironment(environment());
-    EXPECT_TRUE(waitUntil([&] {
-        read.start(binary("tools/turnelo-defaults"), {"read", "showTurntable"});
-        return read.waitForFinished(10000) && read.readAllStandardOutput().trimmed() == "false";
-    }, std::chrono::seconds(20))) << "the menu did not hide the room";
+    EXPECT_TRUE(waitUntil(
+        [&] {
+            read.start(binary("tools/turnelo-defaults"), {"read", "showTurntable"});
+            return read.waitForFinished(10000) && read.readAllStandardOutput().trimmed() == "false";
+        },
+        std::chrono::seconds(20)))
+        << "the menu did not hide the room";
 }
 
 }  // namespace

@@ -42,16 +42,16 @@ struct DesktopCleanerXfconfTest : DesktopCleanerTest {
     void SetUp() override
     {
         QString xfconfd;
-        for (const char *c : {"/usr/lib/x86_64-linux-gnu/xfce4/xfconf/xfconfd", "/usr/lib/aarch64-linux-gnu/xfce4/xfconf/xfconfd",
-                              "/usr/lib/xfce4/xfconf/xfconfd", "/usr/libexec/xfconfd"})
-            if (QFileInfo(c).isExecutable())
-                xfconfd = c;
-        if (xfconfd.isEmpty())
-            GTEST_SKIP() << "xfconfd not found (package xfconf)";
+        for (const char *c :
+             {"/usr/lib/x86_64-linux-gnu/xfce4/xfconf/xfconfd", "/usr/lib/aarch64-linux-gnu/xfce4/xfconf/xfconfd",
+              "/usr/lib/xfce4/xfconf/xfconfd", "/usr/libexec/xfconfd"})
+            if (QFileInfo(c).isExecutable()) xfconfd = c;
+        if (xfconfd.isEmpty()) GTEST_SKIP() << "xfconfd not found (package xfconf)";
         ASSERT_TRUE(bus.ok()) << "no private dbus-daemon";
         writeFile(bus.serviceDir() + "/org.xfce.Xfconf.service",
                   QStringLiteral("[D-BUS Service]\nName=org.xfce.Xfconf\nExec=/usr/bin/env XDG_CONFIG_HOME=%1 %2\n")
-                      .arg(home.filePath("config"), xfconfd).toUtf8());
+                      .arg(home.filePath("config"), xfconfd)
+                      .toUtf8());
         monitor.start("dbus-monitor", {"--address", bus.address, "type='method_call',interface='org.xfce.Xfconf'"});
         ASSERT_TRUE(monitor.waitForStarted()) << "dbus-monitor did not start";
         busEnv = std::make_unique<ScopedEnv>("DBUS_SESSION_BUS_ADDRESS", bus.address.toUtf8());
@@ -105,8 +105,12 @@ struct DesktopCleanerXfconfTest : DesktopCleanerTest {
 
     QVariantMap snapshotEntry() const
     {
-        return settings.desktopSnapshot().value_or(QVariantMap()).value(XfconfDesktopPreferences::channel).toMap()
-            .value(stylePath).toMap();
+        return settings.desktopSnapshot()
+            .value_or(QVariantMap())
+            .value(XfconfDesktopPreferences::channel)
+            .toMap()
+            .value(stylePath)
+            .toMap();
     }
 
     static DesktopCleaner::Desired hide() { return {true, false, false}; }
@@ -153,8 +157,7 @@ TEST_F(DesktopCleanerXfconfTest, HideThenRestorePutsEveryKeyBackExactly)
         SCOPED_TRACE(before ? before.value() : -1);
         launcher.commands.clear();
         query({"-p", stylePath, "-r"});
-        if (before)
-            setStyle(*before);
+        if (before) setStyle(*before);
         ASSERT_NO_FATAL_FAILURE(makeCleaner());
         EXPECT_FALSE(cleaner->current().hideIcons);
 
@@ -258,7 +261,8 @@ TEST_F(DesktopCleanerTest, GnomeHidesTheExtensionsIconsAndPutsTheUsersChoiceBack
         << log.last().toStdString();
 
     cleaner.restore();
-    EXPECT_TRUE(log.last().endsWith("Mesa limpa: restaurado (gravou [\"org.gnome.shell.extensions.ding\"]; nada a reiniciar)"))
+    EXPECT_TRUE(
+        log.last().endsWith("Mesa limpa: restaurado (gravou [\"org.gnome.shell.extensions.ding\"]; nada a reiniciar)"))
         << log.last().toStdString();
     EXPECT_EQ(gsettings({"get", "show-home"}), "true");
     EXPECT_EQ(gsettings({"get", "show-trash"}), "false");

@@ -73,15 +73,16 @@ struct NowPlayingMprisTest : ::testing::Test {
         return *players.back();
     }
 
-    void startPlayer(const QString &name, const QString &identity, const QString &status,
-                     const QList<TrackArg> &tracks, double position = 0)
+    void startPlayer(const QString &name, const QString &identity, const QString &status, const QList<TrackArg> &tracks,
+                     double position = 0)
     {
-        QStringList args{"--name", name, "--identity", identity, "--status", status, "--position",
-                         QString::number(position)};
+        QStringList args{"--name",   name,   "--identity", identity,
+                         "--status", status, "--position", QString::number(position)};
         for (const TrackArg &t : tracks)
             args << "--track"
                  << QStringList{t.title, t.artist, t.album, QString::number(t.seconds), QString::number(t.number),
-                                t.art}.join('|');
+                                t.art}
+                        .join('|');
         QProcess &process = startProcess(builtTool("turnelo-mpris-player"), args);
         EXPECT_TRUE(process.waitForReadyRead(10000)) << process.readAllStandardError().constData();
         EXPECT_EQ(process.readLine().trimmed(), "ready");
@@ -149,7 +150,9 @@ TEST_F(NowPlayingMprisTest, ReadingNeverStartsAPlayer)
     const QString mark = bus.dir.filePath("started");
     writeFile(bus.serviceDir() + "/org.mpris.MediaPlayer2.sleeper.service",
               QStringLiteral("[D-BUS Service]\nName=org.mpris.MediaPlayer2.sleeper\n"
-                             "Exec=/usr/bin/touch %1\n").arg(mark).toUtf8());
+                             "Exec=/usr/bin/touch %1\n")
+                  .arg(mark)
+                  .toUtf8());
     const PlayerSource sleeper{"org.mpris.MediaPlayer2.sleeper", "sleeper", "sleeper"};
     NowPlayingMonitor monitor(state, backend);
     monitor.start();
@@ -161,9 +164,9 @@ TEST_F(NowPlayingMprisTest, ReadingNeverStartsAPlayer)
     EXPECT_FALSE(state.track().has_value());
 
     // The same message with auto-start does start it: the setup above is live.
-    bus.bus().call(QDBusMessage::createMethodCall(sleeper.id, "/org/mpris/MediaPlayer2",
-                                                  "org.freedesktop.DBus.Peer", "Ping"),
-                   QDBus::Block, 2000);
+    bus.bus().call(
+        QDBusMessage::createMethodCall(sleeper.id, "/org/mpris/MediaPlayer2", "org.freedesktop.DBus.Peer", "Ping"),
+        QDBus::Block, 2000);
     EXPECT_TRUE(waitUntil([&] { return QFile::exists(mark); }, 5s));
 }
 
@@ -230,8 +233,8 @@ TEST_F(NowPlayingMprisTest, ArtworkFromFilesAndOncePerAlbumLateCoversDropped)
     writeFile(cover, pngOf(Qt::yellow));
     writeFile(junk, "not an image");
     LoopbackHttp http;
-    const std::map<QString, QByteArray> covers{{"/a.png", pngOf(Qt::red)}, {"/slow.png", pngOf(Qt::green)},
-                                               {"/c.png", pngOf(Qt::blue)}};
+    const std::map<QString, QByteArray> covers{
+        {"/a.png", pngOf(Qt::red)}, {"/slow.png", pngOf(Qt::green)}, {"/c.png", pngOf(Qt::blue)}};
     http.answer = [&](const QString &path) {
         const auto found = covers.find(path);
         return found == covers.end() ? LoopbackHttp::Reply{"missing", 404}
@@ -334,23 +337,24 @@ TEST_F(NowPlayingMprisTest, MpvWithMprisPluginIsSeen)
         return head + (body.size() % 2 ? body + '\0' : body);
     };
     auto tag = [&](const char *id, const char *s) { return chunk(id, QByteArray(s) + '\0'); };
-    const QByteArray info = "INFO" + tag("INAM", "Quiet Groove") + tag("IART", "Test Band")
-                            + tag("IPRD", "Silent Album") + tag("IPRT", "3");
+    const QByteArray info = "INFO" + tag("INAM", "Quiet Groove") + tag("IART", "Test Band") +
+                            tag("IPRD", "Silent Album") + tag("IPRT", "3");
     // PCM, mono, rate, bytes per second, block align, bits per sample.
     const QByteArray fmt = le(quint16(1), quint16(1), quint32(8000), quint32(16000), quint16(2), quint16(16));
     QTemporaryDir dir;
     const QString file = dir.filePath("tagged.wav");
-    writeFile(file, chunk("RIFF", "WAVE" + chunk("fmt ", fmt) + chunk("LIST", info)
-                                      + chunk("data", QByteArray(8000 * 2 * 30, '\0'))));
+    writeFile(file, chunk("RIFF", "WAVE" + chunk("fmt ", fmt) + chunk("LIST", info) +
+                                      chunk("data", QByteArray(8000 * 2 * 30, '\0'))));
 
     NowPlayingMonitor monitor(state, backend);
     monitor.start();
     EXPECT_FALSE(state.track().has_value());
-    QProcess &player = startProcess(mpv, {"--no-config", "--script=" + plugin, "--ao=null", "--no-video",
-                                          "--really-quiet", "--idle=no", file});
+    QProcess &player = startProcess(
+        mpv, {"--no-config", "--script=" + plugin, "--ao=null", "--no-video", "--really-quiet", "--idle=no", file});
     // mpv first announces the file by its name, then its tags once they are read.
-    ASSERT_TRUE(waitUntil([&] { return state.track() && state.track()->album == "Silent Album" && state.isPlaying(); },
-                          15s)) << "mpv never showed up as playing its tagged file";
+    ASSERT_TRUE(
+        waitUntil([&] { return state.track() && state.track()->album == "Silent Album" && state.isPlaying(); }, 15s))
+        << "mpv never showed up as playing its tagged file";
     EXPECT_EQ(state.track()->title, "Quiet Groove");
     EXPECT_EQ(state.track()->artist, "Test Band");
     EXPECT_NEAR(state.track()->duration, 30.0, 0.5);

@@ -65,8 +65,8 @@ TEST_F(PowerSessionTest, UnpluggingOnUPowerLogsOnceAndEngagesTheSaver)
     }
 
     auto service = upower();
-    ASSERT_TRUE(isReply(service->callMock(kUPowerPath, QStringLiteral("AddAC"),
-                                          {QStringLiteral("ac"), QStringLiteral("Mains")})));
+    ASSERT_TRUE(isReply(
+        service->callMock(kUPowerPath, QStringLiteral("AddAC"), {QStringLiteral("ac"), QStringLiteral("Mains")})));
     ASSERT_TRUE(isReply(addBattery(*service, QStringLiteral("bat0"))));
     UPowerPowerSource source(bus.connect(QStringLiteral("app")));
     PowerMonitor monitor(settings, &source);
@@ -96,8 +96,9 @@ TEST_F(PowerSessionTest, BatteriesCountWhenTheyPowerTheMachine)
     // A battery-kind device that does not power the machine (a UPS seen through USB, say).
     ASSERT_TRUE(isReply(addBattery(*service, QStringLiteral("ups"))));
     const QDBusObjectPath ups(QStringLiteral("/org/freedesktop/UPower/devices/ups"));
-    ASSERT_TRUE(isReply(service->callMock(kUPowerPath, QStringLiteral("SetDeviceProperties"),
-                                          {QVariant::fromValue(ups), QVariantMap{{QStringLiteral("PowerSupply"), false}}})));
+    ASSERT_TRUE(
+        isReply(service->callMock(kUPowerPath, QStringLiteral("SetDeviceProperties"),
+                                  {QVariant::fromValue(ups), QVariantMap{{QStringLiteral("PowerSupply"), false}}})));
 
     UPowerPowerSource source(bus.connect(QStringLiteral("app")));
     PowerMonitor monitor(settings, &source);
@@ -138,12 +139,12 @@ TEST_F(PowerSessionTest, PowerSaverProfileIsLowPowerModeUnderEitherServiceName)
     const QString currentPath = QStringLiteral("/org/freedesktop/UPower/PowerProfiles");
     auto renamed = DbusMock::bare(bus, current, currentPath, current);
     ASSERT_TRUE(renamed->ok()) << renamed->errors().toStdString();
-    ASSERT_TRUE(isReply(renamed->callMock(currentPath, QStringLiteral("AddProperty"),
-                                          {QString(), QStringLiteral("ActiveProfile"),
-                                           QVariant::fromValue(QDBusVariant(QStringLiteral("balanced")))})));
-    ASSERT_TRUE(isReply(renamed->callMock(currentPath, QStringLiteral("UpdateProperties"),
-                                          {QString(), QVariantMap{{QStringLiteral("ActiveProfile"),
-                                                                   QStringLiteral("power-saver")}}})));
+    ASSERT_TRUE(isReply(renamed->callMock(
+        currentPath, QStringLiteral("AddProperty"),
+        {QString(), QStringLiteral("ActiveProfile"), QVariant::fromValue(QDBusVariant(QStringLiteral("balanced")))})));
+    ASSERT_TRUE(isReply(
+        renamed->callMock(currentPath, QStringLiteral("UpdateProperties"),
+                          {QString(), QVariantMap{{QStringLiteral("ActiveProfile"), QStringLiteral("power-saver")}}})));
     ASSERT_TRUE(waitUntil([&] { return monitor.ecoActive(); }, 10s));
     EXPECT_EQ(flips, (std::vector<bool>{true, false, true}));
 }
@@ -155,9 +156,12 @@ struct SessionSignalsTest : PowerSessionTest {
 
     void watch(SessionSignals &source)
     {
-        QObject::connect(&source, &SessionSignals::lockedChanged, [this](bool on) { seen << QStringLiteral("locked %1").arg(on); });
-        QObject::connect(&source, &SessionSignals::asleepChanged, [this](bool on) { seen << QStringLiteral("asleep %1").arg(on); });
-        QObject::connect(&source, &SessionSignals::activeChanged, [this](bool on) { seen << QStringLiteral("active %1").arg(on); });
+        QObject::connect(&source, &SessionSignals::lockedChanged,
+                         [this](bool on) { seen << QStringLiteral("locked %1").arg(on); });
+        QObject::connect(&source, &SessionSignals::asleepChanged,
+                         [this](bool on) { seen << QStringLiteral("asleep %1").arg(on); });
+        QObject::connect(&source, &SessionSignals::activeChanged,
+                         [this](bool on) { seen << QStringLiteral("active %1").arg(on); });
     }
     ::testing::AssertionResult saw(const QStringList &expected)
     {
@@ -172,8 +176,9 @@ struct SessionSignalsTest : PowerSessionTest {
     }
     QString addSession(const QString &id)
     {
-        const QDBusMessage reply = logind->callMock(kLogindPath, QStringLiteral("AddSession"),
-                                                    {id, QStringLiteral("seat0"), uint(1000), QStringLiteral("tester"), true});
+        const QDBusMessage reply =
+            logind->callMock(kLogindPath, QStringLiteral("AddSession"),
+                             {id, QStringLiteral("seat0"), uint(1000), QStringLiteral("tester"), true});
         EXPECT_TRUE(isReply(reply));
         return reply.arguments().value(0).toString();
     }
@@ -190,7 +195,8 @@ TEST_F(SessionSignalsTest, EveryLockerAndLogindReportOneLockSleepAndSessionSwitc
     startLogind();
     const QString ours = addSession(QStringLiteral("c1"));
     const QString other = addSession(QStringLiteral("c2"));
-    auto gnome = DbusMock::fromTemplate(bus, QStringLiteral("gnome_screensaver"), QStringLiteral("org.gnome.ScreenSaver"));
+    auto gnome =
+        DbusMock::fromTemplate(bus, QStringLiteral("gnome_screensaver"), QStringLiteral("org.gnome.ScreenSaver"));
     ASSERT_TRUE(gnome->ok()) << gnome->errors().toStdString();
     const QString freedesktop = QStringLiteral("org.freedesktop.ScreenSaver");
     auto xfce = DbusMock::bare(bus, freedesktop, QStringLiteral("/ScreenSaver"), freedesktop);
@@ -200,8 +206,8 @@ TEST_F(SessionSignalsTest, EveryLockerAndLogindReportOneLockSleepAndSessionSwitc
              {QString(), QStringLiteral("ActiveChanged"), QStringLiteral("b"), QVariantList{on}});
     };
     const auto gnomeActive = [&](bool on) {
-        EXPECT_TRUE(isReply(gnome->call(QStringLiteral("/org/gnome/ScreenSaver"), QStringLiteral("org.gnome.ScreenSaver"),
-                                        QStringLiteral("SetActive"), {on})));
+        EXPECT_TRUE(isReply(gnome->call(QStringLiteral("/org/gnome/ScreenSaver"),
+                                        QStringLiteral("org.gnome.ScreenSaver"), QStringLiteral("SetActive"), {on})));
     };
     const auto lockedHint = [&](const QString &session, bool on) {
         EXPECT_TRUE(isReply(logind->call(session, kSession, QStringLiteral("SetLockedHint"), {on})));
@@ -249,7 +255,9 @@ TEST_F(SessionSignalsTest, WithoutXdgSessionIdLogindIsAskedForThisProcesssSessio
          {kManager, QStringLiteral("GetSessionByPID"), QStringLiteral("u"), QStringLiteral("o"),
           QStringLiteral("if args[0] != %1: raise dbus.exceptions.DBusException('no session', "
                          "name='org.freedesktop.login1.NoSessionForPID')\n"
-                         "ret = '%2'").arg(QCoreApplication::applicationPid()).arg(ours)});
+                         "ret = '%2'")
+              .arg(QCoreApplication::applicationPid())
+              .arg(ours)});
 
     LinuxSessionSignals session(connection, connection);
     EXPECT_EQ(session.sessionPath(), ours);
@@ -261,7 +269,8 @@ TEST_F(SessionSignalsTest, WithoutXdgSessionIdLogindIsAskedForThisProcesssSessio
     ASSERT_TRUE(isReply(logind->call(ours, kSession, QStringLiteral("LockQuietly"))));
     mock(*logind, ours, QStringLiteral("EmitSignal"),
          {QStringLiteral("org.freedesktop.DBus.Properties"), QStringLiteral("PropertiesChanged"),
-          QStringLiteral("sa{sv}as"), QVariantList{kSession, QVariantMap{}, QStringList{QStringLiteral("LockedHint")}}});
+          QStringLiteral("sa{sv}as"),
+          QVariantList{kSession, QVariantMap{}, QStringList{QStringLiteral("LockedHint")}}});
     EXPECT_TRUE(saw({"locked 1"}));
 }
 

@@ -36,8 +36,8 @@ struct X11Desktop : ::testing::Test {
     bool start(QString &why, const QString &manager = QStringLiteral("openbox"),
                const QStringList &arguments = {QStringLiteral("--sm-disable")}, bool sessionBus = false)
     {
-        if (!server.start(why) || (sessionBus && !server.startSessionBus(why))
-            || !server.startManager(manager, arguments, why))
+        if (!server.start(why) || (sessionBus && !server.startSessionBus(why)) ||
+            !server.startManager(manager, arguments, why))
             return false;
         x = std::make_unique<XClient>(server.display());
         why = QStringLiteral("no Xlib connection");
@@ -57,8 +57,7 @@ struct X11Desktop : ::testing::Test {
     // Stopped (SIGSTOP) and continued, the room cannot answer while a test disturbs the stacking.
     void signalRoom(int signal)
     {
-        if (room && room->state() == QProcess::Running)
-            ::kill(pid_t(room->processId()), signal);
+        if (room && room->state() == QProcess::Running) ::kill(pid_t(room->processId()), signal);
     }
 
     void xdotool(const QStringList &args) { server.run(QStringLiteral("xdotool"), args); }
@@ -76,20 +75,18 @@ struct X11Desktop : ::testing::Test {
 std::optional<ListedWindow> listedAt(X11WindowList &list, const QRect &frame)
 {
     for (const ListedWindow &w : list.windows())
-        if (w.frame == frame)
-            return w;
+        if (w.frame == frame) return w;
     return std::nullopt;
 }
 bool listed(X11WindowList &list, const QRect &frame) { return listedAt(list, frame).has_value(); }
 
-#define START_OR_SKIP(...)                                       \
-    do {                                                         \
-        QString why;                                             \
-        if (!start(why __VA_OPT__(, ) __VA_ARGS__)) {            \
-            if (why.contains("installed"))                       \
-                GTEST_SKIP() << qPrintable(why);                 \
-            FAIL() << qPrintable(why);                           \
-        }                                                        \
+#define START_OR_SKIP(...)                                                                                             \
+    do {                                                                                                               \
+        QString why;                                                                                                   \
+        if (!start(why __VA_OPT__(, ) __VA_ARGS__)) {                                                                  \
+            if (why.contains("installed")) GTEST_SKIP() << qPrintable(why);                                            \
+            FAIL() << qPrintable(why);                                                                                 \
+        }                                                                                                              \
     } while (0)
 
 }  // namespace
@@ -109,16 +106,15 @@ TEST_F(X11Desktop, UnderOpenboxTheRoomIsAStickyClickThroughDesktopWindowAtTheBot
     EXPECT_EQ(x->values(ours, "_NET_WM_DESKTOP"), std::vector<unsigned long>{0xFFFFFFFFul});
     // The manager rewrites the state once it manages the window, keeping what it supports
     // (openbox has no sticky state: the desktop number says "every desktop").
-    for (const char *state : {"_NET_WM_STATE_STICKY", "_NET_WM_STATE_SKIP_TASKBAR", "_NET_WM_STATE_SKIP_PAGER",
-                              "_NET_WM_STATE_BELOW"})
+    for (const char *state :
+         {"_NET_WM_STATE_STICKY", "_NET_WM_STATE_SKIP_TASKBAR", "_NET_WM_STATE_SKIP_PAGER", "_NET_WM_STATE_BELOW"})
         if (x->has(x->root(), "_NET_SUPPORTED", state)) {
             EXPECT_TRUE(x->has(ours, "_NET_WM_STATE", state)) << state;
         }
 
     const auto rectangles = [&](int kind) {
         int count = -1, ordering = 0;
-        if (XRectangle *all = XShapeGetRectangles(x->d, ours, kind, &count, &ordering))
-            XFree(all);
+        if (XRectangle *all = XShapeGetRectangles(x->d, ours, kind, &count, &ordering)) XFree(all);
         return count;
     };
     EXPECT_EQ(rectangles(ShapeInput), 0) << "clicks go through to the desktop";
@@ -213,8 +209,7 @@ TEST_F(X11Desktop, WindowListUnderOpenboxListsOtherProgramsWindowsShownOnThisDes
     ASSERT_TRUE(soon([&] { return listed(list, secondFrame); })) << "a window on every desktop is left out";
 
     // Under a compositor a covering window is still reported, opaque.
-    if (!XServer::installed(QStringLiteral("xcompmgr")))
-        GTEST_SKIP() << "xcompmgr is not installed";
+    if (!XServer::installed(QStringLiteral("xcompmgr"))) GTEST_SKIP() << "xcompmgr is not installed";
     QProcess &compositor = server.launch(QStringLiteral("xcompmgr"), {});
     // xcompmgr takes the compositing manager selection of screen 0 once it runs.
     ASSERT_TRUE(soon([&] {
@@ -237,8 +232,7 @@ TEST_F(X11Desktop, BlankedScreensPauseTheRoomUntilTheyShowAgain)
     QTemporaryDir config;  // the scheduler reads its settings from here, not from the user's
     const ScopedEnv privateConfig("XDG_CONFIG_HOME", config.path().toUtf8());
     QString why;
-    if (!server.start(why))
-        GTEST_SKIP() << qPrintable(why);
+    if (!server.start(why)) GTEST_SKIP() << qPrintable(why);
     X11WindowList list(server.display());
     ASSERT_TRUE(list.connected());
     int changes = 0;
@@ -260,7 +254,8 @@ TEST_F(X11Desktop, BlankedScreensPauseTheRoomUntilTheyShowAgain)
     EXPECT_FALSE(list.screensOff());
     EXPECT_GT(changes, 0);
     EXPECT_EQ(log.messages().filter(QStringLiteral("Cena: monitor")),
-              QStringList({QStringLiteral("Cena: monitor desligado → pausa"), QStringLiteral("Cena: monitor ligado → renderiza")}));
+              QStringList({QStringLiteral("Cena: monitor desligado → pausa"),
+                           QStringLiteral("Cena: monitor ligado → renderiza")}));
 }
 
 TEST_F(X11Desktop, StaysBelowASeeThroughIconWindowAndLowersItselfAgain)
@@ -297,8 +292,7 @@ TEST_F(X11Desktop, StaysBelowASeeThroughIconWindowAndLowersItselfAgain)
 
 TEST_F(X11Desktop, SitsAboveXfdesktopsOpaqueIconWindowAndSaysSoOnce)
 {
-    if (!XServer::installed(QStringLiteral("xfdesktop")))
-        GTEST_SKIP() << "xfdesktop is not installed";
+    if (!XServer::installed(QStringLiteral("xfdesktop"))) GTEST_SKIP() << "xfdesktop is not installed";
     START_OR_SKIP(QStringLiteral("xfwm4"), {QStringLiteral("--compositor=off")}, true);
 
     // The room starts first, as a login's autostart race may have it. (xfwm4 keeps its own
@@ -315,11 +309,13 @@ TEST_F(X11Desktop, SitsAboveXfdesktopsOpaqueIconWindowAndSaysSoOnce)
     QProcess &xfdesktop = server.launch(QStringLiteral("xfdesktop"), {});
     Window icons = 0;
     ASSERT_TRUE(soon([&] {
-        for (const unsigned long client : x->values(x->root(), "_NET_CLIENT_LIST"))
-            if (client != ours && x->has(client, "_NET_WM_WINDOW_TYPE", "_NET_WM_WINDOW_TYPE_DESKTOP"))
-                icons = client;
-        return icons != 0 || xfdesktop.state() == QProcess::NotRunning;
-    }) && icons) << XServer::output(xfdesktop).constData();
+                    for (const unsigned long client : x->values(x->root(), "_NET_CLIENT_LIST"))
+                        if (client != ours && x->has(client, "_NET_WM_WINDOW_TYPE", "_NET_WM_WINDOW_TYPE_DESKTOP"))
+                            icons = client;
+                    return icons != 0 || xfdesktop.state() == QProcess::NotRunning;
+                }) &&
+                icons)
+        << XServer::output(xfdesktop).constData();
     XWindowAttributes attributes;
     ASSERT_TRUE(XGetWindowAttributes(x->d, icons, &attributes));
     ASSERT_EQ(attributes.depth, 24) << "xfdesktop's window is expected opaque here";
@@ -390,19 +386,18 @@ TEST_F(X11Desktop, UnderI3BypassesTheManagerAndLiesUnderEveryWindow)
             below = 0;
             for (unsigned int i = 0; i < count && children[i] != ours; ++i) {
                 XWindowAttributes a;
-                if (XGetWindowAttributes(x->d, children[i], &a) && a.map_state == IsViewable)
-                    ++below;
+                if (XGetWindowAttributes(x->d, children[i], &a) && a.map_state == IsViewable) ++below;
             }
         }
-        if (children)
-            XFree(children);
+        if (children) XFree(children);
         return below;
     };
     XWindowAttributes attributes{};
     ASSERT_TRUE(soon([&] {
-        return XGetWindowAttributes(x->d, ours, &attributes) && attributes.map_state == IsViewable
-               && shownBelowOurs() == 0;
-    })) << "shown windows below ours: " << shownBelowOurs();
+        return XGetWindowAttributes(x->d, ours, &attributes) && attributes.map_state == IsViewable &&
+               shownBelowOurs() == 0;
+    })) << "shown windows below ours: "
+        << shownBelowOurs();
     EXPECT_TRUE(attributes.override_redirect);
     EXPECT_EQ(QRect(attributes.x, attributes.y, attributes.width, attributes.height), QRect(0, 0, 1280, 800))
         << "tiled instead of covering the screen";

@@ -48,8 +48,7 @@ int main(int argc, char **argv)
     QSocketNotifier input(STDIN_FILENO, QSocketNotifier::Read);
     QObject::connect(&input, &QSocketNotifier::activated, &app, [&] {
         char buffer[64];
-        if (::read(STDIN_FILENO, buffer, sizeof buffer) <= 0)
-            app.quit();
+        if (::read(STDIN_FILENO, buffer, sizeof buffer) <= 0) app.quit();
     });
     return app.exec();
 }

@@ -25,13 +25,15 @@ namespace rendertest {
 
 // Points the Vulkan loader at lavapipe unless the caller already chose a driver, and the log
 // at a private folder. Call before the first renderer and the first log line.
-inline void useLavapipeAndPrivateLog() {
+inline void useLavapipeAndPrivateLog()
+{
     if (!qEnvironmentVariableIsSet("VK_ICD_FILENAMES") && !testsupport::lavapipeIcd().isEmpty())
         qputenv("VK_ICD_FILENAMES", testsupport::lavapipeIcd().toUtf8());
     static const testsupport::LogTail privateLog;
 }
 
-inline uint16_t toHalf(float v) {
+inline uint16_t toHalf(float v)
+{
     qfloat16 h(v);
     uint16_t bits;
     std::memcpy(&bits, &h, 2);
@@ -42,8 +44,8 @@ inline uint16_t toHalf(float v) {
 inline double halfRounded(double v) { return double(qfloat16(float(v))); }
 
 // A half RGBA raster whose pixel (x, y) is f(x, y).
-template <typename F>
-inline HalfImage halfImage(int w, int h, F f) {
+template <typename F> inline HalfImage halfImage(int w, int h, F f)
+{
     HalfImage img;
     img.width = w;
     img.height = h;
@@ -56,9 +58,9 @@ inline HalfImage halfImage(int w, int h, F f) {
     return img;
 }
 
-
 // The tone curve computed independently on the CPU, in double precision.
-inline std::array<double, 3> agx(std::array<double, 3> v, double contrast, double offset, double gamma) {
+inline std::array<double, 3> agx(std::array<double, 3> v, double contrast, double offset, double gamma)
+{
     const double inset[3][3] = {{0.842479062253094, 0.0784335999999992, 0.0792237451477643},
                                 {0.0423282422610123, 0.878468636469772, 0.0791661274605434},
                                 {0.0423756549057051, 0.0784336, 0.879142973793104}};  // [row][col]
@@ -86,12 +88,14 @@ inline std::array<double, 3> agx(std::array<double, 3> v, double contrast, doubl
 }
 
 // 8-bit RGB of a pixel of an ARGB32 readback.
-inline std::array<int, 3> rgbAt(const QImage &image, int x, int y) {
+inline std::array<int, 3> rgbAt(const QImage &image, int x, int y)
+{
     QRgb p = image.pixel(x, y);
     return {qRed(p), qGreen(p), qBlue(p)};
 }
 
-inline SceneUniforms plainUniforms(int w, int h) {
+inline SceneUniforms plainUniforms(int w, int h)
+{
     SceneUniforms u;
     u.plateSize = {float(w), float(h), 1.0f / w, 1.0f / h};
     u.look = {0, 1, 0, 0};  // contrast 1, no vignette, no grain
@@ -103,7 +107,8 @@ using Rgb = std::array<double, 3>;
 
 // Expects the pixel to be linear light `l` through the plain curve (contrast 1, gamma 1), within
 // `tolerance` 8-bit steps (the dither alone moves a pixel by up to one).
-inline void expectLinear(const QImage &image, int x, int y, Rgb l, const std::string &what, int tolerance = 2) {
+inline void expectLinear(const QImage &image, int x, int y, Rgb l, const std::string &what, int tolerance = 2)
+{
     const Rgb want = agx(l, 1, 0, 1);
     const std::array<int, 3> got = rgbAt(image, x, y);
     for (int c = 0; c < 3; ++c)
@@ -111,14 +116,16 @@ inline void expectLinear(const QImage &image, int x, int y, Rgb l, const std::st
 }
 
 // Linear value of an 8-bit sRGB level (the art textures are sRGB and read linear).
-inline double srgbToLinear(int v) {
+inline double srgbToLinear(int v)
+{
     const double c = v / 255.0;
     return c <= 0.04045 ? c / 12.92 : std::pow((c + 0.055) / 1.055, 2.4);
 }
 
 // The linear grey whose tone-mapped 8-bit green (contrast 1, no offset, gamma 1) is `level`,
 // by bisection of the curve above (monotonic for grey).
-inline double greyForLevel(double level) {
+inline double greyForLevel(double level)
+{
     double lo = 1e-6, hi = 64;
     for (int i = 0; i < 100; ++i) {
         const double mid = std::sqrt(lo * hi);
@@ -131,13 +138,15 @@ inline double greyForLevel(double level) {
 class RendererTest : public ::testing::Test {
 protected:
     static void SetUpTestSuite() { renderer = SceneRenderer::create().release(); }
-    static void TearDownTestSuite() {
+    static void TearDownTestSuite()
+    {
         delete renderer;
         renderer = nullptr;
     }
     void SetUp() override { ASSERT_NE(renderer, nullptr) << "no Vulkan renderer on this machine"; }
 
-    static QImage render(const SceneUniforms &u, const SceneTextures &t, int w, int h) {
+    static QImage render(const SceneUniforms &u, const SceneTextures &t, int w, int h)
+    {
         OffscreenTarget target(renderer->vulkan(), uint32_t(w), uint32_t(h));
         renderer->draw(SceneRenderer::Pass{&target, u}, {}, std::nullopt, t);
         renderer->waitIdle();
@@ -145,24 +154,28 @@ protected:
     }
     // Lights the uniforms with one constant light texture of colour l, weight 1; returns the
     // light as stored (halves).
-    static Rgb light(SceneUniforms &u, SceneTextures &t, Rgb l) {
+    static Rgb light(SceneUniforms &u, SceneTextures &t, Rgb l)
+    {
         u.mixCount = 1;
         u.mixWeights = {1, 0, 0, 0};
         t.mixes[0] = constant({float(l[0]), float(l[1]), float(l[2]), 1});
         return {halfRounded(l[0]), halfRounded(l[1]), halfRounded(l[2])};
     }
     static TextureRef half(const HalfImage &image) { return TextureUpload::half(*renderer->vulkan(), image); }
-    static TextureRef constant(std::array<float, 4> rgba, int w = 8, int h = 8) {
+    static TextureRef constant(std::array<float, 4> rgba, int w = 8, int h = 8)
+    {
         return half(halfImage(w, h, [&](int, int) { return rgba; }));
     }
     static TextureRef art(const QImage &image) { return TextureUpload::art(*renderer->vulkan(), image); }
-    static TextureRef art(QColor colour) {
+    static TextureRef art(QColor colour)
+    {
         QImage image(4, 4, QImage::Format_RGBA8888);
         image.fill(colour);
         return art(image);
     }
     // An 8-bit mask or shadow of one value everywhere.
-    static TextureRef grey(uint8_t value, int w = 4, int h = 4) {
+    static TextureRef grey(uint8_t value, int w = 4, int h = 4)
+    {
         GrayImage g;
         g.width = w;
         g.height = h;
@@ -174,8 +187,8 @@ protected:
 };
 
 // Writes a half RGBA OpenEXR file (ZIP) whose pixel (x, y) is f(x, y).
-template <typename F>
-inline void writeExr(const QString &path, int w, int h, F f) {
+template <typename F> inline void writeExr(const QString &path, int w, int h, F f)
+{
     QDir().mkpath(QFileInfo(path).absolutePath());
     std::vector<Imf::Rgba> px(size_t(w) * h);
     for (int y = 0; y < h; ++y)
@@ -183,20 +196,22 @@ inline void writeExr(const QString &path, int w, int h, F f) {
             std::array<float, 4> v = f(x, y);
             px[size_t(y) * w + x] = Imf::Rgba(v[0], v[1], v[2], v[3]);
         }
-    Imf::RgbaOutputFile file(QFile::encodeName(path).constData(), w, h, Imf::WRITE_RGBA, 1,
-                             Imath::V2f(0, 0), 1, Imf::INCREASING_Y, Imf::ZIP_COMPRESSION);
+    Imf::RgbaOutputFile file(QFile::encodeName(path).constData(), w, h, Imf::WRITE_RGBA, 1, Imath::V2f(0, 0), 1,
+                             Imf::INCREASING_Y, Imf::ZIP_COMPRESSION);
     file.setFrameBuffer(px.data(), 1, size_t(w));
     file.writePixels(h);
 }
 
-inline float fromHalfBits(uint16_t bits) {
+inline float fromHalfBits(uint16_t bits)
+{
     qfloat16 h;
     std::memcpy(&h, &bits, 2);
     return float(h);
 }
 
 // Unsigned small float of the packed B10G11R11 format.
-inline float fromSmallFloat(uint32_t bits, int mantissaBits) {
+inline float fromSmallFloat(uint32_t bits, int mantissaBits)
+{
     const uint32_t exponent = bits >> mantissaBits, mantissa = bits & ((1u << mantissaBits) - 1);
     const float m = float(mantissa) / float(1u << mantissaBits);
     if (exponent == 0) return std::ldexp(m, -14);
@@ -204,7 +219,8 @@ inline float fromSmallFloat(uint32_t bits, int mantissaBits) {
 }
 
 // Every texel of a shader-read-only texture as RGBA floats (alpha 1 for B10G11R11).
-inline std::vector<std::array<float, 4>> readTexture(VulkanContext &ctx, const GpuTexture &t) {
+inline std::vector<std::array<float, 4>> readTexture(VulkanContext &ctx, const GpuTexture &t)
+{
     const size_t bpp = t.format == VK_FORMAT_R16G16B16A16_SFLOAT ? 8 : 4;
     auto buffer = ctx.createHostBuffer(VkDeviceSize(t.width) * t.height * bpp, VK_BUFFER_USAGE_TRANSFER_DST_BIT);
     ctx.runOnce([&](VkCommandBuffer cmd) {

@@ -15,7 +15,8 @@ class Effects : public RendererTest {};
 
 Rgb times(Rgb a, double k) { return {a[0] * k, a[1] * k, a[2] * k}; }
 
-TEST_F(Effects, SleeveArtCrossfadeMaskAndShowcaseGain) {
+TEST_F(Effects, SleeveArtCrossfadeMaskAndShowcaseGain)
+{
     SceneUniforms u = plainUniforms(32, 32);
     SceneTextures t;
     const double l = light(u, t, {0.5, 0.5, 0.5})[0];
@@ -51,7 +52,8 @@ TEST_F(Effects, SleeveArtCrossfadeMaskAndShowcaseGain) {
     expectLinear(render(u, t, 32, 32), 16, 16, times({dim, dim, dim}, 10), "dark-art floor");
 }
 
-TEST_F(Effects, CoverBounceIsTintedByTheArt) {
+TEST_F(Effects, CoverBounceIsTintedByTheArt)
+{
     SceneUniforms u = plainUniforms(32, 32);
     SceneTextures t;
     const double l = light(u, t, {0.3, 0.3, 0.3})[0];
@@ -66,7 +68,8 @@ TEST_F(Effects, CoverBounceIsTintedByTheArt) {
     expectLinear(out, 24, 16, {l, l, l}, "outside the sprites");
 }
 
-TEST_F(Effects, TheLabelTurnsAndBlursWithTheRecord) {
+TEST_F(Effects, TheLabelTurnsAndBlursWithTheRecord)
+{
     SceneUniforms u = plainUniforms(64, 64);
     SceneTextures t;
     const double l = light(u, t, {0.5, 0.5, 0.5})[0];
@@ -101,7 +104,8 @@ TEST_F(Effects, TheLabelTurnsAndBlursWithTheRecord) {
     expectMarks(render(u, t, 64, 64), dark, times(lit, 0.5), times(lit, 0.5), "blurred");
 }
 
-TEST_F(Effects, StrobeDotsSitWhereThePhasePutsThem) {
+TEST_F(Effects, StrobeDotsSitWhereThePhasePutsThem)
+{
     SceneUniforms u = plainUniforms(32, 32);
     SceneTextures t;
     const double l = light(u, t, {0.05, 0.05, 0.05})[0];
@@ -129,7 +133,8 @@ TEST_F(Effects, StrobeDotsSitWhereThePhasePutsThem) {
     expectLinear(out, 24, 8, with(0.3 * 0.75 * 0.8), "soft, between dots");
 }
 
-TEST_F(Effects, RecordShadingWithAndWithoutPasses) {
+TEST_F(Effects, RecordShadingWithAndWithoutPasses)
+{
     // Record centred on a pixel centre, 60 px to the rim: 2.5 mm per pixel. Label to 40 mm,
     // one band from 100 to 60 mm (24–40 px out). No sheen unless stated.
     const int size = 128;
@@ -177,7 +182,8 @@ TEST_F(Effects, RecordShadingWithAndWithoutPasses) {
     Rgb s;
     for (int c = 0; c < 3; ++c) s[c] = 0.75 * halfRounded(r0[c]) + 0.25 * halfRounded(r1[c]);
     const double dp = 0.75 * halfRounded(r0[3]) + 0.25 * halfRounded(r1[3]);
-    const Rgb grooved = plus(times(s, 0.5), {1, 1, 1}, 0.028 * dp), smooth = plus(times(s, 0.85), {1, 1, 1}, 0.028 * dp);
+    const Rgb grooved = plus(times(s, 0.5), {1, 1, 1}, 0.028 * dp),
+              smooth = plus(times(s, 0.85), {1, 1, 1}, 0.028 * dp);
     out = render(u, t, size, size);
     ring(out, 32, grooved, "passes, grooved");
     ring(out, 48, smooth, "passes, smooth");
@@ -191,7 +197,8 @@ TEST_F(Effects, RecordShadingWithAndWithoutPasses) {
     ring(out, 32, plus(times(l, 1 - cov), grooved, cov), "masked, grooved");
 }
 
-TEST_F(Effects, TonearmShadowReflectionAndFrontLayers) {
+TEST_F(Effects, TonearmShadowReflectionAndFrontLayers)
+{
     // Plate 80×16 in columns of 8 px, lit grey 0.2. Slots 0 and 1 read the source plane at
     // p + (100, 0), slot 2 at p + (200, 0); reflections are placed in plate pixels.
     SceneUniforms u = plainUniforms(80, 16);
@@ -205,9 +212,9 @@ TEST_F(Effects, TonearmShadowReflectionAndFrontLayers) {
     t.arm[0] = constant({0.25f, 0.125f, 0, 0.5f}, 16, 16);
     t.arm[2] = constant({0, 0, 0.25f, 0.625f}, 16, 16);
     u.shadowRects = {{{132, 0, 16, 16}, {140, 0, 16, 16}, {}, {}}};  // plate x 32–48 and 40–56
-    t.shadows[0] = grey(102, 16, 16);  // 0.4
-    t.shadows[1] = grey(51, 16, 16);   // 0.2
-    u.reflRects = {{{16, 0, 16, 16}, {}, {48, 0, 16, 16}, {}}};  // plate x 16–32 and 48–64
+    t.shadows[0] = grey(102, 16, 16);                                // 0.4
+    t.shadows[1] = grey(51, 16, 16);                                 // 0.2
+    u.reflRects = {{{16, 0, 16, 16}, {}, {48, 0, 16, 16}, {}}};      // plate x 16–32 and 48–64
     t.reflections[0] = constant({0.125f, 0, 0, 1}, 16, 16);
     t.reflections[2] = constant({0.5f, 0.5f, 0, 1}, 16, 16);
     u.frontCount = 2;
@@ -218,22 +225,23 @@ TEST_F(Effects, TonearmShadowReflectionAndFrontLayers) {
     // Shadow weight 0.8 (slots 0, 1), a slot outside its rectangle counts 1: the light is
     // scaled by 1 − 0.8 + Σ shadow·weight. Reflections add before the arm goes over.
     const std::array<Rgb, 10> want{{
-        {0.125 + 0.75 * 0.2, 0.0625 + 0.75 * 0.2, 0.75 * 0.2},                    // arm 0: ½ of it over
-        {0.125 + 0.625 * 0.2, 0.0625 + 0.625 * 0.2, 0.05 + 0.625 * 0.2},          // arms 0 and 2
-        {0.875 * (0.2 + 0.0625), 0.875 * 0.2, 0.05 + 0.875 * 0.2},                // arm 2 over reflection 0
-        {0.2 + 0.0625, 0.2, 0.2},                                                 // reflection 0
-        {0.2 * 0.7, 0.2 * 0.7, 0.2 * 0.7},                                        // shadow 0: 0.2 + 0.4·0.5
-        {0.2 * 0.46, 0.2 * 0.46, 0.2 * 0.46},                                     // both: 0.2 + 0.2 + 0.06
-        {0.2 * 0.76 + 0.1, 0.2 * 0.76 + 0.1, 0.2 * 0.76},                         // shadow 1, then reflection 2
-        {0.3, 0.3, 0.2},                                                          // reflection 2
-        {0.5 * 0.2, 0.25 + 0.5 * 0.2, 0.5 * 0.2},                                 // front 0
-        {0.125 + 0.25 * 0.2, 0.25 + 0.25 * 0.2, 0.25 * 0.2},                      // fronts 0 and ½ of 1
+        {0.125 + 0.75 * 0.2, 0.0625 + 0.75 * 0.2, 0.75 * 0.2},            // arm 0: ½ of it over
+        {0.125 + 0.625 * 0.2, 0.0625 + 0.625 * 0.2, 0.05 + 0.625 * 0.2},  // arms 0 and 2
+        {0.875 * (0.2 + 0.0625), 0.875 * 0.2, 0.05 + 0.875 * 0.2},        // arm 2 over reflection 0
+        {0.2 + 0.0625, 0.2, 0.2},                                         // reflection 0
+        {0.2 * 0.7, 0.2 * 0.7, 0.2 * 0.7},                                // shadow 0: 0.2 + 0.4·0.5
+        {0.2 * 0.46, 0.2 * 0.46, 0.2 * 0.46},                             // both: 0.2 + 0.2 + 0.06
+        {0.2 * 0.76 + 0.1, 0.2 * 0.76 + 0.1, 0.2 * 0.76},                 // shadow 1, then reflection 2
+        {0.3, 0.3, 0.2},                                                  // reflection 2
+        {0.5 * 0.2, 0.25 + 0.5 * 0.2, 0.5 * 0.2},                         // front 0
+        {0.125 + 0.25 * 0.2, 0.25 + 0.25 * 0.2, 0.25 * 0.2},              // fronts 0 and ½ of 1
     }};
     const QImage out = render(u, t, 80, 16);
     for (int i = 0; i < 10; ++i) expectLinear(out, 4 + 8 * i, 8, want[i], "column " + std::to_string(i));
 }
 
-TEST_F(Effects, RainOnTheGlassAndRainyDayLight) {
+TEST_F(Effects, RainOnTheGlassAndRainyDayLight)
+{
     // Rainy-day light cools everything, drops or not: mix(l, (0.85 l + 0.15 lum) · tint, z).
     SceneUniforms u = plainUniforms(16, 16);
     SceneTextures t;

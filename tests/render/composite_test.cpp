@@ -17,7 +17,8 @@ class Composite : public RendererTest {
 protected:
     // Per pixel of a grey image, the grain's normal deviate recovered from the 8-bit green:
     // (linear − l) / (strength · √l).
-    static std::vector<double> grainOf(const QImage &image, double l, double strength) {
+    static std::vector<double> grainOf(const QImage &image, double l, double strength)
+    {
         static std::map<int, double> greyOfLevel;
         std::vector<double> out;
         for (int y = 0; y < image.height(); ++y)
@@ -30,10 +31,12 @@ protected:
     }
 };
 
-TEST_F(Composite, WeightedLightThroughTheToneCurve) {
+TEST_F(Composite, WeightedLightThroughTheToneCurve)
+{
     const std::array<Rgb, 4> lights{{{0.18, 0.18, 0.18}, {0.02, 0.05, 0.4}, {3.0, 1.2, 0.6}, {0.25, 0.1, 0.05}}};
     SceneTextures t;
-    for (int i = 0; i < 4; ++i) t.mixes[i] = constant({float(lights[i][0]), float(lights[i][1]), float(lights[i][2]), 1});
+    for (int i = 0; i < 4; ++i)
+        t.mixes[i] = constant({float(lights[i][0]), float(lights[i][1]), float(lights[i][2]), 1});
     SceneUniforms u = plainUniforms(16, 16);
     u.mixWeights = {0.5f, 0.25f, 0.125f, 2.0f};
     // Count 0 is black whatever the weights; each further term adds its weighted light.
@@ -53,7 +56,8 @@ TEST_F(Composite, WeightedLightThroughTheToneCurve) {
     for (int c = 0; c < 3; ++c) EXPECT_NEAR(got[c], graded[c] * 255, 2) << "graded channel " << c;
 }
 
-TEST_F(Composite, VignetteGrainAndDither) {
+TEST_F(Composite, VignetteGrainAndDither)
+{
     SceneTextures t;
     // Vignette on a plate twice as wide as high: both axes are measured in half widths.
     SceneUniforms u = plainUniforms(64, 32);
@@ -119,7 +123,8 @@ TEST_F(Composite, VignetteGrainAndDither) {
     EXPECT_NEAR(sum / (64 * 64), exact, 0.08);
 }
 
-TEST_F(Composite, ALayerMatchesTheSameRegionOfTheFullImage) {
+TEST_F(Composite, ALayerMatchesTheSameRegionOfTheFullImage)
+{
     // A scaled, shifted plate under a 64×48 screen, lit unevenly, with the plate-fixed effects
     // (vignette, grain, LED, live record) and the screen-fixed dither all on.
     const int w = 64, h = 48;
@@ -150,7 +155,9 @@ TEST_F(Composite, ALayerMatchesTheSameRegionOfTheFullImage) {
     for (int y = 0; y < 16; ++y)
         for (int x = 0; x < 24; ++x) {
             int d = 0;
-            for (int c = 0; c < 3; ++c) d = std::max(d, std::abs(int(part.pixel(x, y) >> (8 * c) & 0xff) - int(want.pixel(x, y) >> (8 * c) & 0xff)));
+            for (int c = 0; c < 3; ++c)
+                d = std::max(
+                    d, std::abs(int(part.pixel(x, y) >> (8 * c) & 0xff) - int(want.pixel(x, y) >> (8 * c) & 0xff)));
             differing += d > 0;
             worst = std::max(worst, d);
         }
@@ -161,7 +168,8 @@ TEST_F(Composite, ALayerMatchesTheSameRegionOfTheFullImage) {
     EXPECT_TRUE(render(layer, t, 24, 16) == render(u, t, w, h).copy(20, 12, 24, 16));
 }
 
-TEST_F(Composite, FramesWithChangingUniformsHoldTheirMemory) {
+TEST_F(Composite, FramesWithChangingUniformsHoldTheirMemory)
+{
     // A driver that specialises the shader on the block's values per bind grows by megabytes a
     // frame; an animated room draws thirty frames a second.
     auto residentMB = [] {
@@ -180,7 +188,8 @@ TEST_F(Composite, FramesWithChangingUniformsHoldTheirMemory) {
     EXPECT_LT(residentMB() - before, 40.0);
 }
 
-TEST_F(Composite, AnLedAddsLightAtItsCentreAndFadesAway) {
+TEST_F(Composite, AnLedAddsLightAtItsCentreAndFadesAway)
+{
     SceneUniforms u = plainUniforms(64, 64);
     SceneTextures t;
     const double base = light(u, t, {0.05, 0.05, 0.05})[0];
@@ -194,7 +203,8 @@ TEST_F(Composite, AnLedAddsLightAtItsCentreAndFadesAway) {
     expectLinear(render(u, t, 64, 64), 32, 20, {base, base, base}, "LED off");
 }
 
-TEST(CompositeCreation, ABrokenShaderLeavesNoRendererAndIsLogged) {
+TEST(CompositeCreation, ABrokenShaderLeavesNoRendererAndIsLogged)
+{
     ShaderLibrary broken = ShaderLibrary::embedded();
     broken.composite = {0xdeadbeef, 1, 2, 3, 4, 5};
     EXPECT_EQ(SceneRenderer::create(broken), nullptr);

@@ -10,7 +10,8 @@ namespace {
 
 const bool envReady = (useLavapipeAndPrivateLog(), true);
 
-TEST(DeviceChoice, HardwareBeatsTheSoftwareDeviceWhateverTheOrderAndTheChoiceIsLogged) {
+TEST(DeviceChoice, HardwareBeatsTheSoftwareDeviceWhateverTheOrderAndTheChoiceIsLogged)
+{
     constexpr auto cpu = VK_PHYSICAL_DEVICE_TYPE_CPU, discrete = VK_PHYSICAL_DEVICE_TYPE_DISCRETE_GPU,
                    integrated = VK_PHYSICAL_DEVICE_TYPE_INTEGRATED_GPU, virt = VK_PHYSICAL_DEVICE_TYPE_VIRTUAL_GPU,
                    other = VK_PHYSICAL_DEVICE_TYPE_OTHER;

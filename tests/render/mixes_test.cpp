@@ -16,7 +16,8 @@ const bool envReady = (useLavapipeAndPrivateLog(), true);
 
 class Mixes : public RendererTest {
 protected:
-    void SetUp() override {
+    void SetUp() override
+    {
         RendererTest::SetUp();
         ASSERT_TRUE(tmp.isValid());
     }
@@ -27,10 +28,13 @@ protected:
     QString dir = tmp.filePath("light");
 };
 
-TEST_F(Mixes, WeightedPlatesAreSummedInBandsOf256Rows) {
+TEST_F(Mixes, WeightedPlatesAreSummedInBandsOf256Rows)
+{
     const int w = 8, h = 257;
     writeExr(dir + "/room.exr", w, h, [](int, int) { return std::array<float, 4>{0.5f, 0.25f, 1.0f, 1}; });
-    writeExr(dir + "/lamp.exr", w, h, [](int x, int y) { return std::array<float, 4>{x * 0.125f, y / 512.0f, 0.5f, 1}; });
+    writeExr(dir + "/lamp.exr", w, h, [](int x, int y) {
+        return std::array<float, 4>{x * 0.125f, y / 512.0f, 0.5f, 1};
+    });
     MixBuilder::Stats stats;
     TextureRef t = builder().build({{"room", {1, 2, 0.5}, false}, {"lamp", {3, 3, 3}, false}}, dir, w, h,
                                    VK_FORMAT_R16G16B16A16_SFLOAT, &stats);
@@ -48,7 +52,8 @@ TEST_F(Mixes, WeightedPlatesAreSummedInBandsOf256Rows) {
         }
 }
 
-TEST_F(Mixes, AlphaTermsAddLuminanceAndTheLightFormatDropsAlpha) {
+TEST_F(Mixes, AlphaTermsAddLuminanceAndTheLightFormatDropsAlpha)
+{
     writeExr(dir + "/x_spec.exr", 4, 4, [](int, int) { return std::array<float, 4>{0.2f, 0.2f, 0.2f, 1}; });
     writeExr(dir + "/x_diffuse.exr", 4, 4, [](int, int) { return std::array<float, 4>{1.0f, 0.5f, 0.25f, 0.5f}; });
     TextureRef t = builder().build({{"x_spec", {2, 2, 2}, false}, {"x_diffuse", {1, 2, 4}, true}}, dir, 4, 4,
@@ -65,7 +70,8 @@ TEST_F(Mixes, AlphaTermsAddLuminanceAndTheLightFormatDropsAlpha) {
     if (t->format == VK_FORMAT_R16G16B16A16_SFLOAT) EXPECT_EQ(q[3], 0.0f);  // colour terms add no alpha
 }
 
-TEST_F(Mixes, MissingPlatesAreSkippedUntilNoneIsLeftAndAWrongSizeFails) {
+TEST_F(Mixes, MissingPlatesAreSkippedUntilNoneIsLeftAndAWrongSizeFails)
+{
     writeExr(dir + "/room.exr", 4, 4, [](int, int) { return std::array<float, 4>{1, 1, 1, 1}; });
     MixBuilder::Stats stats;
     TextureRef t = builder().build({{"gone", {1, 1, 1}, false}, {"room", {0.5, 0.5, 0.5}, false}}, dir, 4, 4,
@@ -87,7 +93,8 @@ TEST_F(Mixes, MissingPlatesAreSkippedUntilNoneIsLeftAndAWrongSizeFails) {
 }
 
 // Presets "dia", "noite", "tarde": one plate each, plus "vazio" whose plate does not exist.
-LightMixer lights() {
+LightMixer lights()
+{
     LightMixer m;
     m.presets["dia"].recipe = {{"sun_a", {1, 1, 1}}};
     m.presets["noite"].recipe = {{"lamp", {1, 1, 1}}};
@@ -98,24 +105,32 @@ LightMixer lights() {
 
 class Families : public Mixes {
 protected:
-    void SetUp() override {
+    void SetUp() override
+    {
         Mixes::SetUp();
         writeExr(dir + "/sun_a.exr", 16, 8, [](int, int) { return std::array<float, 4>{1, 1, 1, 1}; });
         writeExr(dir + "/lamp.exr", 16, 8, [](int, int) { return std::array<float, 4>{0, 0, 2, 1}; });
         mixes.onReady = [&](const QString &p) { ready << p; };
         mixes.onFailure = [&](const QString &e) { failures << e; };
     }
-    PresetMixes mixes{"luz", renderer->mixBuilder(), dir, lights(), 16, 8, VK_FORMAT_R16G16B16A16_SFLOAT,
+    PresetMixes mixes{"luz",
+                      renderer->mixBuilder(),
+                      dir,
+                      lights(),
+                      16,
+                      8,
+                      VK_FORMAT_R16G16B16A16_SFLOAT,
                       PresetMixes::TermRule::asIs};
     QStringList ready, failures;
 };
 
-TEST_F(Families, BuildOneAtATimeInNameOrderAndEvict) {
+TEST_F(Families, BuildOneAtATimeInNameOrderAndEvict)
+{
     mixes.ensure({"tarde", "noite", "dia", "unknown"});
     EXPECT_EQ(mixes.building().value_or(""), "dia");
     EXPECT_EQ(std::vector<QString>(mixes.queue().begin(), mixes.queue().end()),
               (std::vector<QString>{"noite", "tarde"}));  // no recipe: never queued
-    mixes.ensure({"tarde", "noite", "dia", "unknown"});  // the same set changes nothing
+    mixes.ensure({"tarde", "noite", "dia", "unknown"});   // the same set changes nothing
     EXPECT_EQ(mixes.queue().size(), 2u);
     ASSERT_TRUE(testsupport::waitUntil([&] { return ready.size() == 3; }, 120s));
     EXPECT_EQ(ready, (QStringList{"dia", "noite", "tarde"}));
@@ -130,7 +145,8 @@ TEST_F(Families, BuildOneAtATimeInNameOrderAndEvict) {
     EXPECT_TRUE(readLog().contains("Cena: luz dia descarregado (0 MB em uso)"));
 }
 
-TEST_F(Families, ADroppedBuildIsDiscardedAndAFailedOneReportedWhileTheQueueGoesOn) {
+TEST_F(Families, ADroppedBuildIsDiscardedAndAFailedOneReportedWhileTheQueueGoesOn)
+{
     mixes.ensure({"dia", "noite", "vazio"});
     ASSERT_EQ(mixes.building().value_or(""), "dia");
     mixes.ensure({"noite", "vazio"});
@@ -142,7 +158,8 @@ TEST_F(Families, ADroppedBuildIsDiscardedAndAFailedOneReportedWhileTheQueueGoesO
     EXPECT_TRUE(readLog().contains("Cena: luz vazio falhou: nenhuma plate de luz em " + dir));
 }
 
-TEST_F(Mixes, TheRecordFamilyPairsSpecularAndDiffusePasses) {
+TEST_F(Mixes, TheRecordFamilyPairsSpecularAndDiffusePasses)
+{
     PresetMixes mixes("disco", renderer->mixBuilder(), tmp.filePath("record"), lights(), 4, 4,
                       VK_FORMAT_R16G16B16A16_SFLOAT, PresetMixes::TermRule::recordPasses);
     const auto &terms = mixes.recipes().at("tarde");

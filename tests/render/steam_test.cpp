@@ -11,7 +11,8 @@ const bool envReady = (useLavapipeAndPrivateLog(), true);
 class Steam : public RendererTest {
 protected:
     // A 128×128 plate, steam region (32, 16, 64, 96): the cup at (64, 112).
-    SteamUniforms uniforms(float t) {
+    SteamUniforms uniforms(float t)
+    {
         SteamUniforms s;
         s.plateSize = {128, 128, 1 / 128.0f, 1 / 128.0f};
         s.origin = {0, 0, 1, 0};
@@ -21,7 +22,8 @@ protected:
         s.mixCount = 1;
         return s;
     }
-    QImage render(const SteamUniforms &s, float light) {
+    QImage render(const SteamUniforms &s, float light)
+    {
         SceneTextures t;
         t.mixes[0] = constant({light, light, light, 1});
         OffscreenTarget target(renderer->vulkan(), 128, 128);
@@ -29,7 +31,8 @@ protected:
         renderer->waitIdle();
         return target.readback();
     }
-    static double alphaSum(const QImage &img, int y0, int y1) {
+    static double alphaSum(const QImage &img, int y0, int y1)
+    {
         double sum = 0;
         for (int y = y0; y < y1; ++y)
             for (int x = 0; x < img.width(); ++x) sum += qAlpha(img.pixel(x, y));
@@ -37,7 +40,8 @@ protected:
     }
 };
 
-TEST_F(Steam, RisesAboveTheCupAtNightDaylightHidesItAndTheHourWrapsSeamlessly) {
+TEST_F(Steam, RisesAboveTheCupAtNightDaylightHidesItAndTheHourWrapsSeamlessly)
+{
     const QImage night = render(uniforms(42.0f), 0.04f);
     int belowTheCup = 0;
     for (int y = 113; y < 128; ++y)
@@ -70,12 +74,14 @@ TEST_F(Steam, RisesAboveTheCupAtNightDaylightHidesItAndTheHourWrapsSeamlessly) {
     EXPECT_LT(differing, 20);
 }
 
-TEST_F(Steam, LayersAndSteamShareOneCommandBuffer) {
+TEST_F(Steam, LayersAndSteamShareOneCommandBuffer)
+{
     renderer->waitIdle();
     renderer->gpuClock().take();
     SceneTextures t;
     t.mixes[0] = constant({0.04f, 0.04f, 0.04f, 1});
-    OffscreenTarget dyn(renderer->vulkan(), 32, 32), rain(renderer->vulkan(), 16, 16), steam(renderer->vulkan(), 128, 128);
+    OffscreenTarget dyn(renderer->vulkan(), 32, 32), rain(renderer->vulkan(), 16, 16),
+        steam(renderer->vulkan(), 128, 128);
     SceneUniforms u = plainUniforms(128, 128);
     u.mixCount = 1;
     u.mixWeights = {1, 0, 0, 0};

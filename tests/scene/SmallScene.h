@@ -23,11 +23,14 @@ using namespace rendertest;
 // missing, a panel with one LED and a strobe map in the bottom-left corner, a stack.
 class SmallScene : public ::testing::Test {
 protected:
-    void SetUp() override {
+    void SetUp() override
+    {
         ASSERT_TRUE(root.isValid());
         dir = root.filePath("wide");
         writeExr(dir + "/light/room.exr", 64, 48, [](int, int) { return std::array<float, 4>{0.2f, 0.2f, 0.2f, 1}; });
-        writeExr(dir + "/light/lamp.exr", 64, 48, [](int x, int) { return std::array<float, 4>{x / 64.0f, 0.1f, 0, 1}; });
+        writeExr(dir + "/light/lamp.exr", 64, 48, [](int x, int) {
+            return std::array<float, 4>{x / 64.0f, 0.1f, 0, 1};
+        });
         QImage mask(64, 48, QImage::Format_Grayscale8);
         mask.fill(0);
         for (int y = 10; y < 20; ++y)
@@ -48,7 +51,8 @@ protected:
             for (int x = 1; x < 6; ++x) strobe.setPixel(x, y, qRgb(x * 40, 255, 128));
         strobe.save(dir + "/masks/strobe.png");
     }
-    QJsonObject manifestJson() {
+    QJsonObject manifestJson()
+    {
         const QByteArray json = R"({
           "contract": 1, "sun_keys": ["noon"], "groups": ["room", "lamp"],
           "tonemap": {"contrast": 1.0, "gamma": 1.0, "offset": 0.0},
@@ -73,7 +77,8 @@ protected:
         return QJsonDocument::fromJson(json).object();
     }
     // Writes the manifest, changed first by `edit` (root object, the "wide" framing).
-    PlateManifest manifest(const std::function<void(QJsonObject &, QJsonObject &)> &edit = {}) {
+    PlateManifest manifest(const std::function<void(QJsonObject &, QJsonObject &)> &edit = {})
+    {
         QJsonObject json = manifestJson();
         if (edit) {
             QJsonObject wide = json["framings"].toObject()["wide"].toObject();
@@ -87,7 +92,8 @@ protected:
         return PlateManifest::decode(bytes);
     }
     // Writes the manifest and returns options for a render of it at that size and preset.
-    OfflineRender::Options renderOf(int width, int height, const QString &preset) {
+    OfflineRender::Options renderOf(int width, int height, const QString &preset)
+    {
         manifest();
         OfflineRender::Options o;
         o.sceneDir = root.path();
@@ -97,14 +103,16 @@ protected:
         return o;
     }
     // Renders to `name` in the scene folder and reads the picture back (null when the render failed).
-    QImage rendered(OfflineRender::Options o, const QString &name) {
+    QImage rendered(OfflineRender::Options o, const QString &name)
+    {
         o.output = root.filePath(name);
         const QString error = OfflineRender::render(o);
         EXPECT_EQ(error, "");
         return error.isEmpty() ? QImage(o.output) : QImage();
     }
     // The scene assembled on a renderer of its own.
-    LoadedScene &load(const PlateManifest &m, const QString &framing = "wide") {
+    LoadedScene &load(const PlateManifest &m, const QString &framing = "wide")
+    {
         renderer = SceneRenderer::create();
         EXPECT_TRUE(renderer);
         auto result = SceneAssembly::load(*renderer, root.path(), m, framing);
@@ -112,7 +120,8 @@ protected:
         scene = std::move(std::get<std::unique_ptr<LoadedScene>>(result));
         return *scene;
     }
-    void TearDown() override {
+    void TearDown() override
+    {
         scene.reset();
         renderer.reset();
     }

@@ -20,14 +20,16 @@ namespace {
 
 const bool envReady = (useLavapipeAndPrivateLog(), true);
 
-double luma(const QImage &image, const QRect &area) {
+double luma(const QImage &image, const QRect &area)
+{
     double sum = 0;
     for (int y = area.top(); y <= area.bottom(); ++y)
         for (int x = area.left(); x <= area.right(); ++x) sum += qGray(image.pixel(x, y));
     return sum / (double(area.width()) * area.height());
 }
 
-QPointF project(const QJsonArray &P, double x, double y, double z) {
+QPointF project(const QJsonArray &P, double x, double y, double z)
+{
     double h[3];
     for (int r = 0; r < 3; ++r) {
         const QJsonArray row = P[r].toArray();
@@ -37,7 +39,8 @@ QPointF project(const QJsonArray &P, double x, double y, double z) {
 }
 
 // Centre of a grey mask's coverage, in plate pixels (pixel centres at i + 0.5).
-QPointF maskCentre(const QImage &mask) {
+QPointF maskCentre(const QImage &mask)
+{
     double sx = 0, sy = 0, sw = 0;
     for (int y = 0; y < mask.height(); ++y)
         for (int x = 0; x < mask.width(); ++x) {
@@ -52,18 +55,18 @@ QPointF maskCentre(const QImage &mask) {
 // The authoring pipeline end to end in its quick mode: Blender models and renders the room, the
 // package validates, its geometry sits on what was rendered, and the application's offline render
 // of it is darker at night, with the lamp's pool of light, and holds the night until dawn.
-TEST(BlenderRoom, QuickPackageRendersAndLightsTheNight) {
+TEST(BlenderRoom, QuickPackageRendersAndLightsTheNight)
+{
     const QString blender = QStandardPaths::findExecutable("blender");
-    if (blender.isEmpty())
-        GTEST_SKIP() << "Blender is not installed (scripts/install-deps.sh --authoring installs it)";
+    if (blender.isEmpty()) GTEST_SKIP() << "Blender is not installed (scripts/install-deps.sh --authoring installs it)";
     QTemporaryDir root;
     ASSERT_TRUE(root.isValid());
     const QString scene = root.filePath("room");
-    const ToolResult made = runTool(blender,
-                                    {"-b", "--factory-startup", "-P",
-                                     QStringLiteral(TURNELO_SOURCE_DIR) + "/tools/blender/render.py", "--", "--out",
-                                     scene, "--quick", "--scene-tool", builtTool("turnelo-scene")},
-                                    {}, 40 * 60 * 1000);
+    const ToolResult made =
+        runTool(blender,
+                {"-b", "--factory-startup", "-P", QStringLiteral(TURNELO_SOURCE_DIR) + "/tools/blender/render.py", "--",
+                 "--out", scene, "--quick", "--scene-tool", builtTool("turnelo-scene")},
+                {}, 40 * 60 * 1000);
     ASSERT_EQ(made.exitCode, 0) << made.out.right(3000).toStdString() << made.err.right(3000).toStdString();
     ASSERT_TRUE(made.out.contains("validate: ok")) << made.out.right(2000).toStdString();
 
@@ -96,11 +99,11 @@ TEST(BlenderRoom, QuickPackageRendersAndLightsTheNight) {
     const QSize plate(size[0].toInt(), size[1].toInt());
     auto render = [&](const QString &time) {
         const QString out = root.filePath("mid-" + QString(time).remove(':') + ".png");
-        const ToolResult r = runTool(app,
-                                     {"render", scene, out, "--framing", "mid", "--size",
-                                      QStringLiteral("%1x%2").arg(plate.width()).arg(plate.height()), "--time", time,
-                                      "--no-steam"},
-                                     env, 120000);
+        const ToolResult r =
+            runTool(app,
+                    {"render", scene, out, "--framing", "mid", "--size",
+                     QStringLiteral("%1x%2").arg(plate.width()).arg(plate.height()), "--time", time, "--no-steam"},
+                    env, 120000);
         EXPECT_EQ(r.exitCode, 0) << time.toStdString() << ": " << r.err.toStdString();
         return QImage(out);
     };

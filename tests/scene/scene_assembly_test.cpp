@@ -19,11 +19,13 @@ namespace {
 
 const bool envReady = (useLavapipeAndPrivateLog(), true);
 
-TEST(PlateGeometry, QuadMapsOntoArtAndDiscAndThePlateFillsTheScreenCentred) {
+TEST(PlateGeometry, QuadMapsOntoArtAndDiscAndThePlateFillsTheScreenCentred)
+{
     const PlateManifest::Quad q{{{10, 20}, {110, 25}, {105, 90}, {12, 80}}};
     const auto art = PlateGeometry::artFromPlate(q), disc = PlateGeometry::discFromPlate(q);
     ASSERT_TRUE(art && disc);
-    const std::array<std::array<double, 2>, 4> st{{{0, 0}, {1, 0}, {1, 1}, {0, 1}}}, d{{{-1, 1}, {1, 1}, {1, -1}, {-1, -1}}};
+    const std::array<std::array<double, 2>, 4> st{{{0, 0}, {1, 0}, {1, 1}, {0, 1}}},
+        d{{{-1, 1}, {1, 1}, {1, -1}, {-1, -1}}};
     for (int i = 0; i < 4; ++i) {
         const auto a = PlateGeometry::apply(*art, q[i]), b = PlateGeometry::apply(*disc, q[i]);
         EXPECT_NEAR(std::hypot(a[0] - st[i][0], a[1] - st[i][1]), 0, 1e-9) << "art " << i;
@@ -44,7 +46,8 @@ TEST(PlateGeometry, QuadMapsOntoArtAndDiscAndThePlateFillsTheScreenCentred) {
     EXPECT_NEAR((*seen)[1], 19.0 / 9, 1e-12);
 }
 
-TEST_F(SmallScene, AssemblesMatricesProbesAreaAndLight) {
+TEST_F(SmallScene, AssemblesMatricesProbesAreaAndLight)
+{
     // A framing the scene lacks gives the preferred one ("wide" before "close"), not an error
     // and not the first by name.
     LoadedScene &s = load(manifest([](QJsonObject &root, QJsonObject &wide) {
@@ -85,7 +88,8 @@ TEST_F(SmallScene, AssemblesMatricesProbesAreaAndLight) {
     EXPECT_EQ(u.mixWeights, (Float4{0.75f, 0.25f, 0, 0}));
 }
 
-TEST_F(SmallScene, MissingPassesAndSpritesSwitchTheirEffectOffWithALogLine) {
+TEST_F(SmallScene, MissingPassesAndSpritesSwitchTheirEffectOffWithALogLine)
+{
     LoadedScene &s = load(manifest());
     EXPECT_TRUE(readLog().contains("Disco ao vivo sem passes (sem pasta record): modo aproximado"));
     ASSERT_TRUE(s.sprites);
@@ -94,14 +98,15 @@ TEST_F(SmallScene, MissingPassesAndSpritesSwitchTheirEffectOffWithALogLine) {
     SceneUniforms u;
     SceneTextures t;
     s.effects->fill(u, t, {{"dia", 1.0}}, 5.0, RecordSpin{}, true, {0.5, 0.5, 0.5}, 30, false);
-    EXPECT_EQ(u.recordRect[2], 0.0f);     // approximate record
-    EXPECT_EQ(u.recordLight[3], 1.0f);    // the live record is still on
+    EXPECT_EQ(u.recordRect[2], 0.0f);      // approximate record
+    EXPECT_EQ(u.recordLight[3], 1.0f);     // the live record is still on
     EXPECT_EQ(u.recordMaskRect[2], 0.0f);  // no mask file: the analytic disc
-    EXPECT_EQ(u.led33[3], 1.0f);          // playing: the 33 LED is lit
-    EXPECT_EQ(u.bandCount, 4u);           // the made-up album's side A
+    EXPECT_EQ(u.led33[3], 1.0f);           // playing: the 33 LED is lit
+    EXPECT_EQ(u.bandCount, 4u);            // the made-up album's side A
 }
 
-TEST_F(SmallScene, AWrongSizedPlateFailsItsPresetOnly) {
+TEST_F(SmallScene, AWrongSizedPlateFailsItsPresetOnly)
+{
     writeExr(dir + "/light/lamp.exr", 32, 48, [](int, int) { return std::array<float, 4>{1, 1, 1, 1}; });
     LoadedScene &s = load(manifest());
     QStringList failures;
@@ -113,7 +118,8 @@ TEST_F(SmallScene, AWrongSizedPlateFailsItsPresetOnly) {
     EXPECT_EQ(failures, QStringList{QString::fromUtf8("lamp.exr tem 32×48, manifest diz 64×48")});
 }
 
-TEST_F(SmallScene, OfflineRenderIsRepeatableAndShowsTheLight) {
+TEST_F(SmallScene, OfflineRenderIsRepeatableAndShowsTheLight)
+{
     OfflineRender::Options o;
     o.sceneDir = dir;
     o.output = root.filePath("x.png");
@@ -138,7 +144,8 @@ TEST_F(SmallScene, OfflineRenderIsRepeatableAndShowsTheLight) {
     EXPECT_LT(qRed(rendered(o, "c.png").pixel(40, 80)), qRed(a.pixel(40, 80)) - 30);
 }
 
-TEST_F(SmallScene, SteamRisesOverTheCupAndNeverBelowIt) {
+TEST_F(SmallScene, SteamRisesOverTheCupAndNeverBelowIt)
+{
     OfflineRender::Options o = renderOf(512, 384, "noite");
     o.mediaTime = 42;
     const QImage steam = rendered(o, "steam.png");
@@ -159,7 +166,8 @@ TEST_F(SmallScene, SteamRisesOverTheCupAndNeverBelowIt) {
     EXPECT_GT(brighter, 30);
 }
 
-TEST_F(SmallScene, TheStackShowsTheCoverPlayedBefore) {
+TEST_F(SmallScene, TheStackShowsTheCoverPlayedBefore)
+{
     const auto solid = [&](const QString &name, QRgb colour) {
         QImage image(300, 300, QImage::Format_RGB32);
         image.fill(colour);
@@ -199,7 +207,8 @@ struct Room {
 
 // Plates that cannot be read, a device that runs out of memory or a thread that throws: the
 // room is unavailable with the reason, and the program goes on.
-TEST_F(SmallScene, WhateverFailsOnTheWayComesBackAsTheReason) {
+TEST_F(SmallScene, WhateverFailsOnTheWayComesBackAsTheReason)
+{
     testsupport::ScopedEnv scenes("TURNELO_SCENES_DIR", root.path().toUtf8());
     manifest();
     Room r;
@@ -240,7 +249,8 @@ TEST_F(SmallScene, WhateverFailsOnTheWayComesBackAsTheReason) {
 
 // A framing of the manifest whose files are not on disk is offered, not installed; asking for
 // it keeps the room on the framing it shows.
-TEST_F(SmallScene, AFramingNotOnDiskLeavesTheRoomAsItIs) {
+TEST_F(SmallScene, AFramingNotOnDiskLeavesTheRoomAsItIs)
+{
     testsupport::ScopedEnv scenes("TURNELO_SCENES_DIR", root.path().toUtf8());
     manifest([](QJsonObject &json, QJsonObject &wide) {
         QJsonObject framings = json["framings"].toObject();

@@ -18,13 +18,15 @@ struct Filled {
     SceneUniforms u;
     SceneTextures t;
 };
-Filled fillEffects(LoadedScene &s, const Blend &blend) {
+Filled fillEffects(LoadedScene &s, const Blend &blend)
+{
     Filled f;
     s.effects->fill(f.u, f.t, blend, 5.0, RecordSpin{}, true, {0.5, 0.5, 0.5}, 30, false);
     return f;
 }
 
-void setPresetKey(QJsonObject &root, const QString &preset, const QString &key, const QJsonValue &value) {
+void setPresetKey(QJsonObject &root, const QString &preset, const QString &key, const QJsonValue &value)
+{
     QJsonObject presets = root["presets"].toObject();
     QJsonObject p = presets[preset].toObject();
     p[key] = value;
@@ -32,14 +34,15 @@ void setPresetKey(QJsonObject &root, const QString &preset, const QString &key, 
     root["presets"] = presets;
 }
 
-TEST_F(SmallScene, RecordLightAndSpeedLedColoursComeFromTheManifest) {
+TEST_F(SmallScene, RecordLightAndSpeedLedColoursComeFromTheManifest)
+{
     LoadedScene &s = load(manifest([](QJsonObject &root, QJsonObject &wide) {
         setPresetKey(root, "dia", "record_light", QJsonObject{{"azimuth_deg", 90}, {"elevation_deg", 30}});
         setPresetKey(root, "noite", "record_light",
                      QJsonObject{{"azimuth_deg", 0}, {"color", QJsonArray{1, 0.5, 0.25}}});
         QJsonObject panel = wide["panel"].toObject();
-        panel["led45"] = QJsonObject{{"center_px", QJsonArray{30, 40}}, {"radius_px", 2},
-                                     {"color", QJsonArray{0.1, 0.2, 0.3}}};
+        panel["led45"] =
+            QJsonObject{{"center_px", QJsonArray{30, 40}}, {"radius_px", 2}, {"color", QJsonArray{0.1, 0.2, 0.3}}};
         wide["panel"] = panel;
     }));
     const Filled day = fillEffects(s, {{"dia", 1.0}});
@@ -57,7 +60,8 @@ TEST_F(SmallScene, RecordLightAndSpeedLedColoursComeFromTheManifest) {
     EXPECT_EQ(fillEffects(s, {{"noite", 0.25}, {"dia", 0.75}}).u.recordColor[3], 0.0f);
 }
 
-TEST_F(SmallScene, RainCoolsTheRoomWithoutWindowGlassUnlessTheSaverIsOn) {
+TEST_F(SmallScene, RainCoolsTheRoomWithoutWindowGlassUnlessTheSaverIsOn)
+{
     // The scene has no window: no drops, but the rainy-day light still applies.
     LoadedScene &s = load(manifest());
     s.effects->setRain(0.8);
@@ -85,7 +89,8 @@ TEST_F(SmallScene, RainCoolsTheRoomWithoutWindowGlassUnlessTheSaverIsOn) {
     EXPECT_GT(coolness(rainy), coolness(dry) + 3);
 }
 
-TEST_F(SmallScene, AFailedPassBuildTakesOnlyItsOwnPresetOffTheRecordAndBounce) {
+TEST_F(SmallScene, AFailedPassBuildTakesOnlyItsOwnPresetOffTheRecordAndBounce)
+{
     // Passes for both plates, but the lamp's diffuse pass and bounce image have the wrong size:
     // "noite" (room and lamp) cannot build, "dia" (room only) can.
     const auto grey = [](int, int) { return std::array<float, 4>{0.3f, 0.3f, 0.3f, 1}; };
@@ -118,7 +123,8 @@ TEST_F(SmallScene, AFailedPassBuildTakesOnlyItsOwnPresetOffTheRecordAndBounce) {
     }
 }
 
-TEST_F(SmallScene, GroovesPackTwoBandsPerEntryAndALongSideStaysUnderTheNeedle) {
+TEST_F(SmallScene, GroovesPackTwoBandsPerEntryAndALongSideStaysUnderTheNeedle)
+{
     LoadedScene &s = load(manifest());
     // Five tracks on side A: band 3 sits in the second entry's z, w; the third entry's z, w stay empty.
     const RecordGrooves five = RecordGrooves::make("Five", 2, 10, 200, 146, 60);
@@ -162,7 +168,8 @@ protected:
     using V3 = std::array<double, 3>;
     static constexpr double f = 1000, height = 500, cx = 400, cy = 300;
 
-    void SetUp() override {
+    void SetUp() override
+    {
         ASSERT_TRUE(root.isValid());
         info.yawAxis = {0, 0, 1};
         info.liftAxis = {0, -1, 0};
@@ -185,7 +192,8 @@ protected:
     }
 
     // Rodrigues' rotation about a unit axis.
-    static V3 rotate(const V3 &v, V3 axis, double deg) {
+    static V3 rotate(const V3 &v, V3 axis, double deg)
+    {
         const double t = deg * M_PI / 180, c = std::cos(t), s = std::sin(t);
         const double dot = axis[0] * v[0] + axis[1] * v[1] + axis[2] * v[2];
         const V3 cross{axis[1] * v[2] - axis[2] * v[1], axis[2] * v[0] - axis[0] * v[2],
@@ -194,12 +202,15 @@ protected:
         for (int i = 0; i < 3; ++i) r[i] = v[i] * c + cross[i] * s + axis[i] * dot * (1 - c);
         return r;
     }
-    std::array<double, 2> plate(const V3 &x) const {
+    std::array<double, 2> plate(const V3 &x) const
+    {
         double h[3];
-        for (int r = 0; r < 3; ++r) h[r] = camera.P[r][0] * x[0] + camera.P[r][1] * x[1] + camera.P[r][2] * x[2] + camera.P[r][3];
+        for (int r = 0; r < 3; ++r)
+            h[r] = camera.P[r][0] * x[0] + camera.P[r][1] * x[1] + camera.P[r][2] * x[2] + camera.P[r][3];
         return {h[0] / h[2], h[1] / h[2]};
     }
-    static std::array<double, 2> project(const Float3x3 &m, std::array<double, 2> p) {
+    static std::array<double, 2> project(const Float3x3 &m, std::array<double, 2> p)
+    {
         double h[3];
         for (int r = 0; r < 3; ++r) h[r] = m.columns[0][r] * p[0] + m.columns[1][r] * p[1] + m.columns[2][r];
         return {h[0] / h[2], h[1] / h[2]};
@@ -212,7 +223,8 @@ protected:
     std::unique_ptr<TonearmSprites> sprites;
 };
 
-TEST_F(TonearmPose, WeightsSlotsAndWarpsForAYawBetweenSamples) {
+TEST_F(TonearmPose, WeightsSlotsAndWarpsForAYawBetweenSamples)
+{
     sprites->ensureNow({"dia", "noite"}, 5, 5);  // samples 0 and 1
     TonearmMotion arm;
     arm.yaw = 5;  // a third of the way from sample 0 (0°) to sample 1 (15°)
@@ -258,7 +270,8 @@ TEST_F(TonearmPose, WeightsSlotsAndWarpsForAYawBetweenSamples) {
     EXPECT_EQ(far->slotList[2].frame, far->slotList[0].frame);
 }
 
-TEST_F(TonearmPose, TheCacheKeepsOnlyWhatTheArmNeedsNow) {
+TEST_F(TonearmPose, TheCacheKeepsOnlyWhatTheArmNeedsNow)
+{
     const auto loaded = [&] { return !sprites->isLoading(); };
     sprites->ensure({"dia", "noite"}, 0, 0);  // samples 0 and 1 of both presets
     ASSERT_TRUE(testsupport::waitUntil(loaded, 60s));

@@ -25,10 +25,12 @@ namespace {
 thread_local bool counting = false;
 long allocations = 0;
 
-void *allocate(std::size_t n, std::size_t alignment) {
+void *allocate(std::size_t n, std::size_t alignment)
+{
     if (counting) ++allocations;
-    void *p = alignment > alignof(std::max_align_t) ? std::aligned_alloc(alignment, (n + alignment - 1) / alignment * alignment)
-                                                    : std::malloc(n ? n : 1);
+    void *p = alignment > alignof(std::max_align_t)
+                  ? std::aligned_alloc(alignment, (n + alignment - 1) / alignment * alignment)
+                  : std::malloc(n ? n : 1);
     if (!p) throw std::bad_alloc();
     return p;
 }
@@ -46,9 +48,11 @@ namespace {
 
 using namespace std::chrono_literals;
 
-TEST(SceneViewOnScreen, SteadyFramesOfTheShippedRoomAllocateNothing) {
+TEST(SceneViewOnScreen, SteadyFramesOfTheShippedRoomAllocateNothing)
+{
     testsupport::LogTail log;
-    testsupport::ScopedEnv scenes("TURNELO_SCENES_DIR", (qEnvironmentVariable("TURNELO_SOURCE_DIR") + "/scenes/room").toUtf8());
+    testsupport::ScopedEnv scenes("TURNELO_SCENES_DIR",
+                                  (qEnvironmentVariable("TURNELO_SOURCE_DIR") + "/scenes/room").toUtf8());
     Settings settings;
     settings.setLightPreset("dia");
     // The media clock: the test moves it.
@@ -73,8 +77,8 @@ TEST(SceneViewOnScreen, SteadyFramesOfTheShippedRoomAllocateNothing) {
     RoomScene room({&state, &status, &power, &settings, nullptr, nullptr, clock}, renderer);
     SceneView view(room, {nullptr, nullptr, clock}, &host);
     room.load();
-    testsupport::waitUntil([&] { return !log.messages().filter(QRegularExpression("Cena pronta|indisponível")).isEmpty(); },
-                           300s);
+    testsupport::waitUntil(
+        [&] { return !log.messages().filter(QRegularExpression("Cena pronta|indisponível")).isEmpty(); }, 300s);
     ASSERT_EQ(log.messages().filter("Cena pronta").size(), 1) << log.messages().join('\n').toStdString();
     room.weatherChanged({true, 0.8});  // the rain layer too
 

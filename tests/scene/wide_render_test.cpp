@@ -13,7 +13,8 @@ namespace {
 
 const bool envReady = (useLavapipeAndPrivateLog(), true);
 
-double meanLuma(const QImage &image) {
+double meanLuma(const QImage &image)
+{
     double sum = 0;
     for (int y = 0; y < image.height(); ++y)
         for (int x = 0; x < image.width(); ++x) sum += qGray(image.pixel(x, y));
@@ -24,7 +25,8 @@ double meanLuma(const QImage &image) {
 // steep, so their art is sampled far down its mip chain. The software device once spun
 // forever on exactly this frame; the render runs in its own process so a stall fails the
 // test instead of hanging the suite.
-TEST(WideFraming, ASmallTargetRendersByNightAndDayWithoutStalling) {
+TEST(WideFraming, ASmallTargetRendersByNightAndDayWithoutStalling)
+{
     QTemporaryDir root;
     ASSERT_TRUE(root.isValid());
     const QString scene = root.filePath("scene");
@@ -39,10 +41,8 @@ TEST(WideFraming, ASmallTargetRendersByNightAndDayWithoutStalling) {
     const char *times[2] = {"22:30", "12:00"};
     for (int i = 0; i < 2; ++i) {
         const QString out = root.filePath(QStringLiteral("wide-%1.png").arg(i));
-        const ToolResult r = runTool(app,
-                                     {"render", scene, out, "--framing", "wide", "--size", "480x270", "--time",
-                                      times[i]},
-                                     env, 90000);
+        const ToolResult r = runTool(
+            app, {"render", scene, out, "--framing", "wide", "--size", "480x270", "--time", times[i]}, env, 90000);
         ASSERT_EQ(r.exitCode, 0) << times[i] << ": " << r.err.toStdString();
         const QImage image(out);
         ASSERT_EQ(image.size(), QSize(480, 270)) << times[i];

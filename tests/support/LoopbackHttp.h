@@ -34,14 +34,12 @@ public:
                 connect(socket, &QTcpSocket::disconnected, socket, &QObject::deleteLater);
                 connect(socket, &QTcpSocket::readyRead, this, [this, socket, request] {
                     request->append(socket->readAll());
-                    if (!request->contains("\r\n\r\n"))
-                        return;
+                    if (!request->contains("\r\n\r\n")) return;
                     const QByteArray line = request->left(request->indexOf("\r\n"));
                     targets.append(QString::fromLatin1(line.split(' ').value(1)));
                     const Reply reply = answer(targets.last());
                     QTimer::singleShot(reply.delayMs, socket, [socket, reply] {
-                        if (reply.body.isNull())
-                            return socket->abort();
+                        if (reply.body.isNull()) return socket->abort();
                         socket->write(response(reply));
                         socket->disconnectFromHost();
                     });
@@ -58,8 +56,8 @@ public:
 private:
     static QByteArray response(const Reply &r)
     {
-        return "HTTP/1.1 " + QByteArray::number(r.status) + (r.status < 400 ? " OK" : " Error")
-               + "\r\nContent-Length: " + QByteArray::number(r.body.size()) + "\r\nConnection: close\r\n\r\n" + r.body;
+        return "HTTP/1.1 " + QByteArray::number(r.status) + (r.status < 400 ? " OK" : " Error") +
+               "\r\nContent-Length: " + QByteArray::number(r.body.size()) + "\r\nConnection: close\r\n\r\n" + r.body;
     }
 
     QTcpServer server;

@@ -27,7 +27,8 @@
 
 class NginxServer {
 public:
-    explicit NginxServer(QString slowRate = QStringLiteral("1m")) : rate(std::move(slowRate))
+    explicit NginxServer(QString slowRate = QStringLiteral("1m"))
+        : rate(std::move(slowRate))
     {
         QTcpServer probe;
         probe.listen(QHostAddress::LocalHost, 0);
@@ -45,19 +46,17 @@ public:
     bool start()
     {
         process.setProgram(QStringLiteral("/usr/sbin/nginx"));
-        process.setArguments({QStringLiteral("-p"), dir.path(), QStringLiteral("-c"), dir.path() + QStringLiteral("/nginx.conf"),
-                              QStringLiteral("-e"), dir.path() + QStringLiteral("/error.log")});
+        process.setArguments({QStringLiteral("-p"), dir.path(), QStringLiteral("-c"),
+                              dir.path() + QStringLiteral("/nginx.conf"), QStringLiteral("-e"),
+                              dir.path() + QStringLiteral("/error.log")});
         process.setProcessChannelMode(QProcess::MergedChannels);
         process.start();
-        if (!process.waitForStarted(5000))
-            return false;
+        if (!process.waitForStarted(5000)) return false;
         for (int i = 0; i < 500; ++i) {
             QTcpSocket socket;
             socket.connectToHost(QHostAddress::LocalHost, port);
-            if (socket.waitForConnected(100))
-                return true;
-            if (process.state() == QProcess::NotRunning)
-                return false;
+            if (socket.waitForConnected(100)) return true;
+            if (process.state() == QProcess::NotRunning) return false;
             QThread::msleep(10);
         }
         return false;
@@ -66,8 +65,7 @@ public:
     // SIGKILL: open connections drop mid-transfer, as with a vanished server.
     void stop()
     {
-        if (process.state() == QProcess::NotRunning)
-            return;
+        if (process.state() == QProcess::NotRunning) return;
         ::kill(pid_t(process.processId()), SIGKILL);
         process.waitForFinished(5000);
     }
@@ -80,16 +78,14 @@ public:
     QStringList accessLines() const
     {
         QFile f(dir.path() + QStringLiteral("/access.log"));
-        if (!f.open(QIODevice::ReadOnly))
-            return {};
+        if (!f.open(QIODevice::ReadOnly)) return {};
         return QString::fromUtf8(f.readAll()).split(QLatin1Char('\n'), Qt::SkipEmptyParts);
     }
     QStringList accessLinesFor(const QString &uriPart) const
     {
         QStringList out;
         for (const QString &line : accessLines())
-            if (line.section(QLatin1Char(' '), 1, 1).contains(uriPart))
-                out.append(line);
+            if (line.section(QLatin1Char(' '), 1, 1).contains(uriPart)) out.append(line);
         return out;
     }
     static QString statusOf(const QString &line) { return line.section(QLatin1Char(' '), 2, 2); }

@@ -25,8 +25,7 @@ namespace testsupport {
 // For ASSERT_TRUE/EXPECT_TRUE: a method reply, or a failure carrying the error.
 inline ::testing::AssertionResult isReply(const QDBusMessage &message)
 {
-    if (message.type() == QDBusMessage::ReplyMessage)
-        return ::testing::AssertionSuccess();
+    if (message.type() == QDBusMessage::ReplyMessage) return ::testing::AssertionSuccess();
     return ::testing::AssertionFailure() << message.errorName().toStdString() << ": "
                                          << message.errorMessage().toStdString();
 }
@@ -37,25 +36,25 @@ public:
     {
         QDir().mkpath(serviceDir());
         const QString config = dir.filePath("bus.conf");
-        writeFile(config, QStringLiteral(
-            "<!DOCTYPE busconfig PUBLIC \"-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN\"\n"
-            " \"http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd\">\n"
-            "<busconfig>\n"
-            "  <type>session</type>\n"
-            "  <listen>unix:path=%1</listen>\n"
-            "  <auth>EXTERNAL</auth>\n"
-            "  <servicedir>%2</servicedir>\n"
-            "  <policy context=\"default\">\n"
-            "    <allow send_destination=\"*\" eavesdrop=\"true\"/>\n"
-            "    <allow eavesdrop=\"true\"/>\n"
-            "    <allow own=\"*\"/>\n"
-            "  </policy>\n"
-            "</busconfig>\n").arg(dir.filePath("bus"), serviceDir()).toUtf8());
-        daemon.start(QStringLiteral("dbus-daemon"),
-                     {QStringLiteral("--config-file=") + config, QStringLiteral("--nofork"),
-                      QStringLiteral("--print-address=1")});
-        if (!daemon.waitForStarted(10000) || !daemon.waitForReadyRead(10000))
-            return;
+        writeFile(config,
+                  QStringLiteral("<!DOCTYPE busconfig PUBLIC \"-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN\"\n"
+                                 " \"http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd\">\n"
+                                 "<busconfig>\n"
+                                 "  <type>session</type>\n"
+                                 "  <listen>unix:path=%1</listen>\n"
+                                 "  <auth>EXTERNAL</auth>\n"
+                                 "  <servicedir>%2</servicedir>\n"
+                                 "  <policy context=\"default\">\n"
+                                 "    <allow send_destination=\"*\" eavesdrop=\"true\"/>\n"
+                                 "    <allow eavesdrop=\"true\"/>\n"
+                                 "    <allow own=\"*\"/>\n"
+                                 "  </policy>\n"
+                                 "</busconfig>\n")
+                      .arg(dir.filePath("bus"), serviceDir())
+                      .toUtf8());
+        daemon.start(QStringLiteral("dbus-daemon"), {QStringLiteral("--config-file=") + config,
+                                                     QStringLiteral("--nofork"), QStringLiteral("--print-address=1")});
+        if (!daemon.waitForStarted(10000) || !daemon.waitForReadyRead(10000)) return;
         address = QString::fromUtf8(daemon.readLine()).trimmed();
         name = QStringLiteral("private-bus-%1").arg(++counter);
         connection = std::make_unique<QDBusConnection>(QDBusConnection::connectToBus(address, name));
@@ -89,10 +88,7 @@ public:
         e.insert(QStringLiteral("DBUS_SYSTEM_BUS_ADDRESS"), address);
         return e;
     }
-    bool hasOwner(const QString &busName)
-    {
-        return bus().interface()->isServiceRegistered(busName).value();
-    }
+    bool hasOwner(const QString &busName) { return bus().interface()->isServiceRegistered(busName).value(); }
 
     QTemporaryDir dir;
     QProcess daemon;
@@ -109,12 +105,11 @@ class DbusMock {
 public:
     // `python3 -m dbusmock --template <name> [-p <parameters>]`; `busName` is the name the
     // template claims, waited for.
-    static std::unique_ptr<DbusMock> fromTemplate(PrivateBus &bus, const QString &templateName,
-                                                  const QString &busName, const QString &parametersJson = {})
+    static std::unique_ptr<DbusMock> fromTemplate(PrivateBus &bus, const QString &templateName, const QString &busName,
+                                                  const QString &parametersJson = {})
     {
         QStringList args{QStringLiteral("--template"), templateName};
-        if (!parametersJson.isEmpty())
-            args << QStringLiteral("-p") << parametersJson;
+        if (!parametersJson.isEmpty()) args << QStringLiteral("-p") << parametersJson;
         return std::unique_ptr<DbusMock>(new DbusMock(bus, busName, args));
     }
     // `python3 -m dbusmock <busName> <path> <interface>`: one object, no methods or properties.
@@ -150,8 +145,7 @@ public:
         return call(path, QStringLiteral("org.freedesktop.DBus.Mock"), method, args);
     }
     // The standard Properties.Set, which the mock answers by emitting PropertiesChanged.
-    QDBusMessage setProperty(const QString &path, const QString &interface, const QString &name,
-                             const QVariant &value)
+    QDBusMessage setProperty(const QString &path, const QString &interface, const QString &name, const QVariant &value)
     {
         return call(path, QStringLiteral("org.freedesktop.DBus.Properties"), QStringLiteral("Set"),
                     {interface, name, QVariant::fromValue(QDBusVariant(value))});
@@ -161,17 +155,17 @@ public:
 
 private:
     DbusMock(PrivateBus &bus, const QString &busName, const QStringList &args)
-        : busName(busName), bus(bus)
+        : busName(busName)
+        , bus(bus)
     {
         process.setProcessEnvironment(bus.env());
         // Whatever the template says, the service goes on the private bus, which is both.
-        const QStringList module{QStringLiteral("-m"), QStringLiteral("dbusmock"),
-                                 QStringLiteral("--session")};
+        const QStringList module{QStringLiteral("-m"), QStringLiteral("dbusmock"), QStringLiteral("--session")};
         process.start(QStringLiteral("/usr/bin/python3"), module + args);
-        ready = process.waitForStarted(10000)
-                && waitUntil([&] { return bus.hasOwner(busName) || process.state() == QProcess::NotRunning; },
-                             std::chrono::seconds(30))
-                && process.state() == QProcess::Running;
+        ready = process.waitForStarted(10000) &&
+                waitUntil([&] { return bus.hasOwner(busName) || process.state() == QProcess::NotRunning; },
+                          std::chrono::seconds(30)) &&
+                process.state() == QProcess::Running;
     }
 
     PrivateBus &bus;

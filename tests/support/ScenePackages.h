@@ -27,14 +27,15 @@ inline QByteArray manifestJson(const QString &scenario, const QStringList &frami
 {
     QByteArray framingJson;
     for (const QString &f : framings) {
-        if (!framingJson.isEmpty())
-            framingJson += ',';
-        framingJson += '"' + f.toUtf8() + R"(":{"size":[64,36],"camera":{"P":[[1,0,0,0],[0,1,0,0],[0,0,1,0]]},)"
+        if (!framingJson.isEmpty()) framingJson += ',';
+        framingJson += '"' + f.toUtf8() +
+                       R"(":{"size":[64,36],"camera":{"P":[[1,0,0,0],[0,1,0,0],[0,0,1,0]]},)"
                        R"("cover":{"corners":[[0,0],[8,0],[8,8],[0,8]],"mask":"cover_mask.png"},)"
                        R"("label":{"corners":[[0,0],[4,0],[4,4],[0,4]],"mask":"label_mask.png"}})";
     }
-    return R"({"contract":1,"sun_keys":["sun"],"groups":["sun","fill"],"scenario":")" + scenario.toUtf8()
-         + R"(","presets":{"dia":{"sun":1.0,"exposure":0.0}},"clock":[["12:00","dia"]],"framings":{)" + framingJson + "}}";
+    return R"({"contract":1,"sun_keys":["sun"],"groups":["sun","fill"],"scenario":")" + scenario.toUtf8() +
+           R"(","presets":{"dia":{"sun":1.0,"exposure":0.0}},"clock":[["12:00","dia"]],"framings":{)" + framingJson +
+           "}}";
 }
 
 inline QByteArray randomBytes(qint64 n, quint32 seed)
@@ -66,8 +67,7 @@ inline void makeSceneFolder(const QString &dir, const QString &scenario, qint64 
 inline std::optional<QString> scenarioAt(const QString &sceneRoot)
 {
     QFile f(sceneRoot + QStringLiteral("/manifest.json"));
-    if (!f.open(QIODevice::ReadOnly))
-        return std::nullopt;
+    if (!f.open(QIODevice::ReadOnly)) return std::nullopt;
     try {
         return PlateManifest::decode(f.readAll()).scenario;
     } catch (const std::exception &) {
@@ -78,7 +78,7 @@ inline std::optional<QString> scenarioAt(const QString &sceneRoot)
 struct ZipEntry {
     QString name;
     QByteArray data;
-    QString symlink;   // set: a symbolic link to this target
+    QString symlink;  // set: a symbolic link to this target
     bool directory = false;
 };
 
@@ -86,8 +86,7 @@ inline bool writeZip(const QString &path, const std::vector<ZipEntry> &entries, 
 {
     archive *a = archive_write_new();
     archive_write_set_format_zip(a);
-    if (store)
-        archive_write_set_options(a, "zip:compression=store");
+    if (store) archive_write_set_options(a, "zip:compression=store");
     if (archive_write_open_filename(a, QFile::encodeName(path).constData()) != ARCHIVE_OK) {
         archive_write_free(a);
         return false;
@@ -108,8 +107,7 @@ inline bool writeZip(const QString &path, const std::vector<ZipEntry> &entries, 
             archive_entry_set_size(e, z.data.size());
         }
         archive_write_header(a, e);
-        if (!z.data.isEmpty())
-            archive_write_data(a, z.data.constData(), size_t(z.data.size()));
+        if (!z.data.isEmpty()) archive_write_data(a, z.data.constData(), size_t(z.data.size()));
         archive_entry_free(e);
     }
     const bool ok = archive_write_close(a) == ARCHIVE_OK;
@@ -123,8 +121,7 @@ inline std::vector<ZipEntry> entriesOf(const QString &folder, const QString &pre
     std::vector<ZipEntry> out;
     QDirIterator it(folder, QDir::Files | QDir::Hidden, QDirIterator::Subdirectories);
     QStringList names;
-    while (it.hasNext())
-        names.append(QDir(folder).relativeFilePath(it.next()));
+    while (it.hasNext()) names.append(QDir(folder).relativeFilePath(it.next()));
     names.sort();
     for (const QString &n : names) {
         QFile f(folder + QLatin1Char('/') + n);
@@ -162,8 +159,7 @@ inline void writeCatalog(const QString &scenesDir, const QList<SceneCatalog::Ent
 {
     const QString path = scenesDir + QStringLiteral("/manifest");
     QDateTime stamp = QDateTime::currentDateTime();
-    if (QFileInfo::exists(path))
-        stamp = std::max(stamp, QFileInfo(path).lastModified().addSecs(1));
+    if (QFileInfo::exists(path)) stamp = std::max(stamp, QFileInfo(path).lastModified().addSecs(1));
     SceneCatalog c;
     c.version = 1;
     c.scenes = entries;
@@ -174,8 +170,8 @@ inline void writeCatalog(const QString &scenesDir, const QList<SceneCatalog::Ent
 }
 
 // A zip of `entries` published as `scenesDir/file`; its entry belongs to scene "apt".
-inline SceneCatalog::Entry publishZip(const QString &scenesDir, const QString &file, const std::vector<ZipEntry> &entries,
-                                      const QString &id)
+inline SceneCatalog::Entry publishZip(const QString &scenesDir, const QString &file,
+                                      const std::vector<ZipEntry> &entries, const QString &id)
 {
     const QString zip = scenesDir + QLatin1Char('/') + file;
     writeZip(zip, entries);

@@ -17,8 +17,7 @@ bool waitUntil(const std::function<bool()> &done, std::chrono::milliseconds time
     QElapsedTimer timer;
     timer.start();
     while (!done()) {
-        if (timer.elapsed() > timeout.count())
-            return false;
+        if (timer.elapsed() > timeout.count()) return false;
         QCoreApplication::processEvents(QEventLoop::AllEvents, 10);
         QThread::msleep(2);
     }
@@ -33,8 +32,7 @@ void spin(std::chrono::milliseconds span)
 QByteArray readFile(const QString &path)
 {
     QFile f(path);
-    if (!f.open(QIODevice::ReadOnly))
-        return {};
+    if (!f.open(QIODevice::ReadOnly)) return {};
     return f.readAll();
 }
 
@@ -42,8 +40,7 @@ void writeFile(const QString &path, const QByteArray &bytes)
 {
     QDir().mkpath(QFileInfo(path).absolutePath());
     QFile f(path);
-    if (f.open(QIODevice::WriteOnly | QIODevice::Truncate))
-        f.write(bytes);
+    if (f.open(QIODevice::WriteOnly | QIODevice::Truncate)) f.write(bytes);
 }
 
 QImage solidImage(const QColor &color, int width, int height)
@@ -53,10 +50,7 @@ QImage solidImage(const QColor &color, int width, int height)
     return image;
 }
 
-QString builtTool(const QString &name)
-{
-    return QStringLiteral(TURNELO_BINARY_DIR) + QStringLiteral("/tools/") + name;
-}
+QString builtTool(const QString &name) { return QStringLiteral(TURNELO_BINARY_DIR) + QStringLiteral("/tools/") + name; }
 
 QString installDesktopIconsSchema(const QString &dataHome)
 {
@@ -73,8 +67,7 @@ QString installDesktopIconsSchema(const QString &dataHome)
     return runTool(QStringLiteral("glib-compile-schemas"), {schemas}).exitCode == 0 ? schemas : QString();
 }
 
-ToolResult runTool(const QString &program, const QStringList &args, const QStringList &extraEnv,
-                   int timeoutMs)
+ToolResult runTool(const QString &program, const QStringList &args, const QStringList &extraEnv, int timeoutMs)
 {
     QProcess process;
     if (!extraEnv.isEmpty()) {
@@ -133,8 +126,7 @@ QStringList LogTail::lines() const
 QStringList LogTail::messages() const
 {
     QStringList out;
-    for (const QString &line : lines())
-        out << line.section(QLatin1Char(' '), 1);
+    for (const QString &line : lines()) out << line.section(QLatin1Char(' '), 1);
     return out;
 }
 
@@ -145,7 +137,9 @@ QString LogTail::last() const
 }
 
 ScopedEnv::ScopedEnv(const char *name, const QByteArray &value)
-    : name(name), old(qgetenv(name)), had(qEnvironmentVariableIsSet(name))
+    : name(name)
+    , old(qgetenv(name))
+    , had(qEnvironmentVariableIsSet(name))
 {
     qputenv(name, value);
 }
@@ -158,7 +152,8 @@ ScopedEnv::~ScopedEnv()
         qunsetenv(name);
 }
 
-QString lavapipeIcd() {
+QString lavapipeIcd()
+{
     for (const char *dir : {"/usr/share/vulkan/icd.d", "/etc/vulkan/icd.d"}) {
         const QFileInfoList found = QDir(dir).entryInfoList({"lvp_icd*.json"}, QDir::Files);
         if (!found.isEmpty()) return found.first().absoluteFilePath();

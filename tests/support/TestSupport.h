@@ -37,8 +37,8 @@ struct ToolResult {
     QByteArray out;
     QByteArray err;
 };
-ToolResult runTool(const QString &program, const QStringList &args,
-                   const QStringList &extraEnv = {}, int timeoutMs = 120000);
+ToolResult runTool(const QString &program, const QStringList &args, const QStringList &extraEnv = {},
+                   int timeoutMs = 120000);
 
 // The ICD file of Mesa's software Vulkan device (lavapipe); empty when it is not installed.
 QString lavapipeIcd();

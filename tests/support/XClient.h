@@ -16,12 +16,14 @@
 
 class XClient {
 public:
-    explicit XClient(const QByteArray &display) : d(XOpenDisplay(display.constData())) {}
+    explicit XClient(const QByteArray &display)
+        : d(XOpenDisplay(display.constData()))
+    {
+    }
     // Closing the connection destroys every window it made.
     ~XClient()
     {
-        if (d)
-            XCloseDisplay(d);
+        if (d) XCloseDisplay(d);
     }
     XClient(const XClient &) = delete;
     XClient &operator=(const XClient &) = delete;
@@ -38,14 +40,14 @@ public:
         int format = 0;
         unsigned long count = 0, after = 0;
         unsigned char *data = nullptr;
-        if (XGetWindowProperty(d, window, atom(property), 0, 1024, False, AnyPropertyType, &type, &format,
-                               &count, &after, &data) == Success && data && format == 32) {
+        if (XGetWindowProperty(d, window, atom(property), 0, 1024, False, AnyPropertyType, &type, &format, &count,
+                               &after, &data) == Success &&
+            data && format == 32) {
             const auto *items = reinterpret_cast<const unsigned long *>(data);
             for (unsigned long i = 0; i < count; ++i)
                 out.push_back(items[i] & 0xFFFFFFFFul);  // Xlib sign-extends format-32 items
         }
-        if (data)
-            XFree(data);
+        if (data) XFree(data);
         return out;
     }
 
@@ -80,16 +82,15 @@ public:
         attributes.background_pixel = argb ? 0 : 0xC0C0C0;
         if (argb) {
             XVisualInfo info;
-            if (!XMatchVisualInfo(d, DefaultScreen(d), 32, TrueColor, &info))
-                return 0;
+            if (!XMatchVisualInfo(d, DefaultScreen(d), 32, TrueColor, &info)) return 0;
             visual = info.visual;
             depth = 32;
             attributes.colormap = XCreateColormap(d, root(), visual, AllocNone);
             mask |= CWColormap;
         }
-        const Window window = XCreateWindow(d, root(), geometry.x(), geometry.y(), unsigned(geometry.width()),
-                                            unsigned(geometry.height()), 0, depth, InputOutput, visual, mask,
-                                            &attributes);
+        const Window window =
+            XCreateWindow(d, root(), geometry.x(), geometry.y(), unsigned(geometry.width()),
+                          unsigned(geometry.height()), 0, depth, InputOutput, visual, mask, &attributes);
         XStoreName(d, window, "x11-test-client");
         XSizeHints hints{};
         hints.flags = USPosition | USSize;
@@ -98,8 +99,7 @@ public:
         hints.width = geometry.width();
         hints.height = geometry.height();
         XSetWMNormalHints(d, window, &hints);
-        if (type)
-            setValues(window, "_NET_WM_WINDOW_TYPE", XA_ATOM, {atom(type)});
+        if (type) setValues(window, "_NET_WM_WINDOW_TYPE", XA_ATOM, {atom(type)});
         XMapWindow(d, window);
         XSync(d, False);
         return window;
@@ -122,12 +122,9 @@ public:
         for (;;) {
             Window rootReturn = 0, parent = 0, *children = nullptr;
             unsigned int count = 0;
-            if (!XQueryTree(d, top, &rootReturn, &parent, &children, &count))
-                return {};
-            if (children)
-                XFree(children);
-            if (parent == rootReturn)
-                break;
+            if (!XQueryTree(d, top, &rootReturn, &parent, &children, &count)) return {};
+            if (children) XFree(children);
+            if (parent == rootReturn) break;
             top = parent;
         }
         XWindowAttributes a;

@@ -22,7 +22,8 @@
 
 class XServer {
 public:
-    explicit XServer(QString screen = QStringLiteral("1280x800x24")) : screenGeometry(std::move(screen))
+    explicit XServer(QString screen = QStringLiteral("1280x800x24"))
+        : screenGeometry(std::move(screen))
     {
         for (const char *sub : {"home", "config", "cache", "data", "state"})
             QDir(dir.path()).mkpath(QString::fromLatin1(sub));
@@ -42,9 +43,9 @@ public:
         // Only the display number comes on standard output: an unread pipe full of xkbcomp's
         // warnings would stall the server and all its clients.
         server.setStandardErrorFile(dir.filePath(QStringLiteral("Xvfb.log")));
-        server.start(QStringLiteral("Xvfb"), {QStringLiteral("-displayfd"), QStringLiteral("1"), QStringLiteral("-screen"),
-                                              QStringLiteral("0"), screenGeometry, QStringLiteral("-nolisten"),
-                                              QStringLiteral("tcp")});
+        server.start(QStringLiteral("Xvfb"),
+                     {QStringLiteral("-displayfd"), QStringLiteral("1"), QStringLiteral("-screen"), QStringLiteral("0"),
+                      screenGeometry, QStringLiteral("-nolisten"), QStringLiteral("tcp")});
         QByteArray number;
         poll([&] {
             server.waitForReadyRead(200);
@@ -76,8 +77,7 @@ public:
         env.remove(QStringLiteral("WAYLAND_DISPLAY"));
         env.remove(QStringLiteral("XAUTHORITY"));
         env.remove(QStringLiteral("DBUS_SESSION_BUS_ADDRESS"));
-        if (!busAddress.isEmpty())
-            env.insert(QStringLiteral("DBUS_SESSION_BUS_ADDRESS"), busAddress);
+        if (!busAddress.isEmpty()) env.insert(QStringLiteral("DBUS_SESSION_BUS_ADDRESS"), busAddress);
         return env;
     }
 
@@ -85,8 +85,8 @@ public:
     // service folders.
     bool startSessionBus(QString &why)
     {
-        QProcess &bus = launch(QStringLiteral("dbus-daemon"),
-                               {QStringLiteral("--session"), QStringLiteral("--nofork"), QStringLiteral("--print-address=1")});
+        QProcess &bus = launch(QStringLiteral("dbus-daemon"), {QStringLiteral("--session"), QStringLiteral("--nofork"),
+                                                               QStringLiteral("--print-address=1")});
         QByteArray address;
         poll([&] {
             address = output(bus);
@@ -105,8 +105,8 @@ public:
             return false;
         }
         QProcess &manager = launch(program, arguments);
-        if (!poll([&] { return !managerName().isEmpty() || manager.state() == QProcess::NotRunning; })
-            || manager.state() == QProcess::NotRunning) {
+        if (!poll([&] { return !managerName().isEmpty() || manager.state() == QProcess::NotRunning; }) ||
+            manager.state() == QProcess::NotRunning) {
             why = program + QStringLiteral(" did not start: ") + QString::fromUtf8(output(manager));
             return false;
         }
@@ -117,8 +117,8 @@ public:
             probe.setProcessEnvironment(environment());
             probe.setStandardOutputFile(QProcess::nullDevice());
             probe.setStandardErrorFile(QProcess::nullDevice());
-            probe.start(QStringLiteral("xmessage"), {QStringLiteral("-name"), QStringLiteral("xserver-probe"),
-                                                     QStringLiteral("probe")});
+            probe.start(QStringLiteral("xmessage"),
+                        {QStringLiteral("-name"), QStringLiteral("xserver-probe"), QStringLiteral("probe")});
             bool seen = false;
             for (int i = 0; i < 40 && !seen && probe.state() != QProcess::NotRunning; ++i) {
                 QThread::msleep(50);
@@ -169,18 +169,17 @@ public:
     QByteArray managerName() const
     {
         const QByteArray id = rootItems("_NET_SUPPORTING_WM_CHECK").trimmed();
-        if (id.isEmpty())
-            return {};
-        const QByteArray named = run(QStringLiteral("xprop"), {QStringLiteral("-id"), QString::fromLatin1(id),
-                                                               QStringLiteral("-notype"), QStringLiteral("_NET_WM_NAME")});
+        if (id.isEmpty()) return {};
+        const QByteArray named =
+            run(QStringLiteral("xprop"), {QStringLiteral("-id"), QString::fromLatin1(id), QStringLiteral("-notype"),
+                                          QStringLiteral("_NET_WM_NAME")});
         const qsizetype quote = named.indexOf('"');
         return quote < 0 ? QByteArray() : named.mid(quote + 1, named.lastIndexOf('"') - quote - 1);
     }
 
     void stop()
     {
-        for (auto it = processes.rbegin(); it != processes.rend(); ++it)
-            end(**it);
+        for (auto it = processes.rbegin(); it != processes.rend(); ++it) end(**it);
         processes.clear();
         end(server);
     }
@@ -192,8 +191,7 @@ private:
         QElapsedTimer timer;
         timer.start();
         while (!done()) {
-            if (timer.elapsed() > 60000)
-                return false;
+            if (timer.elapsed() > 60000) return false;
             QThread::msleep(50);
         }
         return true;
@@ -210,8 +208,7 @@ private:
 
     static void end(QProcess &process)
     {
-        if (process.state() == QProcess::NotRunning)
-            return;
+        if (process.state() == QProcess::NotRunning) return;
         process.terminate();
         if (!process.waitForFinished(5000)) {
             process.kill();

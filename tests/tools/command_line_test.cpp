@@ -26,8 +26,7 @@ QStringList filesUnder(const QString &dir)
 {
     QStringList files;
     QDirIterator it(dir, QDir::Files | QDir::Hidden, QDirIterator::Subdirectories);
-    while (it.hasNext())
-        files << QDir(dir).relativeFilePath(it.next());
+    while (it.hasNext()) files << QDir(dir).relativeFilePath(it.next());
     return files;
 }
 
@@ -69,7 +68,10 @@ TEST(CommandLine, EveryProgramAnswersHelpAndVersionWithoutADisplayOrABus)
     const Program programs[] = {
         {turnelo, {}, "turnelo", "--music-setup-done"},
         {turnelo, {"render"}, "turnelo render", "Usage: turnelo render [options] scene output"},
-        {builtTool("turnelo-scene"), {}, "turnelo-scene", "validate DIR | blend DIR --at HH:MM[:SS] | crop FILE --kind KIND"},
+        {builtTool("turnelo-scene"),
+         {},
+         "turnelo-scene",
+         "validate DIR | blend DIR --at HH:MM[:SS] | crop FILE --kind KIND"},
         {builtTool("turnelo-defaults"), {}, "turnelo-defaults", "read [KEY] | read-type KEY | write KEY TYPE VALUE"},
         {builtTool("turnelo-publish"), {}, "turnelo-publish", "--base <dir>"},
         {builtTool("turnelo-sync"), {}, "turnelo-sync", "--url <url>"},

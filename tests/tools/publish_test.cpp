@@ -22,8 +22,7 @@ QStringList leftovers(const QString &dir)
 {
     QStringList out;
     QDirIterator it(dir, {"*.tmp"}, QDir::Files | QDir::Hidden, QDirIterator::Subdirectories);
-    while (it.hasNext())
-        out.append(it.next());
+    while (it.hasNext()) out.append(it.next());
     return out;
 }
 
@@ -31,7 +30,8 @@ TEST(TurneloPublish, RelativePathsGivePackagesThatTheInstallerInstallsWhole)
 {
     QTemporaryDir tmp;
     qputenv("XDG_STATE_HOME", (tmp.path() + "/state").toUtf8());
-    auto r = runTool(builtTool("turnelo-gen-scene"), {"--out", tmp.path() + "/generated", "--width", "96", "--height", "54"});
+    auto r = runTool(builtTool("turnelo-gen-scene"),
+                     {"--out", tmp.path() + "/generated", "--width", "96", "--height", "54"});
     ASSERT_EQ(r.exitCode, 0) << r.err.toStdString();
     put(tmp.path() + "/close/light/sun.exr", randomBytes(5000, 4));
 
@@ -56,8 +56,7 @@ TEST(TurneloPublish, RelativePathsGivePackagesThatTheInstallerInstallsWhole)
     const auto source = entriesOf(tmp.path() + "/generated");
     ASSERT_GT(source.size(), 10u);
     qint64 sourceBytes = 0;
-    for (const ZipEntry &e : source)
-        sourceBytes += e.data.size();
+    for (const ZipEntry &e : source) sourceBytes += e.data.size();
     const SceneCatalog::Entry &b = catalog.scenes[0];
     EXPECT_EQ(b.title, "Apartment");
     EXPECT_EQ(b.unpackedSize, sourceBytes);
@@ -75,8 +74,7 @@ TEST(TurneloPublish, RelativePathsGivePackagesThatTheInstallerInstallsWhole)
     ASSERT_TRUE(testsupport::waitUntil([&] { return !installer.running(); }, 30s));
     ASSERT_EQ(installer.phase().kind, SceneInstaller::Phase::ready);
     const QString installed = options.root + "/Scenes";
-    for (const ZipEntry &e : source)
-        EXPECT_EQ(readFile(installed + "/" + e.name), e.data) << e.name.toStdString();
+    for (const ZipEntry &e : source) EXPECT_EQ(readFile(installed + "/" + e.name), e.data) << e.name.toStdString();
     r = runTool(builtTool("turnelo-scene"), {"validate", installed});
     ASSERT_EQ(r.exitCode, 0) << r.err.toStdString();
     EXPECT_TRUE(r.out.contains("\"missing\":[]")) << r.out.toStdString();

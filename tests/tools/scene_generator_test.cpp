@@ -26,12 +26,14 @@ namespace {
 
 constexpr int plateW = 160, plateH = 90;
 
-ToolResult generate(const QString &out, const QStringList &extra = {}) {
+ToolResult generate(const QString &out, const QStringList &extra = {})
+{
     const QStringList size{"--width", QString::number(plateW), "--height", QString::number(plateH)};
     return runTool(builtTool("turnelo-gen-scene"), QStringList{"--out", out} + size + extra, {}, 600000);
 }
 
-std::map<QString, QByteArray> hashes(const QString &root) {
+std::map<QString, QByteArray> hashes(const QString &root)
+{
     std::map<QString, QByteArray> out;
     QDirIterator it(root, QDir::Files, QDirIterator::Subdirectories);
     while (it.hasNext()) {
@@ -42,20 +44,22 @@ std::map<QString, QByteArray> hashes(const QString &root) {
     return out;
 }
 
-std::array<double, 2> project(const PlateManifest::Framing &f, const std::array<double, 3> &w) {
+std::array<double, 2> project(const PlateManifest::Framing &f, const std::array<double, 3> &w)
+{
     const auto &P = f.camera.P;
     double h[3];
-    for (int r = 0; r < 3; ++r)
-        h[r] = P[r][0] * w[0] + P[r][1] * w[1] + P[r][2] * w[2] + P[r][3];
+    for (int r = 0; r < 3; ++r) h[r] = P[r][0] * w[0] + P[r][1] * w[1] + P[r][2] * w[2] + P[r][3];
     return {h[0] / h[2], h[1] / h[2]};
 }
 
-bool inside(const std::array<double, 2> &p, const PlateManifest::Rect &r) {
+bool inside(const std::array<double, 2> &p, const PlateManifest::Rect &r)
+{
     return p[0] >= r[0] && p[1] >= r[1] && p[0] < r[0] + r[2] && p[1] < r[1] + r[3];
 }
 
 // Intersection of the quad's diagonals: where the centre of the square it images lies.
-std::array<double, 2> diagonalCross(const PlateManifest::Quad &q) {
+std::array<double, 2> diagonalCross(const PlateManifest::Quad &q)
+{
     const double x1 = q[0][0], y1 = q[0][1], x2 = q[2][0], y2 = q[2][1];
     const double x3 = q[1][0], y3 = q[1][1], x4 = q[3][0], y4 = q[3][1];
     const double d = (x1 - x2) * (y3 - y4) - (y1 - y2) * (x3 - x4);
@@ -69,7 +73,8 @@ struct ExrInfo {
     QStringList channels;
 };
 
-ExrInfo exrInfo(const QString &path) {
+ExrInfo exrInfo(const QString &path)
+{
     Imf::InputFile file(QFile::encodeName(path).constData());
     const Imf::Header &h = file.header();
     ExrInfo info{h.dataWindow().size().x + 1, h.dataWindow().size().y + 1, h.compression() == Imf::ZIP_COMPRESSION};
@@ -80,13 +85,13 @@ ExrInfo exrInfo(const QString &path) {
     return info;
 }
 
-
 class GeneratedScene : public ::testing::Test {
 protected:
-    static void SetUpTestSuite() {
+    static void SetUpTestSuite()
+    {
         dir = std::make_unique<QTemporaryDir>();
-        result = generate(dir->filePath("scene"), {"--framings", "wide,mid", "--seed", "7", "--preview",
-                                                   dir->filePath("preview.png")});
+        result = generate(dir->filePath("scene"),
+                          {"--framings", "wide,mid", "--seed", "7", "--preview", dir->filePath("preview.png")});
     }
     static void TearDownTestSuite() { dir.reset(); }
 
@@ -98,7 +103,8 @@ protected:
 
     static QString root() { return dir->filePath("scene"); }
     // Mean luminance of a preset's light over the whole plate, summed from its recipe.
-    static double presetLuminance(const LightMixer &mixer, const QString &framing, const QString &preset) {
+    static double presetLuminance(const LightMixer &mixer, const QString &framing, const QString &preset)
+    {
         const double luma[3] = {0.2126, 0.7152, 0.0722};
         double sum = 0;
         for (const auto &term : mixer.presets.at(preset).recipe) {
@@ -138,7 +144,8 @@ TEST_F(GeneratedScene, ManifestHasEverySectionAndTheSummaryCountsTheFiles)
     EXPECT_EQ(summary["files"].toInt(), int(hashes(root()).size()));
 }
 
-TEST_F(GeneratedScene, EveryReferencedFileExistsWithItsSizeAndFormat) {
+TEST_F(GeneratedScene, EveryReferencedFileExistsWithItsSizeAndFormat)
+{
     int exrs = 0;
     for (const auto &[name, f] : manifest.framings) {
         const QStringList files = SceneFiles::referenced(manifest, name);
@@ -148,10 +155,14 @@ TEST_F(GeneratedScene, EveryReferencedFileExistsWithItsSizeAndFormat) {
             const QString path = root() + "/" + rel;
             ASSERT_TRUE(QFileInfo::exists(path));
             PlateManifest::Rect box{0, 0, f.size[0], f.size[1]};
-            if (rel.contains("/record/")) box = f.record->bbox;
-            else if (rel.contains("/bounce/")) box = f.bounce->bbox;
-            else if (rel.contains("/reflection_")) box = *f.tonearm->reflectionBbox;
-            else if (rel.contains("/tonearm/")) box = f.tonearm->bbox;
+            if (rel.contains("/record/"))
+                box = f.record->bbox;
+            else if (rel.contains("/bounce/"))
+                box = f.bounce->bbox;
+            else if (rel.contains("/reflection_"))
+                box = *f.tonearm->reflectionBbox;
+            else if (rel.contains("/tonearm/"))
+                box = f.tonearm->bbox;
             const QSize size{int(box[2]), int(box[3])};
             if (rel.endsWith(".exr")) {
                 const ExrInfo info = exrInfo(path);
@@ -179,7 +190,8 @@ TEST_F(GeneratedScene, EveryReferencedFileExistsWithItsSizeAndFormat) {
     EXPECT_EQ(QImage(dir->filePath("preview.png")).size(), QSize(plateW, plateH));
 }
 
-TEST_F(GeneratedScene, GeometryProjectsOntoThePlate) {
+TEST_F(GeneratedScene, GeometryProjectsOntoThePlate)
+{
     for (const auto &[name, f] : manifest.framings) {
         SCOPED_TRACE(name.toStdString());
         const PlateManifest::Rect plate{0, 0, f.size[0], f.size[1]};
@@ -193,15 +205,16 @@ TEST_F(GeneratedScene, GeometryProjectsOntoThePlate) {
         EXPECT_NEAR(centre[1], cross[1], 0.05);
         const auto labelCross = diagonalCross(f.label.corners);
         EXPECT_NEAR(centre[0], labelCross[0], 0.05);
-        const GrayImage recordMask = ImageDecoder::decodeGray(root() + "/" + SceneFiles::framingFile(name, f.record->mask));
+        const GrayImage recordMask =
+            ImageDecoder::decodeGray(root() + "/" + SceneFiles::framingFile(name, f.record->mask));
         EXPECT_GT(recordMask.pixels[size_t(int(centre[1]) * recordMask.width + int(centre[0]))], 0);
         // Record plane and pivot.
         ASSERT_TRUE(f.tonearm->planeZ.has_value());
         EXPECT_DOUBLE_EQ(*f.tonearm->planeZ, f.record->centerWorld[2]);
         EXPECT_DOUBLE_EQ(f.tonearm->pivot[2], f.record->centerWorld[2]);
         EXPECT_TRUE(inside(project(f, f.tonearm->pivot), f.tonearm->bbox));
-        const double pivotDistance = std::hypot(f.tonearm->pivot[0] - f.record->centerWorld[0],
-                                                f.tonearm->pivot[1] - f.record->centerWorld[1]);
+        const double pivotDistance =
+            std::hypot(f.tonearm->pivot[0] - f.record->centerWorld[0], f.tonearm->pivot[1] - f.record->centerWorld[1]);
         EXPECT_GT(pivotDistance, f.record->radiusMm);
         // Samples cover rest to run-out, in order.
         const auto &arm = *f.tonearm;
@@ -216,7 +229,8 @@ TEST_F(GeneratedScene, GeometryProjectsOntoThePlate) {
     }
 }
 
-TEST_F(GeneratedScene, MasksSpritesAndLightHoldContent) {
+TEST_F(GeneratedScene, MasksSpritesAndLightHoldContent)
+{
     const LightMixer mixer(manifest);
     for (const auto &[name, f] : manifest.framings) {
         SCOPED_TRACE(name.toStdString());
@@ -228,15 +242,14 @@ TEST_F(GeneratedScene, MasksSpritesAndLightHoldContent) {
         // The sleeve's mask sits within its corners.
         const auto coverCrop = ImageDecoder::cropMask(cover);
         ASSERT_TRUE(coverCrop.has_value());
-        const auto [left, right] = std::minmax({f.cover.corners[0][0], f.cover.corners[1][0], f.cover.corners[2][0],
-                                                f.cover.corners[3][0]});
+        const auto [left, right] =
+            std::minmax({f.cover.corners[0][0], f.cover.corners[1][0], f.cover.corners[2][0], f.cover.corners[3][0]});
         EXPECT_GE(coverCrop->rect[0], std::floor(left) - 2);
         EXPECT_LE(coverCrop->rect[0] + coverCrop->rect[2], std::ceil(right) + 2);
         ASSERT_TRUE(ImageDecoder::cropMask(glass).has_value());
         // Glass seen through the dust cover is glass.
         for (size_t i = 0; i < dust.pixels.size(); ++i)
-            if (dust.pixels[i] > 0)
-                ASSERT_GT(glass.pixels[i], 0) << i;
+            if (dust.pixels[i] > 0) ASSERT_GT(glass.pixels[i], 0) << i;
         // The stack map covers exactly its rectangle.
         const QImage stack(root() + "/" + SceneFiles::framingFile(name, f.stack->artUv));
         int x0 = 1 << 20, x1 = -1;
@@ -279,7 +292,8 @@ TEST_F(GeneratedScene, SameOptionsGiveTheSameBytesAndTheSeedChangesThem)
     EXPECT_EQ(other.at("manifest.json"), first.at("manifest.json"));
 }
 
-TEST(SceneGenerator, RejectsBadOptions) {
+TEST(SceneGenerator, RejectsBadOptions)
+{
     QTemporaryDir dir;
     auto r = generate(dir.filePath("x"), {"--framings", "wide,balcony"});
     EXPECT_EQ(r.exitCode, 1);

@@ -17,7 +17,8 @@ ToolResult scene(const QStringList &args) { return runTool(builtTool("turnelo-sc
 
 QJsonObject json(const ToolResult &r) { return QJsonDocument::fromJson(r.out).object(); }
 
-void writeRgba(const QString &path, int w, int h, const std::function<Imf::Rgba(int, int)> &pixel) {
+void writeRgba(const QString &path, int w, int h, const std::function<Imf::Rgba(int, int)> &pixel)
+{
     std::vector<Imf::Rgba> pixels(size_t(w) * h);
     for (size_t i = 0; i < pixels.size(); ++i) pixels[i] = pixel(int(i % w), int(i / w));
     Imf::RgbaOutputFile file(QFile::encodeName(path).constData(), w, h, Imf::WRITE_RGBA);
@@ -27,7 +28,8 @@ void writeRgba(const QString &path, int w, int h, const std::function<Imf::Rgba(
 
 }  // namespace
 
-TEST(SceneTool, ValidateListsSectionsAndMissingFiles) {
+TEST(SceneTool, ValidateListsSectionsAndMissingFiles)
+{
     QTemporaryDir dir;
     writeFile(dir.filePath("manifest.json"), minimalManifest());
     auto r = scene({"validate", dir.path()});
@@ -50,7 +52,8 @@ TEST(SceneTool, ValidateListsSectionsAndMissingFiles) {
     EXPECT_EQ(json(r)["missing"].toArray(), QJsonArray{});
 }
 
-TEST(SceneTool, BlendAtALocalTime) {
+TEST(SceneTool, BlendAtALocalTime)
+{
     QTemporaryDir dir;
     writeFile(dir.filePath("manifest.json"), minimalManifest());
     // Keyframes 06:00 manha, 10:00 dia, 15:00 tarde, 19:30 noite.
@@ -69,7 +72,8 @@ TEST(SceneTool, BlendAtALocalTime) {
     EXPECT_TRUE(bad.err.startsWith("hora inválida"));
 }
 
-TEST(SceneTool, CropKinds) {
+TEST(SceneTool, CropKinds)
+{
     QTemporaryDir dir;
     const QString sprite = dir.filePath("arm.exr");
     writeRgba(sprite, 40, 30, [](int x, int y) {
@@ -88,7 +92,8 @@ TEST(SceneTool, CropKinds) {
     EXPECT_EQ(scene({"crop", sprite, "--kind", "channel:7"}).exitCode, 1);
 }
 
-TEST(SceneTool, BadInputExitsOneWithTheMessage) {
+TEST(SceneTool, BadInputExitsOneWithTheMessage)
+{
     QTemporaryDir dir;
     const QByteArray full = minimalManifest();
     writeFile(dir.filePath("manifest.json"), full.left(full.size() / 3));

@@ -28,8 +28,7 @@ int main(int argc, char **argv)
         qputenv(name, env.value(QString::fromLatin1(name)).toUtf8());
     qputenv("QT_QPA_PLATFORM", "xcb");
     qunsetenv("TURNELO_SCENES_DIR");
-    if (const QString icd = testsupport::lavapipeIcd(); !icd.isEmpty())
-        qputenv("VK_ICD_FILENAMES", icd.toUtf8());
+    if (const QString icd = testsupport::lavapipeIcd(); !icd.isEmpty()) qputenv("VK_ICD_FILENAMES", icd.toUtf8());
     QApplication app(argc, argv);
     QApplication::setQuitOnLastWindowClosed(false);
     testsupport::PrivateBus bus;

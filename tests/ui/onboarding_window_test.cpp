@@ -25,9 +25,8 @@ namespace {
 TEST(OnboardingWindow, GoingThroughStartsTheMonitorAndIsNotShownAgain)
 {
     QProcess player;
-    player.start(builtTool("turnelo-mpris-player"),
-                 {"--name", "testy", "--identity", "Testy", "--status", "Playing", "--track",
-                  "Corcovado|Astrud Gilberto|Getz/Gilberto|250|3|"});
+    player.start(builtTool("turnelo-mpris-player"), {"--name", "testy", "--identity", "Testy", "--status", "Playing",
+                                                     "--track", "Corcovado|Astrud Gilberto|Getz/Gilberto|250|3|"});
     ASSERT_TRUE(player.waitForReadyRead(10000)) << player.readAllStandardError().constData();
     const QString file = Settings::userFilePath(AppIdentity::isRelease());
     // Nothing to download from: the installer fails at once and retries much later.
@@ -61,8 +60,7 @@ TEST(OnboardingWindow, GoingThroughStartsTheMonitorAndIsNotShownAgain)
         onboarding.continueButton()->click();
         ASSERT_EQ(onboarding.step(), 3);
         EXPECT_TRUE(onboarding.findChild<QCheckBox *>("hideIcons")->isChecked()) << "the desk is not shown as it is";
-        for (int step = 3; step <= OnboardingWindow::stepCount; ++step)
-            onboarding.continueButton()->click();
+        for (int step = 3; step <= OnboardingWindow::stepCount; ++step) onboarding.continueButton()->click();
         EXPECT_FALSE(onboarding.isVisible());
         const Settings stored(file);
         EXPECT_TRUE(stored.musicSetupDone());

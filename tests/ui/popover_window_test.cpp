@@ -34,8 +34,7 @@ namespace {
 FramingTile *tileNamed(PopoverWindow &popover, const QString &name)
 {
     for (FramingTile *t : popover.framingTiles())
-        if (t->tile().name == name)
-            return t;
+        if (t->tile().name == name) return t;
     return nullptr;
 }
 
@@ -155,9 +154,10 @@ TEST(PopoverWindow, FramingTilesSayWhatIsOnDiskAndWhatTheCatalogOffers)
         return e;
     };
     // Slow enough that its progress shows; "top" lacks its folder and fails.
-    const auto close = framing(publishZip(server.scenesDir(), "slow-close.zip", framingFiles("close", 1500000), "close"),
-                               "close");
-    const auto top = framing(publishZip(server.scenesDir(), "top.zip", {{"elsewhere/t.exr", "T", {}, false}}, "top"), "top");
+    const auto close =
+        framing(publishZip(server.scenesDir(), "slow-close.zip", framingFiles("close", 1500000), "close"), "close");
+    const auto top =
+        framing(publishZip(server.scenesDir(), "top.zip", {{"elsewhere/t.exr", "T", {}, false}}, "top"), "top");
     writeCatalog(server.scenesDir(), {base, close, top});
 
     Settings settings(tmp.filePath("settings.json"));
@@ -223,11 +223,14 @@ TEST(PopoverWindow, FramingTilesSayWhatIsOnDiskAndWhatTheCatalogOffers)
 
     QTest::mouseClick(closeTile, Qt::LeftButton);
     QString framingWhileDownloading;
-    EXPECT_TRUE(waitUntil([&] {
-        const Tile t = tileNamed(popover, "close")->tile();
-        framingWhileDownloading = settings.framing();
-        return t.kind == Kind::downloading && t.progress > 0.2 && t.progress < 0.9;
-    }, 30s)) << "no progress shown";
+    EXPECT_TRUE(waitUntil(
+        [&] {
+            const Tile t = tileNamed(popover, "close")->tile();
+            framingWhileDownloading = settings.framing();
+            return t.kind == Kind::downloading && t.progress > 0.2 && t.progress < 0.9;
+        },
+        30s))
+        << "no progress shown";
     EXPECT_EQ(framingWhileDownloading, "wide") << "switched to a framing that is not on disk";
     EXPECT_FALSE(tileNamed(popover, "close")->isEnabled()) << "a second click would start it again";
     keep(popover, "popover-framing-progress.png");
@@ -257,8 +260,7 @@ TEST(PopoverWindow, FramingTilesSayWhatIsOnDiskAndWhatTheCatalogOffers)
 
 TEST(PopoverWindow, LightDialReachesTheSettingsAndTheRoomsLight)
 {
-    if (lavapipeIcd().isEmpty())
-        GTEST_SKIP() << "no software Vulkan device (mesa-vulkan-drivers)";
+    if (lavapipeIcd().isEmpty()) GTEST_SKIP() << "no software Vulkan device (mesa-vulkan-drivers)";
     QTemporaryDir tmp;
     const QString scene = tmp.filePath("scene");
     const auto gen = runTool(builtTool("turnelo-gen-scene"),
@@ -287,7 +289,8 @@ TEST(PopoverWindow, LightDialReachesTheSettingsAndTheRoomsLight)
         EXPECT_EQ(Settings(file).lightPreset(), preset);
         // The performance line tells the light the room shows.
         EXPECT_TRUE(waitUntil([&] { return logFrom(from).contains("luz " + preset + " 1.00"); }, 150s))
-            << qPrintable(preset) << "\n" << qPrintable(logFrom(from));
+            << qPrintable(preset) << "\n"
+            << qPrintable(logFrom(from));
     }
     QTest::mouseClick(dial, Qt::LeftButton, {}, dial->rect().center());
     EXPECT_EQ(Settings(file).lightPreset(), "auto");

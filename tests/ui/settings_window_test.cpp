@@ -62,7 +62,7 @@ struct SettingsWindowTest : ::testing::Test {
 
 TEST_F(SettingsWindowTest, ControlsWriteTheirKeysTypedAndFollowOutsideWrites)
 {
-    const QStringList switches{"showTurntable", "showMenuBarIcon", "ecoMode", "fxRecord", "fxBounce",
+    const QStringList switches{"showTurntable", "showMenuBarIcon", "ecoMode", "fxRecord",  "fxBounce",
                                "fxPanel",       "fxStack",         "steam",   "fxWeather", "musicSetupDone"};
     for (const QString &key : switches) {
         QCheckBox *box = control<QCheckBox>(key);
@@ -92,10 +92,14 @@ TEST_F(SettingsWindowTest, ControlsWriteTheirKeysTypedAndFollowOutsideWrites)
     write({"screens", "-string", "main"});
     write({"stackLimit", "-int", "3"});
     write({"ecoMode", "-bool", "true"});
-    EXPECT_TRUE(waitUntil([&] {
-        return control<QCheckBox>("fxBounce")->isChecked() && control<QComboBox>("screens")->currentData() == "main" &&
-               control<QSpinBox>("stackLimit")->value() == 3 && control<QCheckBox>("ecoMode")->isChecked();
-    }, 10s)) << "the open window did not follow the file";
+    EXPECT_TRUE(waitUntil(
+        [&] {
+            return control<QCheckBox>("fxBounce")->isChecked() &&
+                   control<QComboBox>("screens")->currentData() == "main" &&
+                   control<QSpinBox>("stackLimit")->value() == 3 && control<QCheckBox>("ecoMode")->isChecked();
+        },
+        10s))
+        << "the open window did not follow the file";
     EXPECT_TRUE(power.ecoEnabled());
     // A key written with another type reads as its default, and the switch says so.
     write({"fxStack", "-string", "no"});
@@ -115,7 +119,8 @@ TEST_F(SettingsWindowTest, SceneAndAboutTellTheRoomsStateInTheUsersWords)
     status.setProblem(SceneStatus::Problem{SceneStatus::Reason::gpu, "sem superfície Vulkan para a janela"});
     QLabel *problem = control<QLabel>("sceneProblem");
     ASSERT_TRUE(problem);
-    EXPECT_EQ(problem->text(), "The graphics device couldn’t draw the room. Reload it in Settings › Scene to try again.");
+    EXPECT_EQ(problem->text(),
+              "The graphics device couldn’t draw the room. Reload it in Settings › Scene to try again.");
     const QString about = control<QLabel>("scene")->text();
     EXPECT_TRUE(about.contains(problem->text() + "\nTechnical detail: sem superfície Vulkan para a janela"))
         << qPrintable(about);

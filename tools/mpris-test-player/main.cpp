@@ -41,16 +41,14 @@ public:
 
     double position() const
     {
-        const double p = basePosition
-                         + (status == QLatin1String("Playing") ? since.elapsed() / 1000.0 : 0.0);
+        const double p = basePosition + (status == QLatin1String("Playing") ? since.elapsed() / 1000.0 : 0.0);
         return p;
     }
 
     QVariantMap metadata() const
     {
         QVariantMap m;
-        if (tracks.isEmpty())
-            return m;
+        if (tracks.isEmpty()) return m;
         const TrackInfo &t = tracks.at(index);
         m.insert(QStringLiteral("mpris:trackid"),
                  QVariant::fromValue(QDBusObjectPath(QStringLiteral("/track/%1").arg(index))));
@@ -58,26 +56,23 @@ public:
         m.insert(QStringLiteral("xesam:artist"), t.artists);
         m.insert(QStringLiteral("xesam:album"), t.album);
         m.insert(QStringLiteral("mpris:length"), qlonglong(t.seconds * 1e6));
-        if (t.number > 0)
-            m.insert(QStringLiteral("xesam:trackNumber"), t.number);
-        if (!t.artUrl.isEmpty())
-            m.insert(QStringLiteral("mpris:artUrl"), t.artUrl);
+        if (t.number > 0) m.insert(QStringLiteral("xesam:trackNumber"), t.number);
+        if (!t.artUrl.isEmpty()) m.insert(QStringLiteral("mpris:artUrl"), t.artUrl);
         return m;
     }
 
     void changed(const QVariantMap &properties)
     {
-        QDBusMessage signal = QDBusMessage::createSignal(
-            QStringLiteral("/org/mpris/MediaPlayer2"),
-            QStringLiteral("org.freedesktop.DBus.Properties"), QStringLiteral("PropertiesChanged"));
+        QDBusMessage signal = QDBusMessage::createSignal(QStringLiteral("/org/mpris/MediaPlayer2"),
+                                                         QStringLiteral("org.freedesktop.DBus.Properties"),
+                                                         QStringLiteral("PropertiesChanged"));
         signal << QStringLiteral("org.mpris.MediaPlayer2.Player") << properties << QStringList();
         QDBusConnection::sessionBus().send(signal);
     }
 
     void setStatus(const QString &s)
     {
-        if (s == status)
-            return;
+        if (s == status) return;
         basePosition = position();
         since.restart();
         status = s;
@@ -86,8 +81,7 @@ public:
 
     void moveTo(int i)
     {
-        if (tracks.isEmpty())
-            return;
+        if (tracks.isEmpty()) return;
         index = (i + tracks.size()) % tracks.size();
         basePosition = 0;
         since.restart();
@@ -98,9 +92,9 @@ public:
     {
         basePosition = seconds;
         since.restart();
-        QDBusMessage signal = QDBusMessage::createSignal(
-            QStringLiteral("/org/mpris/MediaPlayer2"), QStringLiteral("org.mpris.MediaPlayer2.Player"),
-            QStringLiteral("Seeked"));
+        QDBusMessage signal =
+            QDBusMessage::createSignal(QStringLiteral("/org/mpris/MediaPlayer2"),
+                                       QStringLiteral("org.mpris.MediaPlayer2.Player"), QStringLiteral("Seeked"));
         signal << qlonglong(seconds * 1e6);
         QDBusConnection::sessionBus().send(signal);
     }
@@ -116,7 +110,11 @@ class RootAdaptor : public QDBusAbstractAdaptor {
     Q_PROPERTY(QStringList SupportedUriSchemes READ none)
     Q_PROPERTY(QStringList SupportedMimeTypes READ none)
 public:
-    RootAdaptor(Player *p) : QDBusAbstractAdaptor(p), player(p) {}
+    RootAdaptor(Player *p)
+        : QDBusAbstractAdaptor(p)
+        , player(p)
+    {
+    }
     QString identity() const { return player->identity; }
     bool yes() const { return true; }
     bool no() const { return false; }
@@ -146,7 +144,11 @@ class PlayerAdaptor : public QDBusAbstractAdaptor {
     Q_PROPERTY(bool CanSeek READ yes)
     Q_PROPERTY(bool CanControl READ yes)
 public:
-    PlayerAdaptor(Player *p) : QDBusAbstractAdaptor(p), player(p) {}
+    PlayerAdaptor(Player *p)
+        : QDBusAbstractAdaptor(p)
+        , player(p)
+    {
+    }
     QString status() const { return player->status; }
     QVariantMap metadata() const { return player->metadata(); }
     qlonglong position() const { return qlonglong(player->position() * 1e6); }
@@ -220,10 +222,9 @@ int main(int argc, char **argv)
     new RootAdaptor(player);
     new PlayerAdaptor(player);
     QDBusConnection bus = QDBusConnection::sessionBus();
-    if (!bus.isConnected() || !bus.registerObject(QStringLiteral("/org/mpris/MediaPlayer2"), player)
-        || !bus.registerService(QStringLiteral("org.mpris.MediaPlayer2.") + suffix)) {
-        std::fprintf(stderr, "cannot register on the session bus: %s\n",
-                     qPrintable(bus.lastError().message()));
+    if (!bus.isConnected() || !bus.registerObject(QStringLiteral("/org/mpris/MediaPlayer2"), player) ||
+        !bus.registerService(QStringLiteral("org.mpris.MediaPlayer2.") + suffix)) {
+        std::fprintf(stderr, "cannot register on the session bus: %s\n", qPrintable(bus.lastError().message()));
         return 1;
     }
     std::printf("ready\n");

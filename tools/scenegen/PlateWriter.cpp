@@ -41,7 +41,9 @@ struct ExrStream::File {
 };
 
 ExrStream::ExrStream(const QString &path, int width, int height, bool alpha)
-    : path(path), width(width), height(height)
+    : path(path)
+    , width(width)
+    , height(height)
 {
     makeParent(path);
     try {
@@ -56,10 +58,8 @@ ExrStream::~ExrStream() = default;
 
 void ExrStream::writeRows(const Imf::Rgba *pixels, int rows)
 {
-    if (rows <= 0)
-        return;
-    if (written + rows > height)
-        throw Error((path + ": more rows than the image holds").toStdString());
+    if (rows <= 0) return;
+    if (written + rows > height) throw Error((path + ": more rows than the image holds").toStdString());
     try {
         // The frame buffer is addressed in image rows; shift the base so row `written` is the first.
         file->out.setFrameBuffer(pixels - static_cast<ptrdiff_t>(written) * width, 1, width);
@@ -76,8 +76,7 @@ void writeGray(const QString &path, int width, int height, const std::vector<uin
     QImage image(width, height, QImage::Format_Grayscale8);
     for (int y = 0; y < height; ++y)
         std::copy_n(pixels.data() + static_cast<size_t>(y) * width, width, image.scanLine(y));
-    if (!image.save(path, "PNG"))
-        throw Error(("cannot write " + path).toStdString());
+    if (!image.save(path, "PNG")) throw Error(("cannot write " + path).toStdString());
 }
 
 void writeRgb(const QString &path, int width, int height, const std::vector<uint8_t> &pixels)
@@ -86,8 +85,7 @@ void writeRgb(const QString &path, int width, int height, const std::vector<uint
     QImage image(width, height, QImage::Format_RGB888);
     for (int y = 0; y < height; ++y)
         std::copy_n(pixels.data() + static_cast<size_t>(y) * width * 3, width * 3, image.scanLine(y));
-    if (!image.save(path, "PNG"))
-        throw Error(("cannot write " + path).toStdString());
+    if (!image.save(path, "PNG")) throw Error(("cannot write " + path).toStdString());
 }
 
 }  // namespace PlateWriter

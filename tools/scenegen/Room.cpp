@@ -35,25 +35,20 @@ double hash2(double x, double y, uint32_t seed)
 double capsule(const Vec3 &ro, const Vec3 &rd, const Vec3 &a, const Vec3 &b, double r, Vec3 *normal)
 {
     const Vec3 ba = b - a, oa = ro - a;
-    const double baba = ba.dot(ba), bard = ba.dot(rd), baoa = ba.dot(oa), rdoa = rd.dot(oa),
-                 oaoa = oa.dot(oa);
-    const double qa = baba - bard * bard, qb = baba * rdoa - baoa * bard,
-                 qc = baba * oaoa - baoa * baoa - r * r * baba;
+    const double baba = ba.dot(ba), bard = ba.dot(rd), baoa = ba.dot(oa), rdoa = rd.dot(oa), oaoa = oa.dot(oa);
+    const double qa = baba - bard * bard, qb = baba * rdoa - baoa * bard, qc = baba * oaoa - baoa * baoa - r * r * baba;
     const double h = qb * qb - qa * qc;
-    if (h < 0)
-        return Room::inf;
+    if (h < 0) return Room::inf;
     double t = (-qb - std::sqrt(h)) / qa;
     const double y = baoa + t * bard;
     if (y <= 0 || y >= baba) {
         // One of the caps.
         const Vec3 oc = y <= 0 ? oa : ro - b;
         const double cb = rd.dot(oc), cc = oc.dot(oc) - r * r, hh = cb * cb - cc;
-        if (hh < 0)
-            return Room::inf;
+        if (hh < 0) return Room::inf;
         t = -cb - std::sqrt(hh);
     }
-    if (t <= eps)
-        return Room::inf;
+    if (t <= eps) return Room::inf;
     const Vec3 p = ro + rd * t, pa = p - a;
     const double s = std::clamp(pa.dot(ba) / baba, 0.0, 1.0);
     *normal = (pa - ba * s) / r;
@@ -62,7 +57,8 @@ double capsule(const Vec3 &ro, const Vec3 &rd, const Vec3 &a, const Vec3 &b, dou
 
 }  // namespace
 
-Room::Room(uint32_t seed) : seed(seed)
+Room::Room(uint32_t seed)
+    : seed(seed)
 {
     auto box = [&](Part part, Vec3 lo, Vec3 hi, double angle = 0, bool occludes = true) {
         Prim p;
@@ -140,12 +136,18 @@ Room::Room(uint32_t seed) : seed(seed)
         p.cosA = std::cos(p.angle);
         p.sinA = std::sin(p.angle);
         switch (p.kind) {
-        case Prim::box: p.boundCentre = p.c; p.boundRadius = p.e.length(); break;
+        case Prim::box:
+            p.boundCentre = p.c;
+            p.boundRadius = p.e.length();
+            break;
         case Prim::cylinder:
             p.boundCentre = {p.c.x, p.c.y, 0.5 * (p.z0 + p.z1)};
             p.boundRadius = std::hypot(p.r, 0.5 * (p.z1 - p.z0));
             break;
-        case Prim::sphere: p.boundCentre = p.c; p.boundRadius = p.r; break;
+        case Prim::sphere:
+            p.boundCentre = p.c;
+            p.boundRadius = p.r;
+            break;
         case Prim::quad:
             p.boundCentre = p.c + (p.u + p.v) * 0.5;
             p.boundRadius = 0.5 * (p.u + p.v).length() + 1;
@@ -189,7 +191,7 @@ std::vector<Vec3> Room::sleeveCorners() const
 
 std::vector<Vec3> Room::bounceArea() const
 {
-    return {{sleeveX0 - 140, 120, 0}, {sleeveX1 + 140, 120, 0}, {sleeveX1 + 140, wallY, 0},
+    return {{sleeveX0 - 140, 120, 0},   {sleeveX1 + 140, 120, 0},     {sleeveX1 + 140, wallY, 0},
             {sleeveX0 - 140, wallY, 0}, {sleeveX0 - 140, wallY, 380}, {sleeveX1 + 140, wallY, 380}};
 }
 
@@ -202,8 +204,7 @@ Vec3 Room::sunDirection(int key)
 
 Vec3 Room::keyLightDirection(int sunKey) const
 {
-    if (sunKey >= 0)
-        return sunDirection(sunKey);
+    if (sunKey >= 0) return sunDirection(sunKey);
     return (bulbPos - recordCentre()).normalized();
 }
 
@@ -224,10 +225,8 @@ bool Room::hitPrim(const Prim &prim, const Vec3 &o, const Vec3 &d, double tMax, 
         // Quick miss against the bounding sphere.
         const Vec3 oc = o - prim.boundCentre;
         const double b = oc.dot(d), c = oc.dot(oc) - prim.boundRadius * prim.boundRadius;
-        if (c > 0 && (b > 0 || b * b < c))
-            return false;
-        if (c > 0 && -b - std::sqrt(b * b - c) >= tMax)
-            return false;
+        if (c > 0 && (b > 0 || b * b < c)) return false;
+        if (c > 0 && -b - std::sqrt(b * b - c) >= tMax) return false;
     }
     auto toLocal = [&](const Vec3 &v) {
         return Vec3{prim.cosA * v.x + prim.sinA * v.y, -prim.sinA * v.x + prim.cosA * v.y, v.z};
@@ -238,12 +237,10 @@ bool Room::hitPrim(const Prim &prim, const Vec3 &o, const Vec3 &d, double tMax, 
         double t0 = -inf, t1 = inf;
         int axis = 0;
         double sign = 1;
-        const double os[3] = {lo.x, lo.y, lo.z}, ds[3] = {ld.x, ld.y, ld.z},
-                     es[3] = {prim.e.x, prim.e.y, prim.e.z};
+        const double os[3] = {lo.x, lo.y, lo.z}, ds[3] = {ld.x, ld.y, ld.z}, es[3] = {prim.e.x, prim.e.y, prim.e.z};
         for (int i = 0; i < 3; ++i) {
             if (std::abs(ds[i]) < 1e-12) {
-                if (std::abs(os[i]) > es[i])
-                    return false;
+                if (std::abs(os[i]) > es[i]) return false;
                 continue;
             }
             double ta = (-es[i] - os[i]) / ds[i], tb = (es[i] - os[i]) / ds[i];
@@ -259,8 +256,7 @@ bool Room::hitPrim(const Prim &prim, const Vec3 &o, const Vec3 &d, double tMax, 
             }
             t1 = std::min(t1, tb);
         }
-        if (t0 > t1 || t0 <= eps || t0 >= tMax)
-            return false;
+        if (t0 > t1 || t0 <= eps || t0 >= tMax) return false;
         Vec3 ln{axis == 0 ? sign : 0, axis == 1 ? sign : 0, axis == 2 ? sign : 0};
         s->t = t0;
         s->p = o + d * t0;
@@ -297,24 +293,20 @@ bool Room::hitPrim(const Prim &prim, const Vec3 &o, const Vec3 &d, double tMax, 
                 }
             }
         }
-        if (best >= tMax)
-            return false;
+        if (best >= tMax) return false;
         s->t = best;
         s->p = o + d * best;
         s->n = n;
         s->part = prim.part;
-        s->local = {std::atan2(s->p.y - prim.c.y, s->p.x - prim.c.x),
-                    (s->p.z - prim.z0) / (prim.z1 - prim.z0), 0};
+        s->local = {std::atan2(s->p.y - prim.c.y, s->p.x - prim.c.x), (s->p.z - prim.z0) / (prim.z1 - prim.z0), 0};
         return true;
     }
     case Prim::sphere: {
         const Vec3 oc = o - prim.c;
         const double b = oc.dot(d), c = oc.dot(oc) - prim.r * prim.r, h = b * b - c;
-        if (h < 0)
-            return false;
+        if (h < 0) return false;
         const double t = -b - std::sqrt(h);
-        if (t <= eps || t >= tMax)
-            return false;
+        if (t <= eps || t >= tMax) return false;
         s->t = t;
         s->p = o + d * t;
         s->n = (s->p - prim.c) / prim.r;
@@ -324,15 +316,12 @@ bool Room::hitPrim(const Prim &prim, const Vec3 &o, const Vec3 &d, double tMax, 
     case Prim::quad: {
         const Vec3 n = prim.u.cross(prim.v).normalized();
         const double dn = d.dot(n);
-        if (std::abs(dn) < 1e-12)
-            return false;
+        if (std::abs(dn) < 1e-12) return false;
         const double t = (prim.c - o).dot(n) / dn;
-        if (t <= eps || t >= tMax)
-            return false;
+        if (t <= eps || t >= tMax) return false;
         const Vec3 rel = o + d * t - prim.c;
         const double a = rel.dot(prim.u) / prim.u.dot(prim.u), b = rel.dot(prim.v) / prim.v.dot(prim.v);
-        if (a < 0 || a > 1 || b < 0 || b > 1)
-            return false;
+        if (a < 0 || a > 1 || b < 0 || b > 1) return false;
         s->t = t;
         s->p = o + d * t;
         s->n = dn < 0 ? n : -n;
@@ -356,8 +345,7 @@ Room::Surface Room::trace(const Vec3 &o, const Vec3 &d) const
             best.p = p;
             best.n = {0, -1, 0};
             const bool inWindow = p.x > winX0 && p.x < winX1 && p.z > winZ0 && p.z < winZ1;
-            const bool onMullion =
-                std::abs(p.x - mullionX) < mullionHalf || std::abs(p.z - mullionZ) < mullionHalf;
+            const bool onMullion = std::abs(p.x - mullionX) < mullionHalf || std::abs(p.z - mullionZ) < mullionHalf;
             best.part = inWindow ? (onMullion ? Part::frame : Part::glass) : Part::wall;
         }
     }
@@ -372,36 +360,29 @@ Room::Surface Room::trace(const Vec3 &o, const Vec3 &d) const
     }
     for (const Prim &prim : prims) {
         Surface s;
-        if (hitPrim(prim, o, d, best.t, &s))
-            best = s;
+        if (hitPrim(prim, o, d, best.t, &s)) best = s;
     }
     if (best.part == Part::record || best.part == Part::platter) {
         const double rx = best.p.x - recordX, ry = best.p.y - recordY;
         if (best.part == Part::record && best.n.z > 0.5 && rx * rx + ry * ry < labelRadius() * labelRadius())
             best.part = Part::label;
     }
-    if (best.part == Part::plinth && best.n.z > 0.5)
-        best.part = Part::plinthTop;
+    if (best.part == Part::plinth && best.n.z > 0.5) best.part = Part::plinthTop;
     if (best.part == Part::cup && best.n.z > 0.5) {
         const double rx = best.p.x - cupX, ry = best.p.y - cupY;
-        if (rx * rx + ry * ry < 38 * 38)
-            best.part = Part::coffee;
+        if (rx * rx + ry * ry < 38 * 38) best.part = Part::coffee;
     }
-    if (best.part != Part::none)
-        best.albedo = albedoOf(best.part, best.p, best.n);
-    if (best.part == Part::stackTop && best.n.z < 0.5)
-        best.part = Part::stack;
+    if (best.part != Part::none) best.albedo = albedoOf(best.part, best.p, best.n);
+    if (best.part == Part::stackTop && best.n.z < 0.5) best.part = Part::stack;
     return best;
 }
 
 double Room::lidDistance(const Vec3 &o, const Vec3 &d) const
 {
     const double dn = d.dot(lidN);
-    if (std::abs(dn) < 1e-12)
-        return inf;
+    if (std::abs(dn) < 1e-12) return inf;
     const double t = (lidOrigin - o).dot(lidN) / dn;
-    if (t <= eps)
-        return inf;
+    if (t <= eps) return inf;
     const Vec3 rel = o + d * t - lidOrigin;
     const double a = rel.dot(lidU) / lidU.dot(lidU), b = rel.dot(lidV) / lidV.dot(lidV);
     return a >= 0 && a <= 1 && b >= 0 && b <= 1 ? t : inf;
@@ -410,39 +391,56 @@ double Room::lidDistance(const Vec3 &o, const Vec3 &d) const
 Vec3 Room::albedoOf(Part part, const Vec3 &p, const Vec3 &n) const
 {
     switch (part) {
-    case Part::wall: return Vec3{0.72, 0.68, 0.62} * (0.95 + 0.05 * noise(p.x * 0.02, p.z * 0.02));
-    case Part::glass: return {0, 0, 0};
-    case Part::frame: return {0.8, 0.8, 0.78};
-    case Part::floor: return Vec3{0.22, 0.14, 0.09} * (0.8 + 0.2 * noise(p.x * 0.004, p.y * 0.05));
+    case Part::wall:
+        return Vec3{0.72, 0.68, 0.62} * (0.95 + 0.05 * noise(p.x * 0.02, p.z * 0.02));
+    case Part::glass:
+        return {0, 0, 0};
+    case Part::frame:
+        return {0.8, 0.8, 0.78};
+    case Part::floor:
+        return Vec3{0.22, 0.14, 0.09} * (0.8 + 0.2 * noise(p.x * 0.004, p.y * 0.05));
     case Part::desk: {
         const double grain = noise(p.x * 0.004, p.y * 0.09) * 5;
         return Vec3{0.42, 0.27, 0.15} * (0.82 + 0.18 * std::sin(p.y * 0.08 + grain));
     }
-    case Part::plinth: return Vec3{0.28, 0.16, 0.08} * (0.85 + 0.15 * noise(p.x * 0.01, p.z * 0.2));
-    case Part::plinthTop: return {0.5, 0.5, 0.52};
+    case Part::plinth:
+        return Vec3{0.28, 0.16, 0.08} * (0.85 + 0.15 * noise(p.x * 0.01, p.z * 0.2));
+    case Part::plinthTop:
+        return {0.5, 0.5, 0.52};
     case Part::platter: {
-        if (std::abs(n.z) > 0.5)
-            return {0.3, 0.3, 0.32};
+        if (std::abs(n.z) > 0.5) return {0.3, 0.3, 0.32};
         // Strobe dots printed round the rim.
         const double a = std::atan2(p.y - recordY, p.x - recordX) / (2 * pi) * strobeDots();
         const double f = a - std::floor(a), h = (p.z - plinthTopZ) / (103 - plinthTopZ);
-        return std::abs(f - 0.5) < 0.22 && std::abs(h - 0.5) < 0.3 ? Vec3{0.6, 0.6, 0.6}
-                                                                    : Vec3{0.25, 0.25, 0.27};
+        return std::abs(f - 0.5) < 0.22 && std::abs(h - 0.5) < 0.3 ? Vec3{0.6, 0.6, 0.6} : Vec3{0.25, 0.25, 0.27};
     }
-    case Part::record: return {0.088, 0.088, 0.088};
-    case Part::label: return {0.8, 0.8, 0.8};
+    case Part::record:
+        return {0.088, 0.088, 0.088};
+    case Part::label:
+        return {0.8, 0.8, 0.8};
     case Part::spindle:
-    case Part::metal: return {0.6, 0.6, 0.62};
-    case Part::led: return {0.18, 0.03, 0.02};
-    case Part::sleeve: return {0.82, 0.82, 0.82};
-    case Part::stack: return p.z < 3 ? Vec3{0.15, 0.25, 0.45} : Vec3{0.55, 0.33, 0.14};
-    case Part::stackTop: return n.z > 0.5 ? Vec3{0.8, 0.8, 0.8} : Vec3{0.3, 0.3, 0.3};
-    case Part::cup: return {0.85, 0.83, 0.8};
-    case Part::coffee: return {0.09, 0.05, 0.03};
-    case Part::lampBody: return {0.06, 0.06, 0.06};
-    case Part::lampShade: return {0.08, 0.22, 0.14};
-    case Part::bulb: return {0.9, 0.9, 0.9};
-    case Part::none: break;
+    case Part::metal:
+        return {0.6, 0.6, 0.62};
+    case Part::led:
+        return {0.18, 0.03, 0.02};
+    case Part::sleeve:
+        return {0.82, 0.82, 0.82};
+    case Part::stack:
+        return p.z < 3 ? Vec3{0.15, 0.25, 0.45} : Vec3{0.55, 0.33, 0.14};
+    case Part::stackTop:
+        return n.z > 0.5 ? Vec3{0.8, 0.8, 0.8} : Vec3{0.3, 0.3, 0.3};
+    case Part::cup:
+        return {0.85, 0.83, 0.8};
+    case Part::coffee:
+        return {0.09, 0.05, 0.03};
+    case Part::lampBody:
+        return {0.06, 0.06, 0.06};
+    case Part::lampShade:
+        return {0.08, 0.22, 0.14};
+    case Part::bulb:
+        return {0.9, 0.9, 0.9};
+    case Part::none:
+        break;
     }
     return {};
 }
@@ -451,8 +449,7 @@ bool Room::occludedDir(const Vec3 &from, const Vec3 &dir, const ArmPose *arm, bo
 {
     Surface s;
     for (const Prim &prim : prims)
-        if (scene && prim.occludes && hitPrim(prim, from, dir, inf, &s))
-            return true;
+        if (scene && prim.occludes && hitPrim(prim, from, dir, inf, &s)) return true;
     ArmHit hit;
     return arm && traceArm(*arm, from, dir, &hit);
 }
@@ -464,8 +461,7 @@ bool Room::occluded(const Vec3 &from, const Vec3 &to, const ArmPose *arm, bool s
     const Vec3 dir = delta / dist;
     Surface s;
     for (const Prim &prim : prims)
-        if (scene && prim.occludes && hitPrim(prim, from, dir, dist - 1, &s))
-            return true;
+        if (scene && prim.occludes && hitPrim(prim, from, dir, dist - 1, &s)) return true;
     ArmHit hit;
     return arm && traceArm(*arm, from, dir, &hit) && hit.t < dist;
 }
@@ -473,8 +469,7 @@ bool Room::occluded(const Vec3 &from, const Vec3 &to, const ArmPose *arm, bool s
 // How much of a ray towards the sun gets through the window opening (soft at the frame edges).
 double Room::windowPass(const Vec3 &p, const Vec3 &dir) const
 {
-    if (dir.y <= 1e-6 || p.y > wallY - 1)
-        return 0;
+    if (dir.y <= 1e-6 || p.y > wallY - 1) return 0;
     const double t = (wallY - p.y) / dir.y;
     const Vec3 q = p + dir * t;
     const double soft = 10;
@@ -487,13 +482,11 @@ double Room::windowPass(const Vec3 &p, const Vec3 &dir) const
 
 Vec3 Room::skyRadiance(int variant)
 {
-    static const Vec3 radiance[4] = {
-        {1.0, 1.05, 1.2}, {1.5, 1.6, 1.85}, {1.25, 1.05, 0.85}, {0.05, 0.07, 0.14}};
+    static const Vec3 radiance[4] = {{1.0, 1.05, 1.2}, {1.5, 1.6, 1.85}, {1.25, 1.05, 0.85}, {0.05, 0.07, 0.14}};
     return radiance[std::clamp(variant, 0, 3)];
 }
 
-double Room::skyFactor(const Vec3 &p, const Vec3 &n, double jitter, const ArmPose *arm,
-                       bool sceneOccludes) const
+double Room::skyFactor(const Vec3 &p, const Vec3 &n, double jitter, const ArmPose *arm, bool sceneOccludes) const
 {
     // The window as an area light, 4 × 4 jittered samples.
     const Vec3 origin = p + n * 0.2;
@@ -507,8 +500,7 @@ double Room::skyFactor(const Vec3 &p, const Vec3 &n, double jitter, const ArmPos
         const double d2 = std::max(w.dot(w) * 1e-6, 0.01);
         const Vec3 wd = w.normalized();
         const double cp = n.dot(wd), cw = wd.y;
-        if (cp <= 0 || cw <= 0 || occluded(origin, q, arm, sceneOccludes))
-            continue;
+        if (cp <= 0 || cw <= 0 || occluded(origin, q, arm, sceneOccludes)) continue;
         sum += cp * cw * area / d2;
     }
     return sum;
@@ -526,8 +518,8 @@ Room::Factors Room::factors(const Vec3 &p, const Vec3 &n, double jitter) const
     return {skyFactor(p, n, jitter, nullptr, true), sleeveFactor(p, n)};
 }
 
-Vec3 Room::irradiance(const Light &l, const Vec3 &p, const Vec3 &n, double jitter,
-                      const ArmPose *arm, bool sceneOccludes) const
+Vec3 Room::irradiance(const Light &l, const Vec3 &p, const Vec3 &n, double jitter, const ArmPose *arm,
+                      bool sceneOccludes) const
 {
     const Vec3 origin = p + n * 0.2;
     switch (l.kind) {
@@ -537,8 +529,7 @@ Vec3 Room::irradiance(const Light &l, const Vec3 &p, const Vec3 &n, double jitte
         const double c = std::max(0.0, n.dot(s));
         const Vec3 bounced = colours[std::clamp(l.variant, 0, 2)] * (0.25 * indirect(n));
         const double pass = windowPass(p, s);
-        if (pass <= 0 || occludedDir(origin, s, arm, sceneOccludes))
-            return bounced;
+        if (pass <= 0 || occludedDir(origin, s, arm, sceneOccludes)) return bounced;
         return colours[std::clamp(l.variant, 0, 2)] * (c * pass) + bounced;
     }
     case LightKind::sky:
@@ -554,8 +545,7 @@ Vec3 Room::irradiance(const Light &l, const Vec3 &p, const Vec3 &n, double jitte
             const double d2 = w.dot(w) * 1e-6;
             const Vec3 wd = w.normalized();
             const double cp = n.dot(wd);
-            if (cp <= 0 || occluded(origin, q, arm, sceneOccludes))
-                continue;
+            if (cp <= 0 || occluded(origin, q, arm, sceneOccludes)) continue;
             e += Vec3{1.0, 0.9, 0.75} * (0.25 * 1.2 * cp * wd.z / d2);
         }
         return e;
@@ -570,13 +560,13 @@ Vec3 Room::irradiance(const Light &l, const Vec3 &p, const Vec3 &n, double jitte
             const Vec3 wd = w.normalized();
             const double cp = n.dot(wd);
             const double cone = smoothstep(std::cos(75 * pi / 180), std::cos(40 * pi / 180), -wd.dot(lampAxis));
-            if (cp <= 0 || cone <= 0 || occluded(origin, q, arm, sceneOccludes))
-                continue;
+            if (cp <= 0 || cone <= 0 || occluded(origin, q, arm, sceneOccludes)) continue;
             e += Vec3{1.0, 0.86, 0.66} * (0.5 * 0.5 * cone * cp / d2);
         }
         return e + Vec3{1.0, 0.86, 0.66} * (0.35 * indirect(n));
     }
-    case LightKind::view: return {};
+    case LightKind::view:
+        return {};
     }
     return {};
 }
@@ -596,8 +586,7 @@ Vec3 Room::viewRadiance(int variant, const Vec3 &dir, const Vec3 &from) const
         const bool pane = std::fmod(std::abs(q.x), 700) > 250 && std::fmod(std::abs(q.z), 900) > 400;
         static const Vec3 facade[4] = {{0.45, 0.38, 0.32}, {0.55, 0.53, 0.5}, {0.6, 0.42, 0.28}, {0.008, 0.008, 0.01}};
         Vec3 c = facade[v] * (0.8 + 0.2 * hash2(block, 9.7, seed));
-        if (pane)
-            c = v == 3 && lit ? Vec3{0.9, 0.62, 0.3} : c * 0.55;
+        if (pane) c = v == 3 && lit ? Vec3{0.9, 0.62, 0.3} : c * 0.55;
         return c;
     }
     const double el = clamp01(dir.z * 1.6 + 0.2);
@@ -611,10 +600,8 @@ Vec3 Room::viewRadiance(int variant, const Vec3 &dir, const Vec3 &from) const
 
 Vec3 Room::emission(const Light &l, const Surface &s, const Vec3 &viewDir) const
 {
-    if (l.kind == LightKind::view && s.part == Part::glass)
-        return viewRadiance(l.variant, viewDir, s.p);
-    if (l.kind == LightKind::lamp && s.part == Part::bulb)
-        return {9.0, 7.5, 5.2};
+    if (l.kind == LightKind::view && s.part == Part::glass) return viewRadiance(l.variant, viewDir, s.p);
+    if (l.kind == LightKind::lamp && s.part == Part::bulb) return {9.0, 7.5, 5.2};
     return {};
 }
 
@@ -625,8 +612,7 @@ Vec3 Room::glossy(const Light &l, const Vec3 &p, const Vec3 &r, double exponent)
     case LightKind::sun: {
         const Vec3 s = sunDirection(l.variant);
         const double c = r.dot(s);
-        if (c <= 0 || windowPass(p, s) <= 0)
-            return {};
+        if (c <= 0 || windowPass(p, s) <= 0) return {};
         return irradiance(l, p, s, 0.5) * (norm * std::pow(c, exponent));
     }
     case LightKind::lamp:
@@ -634,17 +620,14 @@ Vec3 Room::glossy(const Light &l, const Vec3 &p, const Vec3 &r, double exponent)
         const Vec3 src = l.kind == LightKind::lamp ? bulbPos : ceilingPos;
         const Vec3 w = (src - p).normalized();
         const double c = r.dot(w);
-        if (c <= 0)
-            return {};
+        if (c <= 0) return {};
         return irradiance(l, p, w, 0.5) * (norm * std::pow(c, exponent));
     }
     case LightKind::sky:
     case LightKind::view: {
         const Surface s = trace(p + r * 0.2, r);
-        if (s.part != Part::glass)
-            return {};
-        if (l.kind == LightKind::view)
-            return viewRadiance(l.variant, r, s.p);
+        if (s.part != Part::glass) return {};
+        if (l.kind == LightKind::view) return viewRadiance(l.variant, r, s.p);
         return skyRadiance(l.variant) * 0.3;
     }
     }
@@ -653,8 +636,7 @@ Vec3 Room::glossy(const Light &l, const Vec3 &p, const Vec3 &r, double exponent)
 
 Vec3 Room::sleeveRadiance(const Light &l) const
 {
-    if (l.kind == LightKind::view)
-        return {};
+    if (l.kind == LightKind::view) return {};
     return sleeveE[static_cast<int>(l.kind)][std::clamp(l.variant, 0, 3)] * (0.82 / pi);
 }
 
@@ -662,8 +644,7 @@ double Room::sleeveFactor(const Vec3 &p, const Vec3 &n) const
 {
     const auto c = sleeveCorners();
     const Vec3 sn = (c[1] - c[0]).cross(c[3] - c[0]).normalized() * -1;
-    if ((p - c[3]).dot(sn) <= 1)
-        return 0;
+    if ((p - c[3]).dot(sn) <= 1) return 0;
     const double area = (c[1] - c[0]).length() * (c[3] - c[0]).length() * 1e-6 / 9;
     double f = 0;
     for (int i = 0; i < 9; ++i) {
@@ -673,21 +654,17 @@ double Room::sleeveFactor(const Vec3 &p, const Vec3 &n) const
         const double d2 = std::max(w.dot(w) * 1e-6, 0.02);
         const Vec3 wd = w.normalized();
         const double cp = n.dot(wd), cs = -wd.dot(sn);
-        if (cp > 0 && cs > 0)
-            f += cp * cs * area / d2;
+        if (cp > 0 && cs > 0) f += cp * cs * area / d2;
     }
     return f;
 }
 
-Vec3 Room::shade(const Light &l, const Surface &s, const Vec3 &viewDir, double jitter,
-                 const Factors &f) const
+Vec3 Room::shade(const Light &l, const Surface &s, const Vec3 &viewDir, double jitter, const Factors &f) const
 {
-    if (s.part == Part::none)
-        return {};
-    Vec3 e = l.kind == LightKind::sky ? skyRadiance(l.variant) * (f.sky + indirect(s.n))
-                                       : irradiance(l, s.p, s.n, jitter);
-    if (s.part != Part::sleeve)
-        e += sleeveRadiance(l) * f.sleeve;
+    if (s.part == Part::none) return {};
+    Vec3 e =
+        l.kind == LightKind::sky ? skyRadiance(l.variant) * (f.sky + indirect(s.n)) : irradiance(l, s.p, s.n, jitter);
+    if (s.part != Part::sleeve) e += sleeveRadiance(l) * f.sleeve;
     Vec3 out = s.albedo * e * (1 / pi) + emission(l, s, viewDir);
     if (s.part == Part::record) {
         const Vec3 r = viewDir - s.n * (2 * viewDir.dot(s.n));
@@ -721,8 +698,7 @@ bool Room::traceArm(const ArmPose &pose, const Vec3 &origin, const Vec3 &dir, Ar
 {
     const Vec3 oc = origin - pose.boundCentre;
     const double b = oc.dot(dir), c = oc.dot(oc) - pose.boundRadius * pose.boundRadius;
-    if (c > 0 && (b > 0 || b * b < c))
-        return false;
+    if (c > 0 && (b > 0 || b * b < c)) return false;
     bool found = false;
     for (const ArmPart &part : pose.parts) {
         Vec3 n;
@@ -745,16 +721,15 @@ std::vector<Vec3> Room::armHull(const ArmPose &pose) const
     for (const ArmPart &part : pose.parts)
         for (const Vec3 &end : {part.a, part.b})
             for (int i = 0; i < 8; ++i)
-                pts.push_back(end + Vec3{(i & 1 ? 1 : -1) * part.r, (i & 2 ? 1 : -1) * part.r,
-                                         (i & 4 ? 1 : -1) * part.r});
+                pts.push_back(end +
+                              Vec3{(i & 1 ? 1 : -1) * part.r, (i & 2 ? 1 : -1) * part.r, (i & 4 ? 1 : -1) * part.r});
     return pts;
 }
 
 std::vector<Vec3> Room::lightPositionsForBounds() const
 {
     std::vector<Vec3> out;
-    for (int k = 0; k < 3; ++k)
-        out.push_back(sunDirection(k) * 1e7);
+    for (int k = 0; k < 3; ++k) out.push_back(sunDirection(k) * 1e7);
     out.push_back(bulbPos);
     out.push_back(ceilingPos);
     return out;

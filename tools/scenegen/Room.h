@@ -16,8 +16,28 @@ public:
     static constexpr double inf = std::numeric_limits<double>::infinity();
 
     enum class Part {
-        none, wall, glass, frame, floor, desk, plinth, plinthTop, platter, record, label, spindle,
-        metal, led, sleeve, stack, stackTop, cup, coffee, lampBody, lampShade, bulb
+        none,
+        wall,
+        glass,
+        frame,
+        floor,
+        desk,
+        plinth,
+        plinthTop,
+        platter,
+        record,
+        label,
+        spindle,
+        metal,
+        led,
+        sleeve,
+        stack,
+        stackTop,
+        cup,
+        coffee,
+        lampBody,
+        lampShade,
+        bulb
     };
 
     // A light group's variant: `variant` is the sun key index for `sun`, the time of day
@@ -74,10 +94,9 @@ public:
     // Irradiance (RGB, linear) that light `l` sends onto the point. `arm` adds the tonearm as an
     // occluder; `sceneOccludes` false leaves the room's own objects out (to isolate the arm's
     // shadow). `jitter` (0…1) moves the area-light samples so banding turns into fine grain.
-    Vec3 irradiance(const Light &l, const Vec3 &p, const Vec3 &n, double jitter,
-                    const ArmPose *arm = nullptr, bool sceneOccludes = true) const;
-    double skyFactor(const Vec3 &p, const Vec3 &n, double jitter, const ArmPose *arm,
-                     bool sceneOccludes) const;
+    Vec3 irradiance(const Light &l, const Vec3 &p, const Vec3 &n, double jitter, const ArmPose *arm = nullptr,
+                    bool sceneOccludes = true) const;
+    double skyFactor(const Vec3 &p, const Vec3 &n, double jitter, const ArmPose *arm, bool sceneOccludes) const;
     double sleeveFactor(const Vec3 &p, const Vec3 &n) const;
     static Vec3 skyRadiance(int variant);
     // Share of a group's light that reaches a point with normal n indirectly (after room bounces).
@@ -90,8 +109,7 @@ public:
     Vec3 glossy(const Light &l, const Vec3 &p, const Vec3 &r, double exponent) const;
     // Radiance leaving the point towards the eye: diffuse light, sleeve bounce, emission and the
     // record's sheen.
-    Vec3 shade(const Light &l, const Surface &s, const Vec3 &viewDir, double jitter,
-               const Factors &f) const;
+    Vec3 shade(const Light &l, const Surface &s, const Vec3 &viewDir, double jitter, const Factors &f) const;
 
     // Tonearm.
     ArmPose armPose(double yawDeg) const;

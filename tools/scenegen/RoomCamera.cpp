@@ -3,7 +3,9 @@
 #include <numbers>
 
 RoomCamera::RoomCamera(Vec3 eye, Vec3 target, double fovX, int width, int height)
-    : eyePoint(eye), w(width), h(height)
+    : eyePoint(eye)
+    , w(width)
+    , h(height)
 {
     forward = (target - eye).normalized();
     right = forward.cross({0, 0, 1}).normalized();
@@ -30,10 +32,8 @@ RoomCamera::RoomCamera(Vec3 eye, Vec3 target, double fovX, int width, int height
 std::array<double, 2> RoomCamera::project(const Vec3 &world, double *depth) const
 {
     double hom[3];
-    for (int r = 0; r < 3; ++r)
-        hom[r] = p[r][0] * world.x + p[r][1] * world.y + p[r][2] * world.z + p[r][3];
-    if (depth)
-        *depth = hom[2];
+    for (int r = 0; r < 3; ++r) hom[r] = p[r][0] * world.x + p[r][1] * world.y + p[r][2] * world.z + p[r][3];
+    if (depth) *depth = hom[2];
     return {hom[0] / hom[2], hom[1] / hom[2]};
 }
 

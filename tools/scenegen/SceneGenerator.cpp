@@ -54,8 +54,7 @@ const std::map<QString, CameraSetup> &cameraSetups()
 QJsonArray arr(std::initializer_list<double> values)
 {
     QJsonArray a;
-    for (double v : values)
-        a.append(v);
+    for (double v : values) a.append(v);
     return a;
 }
 
@@ -78,15 +77,13 @@ Rect boundsOf(const RoomCamera &cam, const std::vector<Vec3> &points, int margin
     for (const Vec3 &p : points) {
         double depth = 0;
         const auto uv = cam.project(p, &depth);
-        if (depth <= 1)
-            continue;
+        if (depth <= 1) continue;
         x0 = std::min(x0, uv[0]);
         y0 = std::min(y0, uv[1]);
         x1 = std::max(x1, uv[0]);
         y1 = std::max(y1, uv[1]);
     }
-    if (x0 > x1)
-        return {};
+    if (x0 > x1) return {};
     Rect r;
     r.x = std::clamp(int(std::floor(x0)) - margin, 0, cam.width());
     r.y = std::clamp(int(std::floor(y0)) - margin, 0, cam.height());
@@ -127,22 +124,14 @@ QJsonObject recordLight(const Room &room, int sunKey, const Vec3 &colour)
 
 QJsonObject presetsJson(const Room &room)
 {
-    QJsonObject manha{{"exposure", 0.25},
-                      {"exposure_by_scenario", QJsonObject{{"desk", 0.1}, {"shelf", -0.2}}},
-                      {"sun_key", "morning"},
-                      {"sun", arr({1.0, 0.93, 0.85})},
-                      {"room", 0.12},
-                      {"vignette", 0.18},
-                      {"grain", 0.012},
-                      {"record_light", recordLight(room, 0, {1.0, 0.9, 0.78})}};
-    QJsonObject dia{{"exposure", -0.1},
-                    {"exposure_by_scenario", QJsonObject{{"desk", 0.0}}},
-                    {"sun_key", "noon"},
-                    {"sun", 1.0},
-                    {"room", 0.04},
-                    {"vignette", 0.15},
-                    {"grain", 0.01},
-                    {"record_light", recordLight(room, 1, {1.0, 0.97, 0.92})}};
+    QJsonObject manha{{"exposure", 0.25},     {"exposure_by_scenario", QJsonObject{{"desk", 0.1}, {"shelf", -0.2}}},
+                      {"sun_key", "morning"}, {"sun", arr({1.0, 0.93, 0.85})},
+                      {"room", 0.12},         {"vignette", 0.18},
+                      {"grain", 0.012},       {"record_light", recordLight(room, 0, {1.0, 0.9, 0.78})}};
+    QJsonObject dia{{"exposure", -0.1},  {"exposure_by_scenario", QJsonObject{{"desk", 0.0}}},
+                    {"sun_key", "noon"}, {"sun", 1.0},
+                    {"room", 0.04},      {"vignette", 0.15},
+                    {"grain", 0.01},     {"record_light", recordLight(room, 1, {1.0, 0.97, 0.92})}};
     QJsonObject tarde{{"exposure", 0.0},
                       {"exposure_by_scenario", QJsonObject{{"desk", 0.05}}},
                       {"sun_key", "evening"},
@@ -154,14 +143,10 @@ QJsonObject presetsJson(const Room &room)
                       {"vignette", 0.2},
                       {"grain", 0.014},
                       {"record_light", recordLight(room, 2, {1.0, 0.68, 0.4})}};
-    QJsonObject noite{{"exposure", 0.0},
-                      {"exposure_by_scenario", QJsonObject{{"desk", 0.15}}},
-                      {"sun", 0},
-                      {"lamp", arr({0.8, 0.62, 0.45})},
-                      {"room", 0.2},
-                      {"vignette", 0.26},
-                      {"grain", 0.02},
-                      {"record_light", recordLight(room, -1, {1.0, 0.82, 0.6})}};
+    QJsonObject noite{{"exposure", 0.0}, {"exposure_by_scenario", QJsonObject{{"desk", 0.15}}},
+                      {"sun", 0},        {"lamp", arr({0.8, 0.62, 0.45})},
+                      {"room", 0.2},     {"vignette", 0.26},
+                      {"grain", 0.02},   {"record_light", recordLight(room, -1, {1.0, 0.82, 0.6})}};
     return {{"manha", manha}, {"dia", dia}, {"tarde", tarde}, {"noite", noite}};
 }
 
@@ -191,8 +176,7 @@ std::vector<Term> recipe(const QString &name, const QJsonObject &d)
             rgb = {v.toDouble(), v.toDouble(), v.toDouble()};
         else if (v.isArray() && v.toArray().size() >= 3)
             rgb = {v.toArray()[0].toDouble(), v.toArray()[1].toDouble(), v.toArray()[2].toDouble()};
-        if (rgb.x == 0 && rgb.y == 0 && rgb.z == 0)
-            continue;
+        if (rgb.x == 0 && rgb.y == 0 && rgb.z == 0) continue;
         QString plate = g;
         if (g == "sun")
             plate = "sun_" + sunKey;
@@ -205,14 +189,10 @@ std::vector<Term> recipe(const QString &name, const QJsonObject &d)
 
 Room::Light lightOf(const QString &plate)
 {
-    if (plate.startsWith("sun_"))
-        return {Room::LightKind::sun, int(sunKeys.indexOf(plate.mid(4)))};
-    if (plate.startsWith("sky_"))
-        return {Room::LightKind::sky, int(canonical.indexOf(plate.mid(4)))};
-    if (plate.startsWith("view_"))
-        return {Room::LightKind::view, int(canonical.indexOf(plate.mid(5)))};
-    if (plate == "lamp")
-        return {Room::LightKind::lamp, 0};
+    if (plate.startsWith("sun_")) return {Room::LightKind::sun, int(sunKeys.indexOf(plate.mid(4)))};
+    if (plate.startsWith("sky_")) return {Room::LightKind::sky, int(canonical.indexOf(plate.mid(4)))};
+    if (plate.startsWith("view_")) return {Room::LightKind::view, int(canonical.indexOf(plate.mid(5)))};
+    if (plate == "lamp") return {Room::LightKind::lamp, 0};
     return {Room::LightKind::room, 0};
 }
 
@@ -224,8 +204,8 @@ struct Framing {
     RoomCamera cam;
     const QString dir;
     const QJsonObject &presets;
-    std::vector<QString> plates;               // every light plate, sorted
-    std::vector<Room::Light> lights;           // per plate
+    std::vector<QString> plates;                   // every light plate, sorted
+    std::vector<Room::Light> lights;               // per plate
     std::map<QString, std::vector<Vec3>> weights;  // preset → weight per plate index
     quint32 seed;
     SceneGenerator::Progress progress;
@@ -235,20 +215,23 @@ struct Framing {
     std::vector<float> preview;  // RGB, when asked for
     bool wantPreview = false;
 
-    Framing(const QString &name, const Room &room, const CameraSetup &setup, int w, int h,
-            const QString &dir, const QJsonObject &presets, quint32 seed, SceneGenerator::Progress progress)
-        : name(name), room(room), cam(setup.eye, setup.target, setup.fovX, w, h), dir(dir),
-          presets(presets), seed(seed), progress(std::move(progress))
+    Framing(const QString &name, const Room &room, const CameraSetup &setup, int w, int h, const QString &dir,
+            const QJsonObject &presets, quint32 seed, SceneGenerator::Progress progress)
+        : name(name)
+        , room(room)
+        , cam(setup.eye, setup.target, setup.fovX, w, h)
+        , dir(dir)
+        , presets(presets)
+        , seed(seed)
+        , progress(std::move(progress))
     {
         std::vector<QString> names;
         for (auto it = presets.begin(); it != presets.end(); ++it)
-            for (const Term &t : recipe(it.key(), it.value().toObject()))
-                names.push_back(t.plate);
+            for (const Term &t : recipe(it.key(), it.value().toObject())) names.push_back(t.plate);
         std::sort(names.begin(), names.end());
         names.erase(std::unique(names.begin(), names.end()), names.end());
         plates = names;
-        for (const QString &p : plates)
-            lights.push_back(lightOf(p));
+        for (const QString &p : plates) lights.push_back(lightOf(p));
         for (auto it = presets.begin(); it != presets.end(); ++it) {
             std::vector<Vec3> w(plates.size());
             for (const Term &t : recipe(it.key(), it.value().toObject()))
@@ -263,8 +246,7 @@ struct Framing {
 
     void say(const QString &text) const
     {
-        if (progress)
-            progress(name + ": " + text);
+        if (progress) progress(name + ": " + text);
     }
 
     template <typename F> static void parallelRows(int y0, int y1, F f)
@@ -291,8 +273,7 @@ struct Framing {
                 // Where the hull's shadow can fall on the plinth top.
                 for (const Vec3 &l : room.lightPositionsForBounds()) {
                     const double span = l.z - q.z;
-                    if (span > 1)
-                        arm.push_back(q + (q - l) * ((q.z - 95) / span));
+                    if (span > 1) arm.push_back(q + (q - l) * ((q.z - 95) / span));
                 }
             }
         }
@@ -312,8 +293,7 @@ struct Framing {
         dustMask.assign(n, 0);
         strobeMap.assign(n * 3, 0);
         stackMap.assign(n * 3, 0);
-        if (wantPreview)
-            preview.assign(n * 3, 0);
+        if (wantPreview) preview.assign(n * 3, 0);
         const std::vector<Vec3> &previewWeights = weights.at("dia");
 
         const size_t count = plates.size();
@@ -333,8 +313,7 @@ struct Framing {
         for (int y0 = 0; y0 < h; y0 += band) {
             const int y1 = std::min(h, y0 + band);
             parallelRows(y0, y1, [&](int y) { renderRow(y, y0, rows, specular, diffuse, bounce, previewWeights); });
-            for (size_t i = 0; i < count; ++i)
-                streams[i]->writeRows(rows[i].data(), y1 - y0);
+            for (size_t i = 0; i < count; ++i) streams[i]->writeRows(rows[i].data(), y1 - y0);
             const int percent = 100 * y1 / h;
             if (percent / 25 > reported) {
                 reported = percent / 25;
@@ -344,8 +323,10 @@ struct Framing {
         streams.clear();
         for (size_t i = 0; i < count; ++i) {
             if (!recordBox.empty()) {
-                PlateWriter::writeExr(file("record/" + plates[i] + "_spec.exr"), recordBox.w, recordBox.h, specular[i], false);
-                PlateWriter::writeExr(file("record/" + plates[i] + "_diffuse.exr"), recordBox.w, recordBox.h, diffuse[i], false);
+                PlateWriter::writeExr(file("record/" + plates[i] + "_spec.exr"), recordBox.w, recordBox.h, specular[i],
+                                      false);
+                PlateWriter::writeExr(file("record/" + plates[i] + "_diffuse.exr"), recordBox.w, recordBox.h,
+                                      diffuse[i], false);
             }
             if (!bounceBox.empty())
                 PlateWriter::writeExr(file("bounce/" + plates[i] + ".exr"), bounceBox.w, bounceBox.h, bounce[i], false);
@@ -366,8 +347,8 @@ struct Framing {
             const double jitter = pixelHash(x, y, seed);
             const bool diffuseSurface = s.part != Room::Part::glass && s.part != Room::Part::none;
             const Room::Factors f = diffuseSurface ? room.factors(s.p, s.n, jitter) : Room::Factors{};
-            const bool inRecord = recordBox.contains(x, y) &&
-                                  (s.part == Room::Part::record || s.part == Room::Part::label);
+            const bool inRecord =
+                recordBox.contains(x, y) && (s.part == Room::Part::record || s.part == Room::Part::label);
             const bool inBounce = bounceBox.contains(x, y) && diffuseSurface;
             const double lidT = throughLid ? 0.86 : 1.0;
             Vec3 previewSum;
@@ -406,12 +387,10 @@ struct Framing {
                     dust += room.lidDistance(cam.eye(), dk) < sk.t;
                 }
                 if (sk.part == Room::Part::platter && std::abs(sk.n.z) < 0.5) {
-                    if (strobe++ == 0)
-                        strobeLocal = sk.local;
+                    if (strobe++ == 0) strobeLocal = sk.local;
                 }
                 if (sk.part == Room::Part::stackTop) {
-                    if (stack++ == 0)
-                        stackLocal = sk.local;
+                    if (stack++ == 0) stackLocal = sk.local;
                 }
             }
             coverMask[idx] = toByte(cover / 4.0);
@@ -445,8 +424,7 @@ struct Framing {
                     y0 = std::min(y0, y);
                     y1 = std::max(y1, y);
                 }
-        if (x1 < 0)
-            return {};
+        if (x1 < 0) return {};
         return {x0, y0, x1 - x0 + 1, y1 - y0 + 1};
     }
 
@@ -462,8 +440,7 @@ struct Framing {
                 PlateWriter::writeGray(file("masks/glass_dustcover.png"), W(), H(), dustMask);
         }
         stackBox = coverage(stackMap, 3, 2);
-        if (!stackBox.empty())
-            PlateWriter::writeRgb(file("masks/stack_uv.png"), W(), H(), stackMap);
+        if (!stackBox.empty()) PlateWriter::writeRgb(file("masks/stack_uv.png"), W(), H(), stackMap);
     }
 
     // Colour of an arm surface under a preset's light (weights per plate, exposure included).
@@ -472,8 +449,7 @@ struct Framing {
         Vec3 c;
         const Vec3 r = d - hit.n * (2 * d.dot(hit.n));
         for (size_t i = 0; i < plates.size(); ++i) {
-            if (lights[i].kind == Room::LightKind::view)
-                continue;
+            if (lights[i].kind == Room::LightKind::view) continue;
             const Vec3 e = room.irradiance(lights[i], hit.p, hit.n, jitter);
             c += w[i] * (hit.albedo * e * (1 / pi) + room.glossy(lights[i], hit.p, r, 30) * (0.35 * hit.gloss));
         }
@@ -482,8 +458,7 @@ struct Framing {
 
     void renderTonearm()
     {
-        if (armBox.empty())
-            return;
+        if (armBox.empty()) return;
         const int aw = armBox.w, ah = armBox.h;
         // Scene under each sprite pixel: four sub-sample depths and the centre surface.
         std::vector<std::array<double, 4>> depth(size_t(aw) * ah);
@@ -508,8 +483,7 @@ struct Framing {
                     const Vec3 dk = cam.ray(x + 0.25 + 0.5 * (k & 1), y + 0.25 + 0.5 * (k >> 1));
                     const double lt = room.lidDistance(cam.eye(), dk);
                     auto &m = mirrored[size_t(j) * rw + i][k];
-                    if (!(lt < room.trace(cam.eye(), dk).t))
-                        continue;
+                    if (!(lt < room.trace(cam.eye(), dk).t)) continue;
                     const Vec3 nl = room.lidNormal();
                     m = {cam.eye() + dk * lt, dk - nl * (2 * dk.dot(nl))};
                 }
@@ -529,11 +503,9 @@ struct Framing {
                     auto &o = open[size_t(j) * aw + i];
                     v.assign(plates.size(), 0);
                     o.assign(plates.size(), 0);
-                    if (s.part == Room::Part::none || s.part == Room::Part::glass)
-                        continue;
+                    if (s.part == Room::Part::none || s.part == Room::Part::glass) continue;
                     for (size_t p = 0; p < plates.size(); ++p) {
-                        if (lights[p].kind == Room::LightKind::view || w[p].luminance() <= 0)
-                            continue;
+                        if (lights[p].kind == Room::LightKind::view || w[p].luminance() <= 0) continue;
                         v[p] = (w[p] * room.irradiance(lights[p], s.p, s.n, 0.5)).luminance();
                         o[p] = room.irradiance(lights[p], s.p, s.n, 0.5, nullptr, false).luminance();
                     }
@@ -564,24 +536,20 @@ struct Framing {
                         double total = 0, kept = 0;
                         for (size_t p = 0; p < plates.size(); ++p) {
                             const double l = lit[idx][p];
-                            if (l <= 0)
-                                continue;
+                            if (l <= 0) continue;
                             const double unblocked = open[idx][p];
-                            const double blocked = unblocked > 0
-                                ? room.irradiance(lights[p], s.p, s.n, 0.5, &pose, false).luminance() : 0;
+                            const double blocked =
+                                unblocked > 0 ? room.irradiance(lights[p], s.p, s.n, 0.5, &pose, false).luminance() : 0;
                             total += l;
                             kept += unblocked > 0 ? l * blocked / unblocked : l;
                         }
-                        if (total > 0)
-                            shadow[idx] = toByte(kept / total);
+                        if (total > 0) shadow[idx] = toByte(kept / total);
                     }
                 });
                 PlateWriter::writeExr(file("tonearm/" + preset + "/arm_" + nn + ".exr"), aw, ah, arm, true);
                 PlateWriter::writeGray(file("tonearm/" + preset + "/shadow_" + nn + ".png"), aw, ah, shadow);
-                if (wantPreview && preset == "dia" && n == 0)
-                    overPreview(arm, armBox, shadow);
-                if (reflBox.empty())
-                    continue;
+                if (wantPreview && preset == "dia" && n == 0) overPreview(arm, armBox, shadow);
+                if (reflBox.empty()) continue;
                 // The arm mirrored in the acrylic dust cover.
                 std::vector<Imf::Rgba> refl(size_t(rw) * rh, toHalf({}, 0));
                 parallelRows(0, rh, [&](int j) {
@@ -590,8 +558,7 @@ struct Framing {
                         double a = 0;
                         for (int k = 0; k < 4; ++k) {
                             const auto &[q, r] = mirrored[size_t(j) * rw + i][k];
-                            if (r.x == 0 && r.y == 0 && r.z == 0)
-                                continue;
+                            if (r.x == 0 && r.y == 0 && r.z == 0) continue;
                             Room::ArmHit hit;
                             if (room.traceArm(pose, q, r, &hit)) {
                                 c += shadeArm(w, hit, r, 0.5) * 0.06;
@@ -614,8 +581,10 @@ struct Framing {
         struct Leaf {
             double cx, cy, len, width, angle;
         };
-        static const Leaf leaves[] = {{0.05, 0.93, 0.20, 0.055, -0.9}, {0.12, 0.97, 0.22, 0.06, -0.35},
-                                      {0.02, 0.80, 0.16, 0.05, -1.35}, {0.18, 0.99, 0.14, 0.045, 0.15},
+        static const Leaf leaves[] = {{0.05, 0.93, 0.20, 0.055, -0.9},
+                                      {0.12, 0.97, 0.22, 0.06, -0.35},
+                                      {0.02, 0.80, 0.16, 0.05, -1.35},
+                                      {0.18, 0.99, 0.14, 0.045, 0.15},
                                       {0.09, 0.86, 0.15, 0.045, -0.7}};
         double cosines[std::size(leaves)], sines[std::size(leaves)];
         for (size_t l = 0; l < std::size(leaves); ++l) {
@@ -637,8 +606,7 @@ struct Framing {
                         const double along = dx * cosines[l] + dy * sines[l];
                         const double across = -dx * sines[l] + dy * cosines[l];
                         const double t = along / leaf.len;
-                        if (t < -1 || t > 1)
-                            continue;
+                        if (t < -1 || t > 1) continue;
                         const double halfWidth = leaf.width * std::sqrt(1 - t * t);
                         if (std::abs(across) < halfWidth) {
                             const double vein = std::abs(across) < halfWidth * 0.08 ? 1.4 : 1.0;
@@ -655,11 +623,9 @@ struct Framing {
             }
         });
         frontBox = coverage(covered, 1, 0);
-        if (frontBox.empty())
-            return;
+        if (frontBox.empty()) return;
         PlateWriter::writeExr(file("front/plant.exr"), w, h, px, true);
-        if (wantPreview)
-            overPreview(px, {0, 0, w, h}, {});
+        if (wantPreview) overPreview(px, {0, 0, w, h}, {});
     }
 
     void overPreview(const std::vector<Imf::Rgba> &sprite, const Rect &box, const std::vector<uint8_t> &shadow)
@@ -699,8 +665,8 @@ struct Framing {
     QJsonArray discCorners(double radius) const
     {
         const Vec3 c = room.recordCentre();
-        return corners({c + Vec3{-radius, radius, 0}, c + Vec3{radius, radius, 0},
-                        c + Vec3{radius, -radius, 0}, c + Vec3{-radius, -radius, 0}});
+        return corners({c + Vec3{-radius, radius, 0}, c + Vec3{radius, radius, 0}, c + Vec3{radius, -radius, 0},
+                        c + Vec3{-radius, -radius, 0}});
     }
 
     QJsonObject led(const Vec3 &at, const Vec3 &colour) const
@@ -714,8 +680,7 @@ struct Framing {
     QJsonObject json() const
     {
         QJsonArray P;
-        for (const auto &row : cam.matrix())
-            P.append(arr({row[0], row[1], row[2], row[3]}));
+        for (const auto &row : cam.matrix()) P.append(arr({row[0], row[1], row[2], row[3]}));
         QJsonObject f;
         f["size"] = arr({double(W()), double(H())});
         f["camera"] = QJsonObject{{"P", P}};
@@ -723,8 +688,7 @@ struct Framing {
         f["label"] = QJsonObject{{"corners", discCorners(room.labelRadius())}, {"mask", "masks/label.png"}};
         if (!armBox.empty()) {
             QJsonArray samples;
-            for (double y : yawSamples)
-                samples.append(y);
+            for (double y : yawSamples) samples.append(y);
             QJsonObject arm{{"pivot", vec(room.pivot())},
                             {"yaw_axis", arr({0, 0, -1})},
                             {"lift_axis", arr({-1, 0, 0})},
@@ -737,12 +701,10 @@ struct Framing {
                             {"bbox", armBox.json()},
                             {"shadow", true},
                             {"reflection", !reflBox.empty()}};
-            if (!reflBox.empty())
-                arm["reflection_bbox"] = reflBox.json();
+            if (!reflBox.empty()) arm["reflection_bbox"] = reflBox.json();
             f["tonearm"] = arm;
         }
-        if (!frontBox.empty())
-            f["front"] = QJsonObject{{"bbox", frontBox.json()}};
+        if (!frontBox.empty()) f["front"] = QJsonObject{{"bbox", frontBox.json()}};
         const auto steam = cam.project(room.cupTop());
         f["steam"] = QJsonObject{{"point_px", arr({r4(steam[0]), r4(steam[1])})}};
         if (!recordBox.empty())
@@ -754,13 +716,12 @@ struct Framing {
                                       {"groove_inner_mm", room.grooveInner()},
                                       {"bbox", recordBox.json()},
                                       {"mask", "masks/record.png"}};
-        if (!bounceBox.empty())
-            f["bounce"] = QJsonObject{{"bbox", bounceBox.json()}};
-        f["panel"] = QJsonObject{
-            {"led33", led(room.led33(), {2.4, 0.25, 0.08})},
-            {"led45", led(room.led45(), {2.4, 0.25, 0.08})},
-            {"strobe", QJsonObject{{"mask", "masks/strobe.png"}, {"dots", room.strobeDots()},
-                                   {"color", arr({1.6, 0.45, 0.15})}}}};
+        if (!bounceBox.empty()) f["bounce"] = QJsonObject{{"bbox", bounceBox.json()}};
+        f["panel"] = QJsonObject{{"led33", led(room.led33(), {2.4, 0.25, 0.08})},
+                                 {"led45", led(room.led45(), {2.4, 0.25, 0.08})},
+                                 {"strobe", QJsonObject{{"mask", "masks/strobe.png"},
+                                                        {"dots", room.strobeDots()},
+                                                        {"color", arr({1.6, 0.45, 0.15})}}}};
         if (QFileInfo::exists(file("masks/glass.png"))) {
             QJsonObject win{{"glass_mask", "masks/glass.png"}};
             if (QFileInfo::exists(file("masks/glass_dustcover.png"))) {
@@ -769,8 +730,7 @@ struct Framing {
             }
             f["window"] = win;
         }
-        if (!stackBox.empty())
-            f["stack"] = QJsonObject{{"art_uv", "masks/stack_uv.png"}, {"bbox", stackBox.json()}};
+        if (!stackBox.empty()) f["stack"] = QJsonObject{{"art_uv", "masks/stack_uv.png"}, {"bbox", stackBox.json()}};
         return f;
     }
 };
@@ -780,8 +740,7 @@ struct Framing {
 QStringList SceneGenerator::knownFramings()
 {
     QStringList names;
-    for (const auto &[name, setup] : cameraSetups())
-        names.append(name);
+    for (const auto &[name, setup] : cameraSetups()) names.append(name);
     return names;
 }
 
@@ -799,17 +758,14 @@ SceneGenerator::Summary SceneGenerator::generate(const Options &options, const P
 {
     QElapsedTimer timer;
     timer.start();
-    if (options.out.isEmpty())
-        throw Error("no output folder given");
+    if (options.out.isEmpty()) throw Error("no output folder given");
     if (options.width < 16 || options.height < 16 || options.width > 16384 || options.height > 16384)
         throw Error("plate size must be between 16 and 16384 pixels a side");
-    if (options.framings.isEmpty())
-        throw Error("no framings asked for");
+    if (options.framings.isEmpty()) throw Error("no framings asked for");
     for (const QString &f : options.framings)
         if (!cameraSetups().count(f))
             throw Error(("unknown framing \"" + f + "\" (known: " + knownFramings().join(", ") + ")").toStdString());
-    if (!QDir().mkpath(options.out))
-        throw Error(("cannot create " + options.out).toStdString());
+    if (!QDir().mkpath(options.out)) throw Error(("cannot create " + options.out).toStdString());
 
     Imf::setGlobalThreadCount(std::max(1, QThread::idealThreadCount()));
     const Room room(options.seed);
@@ -821,8 +777,8 @@ SceneGenerator::Summary SceneGenerator::generate(const Options &options, const P
         const QString name = options.framings[i];
         const QString dir = QDir(options.out).filePath(name);
         QDir(dir).removeRecursively();
-        Framing framing(name, room, cameraSetups().at(name), options.width, options.height, dir, presets,
-                        options.seed, progress);
+        Framing framing(name, room, cameraSetups().at(name), options.width, options.height, dir, presets, options.seed,
+                        progress);
         framing.wantPreview = i == 0 && !options.preview.isEmpty();
         try {
             framing.computeBoxes();
@@ -830,8 +786,7 @@ SceneGenerator::Summary SceneGenerator::generate(const Options &options, const P
             framing.writeMasks();
             framing.renderTonearm();
             framing.renderFront();
-            if (framing.wantPreview)
-                framing.writePreview(options.preview);
+            if (framing.wantPreview) framing.writePreview(options.preview);
         } catch (const PlateWriter::Error &e) {
             throw Error(e.what());
         }
@@ -841,19 +796,19 @@ SceneGenerator::Summary SceneGenerator::generate(const Options &options, const P
         framing.say("done");
     }
 
-    QJsonObject manifest{{"contract", 1},
-                         {"sun_keys", QJsonArray::fromStringList(sunKeys)},
-                         {"groups", QJsonArray::fromStringList(groups)},
-                         {"per_preset_groups", QJsonArray::fromStringList(perPresetGroups)},
-                         {"view", QJsonObject{{"keys", QJsonArray::fromStringList(canonical)}}},
-                         {"scenario", scenario},
-                         {"tonemap", QJsonObject{{"contrast", 1.15}, {"offset", 0.0}, {"gamma", 1.0}}},
-                         {"showcase", QJsonObject{{"floor", 0.06}, {"max_gain", 3.0}, {"art_floor", 0.04},
-                                                  {"dark_max_gain", 6.0}}},
-                         {"presets", presets},
-                         {"clock", QJsonArray{QJsonArray{"06:00", "manha"}, QJsonArray{"10:00", "dia"},
-                                              QJsonArray{"15:00", "tarde"}, QJsonArray{"19:30", "noite"}}},
-                         {"framings", framings}};
+    QJsonObject manifest{
+        {"contract", 1},
+        {"sun_keys", QJsonArray::fromStringList(sunKeys)},
+        {"groups", QJsonArray::fromStringList(groups)},
+        {"per_preset_groups", QJsonArray::fromStringList(perPresetGroups)},
+        {"view", QJsonObject{{"keys", QJsonArray::fromStringList(canonical)}}},
+        {"scenario", scenario},
+        {"tonemap", QJsonObject{{"contrast", 1.15}, {"offset", 0.0}, {"gamma", 1.0}}},
+        {"showcase", QJsonObject{{"floor", 0.06}, {"max_gain", 3.0}, {"art_floor", 0.04}, {"dark_max_gain", 6.0}}},
+        {"presets", presets},
+        {"clock", QJsonArray{QJsonArray{"06:00", "manha"}, QJsonArray{"10:00", "dia"}, QJsonArray{"15:00", "tarde"},
+                             QJsonArray{"19:30", "noite"}}},
+        {"framings", framings}};
     QSaveFile file(QDir(options.out).filePath("manifest.json"));
     if (!file.open(QIODevice::WriteOnly) || file.write(QJsonDocument(manifest).toJson(QJsonDocument::Indented)) < 0 ||
         !file.commit())

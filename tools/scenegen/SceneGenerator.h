@@ -12,12 +12,12 @@
 class SceneGenerator {
 public:
     struct Options {
-        QString out;                              // scene root; created when missing
+        QString out;  // scene root; created when missing
         int width = 1920;
         int height = 1080;
-        QStringList framings{"wide", "mid"};      // names from knownFramings()
-        quint32 seed = 1;                         // varies textures, clouds and skyline
-        QString preview;                          // optional PNG of the "dia" light of the first framing
+        QStringList framings{"wide", "mid"};  // names from knownFramings()
+        quint32 seed = 1;                     // varies textures, clouds and skyline
+        QString preview;                      // optional PNG of the "dia" light of the first framing
     };
 
     struct Summary {

@@ -8,7 +8,12 @@ struct Vec3 {
     double x = 0, y = 0, z = 0;
 
     constexpr Vec3() = default;
-    constexpr Vec3(double x, double y, double z) : x(x), y(y), z(z) {}
+    constexpr Vec3(double x, double y, double z)
+        : x(x)
+        , y(y)
+        , z(z)
+    {
+    }
 
     constexpr Vec3 operator+(const Vec3 &o) const { return {x + o.x, y + o.y, z + o.z}; }
     constexpr Vec3 operator-(const Vec3 &o) const { return {x - o.x, y - o.y, z - o.z}; }
@@ -17,14 +22,23 @@ struct Vec3 {
     constexpr Vec3 operator/(double s) const { return {x / s, y / s, z / s}; }
     // Component-wise product: colour times colour.
     constexpr Vec3 operator*(const Vec3 &o) const { return {x * o.x, y * o.y, z * o.z}; }
-    Vec3 &operator+=(const Vec3 &o) { x += o.x; y += o.y; z += o.z; return *this; }
-    Vec3 &operator*=(double s) { x *= s; y *= s; z *= s; return *this; }
+    Vec3 &operator+=(const Vec3 &o)
+    {
+        x += o.x;
+        y += o.y;
+        z += o.z;
+        return *this;
+    }
+    Vec3 &operator*=(double s)
+    {
+        x *= s;
+        y *= s;
+        z *= s;
+        return *this;
+    }
 
     constexpr double dot(const Vec3 &o) const { return x * o.x + y * o.y + z * o.z; }
-    constexpr Vec3 cross(const Vec3 &o) const
-    {
-        return {y * o.z - z * o.y, z * o.x - x * o.z, x * o.y - y * o.x};
-    }
+    constexpr Vec3 cross(const Vec3 &o) const { return {y * o.z - z * o.y, z * o.x - x * o.z, x * o.y - y * o.x}; }
     double length() const { return std::sqrt(dot(*this)); }
     Vec3 normalized() const
     {

@@ -17,15 +17,14 @@ int main(int argc, char **argv)
     const QCommandLineOption out("out", "Scene folder to write.", "DIR");
     const QCommandLineOption width("width", "Plate width in pixels (default 1920).", "W", "1920");
     const QCommandLineOption height("height", "Plate height in pixels (default 1080).", "H", "1080");
-    const QCommandLineOption framings("framings",
-                                      "Comma-separated framings (default wide,mid; known: " +
-                                          SceneGenerator::knownFramings().join(",") + ").",
-                                      "LIST", "wide,mid");
+    const QCommandLineOption framings(
+        "framings",
+        "Comma-separated framings (default wide,mid; known: " + SceneGenerator::knownFramings().join(",") + ").",
+        "LIST", "wide,mid");
     const QCommandLineOption seed("seed", "Seed of textures, clouds and skyline (default 1).", "N", "1");
     const QCommandLineOption preview("preview", "Also write a PNG of the first framing in day light.", "FILE");
     parser.addOptions({out, width, height, framings, seed, preview});
-    if (const auto status = line.parse(app.arguments()))
-        return *status;
+    if (const auto status = line.parse(app.arguments())) return *status;
 
     QTextStream err(stderr);
     if (!parser.isSet(out)) {

@@ -58,8 +58,7 @@ QImage exampleCover()
     QPainter p(&image);
     const QColor colors[] = {QColor(0x1d, 0x3c, 0x5a), QColor(0xe0, 0x7a, 0x3f), QColor(0xf1, 0xd3, 0x8a),
                              QColor(0x2f, 0x6f, 0x6a)};
-    for (int i = 0; i < 8; ++i)
-        p.fillRect(0, i * 32, 256, 32, colors[i % 4]);
+    for (int i = 0; i < 8; ++i) p.fillRect(0, i * 32, 256, 32, colors[i % 4]);
     p.setBrush(QColor(0xf5, 0xf0, 0xe6));
     p.setPen(Qt::NoPen);
     p.drawEllipse(QPoint(128, 128), 54, 54);
@@ -90,19 +89,18 @@ int main(int argc, char **argv)
     PlayerState state;
     SceneStatus status;
     PowerMonitor power(settings, nullptr);
-    MusicPermission music(settings, {[] {
-                                         return QList<PlayerSource>{
-                                             {QStringLiteral("org.mpris.MediaPlayer2.spotify"), QStringLiteral("Spotify"),
-                                              QStringLiteral("Spotify")},
-                                             {QStringLiteral("org.mpris.MediaPlayer2.mpv"), QStringLiteral("mpv"),
-                                              QStringLiteral("mpv")}};
-                                     },
-                                     [](const PlayerSource &s) {
-                                         return s.name == QStringLiteral("Spotify")
-                                                    ? MusicPermission::Status::available
-                                                    : MusicPermission::Status::notRunning;
-                                     },
-                                     {}});
+    MusicPermission music(settings,
+                          {[] {
+                               return QList<PlayerSource>{{QStringLiteral("org.mpris.MediaPlayer2.spotify"),
+                                                           QStringLiteral("Spotify"), QStringLiteral("Spotify")},
+                                                          {QStringLiteral("org.mpris.MediaPlayer2.mpv"),
+                                                           QStringLiteral("mpv"), QStringLiteral("mpv")}};
+                           },
+                           [](const PlayerSource &s) {
+                               return s.name == QStringLiteral("Spotify") ? MusicPermission::Status::available
+                                                                          : MusicPermission::Status::notRunning;
+                           },
+                           {}});
     // The desktop tab as on Xfce, read from xfconf (nothing is applied here).
     SystemProcessLauncher launcher;
     DesktopCleaner cleaner(settings, linuxDesktopPreferences(QStringLiteral("XFCE")), launcher);
@@ -115,8 +113,7 @@ int main(int argc, char **argv)
         }
         const PlateManifest manifest = PlateManifest::decode(file.readAll());
         QStringList framings;
-        for (const auto &[name, framing] : manifest.framings)
-            framings << name;
+        for (const auto &[name, framing] : manifest.framings) framings << name;
         status.setScene(framings, SceneFiles::installed(sceneDir, manifest, framings), settings.framing(), sceneDir,
                         manifest);
         status.setWeather({true, 0.6});
@@ -136,8 +133,7 @@ int main(int argc, char **argv)
     services.launchAtLogin = [] { return false; };
     services.setLaunchAtLogin = [](bool) { return true; };
     services.roomPicture = [&](QSize size) {
-        if (sceneDir.isEmpty())
-            return QImage();
+        if (sceneDir.isEmpty()) return QImage();
         OfflineRender::Options o;
         o.sceneDir = sceneDir;
         o.width = size.width();

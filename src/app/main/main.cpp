@@ -44,15 +44,18 @@ struct RenderOptions {
     QCommandLineOption noWeather{"no-weather", "Rain off (fxWeather)."};
     QCommandLineOption media{"media-time", "Media time in seconds (default 30).", "s", "30"};
 
-    explicit RenderOptions(QCommandLineParser &p) {
+    explicit RenderOptions(QCommandLineParser &p)
+    {
         p.addPositionalArgument("scene", "Scene folder (holds manifest.json).");
         p.addPositionalArgument("output", "PNG file to write.");
-        p.addOptions({framing, size, time, preset, playing, album, artist, title, track, tracks, duration, position,
-                      cover, stackCover, rain, noSteam, noRecord, noBounce, noStack, noPanel, noWeather, media});
+        p.addOptions({framing,  size,     time,     preset,   playing,   album,      artist, title,
+                      track,    tracks,   duration, position, cover,     stackCover, rain,   noSteam,
+                      noRecord, noBounce, noStack,  noPanel,  noWeather, media});
     }
 };
 
-int renderCommand(const QCommandLineParser &p, const RenderOptions &r) {
+int renderCommand(const QCommandLineParser &p, const RenderOptions &r)
+{
     const QStringList pos = p.positionalArguments();
     QTextStream err(stderr);
     if (pos.size() != 2) {
@@ -104,12 +107,13 @@ int renderCommand(const QCommandLineParser &p, const RenderOptions &r) {
 }
 
 // Without a display the room cannot be on a desktop: say so and show what it would look like.
-int renderInstead() {
+int renderInstead()
+{
     QTextStream err(stderr);
     const auto scene = SceneLocation::resolve();
     if (!scene) {
-        err << "turnelo: no display (DISPLAY is not set) and no scene installed in "
-            << SceneLocation::installedRoot() << "\n";
+        err << "turnelo: no display (DISPLAY is not set) and no scene installed in " << SceneLocation::installedRoot()
+            << "\n";
         return 1;
     }
     OfflineRender::Options o;
@@ -126,7 +130,8 @@ int renderInstead() {
     return 0;
 }
 
-int runRoom(QApplication &app, bool markMusicSetupDone) {
+int runRoom(QApplication &app, bool markMusicSetupDone)
+{
     SingleInstance instance(SingleInstance::defaultName());
     if (instance.alreadyRunning()) {
         QTextStream(stderr) << "turnelo: already running; asked it to show the room\n";
@@ -145,7 +150,8 @@ int runRoom(QApplication &app, bool markMusicSetupDone) {
 
 }  // namespace
 
-int main(int argc, char **argv) {
+int main(int argc, char **argv)
+{
     const QStringList arguments = CommandLine::arguments(argc, argv);
     const bool render = arguments.size() > 1 && arguments[1] == "render";
     // "turnelo render …" reads as a program of its own, without the verb.
@@ -159,8 +165,8 @@ int main(int argc, char **argv) {
                                              "Without a display it renders the room to turnelo-room.png instead. "
                                              "\"turnelo render --help\" tells how to render a scene to a PNG."));
     std::optional<RenderOptions> renderOptions;
-    const QCommandLineOption musicDone("music-setup-done",
-                                       "Follow the music players from now on, as the onboarding's music step does (stored).");
+    const QCommandLineOption musicDone(
+        "music-setup-done", "Follow the music players from now on, as the onboarding's music step does (stored).");
     if (render)
         renderOptions.emplace(line.parser);
     else

@@ -19,15 +19,9 @@ QString appName()
     return name;
 }
 
-QString settingsName(bool release)
-{
-    return release ? QStringLiteral("turnelo") : QStringLiteral("turnelo-dev");
-}
+QString settingsName(bool release) { return release ? QStringLiteral("turnelo") : QStringLiteral("turnelo-dev"); }
 
-QString version()
-{
-    return QStringLiteral(TURNELO_VERSION);
-}
+QString version() { return QStringLiteral(TURNELO_VERSION); }
 
 QString xdgFolder(const char *variable, const QString &fallback)
 {

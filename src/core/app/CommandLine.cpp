@@ -44,18 +44,16 @@ QString CommandLine::helpText() const
     // application object exists yet; the usage line shows the name people type instead.
     QString text = parser.helpText();
     const QString shown = QCoreApplication::instance() && !QCoreApplication::arguments().isEmpty()
-        ? QCoreApplication::arguments().constFirst()
-        : QStringLiteral("<executable_name>");
+                              ? QCoreApplication::arguments().constFirst()
+                              : QStringLiteral("<executable_name>");
     const qsizetype at = text.indexOf(shown);
-    if (at >= 0)
-        text.replace(at, shown.size(), program);
+    if (at >= 0) text.replace(at, shown.size(), program);
     return text;
 }
 
 QStringList CommandLine::arguments(int argc, char **argv)
 {
     QStringList out;
-    for (int i = 0; i < argc; ++i)
-        out << QString::fromLocal8Bit(argv[i]);
+    for (int i = 0; i < argc; ++i) out << QString::fromLocal8Bit(argv[i]);
     return out;
 }

@@ -18,8 +18,7 @@ const QString realTag = QStringLiteral("$real");
 bool readJson(QIODevice &device, QSettings::SettingsMap &map)
 {
     const QByteArray bytes = device.readAll();
-    if (bytes.trimmed().isEmpty())
-        return true;
+    if (bytes.trimmed().isEmpty()) return true;
     QJsonParseError error;
     QJsonDocument doc = QJsonDocument::fromJson(bytes, &error);
     if (error.error != QJsonParseError::NoError || !doc.isObject()) {
@@ -34,16 +33,14 @@ bool readJson(QIODevice &device, QSettings::SettingsMap &map)
             StateFile::reportDamaged(file->fileName(), reason, !doc.object().isEmpty());
     }
     const QJsonObject root = doc.object();
-    for (auto it = root.begin(); it != root.end(); ++it)
-        map.insert(it.key(), fromJson(it.value()));
+    for (auto it = root.begin(); it != root.end(); ++it) map.insert(it.key(), fromJson(it.value()));
     return true;
 }
 
 bool writeJson(QIODevice &device, const QSettings::SettingsMap &map)
 {
     QJsonObject root;
-    for (auto it = map.begin(); it != map.end(); ++it)
-        root.insert(it.key(), toJson(it.value()));
+    for (auto it = map.begin(); it != map.end(); ++it) root.insert(it.key(), toJson(it.value()));
     return device.write(QJsonDocument(root).toJson(QJsonDocument::Indented)) >= 0;
 }
 
@@ -56,19 +53,16 @@ QVariant fromJson(const QJsonValue &value)
         if (object.size() == 1 && object.contains(realTag) && object.value(realTag).isDouble())
             return QVariant(object.value(realTag).toDouble());
         QVariantMap map;
-        for (auto it = object.begin(); it != object.end(); ++it)
-            map.insert(it.key(), fromJson(it.value()));
+        for (auto it = object.begin(); it != object.end(); ++it) map.insert(it.key(), fromJson(it.value()));
         return map;
     }
     if (value.isArray()) {
         QVariantList list;
-        for (const QJsonValue &item : value.toArray())
-            list.append(fromJson(item));
+        for (const QJsonValue &item : value.toArray()) list.append(fromJson(item));
         return list;
     }
     const QVariant plain = value.toVariant();
-    if (plain.typeId() == QMetaType::Int)
-        return QVariant(plain.toLongLong());  // one integer type, whatever its size
+    if (plain.typeId() == QMetaType::Int) return QVariant(plain.toLongLong());  // one integer type, whatever its size
     return plain;
 }
 
@@ -78,22 +72,19 @@ QJsonValue toJson(const QVariant &value)
     case QMetaType::Double:
     case QMetaType::Float: {
         const double d = value.toDouble();
-        if (std::isfinite(d) && d == std::trunc(d))
-            return QJsonObject{{realTag, d}};
+        if (std::isfinite(d) && d == std::trunc(d)) return QJsonObject{{realTag, d}};
         return d;
     }
     case QMetaType::QVariantMap: {
         QJsonObject object;
         const QVariantMap map = value.toMap();
-        for (auto it = map.begin(); it != map.end(); ++it)
-            object.insert(it.key(), toJson(it.value()));
+        for (auto it = map.begin(); it != map.end(); ++it) object.insert(it.key(), toJson(it.value()));
         return object;
     }
     case QMetaType::QVariantList:
     case QMetaType::QStringList: {
         QJsonArray array;
-        for (const QVariant &item : value.toList())
-            array.append(toJson(item));
+        for (const QVariant &item : value.toList()) array.append(toJson(item));
         return array;
     }
     default:

@@ -11,21 +11,20 @@ namespace Log {
 
 QString path()
 {
-    static const QString file = AppIdentity::xdgFolder("XDG_STATE_HOME", QStringLiteral(".local/state"))
-        + QLatin1Char('/') + AppIdentity::appName() + QStringLiteral(".log");
+    static const QString file = AppIdentity::xdgFolder("XDG_STATE_HOME", QStringLiteral(".local/state")) +
+                                QLatin1Char('/') + AppIdentity::appName() + QStringLiteral(".log");
     return file;
 }
 
 void write(const QString &message)
 {
-    const QByteArray line = QDateTime::currentDateTimeUtc().toString(Qt::ISODateWithMs).toUtf8()
-        + ' ' + message.toUtf8() + '\n';
+    const QByteArray line =
+        QDateTime::currentDateTimeUtc().toString(Qt::ISODateWithMs).toUtf8() + ' ' + message.toUtf8() + '\n';
     QFile file(path());
     if (!file.open(QIODevice::WriteOnly | QIODevice::Append)) {
         // The state folder may not exist yet on a fresh account.
         QDir().mkpath(QFileInfo(file).absolutePath());
-        if (!file.open(QIODevice::WriteOnly | QIODevice::Append))
-            return;
+        if (!file.open(QIODevice::WriteOnly | QIODevice::Append)) return;
     }
     file.write(line);
 }

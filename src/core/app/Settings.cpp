@@ -33,13 +33,11 @@ bool isNumber(const QVariant &v)
 // system does; anything else counts as absent.
 std::optional<qlonglong> integerOf(const QVariant &v)
 {
-    if (isNumber(v))
-        return v.toLongLong();
+    if (isNumber(v)) return v.toLongLong();
     if (v.typeId() == QMetaType::QString) {
         bool ok = false;
         const qlonglong n = v.toString().trimmed().toLongLong(&ok);
-        if (ok)
-            return n;
+        if (ok) return n;
     }
     return std::nullopt;
 }
@@ -83,16 +81,13 @@ void Settings::init()
         QThread::msleep(5);
         taken = leftover.tryLock(0);
     }
-    if (taken)
-        leftover.unlock();
-    for (const QString &key : store->allKeys())
-        observed.insert(key, store->value(key));
+    if (taken) leftover.unlock();
+    for (const QString &key : store->allKeys()) observed.insert(key, store->value(key));
     watcher = new QFileSystemWatcher(this);
     const QFileInfo info(store->fileName());
     QDir().mkpath(info.absolutePath());
     watcher->addPath(info.absolutePath());
-    if (info.exists())
-        watcher->addPath(info.absoluteFilePath());
+    if (info.exists()) watcher->addPath(info.absoluteFilePath());
     connect(watcher, &QFileSystemWatcher::fileChanged, this, &Settings::reloadFromDisk);
     connect(watcher, &QFileSystemWatcher::directoryChanged, this, &Settings::reloadFromDisk);
 }
@@ -127,22 +122,38 @@ void Settings::notify(const QString &key)
 {
     const QVariant now = store->value(key);
     const QVariant before = observed.value(key);
-    if (now == before && now.typeId() == before.typeId())
-        return;
+    if (now == before && now.typeId() == before.typeId()) return;
     if (now.isValid())
         observed.insert(key, now);
     else
         observed.remove(key);
     switch (observableKeys().indexOf(key)) {
-    case 0: emit steamChanged(); break;
-    case 1: emit fxRecordChanged(); break;
-    case 2: emit fxBounceChanged(); break;
-    case 3: emit fxWeatherChanged(); break;
-    case 4: emit fxStackChanged(); break;
-    case 5: emit fxPanelChanged(); break;
-    case 6: emit framingChanged(); break;
-    case 7: emit lightPresetChanged(); break;
-    default: break;
+    case 0:
+        emit steamChanged();
+        break;
+    case 1:
+        emit fxRecordChanged();
+        break;
+    case 2:
+        emit fxBounceChanged();
+        break;
+    case 3:
+        emit fxWeatherChanged();
+        break;
+    case 4:
+        emit fxStackChanged();
+        break;
+    case 5:
+        emit fxPanelChanged();
+        break;
+    case 6:
+        emit framingChanged();
+        break;
+    case 7:
+        emit lightPresetChanged();
+        break;
+    default:
+        break;
     }
     emit changed(key);
 }
@@ -151,15 +162,12 @@ void Settings::reloadFromDisk()
 {
     // A writer that replaces the file by renaming leaves the old watch on a gone inode.
     const QFileInfo info(store->fileName());
-    if (info.exists() && !watcher->files().contains(info.absoluteFilePath()))
-        watcher->addPath(info.absoluteFilePath());
+    if (info.exists() && !watcher->files().contains(info.absoluteFilePath())) watcher->addPath(info.absoluteFilePath());
     store->sync();
     QStringList keys = store->allKeys();
     for (auto it = observed.cbegin(); it != observed.cend(); ++it)
-        if (!keys.contains(it.key()))
-            keys.append(it.key());
-    for (const QString &key : keys)
-        notify(key);
+        if (!keys.contains(it.key())) keys.append(it.key());
+    for (const QString &key : keys) notify(key);
 }
 
 bool Settings::effect(const char *key) const
@@ -177,16 +185,14 @@ bool Settings::plainBool(const char *key, bool fallback) const
 std::optional<QString> Settings::optionalText(const char *key) const
 {
     const QVariant v = store->value(QLatin1String(key));
-    if (v.typeId() == QMetaType::QString)
-        return v.toString();
+    if (v.typeId() == QMetaType::QString) return v.toString();
     return std::nullopt;
 }
 
 std::optional<double> Settings::optionalNumber(const char *key) const
 {
     const QVariant v = store->value(QLatin1String(key));
-    if (isNumber(v))
-        return v.toDouble();
+    if (isNumber(v)) return v.toDouble();
     return std::nullopt;
 }
 
@@ -217,8 +223,7 @@ void Settings::setEffect(const QString &key, bool on) { setValue(key, on); }
 int Settings::stackLimit() const
 {
     const auto n = integerOf(store->value(QStringLiteral("stackLimit")));
-    if (!n)
-        return 6;
+    if (!n) return 6;
     return int(std::clamp<qlonglong>(*n, 1, 1 << 20));
 }
 void Settings::setStackLimit(int limit) { setValue(QStringLiteral("stackLimit"), limit); }
@@ -233,8 +238,7 @@ void Settings::setEcoMode(bool on) { setValue(QStringLiteral("ecoMode"), on); }
 
 Settings::EcoTrigger Settings::ecoTrigger() const
 {
-    return optionalText("ecoTrigger") == QStringLiteral("lowPower") ? EcoTrigger::lowPower
-                                                                    : EcoTrigger::battery;
+    return optionalText("ecoTrigger") == QStringLiteral("lowPower") ? EcoTrigger::lowPower : EcoTrigger::battery;
 }
 void Settings::setEcoTrigger(EcoTrigger trigger)
 {
@@ -242,10 +246,7 @@ void Settings::setEcoTrigger(EcoTrigger trigger)
              trigger == EcoTrigger::lowPower ? QStringLiteral("lowPower") : QStringLiteral("battery"));
 }
 
-QString Settings::weatherCity() const
-{
-    return optionalText("weatherCity").value_or(QStringLiteral("sao-paulo"));
-}
+QString Settings::weatherCity() const { return optionalText("weatherCity").value_or(QStringLiteral("sao-paulo")); }
 void Settings::setWeatherCity(const QString &city) { setValue(QStringLiteral("weatherCity"), city); }
 std::optional<double> Settings::weatherLatitude() const { return optionalNumber("weatherLatitude"); }
 std::optional<double> Settings::weatherLongitude() const { return optionalNumber("weatherLongitude"); }
@@ -270,8 +271,7 @@ QString Settings::weatherServiceURL() const
 std::optional<QVariantMap> Settings::desktopSnapshot() const
 {
     const QVariant v = store->value(QStringLiteral("desktopSnapshot"));
-    if (v.typeId() == QMetaType::QVariantMap)
-        return v.toMap();
+    if (v.typeId() == QMetaType::QVariantMap) return v.toMap();
     return std::nullopt;
 }
 
@@ -295,8 +295,7 @@ void Settings::setSceneCatalogETag(const std::optional<QString> &tag)
 QString Settings::contentServiceURL() const
 {
     QString url = optionalText("contentServiceURL").value_or(QStringLiteral("https://scenes.quelt.app/"));
-    if (!url.endsWith(QLatin1Char('/')))
-        url += QLatin1Char('/');
+    if (!url.endsWith(QLatin1Char('/'))) url += QLatin1Char('/');
     return url;
 }
 
@@ -311,8 +310,7 @@ double Settings::perfLogInterval() const { return optionalNumber("perfLogInterva
 std::optional<bool> Settings::labelMotionBlur() const
 {
     const QVariant v = store->value(QStringLiteral("labelMotionBlur"));
-    if (isBool(v))
-        return v.toBool();
+    if (isBool(v)) return v.toBool();
     return std::nullopt;
 }
 

@@ -98,10 +98,10 @@ public:
     QString contentServiceURL() const;
 
     // Developer settings (no user interface; written from outside, e.g. turnelo-defaults).
-    int fps() const;                            // 15…60
-    double perfLogInterval() const;             // seconds
+    int fps() const;                 // 15…60
+    double perfLogInterval() const;  // seconds
     std::optional<bool> labelMotionBlur() const;
-    QVariant showcase() const;                  // as stored, or invalid
+    QVariant showcase() const;  // as stored, or invalid
     bool debugIgnoreOcclusion() const;
     bool debugSimulateNoMusic() const;
     std::optional<QString> debugCoverArt() const;

@@ -55,8 +55,7 @@ const QList<Row> &rows()
 const Row *find(const QString &key)
 {
     for (const Row &row : rows())
-        if (key == QLatin1String(row.key))
-            return &row;
+        if (key == QLatin1String(row.key)) return &row;
     return nullptr;
 }
 
@@ -75,11 +74,16 @@ QString help(const QString &key)
 int metaType(Type type)
 {
     switch (type) {
-    case Type::boolean: return QMetaType::Bool;
-    case Type::integer: return QMetaType::Int;
-    case Type::number: return QMetaType::Double;
-    case Type::string: return QMetaType::QString;
-    case Type::dictionary: return QMetaType::QVariantMap;
+    case Type::boolean:
+        return QMetaType::Bool;
+    case Type::integer:
+        return QMetaType::Int;
+    case Type::number:
+        return QMetaType::Double;
+    case Type::string:
+        return QMetaType::QString;
+    case Type::dictionary:
+        return QMetaType::QVariantMap;
     }
     return QMetaType::UnknownType;
 }

@@ -9,33 +9,35 @@ constexpr qint64 kChunkBytes = 256 * 1024;
 
 std::optional<QString> header(QNetworkReply *reply, const char *name)
 {
-    if (!reply->hasRawHeader(name))
-        return std::nullopt;
+    if (!reply->hasRawHeader(name)) return std::nullopt;
     return QString::fromLatin1(reply->rawHeader(name));
 }
 
 // "bytes 100-199/1000" → 100; anything unreadable gives none.
 std::optional<qint64> contentRangeStart(const QByteArray &value)
 {
-    if (value.isEmpty())
-        return std::nullopt;
+    if (value.isEmpty()) return std::nullopt;
     const QByteArray range = value.mid(value.lastIndexOf(' ') + 1);
     bool ok = false;
     const qint64 start = range.split('-').value(0).toLongLong(&ok, 10);
     return ok ? std::optional<qint64>(start) : std::nullopt;
 }
 
-bool isRedirect(int status) { return status == 301 || status == 302 || status == 303 || status == 307 || status == 308; }
+bool isRedirect(int status)
+{
+    return status == 301 || status == 302 || status == 303 || status == 307 || status == 308;
+}
 
 }  // namespace
 
 FileDownload::FileDownload(QString file, qint64 expectedTotal, QObject *parent)
-    : QObject(parent), path(std::move(file)), total(expectedTotal)
+    : QObject(parent)
+    , path(std::move(file))
+    , total(expectedTotal)
 {
     resourceTimer.setSingleShot(true);
     connect(&resourceTimer, &QTimer::timeout, this, [this] {
-        if (reply)
-            reply->abort();
+        if (reply) reply->abort();
     });
 }
 
@@ -73,17 +75,14 @@ void FileDownload::start(QNetworkRequest request, QNetworkAccessManager *manager
 
 void FileDownload::cancel()
 {
-    if (reply && !done)
-        reply->abort();
+    if (reply && !done) reply->abort();
 }
 
 void FileDownload::responseReceived()
 {
-    if (responded || !reply)
-        return;
+    if (responded || !reply) return;
     const QVariant code = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute);
-    if (!code.isValid())
-        return;
+    if (!code.isValid()) return;
     const int status = code.toInt();
     if (isRedirect(status) && reply->hasRawHeader("Location"))
         return;  // followed by the manager; the final response counts
@@ -129,16 +128,12 @@ void FileDownload::responseReceived()
 
 void FileDownload::dataReceived()
 {
-    if (!reply || rangeMismatch || writeFailed)
-        return;
-    if (!responded)
-        responseReceived();
-    if (rangeMismatch || writeFailed)
-        return;
+    if (!reply || rangeMismatch || writeFailed) return;
+    if (!responded) responseReceived();
+    if (rangeMismatch || writeFailed) return;
     while (reply->bytesAvailable() > 0) {
         const QByteArray chunk = reply->read(kChunkBytes);
-        if (chunk.isEmpty())
-            break;
+        if (chunk.isEmpty()) break;
         if (handle.isOpen()) {
             if (handle.write(chunk) != chunk.size()) {
                 writeFailed = true;
@@ -152,17 +147,14 @@ void FileDownload::dataReceived()
     }
     if (lastReport.elapsed() > kProgressIntervalMs) {
         lastReport.restart();
-        if (onProgress)
-            onProgress(received);
+        if (onProgress) onProgress(received);
     }
 }
 
 void FileDownload::completed()
 {
-    if (done || !reply)
-        return;
-    if (!responded)
-        responseReceived();
+    if (done || !reply) return;
+    if (!responded) responseReceived();
     dataReceived();
     const QNetworkReply::NetworkError error = reply->error();
     const QString errorText = reply->errorString();
@@ -195,6 +187,5 @@ void FileDownload::finish(const Outcome &outcome)
 {
     done = true;
     const auto callback = onFinished;
-    if (callback)
-        callback(outcome);
+    if (callback) callback(outcome);
 }

@@ -13,12 +13,13 @@
 #include <QStorageInfo>
 #include <QUrl>
 
-PackageDownload::PackageDownload(SceneCatalog::Entry entry, QString downloadsDir, QString baseURL,
-                                 QObject *parent)
-    : QObject(parent), entry(std::move(entry)), downloads(std::move(downloadsDir)), base(std::move(baseURL))
+PackageDownload::PackageDownload(SceneCatalog::Entry entry, QString downloadsDir, QString baseURL, QObject *parent)
+    : QObject(parent)
+    , entry(std::move(entry))
+    , downloads(std::move(downloadsDir))
+    , base(std::move(baseURL))
 {
-    if (!base.endsWith(QLatin1Char('/')))
-        base += QLatin1Char('/');
+    if (!base.endsWith(QLatin1Char('/'))) base += QLatin1Char('/');
     freeSpace = [](const QString &path) { return QStorageInfo(path).bytesAvailable(); };
 }
 
@@ -46,8 +47,7 @@ QString PackageDownload::formatBytes(qint64 bytes)
     // Rounded up, so that freeing the amount shown is always enough: whole megabytes below a
     // gigabyte, tenths of the unit from there on.
     qint64 unit = 1000LL * 1000;
-    while (bytes >= unit * 1000 && unit < 1000LL * 1000 * 1000 * 1000 * 1000)
-        unit *= 1000;
+    while (bytes >= unit * 1000 && unit < 1000LL * 1000 * 1000 * 1000 * 1000) unit *= 1000;
     const qint64 step = unit == 1000LL * 1000 ? unit : unit / 10;
     const qint64 rounded = std::max<qint64>(1, (bytes + step - 1) / step) * step;
     return QLocale().formattedDataSize(rounded, rounded < 1000LL * 1000 * 1000 ? 0 : 1, QLocale::DataSizeSIFormat);
@@ -61,8 +61,7 @@ void PackageDownload::start()
 
 void PackageDownload::cancel()
 {
-    if (transfer)
-        transfer->cancel();
+    if (transfer) transfer->cancel();
 }
 
 std::optional<QString> PackageDownload::recordedEtag() const
@@ -76,8 +75,7 @@ void PackageDownload::writeRecord(const std::optional<QString> &etag)
 {
     QJsonObject o;
     o.insert(QStringLiteral("sha256"), entry.sha256);
-    if (etag)
-        o.insert(QStringLiteral("etag"), *etag);
+    if (etag) o.insert(QStringLiteral("etag"), *etag);
     StateFile::write(recordPath(), QJsonDocument(o).toJson(QJsonDocument::Compact));
 }
 
@@ -87,8 +85,7 @@ void PackageDownload::attempt()
     bool sameRecord = false;
     if (const auto record = StateFile::readJson(recordPath()))
         sameRecord = record->object().value(QStringLiteral("sha256")).toString() == entry.sha256;
-    if (!sameRecord)
-        discard(downloads, entry);
+    if (!sameRecord) discard(downloads, entry);
     qint64 have = QFileInfo(partialPath()).size();
     if (have > entry.size) {
         discard(downloads, entry);
@@ -99,8 +96,8 @@ void PackageDownload::attempt()
     const qint64 available = freeSpace ? freeSpace(downloads) : -1;
     if (available >= 0 && available < needed) {
         Outcome out;
-        out.message = QStringLiteral("espaço em disco insuficiente: faltam ")
-            + QLocale::c().formattedDataSize(needed - available, 1, QLocale::DataSizeSIFormat);
+        out.message = QStringLiteral("espaço em disco insuficiente: faltam ") +
+                      QLocale::c().formattedDataSize(needed - available, 1, QLocale::DataSizeSIFormat);
         out.userText = QStringLiteral("Not enough disk space for the room. Free up ") + formatBytes(needed - available);
         finish(out);
         return;
@@ -108,8 +105,7 @@ void PackageDownload::attempt()
 
     if (have == entry.size) {
         // Complete from an earlier attempt that stopped before verifying: no request needed.
-        if (onProgress)
-            onProgress(have, entry.size);
+        if (onProgress) onProgress(have, entry.size);
         Outcome out;
         out.ok = true;
         out.file = partialPath();
@@ -121,15 +117,13 @@ void PackageDownload::attempt()
     request.setHeader(QNetworkRequest::UserAgentHeader, QStringLiteral("Turnelo/") + AppIdentity::version());
     if (have > 0) {
         request.setRawHeader("Range", "bytes=" + QByteArray::number(have) + '-');
-        if (const auto tag = recordedEtag())
-            request.setRawHeader("If-Range", tag->toLatin1());
+        if (const auto tag = recordedEtag()) request.setRawHeader("If-Range", tag->toLatin1());
     }
 
     auto *download = new FileDownload(partialPath(), entry.size, this);
     transfer = download;
     download->onProgress = [this](qint64 received) {
-        if (onProgress)
-            onProgress(received, entry.size);
+        if (onProgress) onProgress(received, entry.size);
     };
     // Recorded as soon as the body starts, so that a dropped connection can be resumed.
     download->onResponse = [this](const FileDownload::Result &r) { writeRecord(r.etag); };
@@ -151,20 +145,19 @@ void PackageDownload::transferred(const FileDownload::Outcome &outcome)
     const FileDownload::Result &r = *outcome.result;
     out.status = r.status;
     out.retryAfter = r.retryAfter;
-    if (r.status == 200 || r.status == 206)
-        writeRecord(r.etag);
+    if (r.status == 200 || r.status == 206) writeRecord(r.etag);
     if (r.status == 412 || r.status == 416) {
         Log::write(QStringLiteral("Cenas: arquivo mudou no servidor (%1), recomeçando").arg(r.status));
         discard(downloads, entry);
         if (restarted) {
-            out.message = QStringLiteral("o servidor recusou o download de %1 de novo (%2)").arg(entry.file).arg(r.status);
+            out.message =
+                QStringLiteral("o servidor recusou o download de %1 de novo (%2)").arg(entry.file).arg(r.status);
             out.userText = QString::fromUtf8(kChangedOnServerText);
             finish(out);
             return;
         }
         restarted = true;
-        if (onRestart)
-            onRestart();
+        if (onRestart) onRestart();
         attempt();
         return;
     }
@@ -187,10 +180,8 @@ void PackageDownload::transferred(const FileDownload::Outcome &outcome)
 
 void PackageDownload::finish(Outcome outcome)
 {
-    if (finished)
-        return;
+    if (finished) return;
     finished = true;
     const auto callback = onFinished;
-    if (callback)
-        callback(outcome);
+    if (callback) callback(outcome);
 }

@@ -21,19 +21,18 @@ class PackageDownload : public QObject {
 public:
     struct Outcome {
         bool ok = false;
-        QString file;              // the complete package when ok
-        QString message;           // log text when not ok
-        QString userText;          // shown text when it differs from the generic failure
+        QString file;      // the complete package when ok
+        QString message;   // log text when not ok
+        QString userText;  // shown text when it differs from the generic failure
         bool transient = true;
-        int status = 0;            // HTTP status of the last response, 0 for none
-        QByteArray body;           // error body of an unsuccessful status
+        int status = 0;   // HTTP status of the last response, 0 for none
+        QByteArray body;  // error body of an unsuccessful status
         std::optional<QString> retryAfter;
     };
 
     static constexpr const char *kChangedOnServerText = "The room download changed on the server. It will start over.";
 
-    PackageDownload(SceneCatalog::Entry entry, QString downloadsDir, QString baseURL,
-                    QObject *parent = nullptr);
+    PackageDownload(SceneCatalog::Entry entry, QString downloadsDir, QString baseURL, QObject *parent = nullptr);
 
     // Bytes the disk must still have free besides the rest of the package (e.g. the unpacked
     // size); checked after the partial file is judged and before any request.

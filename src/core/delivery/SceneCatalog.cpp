@@ -17,48 +17,40 @@ using ParseError = SceneCatalog::ParseError;
 QString requiredText(const QJsonObject &o, const QString &key, const QString &where)
 {
     const QJsonValue v = o.value(key);
-    if (!v.isString())
-        missing(key, where);
+    if (!v.isString()) missing(key, where);
     return v.toString();
 }
 
 std::optional<QString> optionalText(const QJsonObject &o, const QString &key, const QString &where)
 {
     const QJsonValue v = o.value(key);
-    if (v.isUndefined() || v.isNull())
-        return std::nullopt;
-    if (!v.isString())
-        missing(key, where);
+    if (v.isUndefined() || v.isNull()) return std::nullopt;
+    if (!v.isString()) missing(key, where);
     return v.toString();
 }
 
 // JSON numbers arrive as doubles; only whole values within 2^53 are accepted as integers.
 std::optional<qint64> integerOf(const QJsonValue &v)
 {
-    if (!v.isDouble())
-        return std::nullopt;
+    if (!v.isDouble()) return std::nullopt;
     const double d = v.toDouble();
-    if (d != std::floor(d) || std::abs(d) > 9007199254740992.0)
-        return std::nullopt;
+    if (d != std::floor(d) || std::abs(d) > 9007199254740992.0) return std::nullopt;
     return qint64(d);
 }
 
 qint64 requiredInteger(const QJsonObject &o, const QString &key, const QString &where)
 {
     const auto n = integerOf(o.value(key));
-    if (!n)
-        missing(key, where);
+    if (!n) missing(key, where);
     return *n;
 }
 
 bool isHexDigest(const QString &s)
 {
-    if (s.size() != 64)
-        return false;
+    if (s.size() != 64) return false;
     for (QChar c : s) {
         const char16_t u = c.unicode();
-        if (!((u >= '0' && u <= '9') || (u >= 'a' && u <= 'f') || (u >= 'A' && u <= 'F')))
-            return false;
+        if (!((u >= '0' && u <= '9') || (u >= 'a' && u <= 'f') || (u >= 'A' && u <= 'F'))) return false;
     }
     return true;
 }
@@ -67,8 +59,7 @@ bool isHexDigest(const QString &s)
 
 bool SceneCatalog::Entry::isBase() const
 {
-    if (base)
-        return *base;
+    if (base) return *base;
     return !framing.has_value();
 }
 
@@ -80,16 +71,11 @@ QJsonObject SceneCatalog::Entry::toJson() const
     o.insert(QStringLiteral("file"), file);
     o.insert(QStringLiteral("size"), double(size));
     o.insert(QStringLiteral("sha256"), sha256);
-    if (minAppVersion)
-        o.insert(QStringLiteral("min_app_version"), *minAppVersion);
-    if (scene)
-        o.insert(QStringLiteral("scene"), *scene);
-    if (framing)
-        o.insert(QStringLiteral("framing"), *framing);
-    if (base)
-        o.insert(QStringLiteral("base"), *base);
-    if (unpackedSize)
-        o.insert(QStringLiteral("unpacked_size"), double(*unpackedSize));
+    if (minAppVersion) o.insert(QStringLiteral("min_app_version"), *minAppVersion);
+    if (scene) o.insert(QStringLiteral("scene"), *scene);
+    if (framing) o.insert(QStringLiteral("framing"), *framing);
+    if (base) o.insert(QStringLiteral("base"), *base);
+    if (unpackedSize) o.insert(QStringLiteral("unpacked_size"), double(*unpackedSize));
     return o;
 }
 
@@ -113,8 +99,7 @@ SceneCatalog::Entry SceneCatalog::Entry::fromJson(const QJsonObject &o)
     const QJsonValue unpacked = o.value(QStringLiteral("unpacked_size"));
     if (!unpacked.isUndefined() && !unpacked.isNull()) {
         e.unpackedSize = integerOf(unpacked);
-        if (!e.unpackedSize)
-            missing(QStringLiteral("unpacked_size"), where);
+        if (!e.unpackedSize) missing(QStringLiteral("unpacked_size"), where);
     }
     return e;
 }
@@ -124,26 +109,19 @@ SceneCatalog SceneCatalog::parse(const QByteArray &data)
     QJsonParseError error;
     const QJsonDocument doc = QJsonDocument::fromJson(data, &error);
     if (error.error != QJsonParseError::NoError)
-        throw ParseError(QStringLiteral("JSON inválido no offset %1: %2")
-                             .arg(error.offset)
-                             .arg(error.errorString())
-                             .toStdString());
-    if (!doc.isObject())
-        throw ParseError("o manifesto de cenas não é um objeto JSON");
+        throw ParseError(
+            QStringLiteral("JSON inválido no offset %1: %2").arg(error.offset).arg(error.errorString()).toStdString());
+    if (!doc.isObject()) throw ParseError("o manifesto de cenas não é um objeto JSON");
     const QJsonObject root = doc.object();
     SceneCatalog catalog;
     const auto version = integerOf(root.value(QStringLiteral("version")));
-    if (!version)
-        missing(QStringLiteral("version"), QStringLiteral("manifesto de cenas"));
-    if (*version != 1)
-        throw ParseError(QStringLiteral("manifesto de cenas versão %1").arg(*version).toStdString());
+    if (!version) missing(QStringLiteral("version"), QStringLiteral("manifesto de cenas"));
+    if (*version != 1) throw ParseError(QStringLiteral("manifesto de cenas versão %1").arg(*version).toStdString());
     catalog.version = int(*version);
     const QJsonValue scenes = root.value(QStringLiteral("scenes"));
-    if (!scenes.isArray())
-        missing(QStringLiteral("scenes"), QStringLiteral("manifesto de cenas"));
+    if (!scenes.isArray()) missing(QStringLiteral("scenes"), QStringLiteral("manifesto de cenas"));
     for (const QJsonValue &v : scenes.toArray()) {
-        if (!v.isObject())
-            throw ParseError("manifesto de cenas: entrada que não é um objeto");
+        if (!v.isObject()) throw ParseError("manifesto de cenas: entrada que não é um objeto");
         catalog.scenes.append(Entry::fromJson(v.toObject()));
     }
     return catalog;
@@ -152,8 +130,7 @@ SceneCatalog SceneCatalog::parse(const QByteArray &data)
 QByteArray SceneCatalog::serialize() const
 {
     QJsonArray list;
-    for (const Entry &e : scenes)
-        list.append(e.toJson());
+    for (const Entry &e : scenes) list.append(e.toJson());
     QJsonObject root;
     root.insert(QStringLiteral("version"), version);
     root.insert(QStringLiteral("scenes"), list);
@@ -174,10 +151,8 @@ SceneCatalog::Order SceneCatalog::compare(const QString &a, const QString &b)
     const QList<qlonglong> x = pieces(a), y = pieces(b);
     for (qsizetype i = 0; i < std::max(x.size(), y.size()); ++i) {
         const qlonglong l = i < x.size() ? x[i] : 0, r = i < y.size() ? y[i] : 0;
-        if (l < r)
-            return Order::ascending;
-        if (l > r)
-            return Order::descending;
+        if (l < r) return Order::ascending;
+        if (l > r) return Order::descending;
     }
     return Order::same;
 }
@@ -194,12 +169,9 @@ QList<SceneCatalog::Entry> SceneCatalog::usable(const QString &appVersion) const
 {
     QList<Entry> out;
     for (const Entry &e : scenes) {
-        if (!isSafeName(e.file) || e.size < 1 || !isHexDigest(e.sha256))
-            continue;
-        if (compare(e.minAppVersion.value_or(QStringLiteral("0")), appVersion) == Order::descending)
-            continue;
-        if (e.framing && !isSafeName(*e.framing))
-            continue;
+        if (!isSafeName(e.file) || e.size < 1 || !isHexDigest(e.sha256)) continue;
+        if (compare(e.minAppVersion.value_or(QStringLiteral("0")), appVersion) == Order::descending) continue;
+        if (e.framing && !isSafeName(*e.framing)) continue;
         out.append(e);
     }
     return out;
@@ -208,17 +180,14 @@ QList<SceneCatalog::Entry> SceneCatalog::usable(const QString &appVersion) const
 std::optional<SceneCatalog::Entry> SceneCatalog::pick(const QString &appVersion) const
 {
     for (const Entry &e : usable(appVersion))
-        if (e.isBase())
-            return e;
+        if (e.isBase()) return e;
     return std::nullopt;
 }
 
-QMap<QString, QList<SceneCatalog::Entry>> SceneCatalog::framings(const Entry &base,
-                                                                 const QString &appVersion) const
+QMap<QString, QList<SceneCatalog::Entry>> SceneCatalog::framings(const Entry &base, const QString &appVersion) const
 {
     QMap<QString, QList<Entry>> out;
     for (const Entry &e : usable(appVersion))
-        if (!e.isBase() && e.framing && e.scene == base.scene)
-            out[*e.framing].append(e);
+        if (!e.isBase() && e.framing && e.scene == base.scene) out[*e.framing].append(e);
     return out;
 }

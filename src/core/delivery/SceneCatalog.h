@@ -15,9 +15,9 @@ struct SceneCatalog {
     struct Entry {
         QString id;
         QString title;
-        QString file;          // a safe single file name on the service and on disk
-        qint64 size = 0;       // package bytes
-        QString sha256;        // 64 hex digits, either case
+        QString file;     // a safe single file name on the service and on disk
+        qint64 size = 0;  // package bytes
+        QString sha256;   // 64 hex digits, either case
         std::optional<QString> minAppVersion;
         std::optional<QString> scene;
         std::optional<QString> framing;

@@ -13,7 +13,10 @@
 
 namespace SceneDisk {
 
-Error::Error(const QString &message) : std::runtime_error(message.toStdString()) {}
+Error::Error(const QString &message)
+    : std::runtime_error(message.toStdString())
+{
+}
 
 namespace {
 
@@ -23,8 +26,7 @@ QString sha256Of(const QString &path)
     if (!f.open(QIODevice::ReadOnly))
         throw Error(QStringLiteral("não foi possível ler %1: %2").arg(path, f.errorString()));
     QCryptographicHash hash(QCryptographicHash::Sha256);
-    if (!hash.addData(&f))
-        throw Error(QStringLiteral("erro ao ler %1").arg(path));
+    if (!hash.addData(&f)) throw Error(QStringLiteral("erro ao ler %1").arg(path));
     return QString::fromLatin1(hash.result().toHex());
 }
 
@@ -32,18 +34,16 @@ QString sha256Of(const QString &path)
 QString findFramingFolder(const QString &incoming, const QString &name)
 {
     const QString direct = incoming + QLatin1Char('/') + name;
-    if (QFileInfo(direct).isDir())
-        return direct;
+    if (QFileInfo(direct).isDir()) return direct;
     QStringList kept;
-    for (const QString &entry : QDir(incoming).entryList(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden | QDir::System)) {
-        if (entry.startsWith(QLatin1Char('.')) || entry == QLatin1String("__MACOSX"))
-            continue;
+    for (const QString &entry :
+         QDir(incoming).entryList(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden | QDir::System)) {
+        if (entry.startsWith(QLatin1Char('.')) || entry == QLatin1String("__MACOSX")) continue;
         kept.append(entry);
     }
     if (kept.size() == 1) {
         const QString nested = incoming + QLatin1Char('/') + kept.first() + QLatin1Char('/') + name;
-        if (QFileInfo(nested).isDir())
-            return nested;
+        if (QFileInfo(nested).isDir()) return nested;
     }
     throw Error(QStringLiteral("pacote sem a pasta ") + name);
 }
@@ -57,7 +57,7 @@ void verifyDigest(const QString &path, const SceneCatalog::Entry &entry)
     const QString actual = sha256Of(path);
     if (actual.compare(entry.sha256, Qt::CaseInsensitive) != 0)
         throw Error(QStringLiteral("SHA-256 não confere em %1 (esperado %2, obtido %3)")
-                               .arg(entry.file, entry.sha256.toLower(), actual));
+                        .arg(entry.file, entry.sha256.toLower(), actual));
 }
 
 void removeTree(const QString &path)
@@ -71,8 +71,7 @@ void removeTree(const QString &path)
 
 void renameOrThrow(const QString &from, const QString &to)
 {
-    if (!QDir().rename(from, to))
-        throw Error(QStringLiteral("não foi possível mover %1 para %2").arg(from, to));
+    if (!QDir().rename(from, to)) throw Error(QStringLiteral("não foi possível mover %1 para %2").arg(from, to));
 }
 
 void writeJson(const QString &path, const QJsonObject &object)
@@ -91,8 +90,7 @@ void installBase(const QString &root, const QString &package, const SceneCatalog
     const QString incoming = root + QLatin1Char('/') + kIncoming;
     const QString old = root + QLatin1Char('/') + kOld;
     removeTree(incoming);
-    if (!QDir().mkpath(incoming))
-        throw Error(QStringLiteral("não foi possível criar %1").arg(incoming));
+    if (!QDir().mkpath(incoming)) throw Error(QStringLiteral("não foi possível criar %1").arg(incoming));
     try {
         SceneUnpacker::unpack(package, incoming, SceneUnpacker::limitFor(entry));
         if (!QFileInfo(incoming + QLatin1Char('/') + kManifest).isFile())
@@ -104,18 +102,16 @@ void installBase(const QString &root, const QString &package, const SceneCatalog
     }
     removeTree(old);
     const bool hadScene = QFileInfo::exists(scenes);
-    if (hadScene)
-        renameOrThrow(scenes, old);
+    if (hadScene) renameOrThrow(scenes, old);
     if (!QDir().rename(incoming, scenes)) {
-        if (hadScene)
-            QDir().rename(old, scenes);
+        if (hadScene) QDir().rename(old, scenes);
         throw Error(QStringLiteral("não foi possível mover %1 para %2").arg(incoming, scenes));
     }
     removeTree(old);
 }
 
 void installFraming(const QString &root, const QString &name, const QList<SceneCatalog::Entry> &packages,
-                         const QString &baseDigest)
+                    const QString &baseDigest)
 {
     const QString scenes = root + QLatin1Char('/') + kScenes;
     const QString incoming = root + QLatin1Char('/') + kFramingIncoming;
@@ -126,11 +122,9 @@ void installFraming(const QString &root, const QString &name, const QList<SceneC
     QDir().mkpath(old);
     // The replaced folder keeps its name inside "Framing.old", so recover() knows where it goes.
     const bool hadFraming = QFileInfo::exists(target);
-    if (hadFraming)
-        renameOrThrow(target, old + QLatin1Char('/') + name);
+    if (hadFraming) renameOrThrow(target, old + QLatin1Char('/') + name);
     if (!QDir().rename(found, target)) {
-        if (hadFraming)
-            QDir().rename(old + QLatin1Char('/') + name, target);
+        if (hadFraming) QDir().rename(old + QLatin1Char('/') + name, target);
         throw Error(QStringLiteral("não foi possível mover %1 para %2").arg(found, target));
     }
     const QString recordPath = scenes + QLatin1Char('/') + kFramingsRecord;
@@ -170,7 +164,8 @@ void recover(const QString &root)
         for (const QString &name : QDir(framingOld).entryList(QDir::Dirs | QDir::NoDotAndDotDot)) {
             const QString target = scenes + QLatin1Char('/') + name;
             if (!QFileInfo::exists(target) && QDir().rename(framingOld + QLatin1Char('/') + name, target))
-                Log::write(QStringLiteral("Cenas: enquadramento ") + name + QStringLiteral(" restaurado de ") + kFramingOld);
+                Log::write(QStringLiteral("Cenas: enquadramento ") + name + QStringLiteral(" restaurado de ") +
+                           kFramingOld);
         }
     }
     removeTree(framingOld);

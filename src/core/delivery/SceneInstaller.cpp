@@ -50,8 +50,7 @@ void inBackground(QObject *context, std::function<void()> work, std::function<vo
 std::optional<SceneCatalog> cachedCatalog(const QString &path)
 {
     const auto doc = StateFile::readJson(path);
-    if (!doc)
-        return std::nullopt;
+    if (!doc) return std::nullopt;
     try {
         return SceneCatalog::parse(doc->toJson(QJsonDocument::Compact));
     } catch (const SceneCatalog::ParseError &) {
@@ -64,11 +63,12 @@ QString megabytes(qint64 bytes) { return QString::number(double(bytes) / 1e6, 'f
 }  // namespace
 
 SceneInstaller::SceneInstaller(Settings &settings, Options opts, QObject *parent)
-    : QObject(parent), settings(settings), options(std::move(opts))
+    : QObject(parent)
+    , settings(settings)
+    , options(std::move(opts))
 {
     rootPath = options.root.isEmpty() ? SceneLocation::supportDirectory() : options.root;
-    if (options.appVersion.isEmpty())
-        options.appVersion = AppIdentity::version();
+    if (options.appVersion.isEmpty()) options.appVersion = AppIdentity::version();
     if (!options.schedule) {
         options.schedule = [this](std::chrono::seconds delay, std::function<void()> then) {
             QTimer::singleShot(std::chrono::duration_cast<std::chrono::milliseconds>(delay), this, std::move(then));
@@ -90,8 +90,7 @@ QString SceneInstaller::downloadsPath() const { return rootPath + QLatin1Char('/
 QString SceneInstaller::baseURL() const
 {
     QString url = options.baseURL.isEmpty() ? settings.contentServiceURL() : options.baseURL;
-    if (!url.endsWith(QLatin1Char('/')))
-        url += QLatin1Char('/');
+    if (!url.endsWith(QLatin1Char('/'))) url += QLatin1Char('/');
     return url;
 }
 
@@ -110,16 +109,14 @@ void SceneInstaller::recover(const QString &root) { SceneDisk::recover(root); }
 
 void SceneInstaller::setPhase(Phase phase)
 {
-    if (phase == currentPhase)
-        return;
+    if (phase == currentPhase) return;
     currentPhase = std::move(phase);
     emit phaseChanged();
 }
 
 void SceneInstaller::setNotice(const QString &text)
 {
-    if (noticeText == text)
-        return;
+    if (noticeText == text) return;
     noticeText = text;
     emit noticeChanged();
 }
@@ -127,8 +124,7 @@ void SceneInstaller::setNotice(const QString &text)
 void SceneInstaller::sync()
 {
     Q_ASSERT(QThread::currentThread() == thread());
-    if (busy)
-        return;
+    if (busy) return;
     busy = true;
     ++retryGeneration;
     run();
@@ -155,8 +151,7 @@ void SceneInstaller::fetchCatalog(std::function<void(std::optional<SceneCatalog>
     const auto tag = settings.sceneCatalogETag();
     // A 304 is answered from the cache, so the tag goes only with a cache that reads.
     std::optional<SceneCatalog> cached = tag ? cachedCatalog(cache) : std::nullopt;
-    if (cached)
-        request.setRawHeader("If-None-Match", tag->toLatin1());
+    if (cached) request.setRawHeader("If-None-Match", tag->toLatin1());
     QNetworkReply *reply = network->get(request);
     connect(reply, &QNetworkReply::finished, this, [this, reply, cache, cached, then] {
         reply->deleteLater();
@@ -168,8 +163,7 @@ void SceneInstaller::fetchCatalog(std::function<void(std::optional<SceneCatalog>
         const int status = code.toInt();
         try {
             if (status == 304) {
-                if (!cached)
-                    throw SceneDisk::Error(QStringLiteral("catálogo em cache ilegível: ") + cache);
+                if (!cached) throw SceneDisk::Error(QStringLiteral("catálogo em cache ilegível: ") + cache);
                 then(*cached, {});
             } else if (status == 200) {
                 const QByteArray body = reply->readAll();
@@ -187,7 +181,8 @@ void SceneInstaller::fetchCatalog(std::function<void(std::optional<SceneCatalog>
             } else {
                 QString text = QStringLiteral("HTTP %1 ao buscar o catálogo").arg(status);
                 if (reply->hasRawHeader("Retry-After"))
-                    text += QStringLiteral(" (Retry-After: %1)").arg(QString::fromLatin1(reply->rawHeader("Retry-After")));
+                    text +=
+                        QStringLiteral(" (Retry-After: %1)").arg(QString::fromLatin1(reply->rawHeader("Retry-After")));
                 then(std::nullopt, text);
             }
         } catch (const std::exception &e) {
@@ -229,7 +224,10 @@ void SceneInstaller::catalogArrived(const SceneCatalog &catalog)
     emit sceneTitleChanged();
     setPhase({Phase::downloading, 0, entry.size});
     download(
-        entry, [this](qint64 received, qint64 total) { setPhase({Phase::downloading, received, total}); },
+        entry,
+        [this](qint64 received, qint64 total) {
+            setPhase({Phase::downloading, received, total});
+        },
         [this, entry](const PackageDownload::Outcome &outcome) {
             if (!outcome.ok) {
                 runFailed(outcome.message, outcome.userText);
@@ -264,8 +262,7 @@ void SceneInstaller::download(const SceneCatalog::Entry &entry, std::function<vo
     auto *job = new PackageDownload(entry, downloadsPath(), baseURL(), this);
     job->manager = network.get();
     job->extraSpaceNeeded = entry.unpackedSize.value_or(entry.size);
-    if (options.freeSpace)
-        job->freeSpace = options.freeSpace;
+    if (options.freeSpace) job->freeSpace = options.freeSpace;
     job->onProgress = std::move(progress);
     job->onRestart = [this] { setNotice(QString::fromUtf8(PackageDownload::kChangedOnServerText)); };
     job->onFinished = [job, then](const PackageDownload::Outcome &outcome) {
@@ -292,8 +289,7 @@ void SceneInstaller::installBase(const SceneCatalog::Entry &entry, const QString
             setNotice({});
             setPhase({Phase::ready});
             Log::write(QStringLiteral("Cenas: ") + entry.title + QStringLiteral(" instalada"));
-            if (onInstalled)
-                onInstalled();
+            if (onInstalled) onInstalled();
             refreshDownloadable();
             endRun({});
         });
@@ -319,24 +315,21 @@ void SceneInstaller::fail(const QString &message, bool transient)
         setPhase({Phase::ready});
     else
         setPhase({Phase::failed, 0, 0, message});
-    if (!transient)
-        return;
+    if (!transient) return;
     ++failures;
     const std::chrono::seconds delay = retryDelay(failures);
     Log::write(QStringLiteral("Cenas: nova tentativa em %1 s").arg(delay.count()));
     const quint64 generation = ++retryGeneration;
     QPointer<SceneInstaller> self(this);
     options.schedule(delay, [self, generation] {
-        if (self && self->retryGeneration == generation)
-            self->sync();
+        if (self && self->retryGeneration == generation) self->sync();
     });
 }
 
 std::optional<SceneCatalog::Entry> SceneInstaller::installedEntry() const
 {
     const auto doc = StateFile::readJson(scenesPath() + QLatin1Char('/') + kInstalledRecord);
-    if (!doc || !doc->isObject())
-        return std::nullopt;
+    if (!doc || !doc->isObject()) return std::nullopt;
     try {
         return SceneCatalog::Entry::fromJson(doc->object());
     } catch (const SceneCatalog::ParseError &) {
@@ -346,8 +339,7 @@ std::optional<SceneCatalog::Entry> SceneInstaller::installedEntry() const
 
 void SceneInstaller::refreshDownloadable()
 {
-    if (!lastCatalog)
-        lastCatalog = cachedCatalog(downloadsPath() + QStringLiteral("/catalog.json"));
+    if (!lastCatalog) lastCatalog = cachedCatalog(downloadsPath() + QStringLiteral("/catalog.json"));
     entries.clear();
     sizes.clear();
     downloadableNames.clear();
@@ -356,11 +348,9 @@ void SceneInstaller::refreshDownloadable()
         entries = lastCatalog->framings(*installed, options.appVersion);
         for (auto it = entries.cbegin(); it != entries.cend(); ++it) {
             qint64 total = 0;
-            for (const SceneCatalog::Entry &e : it.value())
-                total += e.size;
+            for (const SceneCatalog::Entry &e : it.value()) total += e.size;
             sizes.insert(it.key(), total);
-            if (!QFileInfo(scenesPath() + QLatin1Char('/') + it.key()).isDir())
-                downloadableNames.insert(it.key());
+            if (!QFileInfo(scenesPath() + QLatin1Char('/') + it.key()).isDir()) downloadableNames.insert(it.key());
         }
     }
     emit framingsChanged();
@@ -369,13 +359,11 @@ void SceneInstaller::refreshDownloadable()
 void SceneInstaller::installFraming(const QList<SceneCatalog::Entry> &packages, const QString &name)
 {
     Q_ASSERT(QThread::currentThread() == thread());
-    if (framingBusy)
-        return;
+    if (framingBusy) return;
     framingBusy = true;
     failedFramings.remove(name);
     qint64 total = 0;
-    for (const SceneCatalog::Entry &e : packages)
-        total += e.size;
+    for (const SceneCatalog::Entry &e : packages) total += e.size;
     Log::write(QStringLiteral("Cenas: baixando enquadramento %1 (%2 MB em %3 pacote(s))")
                    .arg(name, megabytes(total))
                    .arg(packages.size()));

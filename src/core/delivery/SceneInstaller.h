@@ -51,7 +51,8 @@ public:
         std::function<qint64(const QString &path)> freeSpace;
     };
 
-    static constexpr const char *kNoSceneText = "No room is available for this version of Turnelo. Check for an update.";
+    static constexpr const char *kNoSceneText =
+        "No room is available for this version of Turnelo. Check for an update.";
     static constexpr const char *kFailedText = "The room couldn’t be installed. Turnelo will try again later.";
     static constexpr const char *kFramingFailedText = "Couldn’t download this framing. Click to try again.";
 

@@ -21,10 +21,8 @@ struct WriteCloser {
 
 QString entryName(archive_entry *e)
 {
-    if (const char *utf8 = archive_entry_pathname_utf8(e))
-        return QString::fromUtf8(utf8);
-    if (const char *raw = archive_entry_pathname(e))
-        return QFile::decodeName(raw);
+    if (const char *utf8 = archive_entry_pathname_utf8(e)) return QString::fromUtf8(utf8);
+    if (const char *raw = archive_entry_pathname(e)) return QFile::decodeName(raw);
     return {};
 }
 
@@ -33,11 +31,9 @@ bool staysInside(const QString &path)
 {
     QStringList parts;
     for (const QString &p : path.split(QLatin1Char('/'), Qt::SkipEmptyParts)) {
-        if (p == QLatin1String("."))
-            continue;
+        if (p == QLatin1String(".")) continue;
         if (p == QLatin1String("..")) {
-            if (parts.isEmpty())
-                return false;
+            if (parts.isEmpty()) return false;
             parts.removeLast();
         } else {
             parts.append(p);
@@ -46,19 +42,14 @@ bool staysInside(const QString &path)
     return true;
 }
 
-bool hasDotDot(const QString &name)
-{
-    return name.split(QLatin1Char('/')).contains(QStringLiteral(".."));
-}
+bool hasDotDot(const QString &name) { return name.split(QLatin1Char('/')).contains(QStringLiteral("..")); }
 
 void checkName(const QString &name, const char *what)
 {
-    if (name.isEmpty())
-        throw Failure(std::string("pacote com ") + what + " vazio");
+    if (name.isEmpty()) throw Failure(std::string("pacote com ") + what + " vazio");
     if (name.startsWith(QLatin1Char('/')))
         throw Failure(QStringLiteral("pacote com caminho absoluto: %1").arg(name).toStdString());
-    if (hasDotDot(name))
-        throw Failure(QStringLiteral("pacote com \"..\" no caminho: %1").arg(name).toStdString());
+    if (hasDotDot(name)) throw Failure(QStringLiteral("pacote com \"..\" no caminho: %1").arg(name).toStdString());
 }
 
 [[noreturn]] void archiveFailure(archive *a, const QString &context)
@@ -73,16 +64,14 @@ void checkName(const QString &name, const char *what)
 
 qint64 limitFor(const SceneCatalog::Entry &entry)
 {
-    if (entry.unpackedSize && *entry.unpackedSize > 0)
-        return *entry.unpackedSize;
+    if (entry.unpackedSize && *entry.unpackedSize > 0) return *entry.unpackedSize;
     return entry.size * 16 + (64LL << 20);
 }
 
 qint64 unpack(const QString &archivePath, const QString &folder, qint64 maxBytes)
 {
     const QString root = QFileInfo(folder).canonicalFilePath();
-    if (root.isEmpty())
-        throw Failure(QStringLiteral("pasta de destino inexistente: %1").arg(folder).toStdString());
+    if (root.isEmpty()) throw Failure(QStringLiteral("pasta de destino inexistente: %1").arg(folder).toStdString());
 
     std::unique_ptr<archive, ReadCloser> in(archive_read_new());
     archive_read_support_format_zip(in.get());
@@ -97,17 +86,13 @@ qint64 unpack(const QString &archivePath, const QString &folder, qint64 maxBytes
     for (;;) {
         archive_entry *e = nullptr;
         const int r = archive_read_next_header(in.get(), &e);
-        if (r == ARCHIVE_EOF)
-            break;
-        if (r < ARCHIVE_WARN)
-            archiveFailure(in.get(), archivePath);
+        if (r == ARCHIVE_EOF) break;
+        if (r < ARCHIVE_WARN) archiveFailure(in.get(), archivePath);
 
         QString name = entryName(e);
         checkName(name, "nome");
-        while (name.startsWith(QLatin1String("./")))
-            name = name.mid(2);
-        if (name.isEmpty() || name == QLatin1String("."))
-            continue;
+        while (name.startsWith(QLatin1String("./"))) name = name.mid(2);
+        if (name.isEmpty() || name == QLatin1String(".")) continue;
 
         const mode_t type = archive_entry_filetype(e);
         const char *hardlink = archive_entry_hardlink(e);
@@ -117,9 +102,11 @@ qint64 unpack(const QString &archivePath, const QString &folder, qint64 maxBytes
             archive_entry_copy_hardlink(e, QFile::encodeName(root + QLatin1Char('/') + target).constData());
         } else if (type == AE_IFLNK) {
             const QString target = QFile::decodeName(archive_entry_symlink(e));
-            const QString dir = name.contains(QLatin1Char('/')) ? name.left(name.lastIndexOf(QLatin1Char('/')) + 1) : QString();
+            const QString dir =
+                name.contains(QLatin1Char('/')) ? name.left(name.lastIndexOf(QLatin1Char('/')) + 1) : QString();
             if (target.isEmpty() || target.startsWith(QLatin1Char('/')) || !staysInside(dir + target))
-                throw Failure(QStringLiteral("pacote com link para fora da pasta: %1 -> %2").arg(name, target).toStdString());
+                throw Failure(
+                    QStringLiteral("pacote com link para fora da pasta: %1 -> %2").arg(name, target).toStdString());
             links.append(name);
         } else if (type == AE_IFDIR) {
             archive_entry_set_perm(e, 0755);
@@ -133,18 +120,15 @@ qint64 unpack(const QString &archivePath, const QString &folder, qint64 maxBytes
         }
         archive_entry_copy_pathname(e, QFile::encodeName(root + QLatin1Char('/') + name).constData());
 
-        if (archive_write_header(out.get(), e) < ARCHIVE_WARN)
-            archiveFailure(out.get(), name);
+        if (archive_write_header(out.get(), e) < ARCHIVE_WARN) archiveFailure(out.get(), name);
         if (!hardlink && type == AE_IFREG) {
             for (;;) {
                 const void *buffer = nullptr;
                 size_t size = 0;
                 la_int64_t offset = 0;
                 const int d = archive_read_data_block(in.get(), &buffer, &size, &offset);
-                if (d == ARCHIVE_EOF)
-                    break;
-                if (d < ARCHIVE_WARN)
-                    archiveFailure(in.get(), name);
+                if (d == ARCHIVE_EOF) break;
+                if (d < ARCHIVE_WARN) archiveFailure(in.get(), name);
                 written += qint64(size);
                 if (written > maxBytes)
                     throw Failure(QStringLiteral("pacote maior que o permitido: mais de %1 bytes descompactados")
@@ -154,11 +138,9 @@ qint64 unpack(const QString &archivePath, const QString &folder, qint64 maxBytes
                     archiveFailure(out.get(), name);
             }
         }
-        if (archive_write_finish_entry(out.get()) < ARCHIVE_WARN)
-            archiveFailure(out.get(), name);
+        if (archive_write_finish_entry(out.get()) < ARCHIVE_WARN) archiveFailure(out.get(), name);
     }
-    if (archive_write_close(out.get()) < ARCHIVE_WARN)
-        archiveFailure(out.get(), folder);
+    if (archive_write_close(out.get()) < ARCHIVE_WARN) archiveFailure(out.get(), folder);
     // Lexical checks cannot see links through links ("s -> .", "t -> s/.."): judge every link by
     // where it really leads now that the whole tree exists. A dangling link is refused too.
     for (const QString &name : links) {

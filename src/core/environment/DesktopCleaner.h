@@ -30,8 +30,8 @@ public:
 
     // `settings` and `launcher` must outlive the cleaner; a null `prefs` means this desktop
     // has no back end. Reads the desktop's preferences once (reload()), blocking likewise.
-    DesktopCleaner(Settings &settings, std::unique_ptr<DesktopPreferences> prefs,
-                   ProcessLauncher &launcher, QObject *parent = nullptr);
+    DesktopCleaner(Settings &settings, std::unique_ptr<DesktopPreferences> prefs, ProcessLauncher &launcher,
+                   QObject *parent = nullptr);
     ~DesktopCleaner() override;
 
     static QString unavailableText();

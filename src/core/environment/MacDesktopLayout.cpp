@@ -10,8 +10,8 @@ const DesktopPreferences::Layout &macDesktopLayout()
             {finder, QStringLiteral("CreateDesktop"), Control::hideIcons, false, true, true},
             {windowManager, QStringLiteral("StandardHideDesktopIcons"), Control::hideIcons, true, false, false},
             {windowManager, QStringLiteral("StandardHideWidgets"), Control::hideWidgets, true, false, false},
-            {windowManager, QStringLiteral("EnableStandardClickToShowDesktop"),
-             Control::clickOnlyInStageManager, false, true, true},
+            {windowManager, QStringLiteral("EnableStandardClickToShowDesktop"), Control::clickOnlyInStageManager, false,
+             true, true},
         },
         {
             {finder, QStringLiteral("/usr/bin/killall"), {QStringLiteral("Finder")}},

@@ -3,10 +3,7 @@
 #include "core/app/Log.h"
 #include "core/environment/PowerSource.h"
 
-QList<PowerMonitor::Trigger> PowerMonitor::triggers()
-{
-    return {Trigger::battery, Trigger::lowPower};
-}
+QList<PowerMonitor::Trigger> PowerMonitor::triggers() { return {Trigger::battery, Trigger::lowPower}; }
 
 QString PowerMonitor::rawValue(Trigger trigger)
 {
@@ -20,7 +17,9 @@ QString PowerMonitor::title(Trigger trigger)
 }
 
 PowerMonitor::PowerMonitor(Settings &settings, PowerSource *source, QObject *parent)
-    : QObject(parent), settings(settings), source(source)
+    : QObject(parent)
+    , settings(settings)
+    , source(source)
 {
     lowPower = source && source->lowPowerMode();
     enabled = settings.ecoMode();
@@ -41,30 +40,24 @@ PowerMonitor::PowerMonitor(Settings &settings, PowerSource *source, QObject *par
 
 bool PowerMonitor::ecoActive() const
 {
-    if (!enabled)
-        return false;
-    if (chosenTrigger == Trigger::battery)
-        return battery || lowPower;
+    if (!enabled) return false;
+    if (chosenTrigger == Trigger::battery) return battery || lowPower;
     return lowPower;
 }
 
-template <typename Change>
-void PowerMonitor::publishing(Change &&change)
+template <typename Change> void PowerMonitor::publishing(Change &&change)
 {
     const bool wasActive = ecoActive();
-    if (!change())
-        return;
+    if (!change()) return;
     emit changed();
     const bool active = ecoActive();
-    if (active != wasActive)
-        emit ecoActiveChanged(active);
+    if (active != wasActive) emit ecoActiveChanged(active);
 }
 
 void PowerMonitor::setEcoEnabled(bool on)
 {
     publishing([&] {
-        if (on == enabled)
-            return false;
+        if (on == enabled) return false;
         enabled = on;
         settings.setEcoMode(on);
         return true;
@@ -74,8 +67,7 @@ void PowerMonitor::setEcoEnabled(bool on)
 void PowerMonitor::setTrigger(Trigger trigger)
 {
     publishing([&] {
-        if (trigger == chosenTrigger)
-            return false;
+        if (trigger == chosenTrigger) return false;
         chosenTrigger = trigger;
         settings.setEcoTrigger(trigger);
         return true;
@@ -84,11 +76,9 @@ void PowerMonitor::setTrigger(Trigger trigger)
 
 void PowerMonitor::read()
 {
-    if (!source)
-        return;
+    if (!source) return;
     const std::optional<PowerSource::Reading> reading = source->read();
-    if (!reading)
-        return;
+    if (!reading) return;
     publishing([&] {
         bool any = false;
         if (reading->hasBattery != batteryPresent) {
@@ -97,8 +87,7 @@ void PowerMonitor::read()
         }
         if (reading->onBattery != battery) {
             battery = reading->onBattery;
-            Log::write(QStringLiteral("Energia: ")
-                       + (battery ? QStringLiteral("bateria") : QStringLiteral("tomada")));
+            Log::write(QStringLiteral("Energia: ") + (battery ? QStringLiteral("bateria") : QStringLiteral("tomada")));
             any = true;
         }
         return any;
@@ -109,8 +98,7 @@ void PowerMonitor::readLowPowerMode()
 {
     const bool now = source->lowPowerMode();
     publishing([&] {
-        if (now == lowPower)
-            return false;
+        if (now == lowPower) return false;
         lowPower = now;
         return true;
     });

@@ -60,8 +60,7 @@ private:
     void readLowPowerMode();
     // Runs `change`, then publishes: changed() when `touched` reports a change, and
     // ecoActiveChanged() when the answer flipped.
-    template <typename Change>
-    void publishing(Change &&change);
+    template <typename Change> void publishing(Change &&change);
 
     Settings &settings;
     PowerSource *source;

@@ -8,8 +8,7 @@ std::optional<QString> SystemProcessLauncher::run(const QString &program, const 
     process.setStandardOutputFile(QProcess::nullDevice());
     process.setStandardErrorFile(QProcess::nullDevice());
     process.start(program, arguments);
-    if (!process.waitForStarted(-1))
-        return process.errorString();
+    if (!process.waitForStarted(-1)) return process.errorString();
     process.waitForFinished(-1);
     return std::nullopt;
 }

@@ -17,16 +17,13 @@
 
 namespace {
 
-constexpr double staleAfter = 900;     // seconds between successful fetches
-constexpr double retryAfter = 300;     // seconds after a failed one
+constexpr double staleAfter = 900;  // seconds between successful fetches
+constexpr double retryAfter = 300;  // seconds after a failed one
 constexpr double failureBackdate = staleAfter - retryAfter;
 
 // Shortest text that reads back as the same double, never in exponent form (the query and the
 // log both want plain decimals).
-QString decimal(double x)
-{
-    return QString::number(x, 'f', QLocale::FloatingPointShortest);
-}
+QString decimal(double x) { return QString::number(x, 'f', QLocale::FloatingPointShortest); }
 
 }  // namespace
 
@@ -54,8 +51,7 @@ std::optional<WeatherService::Reading> WeatherService::readAnswer(const QByteArr
     const QJsonValue code = object.value(QStringLiteral("weather_code"));
     if (code.isDouble()) {
         const double c = code.toDouble();
-        if (std::isfinite(c) && c == std::floor(c) && std::abs(c) < 1e15)
-            reading.code = qint64(c);
+        if (std::isfinite(c) && c == std::floor(c) && std::abs(c) < 1e15) reading.code = qint64(c);
     }
     return reading;
 }
@@ -66,19 +62,25 @@ namespace {
 QString transferError(const QNetworkReply &reply)
 {
     const int status = reply.attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
-    if (status >= 400)
-        return QStringLiteral("HTTP %1").arg(status);
+    if (status >= 400) return QStringLiteral("HTTP %1").arg(status);
     switch (reply.error()) {
-    case QNetworkReply::ConnectionRefusedError: return QStringLiteral("conexão recusada");
-    case QNetworkReply::RemoteHostClosedError: return QStringLiteral("conexão encerrada pelo servidor");
-    case QNetworkReply::HostNotFoundError: return QStringLiteral("servidor não encontrado");
+    case QNetworkReply::ConnectionRefusedError:
+        return QStringLiteral("conexão recusada");
+    case QNetworkReply::RemoteHostClosedError:
+        return QStringLiteral("conexão encerrada pelo servidor");
+    case QNetworkReply::HostNotFoundError:
+        return QStringLiteral("servidor não encontrado");
     // The transfer timeout ends a reply as cancelled; nothing else cancels one that is still heard.
     case QNetworkReply::OperationCanceledError:
-    case QNetworkReply::TimeoutError: return QStringLiteral("tempo esgotado");
-    case QNetworkReply::SslHandshakeFailedError: return QStringLiteral("falha no TLS");
+    case QNetworkReply::TimeoutError:
+        return QStringLiteral("tempo esgotado");
+    case QNetworkReply::SslHandshakeFailedError:
+        return QStringLiteral("falha no TLS");
     case QNetworkReply::TemporaryNetworkFailureError:
-    case QNetworkReply::NetworkSessionFailedError: return QStringLiteral("sem rede");
-    default: return QStringLiteral("erro de rede %1").arg(int(reply.error()));
+    case QNetworkReply::NetworkSessionFailedError:
+        return QStringLiteral("sem rede");
+    default:
+        return QStringLiteral("erro de rede %1").arg(int(reply.error()));
     }
 }
 
@@ -118,8 +120,7 @@ QString WeatherService::City::name() const
         {QStringLiteral("tokyo"), QStringLiteral("Tokyo")},
     };
     for (const auto &[key, name] : names)
-        if (key == id)
-            return name;
+        if (key == id) return name;
     return id;
 }
 
@@ -150,8 +151,7 @@ WeatherService::City WeatherService::city(const Settings &settings)
 {
     const QString id = settings.weatherCity();
     for (const City &c : cities())
-        if (c.id == id)
-            return c;
+        if (c.id == id) return c;
     // An unknown id keeps its name but takes São Paulo's coordinates.
     City fallback = cities().front();
     fallback.id = id;
@@ -194,12 +194,11 @@ WeatherService::Place WeatherService::place() const
 
 void WeatherService::settingChanged(const QString &key)
 {
-    if (key != QLatin1String("weatherCity") && key != QLatin1String("weatherLatitude")
-        && key != QLatin1String("weatherLongitude"))
+    if (key != QLatin1String("weatherCity") && key != QLatin1String("weatherLatitude") &&
+        key != QLatin1String("weatherLongitude"))
         return;
     // Coordinates are written as two keys in a row: act once, after both.
-    if (placeChangePending)
-        return;
+    if (placeChangePending) return;
     placeChangePending = true;
     QTimer::singleShot(0, this, &WeatherService::placeChanged);
 }
@@ -213,8 +212,7 @@ void WeatherService::placeChanged()
 
 void WeatherService::woke()
 {
-    if (!inFlight)
-        lastFetch.reset();
+    if (!inFlight) lastFetch.reset();
     refreshIfStale();
 }
 
@@ -224,18 +222,15 @@ void WeatherService::refreshIfStale()
         publish(*debug == QLatin1String("rain") ? Now{true, 0.7} : Now{false, 0});
         return;
     }
-    if (inFlight)
-        return;
-    if (lastFetch && clock() - *lastFetch < staleAfter)
-        return;
+    if (inFlight) return;
+    if (lastFetch && clock() - *lastFetch < staleAfter) return;
 
     const Place asked = place();
     QString base = settings.weatherServiceURL();
-    if (!base.endsWith(QLatin1Char('/')))
-        base += QLatin1Char('/');
-    const QUrl url(base + QStringLiteral("v1/forecast?latitude=") + decimal(asked.latitude)
-                   + QStringLiteral("&longitude=") + decimal(asked.longitude)
-                   + QStringLiteral("&current=precipitation,rain,weather_code"));
+    if (!base.endsWith(QLatin1Char('/'))) base += QLatin1Char('/');
+    const QUrl url(base + QStringLiteral("v1/forecast?latitude=") + decimal(asked.latitude) +
+                   QStringLiteral("&longitude=") + decimal(asked.longitude) +
+                   QStringLiteral("&current=precipitation,rain,weather_code"));
     QNetworkRequest request(url);
     request.setTransferTimeout(timeoutMs);
     request.setAttribute(QNetworkRequest::CacheLoadControlAttribute, QNetworkRequest::AlwaysNetwork);
@@ -261,14 +256,12 @@ void WeatherService::finished(QNetworkReply *reply, const Place &asked)
         lastFetch = clock() - failureBackdate;
     } else {
         const Now next = reading->now();
-        Log::write(QStringLiteral("Clima ") + asked.label + QStringLiteral(": código ")
-                   + QString::number(reading->code) + QStringLiteral(", chuva ") + decimal(reading->rain)
-                   + QStringLiteral(" mm/h → ")
-                   + (next.raining ? QStringLiteral("chovendo") : QStringLiteral("seco")));
+        Log::write(QStringLiteral("Clima ") + asked.label + QStringLiteral(": código ") +
+                   QString::number(reading->code) + QStringLiteral(", chuva ") + decimal(reading->rain) +
+                   QStringLiteral(" mm/h → ") + (next.raining ? QStringLiteral("chovendo") : QStringLiteral("seco")));
         lastFetch = clock();
         // An answer for a place that is no longer chosen is not shown; the new place is asked.
-        if (asked == place())
-            publish(next);
+        if (asked == place()) publish(next);
     }
 
     if (!(asked == place())) {
@@ -279,9 +272,7 @@ void WeatherService::finished(QNetworkReply *reply, const Place &asked)
 
 void WeatherService::publish(const Now &next)
 {
-    if (next == current)
-        return;
+    if (next == current) return;
     current = next;
-    if (onChange)
-        onChange(current);
+    if (onChange) onChange(current);
 }

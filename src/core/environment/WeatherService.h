@@ -47,8 +47,7 @@ public:
     using Clock = std::function<double()>;
 
     // `settings` must outlive the service. A null `network` makes the service own one.
-    explicit WeatherService(Settings &settings, QNetworkAccessManager *network = nullptr,
-                            QObject *parent = nullptr);
+    explicit WeatherService(Settings &settings, QNetworkAccessManager *network = nullptr, QObject *parent = nullptr);
     ~WeatherService() override;
 
     // The built-in cities, in menu order.

@@ -12,8 +12,7 @@ double smoothstep(double u) { return u * u * (3.0 - 2.0 * u); }
 
 void prune(Blend &blend)
 {
-    for (auto it = blend.begin(); it != blend.end();)
-        it = it->second > keepAbove ? std::next(it) : blend.erase(it);
+    for (auto it = blend.begin(); it != blend.end();) it = it->second > keepAbove ? std::next(it) : blend.erase(it);
 }
 
 // "6:30" → 390; anything that does not leave exactly two numbers is no keyframe.
@@ -23,11 +22,9 @@ std::optional<double> minuteOf(const QString &time)
     for (const QString &piece : time.split(QLatin1Char(':'), Qt::SkipEmptyParts)) {
         bool ok = false;
         const double n = piece.toDouble(&ok);
-        if (ok)
-            parts.push_back(n);
+        if (ok) parts.push_back(n);
     }
-    if (parts.size() != 2)
-        return std::nullopt;
+    if (parts.size() != 2) return std::nullopt;
     return parts[0] * 60 + parts[1];
 }
 
@@ -39,10 +36,8 @@ LightMixer::LightMixer(const PlateManifest &manifest)
         presets[name] = Preset{std::move(recipe.terms), recipe.vignette, recipe.grain};
     order = manifest.presetOrder();
     for (const QStringList &entry : manifest.clock) {
-        if (entry.size() != 2 || !presets.count(entry[1]))
-            continue;
-        if (const auto minute = minuteOf(entry[0]))
-            keyframes.push_back({*minute, entry[1]});
+        if (entry.size() != 2 || !presets.count(entry[1])) continue;
+        if (const auto minute = minuteOf(entry[0])) keyframes.push_back({*minute, entry[1]});
     }
     std::stable_sort(keyframes.begin(), keyframes.end(),
                      [](const Keyframe &a, const Keyframe &b) { return a.minute < b.minute; });
@@ -51,8 +46,7 @@ LightMixer::LightMixer(const PlateManifest &manifest)
 Blend LightMixer::clockBlend(const QDateTime &date) const
 {
     if (keyframes.empty()) {
-        if (order.isEmpty())
-            return {};
+        if (order.isEmpty()) return {};
         return {{order.first(), 1.0}};
     }
     const QTime time = date.toLocalTime().time();
@@ -85,10 +79,8 @@ Blend LightMixer::value(double t) const
     const double u = std::clamp((t - transitionStart) / crossFadeSeconds, 0.0, 1.0);
     const double s = smoothstep(u);
     Blend result;
-    for (const auto &[k, w] : from)
-        result[k] += (1 - s) * w;
-    for (const auto &[k, w] : to)
-        result[k] += s * w;
+    for (const auto &[k, w] : from) result[k] += (1 - s) * w;
+    for (const auto &[k, w] : to) result[k] += s * w;
     prune(result);
     return result;
 }
@@ -97,8 +89,7 @@ double LightMixer::weighted(const Blend &blend, double Preset::*field) const
 {
     double sum = 0;
     for (const auto &[name, w] : blend)
-        if (const auto it = presets.find(name); it != presets.end())
-            sum += w * it->second.*field;
+        if (const auto it = presets.find(name); it != presets.end()) sum += w * it->second.*field;
     return sum;
 }
 
@@ -113,15 +104,13 @@ double LightMixer::distance(const Blend &a, const Blend &b)
         largest = std::max(largest, std::abs(w - (it == b.end() ? 0.0 : it->second)));
     }
     for (const auto &[k, w] : b)
-        if (!a.count(k))
-            largest = std::max(largest, std::abs(w));
+        if (!a.count(k)) largest = std::max(largest, std::abs(w));
     return largest;
 }
 
 Blend LightMixer::modeBlend(const QString &mode, const QDateTime &now) const
 {
-    if (presets.count(mode))
-        return {{mode, 1.0}};
+    if (presets.count(mode)) return {{mode, 1.0}};
     return clockBlend(now);
 }
 
@@ -152,11 +141,9 @@ void LightMixer::aim(const Blend &target, bool fade)
 
 bool LightMixer::settle(const std::function<bool(const QString &)> &ready, double t)
 {
-    if (!pending)
-        return false;
+    if (!pending) return false;
     for (const auto &[preset, weight] : *pending)
-        if (!ready(preset))
-            return false;
+        if (!ready(preset)) return false;
     if (pendingFade) {
         startCrossFade(*pending, t);
     } else {
@@ -170,8 +157,7 @@ bool LightMixer::settle(const std::function<bool(const QString &)> &ready, doubl
 bool LightMixer::tick(const QDateTime &now)
 {
     const Blend fresh = clockBlend(now);
-    if (distance(fresh, pending ? *pending : current) <= 0.002)
-        return false;
+    if (distance(fresh, pending ? *pending : current) <= 0.002) return false;
     aim(fresh, false);
     return true;
 }
@@ -180,14 +166,11 @@ QStringList LightMixer::wantedPresets(const QString &mode, const QDateTime &now)
 {
     std::set<QString> names;
     for (const Blend *b : {&current, &from, &to})
-        for (const auto &[k, w] : *b)
-            names.insert(k);
+        for (const auto &[k, w] : *b) names.insert(k);
     if (!presets.count(mode))
-        for (const auto &[k, w] : clockBlend(now.addSecs(600)))
-            names.insert(k);
+        for (const auto &[k, w] : clockBlend(now.addSecs(600))) names.insert(k);
     if (pending)
-        for (const auto &[k, w] : *pending)
-            names.insert(k);
+        for (const auto &[k, w] : *pending) names.insert(k);
     return QStringList(names.begin(), names.end());
 }
 
@@ -199,17 +182,14 @@ QString name(const QString &preset)
                                                   {QStringLiteral("dia"), QStringLiteral("Day")},
                                                   {QStringLiteral("tarde"), QStringLiteral("Afternoon")},
                                                   {QStringLiteral("noite"), QStringLiteral("Night")}};
-    if (const auto it = known.find(preset); it != known.end())
-        return it->second;
+    if (const auto it = known.find(preset); it != known.end()) return it->second;
     return PlateManifest::framingDisplayName(preset);  // same capitalisation rule
 }
 
 QString current(const std::optional<PlateManifest> &manifest, const QString &mode, const QDateTime &date)
 {
-    if (PlateManifest::canonicalPresets().contains(mode))
-        return mode;
-    if (!manifest)
-        return QStringLiteral("tarde");
+    if (PlateManifest::canonicalPresets().contains(mode)) return mode;
+    if (!manifest) return QStringLiteral("tarde");
     QString best = QStringLiteral("tarde");
     double bestWeight = -1;
     for (const auto &[k, w] : LightMixer(*manifest).clockBlend(date)) {
@@ -223,22 +203,18 @@ QString current(const std::optional<PlateManifest> &manifest, const QString &mod
 
 std::optional<double> position(const std::optional<PlateManifest> &manifest, const QDateTime &date)
 {
-    if (!manifest)
-        return std::nullopt;
+    if (!manifest) return std::nullopt;
     const Blend blend = LightMixer(*manifest).clockBlend(date);
-    if (blend.empty())
-        return std::nullopt;
+    if (blend.empty()) return std::nullopt;
     const bool wraps = blend.count(QStringLiteral("noite")) && blend.count(QStringLiteral("manha"));
     double sum = 0;
     for (const auto &[k, w] : blend) {
         const qsizetype index = PlateManifest::canonicalPresets().indexOf(k);
-        if (index < 0)
-            continue;
+        if (index < 0) continue;
         sum += w * (index == 0 && wraps ? 4.0 : double(index));
     }
     double p = (sum + 0.5) * 0.25;
-    if (p >= 1)
-        p -= 1;  // the night-to-morning fade wraps the dial
+    if (p >= 1) p -= 1;  // the night-to-morning fade wraps the dial
     return p;
 }
 

@@ -21,7 +21,8 @@ struct TwoStrongest {
     std::array<std::pair<const QString *, double>, 2> entries{};
     size_t count = 0;
 
-    explicit TwoStrongest(const Blend &blend) {
+    explicit TwoStrongest(const Blend &blend)
+    {
         for (const auto &[preset, weight] : blend) {
             if (count == 2 && weight <= entries[1].second) continue;
             size_t at = count < 2 ? count++ : 1;

@@ -11,16 +11,14 @@ bool isSpotify(const PlayerSource &source) { return source.id == spotify().id; }
 
 QString textAt(const QVariantList &items, int index)
 {
-    if (index >= items.size())
-        return {};
+    if (index >= items.size()) return {};
     const QVariant &v = items.at(index);
     return v.typeId() == QMetaType::QString ? v.toString() : QString();
 }
 
 double numberAt(const QVariantList &items, int index)
 {
-    if (index >= items.size())
-        return 0;
+    if (index >= items.size()) return 0;
     const QVariant &v = items.at(index);
     switch (v.typeId()) {
     case QMetaType::Double:
@@ -46,27 +44,24 @@ int integerAt(const QVariantList &items, int index)
 
 PlayerSource spotify()
 {
-    return {QStringLiteral("com.spotify.client"), QStringLiteral("Spotify"),
-            QStringLiteral("Spotify")};
+    return {QStringLiteral("com.spotify.client"), QStringLiteral("Spotify"), QStringLiteral("Spotify")};
 }
 
 PlayerSource music()
 {
-    return {QStringLiteral("com.apple.Music"), QStringLiteral("Music"),
-            QStringLiteral("Apple Music")};
+    return {QStringLiteral("com.apple.Music"), QStringLiteral("Music"), QStringLiteral("Apple Music")};
 }
 
 QString scriptText(const PlayerSource &source)
 {
-    const QString tail = isSpotify(source)
-                             ? QStringLiteral(", artwork url of t, track number of t")
-                             : QStringLiteral(", track number of t, track count of t");
-    return QStringLiteral("tell application \"") + source.name
-           + QStringLiteral("\"\n    if player state is stopped then return \"stopped\"\n"
-                            "    set t to current track\n"
-                            "    return {player state as string, name of t, artist of t, "
-                            "album of t, duration of t, player position")
-           + tail + QStringLiteral("}\nend tell");
+    const QString tail = isSpotify(source) ? QStringLiteral(", artwork url of t, track number of t")
+                                           : QStringLiteral(", track number of t, track count of t");
+    return QStringLiteral("tell application \"") + source.name +
+           QStringLiteral("\"\n    if player state is stopped then return \"stopped\"\n"
+                          "    set t to current track\n"
+                          "    return {player state as string, name of t, artist of t, "
+                          "album of t, duration of t, player position") +
+           tail + QStringLiteral("}\nend tell");
 }
 
 QString musicArtworkScript()
@@ -74,11 +69,9 @@ QString musicArtworkScript()
     return QStringLiteral("tell application \"Music\" to get data of artwork 1 of current track");
 }
 
-std::optional<PlayerSourceBackend::Snapshot> parseReply(const PlayerSource &source,
-                                                        const QVariantList &items)
+std::optional<PlayerSourceBackend::Snapshot> parseReply(const PlayerSource &source, const QVariantList &items)
 {
-    if (items.size() < 6)
-        return std::nullopt;
+    if (items.size() < 6) return std::nullopt;
     const bool spotifyReply = isSpotify(source);
     PlayerSourceBackend::Snapshot s;
     s.isPlaying = textAt(items, 0) == QLatin1String("playing");
@@ -91,8 +84,7 @@ std::optional<PlayerSourceBackend::Snapshot> parseReply(const PlayerSource &sour
     if (spotifyReply) {
         const QString text = textAt(items, 6);
         const QUrl url(text, QUrl::StrictMode);
-        if (!text.isEmpty() && url.isValid() && !url.scheme().isEmpty())
-            s.artworkURL = url;
+        if (!text.isEmpty() && url.isValid() && !url.scheme().isEmpty()) s.artworkURL = url;
         s.track.trackNumber = integerAt(items, 7);
         s.track.trackCount = 0;
     } else {

@@ -24,7 +24,6 @@ QString musicArtworkScript();
 // Reads a reply's list items (index 0 here is the script's item 1). Items are texts or numbers
 // as the Apple-event descriptor gave them; a missing or mistyped text reads as empty, a
 // missing number as 0. Fewer than 6 items, including a lone "stopped", gives nothing.
-std::optional<PlayerSourceBackend::Snapshot> parseReply(const PlayerSource &source,
-                                                        const QVariantList &items);
+std::optional<PlayerSourceBackend::Snapshot> parseReply(const PlayerSource &source, const QVariantList &items);
 
 }  // namespace AppleScriptPlayerQuery

@@ -6,16 +6,12 @@
 
 namespace {
 
-double linearFromSRGB(double c)
-{
-    return c <= 0.04045 ? c / 12.92 : std::pow((c + 0.055) / 1.055, 2.4);
-}
+double linearFromSRGB(double c) { return c <= 0.04045 ? c / 12.92 : std::pow((c + 0.055) / 1.055, 2.4); }
 
 QImage toSRGB(const QImage &image)
 {
     QImage out = image;
-    if (out.colorSpace().isValid() && out.colorSpace() != QColorSpace::SRgb)
-        out.convertToColorSpace(QColorSpace::SRgb);
+    if (out.colorSpace().isValid() && out.colorSpace() != QColorSpace::SRgb) out.convertToColorSpace(QColorSpace::SRgb);
     out = out.convertToFormat(QImage::Format_RGBA8888);
     out.setColorSpace(QColorSpace::SRgb);
     return out;
@@ -24,7 +20,8 @@ QImage toSRGB(const QImage &image)
 }  // namespace
 
 CoverArt::CoverArt(TextureMaker maker, bool drawsPlaceholder)
-    : maker(std::move(maker)), drawsPlaceholder(drawsPlaceholder)
+    : maker(std::move(maker))
+    , drawsPlaceholder(drawsPlaceholder)
 {
     now_ = makeSide(QImage(), QImage());
     before = Side{nullptr, nullptr, now_.mean, now_.labelLuminance, now_.placeholder};
@@ -40,8 +37,7 @@ CoverArt::Side CoverArt::makeSide(const QImage &image, const QImage &label) cons
         cover = placeholderCover();
         side.placeholder = true;
     }
-    if (cover.isNull())
-        return side;
+    if (cover.isNull()) return side;
     const QImage labelImage = prepareLabel(label.isNull() ? cover : label);
     side.mean = meanLinear(cover);
     side.labelLuminance = luminance(meanLinear(labelImage));
@@ -56,8 +52,7 @@ void CoverArt::set(const QImage &image, const QImage &label, double time)
 {
     const qint64 imageKey = image.isNull() ? 0 : image.cacheKey();
     const qint64 labelKey = label.isNull() ? 0 : label.cacheKey();
-    if (imageKey == lastImageKey && labelKey == lastLabelKey)
-        return;
+    if (imageKey == lastImageKey && labelKey == lastLabelKey) return;
     lastImageKey = imageKey;
     lastLabelKey = labelKey;
     // A change in the middle of a fade starts from what is current; the half-faded previous
@@ -88,8 +83,7 @@ double CoverArt::labelLuminance(double time) const
 
 bool CoverArt::releasePrevious(double time)
 {
-    if (time - start < fadeDuration)
-        return false;
+    if (time - start < fadeDuration) return false;
     const bool had = before.cover || before.label;
     before.cover.reset();
     before.label.reset();
@@ -136,23 +130,20 @@ QImage CoverArt::prepareCover(const QImage &image)
 QImage CoverArt::prepareLabel(const QImage &image)
 {
     const int side = std::min(image.width(), image.height());
-    const QImage square = image.copy((image.width() - side) / 2, (image.height() - side) / 2,
-                                     side, side);
-    QImage out = toSRGB(square).scaled(labelSide, labelSide, Qt::IgnoreAspectRatio,
-                                       Qt::SmoothTransformation);
+    const QImage square = image.copy((image.width() - side) / 2, (image.height() - side) / 2, side, side);
+    QImage out = toSRGB(square).scaled(labelSide, labelSide, Qt::IgnoreAspectRatio, Qt::SmoothTransformation);
     out.setColorSpace(QColorSpace::SRgb);
     return out;
 }
 
 CoverArt::Color CoverArt::meanLinear(const QImage &image)
 {
-    if (image.isNull())
-        return {};
+    if (image.isNull()) return {};
     // Point samples keep the average linear: averaging in sRGB first would darken it.
     QImage samples = toSRGB(image);
     if (samples.width() > 128 || samples.height() > 128)
-        samples = samples.scaled(std::min(samples.width(), 128), std::min(samples.height(), 128),
-                                 Qt::IgnoreAspectRatio, Qt::FastTransformation);
+        samples = samples.scaled(std::min(samples.width(), 128), std::min(samples.height(), 128), Qt::IgnoreAspectRatio,
+                                 Qt::FastTransformation);
     double r = 0, g = 0, b = 0;
     for (int y = 0; y < samples.height(); ++y) {
         const uchar *row = samples.constScanLine(y);

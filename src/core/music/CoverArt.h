@@ -59,10 +59,10 @@ public:
 
     // Image preparation, shared with whatever shows covers without a device.
     static QImage placeholderCover();
-    static QImage prepareCover(const QImage &image);   // RGBA8888, sRGB, longest side ≤ maxCoverSide
-    static QImage prepareLabel(const QImage &image);   // centre square, labelSide², RGBA8888
+    static QImage prepareCover(const QImage &image);  // RGBA8888, sRGB, longest side ≤ maxCoverSide
+    static QImage prepareLabel(const QImage &image);  // centre square, labelSide², RGBA8888
     static Color meanLinear(const QImage &image);
-    static double luminance(const Color &c);           // Rec. 709 weights
+    static double luminance(const Color &c);  // Rec. 709 weights
 
 private:
     Side makeSide(const QImage &image, const QImage &label) const;

@@ -33,14 +33,15 @@ HistoryStore::HistoryStore(const Settings &settings, QObject *parent)
 }
 
 HistoryStore::HistoryStore(const Settings &settings, const QString &dir, QObject *parent)
-    : QObject(parent), settings(settings), folder(dir)
+    : QObject(parent)
+    , settings(settings)
+    , folder(dir)
 {
     QDir().mkpath(folder);
     load();
     // A lower limit takes effect at once, not with the next album (a higher one waits for albums).
     connect(&settings, &Settings::changed, this, [this](const QString &key) {
-        if (key == QLatin1String("stackLimit") && list.size() > std::max(1, this->settings.stackLimit()))
-            trim();
+        if (key == QLatin1String("stackLimit") && list.size() > std::max(1, this->settings.stackLimit())) trim();
     });
 }
 
@@ -49,16 +50,14 @@ void HistoryStore::load()
     list.clear();
     // A damaged index gives the entries before the damage.
     const auto doc = StateFile::readJson(QDir(folder).filePath(indexName()));
-    if (!doc || !doc->isArray())
-        return;
+    if (!doc || !doc->isArray()) return;
     QList<Entry> decoded;
     for (const QJsonValue &v : doc->array()) {
         const QJsonObject o = v.toObject();
         const QJsonValue album = o.value(QStringLiteral("album"));
         const QJsonValue name = o.value(QStringLiteral("file"));
         // One bad entry makes the whole index undecodable, as a typed decode would.
-        if (!v.isObject() || !album.isString() || !name.isString() || !isPlainName(name.toString()))
-            return;
+        if (!v.isObject() || !album.isString() || !name.isString() || !isPlainName(name.toString())) return;
         decoded.append({album.toString(), name.toString()});
     }
     list = decoded;
@@ -68,15 +67,13 @@ void HistoryStore::save() const
 {
     QJsonArray array;
     for (const Entry &e : list)
-        array.append(QJsonObject{{QStringLiteral("album"), e.album},
-                                 {QStringLiteral("file"), e.file}});
+        array.append(QJsonObject{{QStringLiteral("album"), e.album}, {QStringLiteral("file"), e.file}});
     StateFile::write(QDir(folder).filePath(indexName()), QJsonDocument(array).toJson(QJsonDocument::Compact));
 }
 
 QByteArray HistoryStore::encodeCover(const QImage &image)
 {
-    if (image.isNull())
-        return {};
+    if (image.isNull()) return {};
     const int side = std::min(std::max(image.width(), image.height()), maxSide);
     QImage source = image;
     // Pixels in another colour space are brought to sRGB before they are averaged by scaling.
@@ -90,15 +87,13 @@ QByteArray HistoryStore::encodeCover(const QImage &image)
     buffer.open(QIODevice::WriteOnly);
     QImageWriter writer(&buffer, "jpeg");
     writer.setQuality(85);
-    if (!writer.write(square))
-        return {};
+    if (!writer.write(square)) return {};
     return bytes;
 }
 
 void HistoryStore::record(const QImage &image, const QString &album)
 {
-    if (album.isEmpty())
-        return;
+    if (album.isEmpty()) return;
     list.removeIf([&](const Entry &e) { return e.album == album; });
 
     const QByteArray jpeg = encodeCover(image);
@@ -111,15 +106,13 @@ void HistoryStore::record(const QImage &image, const QString &album)
     // The index goes first: a crash in between leaves a stray cover, never an entry without one.
     const QStringList dropped = cutToLimit();
     save();
-    for (const QString &name : dropped)
-        removeFile(name);
+    for (const QString &name : dropped) removeFile(name);
 }
 
 QImage HistoryStore::previous(const QString &excludingAlbum) const
 {
     for (const Entry &e : list) {
-        if (e.album == excludingAlbum)
-            continue;
+        if (e.album == excludingAlbum) continue;
         return QImage(QDir(folder).filePath(e.file));
     }
     return {};
@@ -129,8 +122,7 @@ QStringList HistoryStore::cutToLimit()
 {
     const int limit = std::max(1, settings.stackLimit());
     QStringList dropped;
-    while (list.size() > limit)
-        dropped.append(list.takeLast().file);
+    while (list.size() > limit) dropped.append(list.takeLast().file);
     return dropped;
 }
 
@@ -138,19 +130,16 @@ void HistoryStore::trim()
 {
     const QStringList dropped = cutToLimit();
     save();
-    for (const QString &name : dropped)
-        removeFile(name);
+    for (const QString &name : dropped) removeFile(name);
     emit changed();
 }
 
 void HistoryStore::clear()
 {
-    for (const Entry &e : std::as_const(list))
-        removeFile(e.file);
+    for (const Entry &e : std::as_const(list)) removeFile(e.file);
     // Covers left behind by an index that could not be read go too.
     const QStringList stray = QDir(folder).entryList({QStringLiteral("*.jpg")}, QDir::Files);
-    for (const QString &name : stray)
-        removeFile(name);
+    for (const QString &name : stray) removeFile(name);
     list.clear();
     QFile::remove(QDir(folder).filePath(indexName()));
     QFile::remove(QDir(folder).filePath(indexName() + QStringLiteral(".bad")));
@@ -159,7 +148,6 @@ void HistoryStore::clear()
 
 void HistoryStore::removeFile(const QString &name) const
 {
-    if (!isPlainName(name))
-        return;
+    if (!isPlainName(name)) return;
     QFile::remove(QDir(folder).filePath(name));
 }

@@ -6,7 +6,9 @@
 #include <QPointer>
 
 MusicPermission::MusicPermission(Settings &s, Probe p, QObject *parent)
-    : QObject(parent), settings(s), probe(std::move(p))
+    : QObject(parent)
+    , settings(s)
+    , probe(std::move(p))
 {
     refresh();
 }
@@ -17,8 +19,7 @@ void MusicPermission::refresh()
     if (probe.players)
         for (const PlayerSource &source : probe.players())
             next.append({source, probe.status ? probe.status(source) : Status::notDetermined});
-    if (next == table)
-        return;
+    if (next == table) return;
     table = next;
     emit changed();
 }
@@ -27,15 +28,13 @@ void MusicPermission::request(const PlayerSource &source, std::function<void(Sta
 {
     QPointer<MusicPermission> self(this);
     auto answer = [self, source, done](Status status) {
-        if (!self)
-            return;
+        if (!self) return;
         for (Player &p : self->table)
             if (p.source == source && p.status != status) {
                 p.status = status;
                 emit self->changed();
             }
-        if (done)
-            done(status);
+        if (done) done(status);
     };
     if (probe.request)
         probe.request(source, answer);
@@ -47,8 +46,7 @@ bool MusicPermission::setupDone() const { return settings.musicSetupDone(); }
 
 void MusicPermission::markSetupDone()
 {
-    if (settings.musicSetupDone())
-        return;
+    if (settings.musicSetupDone()) return;
     settings.setMusicSetupDone(true);
     emit setupFinished();
 }
@@ -56,11 +54,16 @@ void MusicPermission::markSetupDone()
 QString MusicPermission::statusText(Status status)
 {
     switch (status) {
-    case Status::notDetermined: return QCoreApplication::translate("MusicPermission", "Not asked yet");
-    case Status::granted: return QCoreApplication::translate("MusicPermission", "Allowed");
-    case Status::denied: return QCoreApplication::translate("MusicPermission", "Not allowed");
-    case Status::notRunning: return QCoreApplication::translate("MusicPermission", "Not open");
-    case Status::available: return QCoreApplication::translate("MusicPermission", "Open, Turnelo can read it");
+    case Status::notDetermined:
+        return QCoreApplication::translate("MusicPermission", "Not asked yet");
+    case Status::granted:
+        return QCoreApplication::translate("MusicPermission", "Allowed");
+    case Status::denied:
+        return QCoreApplication::translate("MusicPermission", "Not allowed");
+    case Status::notRunning:
+        return QCoreApplication::translate("MusicPermission", "Not open");
+    case Status::available:
+        return QCoreApplication::translate("MusicPermission", "Open, Turnelo can read it");
     }
     return {};
 }

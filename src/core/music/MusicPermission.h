@@ -22,8 +22,8 @@ public:
         notDetermined,  // the system has not asked yet
         granted,
         denied,
-        notRunning,     // the player is not open, so the system cannot be asked
-        available,      // no consent needed; the player is open
+        notRunning,  // the player is not open, so the system cannot be asked
+        available,   // no consent needed; the player is open
     };
     struct Player {
         PlayerSource source;

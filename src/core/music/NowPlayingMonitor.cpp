@@ -9,24 +9,24 @@
 #include <QNetworkReply>
 #include <QNetworkRequest>
 
-NowPlayingMonitor::NowPlayingMonitor(PlayerState &state, PlayerSourceBackend &backend,
-                                     QNetworkAccessManager *network, QObject *parent)
-    : QObject(parent), state(state), backend(backend), network(network),
-      clock(&MediaClock::steady)
+NowPlayingMonitor::NowPlayingMonitor(PlayerState &state, PlayerSourceBackend &backend, QNetworkAccessManager *network,
+                                     QObject *parent)
+    : QObject(parent)
+    , state(state)
+    , backend(backend)
+    , network(network)
+    , clock(&MediaClock::steady)
 {
-    if (!this->network)
-        this->network = new QNetworkAccessManager(this);
+    if (!this->network) this->network = new QNetworkAccessManager(this);
 }
 
 void NowPlayingMonitor::setClock(std::function<double()> c) { clock = std::move(c); }
 
 void NowPlayingMonitor::start()
 {
-    if (started)
-        return;
+    if (started) return;
     started = true;
-    connect(&backend, &PlayerSourceBackend::notified, this,
-            [this](const PlayerSource &source) { refresh(source); });
+    connect(&backend, &PlayerSourceBackend::notified, this, [this](const PlayerSource &source) { refresh(source); });
     backend.startWatching();
     refreshAll();
 }
@@ -35,17 +35,14 @@ void NowPlayingMonitor::refreshAll()
 {
     std::optional<std::pair<PlayerSource, Snapshot>> chosen;
     for (const PlayerSource &source : backend.sources()) {
-        if (!backend.isRunning(source))
-            continue;
+        if (!backend.isRunning(source)) continue;
         const auto snapshot = backend.query(source);
-        if (!snapshot)
-            continue;
+        if (!snapshot) continue;
         if (snapshot->isPlaying) {
             chosen.emplace(source, *snapshot);
             break;
         }
-        if (!chosen)
-            chosen.emplace(source, *snapshot);
+        if (!chosen) chosen.emplace(source, *snapshot);
     }
     if (chosen)
         apply(chosen->first, chosen->second);
@@ -59,14 +56,12 @@ void NowPlayingMonitor::refresh(const PlayerSource &from)
         if (const auto snapshot = backend.query(from)) {
             const auto &shown = state.track();
             const bool otherPlays = state.isPlaying() && shown && shown->source.id != from.id;
-            if (!snapshot->isPlaying && otherPlays)
-                return;
+            if (!snapshot->isPlaying && otherPlays) return;
             apply(from, *snapshot);
             return;
         }
     }
-    if (state.track() && state.track()->source.id == from.id)
-        clear();
+    if (state.track() && state.track()->source.id == from.id) clear();
 }
 
 void NowPlayingMonitor::apply(const PlayerSource &source, const Snapshot &snapshot)
@@ -78,18 +73,16 @@ void NowPlayingMonitor::apply(const PlayerSource &source, const Snapshot &snapsh
     state.setPositionDate(clock());
     if (differs) {
         const Track &t = snapshot.track;
-        Log::write(QStringLiteral("[") + source.logName + QStringLiteral("] ")
-                   + (snapshot.isPlaying ? QStringLiteral("▶") : QStringLiteral("⏸"))
-                   + QStringLiteral(" ") + t.artist + QStringLiteral(" — ") + t.title
-                   + QStringLiteral(" (") + t.album + QStringLiteral(")"));
+        Log::write(QStringLiteral("[") + source.logName + QStringLiteral("] ") +
+                   (snapshot.isPlaying ? QStringLiteral("▶") : QStringLiteral("⏸")) + QStringLiteral(" ") + t.artist +
+                   QStringLiteral(" — ") + t.title + QStringLiteral(" (") + t.album + QStringLiteral(")"));
     }
     loadArtwork(snapshot);
 }
 
 void NowPlayingMonitor::clear()
 {
-    if (state.track())
-        Log::write(QStringLiteral("Nada tocando"));
+    if (state.track()) Log::write(QStringLiteral("Nada tocando"));
     state.setTrack(std::nullopt);
     state.setArtwork(QImage());
     state.setPlaying(false);
@@ -99,11 +92,9 @@ void NowPlayingMonitor::clear()
 void NowPlayingMonitor::loadArtwork(const Snapshot &snapshot)
 {
     const Track &t = snapshot.track;
-    const QString key = t.source.logName + QStringLiteral("|") + t.artist + QStringLiteral("|")
-                        + t.album;
+    const QString key = t.source.logName + QStringLiteral("|") + t.artist + QStringLiteral("|") + t.album;
     // Every track of an album and every notification would otherwise fetch the same cover.
-    if (artworkKey == key)
-        return;
+    if (artworkKey == key) return;
     artworkKey = key;
 
     const QString playerName = t.source.name;
@@ -116,8 +107,7 @@ void NowPlayingMonitor::loadArtwork(const Snapshot &snapshot)
         const QString path = url.toLocalFile();
         QImage image;
         QFile file(path);
-        if (file.open(QIODevice::ReadOnly))
-            image.loadFromData(file.readAll());
+        if (file.open(QIODevice::ReadOnly)) image.loadFromData(file.readAll());
         finishArtwork(playerName, path, image);
         return;
     }
@@ -127,26 +117,21 @@ void NowPlayingMonitor::loadArtwork(const Snapshot &snapshot)
         return;
     }
     QNetworkRequest request(url);
-    request.setAttribute(QNetworkRequest::RedirectPolicyAttribute,
-                         QNetworkRequest::NoLessSafeRedirectPolicy);
+    request.setAttribute(QNetworkRequest::RedirectPolicyAttribute, QNetworkRequest::NoLessSafeRedirectPolicy);
     QNetworkReply *reply = network->get(request);
     connect(reply, &QNetworkReply::finished, this, [this, reply, key, playerName, url] {
         reply->deleteLater();
         // The album changed while this cover was on its way.
-        if (artworkKey != key)
-            return;
+        if (artworkKey != key) return;
         QImage image;
-        if (reply->error() == QNetworkReply::NoError)
-            image.loadFromData(reply->readAll());
+        if (reply->error() == QNetworkReply::NoError) image.loadFromData(reply->readAll());
         finishArtwork(playerName, url.toString(), image);
     });
 }
 
-void NowPlayingMonitor::finishArtwork(const QString &playerName, const QString &what,
-                                      const QImage &image)
+void NowPlayingMonitor::finishArtwork(const QString &playerName, const QString &what, const QImage &image)
 {
     state.setArtwork(image);
-    Log::write(QStringLiteral("Capa ") + playerName + QStringLiteral(": ")
-               + (image.isNull() ? QStringLiteral("falhou") : QStringLiteral("ok"))
-               + QStringLiteral(" ") + what);
+    Log::write(QStringLiteral("Capa ") + playerName + QStringLiteral(": ") +
+               (image.isNull() ? QStringLiteral("falhou") : QStringLiteral("ok")) + QStringLiteral(" ") + what);
 }

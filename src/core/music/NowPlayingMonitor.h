@@ -26,8 +26,8 @@ public:
     using Snapshot = PlayerSourceBackend::Snapshot;
 
     // `network` is the shared access manager for artwork downloads; one of its own when null.
-    NowPlayingMonitor(PlayerState &state, PlayerSourceBackend &backend,
-                      QNetworkAccessManager *network = nullptr, QObject *parent = nullptr);
+    NowPlayingMonitor(PlayerState &state, PlayerSourceBackend &backend, QNetworkAccessManager *network = nullptr,
+                      QObject *parent = nullptr);
 
     // Media-clock source for positionDate (tests drive it).
     void setClock(std::function<double()> clock);

@@ -20,7 +20,7 @@ public:
     struct Snapshot {
         Track track;
         bool isPlaying = false;
-        double position = 0;        // seconds
+        double position = 0;             // seconds
         std::optional<QUrl> artworkURL;  // http(s) or file; absent when the player gives none
     };
 

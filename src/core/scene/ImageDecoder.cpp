@@ -17,21 +17,23 @@
 
 namespace ImageDecoder {
 
-Failure::Failure(const QString &description) : std::runtime_error(description.toStdString()) {}
+Failure::Failure(const QString &description)
+    : std::runtime_error(description.toStdString())
+{
+}
 
 namespace {
 
 QString unreadable(const QString &path)
 {
-    return QStringLiteral("ImageIO não lê ") + QFileInfo(path).fileName()
-        + QStringLiteral(" (arquivo danificado ou formato desconhecido)");
+    return QStringLiteral("ImageIO não lê ") + QFileInfo(path).fileName() +
+           QStringLiteral(" (arquivo danificado ou formato desconhecido)");
 }
 
 void requireReadable(const QString &path)
 {
     QFile file(path);
-    if (!file.open(QIODevice::ReadOnly))
-        throw Failure(QStringLiteral("não achei ") + path);
+    if (!file.open(QIODevice::ReadOnly)) throw Failure(QStringLiteral("não achei ") + path);
 }
 
 constexpr uint16_t halfOne = 0x3C00;
@@ -41,8 +43,7 @@ constexpr uint16_t halfOne = 0x3C00;
 constexpr int64_t maxSide = 16384;
 
 // Both OpenEXR readers' boxes: inclusive corners.
-template <typename Box>
-bool fits(const Box &b)
+template <typename Box> bool fits(const Box &b)
 {
     return int64_t(b.max.x) - b.min.x < maxSide && int64_t(b.max.y) - b.min.y < maxSide;
 }
@@ -58,8 +59,8 @@ bool windowsFit(const QByteArray &native)
     bool ok = true;
     if (exr_start_read(&context, native.constData(), &init) == EXR_ERR_SUCCESS) {
         exr_attr_box2i_t data{}, display{};
-        if (exr_get_data_window(context, 0, &data) == EXR_ERR_SUCCESS
-            && exr_get_display_window(context, 0, &display) == EXR_ERR_SUCCESS)
+        if (exr_get_data_window(context, 0, &data) == EXR_ERR_SUCCESS &&
+            exr_get_display_window(context, 0, &display) == EXR_ERR_SUCCESS)
             ok = fits(data) && fits(display);
     }
     exr_finish(&context);
@@ -78,8 +79,7 @@ HalfImage decodeEXR(const QString &path)
     }();
     (void)pool;
     const QByteArray native = QFile::encodeName(path);
-    if (!windowsFit(native))
-        throw Failure(unreadable(path));
+    if (!windowsFit(native)) throw Failure(unreadable(path));
     try {
         Imf::InputFile file(native.constData());
         const Imf::Header &header = file.header();
@@ -101,23 +101,21 @@ HalfImage decodeEXR(const QString &path)
         image.width = int64_t(display.max.x) - display.min.x + 1;
         image.height = int64_t(display.max.y) - display.min.y + 1;
         // The header check above cannot speak for a header only this reader accepts.
-        if (image.width <= 0 || image.height <= 0 || !fits(display) || data.max.x < data.min.x
-            || data.max.y < data.min.y || !fits(data))
+        if (image.width <= 0 || image.height <= 0 || !fits(display) || data.max.x < data.min.x ||
+            data.max.y < data.min.y || !fits(data))
             throw Failure(unreadable(path));
         image.pixels.assign(size_t(image.width) * size_t(image.height) * 4, 0);
 
         const Imath::Box2i kept(Imath::V2i(std::max(data.min.x, display.min.x), std::max(data.min.y, display.min.y)),
                                 Imath::V2i(std::min(data.max.x, display.max.x), std::min(data.max.y, display.max.y)));
-        if (kept.isEmpty())
-            return image;
+        if (kept.isEmpty()) return image;
         // OpenEXR fills whole data-window rows, so rows wider than the display window go through
         // a buffer of their own; otherwise they land in the raster directly.
         const bool inside = kept.min.x == data.min.x && kept.max.x == data.max.x;
         const int64_t rowPixels = inside ? image.width : int64_t(data.max.x) - data.min.x + 1;
         const int64_t rows = int64_t(kept.max.y) - kept.min.y + 1;
         std::vector<uint16_t> wide;
-        if (!inside)
-            wide.resize(size_t(rowPixels) * size_t(rows) * 4);
+        if (!inside) wide.resize(size_t(rowPixels) * size_t(rows) * 4);
         uint16_t *target = inside ? image.pixels.data() : wide.data();
         // The pixel (originX, originY) of the file's coordinates lies at the buffer's first element.
         const int64_t originX = inside ? display.min.x : data.min.x;
@@ -125,8 +123,8 @@ HalfImage decodeEXR(const QString &path)
 
         const size_t xStride = 4 * sizeof(uint16_t);
         const size_t yStride = xStride * size_t(rowPixels);
-        char *base = reinterpret_cast<char *>(target) - ptrdiff_t(originX) * ptrdiff_t(xStride)
-            - ptrdiff_t(originY) * ptrdiff_t(yStride);
+        char *base = reinterpret_cast<char *>(target) - ptrdiff_t(originX) * ptrdiff_t(xStride) -
+                     ptrdiff_t(originY) * ptrdiff_t(yStride);
         Imf::FrameBuffer frame;
         const char *names[] = {"R", "G", "B", "A"};
         for (int c = 0; c < 4; ++c)
@@ -138,8 +136,8 @@ HalfImage decodeEXR(const QString &path)
             const int64_t width = int64_t(kept.max.x) - kept.min.x + 1;
             for (int64_t y = 0; y < rows; ++y)
                 std::copy_n(wide.begin() + (y * rowPixels + (kept.min.x - data.min.x)) * 4, width * 4,
-                            image.pixels.begin()
-                                + ((kept.min.y - display.min.y + y) * image.width + (kept.min.x - display.min.x)) * 4);
+                            image.pixels.begin() +
+                                ((kept.min.y - display.min.y + y) * image.width + (kept.min.x - display.min.x)) * 4);
         }
         return image;
     } catch (const Failure &) {
@@ -155,10 +153,8 @@ GrayImage decodeGray(const QString &path)
     requireReadable(path);
     QImageReader reader(path);
     QImage source = reader.read();
-    if (source.isNull())
-        throw Failure(unreadable(path));
-    if (source.format() != QImage::Format_Grayscale8)
-        source = source.convertToFormat(QImage::Format_Grayscale8);
+    if (source.isNull()) throw Failure(unreadable(path));
+    if (source.format() != QImage::Format_Grayscale8) source = source.convertToFormat(QImage::Format_Grayscale8);
     GrayImage image;
     image.width = source.width();
     image.height = source.height();
@@ -177,16 +173,14 @@ struct Box {
 };
 
 // The content box widened by one pixel, or none when no pixel counts.
-template <typename Counts>
-std::optional<Box> contentBox(int64_t width, int64_t height, Counts counts)
+template <typename Counts> std::optional<Box> contentBox(int64_t width, int64_t height, Counts counts)
 {
     int64_t minX = width, minY = height, maxX = -1, maxY = -1;
     for (int64_t y = 0; y < height; ++y) {
         int64_t first = -1, last = -1;
         for (int64_t x = 0; x < width; ++x) {
             if (counts(y * width + x)) {
-                if (first < 0)
-                    first = x;
+                if (first < 0) first = x;
                 last = x;
             }
         }
@@ -197,14 +191,12 @@ std::optional<Box> contentBox(int64_t width, int64_t height, Counts counts)
             maxY = y;
         }
     }
-    if (maxX < 0)
-        return std::nullopt;
+    if (maxX < 0) return std::nullopt;
     return Box{std::max<int64_t>(minX - 1, 0), std::max<int64_t>(minY - 1, 0), std::min(maxX + 1, width - 1),
                std::min(maxY + 1, height - 1)};
 }
 
-template <typename Image, size_t Channels>
-Image cut(const Image &image, const Box &box)
+template <typename Image, size_t Channels> Image cut(const Image &image, const Box &box)
 {
     Image out;
     out.width = box.x1 - box.x0 + 1;
@@ -219,28 +211,23 @@ Image cut(const Image &image, const Box &box)
 
 std::array<float, 4> rectOf(const Box &box, Origin origin)
 {
-    return {origin.x + float(box.x0), origin.y + float(box.y0), float(box.x1 - box.x0 + 1),
-            float(box.y1 - box.y0 + 1)};
+    return {origin.x + float(box.x0), origin.y + float(box.y0), float(box.x1 - box.x0 + 1), float(box.y1 - box.y0 + 1)};
 }
 
 // Bit patterns compared as unsigned numbers: negatives and NaN never count, +infinity does.
 bool inRange(uint16_t bits, uint16_t low) { return bits >= low && bits <= 0x7C00; }
 
-template <typename Counts>
-std::optional<CroppedHalf> cropHalf(const HalfImage &image, Origin origin, Counts counts)
+template <typename Counts> std::optional<CroppedHalf> cropHalf(const HalfImage &image, Origin origin, Counts counts)
 {
     const auto box = contentBox(image.width, image.height, counts);
-    if (!box)
-        return std::nullopt;
+    if (!box) return std::nullopt;
     return CroppedHalf{cut<HalfImage, 4>(image, *box), rectOf(*box, origin)};
 }
 
-template <typename Counts>
-std::optional<CroppedGray> cropGray(const GrayImage &image, Origin origin, Counts counts)
+template <typename Counts> std::optional<CroppedGray> cropGray(const GrayImage &image, Origin origin, Counts counts)
 {
     const auto box = contentBox(image.width, image.height, counts);
-    if (!box)
-        return std::nullopt;
+    if (!box) return std::nullopt;
     return CroppedGray{cut<GrayImage, 1>(image, *box), rectOf(*box, origin)};
 }
 
@@ -254,8 +241,7 @@ std::optional<CroppedHalf> cropSprite(const HalfImage &image, Origin origin)
 
 std::optional<CroppedHalf> cropByChannel(const HalfImage &image, int channel, Origin origin)
 {
-    if (channel < 0 || channel > 3)
-        return std::nullopt;
+    if (channel < 0 || channel > 3) return std::nullopt;
     const uint16_t *p = image.pixels.data();
     return cropHalf(image, origin, [p, channel](int64_t i) { return inRange(p[i * 4 + channel], 0x141A); });
 }

@@ -29,15 +29,13 @@ JSONValue JSONValue::fromText(const QString &text)
 JSONValue JSONValue::decode(const QJsonValue &json)
 {
     JSONValue v;
-    if (json.isDouble())
-        return fromNumber(json.toDouble());
+    if (json.isDouble()) return fromNumber(json.toDouble());
     if (json.isArray()) {
         const QJsonArray array = json.toArray();
         std::vector<double> numbers;
         numbers.reserve(array.size());
         for (const QJsonValue &item : array) {
-            if (!item.isDouble())
-                return v;  // mixed array: other
+            if (!item.isDouble()) return v;  // mixed array: other
             numbers.push_back(item.toDouble());
         }
         v.kindValue = Kind::vector;
@@ -47,8 +45,7 @@ JSONValue JSONValue::decode(const QJsonValue &json)
     if (json.isObject()) {
         const QJsonObject object = json.toObject();
         bool allNumbers = true;
-        for (auto it = object.begin(); it != object.end() && allNumbers; ++it)
-            allNumbers = it.value().isDouble();
+        for (auto it = object.begin(); it != object.end() && allNumbers; ++it) allNumbers = it.value().isDouble();
         if (allNumbers) {
             v.kindValue = Kind::object;
             for (auto it = object.begin(); it != object.end(); ++it)
@@ -56,13 +53,11 @@ JSONValue JSONValue::decode(const QJsonValue &json)
             return v;
         }
         auto nested = std::make_shared<Nested>();
-        for (auto it = object.begin(); it != object.end(); ++it)
-            nested->emplace(it.key(), decode(it.value()));
+        for (auto it = object.begin(); it != object.end(); ++it) nested->emplace(it.key(), decode(it.value()));
         v.kindValue = Kind::nested;
         v.nestedValue = std::move(nested);
         return v;
     }
-    if (json.isString())
-        return fromText(json.toString());
+    if (json.isString()) return fromText(json.toString());
     return v;
 }

@@ -29,8 +29,7 @@ LightRecipe build(const PlateManifest &m, const QString &name, const PlateManife
         const JSONValue *byScenario = find(keys, QStringLiteral("exposure_by_scenario"));
         if (byScenario && byScenario->isObject()) {
             const auto it = byScenario->object().find(*m.scenario);
-            if (it != byScenario->object().end())
-                scenario = it->second;
+            if (it != byScenario->object().end()) scenario = it->second;
         }
     }
     const double gain = std::exp2(numberOr(keys, QStringLiteral("exposure"), 0) + scenario);
@@ -38,8 +37,7 @@ LightRecipe build(const PlateManifest &m, const QString &name, const PlateManife
 
     const bool hasView = m.view.has_value();
     QStringList groups = m.groups;
-    if (hasView && !groups.contains(QStringLiteral("view")))
-        groups.prepend(QStringLiteral("view"));
+    if (hasView && !groups.contains(QStringLiteral("view"))) groups.prepend(QStringLiteral("view"));
     const auto perPreset = [&](const QString &g) { return m.perPresetGroups && m.perPresetGroups->contains(g); };
 
     LightRecipe preset;
@@ -53,8 +51,7 @@ LightRecipe build(const PlateManifest &m, const QString &name, const PlateManife
             else if (v->isNumber())
                 rgb = {v->number(), v->number(), v->number()};
         }
-        if (rgb[0] == 0 && rgb[1] == 0 && rgb[2] == 0)
-            continue;
+        if (rgb[0] == 0 && rgb[1] == 0 && rgb[2] == 0) continue;
         QString plate;
         if (g == QStringLiteral("sun"))
             plate = QStringLiteral("sun_") + sunKey;
@@ -74,7 +71,6 @@ LightRecipe build(const PlateManifest &m, const QString &name, const PlateManife
 std::map<QString, LightRecipe> LightRecipe::of(const PlateManifest &manifest)
 {
     std::map<QString, LightRecipe> recipes;
-    for (const auto &[name, keys] : manifest.presets)
-        recipes[name] = build(manifest, name, keys);
+    for (const auto &[name, keys] : manifest.presets) recipes[name] = build(manifest, name, keys);
     return recipes;
 }

@@ -19,13 +19,20 @@ using Error = PlateManifest::DecodeError;
 QString kindOf(const QJsonValue &v)
 {
     switch (v.type()) {
-    case QJsonValue::Null: return QStringLiteral("null");
-    case QJsonValue::Bool: return QStringLiteral("booleano");
-    case QJsonValue::Double: return QStringLiteral("número");
-    case QJsonValue::String: return QStringLiteral("texto");
-    case QJsonValue::Array: return QStringLiteral("lista");
-    case QJsonValue::Object: return QStringLiteral("objeto");
-    default: return QStringLiteral("nada");
+    case QJsonValue::Null:
+        return QStringLiteral("null");
+    case QJsonValue::Bool:
+        return QStringLiteral("booleano");
+    case QJsonValue::Double:
+        return QStringLiteral("número");
+    case QJsonValue::String:
+        return QStringLiteral("texto");
+    case QJsonValue::Array:
+        return QStringLiteral("lista");
+    case QJsonValue::Object:
+        return QStringLiteral("objeto");
+    default:
+        return QStringLiteral("nada");
     }
 }
 
@@ -42,34 +49,27 @@ QString join(const QString &path, const QString &name)
 // sun_keys → sunKeys; keys without an underscore are kept as they are.
 QString camelFromSnake(const QString &key)
 {
-    if (!key.contains(QLatin1Char('_')))
-        return key;
+    if (!key.contains(QLatin1Char('_'))) return key;
     int start = 0;
-    while (start < key.size() && key[start] == QLatin1Char('_'))
-        ++start;
+    while (start < key.size() && key[start] == QLatin1Char('_')) ++start;
     int end = key.size();
-    while (end > start && key[end - 1] == QLatin1Char('_'))
-        --end;
-    if (start == end)
-        return key;
+    while (end > start && key[end - 1] == QLatin1Char('_')) --end;
+    if (start == end) return key;
     const QStringList words = key.mid(start, end - start).split(QLatin1Char('_'), Qt::SkipEmptyParts);
     QString out = key.left(start) + words.value(0);
-    for (qsizetype i = 1; i < words.size(); ++i)
-        out += words[i].left(1).toUpper() + words[i].mid(1).toLower();
+    for (qsizetype i = 1; i < words.size(); ++i) out += words[i].left(1).toUpper() + words[i].mid(1).toLower();
     return out + key.mid(end);
 }
 
 double number(const QJsonValue &v, const QString &path)
 {
-    if (!v.isDouble())
-        wrongType(path, "número", v);
+    if (!v.isDouble()) wrongType(path, "número", v);
     return v.toDouble();
 }
 
 long long integer(const QJsonValue &v, const QString &path)
 {
-    if (!v.isDouble())
-        wrongType(path, "inteiro", v);
+    if (!v.isDouble()) wrongType(path, "inteiro", v);
     const double d = v.toDouble();
     if (d != std::trunc(d) || std::abs(d) > 9.007199254740992e15)
         fail(path, QStringLiteral("esperava inteiro, achei %1").arg(d));
@@ -78,46 +78,39 @@ long long integer(const QJsonValue &v, const QString &path)
 
 QString text(const QJsonValue &v, const QString &path)
 {
-    if (!v.isString())
-        wrongType(path, "texto", v);
+    if (!v.isString()) wrongType(path, "texto", v);
     return v.toString();
 }
 
 bool boolean(const QJsonValue &v, const QString &path)
 {
-    if (!v.isBool())
-        wrongType(path, "booleano", v);
+    if (!v.isBool()) wrongType(path, "booleano", v);
     return v.toBool();
 }
 
 QJsonArray array(const QJsonValue &v, const QString &path)
 {
-    if (!v.isArray())
-        wrongType(path, "lista", v);
+    if (!v.isArray()) wrongType(path, "lista", v);
     return v.toArray();
 }
 
 QJsonObject object(const QJsonValue &v, const QString &path)
 {
-    if (!v.isObject())
-        wrongType(path, "objeto", v);
+    if (!v.isObject()) wrongType(path, "objeto", v);
     return v.toObject();
 }
 
 std::vector<double> numbers(const QJsonValue &v, const QString &path, qsizetype atLeast = 0)
 {
     const QJsonArray a = array(v, path);
-    if (a.size() < atLeast)
-        fail(path, QStringLiteral("esperava %1 números, achei %2").arg(atLeast).arg(a.size()));
+    if (a.size() < atLeast) fail(path, QStringLiteral("esperava %1 números, achei %2").arg(atLeast).arg(a.size()));
     std::vector<double> out;
     out.reserve(a.size());
-    for (qsizetype i = 0; i < a.size(); ++i)
-        out.push_back(number(a[i], path + QStringLiteral("[%1]").arg(i)));
+    for (qsizetype i = 0; i < a.size(); ++i) out.push_back(number(a[i], path + QStringLiteral("[%1]").arg(i)));
     return out;
 }
 
-template <size_t N>
-std::array<double, N> fixed(const QJsonValue &v, const QString &path)
+template <size_t N> std::array<double, N> fixed(const QJsonValue &v, const QString &path)
 {
     const auto all = numbers(v, path, N);
     std::array<double, N> out{};
@@ -129,19 +122,16 @@ QStringList strings(const QJsonValue &v, const QString &path)
 {
     const QJsonArray a = array(v, path);
     QStringList out;
-    for (qsizetype i = 0; i < a.size(); ++i)
-        out.append(text(a[i], path + QStringLiteral("[%1]").arg(i)));
+    for (qsizetype i = 0; i < a.size(); ++i) out.append(text(a[i], path + QStringLiteral("[%1]").arg(i)));
     return out;
 }
 
 PlateManifest::Quad quad(const QJsonValue &v, const QString &path)
 {
     const QJsonArray a = array(v, path);
-    if (a.size() < 4)
-        fail(path, QStringLiteral("esperava 4 pontos, achei %1").arg(a.size()));
+    if (a.size() < 4) fail(path, QStringLiteral("esperava 4 pontos, achei %1").arg(a.size()));
     PlateManifest::Quad q{};
-    for (int i = 0; i < 4; ++i)
-        q[i] = fixed<2>(a[i], path + QStringLiteral("[%1]").arg(i));
+    for (int i = 0; i < 4; ++i) q[i] = fixed<2>(a[i], path + QStringLiteral("[%1]").arg(i));
     return q;
 }
 
@@ -149,20 +139,18 @@ PlateManifest::Quad quad(const QJsonValue &v, const QString &path)
 // both "not there" for optional members; a required one must be there and not null.
 class Fields {
 public:
-    Fields(const QJsonValue &v, QString path) : path(std::move(path))
+    Fields(const QJsonValue &v, QString path)
+        : path(std::move(path))
     {
         const QJsonObject o = object(v, this->path);
-        for (auto it = o.begin(); it != o.end(); ++it)
-            values.insert(camelFromSnake(it.key()), it.value());
+        for (auto it = o.begin(); it != o.end(); ++it) values.insert(camelFromSnake(it.key()), it.value());
     }
 
-    template <typename F>
-    auto required(const char *name, F parse) const
+    template <typename F> auto required(const char *name, F parse) const
     {
         const QString field = QLatin1String(name);
         const QJsonValue v = values.value(field, QJsonValue(QJsonValue::Undefined));
-        if (v.isUndefined() || v.isNull())
-            fail(join(path, field), QStringLiteral("campo obrigatório ausente"));
+        if (v.isUndefined() || v.isNull()) fail(join(path, field), QStringLiteral("campo obrigatório ausente"));
         return parse(v, join(path, field));
     }
 
@@ -171,8 +159,7 @@ public:
     {
         const QString field = QLatin1String(name);
         const QJsonValue v = values.value(field, QJsonValue(QJsonValue::Undefined));
-        if (v.isUndefined() || v.isNull())
-            return std::nullopt;
+        if (v.isUndefined() || v.isNull()) return std::nullopt;
         return parse(v, join(path, field));
     }
 
@@ -260,11 +247,9 @@ PlateManifest::Framing framing(const QJsonValue &v, const QString &path)
         const Fields c(x, p);
         return c.required("P", [](const QJsonValue &rows, const QString &q) {
             const QJsonArray a = array(rows, q);
-            if (a.size() < 3)
-                fail(q, QStringLiteral("esperava 3 linhas, achei %1").arg(a.size()));
+            if (a.size() < 3) fail(q, QStringLiteral("esperava 3 linhas, achei %1").arg(a.size()));
             PlateManifest::Camera cam;
-            for (int i = 0; i < 3; ++i)
-                cam.P[i] = fixed<4>(a[i], q + QStringLiteral("[%1]").arg(i));
+            for (int i = 0; i < 3; ++i) cam.P[i] = fixed<4>(a[i], q + QStringLiteral("[%1]").arg(i));
             return cam;
         });
     });
@@ -301,11 +286,9 @@ PlateManifest PlateManifest::decode(const QByteArray &json)
     QJsonParseError parseError;
     const QJsonDocument doc = QJsonDocument::fromJson(json, &parseError);
     if (parseError.error != QJsonParseError::NoError)
-        fail({}, QStringLiteral("JSON ilegível na posição %1: %2")
-                     .arg(parseError.offset)
-                     .arg(parseError.errorString()));
-    if (!doc.isObject())
-        fail({}, QStringLiteral("esperava um objeto no topo"));
+        fail({},
+             QStringLiteral("JSON ilegível na posição %1: %2").arg(parseError.offset).arg(parseError.errorString()));
+    if (!doc.isObject()) fail({}, QStringLiteral("esperava um objeto no topo"));
 
     const Fields f(doc.object(), {});
     PlateManifest m;
@@ -319,8 +302,7 @@ PlateManifest PlateManifest::decode(const QByteArray &json)
     m.scenario = f.optional("scenario", asText);
     m.tonemap = f.optional("tonemap", [](const QJsonValue &v, const QString &p) {
         const Fields t(v, p);
-        return Tonemap{t.optional("contrast", asNumber), t.optional("offset", asNumber),
-                       t.optional("gamma", asNumber)};
+        return Tonemap{t.optional("contrast", asNumber), t.optional("offset", asNumber), t.optional("gamma", asNumber)};
     });
     m.showcase = f.optional("showcase", [](const QJsonValue &v, const QString &p) {
         const Fields s(v, p);
@@ -334,8 +316,7 @@ PlateManifest PlateManifest::decode(const QByteArray &json)
         for (auto it = all.begin(); it != all.end(); ++it) {
             Preset preset;
             const QJsonObject keys = object(it.value(), join(p, it.key()));
-            for (auto k = keys.begin(); k != keys.end(); ++k)
-                preset.emplace(k.key(), JSONValue::decode(k.value()));
+            for (auto k = keys.begin(); k != keys.end(); ++k) preset.emplace(k.key(), JSONValue::decode(k.value()));
             presets[it.key()] = std::move(preset);
         }
         return presets;
@@ -350,8 +331,7 @@ PlateManifest PlateManifest::decode(const QByteArray &json)
     m.framings = f.required("framings", [](const QJsonValue &v, const QString &p) {
         std::map<QString, Framing> framings;
         const QJsonObject all = object(v, p);
-        for (auto it = all.begin(); it != all.end(); ++it)
-            framings[it.key()] = framing(it.value(), join(p, it.key()));
+        for (auto it = all.begin(); it != all.end(); ++it) framings[it.key()] = framing(it.value(), join(p, it.key()));
         return framings;
     });
     return m;
@@ -368,12 +348,10 @@ QStringList PlateManifest::presetOrder() const
 {
     QStringList order;
     for (const QString &name : canonicalPresets())
-        if (presets.count(name))
-            order.append(name);
+        if (presets.count(name)) order.append(name);
     QStringList others;
     for (const auto &[name, preset] : presets)
-        if (!canonicalPresets().contains(name))
-            others.append(name);
+        if (!canonicalPresets().contains(name)) others.append(name);
     std::sort(others.begin(), others.end());  // plain code-unit order
     return order + others;
 }
@@ -384,13 +362,11 @@ QString PlateManifest::framingDisplayName(const QString &key)
                                                   {QStringLiteral("mid"), QStringLiteral("Medium")},
                                                   {QStringLiteral("close"), QStringLiteral("Close")},
                                                   {QStringLiteral("top"), QStringLiteral("Top-down")}};
-    if (const auto it = known.find(key); it != known.end())
-        return it->second;
+    if (const auto it = known.find(key); it != known.end()) return it->second;
     QString out = key.toLower();
     bool wordStart = true;
     for (QChar &c : out) {
-        if (wordStart && c.isLetter())
-            c = c.toUpper();
+        if (wordStart && c.isLetter()) c = c.toUpper();
         wordStart = !c.isLetterOrNumber();
     }
     return out;

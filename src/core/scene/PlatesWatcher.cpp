@@ -11,8 +11,7 @@ namespace {
 std::optional<QDateTime> modificationDate(const QString &path)
 {
     const QFileInfo info(path);
-    if (!info.exists())
-        return std::nullopt;
+    if (!info.exists()) return std::nullopt;
     const QDateTime date = info.lastModified();
     return date.isValid() ? std::optional<QDateTime>(date) : std::nullopt;
 }
@@ -20,16 +19,17 @@ std::optional<QDateTime> modificationDate(const QString &path)
 }  // namespace
 
 PlatesWatcher::PlatesWatcher(std::function<void()> onSettled, int debounceMs, QObject *parent)
-    : QObject(parent), onSettled(std::move(onSettled))
+    : QObject(parent)
+    , onSettled(std::move(onSettled))
 {
     debounce.setInterval(debounceMs);
     const auto resolved = SceneLocation::resolve();
     start(resolved ? resolved->root : SceneLocation::installedRoot());
 }
 
-PlatesWatcher::PlatesWatcher(const QString &root, std::function<void()> onSettled, int debounceMs,
-                             QObject *parent)
-    : QObject(parent), onSettled(std::move(onSettled))
+PlatesWatcher::PlatesWatcher(const QString &root, std::function<void()> onSettled, int debounceMs, QObject *parent)
+    : QObject(parent)
+    , onSettled(std::move(onSettled))
 {
     debounce.setInterval(debounceMs);
     start(root);
@@ -57,16 +57,14 @@ void PlatesWatcher::watchRoot()
     // see (and which carries that watch away with the old folder); the parent sees both the
     // swap and a first installation into a root that does not exist yet.
     for (const QString &dir : {QFileInfo(root).absolutePath(), root})
-        if (QFileInfo(dir).isDir() && !sources->directories().contains(dir))
-            sources->addPath(dir);
+        if (QFileInfo(dir).isDir() && !sources->directories().contains(dir)) sources->addPath(dir);
 }
 
 void PlatesWatcher::watchManifest()
 {
     // A replacement by rename leaves the old watch on the old file: watch the path anew.
     sources->removePath(manifest);
-    if (QFileInfo::exists(manifest))
-        sources->addPath(manifest);
+    if (QFileInfo::exists(manifest)) sources->addPath(manifest);
 }
 
 void PlatesWatcher::stop()
@@ -85,15 +83,12 @@ void PlatesWatcher::changed()
 
 void PlatesWatcher::settle()
 {
-    if (!sources)
-        return;
+    if (!sources) return;
     watchRoot();
     watchManifest();
     const auto now = modificationDate(manifest);
-    if (now == manifestDate)
-        return;
+    if (now == manifestDate) return;
     manifestDate = now;
     Log::write(QStringLiteral("Manifest novo: recarregando a cena"));
-    if (onSettled)
-        onSettled();
+    if (onSettled) onSettled();
 }

@@ -20,36 +20,28 @@ QString frontDir(const QString &framing) { return framing + QStringLiteral("/fro
 QString tonearmSprite(const QString &framing, const QString &preset, int index, SpriteKind kind)
 {
     static const char *const names[] = {"arm_%1.exr", "shadow_%1.png", "reflection_%1.exr"};
-    return framing + QStringLiteral("/tonearm/") + preset + QLatin1Char('/')
-        + QString::fromLatin1(names[int(kind)]).arg(index, 2, 10, QLatin1Char('0'));
+    return framing + QStringLiteral("/tonearm/") + preset + QLatin1Char('/') +
+           QString::fromLatin1(names[int(kind)]).arg(index, 2, 10, QLatin1Char('0'));
 }
 
-QString framingFile(const QString &framing, const QString &name)
-{
-    return framing + QLatin1Char('/') + name;
-}
+QString framingFile(const QString &framing, const QString &name) { return framing + QLatin1Char('/') + name; }
 
 QStringList referenced(const PlateManifest &manifest, const QString &name)
 {
     const auto it = manifest.framings.find(name);
-    if (it == manifest.framings.end())
-        return {};
+    if (it == manifest.framings.end()) return {};
     const PlateManifest::Framing &f = it->second;
     std::set<QString> files;
     const auto named = [&](const QString &file) { files.insert(framingFile(name, file)); };
     named(f.cover.mask);
     named(f.label.mask);
-    if (f.record)
-        named(f.record->mask);
-    if (f.panel && f.panel->strobe)
-        named(f.panel->strobe->mask);
+    if (f.record) named(f.record->mask);
+    if (f.panel && f.panel->strobe) named(f.panel->strobe->mask);
     if (f.window) {
         named(f.window->glassMask);
-        if (f.window->dustCoverMask)
-            named(*f.window->dustCoverMask);
+        if (f.window->dustCoverMask) named(*f.window->dustCoverMask);
     }
-    if (f.stack)
-        named(f.stack->artUv);
+    if (f.stack) named(f.stack->artUv);
 
     for (const auto &[preset, recipe] : LightRecipe::of(manifest)) {
         for (const LightRecipe::Term &term : recipe.terms) {
@@ -58,14 +50,12 @@ QStringList referenced(const PlateManifest &manifest, const QString &name)
                 files.insert(recordDir(name) + QLatin1Char('/') + term.plate + QStringLiteral("_spec.exr"));
                 files.insert(recordDir(name) + QLatin1Char('/') + term.plate + QStringLiteral("_diffuse.exr"));
             }
-            if (f.bounce)
-                files.insert(bounceDir(name) + QLatin1Char('/') + term.plate + QStringLiteral(".exr"));
+            if (f.bounce) files.insert(bounceDir(name) + QLatin1Char('/') + term.plate + QStringLiteral(".exr"));
         }
         if (f.tonearm) {
             for (int i = 0; i < int(f.tonearm->yawSamples.size()); ++i) {
                 files.insert(tonearmSprite(name, preset, i, SpriteKind::arm));
-                if (f.tonearm->shadow.value_or(false))
-                    files.insert(tonearmSprite(name, preset, i, SpriteKind::shadow));
+                if (f.tonearm->shadow.value_or(false)) files.insert(tonearmSprite(name, preset, i, SpriteKind::shadow));
                 if (f.tonearm->reflection.value_or(false))
                     files.insert(tonearmSprite(name, preset, i, SpriteKind::reflection));
             }
@@ -77,17 +67,15 @@ QStringList referenced(const PlateManifest &manifest, const QString &name)
 QStringList missing(const QString &root, const PlateManifest &manifest, const QString &framing)
 {
     const auto it = manifest.framings.find(framing);
-    if (it == manifest.framings.end())
-        return {};
-    std::set<QString> essential{framingFile(framing, it->second.cover.mask), framingFile(framing, it->second.label.mask)};
+    if (it == manifest.framings.end()) return {};
+    std::set<QString> essential{framingFile(framing, it->second.cover.mask),
+                                framingFile(framing, it->second.label.mask)};
     for (const auto &[preset, recipe] : LightRecipe::of(manifest))
-        for (const LightRecipe::Term &term : recipe.terms)
-            essential.insert(lightPlate(framing, term.plate));
+        for (const LightRecipe::Term &term : recipe.terms) essential.insert(lightPlate(framing, term.plate));
     QStringList out;
     const QDir dir(root);
     for (const QString &file : essential)
-        if (!QFileInfo::exists(dir.filePath(file)))
-            out.append(file);
+        if (!QFileInfo::exists(dir.filePath(file))) out.append(file);
     return out;
 }
 
@@ -95,8 +83,7 @@ QStringList installed(const QString &root, const PlateManifest &manifest, const 
 {
     QStringList out;
     for (const QString &name : framings)
-        if (manifest.framings.count(name) && missing(root, manifest, name).isEmpty())
-            out.append(name);
+        if (manifest.framings.count(name) && missing(root, manifest, name).isEmpty()) out.append(name);
     return out;
 }
 
@@ -108,8 +95,7 @@ QStringList sections(const PlateManifest::Framing &f)
         {f.record.has_value(), "record"},   {f.bounce.has_value(), "bounce"}, {f.panel.has_value(), "panel"},
         {f.window.has_value(), "window"},   {f.stack.has_value(), "stack"}};
     for (const auto &[has, name] : present)
-        if (has)
-            out.append(QLatin1String(name));
+        if (has) out.append(QLatin1String(name));
     return out;
 }
 

@@ -43,7 +43,8 @@ public:
     const std::optional<PlateManifest> &manifest() const { return manifestValue; }
 
     void setScene(const QStringList &framings, const QStringList &installed, const QString &framing,
-                  const QString &source, const PlateManifest &manifest) {
+                  const QString &source, const PlateManifest &manifest)
+    {
         framingList = framings;
         installedList = installed;
         framingName = framing;
@@ -51,12 +52,14 @@ public:
         manifestValue = manifest;
         emit changed();
     }
-    void setProblem(const std::optional<Problem> &problem) {
+    void setProblem(const std::optional<Problem> &problem)
+    {
         if (problemValue == problem) return;
         problemValue = problem;
         emit changed();
     }
-    void setWeather(const Weather &w) {
+    void setWeather(const Weather &w)
+    {
         if (weatherNow == w) return;
         weatherNow = w;
         emit changed();

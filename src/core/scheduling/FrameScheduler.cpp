@@ -44,8 +44,7 @@ FrameScheduler::FrameScheduler(int fps, MediaClock mediaClock,
         ignoreOcclusion = settings.debugIgnoreOcclusion();
         perfSeconds = settings.perfLogInterval();
     }
-    if (!std::isfinite(perfSeconds) || perfSeconds <= 0)
-        perfSeconds = kDefaultPerfSeconds;
+    if (!std::isfinite(perfSeconds) || perfSeconds <= 0) perfSeconds = kDefaultPerfSeconds;
 
     tick.setTimerType(Qt::PreciseTimer);
     tick.setInterval(intervalFor(this->fps));
@@ -66,16 +65,14 @@ FrameScheduler::~FrameScheduler() = default;
 
 void FrameScheduler::attach(WindowList *newWindows, SessionSignals *newSession)
 {
-    if (invalidated)
-        return;
+    if (invalidated) return;
     disconnect(windowsChanged);
     disconnect(lockedConnection);
     disconnect(asleepConnection);
     disconnect(activeConnection);
     windows = newWindows;
     session = newSession;
-    if (newWindows)
-        windowsChanged = connect(newWindows, &WindowList::changed, this, [this] { probeCoverage(true); });
+    if (newWindows) windowsChanged = connect(newWindows, &WindowList::changed, this, [this] { probeCoverage(true); });
     if (newSession) {
         lockedConnection = connect(newSession, &SessionSignals::lockedChanged, this, [this](bool value) {
             applySessionEvent(locked, value, "screenIsLocked", "screenIsUnlocked");
@@ -108,25 +105,22 @@ void FrameScheduler::setWantsFrames(bool wants)
 void FrameScheduler::setRate(int newFps)
 {
     newFps = std::max(1, newFps);
-    if (newFps == fps)
-        return;
+    if (newFps == fps) return;
     fps = newFps;
     tick.setInterval(intervalFor(fps));  // restarts a running tick
 }
 
 int FrameScheduler::nextRate(bool moving, bool rainDrawn, int baseFps, bool ecoActive)
 {
-    if (moving)
-        return ecoActive ? 15 : baseFps;
+    if (moving) return ecoActive ? 15 : baseFps;
     return rainDrawn ? 20 : 15;
 }
 
 void FrameScheduler::update()
 {
-    if (!attached)
-        return;
-    const bool run = wantsFramesFlag && !locked && (ignoreOcclusion || (!occluded && !covered))
-        && !asleep && !inactive && !screensOff;
+    if (!attached) return;
+    const bool run = wantsFramesFlag && !locked && (ignoreOcclusion || (!occluded && !covered)) && !asleep &&
+                     !inactive && !screensOff;
     if (run && !tick.isActive())
         tick.start();
     else if (!run && tick.isActive())
@@ -144,8 +138,8 @@ void FrameScheduler::applySessionEvent(bool &flag, bool value, const char *onNam
     flag = value;
     const bool after = visible();
     if (before != after)
-        Log::write(QStringLiteral("Cena: ") + QLatin1String(value ? onName : offName) + QStringLiteral(" → ")
-                   + (after ? QStringLiteral("renderiza") : QStringLiteral("pausa")));
+        Log::write(QStringLiteral("Cena: ") + QLatin1String(value ? onName : offName) + QStringLiteral(" → ") +
+                   (after ? QStringLiteral("renderiza") : QStringLiteral("pausa")));
     update();
 }
 
@@ -157,25 +151,20 @@ void FrameScheduler::onProbeTick()
 
 void FrameScheduler::probeCoverage(bool force)
 {
-    if (invalidated)
-        return;
-    if (!force && !covered && !screensOff && probeTicks % kProbeEvery != 0)
-        return;
+    if (invalidated) return;
+    if (!force && !covered && !screensOff && probeTicks % kProbeEvery != 0) return;
 
     // Dark screens show nothing, so their windows need no listing. Coming back on, the coverage
     // is settled first, so that the line about the screens tells whether the room now shows.
     const bool off = windows && windows->screensOff();
-    if (!off)
-        setCovered(areaHidden());
-    if (off != screensOff)
-        applySessionEvent(screensOff, off, "monitor desligado", "monitor ligado");
+    if (!off) setCovered(areaHidden());
+    if (off != screensOff) applySessionEvent(screensOff, off, "monitor desligado", "monitor ligado");
 }
 
 bool FrameScheduler::areaHidden() const
 {
     const std::optional<QRect> area = animatedArea ? animatedArea() : std::nullopt;
-    if (!area || area->isEmpty() || !windows)
-        return false;
+    if (!area || area->isEmpty() || !windows) return false;
     const std::vector<ListedWindow> listed = windows->windows();
     const double cellW = double(area->width()) / kGrid;
     const double cellH = double(area->height()) / kGrid;
@@ -186,8 +175,7 @@ bool FrameScheduler::areaHidden() const
             const bool hidden = std::any_of(listed.begin(), listed.end(), [&](const ListedWindow &w) {
                 return w.opacity > kOpaque && inside(w.frame, x, y);
             });
-            if (!hidden)
-                return false;
+            if (!hidden) return false;
         }
     }
     return true;
@@ -195,8 +183,7 @@ bool FrameScheduler::areaHidden() const
 
 void FrameScheduler::setCovered(bool value)
 {
-    if (value == covered)
-        return;
+    if (value == covered) return;
     covered = value;
     Log::write(covered ? QStringLiteral("Cena: área animada coberta por janelas → pausa")
                        : QStringLiteral("Cena: área animada à vista → renderiza"));
@@ -206,8 +193,7 @@ void FrameScheduler::setCovered(bool value)
 void FrameScheduler::onTick()
 {
     ++frames;
-    if (onFrame)
-        onFrame(clock.now());
+    if (onFrame) onFrame(clock.now());
 }
 
 void FrameScheduler::writePerfLine()
@@ -220,8 +206,8 @@ void FrameScheduler::writePerfLine()
     Log::write(QString::asprintf("Perf %.0fs: %.1f fps, CPU %.2f%%, GPU %.3f ms/quadro (%.2f%% ocupada), "
                                  "footprint %d MB, ",
                                  w, double(frames) / w, (cpu - lastCPU) / w * 100.0, gpuMsPerFrame,
-                                 gpuSeconds / w * 100.0, ProcessUsage::footprintMegabytes())
-               + (describeState ? describeState() : QString()));
+                                 gpuSeconds / w * 100.0, ProcessUsage::footprintMegabytes()) +
+               (describeState ? describeState() : QString()));
     frames = 0;
     lastWall = now;
     lastCPU = cpu;

@@ -12,8 +12,14 @@ public:
     // The process's steady clock; never goes back, stands still while the machine sleeps.
     static double steady();
 
-    MediaClock() : source(&steady) {}
-    explicit MediaClock(Source s) : source(std::move(s)) {}
+    MediaClock()
+        : source(&steady)
+    {
+    }
+    explicit MediaClock(Source s)
+        : source(std::move(s))
+    {
+    }
 
     double now() const { return source(); }
 

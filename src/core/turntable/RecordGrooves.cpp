@@ -8,12 +8,14 @@
 
 quint64 RecordGrooves::hash(const QString &text) { return albumHash(text); }
 
-int RecordGrooves::assumedCount(const QString &album, int trackCount) {
+int RecordGrooves::assumedCount(const QString &album, int trackCount)
+{
     if (trackCount >= 1) return trackCount;
     return int((hash(album) % 3) | 8);
 }
 
-std::optional<std::pair<QChar, int>> RecordGrooves::side(int number, int trackCount, const QString &album) {
+std::optional<std::pair<QChar, int>> RecordGrooves::side(int number, int trackCount, const QString &album)
+{
     if (number < 1) return std::nullopt;
     const int total = std::max(number, assumedCount(album, trackCount));
     const int half = int(std::ceil(total * 0.5));
@@ -21,7 +23,8 @@ std::optional<std::pair<QChar, int>> RecordGrooves::side(int number, int trackCo
     return std::make_pair(QChar('A'), number);
 }
 
-RecordGrooves RecordGrooves::forTrack(const std::optional<Track> &track, double grooveOuter, double grooveInner) {
+RecordGrooves RecordGrooves::forTrack(const std::optional<Track> &track, double grooveOuter, double grooveInner)
+{
     if (!track) return make(QString(), 1, 8, 240, grooveOuter, grooveInner);
     // Players are not trusted: a number or count past any real album's counts as unknown rather
     // than cutting the side into millions of bands.
@@ -32,7 +35,8 @@ RecordGrooves RecordGrooves::forTrack(const std::optional<Track> &track, double 
 }
 
 RecordGrooves RecordGrooves::make(const QString &album, int number, int total, double duration, double grooveOuter,
-                                  double grooveInner) {
+                                  double grooveInner)
+{
     const int half = int(std::ceil(total * 0.5));
     std::vector<int> numbers;
     if (number > half)
@@ -42,9 +46,8 @@ RecordGrooves RecordGrooves::make(const QString &album, int number, int total, d
     std::vector<double> lengths;
     double sum = 0;
     for (int k : numbers) {
-        const double len = (k == number && duration > 0)
-                               ? duration
-                               : double(hash(album + "#" + QString::number(k)) % 180 + 150);
+        const double len =
+            (k == number && duration > 0) ? duration : double(hash(album + "#" + QString::number(k)) % 180 + 150);
         lengths.push_back(len);
         sum += len;
     }
@@ -62,7 +65,8 @@ RecordGrooves RecordGrooves::make(const QString &album, int number, int total, d
     return g;
 }
 
-static void evaluate(const RecordSpin &s, double t, double &angle, double &speed) {
+static void evaluate(const RecordSpin &s, double t, double &angle, double &speed)
+{
     const double dt = std::max(t - s.t0, 0.0);
     const double e = s.tau > 0 ? std::exp(-dt / s.tau) : 0.0;
     angle = std::fmod(s.angle0 + s.target * dt + (s.omega0 - s.target) * s.tau * (1 - e), 2 * M_PI);
@@ -70,7 +74,8 @@ static void evaluate(const RecordSpin &s, double t, double &angle, double &speed
     speed = s.target + (s.omega0 - s.target) * e;
 }
 
-void RecordSpin::set(bool playing, double t) {
+void RecordSpin::set(bool playing, double t)
+{
     const double newTarget = playing ? playSpeed : 0.0;
     if (newTarget == target) return;
     double angle, speed;
@@ -83,13 +88,15 @@ void RecordSpin::set(bool playing, double t) {
     tau = playing ? 0.16 : 0.22;
 }
 
-double RecordSpin::angle(double t) const {
+double RecordSpin::angle(double t) const
+{
     double a, s;
     evaluate(*this, t, a, s);
     return a;
 }
 
-double RecordSpin::speed(double t) const {
+double RecordSpin::speed(double t) const
+{
     double a, s;
     evaluate(*this, t, a, s);
     return s;

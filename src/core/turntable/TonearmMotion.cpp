@@ -3,7 +3,8 @@
 #include <algorithm>
 #include <cmath>
 
-void TonearmMotion::advance(double t, double g) {
+void TonearmMotion::advance(double t, double g)
+{
     const double dt = lastStep ? t - *lastStep : 0.0;
     if (dt <= 0) {
         lastStep = t;
@@ -55,7 +56,8 @@ void TonearmMotion::advance(double t, double g) {
 bool TonearmMotion::moving(double g) const { return std::abs(yaw - g) > 0.0001 || lift > 0.0001; }
 
 double TonearmMotion::goal(const Geometry &g, bool playing, double p, bool recordEffects,
-                           std::optional<std::pair<double, double>> band) {
+                           std::optional<std::pair<double, double>> band)
+{
     if (!playing) return g.yawRest;
     p = std::clamp(p, 0.0, 1.0);
     if (recordEffects) {
@@ -67,7 +69,8 @@ double TonearmMotion::goal(const Geometry &g, bool playing, double p, bool recor
     return g.yawLeadIn + (g.yawRunOut - g.yawLeadIn) * p;
 }
 
-std::pair<int, double> TonearmMotion::neighbors(const std::vector<double> &s, double yaw) {
+std::pair<int, double> TonearmMotion::neighbors(const std::vector<double> &s, double yaw)
+{
     if (s.size() < 2 || yaw <= s.front()) return {0, 0.0};
     if (yaw >= s.back()) return {int(s.size()) - 2, 1.0};
     for (size_t k = 1; k < s.size(); ++k)

@@ -9,7 +9,8 @@
 const QString GSettingsDesktopPreferences::schema = QStringLiteral("org.gnome.shell.extensions.ding");
 
 GSettingsDesktopPreferences::GSettingsDesktopPreferences(QString schemaDirectory)
-    : tool(QStringLiteral("gsettings")), schemaDirectory(std::move(schemaDirectory))
+    : tool(QStringLiteral("gsettings"))
+    , schemaDirectory(std::move(schemaDirectory))
 {
 }
 
@@ -19,8 +20,7 @@ QString GSettingsDesktopPreferences::extensionSchemaDirectory()
     roots += QStandardPaths::standardLocations(QStandardPaths::GenericDataLocation);
     for (const QString &root : roots) {
         const QString dir = root + QStringLiteral("/gnome-shell/extensions/ding@rastersoft.com/schemas");
-        if (QFileInfo::exists(dir + QStringLiteral("/gschemas.compiled")))
-            return dir;
+        if (QFileInfo::exists(dir + QStringLiteral("/gschemas.compiled"))) return dir;
     }
     return {};
 }
@@ -28,8 +28,7 @@ QString GSettingsDesktopPreferences::extensionSchemaDirectory()
 QStringList GSettingsDesktopPreferences::arguments(QStringList rest) const
 {
     // gsettings takes the option only as two words, before the command.
-    if (!schemaDirectory.isEmpty())
-        rest = QStringList{QStringLiteral("--schemadir"), schemaDirectory} + rest;
+    if (!schemaDirectory.isEmpty()) rest = QStringList{QStringLiteral("--schemadir"), schemaDirectory} + rest;
     return rest;
 }
 
@@ -61,19 +60,17 @@ std::optional<QVariant> GSettingsDesktopPreferences::read(const Setting &setting
         return std::nullopt;
     }
     const QString text = QString::fromUtf8(r.out).trimmed();
-    if (setting.cleanValue.typeId() == QMetaType::Bool)
-        return QVariant(text == QLatin1String("true"));
+    if (setting.cleanValue.typeId() == QMetaType::Bool) return QVariant(text == QLatin1String("true"));
     QVariant value = text;
-    if (!value.convert(setting.cleanValue.metaType()))
-        return std::nullopt;
+    if (!value.convert(setting.cleanValue.metaType())) return std::nullopt;
     return value;
 }
 
 void GSettingsDesktopPreferences::write(const Setting &setting, const QVariant &value)
 {
     const QString text = value.typeId() == QMetaType::Bool
-        ? (value.toBool() ? QStringLiteral("true") : QStringLiteral("false"))
-        : value.toString();
+                             ? (value.toBool() ? QStringLiteral("true") : QStringLiteral("false"))
+                             : value.toString();
     const auto r = tool.run(arguments({QStringLiteral("set"), setting.domain, setting.key, text}));
     if (!r.ok() && r.started)
         Log::write(QStringLiteral("Mesa limpa: gsettings set %1 %2 falhou: %3")

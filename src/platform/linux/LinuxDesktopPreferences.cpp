@@ -8,18 +8,15 @@ std::unique_ptr<DesktopPreferences> linuxDesktopPreferences(const QString &curre
     const QStringList names = currentDesktop.toUpper().split(QLatin1Char(':'), Qt::SkipEmptyParts);
     if (names.contains(QLatin1String("XFCE"))) {
         auto xfce = std::make_unique<XfconfDesktopPreferences>();
-        if (xfce->usable())
-            return xfce;
+        if (xfce->usable()) return xfce;
     }
     if (names.contains(QLatin1String("GNOME"))) {
         auto gnome = std::make_unique<GSettingsDesktopPreferences>();
-        if (gnome->usable())
-            return gnome;
+        if (gnome->usable()) return gnome;
         const QString own = GSettingsDesktopPreferences::extensionSchemaDirectory();
         if (!own.isEmpty()) {
             gnome = std::make_unique<GSettingsDesktopPreferences>(own);
-            if (gnome->usable())
-                return gnome;
+            if (gnome->usable()) return gnome;
         }
     }
     return nullptr;

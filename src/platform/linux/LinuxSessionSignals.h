@@ -35,8 +35,7 @@ public:
 
 private slots:
     void screenSaverActiveChanged(bool active);
-    void sessionPropertiesChanged(const QString &interface, const QVariantMap &changed,
-                                  const QStringList &invalidated);
+    void sessionPropertiesChanged(const QString &interface, const QVariantMap &changed, const QStringList &invalidated);
     void prepareForSleep(bool sleeping);
 
 private:

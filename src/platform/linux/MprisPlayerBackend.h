@@ -24,8 +24,7 @@ public:
     static QString busNamePrefix() { return QStringLiteral("org.mpris.MediaPlayer2."); }
     static QString spotifyBusName() { return QStringLiteral("org.mpris.MediaPlayer2.spotify"); }
 
-    explicit MprisPlayerBackend(const QDBusConnection &bus = QDBusConnection::sessionBus(),
-                                QObject *parent = nullptr);
+    explicit MprisPlayerBackend(const QDBusConnection &bus = QDBusConnection::sessionBus(), QObject *parent = nullptr);
 
     QList<PlayerSource> sources() const override;
     bool isRunning(const PlayerSource &source) const override;
@@ -33,15 +32,13 @@ public:
     void startWatching() override;
 
     // MPRIS metadata and status to a snapshot; nothing when stopped or without a track.
-    static std::optional<Snapshot> snapshotFrom(const PlayerSource &source,
-                                                const QVariantMap &playerProperties);
+    static std::optional<Snapshot> snapshotFrom(const PlayerSource &source, const QVariantMap &playerProperties);
     // Spotify first, then by name; names outside MPRIS are dropped.
     static QStringList ordered(const QStringList &busNames);
 
 private slots:
     void nameOwnerChanged(const QString &name, const QString &oldOwner, const QString &newOwner);
-    void propertiesChanged(const QString &interface, const QVariantMap &changed,
-                           const QStringList &invalidated);
+    void propertiesChanged(const QString &interface, const QVariantMap &changed, const QStringList &invalidated);
     void seeked(qlonglong position);
 
 private:
@@ -50,6 +47,6 @@ private:
 
     QDBusConnection bus;
     bool watching = false;
-    QMultiHash<QString, QString> namesOfOwner;    // unique name → its MPRIS bus names
-    mutable QHash<QString, QString> identities;   // MPRIS bus name → Identity
+    QMultiHash<QString, QString> namesOfOwner;   // unique name → its MPRIS bus names
+    mutable QHash<QString, QString> identities;  // MPRIS bus name → Identity
 };

@@ -22,15 +22,13 @@ class UPowerPowerSource : public PowerSource {
 public:
     static constexpr int callTimeoutMs = 500;
 
-    explicit UPowerPowerSource(const QDBusConnection &bus = QDBusConnection::systemBus(),
-                               QObject *parent = nullptr);
+    explicit UPowerPowerSource(const QDBusConnection &bus = QDBusConnection::systemBus(), QObject *parent = nullptr);
 
     std::optional<Reading> read() override;
     bool lowPowerMode() override;
 
 private slots:
-    void upowerPropertiesChanged(const QString &interface, const QVariantMap &changed,
-                                 const QStringList &invalidated);
+    void upowerPropertiesChanged(const QString &interface, const QVariantMap &changed, const QStringList &invalidated);
     void profilesPropertiesChanged(const QString &interface, const QVariantMap &changed,
                                    const QStringList &invalidated);
     void devicesChanged(const QDBusObjectPath &device);

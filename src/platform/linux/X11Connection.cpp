@@ -22,27 +22,25 @@ XErrorHandler previousHandler = nullptr;
 
 int quietErrors(Display *display, XErrorEvent *event)
 {
-    if (quietDisplays().contains(display) || !previousHandler)
-        return 0;
+    if (quietDisplays().contains(display) || !previousHandler) return 0;
     return previousHandler(display, event);
 }
 
 void installQuietErrors()
 {
     static bool installed = false;
-    if (installed)
-        return;
+    if (installed) return;
     installed = true;
     previousHandler = XSetErrorHandler(quietErrors);
 }
 
 }  // namespace
 
-X11Connection::X11Connection(const QByteArray &displayName, QObject *parent) : QObject(parent)
+X11Connection::X11Connection(const QByteArray &displayName, QObject *parent)
+    : QObject(parent)
 {
     display = XOpenDisplay(displayName.isEmpty() ? nullptr : displayName.constData());
-    if (!display)
-        return;
+    if (!display) return;
     installQuietErrors();
     quietDisplays().insert(display);
     rootWindow = DefaultRootWindow(display);
@@ -51,16 +49,16 @@ X11Connection::X11Connection(const QByteArray &displayName, QObject *parent) : Q
 }
 
 X11Connection::X11Connection(_XDisplay *borrowed, QObject *parent)
-    : QObject(parent), display(borrowed), owned(false)
+    : QObject(parent)
+    , display(borrowed)
+    , owned(false)
 {
-    if (display)
-        rootWindow = DefaultRootWindow(display);
+    if (display) rootWindow = DefaultRootWindow(display);
 }
 
 X11Connection::~X11Connection()
 {
-    if (!display || !owned)
-        return;
+    if (!display || !owned) return;
     delete notifier;
     quietDisplays().remove(display);
     XCloseDisplay(display);
@@ -68,11 +66,9 @@ X11Connection::~X11Connection()
 
 X11Connection::XAtom X11Connection::atom(const char *name)
 {
-    if (!display)
-        return 0;
+    if (!display) return 0;
     auto found = atoms.constFind(QByteArray(name));
-    if (found != atoms.constEnd())
-        return *found;
+    if (found != atoms.constEnd()) return *found;
     const XAtom made = XInternAtom(display, name, False);
     atoms.insert(QByteArray(name), made);
     return made;
@@ -81,18 +77,15 @@ X11Connection::XAtom X11Connection::atom(const char *name)
 void X11Connection::readProperty(XWindow window, XAtom property, int format,
                                  const std::function<void(const unsigned char *, unsigned long)> &use)
 {
-    if (!display || !window)
-        return;
+    if (!display || !window) return;
     Atom type = 0;
     int got = 0;
     unsigned long count = 0, after = 0;
     unsigned char *data = nullptr;
-    const int status = XGetWindowProperty(display, window, property, 0, 4096, False, AnyPropertyType,
-                                          &type, &got, &count, &after, &data);
-    if (status == Success && data && got == format)
-        use(data, count);
-    if (data)
-        XFree(data);
+    const int status = XGetWindowProperty(display, window, property, 0, 4096, False, AnyPropertyType, &type, &got,
+                                          &count, &after, &data);
+    if (status == Success && data && got == format) use(data, count);
+    if (data) XFree(data);
     readQueuedSoon();
 }
 
@@ -103,8 +96,7 @@ std::vector<unsigned long> X11Connection::values(XWindow window, XAtom property)
         // Xlib hands format-32 items as longs, sign-extended where long is 64 bits wide:
         // 0xFFFFFFFF (every desktop) would read as ~0ul.
         const auto *items = reinterpret_cast<const unsigned long *>(data);
-        for (unsigned long i = 0; i < count; ++i)
-            out.push_back(items[i] & 0xFFFFFFFFul);
+        for (unsigned long i = 0; i < count; ++i) out.push_back(items[i] & 0xFFFFFFFFul);
     });
     return out;
 }
@@ -112,8 +104,7 @@ std::vector<unsigned long> X11Connection::values(XWindow window, XAtom property)
 std::optional<unsigned long> X11Connection::value(XWindow window, XAtom property)
 {
     const std::vector<unsigned long> all = values(window, property);
-    if (all.empty())
-        return std::nullopt;
+    if (all.empty()) return std::nullopt;
     return all.front();
 }
 
@@ -128,8 +119,7 @@ QByteArray X11Connection::bytes(XWindow window, XAtom property)
 
 int X11Connection::depth(XWindow window)
 {
-    if (!display || !window)
-        return 0;
+    if (!display || !window) return 0;
     XWindowAttributes attributes;
     const bool ok = XGetWindowAttributes(display, window, &attributes) != 0;
     readQueuedSoon();
@@ -139,30 +129,25 @@ int X11Connection::depth(XWindow window)
 QByteArray X11Connection::managerName()
 {
     const std::optional<unsigned long> check = value(rootWindow, atom("_NET_SUPPORTING_WM_CHECK"));
-    if (!check)
-        return {};
+    if (!check) return {};
     // A stale check window left by a manager that died no longer points at itself.
-    if (value(*check, atom("_NET_SUPPORTING_WM_CHECK")) != check)
-        return {};
+    if (value(*check, atom("_NET_SUPPORTING_WM_CHECK")) != check) return {};
     return bytes(*check, atom("_NET_WM_NAME"));
 }
 
 void X11Connection::watchRoot()
 {
-    if (!display || !owned)
-        return;
+    if (!display || !owned) return;
     XWindowAttributes attributes;
     long mask = PropertyChangeMask;
-    if (XGetWindowAttributes(display, rootWindow, &attributes))
-        mask |= attributes.your_event_mask;
+    if (XGetWindowAttributes(display, rootWindow, &attributes)) mask |= attributes.your_event_mask;
     XSelectInput(display, rootWindow, mask);
     XFlush(display);
 }
 
 void X11Connection::sync()
 {
-    if (!display)
-        return;
+    if (!display) return;
     XSync(display, False);
     readQueuedSoon();
 }
@@ -170,8 +155,7 @@ void X11Connection::sync()
 void X11Connection::readEvents()
 {
     readScheduled = false;
-    if (!display || !owned)
-        return;
+    if (!display || !owned) return;
     while (XPending(display) > 0) {
         XEvent event;
         XNextEvent(display, &event);
@@ -184,8 +168,7 @@ void X11Connection::readEvents()
 
 void X11Connection::readQueuedSoon()
 {
-    if (!display || !owned || readScheduled || XEventsQueued(display, QueuedAlready) == 0)
-        return;
+    if (!display || !owned || readScheduled || XEventsQueued(display, QueuedAlready) == 0) return;
     readScheduled = true;
     QTimer::singleShot(0, this, &X11Connection::readEvents);
 }

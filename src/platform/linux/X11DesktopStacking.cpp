@@ -15,21 +15,19 @@ constexpr long restackFromPager = 2;  // managers ignore other sources' stacking
 }  // namespace
 
 X11DesktopStacking::X11DesktopStacking(const QByteArray &displayName, QObject *parent)
-    : QObject(parent), x(displayName)
+    : QObject(parent)
+    , x(displayName)
 {
-    if (!x.isOpen())
-        return;
+    if (!x.isOpen()) return;
     connect(&x, &X11Connection::rootPropertyChanged, this, [this](unsigned long atom) {
-        if (atom == x.atom("_NET_CLIENT_LIST_STACKING") || atom == x.atom("_NET_CLIENT_LIST"))
-            restackSoon();
+        if (atom == x.atom("_NET_CLIENT_LIST_STACKING") || atom == x.atom("_NET_CLIENT_LIST")) restackSoon();
     });
     x.watchRoot();
 }
 
 void X11DesktopStacking::add(QWindow *window)
 {
-    if (!window || windows.contains(window))
-        return;
+    if (!window || windows.contains(window)) return;
     windows.append(window);
     // A window enters the stacking list only once mapped and managed; the list's change then
     // brings the first restack. Override-redirect windows never enter it.
@@ -39,8 +37,7 @@ void X11DesktopStacking::add(QWindow *window)
 
 void X11DesktopStacking::remove(QWindow *window)
 {
-    if (!window)
-        return;
+    if (!window) return;
     windows.removeAll(window);
     disconnect(window, nullptr, this, nullptr);
     loweredOnce.remove(XWindow(window->winId()));
@@ -48,8 +45,7 @@ void X11DesktopStacking::remove(QWindow *window)
 
 void X11DesktopStacking::restackSoon()
 {
-    if (restackScheduled || !x.isOpen())
-        return;
+    if (restackScheduled || !x.isOpen()) return;
     restackScheduled = true;
     QTimer::singleShot(0, this, &X11DesktopStacking::restack);
 }
@@ -57,8 +53,7 @@ void X11DesktopStacking::restackSoon()
 bool X11DesktopStacking::isOurs(XWindow client)
 {
     for (const QPointer<QWindow> &window : std::as_const(windows))
-        if (window && XWindow(window->winId()) == client)
-            return true;
+        if (window && XWindow(window->winId()) == client) return true;
     return x.value(client, x.atom("_NET_WM_PID")) == static_cast<unsigned long>(getpid());
 }
 
@@ -66,8 +61,7 @@ void X11DesktopStacking::restack()
 {
     restackScheduled = false;
     windows.removeAll(nullptr);
-    if (windows.isEmpty())
-        return;
+    if (windows.isEmpty()) return;
 
     const std::vector<unsigned long> stack = x.values(x.root(), x.atom("_NET_CLIENT_LIST_STACKING"));
     const unsigned long desktopType = x.atom("_NET_WM_WINDOW_TYPE_DESKTOP");
@@ -94,16 +88,14 @@ void X11DesktopStacking::restack()
     }
 
     for (const QPointer<QWindow> &window : std::as_const(windows)) {
-        if (!window->handle())
-            continue;
+        if (!window->handle()) continue;
         const XWindow ours = XWindow(window->winId());
         if (window->flags().testFlag(Qt::BypassWindowManagerHint)) {
             lowerBypassing(ours);
             continue;
         }
         const auto found = std::find(stack.begin(), stack.end(), ours);
-        if (found == stack.end())
-            continue;  // not managed yet
+        if (found == stack.end()) continue;  // not managed yet
         const qsizetype oursAt = found - stack.begin();
         if (!icons) {
             if (!loweredOnce.contains(ours)) {
@@ -139,8 +131,7 @@ void X11DesktopStacking::lowerBypassing(XWindow window)
     Window rootReturn = 0, parent = 0;
     Window *children = nullptr;
     unsigned int count = 0;
-    if (!XQueryTree(x.xdisplay(), x.root(), &rootReturn, &parent, &children, &count))
-        return;
+    if (!XQueryTree(x.xdisplay(), x.root(), &rootReturn, &parent, &children, &count)) return;
     // Only shown windows count: managers keep unmapped helper windows anywhere in the stack.
     bool bottom = true;
     for (unsigned int i = 0; i < count && children[i] != window; ++i) {
@@ -150,8 +141,6 @@ void X11DesktopStacking::lowerBypassing(XWindow window)
             break;
         }
     }
-    if (children)
-        XFree(children);
-    if (!bottom)
-        XLowerWindow(x.xdisplay(), window);
+    if (children) XFree(children);
+    if (!bottom) XLowerWindow(x.xdisplay(), window);
 }

@@ -20,10 +20,7 @@ Display *qtDisplay()
     return x11 ? x11->display() : nullptr;
 }
 
-bool tiles(X11Connection &x)
-{
-    return x.managerName() == "i3";
-}
+bool tiles(X11Connection &x) { return x.managerName() == "i3"; }
 
 }  // namespace
 
@@ -38,15 +35,13 @@ bool managerTilesDesktopWindows()
 bool prepare(QWindow *window)
 {
     Display *display = qtDisplay();
-    if (!display || !window || !window->handle())
-        return false;
+    if (!display || !window || !window->handle()) return false;
     X11Connection x(display);
 
     // Flags first: Qt rewrites the window type whenever the flags change.
-    Qt::WindowFlags flags = window->flags() | Qt::FramelessWindowHint | Qt::WindowDoesNotAcceptFocus
-                            | Qt::WindowTransparentForInput;
-    if (tiles(x))
-        flags |= Qt::BypassWindowManagerHint;
+    Qt::WindowFlags flags =
+        window->flags() | Qt::FramelessWindowHint | Qt::WindowDoesNotAcceptFocus | Qt::WindowTransparentForInput;
+    if (tiles(x)) flags |= Qt::BypassWindowManagerHint;
     window->setFlags(flags);
 
     const Window id = Window(window->winId());

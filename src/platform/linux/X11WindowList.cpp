@@ -21,10 +21,10 @@ bool contains(const std::vector<unsigned long> &list, unsigned long item)
 }  // namespace
 
 X11WindowList::X11WindowList(const QByteArray &displayName, QObject *parent)
-    : WindowList(parent), x(displayName)
+    : WindowList(parent)
+    , x(displayName)
 {
-    if (!x.isOpen())
-        return;
+    if (!x.isOpen()) return;
     connect(&x, &X11Connection::rootPropertyChanged, this, &X11WindowList::rootPropertyChanged);
     x.watchRoot();
 
@@ -36,16 +36,14 @@ X11WindowList::X11WindowList(const QByteArray &displayName, QObject *parent)
         XScreenSaverSelectInput(d, x.root(), ScreenSaverNotifyMask);
         XFlush(d);
         connect(&x, &X11Connection::otherEvent, this, [this](int type) {
-            if (type == saverNotify)
-                emit changed();
+            if (type == saverNotify) emit changed();
         });
     }
 }
 
 bool X11WindowList::screensOff()
 {
-    if (!x.isOpen())
-        return false;
+    if (!x.isOpen()) return false;
     Display *d = x.xdisplay();
     bool off = false;
     if (dpms) {
@@ -61,28 +59,21 @@ bool X11WindowList::screensOff()
     return off;
 }
 
-void X11WindowList::addOwnWindow(WId window)
-{
-    own.insert(window);
-}
+void X11WindowList::addOwnWindow(WId window) { own.insert(window); }
 
-void X11WindowList::removeOwnWindow(WId window)
-{
-    own.remove(window);
-}
+void X11WindowList::removeOwnWindow(WId window) { own.remove(window); }
 
 void X11WindowList::rootPropertyChanged(unsigned long atom)
 {
-    if (atom == x.atom("_NET_CLIENT_LIST_STACKING") || atom == x.atom("_NET_ACTIVE_WINDOW")
-        || atom == x.atom("_NET_CURRENT_DESKTOP"))
+    if (atom == x.atom("_NET_CLIENT_LIST_STACKING") || atom == x.atom("_NET_ACTIVE_WINDOW") ||
+        atom == x.atom("_NET_CURRENT_DESKTOP"))
         emit changed();
 }
 
 std::vector<ListedWindow> X11WindowList::windows()
 {
     std::vector<ListedWindow> out;
-    if (!x.isOpen())
-        return out;
+    if (!x.isOpen()) return out;
     const std::optional<unsigned long> currentDesktop = x.value(x.root(), x.atom("_NET_CURRENT_DESKTOP"));
     const std::vector<unsigned long> stacking = x.values(x.root(), x.atom("_NET_CLIENT_LIST_STACKING"));
     const unsigned long hidden = x.atom("_NET_WM_STATE_HIDDEN");
@@ -108,8 +99,7 @@ std::vector<ListedWindow> X11WindowList::windows()
     std::vector<Asked> asked;
     asked.reserve(stacking.size());
     for (const unsigned long client : stacking) {
-        if (own.contains(WId(client)))
-            continue;
+        if (own.contains(WId(client))) continue;
         const auto w = xcb_window_t(client);
         asked.push_back({w, xcb_get_window_attributes(c, w), xcb_get_geometry(c, w),
                          xcb_translate_coordinates(c, w, root, 0, 0), property(w, "_NET_WM_STATE"),
@@ -139,25 +129,25 @@ std::vector<ListedWindow> X11WindowList::windows()
     for (const Asked &a : asked) {
         // Every reply is read, the skipped windows' too, so none is left waiting in the connection.
         xcb_generic_error_t *e1 = nullptr, *e2 = nullptr, *e3 = nullptr;
-        xcb_get_window_attributes_reply_t *attributes = taken(xcb_get_window_attributes_reply(c, a.attributes, &e1), e1);
+        xcb_get_window_attributes_reply_t *attributes =
+            taken(xcb_get_window_attributes_reply(c, a.attributes, &e1), e1);
         xcb_get_geometry_reply_t *geometry = taken(xcb_get_geometry_reply(c, a.geometry, &e2), e2);
         xcb_translate_coordinates_reply_t *corner = taken(xcb_translate_coordinates_reply(c, a.corner, &e3), e3);
         const std::vector<unsigned long> state = values(a.state), desktop = values(a.desktop), types = values(a.types),
                                          pid = values(a.pid), frame = values(a.extents), opacity = values(a.opacity);
         const bool viewable = attributes && attributes->map_state == XCB_MAP_STATE_VIEWABLE && geometry && corner;
-        const bool elsewhere = currentDesktop && !desktop.empty() && desktop.front() != allDesktops &&
-                               desktop.front() != *currentDesktop;
+        const bool elsewhere =
+            currentDesktop && !desktop.empty() && desktop.front() != allDesktops && desktop.front() != *currentDesktop;
         if (viewable && !contains(state, hidden) && !elsewhere && !contains(types, desktopType) &&
             !contains(types, dockType) && (pid.empty() || pid.front() != ourPid)) {
             // left, right, top, bottom
             std::vector<unsigned long> extents = frame;
             extents.resize(4, 0);
             ListedWindow listed;
-            listed.frame = QRect(corner->dst_x - int(extents[0]), corner->dst_y - int(extents[2]),
-                                 geometry->width + int(extents[0] + extents[1]),
-                                 geometry->height + int(extents[2] + extents[3]));
-            if (!opacity.empty())
-                listed.opacity = double(opacity.front()) / double(0xFFFFFFFFul);
+            listed.frame =
+                QRect(corner->dst_x - int(extents[0]), corner->dst_y - int(extents[2]),
+                      geometry->width + int(extents[0] + extents[1]), geometry->height + int(extents[2] + extents[3]));
+            if (!opacity.empty()) listed.opacity = double(opacity.front()) / double(0xFFFFFFFFul);
             out.push_back(listed);
         }
         std::free(attributes);

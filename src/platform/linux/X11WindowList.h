@@ -35,6 +35,6 @@ private:
 
     X11Connection x;
     QSet<WId> own;
-    bool dpms = false;    // the server can power its monitors down
+    bool dpms = false;     // the server can power its monitors down
     int saverNotify = -1;  // the event type of the screen saver's notices; -1 without the extension
 };

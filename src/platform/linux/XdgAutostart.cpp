@@ -19,8 +19,7 @@ QString entryPath()
 bool isEnabled()
 {
     const QString file = entryPath();
-    if (!QFile::exists(file))
-        return false;
+    if (!QFile::exists(file)) return false;
     QSettings entry(file, QSettings::IniFormat);
     return entry.value(QStringLiteral("Desktop Entry/Hidden")).toString() != QStringLiteral("true");
 }
@@ -28,16 +27,13 @@ bool isEnabled()
 bool setEnabled(bool on, const QString &program)
 {
     const QString file = entryPath();
-    if (!on)
-        return !QFile::exists(file) || QFile::remove(file);
+    if (!on) return !QFile::exists(file) || QFile::remove(file);
     QDir().mkpath(QFileInfo(file).absolutePath());
     // Exec takes its arguments split at blanks: a path with one is quoted.
     QString exec = program;
-    if (exec.contains(QLatin1Char(' ')))
-        exec = QLatin1Char('"') + exec + QLatin1Char('"');
+    if (exec.contains(QLatin1Char(' '))) exec = QLatin1Char('"') + exec + QLatin1Char('"');
     QSaveFile out(file);
-    if (!out.open(QIODevice::WriteOnly))
-        return false;
+    if (!out.open(QIODevice::WriteOnly)) return false;
     out.write(QStringLiteral("[Desktop Entry]\n"
                              "Type=Application\n"
                              "Name=Turnelo\n"

@@ -53,8 +53,7 @@ QStringList filesUnder(const QString &dir)
 {
     QStringList out;
     QDirIterator it(dir, QDir::Files | QDir::Hidden, QDirIterator::Subdirectories);
-    while (it.hasNext())
-        out.append(QDir(dir).relativeFilePath(it.next()));
+    while (it.hasNext()) out.append(QDir(dir).relativeFilePath(it.next()));
     out.sort();
     return out;
 }
@@ -74,8 +73,8 @@ struct CrashStateTest : ::testing::Test {
             QDir().mkpath(scenes);
             Offer &o = offers[i];
             // Big enough that downloading, hashing and unpacking each take a while.
-            o.entry = scenepackages::publishScene(scenes, temp.filePath("work"), "apt.zip", QStringLiteral("scene%1").arg(i),
-                                                  3'000'000, quint32(7 + i));
+            o.entry = scenepackages::publishScene(scenes, temp.filePath("work"), "apt.zip",
+                                                  QStringLiteral("scene%1").arg(i), 3'000'000, quint32(7 + i));
             scenepackages::writeCatalog(scenes, {o.entry});
             // The two catalogs are as long as each other: a day apart, their tags differ.
             QFile catalog(scenes + "/manifest");
@@ -86,7 +85,8 @@ struct CrashStateTest : ::testing::Test {
             o.catalog = readFile(scenes + "/manifest");
             // nginx's tag: modification time and length in hexadecimal.
             const QFileInfo info(scenes + "/manifest");
-            o.etag = QStringLiteral("\"%1-%2\"").arg(info.lastModified().toSecsSinceEpoch(), 0, 16).arg(info.size(), 0, 16);
+            o.etag =
+                QStringLiteral("\"%1-%2\"").arg(info.lastModified().toSecsSinceEpoch(), 0, 16).arg(info.size(), 0, 16);
             for (const auto &z : scenepackages::entriesOf(temp.filePath("work/src/scene%1").arg(i)))
                 o.files[z.name] = z.data;
         }
@@ -104,8 +104,7 @@ struct CrashStateTest : ::testing::Test {
         p->setProcessEnvironment(env);
         p->setProgram(STATE_WRITER);
         QStringList args{root(), QString::number(firstRound), url(0), url(1)};
-        if (once)
-            args << "once";
+        if (once) args << "once";
         p->setArguments(args);
         p->setProcessChannelMode(QProcess::ForwardedErrorChannel);
         p->start();
@@ -125,8 +124,7 @@ struct CrashStateTest : ::testing::Test {
             e.pendingSetting.reset();
         } else if (kind == "snapshot") {
             (what == "begin" ? e.pendingSnapshot : e.snapshot) = w[2].toLongLong();
-            if (what == "ack")
-                e.pendingSnapshot.reset();
+            if (what == "ack") e.pendingSnapshot.reset();
         } else if (kind == "history") {
             if (what == "begin") {
                 e.pendingAlbum = "Album " + w[2];
@@ -151,18 +149,18 @@ struct CrashStateTest : ::testing::Test {
         EXPECT_EQ(settings.stackLimit(), stackLimit);
         for (auto &[key, value] : e.settings) {
             const qint64 now = settings.value(key).toLongLong();
-            if (e.pendingSetting && e.pendingSetting->first == key && now == e.pendingSetting->second)
-                value = now;
+            if (e.pendingSetting && e.pendingSetting->first == key && now == e.pendingSetting->second) value = now;
             EXPECT_EQ(now, value) << key.toStdString();
         }
-        if (e.pendingSetting && !e.settings.count(e.pendingSetting->first) && settings.contains(e.pendingSetting->first)) {
+        if (e.pendingSetting && !e.settings.count(e.pendingSetting->first) &&
+            settings.contains(e.pendingSetting->first)) {
             EXPECT_EQ(settings.value(e.pendingSetting->first).toLongLong(), e.pendingSetting->second);
             e.settings[e.pendingSetting->first] = e.pendingSetting->second;
         }
         const auto snapshot = settings.desktopSnapshot();
-        const std::optional<qint64> round = snapshot ? std::optional<qint64>(snapshot->value("round").toLongLong()) : std::nullopt;
-        if (round && e.pendingSnapshot && *round == *e.pendingSnapshot)
-            e.snapshot = round;
+        const std::optional<qint64> round =
+            snapshot ? std::optional<qint64>(snapshot->value("round").toLongLong()) : std::nullopt;
+        if (round && e.pendingSnapshot && *round == *e.pendingSnapshot) e.snapshot = round;
         EXPECT_EQ(round, e.snapshot);
 
         {
@@ -173,8 +171,7 @@ struct CrashStateTest : ::testing::Test {
                 EXPECT_FALSE(QImage(history.dir() + "/" + entry.file).isNull()) << entry.album.toStdString();
             }
             QStringList withPending = e.albums;
-            if (e.pendingAlbum)
-                withPending.append(*e.pendingAlbum);
+            if (e.pendingAlbum) withPending.append(*e.pendingAlbum);
             if (found == withPending.mid(std::max<qsizetype>(0, withPending.size() - stackLimit)))
                 e.albums = withPending;
             EXPECT_EQ(found.join(", ").toStdString(),
@@ -189,16 +186,13 @@ struct CrashStateTest : ::testing::Test {
         const QJsonObject record = QJsonDocument::fromJson(readFile(support() + "/Scenes/.installed.json")).object();
         std::optional<int> installed;
         for (int i = 0; i < 2; ++i)
-            if (record.value("sha256").toString() == offers[i].entry.sha256)
-                installed = i;
+            if (record.value("sha256").toString() == offers[i].entry.sha256) installed = i;
         EXPECT_EQ(installer.hasInstalledScene(), installed.has_value());
-        if (installed && installed == e.pendingInstall)
-            e.installed = installed;
+        if (installed && installed == e.pendingInstall) e.installed = installed;
         EXPECT_EQ(installed, e.installed);
         if (installed) {
             QStringList expected;
-            for (const auto &[name, data] : offers[*installed].files)
-                expected << name;
+            for (const auto &[name, data] : offers[*installed].files) expected << name;
             expected << ".installed.json";
             expected.sort();
             EXPECT_EQ(filesUnder(support() + "/Scenes"), expected);
@@ -213,8 +207,7 @@ struct CrashStateTest : ::testing::Test {
             const QByteArray bytes = readFile(cache);
             const int which = bytes == offers[0].catalog ? 0 : bytes == offers[1].catalog ? 1 : -1;
             EXPECT_NE(which, -1) << bytes.left(200).toStdString();
-            if (tag && which >= 0)
-                EXPECT_EQ(*tag, offers[which].etag);
+            if (tag && which >= 0) EXPECT_EQ(*tag, offers[which].etag);
         } else {
             EXPECT_FALSE(tag.has_value());
         }
@@ -264,8 +257,7 @@ TEST_F(CrashStateTest, AHundredKillsInEveryWritePathLoseNothingAcknowledged)
             if (killAt) {
                 // Sleeps to the moment rather than polling, for paths shorter than a millisecond.
                 const qint64 left = *killAt - clock.nsecsElapsed();
-                if (left > 0)
-                    QThread::usleep(quint64(left / 1000));
+                if (left > 0) QThread::usleep(quint64(left / 1000));
                 ::kill(pid_t(writer->processId()), SIGKILL);
                 killed = true;
                 break;
@@ -284,18 +276,15 @@ TEST_F(CrashStateTest, AHundredKillsInEveryWritePathLoseNothingAcknowledged)
                 const qint64 now = clock.nsecsElapsed();
                 // Where each path ends: its ack, or the next phase of the installer.
                 QString ended = w[0] == "ack" ? w[1] : QString();
-                if (w[0] == "begin" && w[1] == "download")
-                    ended = "catalog";
+                if (w[0] == "begin" && w[1] == "download") ended = "catalog";
                 if (w[0] == "begin" && w[1] == "verify") {
                     ended = "download";
                     began["install"] = now;  // hashing, unpacking and the swap count as the install
                 }
-                if (!ended.isEmpty() && began.count(ended))
-                    windowMs[ended].push_back(double(now - began[ended]) / 1e6);
+                if (!ended.isEmpty() && began.count(ended)) windowMs[ended].push_back(double(now - began[ended]) / 1e6);
                 if (w[0] == "begin" && QStringList{"catalog", "download", "verify", "install"}.contains(w[1]))
                     phase = w[1];
-                if (w[0] == "begin" && kinds.contains(w[1]) && w[1] != "install")
-                    began[w[1]] = now;
+                if (w[0] == "begin" && kinds.contains(w[1]) && w[1] != "install") began[w[1]] = now;
                 if (!killAt && w[0] == "begin" && (w[1] == target || (target == "install" && w[1] == "verify"))) {
                     const std::vector<double> &seen = windowMs[target];
                     const double span = seen.empty() ? 1.0 : seen[random.bounded(int(seen.size()))];
@@ -309,8 +298,7 @@ TEST_F(CrashStateTest, AHundredKillsInEveryWritePathLoseNothingAcknowledged)
         // The kill fell inside the path when it came before the path's end was reported.
         const QByteArray rest = pending + writer->readAllStandardOutput();
         for (const QByteArray &l : rest.split('\n'))
-            if (!l.isEmpty())
-                follow(QString::fromUtf8(l), expected, round);
+            if (!l.isEmpty()) follow(QString::fromUtf8(l), expected, round);
         const bool installing = expected.pendingInstall.has_value();
         inside[target] += target == "settings"   ? expected.pendingSetting.has_value()
                           : target == "snapshot" ? expected.pendingSnapshot.has_value()
@@ -318,21 +306,18 @@ TEST_F(CrashStateTest, AHundredKillsInEveryWritePathLoseNothingAcknowledged)
                           : target == "install"  ? installing && (phase == "verify" || phase == "install")
                                                  : installing && phase == target;
         verify(expected, QStringLiteral("after kill %1 (%2)").arg(run + 1).arg(target));
-        if (HasFailure())
-            return;
+        if (HasFailure()) return;
     }
 
     // After all that the writer still gets its work done.
     std::unique_ptr<QProcess> writer(startWriter(100000, true));
     ASSERT_TRUE(writer->waitForFinished(60000));
     const QString out = QString::fromUtf8(writer->readAllStandardOutput());
-    for (const QString &line : out.split('\n', Qt::SkipEmptyParts))
-        follow(line, expected, round);
+    for (const QString &line : out.split('\n', Qt::SkipEmptyParts)) follow(line, expected, round);
     EXPECT_TRUE(out.contains("ack install")) << out.toStdString();
     verify(expected, "after a run to the end");
 
     std::cout << "kills (inside the path):";
-    for (const QString &k : kinds)
-        std::cout << ' ' << k.toStdString() << ' ' << kills[k] << " (" << inside[k] << ")";
+    for (const QString &k : kinds) std::cout << ' ' << k.toStdString() << ' ' << kills[k] << " (" << inside[k] << ")";
     std::cout << std::endl;
 }

@@ -30,10 +30,16 @@ TEST_F(SettingsTest, WrongTypesAndRangesFallBack)
 {
     Settings s(path());
     // Only a real Boolean counts: text or a number leaves the default on.
-    for (const auto &[key, value] : std::initializer_list<std::pair<const char *, QVariant>>{
-             {"steam", "no"}, {"fxPanel", 0}, {"fxRecord", false}, {"showTurntable", "false"}, {"ecoMode", 0},
-             {"perfLogInterval", "60"}, {"stackLimit", 0}, {"fps", 5}, {"ecoTrigger", "whenever"},
-             {"screens", "everything"}})
+    for (const auto &[key, value] : std::initializer_list<std::pair<const char *, QVariant>>{{"steam", "no"},
+                                                                                             {"fxPanel", 0},
+                                                                                             {"fxRecord", false},
+                                                                                             {"showTurntable", "false"},
+                                                                                             {"ecoMode", 0},
+                                                                                             {"perfLogInterval", "60"},
+                                                                                             {"stackLimit", 0},
+                                                                                             {"fps", 5},
+                                                                                             {"ecoTrigger", "whenever"},
+                                                                                             {"screens", "everything"}})
         s.setValue(key, value);
     EXPECT_TRUE(s.steam());
     EXPECT_TRUE(s.fxPanel());
@@ -63,7 +69,7 @@ TEST_F(SettingsTest, ValueTypesSurviveARestart)
         Settings s(path());
         s.setValue("flag", true);
         s.setValue("count", 7);
-        s.setValue("whole", 6.0);   // integral double must come back as a double
+        s.setValue("whole", 6.0);  // integral double must come back as a double
         s.setValue("ratio", 0.25);
         s.setValue("name", "noite");
         s.setDesktopSnapshot(QVariantMap{{"CreateDesktop", true}, {"zoom", 2.0}, {"n", 3}});
@@ -72,8 +78,12 @@ TEST_F(SettingsTest, ValueTypesSurviveARestart)
     const auto typeOf = [&](const char *key) {
         return runTool(builtTool("turnelo-defaults"), {"--file", path(), "read-type", key}).out.trimmed();
     };
-    for (const auto &[key, type] : {std::pair{"flag", "boolean"}, {"count", "integer"}, {"whole", "float"},
-                                    {"ratio", "float"}, {"name", "string"}, {"desktopSnapshot", "dictionary"}})
+    for (const auto &[key, type] : {std::pair{"flag", "boolean"},
+                                    {"count", "integer"},
+                                    {"whole", "float"},
+                                    {"ratio", "float"},
+                                    {"name", "string"},
+                                    {"desktopSnapshot", "dictionary"}})
         EXPECT_EQ(typeOf(key), QByteArray("Type is ") + type) << key;
     const auto read = runTool(builtTool("turnelo-defaults"), {"--file", path(), "read", "desktopSnapshot"});
     EXPECT_EQ(read.out.trimmed(), R"({"CreateDesktop":true,"n":3,"zoom":{"$real":2}})");
@@ -151,8 +161,8 @@ TEST(SettingsFlavour, DevelopmentAndReleaseBuildsKeepSeparateFilesAndTheToolFoll
     EXPECT_EQ(Settings().filePath(), own);
 
     // turnelo-defaults without --file writes where the app of its build reads.
-    const auto r = runTool(builtTool("turnelo-defaults"), {"write", "fps", "-int", "24"},
-                           {"XDG_CONFIG_HOME=" + kConfigHome});
+    const auto r =
+        runTool(builtTool("turnelo-defaults"), {"write", "fps", "-int", "24"}, {"XDG_CONFIG_HOME=" + kConfigHome});
     ASSERT_EQ(r.exitCode, 0) << r.err.constData();
     EXPECT_EQ(Settings(own).fps(), 24);
     EXPECT_FALSE(QFileInfo::exists(Settings::userFilePath(!AppIdentity::isRelease())));

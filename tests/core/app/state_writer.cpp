@@ -29,11 +29,16 @@ void say(const QString &line)
 QString phaseName(SceneInstaller::Phase::Kind kind)
 {
     switch (kind) {
-    case SceneInstaller::Phase::checking: return QStringLiteral("catalog");
-    case SceneInstaller::Phase::downloading: return QStringLiteral("download");
-    case SceneInstaller::Phase::verifying: return QStringLiteral("verify");
-    case SceneInstaller::Phase::installing: return QStringLiteral("install");
-    default: return {};
+    case SceneInstaller::Phase::checking:
+        return QStringLiteral("catalog");
+    case SceneInstaller::Phase::downloading:
+        return QStringLiteral("download");
+    case SceneInstaller::Phase::verifying:
+        return QStringLiteral("verify");
+    case SceneInstaller::Phase::installing:
+        return QStringLiteral("install");
+    default:
+        return {};
     }
 }
 
@@ -43,8 +48,7 @@ int main(int argc, char **argv)
 {
     QCoreApplication app(argc, argv);
     const QStringList args = app.arguments();
-    if (args.size() < 5)
-        return 2;
+    if (args.size() < 5) return 2;
     const QString root = args[1];
     int round = args[2].toInt();
     const QString urls[2] = {args[3], args[4]};
@@ -79,8 +83,7 @@ int main(int argc, char **argv)
         auto *installer = new SceneInstaller(settings, options);
         QObject::connect(installer, &SceneInstaller::phaseChanged, installer, [installer] {
             const QString name = phaseName(installer->phase().kind);
-            if (!name.isEmpty())
-                say(QStringLiteral("begin ") + name);
+            if (!name.isEmpty()) say(QStringLiteral("begin ") + name);
         });
         QObject::connect(installer, &SceneInstaller::runFinished, installer, [installer, which, once, &next] {
             if (installer->lastRunError().isEmpty())

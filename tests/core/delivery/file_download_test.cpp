@@ -30,18 +30,15 @@ Transfer fetch(const QString &url, const QString &file, qint64 total, const QByt
     download.onProgress = [&](qint64 received) {
         ++t.progressCalls;
         t.lastProgress = received;
-        if (duringProgress)
-            duringProgress(download, received);
+        if (duringProgress) duringProgress(download, received);
     };
     download.onFinished = [&](const FileDownload::Outcome &o) {
         t.outcome = o;
         t.finished = true;
     };
     QNetworkRequest request{QUrl(url)};
-    if (!range.isEmpty())
-        request.setRawHeader("Range", range);
-    if (!ifRange.isEmpty())
-        request.setRawHeader("If-Range", ifRange);
+    if (!range.isEmpty()) request.setRawHeader("Range", range);
+    if (!ifRange.isEmpty()) request.setRawHeader("If-Range", ifRange);
     QElapsedTimer clock;
     clock.start();
     download.start(request);
@@ -131,10 +128,10 @@ TEST_F(FileDownloadTest, ProgressIsRateLimitedAndEndsAtTheBytesWritten)
 
 TEST_F(FileDownloadTest, DroppedAndCancelledTransfersFailKeepingTheBytesWritten)
 {
-    Transfer t = fetch(url("slow-plain.bin"), local("out"), body.size(), {}, {}, [this](FileDownload &, qint64 received) {
-        if (received > 0)
-            server.stop();
-    });
+    Transfer t =
+        fetch(url("slow-plain.bin"), local("out"), body.size(), {}, {}, [this](FileDownload &, qint64 received) {
+            if (received > 0) server.stop();
+        });
     ASSERT_TRUE(t.outcome.failure);
     const qint64 kept = QFileInfo(local("out")).size();
     EXPECT_GT(kept, 0);

@@ -74,10 +74,9 @@ TEST(SceneCatalog, RejectsOtherVersionsAndBrokenDocuments)
 TEST(SceneCatalog, ComparesVersionsPieceByPiece)
 {
     const std::tuple<const char *, const char *, Order> cases[] = {
-        {"1.2", "1.2.0", Order::same}, {"1.2.0", "1.2", Order::same}, {"1.10", "1.9", Order::descending},
-        {"1.9", "1.10", Order::ascending}, {"1.x", "1.0", Order::same}, {"2..0", "2.0", Order::same}};
-    for (const auto &[a, b, order] : cases)
-        EXPECT_EQ(SceneCatalog::compare(a, b), order) << a << " against " << b;
+        {"1.2", "1.2.0", Order::same},     {"1.2.0", "1.2", Order::same}, {"1.10", "1.9", Order::descending},
+        {"1.9", "1.10", Order::ascending}, {"1.x", "1.0", Order::same},   {"2..0", "2.0", Order::same}};
+    for (const auto &[a, b, order] : cases) EXPECT_EQ(SceneCatalog::compare(a, b), order) << a << " against " << b;
 }
 
 TEST(SceneCatalog, LeavesOutUnsafeNamesSizesDigestsAndNewerVersions)

@@ -237,7 +237,8 @@ TEST_F(SceneInstallerTest, PackageChangedOnServerRestartsFromZero)
     fireRetry();
     EXPECT_TRUE(newLog().contains("Cenas: arquivo mudou no servidor (416), recomeçando"));
     EXPECT_EQ(installer->notice(), QString::fromUtf8(PackageDownload::kChangedOnServerText));
-    EXPECT_TRUE(newLog().contains(QStringLiteral("download interrompido em %1 de %2 bytes").arg(quarter).arg(entry.size)))
+    EXPECT_TRUE(
+        newLog().contains(QStringLiteral("download interrompido em %1 de %2 bytes").arg(quarter).arg(entry.size)))
         << newLog().toStdString();
     ASSERT_EQ(scheduled.size(), 2u);
     EXPECT_EQ(scheduled[1].first, 240s);
@@ -325,16 +326,29 @@ TEST_F(SceneInstallerTest, HostileArchivesAreRefusedWithoutWritingOutside)
         const char *logged;
     };
     const std::vector<Case> cases = {
-        {"dotdot.zip", {{"manifest.json", manifest, {}, false}, {"../escape.txt", "x", {}, false}}, "\"..\" no caminho"},
-        {"deep-dotdot.zip", {{"manifest.json", manifest, {}, false}, {"wide/../../escape.txt", "x", {}, false}}, "\"..\" no caminho"},
-        {"absolute.zip", {{"manifest.json", manifest, {}, false}, {outside + "/abs.txt", "x", {}, false}}, "caminho absoluto"},
-        {"link-out.zip", {{"manifest.json", manifest, {}, false}, {"wide/out", {}, outside, false}}, "link para fora da pasta"},
-        {"link-up.zip", {{"manifest.json", manifest, {}, false}, {"wide/up", {}, "../../outside", false}}, "link para fora da pasta"},
+        {"dotdot.zip",
+         {{"manifest.json", manifest, {}, false}, {"../escape.txt", "x", {}, false}},
+         "\"..\" no caminho"},
+        {"deep-dotdot.zip",
+         {{"manifest.json", manifest, {}, false}, {"wide/../../escape.txt", "x", {}, false}},
+         "\"..\" no caminho"},
+        {"absolute.zip",
+         {{"manifest.json", manifest, {}, false}, {outside + "/abs.txt", "x", {}, false}},
+         "caminho absoluto"},
+        {"link-out.zip",
+         {{"manifest.json", manifest, {}, false}, {"wide/out", {}, outside, false}},
+         "link para fora da pasta"},
+        {"link-up.zip",
+         {{"manifest.json", manifest, {}, false}, {"wide/up", {}, "../../outside", false}},
+         "link para fora da pasta"},
         {"link-through-link.zip",
          {{"manifest.json", manifest, {}, false}, {"here", {}, ".", false}, {"up", {}, "here/..", false}},
          "link para fora da pasta"},
         {"write-through-link.zip",
-         {{"manifest.json", manifest, {}, false}, {"inner", {}, "wide", false}, {"wide/x", "x", {}, false}, {"inner/y", "y", {}, false}},
+         {{"manifest.json", manifest, {}, false},
+          {"inner", {}, "wide", false},
+          {"wide/x", "x", {}, false},
+          {"inner/y", "y", {}, false}},
          "descompactação falhou"},
     };
     for (const Case &c : cases) {
@@ -360,7 +374,8 @@ TEST_F(SceneInstallerTest, UnpackerKeepsInnerLinksAndEnforcesTheSizeBound)
     const QString into = tmp.path() + "/into";
     QDir().mkpath(into);
     EXPECT_EQ(SceneUnpacker::unpack(zip, into, 1002), 1002);
-    EXPECT_EQ(QFileInfo(into + "/wide/sun-alias.exr").symLinkTarget(), QFileInfo(into + "/wide/light/sun.exr").canonicalFilePath());
+    EXPECT_EQ(QFileInfo(into + "/wide/sun-alias.exr").symLinkTarget(),
+              QFileInfo(into + "/wide/light/sun.exr").canonicalFilePath());
 
     QDir(into).removeRecursively();
     QDir().mkpath(into);
@@ -423,12 +438,18 @@ TEST_F(SceneInstallerTest, FramingsInstallBesideTheBaseAndFailAlone)
         e.base = false;
         return e;
     };
-    const auto close1 = framing(publishZip("close-1.zip", {{"close/light/a.exr", "A", {}, false},
-                                                            {"__MACOSX/close/light/._a.exr", "junk", {}, false}}, "close1"), "close");
+    const auto close1 =
+        framing(publishZip("close-1.zip",
+                           {{"close/light/a.exr", "A", {}, false}, {"__MACOSX/close/light/._a.exr", "junk", {}, false}},
+                           "close1"),
+                "close");
     const auto close2 = framing(publishZip("close-2.zip", {{"close/light/b.exr", "B", {}, false}}, "close2"), "close");
-    const auto top = framing(publishZip("top.zip", {{"__MACOSX/._wrap", "junk", {}, false},
-                                                    {".DS_Store", "junk", {}, false},
-                                                    {"wrap/top/light/t.exr", "T", {}, false}}, "top"), "top");
+    const auto top = framing(publishZip("top.zip",
+                                        {{"__MACOSX/._wrap", "junk", {}, false},
+                                         {".DS_Store", "junk", {}, false},
+                                         {"wrap/top/light/t.exr", "T", {}, false}},
+                                        "top"),
+                             "top");
     const auto mid = framing(publishZip("mid.zip", {{"elsewhere/light/m.exr", "M", {}, false}}, "mid"), "mid");
     serve({base, close1, top, close2, mid});
     make();
@@ -440,8 +461,7 @@ TEST_F(SceneInstallerTest, FramingsInstallBesideTheBaseAndFailAlone)
 
     qint64 lastReceived = -1;
     QObject::connect(installer.get(), &SceneInstaller::framingsChanged, [&] {
-        if (installer->framingDownload())
-            lastReceived = installer->framingDownload()->received;
+        if (installer->framingDownload()) lastReceived = installer->framingDownload()->received;
     });
     for (const QString &name : {QStringLiteral("close"), QStringLiteral("top"), QStringLiteral("mid")}) {
         installer->installFraming(installer->framingEntries().value(name), name);
@@ -485,12 +505,11 @@ TEST(SceneInstallerRecovery, PutsBackAWholeSceneFromEveryInterruptedState)
     const QString root = tmp.path();
     const auto scene = [&](const QString &dir, const QString &scenario, bool withRecord) {
         put(root + "/" + dir + "/manifest.json", manifestJson(scenario));
-        if (withRecord)
-            put(root + "/" + dir + "/.installed.json", "{}");
+        if (withRecord) put(root + "/" + dir + "/.installed.json", "{}");
     };
     const auto leftovers = [&] {
-        return QFileInfo::exists(root + "/Scenes.incoming") || QFileInfo::exists(root + "/Scenes.old")
-            || QFileInfo::exists(root + "/Framing.incoming") || QFileInfo::exists(root + "/Framing.old");
+        return QFileInfo::exists(root + "/Scenes.incoming") || QFileInfo::exists(root + "/Scenes.old") ||
+               QFileInfo::exists(root + "/Framing.incoming") || QFileInfo::exists(root + "/Framing.old");
     };
 
     // Killed while unpacking: the staging folder is incomplete, the old scene is in place.
@@ -542,9 +561,9 @@ TEST_F(SceneInstallerTest, KilledMidInstallLeavesALoadableSceneOnTheNextStart)
         child.start(tool, {"--root", root(), "--url", server.baseURL(), "--settings", tmp.path() + "/child.json"});
         ASSERT_TRUE(child.waitForStarted());
         // The download is done once staging begins; kill somewhere after that.
-        const bool staging = waitUntil([&] {
-            return QFileInfo::exists(root() + "/Scenes.incoming") || child.state() == QProcess::NotRunning;
-        }, 60s);
+        const bool staging = waitUntil(
+            [&] { return QFileInfo::exists(root() + "/Scenes.incoming") || child.state() == QProcess::NotRunning; },
+            60s);
         ASSERT_TRUE(staging);
         QThread::msleep(delayMs);
         ::kill(pid_t(child.processId()), SIGKILL);

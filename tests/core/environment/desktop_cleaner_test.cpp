@@ -17,7 +17,10 @@ namespace {
 struct MacDefaults : DesktopPreferences {
     std::map<QString, QVariant> &store;
     int writes = 0;
-    explicit MacDefaults(std::map<QString, QVariant> &store) : store(store) {}
+    explicit MacDefaults(std::map<QString, QVariant> &store)
+        : store(store)
+    {
+    }
     static QString name(const Setting &s) { return s.domain + ' ' + s.key; }
     const Layout &layout() const override { return macDesktopLayout(); }
     std::optional<QVariant> read(const Setting &s) override
@@ -74,15 +77,20 @@ TEST_F(DesktopCleanerTest, EachChoiceWritesAndRestartsOnlyWhatItChanges)
     EXPECT_TRUE(launcher.commands.isEmpty());
     EXPECT_TRUE(log.last().endsWith("(reiniciou [])"));
     ASSERT_TRUE(settings.desktopSnapshot().has_value());
-    EXPECT_FALSE(settings.desktopSnapshot()->value("com.apple.WindowManager").toMap()
-                     .value("StandardHideWidgets").toMap().value("exists").toBool());
+    EXPECT_FALSE(settings.desktopSnapshot()
+                     ->value("com.apple.WindowManager")
+                     .toMap()
+                     .value("StandardHideWidgets")
+                     .toMap()
+                     .value("exists")
+                     .toBool());
 
     cleaner->apply({false, true, false});
     EXPECT_EQ(store, (std::map<QString, QVariant>{{hideWidgets, true}}));
     EXPECT_EQ(launcher.commands, QStringList{killWindowManager});
-    EXPECT_TRUE(log.last().endsWith(
-        "Mesa limpa: Desired(hideIcons: false, hideWidgets: true, clickOnlyInStageManager: false)"
-        " (reiniciou [\"com.apple.WindowManager\"])"));
+    EXPECT_TRUE(
+        log.last().endsWith("Mesa limpa: Desired(hideIcons: false, hideWidgets: true, clickOnlyInStageManager: false)"
+                            " (reiniciou [\"com.apple.WindowManager\"])"));
 
     launcher.commands.clear();
     cleaner->apply({true, true, true});
@@ -142,6 +150,5 @@ TEST_F(DesktopCleanerTest, ALauncherThatCannotStartIsLoggedAndSkipped)
     withoutTools.apply({true, false, false});
     EXPECT_EQ(store.at(finder), false);
     EXPECT_TRUE(log.lines().join('\n').contains("Mesa limpa: /usr/bin/killall falhou: No such file\n"));
-    EXPECT_TRUE(log.last().endsWith(
-        "(reiniciou [\"com.apple.WindowManager\", \"com.apple.finder\"])"));
+    EXPECT_TRUE(log.last().endsWith("(reiniciou [\"com.apple.WindowManager\", \"com.apple.finder\"])"));
 }

@@ -32,8 +32,7 @@ public:
         const bool modeChanged = lowPowerMode != lowPower;
         lowPower = lowPowerMode;
         emit changed();
-        if (modeChanged)
-            emit lowPowerModeChanged();
+        if (modeChanged) emit lowPowerModeChanged();
     }
 };
 
@@ -61,8 +60,7 @@ TEST_F(PowerMonitorTest, LowPowerModeAlwaysEngagesAnEnabledSaverBatteryOnlyWithI
     HandSetPowerSource source;
     PowerMonitor monitor(settings, &source);
     std::vector<bool> flips;
-    QObject::connect(&monitor, &PowerMonitor::ecoActiveChanged,
-                     [&](bool active) { flips.push_back(active); });
+    QObject::connect(&monitor, &PowerMonitor::ecoActiveChanged, [&](bool active) { flips.push_back(active); });
     ASSERT_TRUE(monitor.ecoEnabled());
     ASSERT_EQ(monitor.trigger(), PowerMonitor::Trigger::battery);
 
@@ -87,8 +85,8 @@ TEST_F(PowerMonitorTest, LowPowerModeAlwaysEngagesAnEnabledSaverBatteryOnlyWithI
             for (const bool lowPower : {false, true}) {
                 source.set(onBattery, true, lowPower);
                 EXPECT_FALSE(monitor.ecoActive())
-                    << "disabled, trigger " << PowerMonitor::rawValue(trigger).toStdString()
-                    << ", battery " << onBattery << ", low power " << lowPower;
+                    << "disabled, trigger " << PowerMonitor::rawValue(trigger).toStdString() << ", battery "
+                    << onBattery << ", low power " << lowPower;
             }
     }
     EXPECT_EQ(flips, (std::vector<bool>{true, false, true, false}));

@@ -19,8 +19,8 @@ QByteArray forecast(const char *precipitation, const char *rain, const char *cod
 {
     return QByteArray(R"({"latitude":-23.5,"longitude":-46.625,"generationtime_ms":0.03,"utc_offset_seconds":0,)"
                       R"("timezone":"GMT","elevation":760.0,"current_units":{"time":"iso8601","rain":"mm"},)"
-                      R"("current":{"time":"2024-03-14T18:45","interval":900,"precipitation":)")
-        + precipitation + R"(,"rain":)" + rain + R"(,"weather_code":)" + code + "}}";
+                      R"("current":{"time":"2024-03-14T18:45","interval":900,"precipitation":)") +
+           precipitation + R"(,"rain":)" + rain + R"(,"weather_code":)" + code + "}}";
 }
 
 struct WeatherServiceTest : ::testing::Test {
@@ -106,8 +106,7 @@ TEST_F(WeatherServiceTest, RainDecisionAndIntensityFollowTheAnswer)
         EXPECT_EQ(service->now(), c.expected);
         ASSERT_FALSE(changes.empty());
         EXPECT_EQ(changes.back(), c.expected);
-        EXPECT_TRUE(log.last().endsWith(QStringLiteral("Clima São Paulo: ") + c.logTail))
-            << log.last().toStdString();
+        EXPECT_TRUE(log.last().endsWith(QStringLiteral("Clima São Paulo: ") + c.logTail)) << log.last().toStdString();
         clockNow += 900;
     }
     EXPECT_EQ(changes.size(), cases.size());
@@ -179,8 +178,7 @@ TEST_F(WeatherServiceTest, OneRequestInFlightNoneWithin900SecondsFailuresRetried
         SCOPED_TRACE(line.toStdString());
         clockNow += 900;
         const int requests = reply.isNull() ? 2 : 1;
-        for (int i = 0; i < requests; ++i)
-            replies.push_back(reply);
+        for (int i = 0; i < requests; ++i) replies.push_back(reply);
         ASSERT_NO_FATAL_FAILURE(fetch(requests));
         EXPECT_TRUE(log.last().endsWith(" " + line)) << log.last().toStdString();
         EXPECT_EQ(service->now(), (Now{true, 1.0}));

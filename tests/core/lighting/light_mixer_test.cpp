@@ -12,8 +12,7 @@ namespace {
 PlateManifest manifestWith(const QJsonObject &changes)
 {
     QJsonObject m = QJsonDocument::fromJson(testsupport::minimalManifest()).object();
-    for (auto it = changes.begin(); it != changes.end(); ++it)
-        m[it.key()] = it.value();
+    for (auto it = changes.begin(); it != changes.end(); ++it) m[it.key()] = it.value();
     return PlateManifest::decode(QJsonDocument(m).toJson());
 }
 
@@ -22,16 +21,14 @@ QDateTime at(int h, int m, int s = 0) { return QDateTime(QDate(2026, 3, 10), QTi
 QJsonArray clock(std::initializer_list<std::pair<const char *, const char *>> entries)
 {
     QJsonArray a;
-    for (const auto &[t, p] : entries)
-        a.append(QJsonArray{t, p});
+    for (const auto &[t, p] : entries) a.append(QJsonArray{t, p});
     return a;
 }
 
 const LightMixer::Term *term(const LightMixer &mixer, const QString &preset, const QString &plate)
 {
     for (const auto &t : mixer.presets.at(preset).recipe)
-        if (t.plate == plate)
-            return &t;
+        if (t.plate == plate) return &t;
     return nullptr;
 }
 
@@ -62,9 +59,13 @@ TEST(LightMixer, ClockBlendAndKeyframes)
     EXPECT_EQ(none.clockBlend(at(12, 0)), (Blend{{"manha", 1.0}}));
 
     // Malformed times and unknown presets are left out.
-    const LightMixer parsed(manifestWith({{"clock", clock({{"6:30", "manha"}, {"06:30", "dia"}, {"06:30:00", "tarde"},
-                                                          {"6", "tarde"}, {"x:30", "tarde"}, {"07:00", "nowhere"},
-                                                          {"24:00", "noite"}})}}));
+    const LightMixer parsed(manifestWith({{"clock", clock({{"6:30", "manha"},
+                                                           {"06:30", "dia"},
+                                                           {"06:30:00", "tarde"},
+                                                           {"6", "tarde"},
+                                                           {"x:30", "tarde"},
+                                                           {"07:00", "nowhere"},
+                                                           {"24:00", "noite"}})}}));
     ASSERT_EQ(parsed.keyframes.size(), 3u);
     EXPECT_EQ(parsed.keyframes[0].minute, 390);
     EXPECT_EQ(parsed.keyframes[0].preset, "manha");  // stable: manifest order on equal minutes
@@ -76,10 +77,15 @@ TEST(LightMixer, ClockBlendAndKeyframes)
 TEST(LightMixer, RecipesFollowGroupsKeysAndExposure)
 {
     QJsonObject presets{
-        {"dia", QJsonObject{{"room", QJsonArray{1, 0.5, 0.25, 9}}, {"sun", 2}, {"exposure", 1},
-                            {"exposure_by_scenario", QJsonObject{{"loft", 1}}}, {"lamp_key", "warm"},
-                            {"vignette", 0.3}, {"grain", 0.1}}},
-        {"noite", QJsonObject{{"room", 0}, {"sun", QJsonArray{1, 1}}, {"sun_key", "moon"}, {"lamp", QJsonArray{0, 0, 0}}}},
+        {"dia", QJsonObject{{"room", QJsonArray{1, 0.5, 0.25, 9}},
+                            {"sun", 2},
+                            {"exposure", 1},
+                            {"exposure_by_scenario", QJsonObject{{"loft", 1}}},
+                            {"lamp_key", "warm"},
+                            {"vignette", 0.3},
+                            {"grain", 0.1}}},
+        {"noite",
+         QJsonObject{{"room", 0}, {"sun", QJsonArray{1, 1}}, {"sun_key", "moon"}, {"lamp", QJsonArray{0, 0, 0}}}},
     };
     const LightMixer mixer(manifestWith({{"presets", presets},
                                          {"groups", QJsonArray{"room", "sun", "lamp"}},

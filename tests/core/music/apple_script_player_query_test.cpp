@@ -7,8 +7,8 @@ using namespace AppleScriptPlayerQuery;
 TEST(AppleScriptPlayerQuery, RepliesOfEachPlayer)
 {
     // Spotify: milliseconds, an artwork URL, no track count.
-    const auto s = parseReply(spotify(), {"playing", "Song", "Band", "Album", 215000.0, 31.5,
-                                          "https://i.scdn.co/image/abc", 7.0});
+    const auto s =
+        parseReply(spotify(), {"playing", "Song", "Band", "Album", 215000.0, 31.5, "https://i.scdn.co/image/abc", 7.0});
     ASSERT_TRUE(s.has_value());
     EXPECT_TRUE(s->isPlaying);
     EXPECT_EQ(s->track.title, "Song");

@@ -59,8 +59,7 @@ TEST(CoverArt, MeanColourIsLinearAndCrossFades)
     // Half black, half white averages to 0.5 in linear light, not to mid-grey's 0.214.
     QImage halves = solidImage(Qt::black, 10, 10);
     for (int y = 0; y < 10; ++y)
-        for (int x = 5; x < 10; ++x)
-            halves.setPixelColor(x, y, Qt::white);
+        for (int x = 5; x < 10; ++x) halves.setPixelColor(x, y, Qt::white);
     const CoverArt::Color m = CoverArt::meanLinear(halves);
     EXPECT_NEAR(m.r, 0.5, 1e-9);
     EXPECT_NEAR(m.g, 0.5, 1e-9);
@@ -115,8 +114,7 @@ TEST(CoverArt, PreviousTexturesLiveUntilTheFadeIsOver)
     art.set(QImage(), QImage(), 20.0);
     EXPECT_TRUE(art.usesDefaultCover());
     EXPECT_TRUE(art.current().cover != nullptr);
-    for (QImage::Format f : uploads.formats)
-        EXPECT_EQ(f, QImage::Format_RGBA8888);
+    for (QImage::Format f : uploads.formats) EXPECT_EQ(f, QImage::Format_RGBA8888);
 }
 
 TEST(CoverArt, WithoutThePlaceholderNoArtMeansNoTexture)
@@ -144,8 +142,7 @@ TEST(CoverArt, ImagePreparation)
     // The label is the centre square: a wide image's red sides are cut away.
     QImage banded = solidImage(Qt::red, 300, 100);
     for (int y = 0; y < 100; ++y)
-        for (int x = 100; x < 200; ++x)
-            banded.setPixelColor(x, y, Qt::blue);
+        for (int x = 100; x < 200; ++x) banded.setPixelColor(x, y, Qt::blue);
     const QImage label = CoverArt::prepareLabel(banded);
     EXPECT_EQ(label.size(), QSize(CoverArt::labelSide, CoverArt::labelSide));
     EXPECT_EQ(label.pixelColor(2, 128), QColor(Qt::blue));

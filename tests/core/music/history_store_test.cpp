@@ -27,8 +27,7 @@ struct HistoryStoreTest : ::testing::Test {
     QStringList albums(const HistoryStore &store) const
     {
         QStringList out;
-        for (const auto &e : store.entries())
-            out << e.album;
+        for (const auto &e : store.entries()) out << e.album;
         return out;
     }
 };
@@ -83,8 +82,7 @@ TEST_F(HistoryStoreTest, TheLimitDeletesTheOldestCovers)
 {
     settings.setStackLimit(2);
     HistoryStore store(settings, dir());
-    for (const char *album : {"One", "Two", "Three", "Four"})
-        store.record(cover(Qt::gray), album);
+    for (const char *album : {"One", "Two", "Three", "Four"}) store.record(cover(Qt::gray), album);
     EXPECT_EQ(albums(store), QStringList({"Four", "Three"}));
     EXPECT_FALSE(QFile::exists(fileOf("One")));
     EXPECT_FALSE(QFile::exists(fileOf("Two")));
@@ -117,8 +115,7 @@ TEST_F(HistoryStoreTest, CoversAreSquareJpegsOfAtMost512Pixels)
     // Left half red, right half blue: the square keeps both halves (scaled to fill, not cropped).
     QImage wide = solidImage(Qt::red, 3000, 1500);
     for (int y = 0; y < 1500; ++y)
-        for (int x = 1500; x < 3000; ++x)
-            wide.setPixelColor(x, y, Qt::blue);
+        for (int x = 1500; x < 3000; ++x) wide.setPixelColor(x, y, Qt::blue);
     store.record(wide, "Wide");
     store.record(solidImage(Qt::green, 300, 300), "Small");
 

@@ -17,9 +17,12 @@ TEST(MusicPermission, TableRequestAndSetup)
     const PlayerSource music{"com.apple.Music", "Music", "Music"};
     Status spotifyNow = Status::notDetermined;
     std::function<void(Status)> pending;
-    MusicPermission permission(settings, {[&] { return QList<PlayerSource>{spotify, music}; },
-                                          [&](const PlayerSource &s) { return s == spotify ? spotifyNow : Status::notRunning; },
-                                          [&](const PlayerSource &, std::function<void(Status)> answer) { pending = answer; }});
+    MusicPermission permission(settings,
+                               {[&] {
+                                    return QList<PlayerSource>{spotify, music};
+                                },
+                                [&](const PlayerSource &s) { return s == spotify ? spotifyNow : Status::notRunning; },
+                                [&](const PlayerSource &, std::function<void(Status)> answer) { pending = answer; }});
     ASSERT_EQ(permission.players().size(), 2);
     EXPECT_EQ(permission.players()[0].status, Status::notDetermined);
     EXPECT_EQ(permission.players()[1].status, Status::notRunning);

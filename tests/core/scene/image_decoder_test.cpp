@@ -33,8 +33,7 @@ struct Exr {
         header.compression() = compression;
         const char *names[] = {"R", "G", "B", "A"};
         const int channels = alpha ? 4 : 3;
-        for (int c = 0; c < channels; ++c)
-            header.channels().insert(names[c], Imf::Channel(type));
+        for (int c = 0; c < channels; ++c) header.channels().insert(names[c], Imf::Channel(type));
         const int width = box.max.x - box.min.x + 1, height = box.max.y - box.min.y + 1;
         std::vector<half> halves(size_t(width) * height * 4);
         std::vector<float> floats(halves.size());
@@ -46,8 +45,8 @@ struct Exr {
                     floats[(y * width + x) * 4 + c] = v;
                 }
         const size_t px = type == Imf::HALF ? sizeof(half) : sizeof(float);
-        char *first = type == Imf::HALF ? reinterpret_cast<char *>(halves.data())
-                                        : reinterpret_cast<char *>(floats.data());
+        char *first =
+            type == Imf::HALF ? reinterpret_cast<char *>(halves.data()) : reinterpret_cast<char *>(floats.data());
         // Slices are addressed in the file's coordinates.
         char *origin = first - (ptrdiff_t(box.min.x) + ptrdiff_t(box.min.y) * width) * ptrdiff_t(px * 4);
         Imf::FrameBuffer fb;
@@ -64,10 +63,8 @@ uint16_t bits(float f) { return half(f).bits(); }
 HalfImage alphaImage(int w, int h, float background, std::vector<std::tuple<int, int, float>> marks, int channel = 3)
 {
     HalfImage image{w, h, std::vector<uint16_t>(size_t(w) * h * 4, 0)};
-    for (int i = 0; i < w * h; ++i)
-        image.pixels[i * 4 + channel] = bits(background);
-    for (const auto &[x, y, v] : marks)
-        image.pixels[(y * w + x) * 4 + channel] = bits(v);
+    for (int i = 0; i < w * h; ++i) image.pixels[i * 4 + channel] = bits(background);
+    for (const auto &[x, y, v] : marks) image.pixels[(y * w + x) * 4 + channel] = bits(v);
     return image;
 }
 
@@ -102,15 +99,16 @@ TEST(ImageDecoder, DecodesHalfRgbaAndRgbInEveryCompression)
     rgb.write(dir.filePath("rgb.exr"));
     const HalfImage b = decodeEXR(dir.filePath("rgb.exr"));
     EXPECT_EQ(b.pixels[(1 * 4 + 2) * 4 + 0], bits(12.0f));
-    for (size_t i = 3; i < b.pixels.size(); i += 4)
-        ASSERT_EQ(b.pixels[i], 0x3C00);
+    for (size_t i = 3; i < b.pixels.size(); i += 4) ASSERT_EQ(b.pixels[i], 0x3C00);
 
     // DWA is lossy on colour and lossless on alpha.
     for (const auto compression : {Imf::DWAA_COMPRESSION, Imf::DWAB_COMPRESSION}) {
         Exr dwa = rgba;
         dwa.display = {{0, 0}, {39, 33}};
         dwa.compression = compression;
-        dwa.value = [](int x, int y, int c) { return c == 3 ? 0.003f * float(x * y % 97) : 0.01f * (x + y) + 0.1f * c; };
+        dwa.value = [](int x, int y, int c) {
+            return c == 3 ? 0.003f * float(x * y % 97) : 0.01f * (x + y) + 0.1f * c;
+        };
         dwa.write(dir.filePath("dwa.exr"));
         const HalfImage d = decodeEXR(dir.filePath("dwa.exr"));
         ASSERT_EQ(d.width, 40);
@@ -142,8 +140,7 @@ TEST(ImageDecoder, DataWindowIsPlacedInTheDisplayWindow)
     EXPECT_EQ(a.pixels[(55 * 64 + 47) * 4], bits(2.0f));
     // Outside the data window: transparent black, all four halves zero.
     for (const auto &[x, y] : {std::pair{15, 30}, {48, 30}, {20, 23}, {20, 56}, {0, 0}, {63, 63}})
-        for (int c = 0; c < 4; ++c)
-            ASSERT_EQ(a.pixels[(y * 64 + x) * 4 + c], 0) << x << "," << y << " channel " << c;
+        for (int c = 0; c < 4; ++c) ASSERT_EQ(a.pixels[(y * 64 + x) * 4 + c], 0) << x << "," << y << " channel " << c;
 
     // A data window reaching past the display window on three sides, of an RGB file: what lies
     // outside is dropped, and only the covered pixels gain an opaque alpha.
@@ -204,8 +201,7 @@ TEST(ImageDecoder, GreyMasksFromGreyAndColourPngs)
     // Width 5 makes QImage pad every row to 8 bytes.
     QImage grey(5, 2, QImage::Format_Grayscale8);
     for (int y = 0; y < 2; ++y)
-        for (int x = 0; x < 5; ++x)
-            grey.scanLine(y)[x] = uchar(x * 50 + y);
+        for (int x = 0; x < 5; ++x) grey.scanLine(y)[x] = uchar(x * 50 + y);
     ASSERT_TRUE(grey.save(dir.filePath("grey.png")));
     const GrayImage g = decodeGray(dir.filePath("grey.png"));
     ASSERT_EQ(g.width, 5);

@@ -55,12 +55,14 @@ TEST(PlateManifest, SnakeAndCamelCaseDecodeAlikeAndMapKeysStayVerbatim)
     snake["framings"] = framings;
 
     QByteArray camelText = bytes(snake);
-    const std::pair<const char *, const char *> renames[] = {
-        {"per_preset_groups", "perPresetGroups"}, {"sun_keys", "sunKeys"}, {"yaw_axis", "yawAxis"},
-        {"center_world", "centerWorld"}, {"glass_mask", "glassMask"}, {"art_uv", "artUv"},
-        {"point_px", "pointPx"}};
-    for (const auto &[from, to] : renames)
-        camelText.replace(from, to);
+    const std::pair<const char *, const char *> renames[] = {{"per_preset_groups", "perPresetGroups"},
+                                                             {"sun_keys", "sunKeys"},
+                                                             {"yaw_axis", "yawAxis"},
+                                                             {"center_world", "centerWorld"},
+                                                             {"glass_mask", "glassMask"},
+                                                             {"art_uv", "artUv"},
+                                                             {"point_px", "pointPx"}};
+    for (const auto &[from, to] : renames) camelText.replace(from, to);
     ASSERT_TRUE(camelText.contains("glassMask"));
 
     const PlateManifest a = PlateManifest::decode(bytes(snake));
@@ -119,10 +121,12 @@ TEST(PlateManifest, JSONValueCasesInOrder)
 TEST(PlateManifest, PresetOrderDisplayNamesAndAStillRoom)
 {
     QJsonObject m = minimal();
-    m["presets"] = QJsonObject{{"noite", QJsonObject{}}, {"manha", QJsonObject{}}, {"zz", QJsonObject{}},
-                               {"aa", QJsonObject{}}, {"Zulu", QJsonObject{}}};
-    EXPECT_EQ(PlateManifest::decode(bytes(m)).presetOrder(),
-              (QStringList{"manha", "noite", "Zulu", "aa", "zz"}));
+    m["presets"] = QJsonObject{{"noite", QJsonObject{}},
+                               {"manha", QJsonObject{}},
+                               {"zz", QJsonObject{}},
+                               {"aa", QJsonObject{}},
+                               {"Zulu", QJsonObject{}}};
+    EXPECT_EQ(PlateManifest::decode(bytes(m)).presetOrder(), (QStringList{"manha", "noite", "Zulu", "aa", "zz"}));
     EXPECT_EQ(PlateManifest::framingDisplayName("top"), "Top-down");
     EXPECT_EQ(PlateManifest::framingDisplayName("desk corner"), "Desk Corner");
     EXPECT_EQ(PlateManifest::framingDisplayName("LOFT"), "Loft");
@@ -130,8 +134,8 @@ TEST(PlateManifest, PresetOrderDisplayNamesAndAStillRoom)
     // A still room: none of the moving parts' sections.
     const PlateManifest still = PlateManifest::decode(testsupport::minimalManifest());
     const auto &mid = still.framings.at("mid");
-    EXPECT_FALSE(mid.tonearm || mid.record || mid.panel || mid.window || mid.steam || mid.stack || mid.bounce
-                 || mid.front);
+    EXPECT_FALSE(mid.tonearm || mid.record || mid.panel || mid.window || mid.steam || mid.stack || mid.bounce ||
+                 mid.front);
     EXPECT_EQ(mid.size, (PlateManifest::Vec2{64, 48}));
     EXPECT_EQ(mid.camera.P[2][3], 1);
     EXPECT_EQ(still.clock.size(), 4u);

@@ -67,8 +67,8 @@ TEST(SceneLocation, ResolvePrefersAValidDevelopmentSceneAndLogsInvalidOnes)
     resolved = SceneLocation::resolve();
     ASSERT_TRUE(resolved);
     EXPECT_EQ(resolved->root, installed);
-    EXPECT_TRUE(logText().contains("Cena: manifest inválido em " + dev.path().toUtf8()
-                                   + ": contract: esperava inteiro, achei texto\n"));
+    EXPECT_TRUE(logText().contains("Cena: manifest inválido em " + dev.path().toUtf8() +
+                                   ": contract: esperava inteiro, achei texto\n"));
 
     writeFile(dev.filePath("manifest.json"), minimalManifest());
     EXPECT_TRUE(SceneLocation::usesDevelopmentScenes());
@@ -86,7 +86,8 @@ TEST(PlatesWatcher, BurstOfWritesSettlesOnce)
     const QString manifest = root.filePath("manifest.json");
     writeFile(manifest, minimalManifest());
     int calls = 0;
-    PlatesWatcher watcher(root.path(), [&] { ++calls; }, 400);
+    PlatesWatcher watcher(
+        root.path(), [&] { ++calls; }, 400);
     spin(50ms);
     QFile f(manifest);
     for (int i = 0; i < 6; ++i) {
@@ -114,7 +115,8 @@ TEST(PlatesWatcher, AtomicReplacementsAreNoticedEachTime)
     const QString manifest = root.filePath("manifest.json");
     writeFile(manifest, minimalManifest());
     int calls = 0;
-    PlatesWatcher watcher(root.path(), [&] { ++calls; }, 200);
+    PlatesWatcher watcher(
+        root.path(), [&] { ++calls; }, 200);
     for (int round = 1; round <= 2; ++round) {
         const QString incoming = root.filePath("incoming.json");
         writeFile(incoming, minimalManifest());
@@ -141,7 +143,8 @@ TEST(PlatesWatcher, RootSwappedByRenamesIsNoticedEveryTimeFromTheFirstInstall)
     QTemporaryDir support;
     const QString root = support.filePath("Scenes"), incoming = root + ".incoming", old = root + ".old";
     int calls = 0;
-    PlatesWatcher watcher(root, [&] { ++calls; }, 200);
+    PlatesWatcher watcher(
+        root, [&] { ++calls; }, 200);
     for (int round = 1; round <= 3; ++round) {
         writeFile(incoming + "/manifest.json", minimalManifest());
         setModified(incoming + "/manifest.json", 10 * round);

@@ -41,15 +41,13 @@ public:
     void set(std::vector<ListedWindow> windows, bool announce = true)
     {
         list = std::move(windows);
-        if (announce)
-            emit changed();
+        if (announce) emit changed();
     }
     bool screensOff() override { return off; }
     void setScreensOff(bool value, bool announce = true)
     {
         off = value;
-        if (announce)
-            emit changed();
+        if (announce) emit changed();
     }
     int queries = 0;
 
@@ -63,8 +61,7 @@ QStringList visibilityLines(const testsupport::LogTail &log)
 {
     QStringList out;
     for (const QString &line : log.messages())
-        if (line.startsWith("Cena: ") && (line.endsWith(" → pausa") || line.endsWith(" → renderiza")))
-            out << line;
+        if (line.startsWith("Cena: ") && (line.endsWith(" → pausa") || line.endsWith(" → renderiza"))) out << line;
     return out;
 }
 
@@ -77,20 +74,19 @@ protected:
     void SetUp() override
     {
         Settings settings;
-        for (const char *key : {"debugIgnoreOcclusion", "perfLogInterval"})
-            settings.remove(key);
+        for (const char *key : {"debugIgnoreOcclusion", "perfLogInterval"}) settings.remove(key);
     }
 
     // A scheduler at `fps`, attached to the test's window list and session, wanting frames.
     FrameScheduler &make(int fps = 60, bool withArea = true)
     {
         scheduler = std::make_unique<FrameScheduler>(
-            fps, MediaClock([this] { return clockSource(); }), [this] { return gpu(); }, [this](double t) {
+            fps, MediaClock([this] { return clockSource(); }), [this] { return gpu(); },
+            [this](double t) {
                 ++ticks;
                 times.push_back(t);
             });
-        if (withArea)
-            scheduler->animatedArea = [] { return std::optional<QRect>(kArea); };
+        if (withArea) scheduler->animatedArea = [] { return std::optional<QRect>(kArea); };
         scheduler->attach(&windows, &session);
         scheduler->setWantsFrames(true);
         return *scheduler;
@@ -336,9 +332,9 @@ TEST_F(FrameSchedulerTest, PerformanceLine)
 {
     // A zero interval would write without pause.
     for (const QVariant &interval : {QVariant(), QVariant("soon"), QVariant(0)}) {
-        if (interval.isValid())
-            Settings().setValue("perfLogInterval", interval);
-        EXPECT_EQ(FrameScheduler(30, MediaClock(), nullptr, nullptr).perfInterval(), 300.0) << interval.toString().toStdString();
+        if (interval.isValid()) Settings().setValue("perfLogInterval", interval);
+        EXPECT_EQ(FrameScheduler(30, MediaClock(), nullptr, nullptr).perfInterval(), 300.0)
+            << interval.toString().toStdString();
     }
     Settings().setValue("perfLogInterval", 0.3);
 
@@ -366,8 +362,7 @@ TEST_F(FrameSchedulerTest, PerformanceLine)
     // Spend CPU time inside the first interval.
     {
         const std::clock_t start = std::clock();
-        while (std::clock() - start < CLOCKS_PER_SEC / 5) {
-        }
+        while (std::clock() - start < CLOCKS_PER_SEC / 5) {}
         cpuBurnt = double(std::clock() - start) / CLOCKS_PER_SEC;
     }
     auto perfLines = [&] { return log.messages().filter(QRegularExpression("^Perf ")); };
@@ -401,8 +396,7 @@ TEST_F(FrameSchedulerTest, PerformanceLine)
         // Resident memory, compared with the kernel's own figure in kB.
         int rssKb = -1;
         for (const QByteArray &row : readFile("/proc/self/status").split('\n'))
-            if (row.startsWith("VmRSS:"))
-                rssKb = row.mid(6).trimmed().split(' ').first().toInt();
+            if (row.startsWith("VmRSS:")) rssKb = row.mid(6).trimmed().split(' ').first().toInt();
 #ifdef __SANITIZE_ADDRESS__
         constexpr int slackMb = 16;  // the sanitizer's quarantine keeps freed memory resident meanwhile
 #else
@@ -440,7 +434,7 @@ TEST(FrameSchedulerRate, NextRate)
 {
     // moving, rain drawn, base rate, battery saver → rate
     const std::tuple<bool, bool, int, bool, int> cases[] = {
-        {true, false, 30, false, 30}, {true, true, 60, false, 60}, {true, false, 30, true, 15},
+        {true, false, 30, false, 30}, {true, true, 60, false, 60},   {true, false, 30, true, 15},
         {true, true, 45, true, 15},   {false, false, 30, false, 15}, {false, true, 30, false, 20},
         {false, true, 60, true, 20},  {false, false, 60, true, 15}};
     for (const auto &[moving, rain, base, eco, expected] : cases)

@@ -6,7 +6,8 @@
 
 namespace {
 
-TEST(RecordGrooves, SidesSplitTheAlbumInHalves) {
+TEST(RecordGrooves, SidesSplitTheAlbumInHalves)
+{
     auto s = RecordGrooves::side(7, 10, "x");
     ASSERT_TRUE(s);
     EXPECT_EQ(s->first, 'B');
@@ -18,7 +19,8 @@ TEST(RecordGrooves, SidesSplitTheAlbumInHalves) {
     EXPECT_EQ(RecordGrooves::side(12, 10, "x")->second, 6);
 }
 
-TEST(RecordGrooves, BandsFillTheGrooveAreaInProportionToLength) {
+TEST(RecordGrooves, BandsFillTheGrooveAreaInProportionToLength)
+{
     const RecordGrooves g = RecordGrooves::make("Album", 7, 10, 200, 146, 60);
     ASSERT_EQ(g.bands.size(), 5u);  // side B: 6–10
     EXPECT_EQ(g.current, 1);
@@ -34,7 +36,8 @@ TEST(RecordGrooves, BandsFillTheGrooveAreaInProportionToLength) {
     EXPECT_DOUBLE_EQ(again.bands[3].inner, g.bands[3].inner);
 }
 
-TEST(RecordGrooves, OneTrackSideIsOneBandAndNoTrackIsTheMadeUpAlbum) {
+TEST(RecordGrooves, OneTrackSideIsOneBandAndNoTrackIsTheMadeUpAlbum)
+{
     const RecordGrooves one = RecordGrooves::make("S", 2, 2, 100, 140, 70);
     ASSERT_EQ(one.bands.size(), 1u);
     EXPECT_DOUBLE_EQ(one.bands[0].outer, 140);
@@ -57,13 +60,14 @@ TEST(RecordGrooves, OneTrackSideIsOneBandAndNoTrackIsTheMadeUpAlbum) {
 
 // Angles worked out by hand: from rest towards speed w with time constant tau, the angle after
 // dt is w·dt − w·tau·(1 − e^(−dt/tau)); slowing from w to rest it adds w·tau·(1 − e^(−dt/tau)).
-TEST(RecordSpin, AngleFollowsTheEasedSpeed) {
+TEST(RecordSpin, AngleFollowsTheEasedSpeed)
+{
     const double w = 2 * M_PI * 100 / 3 / 60;  // 33⅓ rpm: one turn every 1.8 s
     auto wrap = [](double a) { return a - 2 * M_PI * std::floor(a / (2 * M_PI)); };
     RecordSpin s;
     s.set(true, 10);
     EXPECT_EQ(s.angle(10), 0);
-    EXPECT_EQ(s.angle(9.5), 0);  // a time before the change counts as the change
+    EXPECT_EQ(s.angle(9.5), 0);                          // a time before the change counts as the change
     EXPECT_NEAR(s.angle(10.16), w * 0.16 / M_E, 1e-12);  // spin-up, tau 0.16
     EXPECT_NEAR(s.speed(10.16), w * (1 - 1 / M_E), 1e-12);
     EXPECT_NEAR(s.angle(13), wrap(w * (3 - 0.16)), 1e-7);  // steady (e^(−18.75) left), w·0.16 behind

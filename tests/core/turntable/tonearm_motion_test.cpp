@@ -6,7 +6,8 @@ namespace {
 
 const TonearmMotion::Geometry geo{-30, 10, 30, 146, 60};
 
-TEST(TonearmMotion, GoalFollowsTheBandOfTheTrack) {
+TEST(TonearmMotion, GoalFollowsTheBandOfTheTrack)
+{
     EXPECT_EQ(TonearmMotion::goal(geo, false, 0.5, true, std::pair{120.0, 100.0}), -30);
     // Halfway through a band from 120 to 100 mm: r = 110, travel 36 of 86.
     EXPECT_NEAR(TonearmMotion::goal(geo, true, 0.5, true, std::pair{120.0, 100.0}), 10 + 20 * 36.0 / 86.0, 1e-12);
@@ -15,7 +16,8 @@ TEST(TonearmMotion, GoalFollowsTheBandOfTheTrack) {
     EXPECT_NEAR(TonearmMotion::goal(geo, true, 3, false, std::nullopt), 30, 1e-12);
 }
 
-TEST(TonearmMotion, StoppingLiftsBeforeSwingingThenLowers) {
+TEST(TonearmMotion, StoppingLiftsBeforeSwingingThenLowers)
+{
     TonearmMotion arm;
     arm.yaw = 20;
     arm.advance(0, -30);
@@ -37,7 +39,8 @@ TEST(TonearmMotion, StoppingLiftsBeforeSwingingThenLowers) {
     EXPECT_EQ(arm.lift, 0);
 }
 
-TEST(TonearmMotion, SubStepsMakeTheMotionIndependentOfFrameRateAndALongSleepSnaps) {
+TEST(TonearmMotion, SubStepsMakeTheMotionIndependentOfFrameRateAndALongSleepSnaps)
+{
     TonearmMotion a, b;
     a.yaw = b.yaw = 0;
     a.advance(0, 25);
@@ -55,7 +58,8 @@ TEST(TonearmMotion, SubStepsMakeTheMotionIndependentOfFrameRateAndALongSleepSnap
     EXPECT_EQ(a.yawVel, 0);
 }
 
-TEST(TonearmMotion, NeighboursClampAtBothEnds) {
+TEST(TonearmMotion, NeighboursClampAtBothEnds)
+{
     const std::vector<double> s{-30, 0, 10, 30};
     EXPECT_EQ(TonearmMotion::neighbors(s, -40), (std::pair<int, double>{0, 0.0}));
     EXPECT_EQ(TonearmMotion::neighbors(s, 50), (std::pair<int, double>{2, 1.0}));
