@@ -273,6 +273,102 @@ void SceneRenderer::waitIdle()
     for (auto &slot : frameSlots) harvest(*slot);
 }
 
+// The slot's two sets (composite, steam) are rewritten only when the textures change; passes of
+// a kind differ only in their uniform offset.
+void SceneRenderer::bindTextures(FrameSlot &slot, const SceneTextures &textures)
+{
+    VkDevice device = context->device;
+    std::array<VkDescriptorImageInfo, SceneTextures::slotCount> images{};
+    std::array<const GpuTexture *, SceneTextures::slotCount> used{};
+    for (int s = 0; s < SceneTextures::slotCount; ++s) {
+        const GpuTexture *t = textures.slot(s);
+        if (!t && s == 31) t = textures.artNew.get();
+        if (!t && s == 32) t = textures.artOld.get();
+        if (!t) t = (s >= 12 && s <= 15) ? white.get() : empty.get();
+        images[s] = {VK_NULL_HANDLE, t->view, VK_IMAGE_LAYOUT_SHADER_READ_ONLY_OPTIMAL};
+        used[s] = t;
+    }
+    if (used != slot.bound || slot.boundUniforms != slot.uniforms->buffer) {
+        VkDescriptorBufferInfo sceneBuffer{slot.uniforms->buffer, 0, sizeof(SceneUniforms)};
+        VkDescriptorBufferInfo steamBuffer{slot.uniforms->buffer, 0, sizeof(SteamUniforms)};
+        VkWriteDescriptorSet writes[4]{};
+        for (int k = 0; k < 2; ++k) {
+            writes[2 * k] = {VK_STRUCTURE_TYPE_WRITE_DESCRIPTOR_SET};
+            writes[2 * k].dstSet = slot.sets[k];
+            writes[2 * k].dstBinding = 0;
+            writes[2 * k].descriptorCount = 1;
+            writes[2 * k].descriptorType = VK_DESCRIPTOR_TYPE_STORAGE_BUFFER_DYNAMIC;
+            writes[2 * k].pBufferInfo = k == 0 ? &sceneBuffer : &steamBuffer;
+            writes[2 * k + 1] = {VK_STRUCTURE_TYPE_WRITE_DESCRIPTOR_SET};
+            writes[2 * k + 1].dstSet = slot.sets[k];
+            writes[2 * k + 1].dstBinding = 4;
+            writes[2 * k + 1].descriptorCount = SceneTextures::slotCount;  // consecutive bindings
+            writes[2 * k + 1].descriptorType = VK_DESCRIPTOR_TYPE_SAMPLED_IMAGE;
+            writes[2 * k + 1].pImageInfo = images.data();
+        }
+        vkUpdateDescriptorSets(device, 4, writes, 0, nullptr);
+        slot.bound = used;
+        slot.boundUniforms = slot.uniforms->buffer;
+        slot.keepAlive = textures;
+    }
+}
+
+// One pass into `target`, its uniforms at the slot's next offset, with the steam laid over it
+// when `over` is given. A target with no image this frame is skipped.
+void SceneRenderer::encode(FrameSlot &slot, uint32_t &uniformIndex, RenderTarget *target, VkPipeline pipeline,
+                           VkDescriptorSet set, const void *bytes, size_t size, const SteamUniforms *over)
+{
+    VkDevice device = context->device;
+    if (!target) return;
+    std::optional<TargetImage> image = target->acquire();
+    if (!image) return;  // no image this frame: the pass is skipped
+    const uint32_t offset = uint32_t(uniformStride * uniformIndex++);
+    std::memcpy(static_cast<char *>(slot.uniforms->mapped) + offset, bytes, size);
+    const VkRenderPass renderPass = targetPass(image->finalLayout);
+    VkFramebuffer fb = image->framebuffer ? *image->framebuffer : VK_NULL_HANDLE;
+    if (!fb) {
+        VkFramebufferCreateInfo fci{VK_STRUCTURE_TYPE_FRAMEBUFFER_CREATE_INFO};
+        fci.renderPass = renderPass;
+        fci.attachmentCount = 1;
+        fci.pAttachments = &image->view;
+        fci.width = image->width;
+        fci.height = image->height;
+        fci.layers = 1;
+        vkCheck(vkCreateFramebuffer(device, &fci, nullptr, &fb), "vkCreateFramebuffer");
+        if (image->framebuffer)
+            *image->framebuffer = fb;
+        else
+            slot.framebuffers.emplace_back(device, fb);
+    }
+    VkRenderPassBeginInfo rbi{VK_STRUCTURE_TYPE_RENDER_PASS_BEGIN_INFO};
+    rbi.renderPass = renderPass;
+    rbi.framebuffer = fb;
+    rbi.renderArea = {{0, 0}, {image->width, image->height}};
+    vkCmdBeginRenderPass(slot.cmd, &rbi, VK_SUBPASS_CONTENTS_INLINE);
+    vkCmdBindPipeline(slot.cmd, VK_PIPELINE_BIND_POINT_GRAPHICS, pipeline);
+    vkCmdBindDescriptorSets(slot.cmd, VK_PIPELINE_BIND_POINT_GRAPHICS, sceneLayout, 0, 1, &set, 1, &offset);
+    VkViewport vp{0, 0, float(image->width), float(image->height), 0, 1};
+    VkRect2D sc{{0, 0}, {image->width, image->height}};
+    vkCmdSetViewport(slot.cmd, 0, 1, &vp);
+    vkCmdSetScissor(slot.cmd, 0, 1, &sc);
+    vkCmdDraw(slot.cmd, 3, 1, 0, 0);
+    if (over) {
+        const uint32_t steamOffset = uint32_t(uniformStride * uniformIndex++);
+        std::memcpy(static_cast<char *>(slot.uniforms->mapped) + steamOffset, over, sizeof(SteamUniforms));
+        vkCmdBindPipeline(slot.cmd, VK_PIPELINE_BIND_POINT_GRAPHICS, steamOverPipeline);
+        vkCmdBindDescriptorSets(slot.cmd, VK_PIPELINE_BIND_POINT_GRAPHICS, sceneLayout, 0, 1, &slot.sets[1], 1,
+                                &steamOffset);
+        vkCmdDraw(slot.cmd, 3, 1, 0, 0);
+    }
+    vkCmdEndRenderPass(slot.cmd);
+    presented.push_back(target);
+    if (image->acquired) {
+        waits.push_back(image->acquired);
+        waitStages.push_back(VK_PIPELINE_STAGE_COLOR_ATTACHMENT_OUTPUT_BIT);
+    }
+    if (image->rendered) doneSemaphores.push_back(image->rendered);
+}
+
 void SceneRenderer::draw(const std::optional<Pass> &base, const std::vector<Pass> &layers,
                          const std::optional<SteamPass> &steam, const SceneTextures &textures)
 {
@@ -293,42 +389,7 @@ void SceneRenderer::draw(const std::optional<Pass> &base, const std::vector<Pass
         vkCheck(vkResetFences(device, 1, slot.fence.ptr()), "vkResetFences");
         vkCheck(vkResetCommandBuffer(slot.cmd, 0), "vkResetCommandBuffer");
 
-        // The slot's two sets (composite, steam) are rewritten only when the textures change;
-        // passes of a kind differ only in their uniform offset.
-        std::array<VkDescriptorImageInfo, SceneTextures::slotCount> images{};
-        std::array<const GpuTexture *, SceneTextures::slotCount> used{};
-        for (int s = 0; s < SceneTextures::slotCount; ++s) {
-            const GpuTexture *t = textures.slot(s);
-            if (!t && s == 31) t = textures.artNew.get();
-            if (!t && s == 32) t = textures.artOld.get();
-            if (!t) t = (s >= 12 && s <= 15) ? white.get() : empty.get();
-            images[s] = {VK_NULL_HANDLE, t->view, VK_IMAGE_LAYOUT_SHADER_READ_ONLY_OPTIMAL};
-            used[s] = t;
-        }
-        if (used != slot.bound || slot.boundUniforms != slot.uniforms->buffer) {
-            VkDescriptorBufferInfo sceneBuffer{slot.uniforms->buffer, 0, sizeof(SceneUniforms)};
-            VkDescriptorBufferInfo steamBuffer{slot.uniforms->buffer, 0, sizeof(SteamUniforms)};
-            VkWriteDescriptorSet writes[4]{};
-            for (int k = 0; k < 2; ++k) {
-                writes[2 * k] = {VK_STRUCTURE_TYPE_WRITE_DESCRIPTOR_SET};
-                writes[2 * k].dstSet = slot.sets[k];
-                writes[2 * k].dstBinding = 0;
-                writes[2 * k].descriptorCount = 1;
-                writes[2 * k].descriptorType = VK_DESCRIPTOR_TYPE_STORAGE_BUFFER_DYNAMIC;
-                writes[2 * k].pBufferInfo = k == 0 ? &sceneBuffer : &steamBuffer;
-                writes[2 * k + 1] = {VK_STRUCTURE_TYPE_WRITE_DESCRIPTOR_SET};
-                writes[2 * k + 1].dstSet = slot.sets[k];
-                writes[2 * k + 1].dstBinding = 4;
-                writes[2 * k + 1].descriptorCount = SceneTextures::slotCount;  // consecutive bindings
-                writes[2 * k + 1].descriptorType = VK_DESCRIPTOR_TYPE_SAMPLED_IMAGE;
-                writes[2 * k + 1].pImageInfo = images.data();
-            }
-            vkUpdateDescriptorSets(device, 4, writes, 0, nullptr);
-            slot.bound = used;
-            slot.boundUniforms = slot.uniforms->buffer;
-            slot.keepAlive = textures;
-        }
-        VkDescriptorSet sets[2] = {slot.sets[0], slot.sets[1]};
+        bindTextures(slot, textures);
 
         VkCommandBufferBeginInfo bi{VK_STRUCTURE_TYPE_COMMAND_BUFFER_BEGIN_INFO};
         bi.flags = VK_COMMAND_BUFFER_USAGE_ONE_TIME_SUBMIT_BIT;
@@ -343,63 +404,16 @@ void SceneRenderer::draw(const std::optional<Pass> &base, const std::vector<Pass
         doneSemaphores.clear();
         waitStages.clear();
         uint32_t uniformIndex = 0;
-        auto encode = [&](RenderTarget *target, VkPipeline pipeline, VkDescriptorSet set, const void *bytes,
-                          size_t size, const SteamUniforms *over) {
-            if (!target) return;
-            std::optional<TargetImage> image = target->acquire();
-            if (!image) return;  // no image this frame: the pass is skipped
-            const uint32_t offset = uint32_t(uniformStride * uniformIndex++);
-            std::memcpy(static_cast<char *>(slot.uniforms->mapped) + offset, bytes, size);
-            const VkRenderPass renderPass = targetPass(image->finalLayout);
-            VkFramebuffer fb = image->framebuffer ? *image->framebuffer : VK_NULL_HANDLE;
-            if (!fb) {
-                VkFramebufferCreateInfo fci{VK_STRUCTURE_TYPE_FRAMEBUFFER_CREATE_INFO};
-                fci.renderPass = renderPass;
-                fci.attachmentCount = 1;
-                fci.pAttachments = &image->view;
-                fci.width = image->width;
-                fci.height = image->height;
-                fci.layers = 1;
-                vkCheck(vkCreateFramebuffer(device, &fci, nullptr, &fb), "vkCreateFramebuffer");
-                if (image->framebuffer)
-                    *image->framebuffer = fb;
-                else
-                    slot.framebuffers.emplace_back(device, fb);
-            }
-            VkRenderPassBeginInfo rbi{VK_STRUCTURE_TYPE_RENDER_PASS_BEGIN_INFO};
-            rbi.renderPass = renderPass;
-            rbi.framebuffer = fb;
-            rbi.renderArea = {{0, 0}, {image->width, image->height}};
-            vkCmdBeginRenderPass(slot.cmd, &rbi, VK_SUBPASS_CONTENTS_INLINE);
-            vkCmdBindPipeline(slot.cmd, VK_PIPELINE_BIND_POINT_GRAPHICS, pipeline);
-            vkCmdBindDescriptorSets(slot.cmd, VK_PIPELINE_BIND_POINT_GRAPHICS, sceneLayout, 0, 1, &set, 1, &offset);
-            VkViewport vp{0, 0, float(image->width), float(image->height), 0, 1};
-            VkRect2D sc{{0, 0}, {image->width, image->height}};
-            vkCmdSetViewport(slot.cmd, 0, 1, &vp);
-            vkCmdSetScissor(slot.cmd, 0, 1, &sc);
-            vkCmdDraw(slot.cmd, 3, 1, 0, 0);
-            if (over) {
-                const uint32_t steamOffset = uint32_t(uniformStride * uniformIndex++);
-                std::memcpy(static_cast<char *>(slot.uniforms->mapped) + steamOffset, over, sizeof(SteamUniforms));
-                vkCmdBindPipeline(slot.cmd, VK_PIPELINE_BIND_POINT_GRAPHICS, steamOverPipeline);
-                vkCmdBindDescriptorSets(slot.cmd, VK_PIPELINE_BIND_POINT_GRAPHICS, sceneLayout, 0, 1, &sets[1], 1,
-                                        &steamOffset);
-                vkCmdDraw(slot.cmd, 3, 1, 0, 0);
-            }
-            vkCmdEndRenderPass(slot.cmd);
-            presented.push_back(target);
-            if (image->acquired) {
-                waits.push_back(image->acquired);
-                waitStages.push_back(VK_PIPELINE_STAGE_COLOR_ATTACHMENT_OUTPUT_BIT);
-            }
-            if (image->rendered) doneSemaphores.push_back(image->rendered);
-        };
-
         auto steamOf = [](const Pass &p) { return p.steamOver ? &*p.steamOver : nullptr; };
-        if (base) encode(base->target, composite, sets[0], &base->uniforms, sizeof(SceneUniforms), steamOf(*base));
+        if (base)
+            encode(slot, uniformIndex, base->target, composite, slot.sets[0], &base->uniforms, sizeof(SceneUniforms),
+                   steamOf(*base));
         for (const Pass &layer : layers)
-            encode(layer.target, composite, sets[0], &layer.uniforms, sizeof(SceneUniforms), steamOf(layer));
-        if (steam) encode(steam->target, steamPipeline, sets[1], &steam->uniforms, sizeof(SteamUniforms), nullptr);
+            encode(slot, uniformIndex, layer.target, composite, slot.sets[0], &layer.uniforms, sizeof(SceneUniforms),
+                   steamOf(layer));
+        if (steam)
+            encode(slot, uniformIndex, steam->target, steamPipeline, slot.sets[1], &steam->uniforms,
+                   sizeof(SteamUniforms), nullptr);
 
         if (slot.queries) vkCmdWriteTimestamp(slot.cmd, VK_PIPELINE_STAGE_BOTTOM_OF_PIPE_BIT, slot.queries, 1);
         vkCheck(vkEndCommandBuffer(slot.cmd), "vkEndCommandBuffer");

@@ -65,6 +65,9 @@ private:
     void makeFrameSlots();
     struct FrameSlot;
     void harvest(FrameSlot &slot);
+    void bindTextures(FrameSlot &slot, const SceneTextures &textures);
+    void encode(FrameSlot &slot, uint32_t &uniformIndex, RenderTarget *target, VkPipeline pipeline, VkDescriptorSet set,
+                const void *bytes, size_t size, const SteamUniforms *over);
     VkRenderPass targetPass(VkImageLayout finalLayout);
 
     std::shared_ptr<VulkanContext> context;

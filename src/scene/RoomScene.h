@@ -83,6 +83,7 @@ public:
     const Services &services() const { return s; }
     QString describe() const;
 
+    const CoverArt &coverArt() const { return *cover; }
     // Test hooks: the arm as it stands.
     const TonearmMotion &armState() const { return arm; }
     double armGoalNow() const { return armGoal; }

@@ -1,6 +1,7 @@
 #include "SmallScene.h"
 #include "core/app/Settings.h"
 #include "core/environment/PowerMonitor.h"
+#include "core/music/CoverArt.h"
 #include "core/music/PlayerState.h"
 #include "core/scene/ImageDecoder.h"
 #include "core/scene/SceneStatus.h"
@@ -276,4 +277,32 @@ TEST_F(SmallScene, AFramingNotOnDiskLeavesTheRoomAsItIs)
     loader.load();  // a reload (the scene changed on disk) stays on the framing on screen
     ASSERT_TRUE(testsupport::waitUntil([&] { return loads == 2; }, 60s));
     EXPECT_EQ(loader.framing(), "wide");
+}
+
+// The developer keys: "showcase" overrides the manifest's showcase light, "debugCoverArt" stands in
+// for the player's cover, with "rotulo.png" beside it as the label.
+TEST_F(SmallScene, DeveloperKeysReplaceTheShowcaseLightAndTheCover)
+{
+    testsupport::ScopedEnv scenes("TURNELO_SCENES_DIR", root.path().toUtf8());
+    manifest();
+    QImage red(32, 32, QImage::Format_RGB32);
+    red.fill(Qt::red);
+    ASSERT_TRUE(red.save(root.filePath("cover.png")));
+    Room r;
+    r.settings.setValue("showcase", QVariantMap{{"maxGain", 2.5}, {"floor", 0.25}});
+    r.settings.setValue("debugCoverArt", root.filePath("cover.png"));
+    std::shared_ptr<SceneRenderer> gpu = SceneRenderer::create();
+    ASSERT_TRUE(gpu);
+    RoomScene room({&r.state, &r.status, &r.power, &r.settings, nullptr, nullptr, MediaClock()}, gpu);
+    room.load();
+    ASSERT_TRUE(testsupport::waitUntil([&] { return room.scene() != nullptr; }, 60s));
+    EXPECT_EQ(room.scene()->showcase[0], 0.25);
+    EXPECT_EQ(room.scene()->showcase[1], 2.5);
+    EXPECT_EQ(room.scene()->showcase[2], 0.0) << "a key the setting lacks keeps the manifest's";
+    const CoverArt::Color mean = room.coverArt().current().mean;
+    EXPECT_GT(mean.r, 0.9);
+    EXPECT_LT(mean.g, 0.05);
+    EXPECT_FALSE(room.coverArt().usesDefaultCover());
+    r.settings.remove("showcase");
+    r.settings.remove("debugCoverArt");
 }
