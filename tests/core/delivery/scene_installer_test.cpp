@@ -12,13 +12,11 @@
 
 #include <QJsonDocument>
 #include <QJsonObject>
-#include <QProcess>
 #include <QTemporaryDir>
 #include <gtest/gtest.h>
 
 #include <cstdlib>
 #include <filesystem>
-#include <signal.h>
 
 using namespace std::chrono_literals;
 using namespace scenepackages;
@@ -541,53 +539,6 @@ TEST(SceneInstallerRecovery, PutsBackAWholeSceneFromEveryInterruptedState)
     SceneInstaller::recover(root);
     EXPECT_EQ(readFile(root + "/Scenes/close/light/a.exr"), "A");
     EXPECT_FALSE(leftovers());
-}
-
-TEST_F(SceneInstallerTest, KilledMidInstallLeavesALoadableSceneOnTheNextStart)
-{
-    const QString tool = testsupport::builtTool("turnelo-sync");
-    ASSERT_TRUE(QFileInfo(tool).isExecutable()) << tool.toStdString();
-    serve({publishBase("apt-1.zip", "old", 200000)});
-    make();
-    syncAndWait();
-    installer.reset();
-    // Big enough that unpacking and swapping take a while.
-    serve({publishBase("apt-2.zip", "new", 48 << 20, 9)});
-
-    QStringList seen;
-    for (int delayMs : {0, 5, 20, 60, 150, 400}) {
-        SCOPED_TRACE(delayMs);
-        QProcess child;
-        child.start(tool, {"--root", root(), "--url", server.baseURL(), "--settings", tmp.path() + "/child.json"});
-        ASSERT_TRUE(child.waitForStarted());
-        // The download is done once staging begins; kill somewhere after that.
-        const bool staging = waitUntil(
-            [&] { return QFileInfo::exists(root() + "/Scenes.incoming") || child.state() == QProcess::NotRunning; },
-            60s);
-        ASSERT_TRUE(staging);
-        QThread::msleep(delayMs);
-        ::kill(pid_t(child.processId()), SIGKILL);
-        child.waitForFinished();
-
-        make();  // the next start
-        const auto scenario = scenarioAt(scenes());
-        ASSERT_TRUE(scenario.has_value()) << "no loadable scene";
-        seen.append(*scenario);
-        EXPECT_FALSE(QFileInfo::exists(root() + "/Scenes.incoming"));
-        EXPECT_FALSE(QFileInfo::exists(root() + "/Scenes.old"));
-        installer.reset();
-        if (*scenario == QLatin1String("new")) {
-            // Start again from the old scene to probe later kill points as well.
-            QDir(scenes()).removeRecursively();
-            makeSceneFolder(scenes(), "old", 100, 1);
-            put(scenes() + "/.installed.json", "{}");
-        }
-    }
-    EXPECT_TRUE(seen.contains("old"));
-    // Whatever was seen, the next full run completes the update.
-    make();
-    syncAndWait();
-    EXPECT_EQ(scenarioAt(scenes()), QStringLiteral("new"));
 }
 
 }  // namespace
