@@ -338,61 +338,47 @@ TEST_F(FrameSchedulerTest, PerformanceLine)
     }
     Settings().setValue("perfLogInterval", 0.3);
 
-    // 0.1 GPU seconds over 4 command buffers per interval: 25 ms a frame, and a busy share
-    // from which the line's exact interval can be recovered.
+    // The line measures its interval on the media clock: each line moves it on by 2 s, so every
+    // interval is exactly 2 s whenever the timer fires. 0.1 GPU seconds over 4 command buffers:
+    // 25 ms a frame, 5 % busy.
     gpu = [] { return std::pair<double, long long>{0.1, 4}; };
+    double clockNow = 100;
+    clockSource = [&] { return clockNow; };
     int seenAtLine = 0;
     std::vector<int> framesPerLine;
-    std::vector<double> gaps;  // seconds between lines as the test sees them
-    QElapsedTimer sinceLine;
-    std::vector<std::clock_t> cpuAtLine;
-    double cpuBurnt = 0;
     const std::clock_t cpuAtStart = std::clock();
-    sinceLine.start();
+    std::vector<std::clock_t> cpuAtLine;
     auto &s = make(60);
+    clockNow += 2;
     s.describeState = [&] {
         framesPerLine.push_back(ticks - seenAtLine);
         seenAtLine = ticks;
-        gaps.push_back(sinceLine.nsecsElapsed() / 1e9);
         cpuAtLine.push_back(std::clock());
-        sinceLine.restart();
+        clockNow += 2;
         return QStringLiteral("tocando, visível");
     };
     EXPECT_EQ(s.perfInterval(), 0.3);
     // Spend CPU time inside the first interval.
-    {
-        const std::clock_t start = std::clock();
-        while (std::clock() - start < CLOCKS_PER_SEC / 5) {}
-        cpuBurnt = double(std::clock() - start) / CLOCKS_PER_SEC;
-    }
+    const std::clock_t burnStart = std::clock();
+    while (std::clock() - burnStart < CLOCKS_PER_SEC / 5) {}
+    const double cpuBurnt = double(std::clock() - burnStart) / CLOCKS_PER_SEC;
     auto perfLines = [&] { return log.messages().filter(QRegularExpression("^Perf ")); };
     ASSERT_TRUE(waitUntil([&] { return perfLines().size() >= 2; }, 20s));
 
     const QRegularExpression format(
-        R"(^Perf (\d+)s: (\d+\.\d) fps, CPU (\d+\.\d\d)%, GPU (\d+\.\d\d\d) ms/quadro \((\d+\.\d\d)% ocupada\), )"
+        R"(^Perf 2s: (\d+\.\d) fps, CPU (\d+\.\d\d)%, GPU 25\.000 ms/quadro \(5\.00% ocupada\), )"
         R"(footprint (-?\d+) MB, tocando, visível$)");
     const QStringList lines = perfLines();
     for (int n = 0; n < 2; ++n) {
         const auto m = format.match(lines[n]);
         ASSERT_TRUE(m.hasMatch()) << lines[n].toStdString();
-        EXPECT_EQ(m.captured(4), "25.000");
-        const double busy = m.captured(5).toDouble();
-        ASSERT_GT(busy, 0.0);
-        const double w = 0.1 / (busy / 100.0);
-        EXPECT_NEAR(m.captured(1).toInt(), w, 0.51) << lines[n].toStdString();
-        // Each line covers the time since the previous one (the first, since creation).
-        EXPECT_NEAR(w, gaps[n], 0.1) << lines[n].toStdString();
-        EXPECT_NEAR(m.captured(2).toDouble(), framesPerLine[n] / w, 0.06 + 0.005 * framesPerLine[n] / w)
-            << lines[n].toStdString();
+        EXPECT_NEAR(m.captured(1).toDouble(), framesPerLine[n] / 2.0, 0.051) << lines[n].toStdString();
+        // At least the burnt time, at most what the whole process spent, by another clock.
+        const double spent = double(cpuAtLine[n] - (n ? cpuAtLine[n - 1] : cpuAtStart)) / CLOCKS_PER_SEC;
         if (n == 0) {
-            // The first interval counts from creation (a coarse timer may fire up to 5 % early);
-            // later ones may be shorter when a late line is followed by one on schedule.
-            EXPECT_GE(w, 0.3 * 0.94) << lines[n].toStdString();
-            // At least the burnt time, at most what the whole process spent, by another clock.
-            const double spent = double(cpuAtLine[0] - cpuAtStart) / CLOCKS_PER_SEC;
-            EXPECT_GE(m.captured(3).toDouble(), cpuBurnt * 0.9 / w * 100.0) << lines[n].toStdString();
-            EXPECT_LE(m.captured(3).toDouble(), spent * 1.1 / w * 100.0 + 2.0) << lines[n].toStdString();
+            EXPECT_GE(m.captured(2).toDouble(), cpuBurnt * 0.9 / 2 * 100.0) << lines[n].toStdString();
         }
+        EXPECT_LE(m.captured(2).toDouble(), spent * 1.1 / 2 * 100.0 + 1.0) << lines[n].toStdString();
         // Resident memory, compared with the kernel's own figure in kB.
         int rssKb = -1;
         for (const QByteArray &row : readFile("/proc/self/status").split('\n'))
@@ -402,7 +388,7 @@ TEST_F(FrameSchedulerTest, PerformanceLine)
 #else
         constexpr int slackMb = 3;
 #endif
-        EXPECT_NEAR(m.captured(6).toInt(), rssKb / 1024, slackMb);
+        EXPECT_NEAR(m.captured(3).toInt(), rssKb / 1024, slackMb);
     }
 
     // No command buffer completed: no time per frame.
