@@ -36,6 +36,8 @@ protected:
         ASSERT_TRUE(upower->ok()) << upower->errors().toStdString();
         screensaver = DbusMock::bare(bus, "org.freedesktop.ScreenSaver", "/ScreenSaver", "org.freedesktop.ScreenSaver");
         ASSERT_TRUE(screensaver->ok()) << screensaver->errors().toStdString();
+        logind = DbusMock::fromTemplate(bus, "logind", "org.freedesktop.login1");
+        ASSERT_TRUE(logind->ok()) << logind->errors().toStdString();
 
         scene = dir.filePath("scene");
         QProcess gen;
@@ -136,7 +138,7 @@ protected:
     QTemporaryDir dir;
     XServer x{QStringLiteral("1280x720x24")};
     PrivateBus bus;
-    std::unique_ptr<DbusMock> upower, screensaver;
+    std::unique_ptr<DbusMock> upower, screensaver, logind;
     QString scene;
     QProcess app;
 };
@@ -161,6 +163,8 @@ TEST_F(DesktopRoom, ShowsTheRoomAndPausesWhenNobodyCanSeeIt)
 {
     defaults({"write", "perfLogInterval", "-float", "1"});
     defaults({"write", "lightPreset", "-string", "dia"});
+    // A weather service that refuses at once: every fetch leaves a line.
+    defaults({"write", "weatherServiceURL", "-string", "http://127.0.0.1:9/"});
     launch();
     qsizetype at = waitForLine("Cena pronta", 0, 180);
     ASSERT_FALSE(HasFailure());
@@ -222,6 +226,17 @@ TEST_F(DesktopRoom, ShowsTheRoomAndPausesWhenNobodyCanSeeIt)
     screensaver->callMock("/ScreenSaver", "EmitSignal",
                           {QString(), QStringLiteral("ActiveChanged"), QStringLiteral("b"), QVariantList{false}});
     at = waitForLine("Cena: screenIsUnlocked → renderiza", at);
+
+    // Woken from sleep, the weather is asked again at once, not after the 300 s retry.
+    waitForLine("Clima: falhou", 0);
+    const qsizetype beforeSleep = log().size();
+    for (bool sleeping : {true, false}) {
+        const QDBusMessage sleep =
+            logind->callMock("/org/freedesktop/login1", "EmitSignal",
+                             {"org.freedesktop.login1.Manager", "PrepareForSleep", "b", QVariantList{sleeping}});
+        ASSERT_EQ(sleep.type(), QDBusMessage::ReplyMessage) << sleep.errorMessage().toStdString();
+    }
+    at = waitForLine("Clima: falhou", beforeSleep, 20);
 
     // Unplugged: the saver takes the room down to 15 frames a second.
     const QDBusMessage unplug =
