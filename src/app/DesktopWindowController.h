@@ -47,8 +47,6 @@ public:
     void weatherChanged(const WeatherService::Now &now);
 
     bool isVisible() const { return visible; }
-    // The shared room; none before the first load or without a device.
-    RoomScene *room() const { return roomScene.get(); }
 
 private:
     struct Surface {

@@ -48,7 +48,6 @@ public:
     // The moving area on the screen, global pixels; none before a scene is loaded.
     std::optional<QRect> animatedArea() const;
     QString describeState() const;
-    FrameScheduler &frameScheduler() { return *scheduler; }
 
 private:
     void sceneChanged();

@@ -64,13 +64,17 @@ QStringList referenced(const PlateManifest &manifest, const QString &name)
     return QStringList(files.begin(), files.end());
 }
 
-QStringList missing(const QString &root, const PlateManifest &manifest, const QString &framing)
+namespace {
+
+// `missing` for recipes read once for all framings.
+QStringList missingFor(const QString &root, const PlateManifest &manifest, const QString &framing,
+                       const std::map<QString, LightRecipe> &recipes)
 {
     const auto it = manifest.framings.find(framing);
     if (it == manifest.framings.end()) return {};
     std::set<QString> essential{framingFile(framing, it->second.cover.mask),
                                 framingFile(framing, it->second.label.mask)};
-    for (const auto &[preset, recipe] : LightRecipe::of(manifest))
+    for (const auto &[preset, recipe] : recipes)
         for (const LightRecipe::Term &term : recipe.terms) essential.insert(lightPlate(framing, term.plate));
     QStringList out;
     const QDir dir(root);
@@ -79,11 +83,19 @@ QStringList missing(const QString &root, const PlateManifest &manifest, const QS
     return out;
 }
 
+}  // namespace
+
+QStringList missing(const QString &root, const PlateManifest &manifest, const QString &framing)
+{
+    return missingFor(root, manifest, framing, LightRecipe::of(manifest));
+}
+
 QStringList installed(const QString &root, const PlateManifest &manifest, const QStringList &framings)
 {
+    const auto recipes = LightRecipe::of(manifest);
     QStringList out;
     for (const QString &name : framings)
-        if (manifest.framings.count(name) && missing(root, manifest, name).isEmpty()) out.append(name);
+        if (manifest.framings.count(name) && missingFor(root, manifest, name, recipes).isEmpty()) out.append(name);
     return out;
 }
 
