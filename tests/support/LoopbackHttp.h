@@ -1,7 +1,8 @@
 #pragma once
 
 // An HTTP server on loopback whose answer to each request the test decides: a body with its
-// status, optionally late, or a connection dropped without a byte of answer.
+// status, optionally late, or a connection dropped without a byte of answer; or a hostile one that
+// never ends, trickles, or sends more than it announced.
 
 #include <QByteArray>
 #include <QHostAddress>
@@ -19,11 +20,19 @@ public:
         QByteArray body;  // null: the connection is dropped
         int status = 200;
         int delayMs = 0;
+        // After the body: `more` bytes of filler (-1: without end), `chunk` bytes every
+        // `intervalMs`. Content-Length says body + more unless `announced` says otherwise (-1:
+        // none, for a body without end).
+        qint64 more = 0;
+        qint64 chunk = 64 * 1024;
+        int intervalMs = 0;
+        qint64 announced = -2;
     };
 
     // Called once per request with its target ("/path?query").
     std::function<Reply(const QString &target)> answer = [](const QString &) { return Reply{"", 404}; };
     QStringList targets;  // in arrival order
+    qint64 sent = 0;      // filler bytes written, all requests
 
     LoopbackHttp()
     {
@@ -38,10 +47,11 @@ public:
                     const QByteArray line = request->left(request->indexOf("\r\n"));
                     targets.append(QString::fromLatin1(line.split(' ').value(1)));
                     const Reply reply = answer(targets.last());
-                    QTimer::singleShot(reply.delayMs, socket, [socket, reply] {
+                    QTimer::singleShot(reply.delayMs, socket, [this, socket, reply] {
                         if (reply.body.isNull()) return socket->abort();
-                        socket->write(response(reply));
-                        socket->disconnectFromHost();
+                        socket->write(head(reply) + reply.body);
+                        if (reply.more == 0) return socket->disconnectFromHost();
+                        stream(socket, reply);
                     });
                 });
             }
@@ -54,10 +64,30 @@ public:
     }
 
 private:
-    static QByteArray response(const Reply &r)
+    static QByteArray head(const Reply &r)
     {
-        return "HTTP/1.1 " + QByteArray::number(r.status) + (r.status < 400 ? " OK" : " Error") +
-               "\r\nContent-Length: " + QByteArray::number(r.body.size()) + "\r\nConnection: close\r\n\r\n" + r.body;
+        const qint64 length = r.announced != -2 ? r.announced : r.more < 0 ? -1 : r.body.size() + r.more;
+        QByteArray h = "HTTP/1.1 " + QByteArray::number(r.status) + (r.status < 400 ? " OK" : " Error") + "\r\n";
+        if (length >= 0) h += "Content-Length: " + QByteArray::number(length) + "\r\n";
+        return h + "Connection: close\r\n\r\n";
+    }
+
+    // Filler at the reply's pace, never more than a few chunks ahead of what the client reads.
+    void stream(QTcpSocket *socket, const Reply &reply)
+    {
+        auto *timer = new QTimer(socket);
+        auto left = std::make_shared<qint64>(reply.more);
+        connect(timer, &QTimer::timeout, socket, [this, socket, timer, left, reply] {
+            if (socket->bytesToWrite() > 4 * reply.chunk) return;
+            const qint64 n = *left < 0 ? reply.chunk : std::min(reply.chunk, *left);
+            socket->write(QByteArray(n, 'x'));
+            sent += n;
+            if (*left > 0 && (*left -= n) == 0) {
+                timer->stop();
+                socket->disconnectFromHost();
+            }
+        });
+        timer->start(reply.intervalMs);
     }
 
     QTcpServer server;
