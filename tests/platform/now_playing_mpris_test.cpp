@@ -65,6 +65,37 @@ struct NowPlayingMprisTest : ::testing::Test {
 
     QString logged() const { return log.lines().join('\n'); }
 
+    // A player's answer, waited for.
+    std::optional<PlayerSourceBackend::Snapshot> ask(const PlayerSource &source)
+    {
+        std::optional<PlayerSourceBackend::Snapshot> answer;
+        bool done = false;
+        backend.query(source, [&](PlayerSourceBackend::Outcome, const std::optional<PlayerSourceBackend::Snapshot> &s) {
+            answer = s;
+            done = true;
+        });
+        EXPECT_FALSE(done) << "answered from inside the call";
+        EXPECT_TRUE(waitUntil([&] { return done; }, 5s));
+        return answer;
+    }
+    // The monitor's look at every player, started with `look` (start() or refreshAll()), settled.
+    void settled(NowPlayingMonitor &monitor, const std::function<void()> &look)
+    {
+        bool done = false;
+        const auto c = QObject::connect(&monitor, &NowPlayingMonitor::refreshed, [&] { done = true; });
+        look();
+        EXPECT_TRUE(waitUntil([&] { return done; }, 5s));
+        QObject::disconnect(c);
+    }
+    void begin(NowPlayingMonitor &m)
+    {
+        settled(m, [&] { m.start(); });
+    }
+    void lookAgain(NowPlayingMonitor &m)
+    {
+        settled(m, [&] { m.refreshAll(); });
+    }
+
     QProcess &startProcess(const QString &program, const QStringList &args)
     {
         players.push_back(std::make_unique<QProcess>());
@@ -127,7 +158,7 @@ TEST_F(NowPlayingMprisTest, SourcesListSpotifyFirstThenByNameAndQueryMapsMetadat
     EXPECT_TRUE(backend.isRunning(sources[2]));
     EXPECT_FALSE(backend.isRunning({"org.mpris.MediaPlayer2.absent", "x", "x"}));
 
-    const auto snapshot = backend.query(sources[0]);
+    const auto snapshot = ask(sources[0]);
     ASSERT_TRUE(snapshot.has_value());
     EXPECT_EQ(snapshot->track.title, "Song");
     EXPECT_EQ(snapshot->track.artist, "One, Two");
@@ -141,7 +172,7 @@ TEST_F(NowPlayingMprisTest, SourcesListSpotifyFirstThenByNameAndQueryMapsMetadat
     EXPECT_EQ(snapshot->artworkURL.value_or(QUrl()).toString(), "https://example.invalid/a.jpg");
 
     control("spotify", "Stop");
-    EXPECT_FALSE(backend.query(sources[0]).has_value()) << "stopped is nothing";
+    EXPECT_FALSE(ask(sources[0]).has_value()) << "stopped is nothing";
 }
 
 TEST_F(NowPlayingMprisTest, ReadingNeverStartsAPlayer)
@@ -155,10 +186,10 @@ TEST_F(NowPlayingMprisTest, ReadingNeverStartsAPlayer)
                   .toUtf8());
     const PlayerSource sleeper{"org.mpris.MediaPlayer2.sleeper", "sleeper", "sleeper"};
     NowPlayingMonitor monitor(state, backend);
-    monitor.start();
+    begin(monitor);
     monitor.refresh(sleeper);
     EXPECT_FALSE(backend.isRunning(sleeper));
-    EXPECT_FALSE(backend.query(sleeper).has_value()) << "not even a direct query starts it";
+    EXPECT_FALSE(ask(sleeper).has_value()) << "not even a direct query starts it";
     spin(500ms);
     EXPECT_FALSE(QFile::exists(mark));
     EXPECT_FALSE(state.track().has_value());
@@ -175,7 +206,7 @@ TEST_F(NowPlayingMprisTest, ChoiceAmongPlayersBackgroundPauseAndQuitting)
     startPlayer("vlc", "VLC media player", "Playing", {{"Vlc song", "V", "Valbum"}});
     startPlayer("spotify", "Spotify", "Playing", {{"Spotify song", "S", "Salbum"}});
     NowPlayingMonitor monitor(state, backend);
-    monitor.start();
+    begin(monitor);
     // Both play: Spotify's track.
     EXPECT_EQ(titleOf(state), "Spotify song");
     EXPECT_TRUE(state.isPlaying());
@@ -197,12 +228,13 @@ TEST_F(NowPlayingMprisTest, ChoiceAmongPlayersBackgroundPauseAndQuitting)
     EXPECT_TRUE(state.isPlaying());
     EXPECT_EQ(trackSignals, 1);
     // ...and a fresh look at every player still prefers the one that plays.
-    monitor.refreshAll();
+    lookAgain(monitor);
     EXPECT_EQ(titleOf(state), "Vlc song");
 
     // Nobody plays: the first source in order (Spotify) wins.
     control("vlc", "Pause");
-    monitor.refreshAll();
+    ASSERT_TRUE(waitUntil([&] { return !state.isPlaying(); }, 5s));
+    lookAgain(monitor);
     EXPECT_EQ(titleOf(state), "Spotify song");
     EXPECT_FALSE(state.isPlaying());
 
@@ -250,12 +282,12 @@ TEST_F(NowPlayingMprisTest, ArtworkFromFilesAndOncePerAlbumLateCoversDropped)
                  {"Three", "Band", "Album B", 190, 1, http.url("/slow.png")},
                  {"Four", "Band", "Album C", 170, 1, http.url("/c.png")}});
     NowPlayingMonitor monitor(state, backend);
-    monitor.start();
+    begin(monitor);
     const auto colour = [&] { return state.artwork().isNull() ? QColor() : state.artwork().pixelColor(0, 0); };
-    EXPECT_EQ(colour(), QColor(Qt::yellow)) << "a file cover is read at once";
+    EXPECT_TRUE(waitUntil([&] { return colour() == QColor(Qt::yellow); }, 5s));
 
     next("Junk");
-    EXPECT_TRUE(state.artwork().isNull());
+    EXPECT_TRUE(waitUntil([&] { return state.artwork().isNull(); }, 5s));
     next("Missing");
     ASSERT_TRUE(waitUntil([&] { return logged().contains("Capa Spotify: falhou " + http.url("/none.png")); }, 5s));
     EXPECT_TRUE(state.artwork().isNull());
@@ -295,7 +327,7 @@ TEST_F(NowPlayingMprisTest, PositionExtrapolatesWhilePlayingAndHoldsWhilePaused)
     PlayerState timed(clock);
     NowPlayingMonitor monitor(timed, backend);
     monitor.setClock([&] { return clock; });
-    monitor.start();
+    begin(monitor);
     ASSERT_TRUE(timed.track().has_value());
     EXPECT_FALSE(timed.isPlaying());
     EXPECT_DOUBLE_EQ(timed.position(), 30.0);
@@ -347,7 +379,7 @@ TEST_F(NowPlayingMprisTest, MpvWithMprisPluginIsSeen)
                                       chunk("data", QByteArray(8000 * 2 * 30, '\0'))));
 
     NowPlayingMonitor monitor(state, backend);
-    monitor.start();
+    begin(monitor);
     EXPECT_FALSE(state.track().has_value());
     QProcess &player = startProcess(
         mpv, {"--no-config", "--script=" + plugin, "--ao=null", "--no-video", "--really-quiet", "--idle=no", file});

@@ -78,6 +78,7 @@ private:
         auto *timer = new QTimer(socket);
         auto left = std::make_shared<qint64>(reply.more);
         connect(timer, &QTimer::timeout, socket, [this, socket, timer, left, reply] {
+            if (socket->state() != QAbstractSocket::ConnectedState) return timer->stop();
             if (socket->bytesToWrite() > 4 * reply.chunk) return;
             const qint64 n = *left < 0 ? reply.chunk : std::min(reply.chunk, *left);
             socket->write(QByteArray(n, 'x'));

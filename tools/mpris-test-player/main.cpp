@@ -3,9 +3,13 @@
 //
 //   turnelo-mpris-player --name <bus suffix> --identity <Identity> [--status Playing|Paused|Stopped]
 //                     [--position <s>] --track "title|artist[;artist]|album|seconds|number|artUrl" ...
+//                     [--slow <ms>] [--flood <changes per second>,<seconds>]
 //
 // Play, Pause, PlayPause, Stop, Next, Previous, Seek, SetPosition and Quit behave as their
 // names say and emit PropertiesChanged or Seeked; Next and Previous walk the --track list.
+// A hostile player for the tests: --slow makes every read of its state take that long (the
+// player is stuck meanwhile); --flood makes it change album that often, from its own thread,
+// starting at its first Play call, each change a new album named "Flood <n>".
 
 #include <QCoreApplication>
 #include <QDBusAbstractAdaptor>
@@ -15,8 +19,12 @@
 #include <QDBusObjectPath>
 #include <QElapsedTimer>
 #include <QStringList>
+#include <QThread>
 #include <QTimer>
+#include <atomic>
+#include <chrono>
 #include <cstdio>
+#include <thread>
 
 namespace {
 
@@ -38,6 +46,26 @@ public:
     QString status = QStringLiteral("Playing");
     double basePosition = 0;  // seconds at `since`
     QElapsedTimer since;
+    int slowMs = 0;
+    double floodRate = 0, floodSeconds = 0;
+    std::atomic<int> floods{0};
+    bool flooding = false;
+
+    void startFlood()
+    {
+        if (floodRate <= 0 || flooding) return;
+        flooding = true;
+        // Detached: the player never goes before the process does.
+        std::thread([this] {
+            const auto step = std::chrono::duration<double>(1.0 / floodRate);
+            const auto begin = std::chrono::steady_clock::now();
+            for (int n = 1; n <= int(floodRate * floodSeconds); ++n) {
+                std::this_thread::sleep_until(begin + n * step);
+                floods = n;
+                changed({{QStringLiteral("Metadata"), metadata()}});
+            }
+        }).detach();
+    }
 
     double position() const
     {
@@ -50,11 +78,12 @@ public:
         QVariantMap m;
         if (tracks.isEmpty()) return m;
         const TrackInfo &t = tracks.at(index);
+        const int flood = floods;
         m.insert(QStringLiteral("mpris:trackid"),
                  QVariant::fromValue(QDBusObjectPath(QStringLiteral("/track/%1").arg(index))));
-        m.insert(QStringLiteral("xesam:title"), t.title);
+        m.insert(QStringLiteral("xesam:title"), flood ? QStringLiteral("Flood %1").arg(flood) : t.title);
         m.insert(QStringLiteral("xesam:artist"), t.artists);
-        m.insert(QStringLiteral("xesam:album"), t.album);
+        m.insert(QStringLiteral("xesam:album"), flood ? QStringLiteral("Flood %1").arg(flood) : t.album);
         m.insert(QStringLiteral("mpris:length"), qlonglong(t.seconds * 1e6));
         if (t.number > 0) m.insert(QStringLiteral("xesam:trackNumber"), t.number);
         if (!t.artUrl.isEmpty()) m.insert(QStringLiteral("mpris:artUrl"), t.artUrl);
@@ -150,12 +179,20 @@ public:
     {
     }
     QString status() const { return player->status; }
-    QVariantMap metadata() const { return player->metadata(); }
+    QVariantMap metadata() const
+    {
+        if (player->slowMs > 0) QThread::msleep(player->slowMs);
+        return player->metadata();
+    }
     qlonglong position() const { return qlonglong(player->position() * 1e6); }
     double one() const { return 1.0; }
     bool yes() const { return true; }
 public slots:
-    void Play() { player->setStatus(QStringLiteral("Playing")); }
+    void Play()
+    {
+        player->setStatus(QStringLiteral("Playing"));
+        player->startFlood();
+    }
     void Pause() { player->setStatus(QStringLiteral("Paused")); }
     void PlayPause()
     {
@@ -213,7 +250,12 @@ int main(int argc, char **argv)
             player->basePosition = value.toDouble();
         else if (key == QLatin1String("--track"))
             player->tracks.append(parseTrack(value));
-        else {
+        else if (key == QLatin1String("--slow"))
+            player->slowMs = value.toInt();
+        else if (key == QLatin1String("--flood")) {
+            player->floodRate = value.section(QLatin1Char(','), 0, 0).toDouble();
+            player->floodSeconds = value.section(QLatin1Char(','), 1, 1).toDouble();
+        } else {
             std::fprintf(stderr, "unknown option %s\n", qPrintable(key));
             return 2;
         }

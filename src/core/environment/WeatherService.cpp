@@ -1,4 +1,5 @@
 #include "core/environment/WeatherService.h"
+#include "core/network/TransferGuard.h"
 
 #include "core/app/Log.h"
 #include "core/app/Settings.h"
@@ -232,10 +233,12 @@ void WeatherService::refreshIfStale()
                    QStringLiteral("&longitude=") + decimal(asked.longitude) +
                    QStringLiteral("&current=precipitation,rain,weather_code"));
     QNetworkRequest request(url);
-    request.setTransferTimeout(timeoutMs);
+    TransferGuard::prepare(request);
     request.setAttribute(QNetworkRequest::CacheLoadControlAttribute, QNetworkRequest::AlwaysNetwork);
     inFlight = network->get(request);
     QNetworkReply *reply = inFlight;
+    // An answer is a few hundred bytes; a server that sends more, or takes long, is not answering.
+    TransferGuard::collect(reply, {.maxBytes = maxAnswerBytes, .idleMs = timeoutMs, .deadlineMs = 2 * timeoutMs});
     connect(reply, &QNetworkReply::finished, this, [this, reply, asked] { finished(reply, asked); });
 }
 
@@ -246,10 +249,12 @@ void WeatherService::finished(QNetworkReply *reply, const Place &asked)
 
     QString error;
     std::optional<Reading> reading;
-    if (reply->error() != QNetworkReply::NoError)
+    if (const QString cut = TransferGuard::failureOf(reply); !cut.isEmpty())
+        error = cut;
+    else if (reply->error() != QNetworkReply::NoError)
         error = transferError(*reply);
     else
-        reading = readAnswer(reply->readAll(), error);
+        reading = readAnswer(TransferGuard::bodyOf(reply), error);
 
     if (!reading) {
         Log::write(QStringLiteral("Clima: falhou (") + error + QLatin1Char(')'));

@@ -40,6 +40,8 @@ public:
         bool raining() const;
         Now now() const;
     };
+    static constexpr qint64 maxAnswerBytes = 256 * 1024;
+
     // Reads an answer's body; nothing, with the reason for the log in `error`, when it cannot.
     static std::optional<Reading> readAnswer(const QByteArray &body, QString &error);
 

@@ -3,9 +3,11 @@
 
 #include <QDBusArgument>
 #include <QDBusMessage>
+#include <QDBusPendingCallWatcher>
 #include <QDBusReply>
 #include <QDBusVariant>
 #include <algorithm>
+#include <memory>
 
 namespace {
 
@@ -27,17 +29,21 @@ QStringList stringsOf(const QVariant &value)
     return v.toStringList();
 }
 
-QDBusMessage blockingCall(const QDBusConnection &bus, QDBusMessage message)
+// For the bus daemon only, which answers at once; players are always asked asynchronously.
+QDBusMessage busCall(const QDBusConnection &bus, const QString &method, const QVariantList &args = {})
 {
+    QDBusMessage message = QDBusMessage::createMethodCall(kBusService, kBusPath, kBusService, method);
+    message.setArguments(args);
     message.setAutoStartService(false);
-    return bus.call(message, QDBus::Block, MprisPlayerBackend::callTimeoutMs);
+    return bus.call(message, QDBus::Block, MprisPlayerBackend::defaultCallTimeoutMs);
 }
 
 }  // namespace
 
-MprisPlayerBackend::MprisPlayerBackend(const QDBusConnection &bus, QObject *parent)
+MprisPlayerBackend::MprisPlayerBackend(const QDBusConnection &bus, int callTimeoutMs, QObject *parent)
     : PlayerSourceBackend(parent)
     , bus(bus)
+    , callTimeoutMs(callTimeoutMs)
 {
 }
 
@@ -58,52 +64,101 @@ QStringList MprisPlayerBackend::ordered(const QStringList &busNames)
 
 QList<PlayerSource> MprisPlayerBackend::sources() const
 {
-    const QDBusMessage reply = blockingCall(
-        bus, QDBusMessage::createMethodCall(kBusService, kBusPath, kBusService, QStringLiteral("ListNames")));
+    const QDBusMessage reply = busCall(bus, QStringLiteral("ListNames"));
     if (reply.type() != QDBusMessage::ReplyMessage || reply.arguments().isEmpty()) return {};
+    const QStringList names = ordered(reply.arguments().constFirst().toStringList());
+    // The players' own names, asked of all at once: one that does not answer costs a short wait
+    // once, and is then called by its bus name.
+    QList<std::pair<QString, QDBusPendingCall>> asked;
+    for (const QString &name : names) {
+        if (identities.contains(name)) continue;
+        QDBusMessage call =
+            QDBusMessage::createMethodCall(name, kObjectPath, kPropertiesInterface, QStringLiteral("Get"));
+        call << kRootInterface << QStringLiteral("Identity");
+        call.setAutoStartService(false);
+        asked.append({name, bus.asyncCall(call, identityTimeoutMs)});
+    }
+    for (auto &[name, call] : asked) {
+        call.waitForFinished();
+        const QDBusMessage answer = call.reply();
+        const QString identity = answer.type() == QDBusMessage::ReplyMessage && !answer.arguments().isEmpty()
+                                     ? plain(answer.arguments().constFirst()).toString().left(maxFieldLength)
+                                     : QString();
+        identities.insert(name, identity.isEmpty() ? name.mid(busNamePrefix().size()) : identity);
+    }
     QList<PlayerSource> list;
-    for (const QString &name : ordered(reply.arguments().constFirst().toStringList())) list.append(sourceFor(name));
+    for (const QString &name : names) list.append(sourceFor(name));
     return list;
 }
 
 bool MprisPlayerBackend::isRunning(const PlayerSource &source) const
 {
     if (!source.id.startsWith(busNamePrefix())) return false;
-    QDBusMessage call =
-        QDBusMessage::createMethodCall(kBusService, kBusPath, kBusService, QStringLiteral("NameHasOwner"));
-    call << source.id;
-    const QDBusMessage reply = blockingCall(bus, call);
+    // While watching, the owners are known from the bus's own signals: no call per notification.
+    if (watching) {
+        for (auto it = namesOfOwner.cbegin(); it != namesOfOwner.cend(); ++it)
+            if (it.value() == source.id) return true;
+        return false;
+    }
+    const QDBusMessage reply = busCall(bus, QStringLiteral("NameHasOwner"), {source.id});
     return reply.type() == QDBusMessage::ReplyMessage && !reply.arguments().isEmpty() &&
            reply.arguments().constFirst().toBool();
 }
 
 PlayerSource MprisPlayerBackend::sourceFor(const QString &busName) const
 {
-    auto known = identities.constFind(busName);
-    QString identity;
-    if (known != identities.constEnd()) {
-        identity = *known;
-    } else {
-        QDBusMessage call =
-            QDBusMessage::createMethodCall(busName, kObjectPath, kPropertiesInterface, QStringLiteral("Get"));
-        call << kRootInterface << QStringLiteral("Identity");
-        const QDBusMessage reply = blockingCall(bus, call);
-        if (reply.type() == QDBusMessage::ReplyMessage && !reply.arguments().isEmpty())
-            identity = plain(reply.arguments().constFirst()).toString();
-        if (!identity.isEmpty()) identities.insert(busName, identity);
-    }
-    if (identity.isEmpty()) identity = busName.mid(busNamePrefix().size());
+    const QString identity = identities.value(busName, busName.mid(busNamePrefix().size()));
     return {busName, identity, identity};
 }
 
-std::optional<PlayerSourceBackend::Snapshot> MprisPlayerBackend::query(const PlayerSource &source)
+void MprisPlayerBackend::query(const PlayerSource &source, Answer then)
 {
-    QDBusMessage call =
-        QDBusMessage::createMethodCall(source.id, kObjectPath, kPropertiesInterface, QStringLiteral("GetAll"));
-    call << kPlayerInterface;
-    const QDBusMessage reply = blockingCall(bus, call);
-    if (reply.type() != QDBusMessage::ReplyMessage || reply.arguments().isEmpty()) return std::nullopt;
-    return snapshotFrom(source, mapOf(reply.arguments().constFirst()));
+    const auto ask = [this, &source](const QString &interface, const QString &method, const QVariantList &args) {
+        QDBusMessage call = QDBusMessage::createMethodCall(source.id, kObjectPath, interface, method);
+        call.setArguments(args);
+        call.setAutoStartService(false);
+        return new QDBusPendingCallWatcher(bus.asyncCall(call, callTimeoutMs), this);
+    };
+    // The Identity is asked beside the state, once per player, so that the first log line
+    // already names it.
+    struct Pending {
+        QDBusMessage state, identity;
+        int left = 0;
+    };
+    auto pending = std::make_shared<Pending>();
+    const QString name = source.id;
+    const bool needsIdentity = !identities.contains(name);
+    const auto done = [this, pending, name, then] {
+        if (--pending->left > 0) return;
+        if (pending->identity.type() == QDBusMessage::ReplyMessage && !pending->identity.arguments().isEmpty()) {
+            const QString identity = plain(pending->identity.arguments().constFirst()).toString().left(maxFieldLength);
+            if (!identity.isEmpty()) identities.insert(name, identity);
+        }
+        const QDBusMessage &reply = pending->state;
+        if (reply.type() == QDBusMessage::ReplyMessage && !reply.arguments().isEmpty()) {
+            const auto snapshot = snapshotFrom(sourceFor(name), mapOf(reply.arguments().constFirst()));
+            then(snapshot ? Outcome::answered : Outcome::nothing, snapshot);
+        } else {
+            const bool silent = reply.errorName() == QLatin1String("org.freedesktop.DBus.Error.NoReply") ||
+                                reply.errorName() == QLatin1String("org.freedesktop.DBus.Error.Timeout");
+            then(silent ? Outcome::timedOut : Outcome::nothing, std::nullopt);
+        }
+    };
+    pending->left = needsIdentity ? 2 : 1;
+    auto *state = ask(kPropertiesInterface, QStringLiteral("GetAll"), {kPlayerInterface});
+    connect(state, &QDBusPendingCallWatcher::finished, this, [pending, done](QDBusPendingCallWatcher *w) {
+        w->deleteLater();
+        pending->state = w->reply();
+        done();
+    });
+    if (needsIdentity) {
+        auto *identity = ask(kPropertiesInterface, QStringLiteral("Get"), {kRootInterface, QStringLiteral("Identity")});
+        connect(identity, &QDBusPendingCallWatcher::finished, this, [pending, done](QDBusPendingCallWatcher *w) {
+            w->deleteLater();
+            pending->identity = w->reply();
+            done();
+        });
+    }
 }
 
 std::optional<PlayerSourceBackend::Snapshot> MprisPlayerBackend::snapshotFrom(const PlayerSource &source,
@@ -113,9 +168,13 @@ std::optional<PlayerSourceBackend::Snapshot> MprisPlayerBackend::snapshotFrom(co
     if (status == QLatin1String("Stopped")) return std::nullopt;
     const QVariantMap metadata = mapOf(properties.value(QStringLiteral("Metadata")));
     Snapshot s;
-    s.track.title = plain(metadata.value(QStringLiteral("xesam:title"))).toString();
-    s.track.artist = stringsOf(metadata.value(QStringLiteral("xesam:artist"))).join(QStringLiteral(", "));
-    s.track.album = plain(metadata.value(QStringLiteral("xesam:album"))).toString();
+    // A player may say anything: fields are cut to what a sleeve or a log line can show.
+    s.track.title = plain(metadata.value(QStringLiteral("xesam:title"))).toString().left(maxFieldLength);
+    s.track.artist = stringsOf(metadata.value(QStringLiteral("xesam:artist")))
+                         .mid(0, 16)
+                         .join(QStringLiteral(", "))
+                         .left(maxFieldLength);
+    s.track.album = plain(metadata.value(QStringLiteral("xesam:album"))).toString().left(maxFieldLength);
     // A player with nothing loaded still answers; that is nothing playing.
     if (s.track.title.isEmpty() && s.track.album.isEmpty()) return std::nullopt;
     s.track.duration = plain(metadata.value(QStringLiteral("mpris:length"))).toDouble() / 1e6;
@@ -125,7 +184,7 @@ std::optional<PlayerSourceBackend::Snapshot> MprisPlayerBackend::snapshotFrom(co
     s.isPlaying = status == QLatin1String("Playing");
     s.position = plain(properties.value(QStringLiteral("Position"))).toDouble() / 1e6;
     const QString art = plain(metadata.value(QStringLiteral("mpris:artUrl"))).toString();
-    const QUrl url(art, QUrl::StrictMode);
+    const QUrl url(art.size() <= maxUrlLength ? art : QString(), QUrl::StrictMode);
     const QString scheme = url.scheme().toLower();
     if (url.isValid() &&
         (scheme == QLatin1String("file") || scheme == QLatin1String("http") || scheme == QLatin1String("https")))
@@ -144,14 +203,10 @@ void MprisPlayerBackend::startWatching()
                 SLOT(propertiesChanged(QString, QVariantMap, QStringList)));
     bus.connect(QString(), kObjectPath, kPlayerInterface, QStringLiteral("Seeked"), this, SLOT(seeked(qlonglong)));
 
-    const QDBusMessage reply = blockingCall(
-        bus, QDBusMessage::createMethodCall(kBusService, kBusPath, kBusService, QStringLiteral("ListNames")));
+    const QDBusMessage reply = busCall(bus, QStringLiteral("ListNames"));
     if (reply.type() != QDBusMessage::ReplyMessage || reply.arguments().isEmpty()) return;
     for (const QString &name : ordered(reply.arguments().constFirst().toStringList())) {
-        QDBusMessage call =
-            QDBusMessage::createMethodCall(kBusService, kBusPath, kBusService, QStringLiteral("GetNameOwner"));
-        call << name;
-        const QDBusMessage owner = blockingCall(bus, call);
+        const QDBusMessage owner = busCall(bus, QStringLiteral("GetNameOwner"), {name});
         if (owner.type() == QDBusMessage::ReplyMessage && !owner.arguments().isEmpty())
             namesOfOwner.insert(owner.arguments().constFirst().toString(), name);
     }

@@ -15,20 +15,26 @@
 // Identity.
 //
 // Reading never starts a player: the running check asks the bus whether the name has an owner,
-// and every call to a player is sent without auto-start. Calls block the main thread for at
-// most callTimeoutMs, as a scripted query would.
+// and every call to a player is sent without auto-start. Calls to a player never block: its
+// answer, or its silence after callTimeoutMs, comes back through the event loop. Only the bus
+// itself is asked in a blocking call, and listing the sources waits at most identityTimeoutMs
+// for the names of players not seen before.
 class MprisPlayerBackend : public PlayerSourceBackend, protected QDBusContext {
     Q_OBJECT
 public:
-    static constexpr int callTimeoutMs = 2000;
+    static constexpr int defaultCallTimeoutMs = 2000;
+    static constexpr int maxFieldLength = 300;
+    static constexpr int identityTimeoutMs = 250;
+    static constexpr int maxUrlLength = 4096;
     static QString busNamePrefix() { return QStringLiteral("org.mpris.MediaPlayer2."); }
     static QString spotifyBusName() { return QStringLiteral("org.mpris.MediaPlayer2.spotify"); }
 
-    explicit MprisPlayerBackend(const QDBusConnection &bus = QDBusConnection::sessionBus(), QObject *parent = nullptr);
+    explicit MprisPlayerBackend(const QDBusConnection &bus = QDBusConnection::sessionBus(),
+                                int callTimeoutMs = defaultCallTimeoutMs, QObject *parent = nullptr);
 
     QList<PlayerSource> sources() const override;
     bool isRunning(const PlayerSource &source) const override;
-    std::optional<Snapshot> query(const PlayerSource &source) override;
+    void query(const PlayerSource &source, Answer then) override;
     void startWatching() override;
 
     // MPRIS metadata and status to a snapshot; nothing when stopped or without a track.
@@ -46,7 +52,8 @@ private:
     void notifyFromSender();
 
     QDBusConnection bus;
+    int callTimeoutMs;
     bool watching = false;
     QMultiHash<QString, QString> namesOfOwner;   // unique name → its MPRIS bus names
-    mutable QHash<QString, QString> identities;  // MPRIS bus name → Identity
+    mutable QHash<QString, QString> identities;  // MPRIS bus name → Identity, once a player said it
 };

@@ -8,6 +8,7 @@
 #include <functional>
 #include <gtest/gtest.h>
 #include <memory>
+#include <optional>
 
 using namespace testsupport;
 using namespace std::chrono_literals;
@@ -29,6 +30,7 @@ struct WeatherServiceTest : ::testing::Test {
     LoopbackHttp server;
     // Each request takes the next queued body; a null one drops the connection.
     std::deque<QByteArray> replies;
+    std::optional<LoopbackHttp::Reply> hostile;  // answers every request while set
     std::unique_ptr<Settings> settings;
     std::unique_ptr<WeatherService> service;
     double clockNow = 1000;
@@ -38,6 +40,7 @@ struct WeatherServiceTest : ::testing::Test {
     {
         settings = std::make_unique<Settings>(dir.filePath("turnelo.json"));
         server.answer = [this](const QString &) {
+            if (hostile) return *hostile;
             QByteArray body = R"({"error":true,"reason":"the test queued no reply"})";
             if (!replies.empty()) {
                 body = replies.front();
@@ -169,17 +172,25 @@ TEST_F(WeatherServiceTest, OneRequestInFlightNoneWithin900SecondsFailuresRetried
     ASSERT_NO_FATAL_FAILURE(fetch());
     ASSERT_EQ(service->now(), (Now{true, 1.0}));
 
-    const std::vector<std::pair<QByteArray, QString>> failures{
-        {R"({"current":{"rain":)", "Clima: falhou (JSON ilegível no byte 19)"},
-        {R"({"error":true,"reason":"Latitude must be in range"})", "Clima: falhou (resposta sem o bloco \"current\")"},
-        {QByteArray(), "Clima: falhou (conexão encerrada pelo servidor)"},
+    // Answers that never end, or end too late, cost a bounded amount of memory and time.
+    service->setTimeout(400);
+    const std::vector<std::pair<LoopbackHttp::Reply, QString>> failures{
+        {{R"({"current":{"rain":)"}, "Clima: falhou (JSON ilegível no byte 19)"},
+        {{R"({"error":true,"reason":"Latitude must be in range"})"},
+         "Clima: falhou (resposta sem o bloco \"current\")"},
+        {{QByteArray()}, "Clima: falhou (conexão encerrada pelo servidor)"},
+        {{"{", 200, 0, -1, 64 * 1024}, "Clima: falhou (resposta passou de 262144 bytes)"},
+        {{"{", 200, 0, -1, 1, 50}, "Clima: falhou (passou do prazo de 0.8 s)"},
     };
     for (const auto &[reply, line] : failures) {
         SCOPED_TRACE(line.toStdString());
         clockNow += 900;
-        const int requests = reply.isNull() ? 2 : 1;
-        for (int i = 0; i < requests; ++i) replies.push_back(reply);
+        const int requests = reply.body.isNull() ? 2 : 1;
+        hostile = reply;
+        server.sent = 0;
         ASSERT_NO_FATAL_FAILURE(fetch(requests));
+        hostile.reset();
+        EXPECT_LT(server.sent, 16 << 20);
         EXPECT_TRUE(log.last().endsWith(" " + line)) << log.last().toStdString();
         EXPECT_EQ(service->now(), (Now{true, 1.0}));
 
