@@ -2,6 +2,7 @@
 // players (turnelo-mpris-player) for the choice rules and artwork, and mpv with its MPRIS plugin
 // as a real player.
 
+#include "core/music/CoverLoader.h"
 #include "core/music/NowPlayingMonitor.h"
 #include "core/music/PlayerState.h"
 #include "platform/linux/MprisPlayerBackend.h"
@@ -17,6 +18,7 @@
 #include <QDataStream>
 #include <gtest/gtest.h>
 #include <map>
+#include <sys/stat.h>
 
 using namespace testsupport;
 using namespace std::chrono_literals;
@@ -42,6 +44,19 @@ struct TrackArg {
 };
 
 QString titleOf(const PlayerState &state) { return state.track() ? state.track()->title : QString(); }
+
+// The longest the main thread went without running its event loop, from a 20 ms timer.
+struct Heartbeat {
+    QTimer timer;
+    QElapsedTimer since;
+    qint64 longest = 0;
+    Heartbeat()
+    {
+        since.start();
+        QObject::connect(&timer, &QTimer::timeout, [this] { longest = std::max(longest, since.restart()); });
+        timer.start(20);
+    }
+};
 
 struct NowPlayingMprisTest : ::testing::Test {
     LogTail log;
@@ -105,10 +120,11 @@ struct NowPlayingMprisTest : ::testing::Test {
     }
 
     void startPlayer(const QString &name, const QString &identity, const QString &status, const QList<TrackArg> &tracks,
-                     double position = 0)
+                     double position = 0, const QStringList &hostility = {})
     {
         QStringList args{"--name",   name,   "--identity", identity,
                          "--status", status, "--position", QString::number(position)};
+        args << hostility;
         for (const TrackArg &t : tracks)
             args << "--track"
                  << QStringList{t.title, t.artist, t.album, QString::number(t.seconds), QString::number(t.number),
@@ -131,6 +147,12 @@ struct NowPlayingMprisTest : ::testing::Test {
     void control(const QString &name, const QString &method, const QVariantList &args = {})
     {
         ASSERT_TRUE(isReply(call(name, method, args)));
+    }
+    // Without waiting for the player, which may be stuck.
+    void poke(const QString &name, const QString &method)
+    {
+        bus.bus().asyncCall(QDBusMessage::createMethodCall("org.mpris.MediaPlayer2." + name, "/org/mpris/MediaPlayer2",
+                                                           "org.mpris.MediaPlayer2.Player", method));
     }
     // A player may leave before it answers.
     void quit(const QString &name) { call(name, "Quit", {}, "org.mpris.MediaPlayer2"); }
@@ -399,4 +421,91 @@ TEST_F(NowPlayingMprisTest, MpvWithMprisPluginIsSeen)
     EXPECT_TRUE(state.track().has_value());
     player.terminate();
     ASSERT_TRUE(waitUntil([&] { return !state.track().has_value(); }, 10s));
+}
+
+TEST_F(NowPlayingMprisTest, PlayersThatStallOrFloodNeverHoldTheRoom)
+{
+    QTemporaryDir dir;
+    const QString cover = dir.filePath("cover.png");
+    writeFile(cover, pngOf(Qt::yellow));
+    // Answers its state 1.5 s late, well past the time-out; and one that changes album 400 times a
+    // second for 3 s once it plays.
+    startPlayer("slow", "Slow", "Playing", {{"Slow song", "S", "Slow album"}}, 0, {"--slow", "1500"});
+    startPlayer("spotify", "Spotify", "Paused",
+                {{"Calm", "C", "Calm album", 200, 1, QUrl::fromLocalFile(cover).toString()}}, 0, {"--flood", "400,3"});
+    MprisPlayerBackend quick(bus.bus(), 400);
+    double clock = 1000;
+    NowPlayingMonitor monitor(state, quick);
+    monitor.setClock([&] { return clock; });
+    Heartbeat beat;
+    begin(monitor);
+    EXPECT_EQ(titleOf(state), "Calm") << "the one that answered";
+    EXPECT_EQ(log.messages().filter("[Slow] não respondeu").size(), 1);
+
+    // Left alone while quiet: its notifications cost nothing.
+    for (int i = 0; i < 5; ++i) poke("slow", "Next");
+    int trackChanges = 0;
+    QObject::connect(&state, &PlayerState::trackChanged, [&] { ++trackChanges; });
+    poke("spotify", "Play");
+    // The flood is merged into a few answers a second, and the last album shows once it ends.
+    ASSERT_TRUE(waitUntil([&] { return titleOf(state) == "Flood 1200"; }, 10s)) << qPrintable(titleOf(state));
+    EXPECT_LT(trackChanges, 3 * 1000 / NowPlayingMonitor::minQueryIntervalMs + 10);
+    EXPECT_GT(trackChanges, 5);
+    EXPECT_LE(log.messages().filter("Capa Spotify").size(), trackChanges + 1);
+    EXPECT_TRUE(waitUntil([&] { return !state.artwork().isNull(); }, 5s));
+    EXPECT_EQ(log.messages().filter("[Slow] não respondeu").size(), 1);
+    EXPECT_LT(beat.longest, 500) << "the main thread stood still";
+
+    // After the quiet spell it is asked again, and times out again.
+    clock += NowPlayingMonitor::quietAfterTimeout + 1;
+    poke("slow", "Next");
+    EXPECT_TRUE(waitUntil([&] { return log.messages().filter("[Slow] não respondeu").size() == 2; }, 5s));
+    EXPECT_EQ(titleOf(state), "Flood 1200");
+    EXPECT_LT(beat.longest, 500);
+}
+
+TEST_F(NowPlayingMprisTest, CoversThatWouldBlockOrSinkEndAsFailedCovers)
+{
+    QTemporaryDir dir;
+    const QString fifo = dir.filePath("cover.fifo"), huge = dir.filePath("huge.jpg"), good = dir.filePath("good.png");
+    ASSERT_EQ(::mkfifo(QFile::encodeName(fifo).constData(), 0600), 0);
+    {
+        QFile file(huge);
+        ASSERT_TRUE(file.open(QIODevice::WriteOnly) && file.resize(qint64(2) << 30)) << "a sparse 2 GB file";
+    }
+    writeFile(good, pngOf(Qt::yellow));
+    LoopbackHttp http;
+    http.answer = [](const QString &) { return LoopbackHttp::Reply{"\x89PNG", 200, 0, -1, 64 * 1024}; };
+    const auto file = [](const QString &path) { return QUrl::fromLocalFile(path).toString(); };
+    const QString longTitle(100'000, QChar('w'));
+    startPlayer("spotify", "Spotify", "Playing",
+                {{"Fifo", "B", "A1", 200, 1, file(fifo)},
+                 {"Random", "B", "A2", 200, 1, "file:///dev/urandom"},
+                 {"Huge", "B", "A3", 200, 1, file(huge)},
+                 {"Endless", "B", "A4", 200, 1, http.url("/endless.png")},
+                 {longTitle, "B", "A5", 200, 1, file(good)}});
+    NowPlayingMonitor monitor(state, backend);
+    TransferLimits limits = CoverLoader::httpLimits;
+    limits.maxBytes = 1 << 20;
+    monitor.covers().setHttpLimits(limits);
+    Heartbeat beat;
+    begin(monitor);
+    const auto failed = [&](const QString &what) {
+        return waitUntil([&] { return logged().contains("Capa Spotify: falhou " + what); }, 10s);
+    };
+    EXPECT_TRUE(failed(fifo));
+    next("Random");
+    EXPECT_TRUE(failed("/dev/urandom"));
+    next("Huge");
+    EXPECT_TRUE(failed(huge));
+    next("Endless");
+    EXPECT_TRUE(failed(http.url("/endless.png")));
+    EXPECT_LT(http.sent, 16 << 20);
+    EXPECT_TRUE(state.artwork().isNull());
+
+    // A title far longer than any sleeve is cut; the cover after all that still arrives.
+    control("spotify", "Next");
+    ASSERT_TRUE(waitUntil([&] { return !state.artwork().isNull(); }, 5s));
+    EXPECT_EQ(titleOf(state), longTitle.left(MprisPlayerBackend::maxFieldLength));
+    EXPECT_LT(beat.longest, 500) << "the main thread stood still";
 }
