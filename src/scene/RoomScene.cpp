@@ -141,6 +141,7 @@ void RoomScene::finishLoad(std::unique_ptr<LoadedScene> scene, const QString &ro
         loaded->sprites->ensure(spriteKeys, arm.yaw, armGoal);
     }
     lastAlbum = s.state->track() ? s.state->track()->album : QString();
+    stackShown.reset();
     historyChanged();
     effectsChanged();
     steamChanged();
@@ -406,6 +407,17 @@ void RoomScene::historyChanged()
 {
     if (!loaded || !s.history) return;
     const QString album = s.state->track() ? s.state->track()->album : QString();
+    // The same cover as shown is not decoded and uploaded again: a player changing album many
+    // times a second would otherwise keep the GPU queue busy with one picture.
+    QString key = QStringLiteral("-");
+    for (const HistoryStore::Entry &e : s.history->entries()) {
+        if (e.album == album) continue;
+        const QFileInfo file(QDir(s.history->dir()).filePath(e.file));
+        key = file.filePath() + QLatin1Char('@') + QString::number(file.lastModified().toMSecsSinceEpoch());
+        break;
+    }
+    if (stackShown == key) return;
+    stackShown = key;
     const QImage previous = s.history->previous(album);
     const QImage prepared = CoverArt::prepareCover(previous.isNull() ? CoverArt::placeholderCover() : previous);
     loaded->effects->setStackArt(TextureUpload::art(*gpu->vulkan(), prepared),

@@ -145,6 +145,7 @@ private:
     bool motionBlur = true;
     bool simulateNoMusic = false;
     QString lastAlbum;
+    std::optional<QString> stackShown;  // which history cover the stack shows; none before the first
     QTimer clockTimer;
     std::vector<QMetaObject::Connection> observations;
     std::set<QString> spriteKeys;

@@ -10,9 +10,12 @@
 #include <QFile>
 #include <QImage>
 #include <QRegularExpression>
+#include <QUrl>
+#include <QDBusMessage>
 #include <QElapsedTimer>
 #include <QThread>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <iostream>
 #include <optional>
 #include "XClient.h"  // last: Xlib's macros clash with gtest's templates
@@ -177,6 +180,35 @@ TEST_F(DesktopRoom, ShowsTheRoomAndPausesWhenNobodyCanSeeIt)
     static const QRegularExpression moving(QStringLiteral("Perf \\d+s: [1-9][0-9.]* fps"));
     EXPECT_TRUE(waitUntil([&] { return moving.match(log(), at).hasMatch(); }, std::chrono::seconds(90)))
         << "the room does not animate";
+
+    // Players that answer late, flood the bus with album changes and name a FIFO as their cover:
+    // the room keeps its frames through all of it and shows the last album once the flood ends.
+    const QString fifo = dir.filePath("cover.fifo");
+    ASSERT_EQ(::mkfifo(QFile::encodeName(fifo).constData(), 0600), 0);
+    std::vector<std::unique_ptr<QProcess>> players;
+    for (const QStringList &args :
+         {QStringList{"--name", "slow", "--identity", "Slow", "--slow", "3000", "--track", "Slow|S|Slow album|200|1|"},
+          QStringList{"--name", "spotify", "--identity", "Spotify", "--status", "Paused", "--flood", "400,4", "--track",
+                      "Fifo|B|Fifo album|200|1|" + QUrl::fromLocalFile(fifo).toString()}}) {
+        players.push_back(std::make_unique<QProcess>());
+        players.back()->setProcessEnvironment(environment());
+        players.back()->start(builtTool("turnelo-mpris-player"), args);
+        ASSERT_TRUE(players.back()->waitForReadyRead(10000));
+    }
+    at = waitForLine("Capa Spotify: falhou " + fifo, at);
+    const QDBusMessage play = bus.bus().call(QDBusMessage::createMethodCall(
+        "org.mpris.MediaPlayer2.spotify", "/org/mpris/MediaPlayer2", "org.mpris.MediaPlayer2.Player", "Play"));
+    ASSERT_EQ(play.type(), QDBusMessage::ReplyMessage);
+    const qsizetype flood = at;
+    at = waitForLine("Flood 1600 (Flood 1600)", at, 30);
+    static const QRegularExpression perf(QStringLiteral("Perf \\d+s: ([0-9.]+) fps"));
+    int perfLines = 0;
+    for (auto it = perf.globalMatch(log().mid(flood, at - flood)); it.hasNext(); ++perfLines)
+        EXPECT_GT(it.next().captured(1).toDouble(), 0.0) << "a second without frames in the flood";
+    EXPECT_GE(perfLines, 1);
+    EXPECT_NE(log().indexOf("] não respondeu", flood), -1) << "the slow player was waited for";
+    for (auto &p : players) p->kill(), p->waitForFinished();
+
     at = log().size();
     const QRect layer = movingLayer();
     ASSERT_FALSE(layer.isEmpty()) << "no moving layer among the windows";

@@ -5,6 +5,7 @@
 #include "core/music/CoverLoader.h"
 #include "core/music/NowPlayingMonitor.h"
 #include "core/music/PlayerState.h"
+#include "core/scheduling/ProcessUsage.h"
 #include "platform/linux/MprisPlayerBackend.h"
 #include "LoopbackHttp.h"
 #include "PrivateBus.h"
@@ -489,6 +490,7 @@ TEST_F(NowPlayingMprisTest, CoversThatWouldBlockOrSinkEndAsFailedCovers)
     limits.maxBytes = 1 << 20;
     monitor.covers().setHttpLimits(limits);
     Heartbeat beat;
+    const int footprint = ProcessUsage::footprintMegabytes();
     begin(monitor);
     const auto failed = [&](const QString &what) {
         return waitUntil([&] { return logged().contains("Capa Spotify: falhou " + what); }, 10s);
@@ -508,4 +510,5 @@ TEST_F(NowPlayingMprisTest, CoversThatWouldBlockOrSinkEndAsFailedCovers)
     ASSERT_TRUE(waitUntil([&] { return !state.artwork().isNull(); }, 5s));
     EXPECT_EQ(titleOf(state), longTitle.left(MprisPlayerBackend::maxFieldLength));
     EXPECT_LT(beat.longest, 500) << "the main thread stood still";
+    EXPECT_LT(ProcessUsage::footprintMegabytes() - footprint, 100);
 }
