@@ -12,10 +12,10 @@ class QNetworkRequest;
 // is far larger than asked for, or one that trickles in a byte at a time must each end in an error
 // the caller can log, never in memory or a wait without bound.
 struct TransferLimits {
-    qint64 maxBytes = 0;          // body bytes, announced or received; 0: no cap
-    int idleMs = 60 * 1000;       // without a single byte
-    int deadlineMs = 0;           // the whole transfer; 0: none
-    qint64 minBytes = 0;          // at least this much arrives in every rateWindowMs...
+    qint64 maxBytes = 0;           // body bytes, announced or received; 0: no cap
+    int idleMs = 60 * 1000;        // without a single byte
+    int deadlineMs = 0;            // the whole transfer; 0: none
+    qint64 minBytes = 0;           // at least this much arrives in every rateWindowMs...
     int rateWindowMs = 60 * 1000;  // ...once the answer has begun; minBytes 0: no floor
 };
 
