@@ -84,10 +84,10 @@ int main(int argc, char **argv)
     QFile::remove(target);
     QFile::remove(server.scenesDir() + "/big.bin");
 
-    // A 200 MB package: twenty 10 MB plates plus the manifest, stored as a real one would be.
+    // A 200 MB package: twenty 10 MB plates plus the manifest and masks, stored as a real one would be.
     const QString scene = tmp.path() + "/scene";
-    put(scene + "/manifest.json", manifestJson("bench"));
-    for (int i = 0; i < 20; ++i)
+    makeSceneFolder(scene, "bench", 10'000'000, 100);
+    for (int i = 1; i < 20; ++i)
         put(scene + QStringLiteral("/wide/light/plate%1.exr").arg(i), randomBytes(10'000'000, quint32(100 + i)));
     const QString root = tmp.path() + "/support";
     const QString package = server.scenesDir() + "/bench.zip";

@@ -7,6 +7,7 @@
 #include "core/lighting/LightMixer.h"
 #include "core/scene/ImageDecoder.h"
 #include "core/scene/PlateManifest.h"
+#include "core/scene/SceneCheck.h"
 #include "core/scene/SceneFiles.h"
 
 #include <QCommandLineParser>
@@ -36,32 +37,33 @@ void print(const QJsonObject &object)
 
 QJsonArray strings(const QStringList &list) { return QJsonArray::fromStringList(list); }
 
-PlateManifest loadManifest(const QString &dir)
+// Runs one of the scene checks on `dir`, its failures in this tool's words.
+template <typename Check> auto checked(const QString &dir, Check check)
 {
-    const QString root = QDir(dir).absolutePath();
-    QFile file(root + QStringLiteral("/manifest.json"));
-    if (!file.open(QIODevice::ReadOnly)) throw ToolError(QStringLiteral("não achei ") + file.fileName());
     try {
-        return PlateManifest::decode(file.readAll());
+        return check(dir);
+    } catch (const SceneCheck::NoManifest &error) {
+        throw ToolError(QString::fromUtf8(error.what()));
     } catch (const PlateManifest::DecodeError &error) {
-        throw ToolError(QStringLiteral("Cena: manifest inválido em ") + root + QStringLiteral(": ") +
-                        QString::fromUtf8(error.what()));
+        throw ToolError(QStringLiteral("Cena: manifest inválido em ") + QDir(dir).absolutePath() +
+                        QStringLiteral(": ") + QString::fromUtf8(error.what()));
     }
 }
 
+PlateManifest loadManifest(const QString &dir) { return checked(dir, SceneCheck::readManifest); }
+
 QJsonObject validate(const QString &dir)
 {
-    const PlateManifest manifest = loadManifest(dir);
+    const SceneCheck::Report report = checked(dir, SceneCheck::check);
     QJsonObject framings;
     QJsonArray missing;
-    for (const auto &[name, framing] : manifest.framings) {
+    for (const auto &[name, framing] : report.manifest.framings) {
         framings.insert(name, QJsonObject{{"size", QJsonArray{framing.size[0], framing.size[1]}},
                                           {"sections", strings(SceneFiles::sections(framing))}});
-        for (const QString &file : SceneFiles::referenced(manifest, name))
-            if (!QFile::exists(QDir(dir).filePath(file))) missing.append(file);
+        for (const QString &file : report.missing.at(name)) missing.append(file);
     }
-    return {{"contract", manifest.contract},
-            {"presetOrder", strings(manifest.presetOrder())},
+    return {{"contract", report.manifest.contract},
+            {"presetOrder", strings(report.manifest.presetOrder())},
             {"framings", framings},
             {"missing", missing}};
 }

@@ -33,7 +33,7 @@ inline QByteArray manifestJson(const QString &scenario, const QStringList &frami
                        R"("cover":{"corners":[[0,0],[8,0],[8,8],[0,8]],"mask":"cover_mask.png"},)"
                        R"("label":{"corners":[[0,0],[4,0],[4,4],[0,4]],"mask":"label_mask.png"}})";
     }
-    return R"({"contract":1,"sun_keys":["sun"],"groups":["sun","fill"],"scenario":")" + scenario.toUtf8() +
+    return R"({"contract":1,"sun_keys":["noon"],"groups":["sun","fill"],"scenario":")" + scenario.toUtf8() +
            R"(","presets":{"dia":{"sun":1.0,"exposure":0.0}},"clock":[["12:00","dia"]],"framings":{)" + framingJson +
            "}}";
 }
@@ -54,13 +54,15 @@ inline void put(const QString &path, const QByteArray &bytes)
     f.write(bytes);
 }
 
-// A base scene folder: manifest plus "wide/light/sun.exr" holding `plateBytes` random bytes
-// (incompressible, so the package is about that size).
+// A base scene folder with every file its framing names: manifest, masks, and
+// "wide/light/sun_noon.exr" holding `plateBytes` random bytes (incompressible, so the package is about
+// that size).
 inline void makeSceneFolder(const QString &dir, const QString &scenario, qint64 plateBytes, quint32 seed = 1)
 {
     put(dir + QStringLiteral("/manifest.json"), manifestJson(scenario));
-    put(dir + QStringLiteral("/wide/light/sun.exr"), randomBytes(plateBytes, seed));
+    put(dir + QStringLiteral("/wide/light/sun_noon.exr"), randomBytes(plateBytes, seed));
     put(dir + QStringLiteral("/wide/cover_mask.png"), QByteArray(64, '\x7f'));
+    put(dir + QStringLiteral("/wide/label_mask.png"), QByteArray(64, '\x7f'));
 }
 
 // The "scenario" of the manifest in `sceneRoot`, or none when it is missing or does not decode.

@@ -1,7 +1,9 @@
+#include "LoopbackHttp.h"
 #include "NginxServer.h"
 #include "ScenePackages.h"
 #include "TestSupport.h"
 
+#include <QProcess>
 #include <QTemporaryDir>
 #include <gtest/gtest.h>
 
@@ -9,6 +11,7 @@ using namespace scenepackages;
 using testsupport::builtTool;
 using testsupport::runTool;
 using testsupport::ToolResult;
+using namespace std::chrono_literals;
 
 namespace {
 
@@ -61,6 +64,28 @@ TEST(TurneloSync, ExitsZeroOnlyWhenTheOfferedSceneIsInstalled)
 
     EXPECT_EQ(scenarioAt(root + "/Scenes"), QStringLiteral("first"));
     EXPECT_FALSE(QFileInfo::exists(tmp.path() + "/escape.txt"));
+}
+
+// The tool runs the installer with its limits: a catalog without end fails the run at the cap.
+TEST(TurneloSync, GivesUpOnACatalogWithoutEnd)
+{
+    QTemporaryDir tmp;
+    LoopbackHttp server;
+    server.answer = [](const QString &) { return LoopbackHttp::Reply{"{", 200, 0, -1, 64 << 10, 0, -1}; };
+    QProcess sync;  // run beside the event loop, which the server needs
+    QStringList env = QProcess::systemEnvironment();
+    env << "XDG_STATE_HOME=" + tmp.path() + "/state"
+        << "XDG_DATA_HOME=" + tmp.path() + "/data";
+    sync.setEnvironment(env);
+    sync.start(builtTool("turnelo-sync"), {"--root", tmp.path() + "/support", "--url", server.url("/"), "--settings",
+                                           tmp.path() + "/settings.json"});
+    const bool ended = testsupport::waitUntil([&] { return sync.state() == QProcess::NotRunning; }, 20s);
+    if (!ended) sync.kill();
+    ASSERT_TRUE(ended);
+    EXPECT_EQ(sync.exitCode(), 1);
+    const QByteArray err = sync.readAllStandardError();
+    EXPECT_TRUE(err.startsWith("failed: ") && err.contains("8388608")) << err.constData();
+    EXPECT_LT(server.sent, 16 << 20);
 }
 
 }  // namespace

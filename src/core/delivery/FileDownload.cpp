@@ -35,10 +35,6 @@ FileDownload::FileDownload(QString file, qint64 expectedTotal, QObject *parent)
     , path(std::move(file))
     , total(expectedTotal)
 {
-    resourceTimer.setSingleShot(true);
-    connect(&resourceTimer, &QTimer::timeout, this, [this] {
-        if (reply) reply->abort();
-    });
 }
 
 FileDownload::~FileDownload()
@@ -57,17 +53,16 @@ void FileDownload::start(QNetworkRequest request, QNetworkAccessManager *manager
         ownManager->setCookieJar(nullptr);
         manager = ownManager.get();
     }
-    request.setTransferTimeout(kRequestTimeoutMs);
-    // Identity encoding: byte ranges must address the stored file, never a compressed stream.
-    request.setRawHeader("Accept-Encoding", "identity");
+    // Identity encoding also keeps byte ranges addressing the stored file, not a compressed stream.
+    TransferGuard::prepare(request);
     request.setAttribute(QNetworkRequest::CacheLoadControlAttribute, QNetworkRequest::AlwaysNetwork);
     request.setAttribute(QNetworkRequest::CacheSaveControlAttribute, false);
     request.setAttribute(QNetworkRequest::CookieLoadControlAttribute, QNetworkRequest::Manual);
     request.setAttribute(QNetworkRequest::CookieSaveControlAttribute, QNetworkRequest::Manual);
     lastReport.start();
-    resourceTimer.start(kResourceTimeoutMs);
     reply = manager->get(request);
     reply->setReadBufferSize(kReadBufferBytes);
+    TransferGuard::watch(reply, limits);
     connect(reply, &QNetworkReply::metaDataChanged, this, &FileDownload::responseReceived);
     connect(reply, &QNetworkReply::readyRead, this, &FileDownload::dataReceived);
     connect(reply, &QNetworkReply::finished, this, &FileDownload::completed);
@@ -119,6 +114,12 @@ void FileDownload::responseReceived()
         }
         received = 0;
     }
+    const QVariant length = reply->header(QNetworkRequest::ContentLengthHeader);
+    if (handle.isOpen() && total > 0 && length.isValid() && received + length.toLongLong() > total) {
+        tooLong = true;
+        reply->abort();
+        return;
+    }
     if (handle.isOpen() && onResponse) {
         Result now = result;
         now.received = received;
@@ -128,21 +129,32 @@ void FileDownload::responseReceived()
 
 void FileDownload::dataReceived()
 {
-    if (!reply || rangeMismatch || writeFailed) return;
+    if (!reply || rangeMismatch || writeFailed || tooLong || errorBodyFull) return;
     if (!responded) responseReceived();
-    if (rangeMismatch || writeFailed) return;
+    if (rangeMismatch || writeFailed || tooLong) return;
     while (reply->bytesAvailable() > 0) {
         const QByteArray chunk = reply->read(kChunkBytes);
         if (chunk.isEmpty()) break;
         if (handle.isOpen()) {
+            if (total > 0 && received + chunk.size() > total) {
+                tooLong = true;
+                reply->abort();
+                return;
+            }
             if (handle.write(chunk) != chunk.size()) {
                 writeFailed = true;
                 reply->abort();
                 return;
             }
             received += chunk.size();
-        } else if (result.errorBody.size() < kErrorBodyLimit) {
+        } else {
             result.errorBody += chunk.left(kErrorBodyLimit - result.errorBody.size());
+            // The rest of an error page is of no use to anyone: it is not read.
+            if (result.errorBody.size() == kErrorBodyLimit) {
+                errorBodyFull = true;
+                if (reply->isRunning()) reply->abort();
+                return;
+            }
         }
     }
     if (lastReport.elapsed() > kProgressIntervalMs) {
@@ -158,8 +170,7 @@ void FileDownload::completed()
     dataReceived();
     const QNetworkReply::NetworkError error = reply->error();
     const QString errorText = reply->errorString();
-    const bool timedOut = !resourceTimer.isActive() && error == QNetworkReply::OperationCanceledError;
-    resourceTimer.stop();
+    const QString limitCrossed = TransferGuard::failureOf(reply);
     if (handle.isOpen()) {
         handle.flush();
         handle.close();
@@ -169,14 +180,20 @@ void FileDownload::completed()
     result.received = received;
 
     Outcome outcome;
-    if (rangeMismatch) {
+    if (rangeMismatch || errorBodyFull) {
         outcome.result = result;
     } else if (writeFailed) {
         outcome.failure = Failure{QNetworkReply::UnknownContentError,
                                   QStringLiteral("erro ao gravar %1: %2").arg(path, handle.errorString()), received};
+    } else if (tooLong) {
+        outcome.failure =
+            Failure{QNetworkReply::ProtocolFailure,
+                    QStringLiteral("o servidor mandou mais que os %1 bytes esperados").arg(total), received, true};
+    } else if (!limitCrossed.isEmpty()) {
+        outcome.failure = Failure{QNetworkReply::TimeoutError, limitCrossed, received};
     } else if (error != QNetworkReply::NoError && (error < 200 || !responded)) {
         // Connection-level errors (below 200 in Qt's numbering); HTTP statuses are results.
-        outcome.failure = Failure{timedOut ? QNetworkReply::TimeoutError : error, errorText, received};
+        outcome.failure = Failure{error, errorText, received};
     } else {
         outcome.result = result;
     }

@@ -121,6 +121,7 @@ void PackageDownload::attempt()
     }
 
     auto *download = new FileDownload(partialPath(), entry.size, this);
+    download->limits = limits;
     transfer = download;
     download->onProgress = [this](qint64 received) {
         if (onProgress) onProgress(received, entry.size);
@@ -138,6 +139,7 @@ void PackageDownload::transferred(const FileDownload::Outcome &outcome)
 {
     Outcome out;
     if (outcome.failure) {
+        if (outcome.failure->tooLong) discard(downloads, entry);
         out.message = QStringLiteral("falha de rede ao baixar %1: %2").arg(entry.file, outcome.failure->message);
         finish(out);
         return;

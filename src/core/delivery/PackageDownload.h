@@ -13,7 +13,8 @@ class QNetworkAccessManager;
 // Fetches one catalog package into "<downloads>/<file>.part", continuing an earlier partial file
 // of the same package: the record "<file>.part.json" ({"sha256", "etag"}) ties the partial file
 // to a digest, and "If-Range" to the server's entity tag, so a changed file is sent whole
-// instead of spliced. A refused range (412/416) starts over from zero once per attempt.
+// instead of spliced. A refused range (412/416) starts over from zero once per attempt. A server
+// that sends more than the catalog's size loses what it sent: the partial file goes.
 //
 // Main thread. One object per attempt; `onFinished` is called exactly once.
 class PackageDownload : public QObject {
@@ -40,6 +41,8 @@ public:
     // Free bytes on the volume holding a path; QStorageInfo unless replaced.
     std::function<qint64(const QString &path)> freeSpace;
     QNetworkAccessManager *manager = nullptr;  // optional, shared
+    // For each request; the catalog's size bounds the body besides.
+    TransferLimits limits = FileDownload::kDefaultLimits;
 
     std::function<void(qint64 received, qint64 total)> onProgress;
     // The server's file changed; the download starts over (kChangedOnServerText).

@@ -3,6 +3,7 @@
 #include "core/app/Log.h"
 #include "core/app/StateFile.h"
 #include "core/delivery/SceneUnpacker.h"
+#include "core/scene/SceneCheck.h"
 
 #include <QCryptographicHash>
 #include <QDir>
@@ -46,6 +47,25 @@ QString findFramingFolder(const QString &incoming, const QString &name)
         if (QFileInfo(nested).isDir()) return nested;
     }
     throw Error(QStringLiteral("pacote sem a pasta ") + name);
+}
+
+// The room a package brings must be one the application can show, or it would replace a good one
+// with nothing: a manifest that decodes and at least one framing with every file it names.
+void checkScene(const QString &dir)
+{
+    try {
+        const SceneCheck::Report report = SceneCheck::check(dir);
+        if (!report.wholeFramings().isEmpty()) return;
+        QStringList absent;
+        for (const auto &[name, files] : report.missing) absent += files;
+        throw Error(QStringLiteral("pacote sem enquadramento completo; faltam: ") +
+                    absent.mid(0, 5).join(QStringLiteral(", ")) +
+                    (absent.size() > 5 ? QStringLiteral("…") : QString()));
+    } catch (const SceneCheck::NoManifest &) {
+        throw Error(QStringLiteral("pacote sem manifest.json"));
+    } catch (const PlateManifest::DecodeError &e) {
+        throw Error(QStringLiteral("pacote com manifest.json inválido: ") + QString::fromUtf8(e.what()));
+    }
 }
 
 bool holdsScene(const QString &dir) { return QFileInfo(dir + QLatin1Char('/') + kManifest).isFile(); }
@@ -93,8 +113,7 @@ void installBase(const QString &root, const QString &package, const SceneCatalog
     if (!QDir().mkpath(incoming)) throw Error(QStringLiteral("não foi possível criar %1").arg(incoming));
     try {
         SceneUnpacker::unpack(package, incoming, SceneUnpacker::limitFor(entry));
-        if (!QFileInfo(incoming + QLatin1Char('/') + kManifest).isFile())
-            throw Error(QStringLiteral("pacote sem manifest.json"));
+        checkScene(incoming);
         writeJson(incoming + QLatin1Char('/') + kInstalledRecord, entry.toJson());
     } catch (...) {
         removeTree(incoming);

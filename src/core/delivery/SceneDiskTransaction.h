@@ -33,8 +33,8 @@ void renameOrThrow(const QString &from, const QString &to);
 void writeJson(const QString &path, const QJsonObject &object);
 // The package's SHA-256 against the catalog's.
 void verifyDigest(const QString &path, const SceneCatalog::Entry &entry);
-// Unpacks a verified base package into "Scenes.incoming", records it, and swaps it in for
-// "Scenes".
+// Unpacks a verified base package into "Scenes.incoming", checks that it holds a room that can be
+// shown (as `turnelo-scene validate` sees it), records it, and swaps it in for "Scenes".
 void installBase(const QString &root, const QString &package, const SceneCatalog::Entry &entry);
 // Moves the framing unpacked into "Framing.incoming" into "Scenes/<name>" and records its
 // packages against the base they were made for.

@@ -7,6 +7,7 @@
 #include "core/delivery/SceneUnpacker.h"
 #include "core/app/Settings.h"
 #include "core/app/StateFile.h"
+#include "core/network/TransferGuard.h"
 
 #include <QCryptographicHash>
 #include <QDir>
@@ -147,15 +148,26 @@ void SceneInstaller::fetchCatalog(std::function<void(std::optional<SceneCatalog>
     const QString cache = downloadsPath() + QStringLiteral("/catalog.json");
     QNetworkRequest request(QUrl(baseURL() + QStringLiteral("v1/scenes/manifest")));
     request.setHeader(QNetworkRequest::UserAgentHeader, QStringLiteral("Turnelo/") + AppIdentity::version());
-    request.setTransferTimeout(60 * 1000);
+    TransferGuard::prepare(request);
     const auto tag = settings.sceneCatalogETag();
     // A 304 is answered from the cache, so the tag goes only with a cache that reads.
     std::optional<SceneCatalog> cached = tag ? cachedCatalog(cache) : std::nullopt;
     if (cached) request.setRawHeader("If-None-Match", tag->toLatin1());
     QNetworkReply *reply = network->get(request);
+    TransferGuard::collect(reply, options.limits.catalog);
+    // An error page says nothing that its status and headers do not: not a byte of it is read.
+    connect(reply, &QNetworkReply::metaDataChanged, this, [reply] {
+        if (reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt() >= 400) reply->abort();
+    });
     connect(reply, &QNetworkReply::finished, this, [this, reply, cache, cached, then] {
         reply->deleteLater();
         const QVariant code = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute);
+        // An error status says it all, whatever stopped its page.
+        const QString crossed = TransferGuard::failureOf(reply);
+        if (!crossed.isEmpty() && code.toInt() < 400) {
+            then(std::nullopt, QStringLiteral("catálogo recusado: ") + crossed);
+            return;
+        }
         if (!code.isValid()) {
             then(std::nullopt, QStringLiteral("falha de rede ao buscar o catálogo: ") + reply->errorString());
             return;
@@ -166,7 +178,7 @@ void SceneInstaller::fetchCatalog(std::function<void(std::optional<SceneCatalog>
                 if (!cached) throw SceneDisk::Error(QStringLiteral("catálogo em cache ilegível: ") + cache);
                 then(*cached, {});
             } else if (status == 200) {
-                const QByteArray body = reply->readAll();
+                const QByteArray body = TransferGuard::bodyOf(reply);
                 SceneCatalog catalog = SceneCatalog::parse(body);
                 QDir().mkpath(downloadsPath());
                 // The old tag goes before the cache changes: a crash in between must not leave a
@@ -259,8 +271,19 @@ void SceneInstaller::catalogArrived(const SceneCatalog &catalog)
 void SceneInstaller::download(const SceneCatalog::Entry &entry, std::function<void(qint64, qint64)> progress,
                               std::function<void(const PackageDownload::Outcome &)> then)
 {
+    // A claimed unpacked size that the package could not honestly hold is refused before a byte
+    // of it is fetched.
+    try {
+        SceneUnpacker::limitFor(entry);
+    } catch (const SceneUnpacker::Failure &e) {
+        PackageDownload::Outcome refused;
+        refused.message = QString::fromUtf8(e.what());
+        then(refused);
+        return;
+    }
     auto *job = new PackageDownload(entry, downloadsPath(), baseURL(), this);
     job->manager = network.get();
+    job->limits = options.limits.package;
     job->extraSpaceNeeded = entry.unpackedSize.value_or(entry.size);
     if (options.freeSpace) job->freeSpace = options.freeSpace;
     job->onProgress = std::move(progress);
@@ -279,11 +302,11 @@ void SceneInstaller::installBase(const SceneCatalog::Entry &entry, const QString
     inBackground(
         this, [root, package, entry] { SceneDisk::installBase(root, package, entry); },
         [this, entry, downloads](const QString &error) {
+            PackageDownload::discard(downloads, entry);
             if (!error.isEmpty()) {
                 runFailed(error);
                 return;
             }
-            PackageDownload::discard(downloads, entry);
             failures = 0;
             busy = false;
             setNotice({});
@@ -420,11 +443,11 @@ void SceneInstaller::installFramingStep(const QString &name, QList<SceneCatalog:
                 [file, entry, incoming, downloads] {
                     try {
                         verifyDigest(file, entry);
+                        SceneUnpacker::unpack(file, incoming, SceneUnpacker::limitFor(entry));
                     } catch (...) {
                         PackageDownload::discard(downloads, entry);
                         throw;
                     }
-                    SceneUnpacker::unpack(file, incoming, SceneUnpacker::limitFor(entry));
                     PackageDownload::discard(downloads, entry);
                 },
                 [this, name, remaining, done, total, entry](const QString &error) {

@@ -16,10 +16,23 @@
 class QNetworkAccessManager;
 class Settings;
 
+// How much the content service may send and for how long, in the installer and in turnelo-sync
+// alike; tests shorten the times. A transfer that crosses one fails its attempt like any other.
+struct DeliveryLimits {
+    // A JSON catalog of a few hundred packages is tens of kilobytes.
+    TransferLimits catalog{.maxBytes = 8 << 20,
+                           .idleMs = 60 * 1000,
+                           .deadlineMs = 2 * 60 * 1000,
+                           .minBytes = 4096,
+                           .rateWindowMs = 60 * 1000};
+    TransferLimits package = FileDownload::kDefaultLimits;  // the catalog's size bounds the body
+};
+
 // Keeps the installed room current: fetches the catalog (with its entity tag), picks the base
 // scene for this version, downloads it with resume, verifies its SHA-256, unpacks it into
-// "Scenes.incoming" and swaps it in by two renames; installs extra framings on request.
-// Transient failures retry after 120 s, doubling up to 3600 s.
+// "Scenes.incoming", checks it and swaps it in by two renames; installs extra framings on request.
+// A package that fails its digest, unpacking or check is deleted. Transient failures retry after
+// 120 s, doubling up to 3600 s.
 //
 // Files under `root`: "Scenes" (".installed.json", ".framings.json" inside), "Scenes.incoming",
 // "Scenes.old", "Framing.incoming", "Framing.old/<name>", "Downloads" ("catalog.json",
@@ -49,6 +62,7 @@ public:
         std::function<void(std::chrono::seconds delay, std::function<void()> then)> schedule;
         // Free bytes on the volume of a path; QStorageInfo unless replaced.
         std::function<qint64(const QString &path)> freeSpace;
+        DeliveryLimits limits;
     };
 
     static constexpr const char *kNoSceneText =

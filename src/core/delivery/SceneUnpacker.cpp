@@ -3,6 +3,7 @@
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
+#include <QSet>
 #include <QStringList>
 
 #include <archive.h>
@@ -64,11 +65,20 @@ void checkName(const QString &name, const char *what)
 
 qint64 limitFor(const SceneCatalog::Entry &entry)
 {
-    if (entry.unpackedSize && *entry.unpackedSize > 0) return *entry.unpackedSize;
-    return entry.size * 16 + (64LL << 20);
+    if (!entry.unpackedSize) return std::min(entry.size * 16 + (64LL << 20), kMaxBytes);
+    const qint64 claim = *entry.unpackedSize;
+    const qint64 allowed = std::min(entry.size * kMaxRatio, kMaxBytes);
+    if (claim < 1 || claim > allowed)
+        throw Failure(QStringLiteral("pacote %1 declara %2 bytes descompactados para %3 bytes; o limite é %4")
+                          .arg(entry.file)
+                          .arg(claim)
+                          .arg(entry.size)
+                          .arg(allowed)
+                          .toStdString());
+    return claim;
 }
 
-qint64 unpack(const QString &archivePath, const QString &folder, qint64 maxBytes)
+qint64 unpack(const QString &archivePath, const QString &folder, qint64 maxBytes, int maxEntries)
 {
     const QString root = QFileInfo(folder).canonicalFilePath();
     if (root.isEmpty()) throw Failure(QStringLiteral("pasta de destino inexistente: %1").arg(folder).toStdString());
@@ -83,16 +93,25 @@ qint64 unpack(const QString &archivePath, const QString &folder, qint64 maxBytes
 
     qint64 written = 0;
     QStringList links;
+    QSet<QString> names;
+    int entries = 0;
     for (;;) {
         archive_entry *e = nullptr;
         const int r = archive_read_next_header(in.get(), &e);
         if (r == ARCHIVE_EOF) break;
         if (r < ARCHIVE_WARN) archiveFailure(in.get(), archivePath);
+        if (++entries > maxEntries)
+            throw Failure(QStringLiteral("pacote com mais de %1 entradas").arg(maxEntries).toStdString());
 
         QString name = entryName(e);
         checkName(name, "nome");
         while (name.startsWith(QLatin1String("./"))) name = name.mid(2);
         if (name.isEmpty() || name == QLatin1String(".")) continue;
+        // "a//b/" and "a/b" are one path on disk: the later entry would silently replace the earlier.
+        const QString path = QDir::cleanPath(name);
+        if (names.contains(path))
+            throw Failure(QStringLiteral("pacote com entrada repetida: %1").arg(path).toStdString());
+        names.insert(path);
 
         const mode_t type = archive_entry_filetype(e);
         const char *hardlink = archive_entry_hardlink(e);

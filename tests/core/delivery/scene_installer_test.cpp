@@ -1,3 +1,4 @@
+#include "LoopbackHttp.h"
 #include "NginxServer.h"
 #include "ScenePackages.h"
 #include "TestSupport.h"
@@ -138,7 +139,7 @@ TEST_F(SceneInstallerTest, FirstSyncInstallsAndReloadsSecondCostsOneNotModified)
     ASSERT_TRUE(resolved);
     EXPECT_EQ(resolved->root, SceneLocation::installedRoot());
     EXPECT_EQ(resolved->manifest.scenario, QStringLiteral("first"));
-    EXPECT_EQ(readFile(resolved->root + "/wide/light/sun.exr"), randomBytes(200000, 1));
+    EXPECT_EQ(readFile(resolved->root + "/wide/light/sun_noon.exr"), randomBytes(200000, 1));
     const QJsonObject record = QJsonDocument::fromJson(readFile(resolved->root + "/.installed.json")).object();
     EXPECT_EQ(SceneCatalog::Entry::fromJson(record), v1);
     EXPECT_TRUE(newLog().contains("Cenas: baixando Apartment first (0.2 MB)"));
@@ -198,7 +199,7 @@ TEST_F(SceneInstallerTest, DroppedDownloadResumesWithARangeUnlessTheFileChanged)
     EXPECT_EQ(NginxServer::statusOf(last), "206") << last.toStdString();
     EXPECT_TRUE(last.contains(QStringLiteral("range=\"bytes=%1-\"").arg(kept))) << last.toStdString();
     EXPECT_TRUE(last.contains("ifrange=\"" + logged(etag) + "\"")) << last.toStdString();
-    EXPECT_EQ(readFile(scenes() + "/wide/light/sun.exr"), randomBytes(3 << 20, 1));
+    EXPECT_EQ(readFile(scenes() + "/wide/light/sun_noon.exr"), randomBytes(3 << 20, 1));
     EXPECT_FALSE(QFileInfo::exists(part));
     EXPECT_FALSE(QFileInfo::exists(part + ".json"));
     EXPECT_EQ(installer->attempts(), 0);
@@ -217,7 +218,7 @@ TEST_F(SceneInstallerTest, DroppedDownloadResumesWithARangeUnlessTheFileChanged)
     const QString whole = packageLines("slow-touched.zip").last();
     EXPECT_EQ(NginxServer::statusOf(whole), "200") << whole.toStdString();
     EXPECT_TRUE(whole.contains("range=\"bytes=")) << whole.toStdString();
-    EXPECT_EQ(readFile(scenes() + "/wide/light/sun.exr"), randomBytes(3 << 20, 2));
+    EXPECT_EQ(readFile(scenes() + "/wide/light/sun_noon.exr"), randomBytes(3 << 20, 2));
 }
 
 TEST_F(SceneInstallerTest, PackageChangedOnServerRestartsFromZero)
@@ -251,7 +252,7 @@ TEST_F(SceneInstallerTest, PackageChangedOnServerRestartsFromZero)
     fireRetry();
     EXPECT_EQ(installer->phase().kind, Phase::ready);
     EXPECT_EQ(NginxServer::statusOf(packageLines("noetag-apt.zip").last()), "206");
-    EXPECT_EQ(readFile(scenes() + "/wide/light/sun.exr"), randomBytes(3 << 20, 1));
+    EXPECT_EQ(readFile(scenes() + "/wide/light/sun_noon.exr"), randomBytes(3 << 20, 1));
     EXPECT_TRUE(installer->notice().isEmpty());
 }
 
@@ -273,7 +274,7 @@ TEST_F(SceneInstallerTest, BadPackagesLeaveTheInstalledSceneAndBackOff)
     EXPECT_FALSE(QFileInfo::exists(root() + "/Downloads/apt-2.zip.part"));
     EXPECT_EQ(scenarioAt(scenes()), QStringLiteral("kept"));
 
-    serve({publishZip("nomanifest.zip", {{"wide/light/sun.exr", "x", {}, false}}, "nomanifest")});
+    serve({publishZip("nomanifest.zip", {{"wide/light/sun_noon.exr", "x", {}, false}}, "nomanifest")});
     fireRetry();
     EXPECT_EQ(installer->phase().kind, Phase::ready);
     EXPECT_TRUE(newLog().contains("Cenas: falhou: pacote sem manifest.json"));
@@ -308,7 +309,7 @@ TEST_F(SceneInstallerTest, BadPackagesLeaveTheInstalledSceneAndBackOff)
     EXPECT_EQ(server.accessLinesFor("/v1/scenes/manifest").size(), catalogRequests);
 }
 
-TEST_F(SceneInstallerTest, HostileArchivesAreRefusedWithoutWritingOutside)
+TEST_F(SceneInstallerTest, HostileOrBrokenArchivesAreRefusedAndDeletedWhileTheRoomStays)
 {
     const auto v1 = publishBase("apt-1.zip", "kept", 50000);
     serve({v1});
@@ -317,6 +318,12 @@ TEST_F(SceneInstallerTest, HostileArchivesAreRefusedWithoutWritingOutside)
     const QString outside = tmp.path() + "/outside";
     QDir().mkpath(outside);
     const QByteArray manifest = manifestJson("evil");
+    makeSceneFolder(tmp.path() + "/whole", "evil", 1000);
+    const std::vector<ZipEntry> whole = entriesOf(tmp.path() + "/whole");
+    const auto plus = [&](std::vector<ZipEntry> entries, const ZipEntry &more) {
+        entries.push_back(more);
+        return entries;
+    };
 
     struct Case {
         const char *file;
@@ -348,6 +355,11 @@ TEST_F(SceneInstallerTest, HostileArchivesAreRefusedWithoutWritingOutside)
           {"wide/x", "x", {}, false},
           {"inner/y", "y", {}, false}},
          "descompactação falhou"},
+        // A later copy of a name would replace the checked one on disk.
+        {"second-manifest.zip", plus(whole, {"manifest.json", "{junk", {}, false}), "entrada repetida"},
+        {"junk-manifest.zip", plus({whole.begin() + 1, whole.end()}, {"manifest.json", "{junk", {}, false}),
+         "manifest.json inválido"},
+        {"no-plates.zip", {{"manifest.json", manifest, {}, false}}, "enquadramento completo"},
     };
     for (const Case &c : cases) {
         SCOPED_TRACE(c.file);
@@ -360,20 +372,35 @@ TEST_F(SceneInstallerTest, HostileArchivesAreRefusedWithoutWritingOutside)
         EXPECT_FALSE(QFileInfo::exists(tmp.path() + "/escape.txt"));
         EXPECT_FALSE(QFileInfo::exists(root() + "/escape.txt"));
         EXPECT_FALSE(QFileInfo::exists(root() + "/Scenes.incoming"));
+        EXPECT_FALSE(QFileInfo::exists(root() + "/Downloads/" + c.file + ".part"));
     }
+
+    // A deflate bomb that claims its size honestly still claims too much for its package: refused
+    // before a byte of it is fetched, let alone unpacked.
+    const QString bombZip = server.scenesDir() + "/bomb.zip";
+    const auto bombEntries = plus(whole, {"wide/filler.exr", QByteArray(64 << 20, '\0'), {}, false});
+    ASSERT_TRUE(writeZip(bombZip, bombEntries, false));
+    SceneCatalog::Entry bomb = entryFor(bombZip, "bomb", "bomb");
+    bomb.unpackedSize = 0;
+    for (const ZipEntry &e : bombEntries) *bomb.unpackedSize += e.data.size();
+    serve({bomb});
+    syncAndWait();
+    EXPECT_EQ(scenarioAt(scenes()), QStringLiteral("kept"));
+    EXPECT_TRUE(packageLines("bomb.zip").isEmpty());
+    EXPECT_TRUE(installer->lastRunError().contains("bomb.zip")) << installer->lastRunError().toStdString();
 }
 
-TEST_F(SceneInstallerTest, UnpackerKeepsInnerLinksAndEnforcesTheSizeBound)
+TEST_F(SceneInstallerTest, UnpackerKeepsInnerLinksAndEnforcesItsBounds)
 {
     const QString zip = tmp.path() + "/inner.zip";
     ASSERT_TRUE(writeZip(zip, {{"manifest.json", "{}", {}, false},
-                               {"wide/light/sun.exr", QByteArray(1000, 's'), {}, false},
-                               {"wide/sun-alias.exr", {}, "light/sun.exr", false}}));
+                               {"wide/light/sun_noon.exr", QByteArray(1000, 's'), {}, false},
+                               {"wide/sun-alias.exr", {}, "light/sun_noon.exr", false}}));
     const QString into = tmp.path() + "/into";
     QDir().mkpath(into);
     EXPECT_EQ(SceneUnpacker::unpack(zip, into, 1002), 1002);
     EXPECT_EQ(QFileInfo(into + "/wide/sun-alias.exr").symLinkTarget(),
-              QFileInfo(into + "/wide/light/sun.exr").canonicalFilePath());
+              QFileInfo(into + "/wide/light/sun_noon.exr").canonicalFilePath());
 
     QDir(into).removeRecursively();
     QDir().mkpath(into);
@@ -386,6 +413,44 @@ TEST_F(SceneInstallerTest, UnpackerKeepsInnerLinksAndEnforcesTheSizeBound)
 
     put(tmp.path() + "/notzip.zip", "this is not an archive");
     EXPECT_THROW(SceneUnpacker::unpack(tmp.path() + "/notzip.zip", into, 1 << 20), SceneUnpacker::Failure);
+
+    // One path twice, however it is spelled; more entries than allowed.
+    const auto refusal = [&](const QString &archive, int maxEntries) {
+        QDir(into).removeRecursively();
+        QDir().mkpath(into);
+        try {
+            SceneUnpacker::unpack(archive, into, 1 << 20, maxEntries);
+        } catch (const SceneUnpacker::Failure &e) {
+            return QString::fromUtf8(e.what());
+        }
+        return QString();
+    };
+    ASSERT_TRUE(writeZip(tmp.path() + "/twice.zip", {{"wide/x", "1", {}, false}, {"./wide//x", "2", {}, false}}));
+    EXPECT_TRUE(refusal(tmp.path() + "/twice.zip", 10).contains("wide/x"));
+    EXPECT_TRUE(refusal(zip, 3).isEmpty());
+    EXPECT_FALSE(refusal(zip, 2).isEmpty());
+
+    // A claim below what the archive really holds: refused once passed, with no more than the
+    // claim written.
+    const QString bomb = tmp.path() + "/bomb.zip";
+    ASSERT_TRUE(writeZip(bomb, {{"a", randomBytes(1 << 20, 3), {}, false}, {"b", QByteArray(8 << 20, '\0'), {}, false}},
+                         false));
+    SceneCatalog::Entry claimed = entryFor(bomb, "bomb", "bomb");
+    claimed.unpackedSize = 2 << 20;
+    QDir(into).removeRecursively();
+    QDir().mkpath(into);
+    EXPECT_THROW(SceneUnpacker::unpack(bomb, into, SceneUnpacker::limitFor(claimed)), SceneUnpacker::Failure);
+    EXPECT_LE(QFileInfo(into + "/a").size() + QFileInfo(into + "/b").size(), 10 << 20);
+    // Claims the package size cannot account for: more than 30 times it, past 2 GiB, or nothing.
+    for (const qint64 claim : {claimed.size * 30 + 1, qint64(0)}) {
+        claimed.unpackedSize = claim;
+        EXPECT_THROW(SceneUnpacker::limitFor(claimed), SceneUnpacker::Failure) << claim;
+    }
+    claimed.size = qint64(1) << 30;
+    claimed.unpackedSize = qint64(3) << 30;
+    EXPECT_THROW(SceneUnpacker::limitFor(claimed), SceneUnpacker::Failure);
+    claimed.unpackedSize.reset();
+    EXPECT_EQ(SceneUnpacker::limitFor(claimed), qint64(2) << 30);
 }
 
 TEST_F(SceneInstallerTest, WithoutAnInstalledSceneFailuresShowTheirText)
@@ -495,6 +560,71 @@ TEST_F(SceneInstallerTest, FramingsInstallBesideTheBaseAndFailAlone)
             << newLog().toStdString();
     }
     EXPECT_FALSE(QFileInfo::exists(root() + "/mid"));
+}
+
+// Servers that announce or send too much, send without end, or a byte at a time: each attempt
+// ends quickly as a failed one, to be retried as usual, having taken in little.
+TEST(SceneInstallerServers, HostileAnswersFailTheAttemptQuicklyHavingReadLittle)
+{
+    LoopbackHttp server;
+    QTemporaryDir tmp;
+    Settings settings(tmp.path() + "/settings.json");
+    const QByteArray package = randomBytes(100000, 5);
+    SceneCatalog::Entry entry;
+    entry.id = entry.title = "apt";
+    entry.file = "apt.zip";
+    entry.size = package.size();
+    entry.sha256 = QString::fromLatin1(QCryptographicHash::hash(package, QCryptographicHash::Sha256).toHex());
+    const QByteArray catalog = SceneCatalog{1, {entry}}.serialize();
+    LoopbackHttp::Reply catalogAnswer, packageAnswer;
+    server.answer = [&](const QString &target) { return target.endsWith("/manifest") ? catalogAnswer : packageAnswer; };
+
+    SceneInstaller::Options o;
+    o.root = tmp.path() + "/support";
+    o.baseURL = server.url("/");
+    o.schedule = [](std::chrono::seconds, std::function<void()>) {};
+    // Only the times are shortened; the catalog keeps its real cap.
+    for (TransferLimits *limits : {&o.limits.catalog, &o.limits.package}) {
+        limits->idleMs = 2000;
+        limits->deadlineMs = 5000;
+        limits->minBytes = 64;
+        limits->rateWindowMs = 300;
+    }
+    SceneInstaller installer(settings, o);
+    const QString part = o.root + "/Downloads/apt.zip.part";
+
+    constexpr qint64 kEndless = -1, kNoLength = -1, k200MB = 200'000'000;
+    struct Case {
+        const char *what;
+        LoopbackHttp::Reply catalog, package;
+        const char *number;  // the limit crossed or the status, in the run's error
+        bool partGone = false;
+    };
+    const LoopbackHttp::Reply goodCatalog{catalog};
+    const std::vector<Case> cases = {
+        {"catalog announced at 1.5 GB", {"{", 200, 0, kEndless, 64 << 10, 0, 1'500'000'000}, {}, "8388608"},
+        {"catalog without end", {"{", 200, 0, kEndless, 64 << 10, 0, kNoLength}, {}, "8388608"},
+        {"catalog error page of 200 MB", {"<html>", 503, 0, k200MB, 64 << 10}, {}, "503"},
+        {"catalog a byte at a time", {"{", 200, 0, kEndless, 1, 100, kNoLength}, {}, "0.3"},
+        {"package error page of 200 MB", goodCatalog, {"<html>", 500, 0, k200MB, 64 << 10}, "500"},
+        {"package with 200 MB more than its size", goodCatalog, {package, 200, 0, k200MB, 64 << 10}, "100000", true},
+        {"the same, unannounced", goodCatalog, {package, 200, 0, kEndless, 64 << 10, 0, kNoLength}, "100000", true},
+        {"package a byte at a time", goodCatalog, {"x", 200, 0, entry.size - 1, 1, 100}, "0.3"},
+    };
+    int attempts = 0;
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.what);
+        catalogAnswer = c.catalog;
+        packageAnswer = c.package;
+        server.sent = 0;
+        installer.sync();
+        ASSERT_TRUE(waitUntil([&] { return !installer.running(); }, 5s));
+        EXPECT_TRUE(installer.lastRunError().contains(c.number)) << installer.lastRunError().toStdString();
+        EXPECT_EQ(installer.attempts(), ++attempts);
+        EXPECT_LT(server.sent, 16 << 20);
+        if (c.partGone) EXPECT_FALSE(QFileInfo::exists(part));
+        EXPECT_FALSE(installer.hasInstalledScene());
+    }
 }
 
 TEST(SceneInstallerRecovery, PutsBackAWholeSceneFromEveryInterruptedState)
