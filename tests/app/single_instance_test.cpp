@@ -50,7 +50,10 @@ struct Probe {
         after.removeAll("ready");
         return after;
     }
-    bool ready() { return waitUntil([&] { return all().contains("ready"); }, 10s); }
+    bool ready()
+    {
+        return waitUntil([&] { return all().contains("ready"); }, 10s);
+    }
     void go() { process.write("go\n"); }
     // The first line after "ready", once there is one.
     QString verdict()
@@ -100,7 +103,8 @@ TEST_F(SingleInstanceTest, OfTwentyPairsStartedTogetherExactlyOneWinsEvenWithASq
         auto [a, b] = pair();
         const QStringList verdicts{a->verdict(), b->verdict()};
         Probe &winner = verdicts[0].startsWith("won ") ? *a : *b;
-        EXPECT_EQ(verdicts.filter(QRegularExpression("^won ")).size(), 1) << "round " << round << ": " << verdicts.join(", ").toStdString();
+        EXPECT_EQ(verdicts.filter(QRegularExpression("^won ")).size(), 1)
+            << "round " << round << ": " << verdicts.join(", ").toStdString();
         EXPECT_EQ(verdicts.count("running"), 1) << "round " << round;
         // The loser's knock reached the winner and was believed.
         EXPECT_TRUE(waitUntil([&] { return winner.count("shown") == 1; }, 5s)) << "round " << round;
@@ -123,7 +127,8 @@ TEST_F(SingleInstanceTest, LeftoversAndWhatStrangersMadeFirstDoNotStopTheRoom)
     // may write): the room keeps to a private folder of its own in the cache, and still one wins.
     {
         QTemporaryDir others;
-        ASSERT_TRUE(QFile::link(others.path(), temp.filePath(QStringLiteral("runtime-") + getpwuid(geteuid())->pw_name)));
+        ASSERT_TRUE(
+            QFile::link(others.path(), temp.filePath(QStringLiteral("runtime-") + getpwuid(geteuid())->pw_name)));
         ASSERT_EQ(::chmod(others.path().toLocal8Bit(), 01777), 0);
         const QStringList noRuntime{"XDG_RUNTIME_DIR=", "XDG_CACHE_HOME=" + state.filePath("cache")};
         auto [a, b] = pair(noRuntime);

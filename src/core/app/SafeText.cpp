@@ -12,16 +12,12 @@ bool isBidiMark(char32_t c) { return c == 0x200e || c == 0x200f || c == 0x061c; 
 // its closing control, which the text may not have.
 bool isBidiRun(char32_t c) { return (c >= 0x202a && c <= 0x202e) || (c >= 0x2066 && c <= 0x2069); }
 
-bool isLineBreakOrTab(char32_t c)
-{
-    return (c >= 0x09 && c <= 0x0d) || c == 0x85 || c == 0x2028 || c == 0x2029;
-}
+bool isLineBreakOrTab(char32_t c) { return (c >= 0x09 && c <= 0x0d) || c == 0x85 || c == 0x2028 || c == 0x2029; }
 
 // Appends `text`'s code points turned into pieces by `piece` until the result would pass
 // `maxLength`; then cuts back to the last whole piece that leaves room for "…". Stops reading
 // there, so a megabyte costs no more than a short text.
-template <typename Piece>
-QString build(const QString &text, qsizetype maxLength, Piece piece)
+template <typename Piece> QString build(const QString &text, qsizetype maxLength, Piece piece)
 {
     const QString ellipsis = QStringLiteral("…");
     QString out;
