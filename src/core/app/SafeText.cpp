@@ -48,7 +48,8 @@ template <typename Piece> QString build(const QString &text, qsizetype maxLength
 QString field(const QString &text, qsizetype maxLength)
 {
     bool lastWasSpace = false;
-    return build(text, maxLength, [&](char32_t c, QStringView original, QString &out) {
+    // Tags often end in a line break; the ends go rather than becoming spaces.
+    return build(text.trimmed(), maxLength, [&](char32_t c, QStringView original, QString &out) {
         if (isLineBreakOrTab(c)) {
             // "\r\n" and runs of breaks give one space, as the words were meant to be read.
             if (!lastWasSpace) out += QLatin1Char(' ');

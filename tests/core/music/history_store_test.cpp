@@ -168,9 +168,10 @@ TEST_F(HistoryStoreTest, APlayersHostileAlbumNameIsStoredOnOneLineAndCut)
     // A line break, a terminal escape, a right-to-left override (goes) and mark (stays).
     const QString huge = QString::fromUtf8("Live\n\x1b[2J\u202E\u200F") + QString(1 << 20, 'x');
     store.record(cover(Qt::red), huge);
-    store.record(cover(Qt::blue), "B");
+    store.record(cover(Qt::blue), "B\r\n");
     store.record(cover(Qt::red), huge);
     ASSERT_EQ(store.entries().size(), 2) << "the same album, once";
+    EXPECT_EQ(store.entries().last().album, "B");
     const QString kept = store.entries().first().album;
     EXPECT_EQ(kept.size(), SafeText::fieldLength);
     EXPECT_TRUE(kept.startsWith(QString::fromUtf8("Live [2J\u200Fxxx"))) << kept.left(20).toStdString();
