@@ -37,14 +37,16 @@ bool readJson(QIODevice &device, QSettings::SettingsMap &map)
     return true;
 }
 
-bool writeJson(QIODevice &device, const QSettings::SettingsMap &map)
+bool writeJson(QIODevice &device, const QSettings::SettingsMap &map) { return device.write(encode(map)) >= 0; }
+
+}  // namespace
+
+QByteArray encode(const QSettings::SettingsMap &map)
 {
     QJsonObject root;
     for (auto it = map.begin(); it != map.end(); ++it) root.insert(it.key(), toJson(it.value()));
-    return device.write(QJsonDocument(root).toJson(QJsonDocument::Indented)) >= 0;
+    return QJsonDocument(root).toJson(QJsonDocument::Indented);
 }
-
-}  // namespace
 
 QVariant fromJson(const QJsonValue &value)
 {

@@ -11,6 +11,9 @@ namespace JsonSettingsFormat {
 // Registered once per process; the same value every call.
 QSettings::Format format();
 
+// The file's bytes for `map`, as the format writes them.
+QByteArray encode(const QSettings::SettingsMap &map);
+
 QVariant fromJson(const QJsonValue &value);
 QJsonValue toJson(const QVariant &value);
 

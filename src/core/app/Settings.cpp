@@ -2,10 +2,14 @@
 
 #include "core/app/AppIdentity.h"
 #include "core/app/JsonSettingsFormat.h"
+#include "core/app/Log.h"
+#include "core/app/StateFile.h"
 
 #include <QDir>
 #include <QFileInfo>
 #include <QFileSystemWatcher>
+#include <QJsonDocument>
+#include <QJsonObject>
 #include <QLockFile>
 #include <QThread>
 #include <algorithm>
@@ -100,15 +104,51 @@ bool Settings::contains(const QString &key) const { return store->contains(key);
 void Settings::setValue(const QString &key, const QVariant &value)
 {
     store->setValue(key, value);
-    store->sync();
+    save(key);
     notify(key);
 }
 
 void Settings::remove(const QString &key)
 {
     store->remove(key);
-    store->sync();
+    save(key);
     notify(key);
+}
+
+void Settings::save(const QString &key)
+{
+    const QString path = store->fileName();
+    const QString name = QFileInfo(path).fileName();
+    if (QFileInfo(path).isSymLink()) {
+        // QSettings would write wherever the link points, a file that may not be ours to change.
+        // What the settings hold goes into an ordinary file in the link's place instead: the
+        // choices are kept, and the target stays as it was.
+        QSettings::SettingsMap all;
+        for (const QString &k : store->allKeys()) all.insert(k, store->value(k));
+        QString error;
+        if (StateFile::write(path, JsonSettingsFormat::encode(all), &error)) {
+            Log::write(QStringLiteral("Ajustes: ") + name +
+                       QStringLiteral(" era um link; agora é um arquivo comum, o destino ficou intacto"));
+        } else {
+            Log::write(QStringLiteral("Ajustes: não foi possível trocar o link ") + name + QStringLiteral(" (") +
+                       error + QStringLiteral(")"));
+            // Without the link QSettings writes a file of its own here, or fails; never the target.
+            if (!QFile::remove(path)) return;
+        }
+    }
+    store->sync();
+    // QSettings keeps its first error for good: whether this change reached the file is read back.
+    if (store->status() != QSettings::NoError && !fileHolds(key))
+        Log::write(QStringLiteral("Ajustes: não foi possível gravar \"") + key + QStringLiteral("\" em ") + path);
+}
+
+bool Settings::fileHolds(const QString &key) const
+{
+    QFile file(store->fileName());
+    if (!file.open(QIODevice::ReadOnly)) return false;
+    const QJsonObject root = QJsonDocument::fromJson(file.readAll()).object();
+    if (!store->contains(key)) return !root.contains(key);
+    return root.contains(key) && JsonSettingsFormat::fromJson(root.value(key)) == store->value(key);
 }
 
 const QStringList &Settings::observableKeys()

@@ -129,6 +129,10 @@ private:
     std::optional<QString> optionalText(const char *key) const;
     std::optional<double> optionalNumber(const char *key) const;
     void reloadFromDisk();
+    // Writes the file now; a link at its path is replaced by an ordinary file first, and a change
+    // that did not reach the file is logged.
+    void save(const QString &key);
+    bool fileHolds(const QString &key) const;
     void notify(const QString &key);
 
     std::unique_ptr<QSettings> store;

@@ -12,8 +12,9 @@
 namespace StateFile {
 
 // Writes `bytes` into a temporary file beside `path`, flushes it to disk and renames it over
-// `path`: whoever reads finds the old contents or the new, never a mix. On failure the old file
-// stays and `error` (when given) holds the reason.
+// `path`: whoever reads finds the old contents or the new, never a mix. A symbolic link at `path`
+// is replaced by the new file; what it pointed to stays as it was. On failure the old file stays
+// and `error` (when given) holds the reason.
 bool write(const QString &path, const QByteArray &bytes, QString *error = nullptr);
 
 // The JSON in `path`; nothing when the file is absent or empty. A file that does not parse is
@@ -24,8 +25,9 @@ std::optional<QJsonDocument> readJson(const QString &path);
 
 // The longest leading part of a damaged JSON object or array that parses once closed: every
 // member or item up to the last complete one. Nothing when the text is not an object or array
-// or holds no complete member.
-std::optional<QJsonDocument> salvage(const QByteArray &bytes);
+// or holds no complete member. One pass over the text finds where members end; a search by
+// halves then parses O(log n) closed prefixes, counted into `parses` when given.
+std::optional<QJsonDocument> salvage(const QByteArray &bytes, int *parses = nullptr);
 
 // Logs the damage and keeps a copy of `path` as "<path>.bad" (used by readJson(), and by the
 // settings format, which reads through its own device).

@@ -2,6 +2,7 @@
 
 #include "core/music/AlbumHash.h"
 #include "core/scene/SceneLocation.h"
+#include "core/app/SafeText.h"
 #include "core/app/Settings.h"
 #include "core/app/StateFile.h"
 
@@ -58,7 +59,8 @@ void HistoryStore::load()
         const QJsonValue name = o.value(QStringLiteral("file"));
         // One bad entry makes the whole index undecodable, as a typed decode would.
         if (!v.isObject() || !album.isString() || !name.isString() || !isPlainName(name.toString())) return;
-        decoded.append({album.toString(), name.toString()});
+        // An index written before names were cut may hold a megabyte of one.
+        decoded.append({SafeText::field(album.toString()), name.toString()});
     }
     list = decoded;
 }
@@ -91,17 +93,18 @@ QByteArray HistoryStore::encodeCover(const QImage &image)
     return bytes;
 }
 
-void HistoryStore::record(const QImage &image, const QString &album)
+void HistoryStore::record(const QImage &image, const QString &albumName)
 {
+    const QString album = SafeText::field(albumName);
     if (album.isEmpty()) return;
     list.removeIf([&](const Entry &e) { return e.album == album; });
 
     const QByteArray jpeg = encodeCover(image);
-    const QString name = albumCoverFileName(album);
+    const QString file = albumCoverFileName(album);
     if (!jpeg.isEmpty()) {
-        QSaveFile file(QDir(folder).filePath(name));
-        if (file.open(QIODevice::WriteOnly) && file.write(jpeg) == jpeg.size() && file.commit())
-            list.prepend({album, name});
+        QSaveFile out(QDir(folder).filePath(file));
+        if (out.open(QIODevice::WriteOnly) && out.write(jpeg) == jpeg.size() && out.commit())
+            list.prepend({album, file});
     }
     // The index goes first: a crash in between leaves a stray cover, never an entry without one.
     const QStringList dropped = cutToLimit();
@@ -111,8 +114,9 @@ void HistoryStore::record(const QImage &image, const QString &album)
 
 QImage HistoryStore::previous(const QString &excludingAlbum) const
 {
+    const QString excluded = SafeText::field(excludingAlbum);
     for (const Entry &e : list) {
-        if (e.album == excludingAlbum) continue;
+        if (e.album == excluded) continue;
         return QImage(QDir(folder).filePath(e.file));
     }
     return {};

@@ -38,8 +38,9 @@ public:
     QString dir() const { return folder; }
     const QList<Entry> &entries() const { return list; }
 
-    // Puts the album's cover on top, once; trims to the limit and saves the index. An empty
-    // album name is ignored. Does not emit changed(): whoever records already knows.
+    // Puts the album's cover on top, once; trims to the limit and saves the index. The name is
+    // kept as SafeText::field() gives it (so a player's megabyte title stays 300 characters here
+    // too); an empty one is ignored. Does not emit changed(): whoever records already knows.
     void record(const QImage &image, const QString &album);
     // The cover of the most recent album other than `album`; null when there is none or its
     // file cannot be read.

@@ -3,6 +3,9 @@
 #include "TestSupport.h"
 
 #include <QFileInfo>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QRegularExpression>
 #include <QLockFile>
 #include <QSignalSpy>
 #include <gtest/gtest.h>
@@ -166,4 +169,35 @@ TEST(SettingsFlavour, DevelopmentAndReleaseBuildsKeepSeparateFilesAndTheToolFoll
     ASSERT_EQ(r.exitCode, 0) << r.err.constData();
     EXPECT_EQ(Settings(own).fps(), 24);
     EXPECT_FALSE(QFileInfo::exists(Settings::userFilePath(!AppIdentity::isRelease())));
+}
+
+TEST_F(SettingsTest, ALinkAtThePathIsReplacedNotWrittenThroughAndAFailedWriteIsLogged)
+{
+    LogTail log;
+    const QByteArray theirs = R"({"framing": "wide", "fps": 45})";
+    writeFile(dir.filePath("elsewhere.json"), theirs);
+    ASSERT_TRUE(QFile::link(dir.filePath("elsewhere.json"), path()));
+    {
+        Settings s(path());
+        EXPECT_EQ(s.framing(), "wide");
+        s.setFraming("mid");
+        s.setStackLimit(3);
+    }
+    EXPECT_EQ(readFile(dir.filePath("elsewhere.json")), theirs) << "the link's target is untouched";
+    EXPECT_FALSE(QFileInfo(path()).isSymLink());
+    const QJsonObject saved = QJsonDocument::fromJson(readFile(path())).object();
+    EXPECT_EQ(saved.value("framing"), "mid");
+    EXPECT_EQ(saved.value("fps"), 45) << "what the settings held is kept";
+    EXPECT_EQ(saved.value("stackLimit"), 3);
+    EXPECT_EQ(log.messages().filter("era um link").size(), 1) << log.messages().join('\n').toStdString();
+
+    // A folder where the file should be: each change that cannot be written says so.
+    const QString folder = dir.filePath("folder.json");
+    ASSERT_TRUE(QDir().mkpath(folder));
+    Settings s(folder);
+    s.setFraming("wide");
+    s.setStackLimit(2);
+    EXPECT_EQ(log.messages().filter(QRegularExpression("^Ajustes: não foi possível gravar .*folder.json")).size(), 2)
+        << log.messages().join('\n').toStdString();
+    EXPECT_TRUE(QFileInfo(folder).isDir());
 }

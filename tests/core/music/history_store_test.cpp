@@ -1,7 +1,9 @@
 #include "core/music/AlbumHash.h"
 #include "core/music/HistoryStore.h"
 #include "core/scene/SceneLocation.h"
+#include "core/app/SafeText.h"
 #include "core/app/Settings.h"
+#include "core/app/StateFile.h"
 #include "TestSupport.h"
 
 #include <QDir>
@@ -158,6 +160,53 @@ TEST_F(HistoryStoreTest, ACorruptIndexIsAnEmptyStackRewrittenOnTheNextRecord)
     // A name that leads out of the folder is no entry either.
     writeFile(dir() + "/index.json", "[{\"album\": \"A\", \"file\": \"../../cover.jpg\"}]");
     EXPECT_TRUE(HistoryStore(settings, dir()).entries().isEmpty());
+}
+
+TEST_F(HistoryStoreTest, APlayersHostileAlbumNameIsStoredOnOneLineAndCut)
+{
+    HistoryStore store(settings, dir());
+    // A line break, a terminal escape, a right-to-left override (goes) and mark (stays).
+    const QString huge = QString::fromUtf8("Live\n\x1b[2J\u202E\u200F") + QString(1 << 20, 'x');
+    store.record(cover(Qt::red), huge);
+    store.record(cover(Qt::blue), "B\r\n");
+    store.record(cover(Qt::red), huge);
+    ASSERT_EQ(store.entries().size(), 2) << "the same album, once";
+    EXPECT_EQ(store.entries().last().album, "B");
+    const QString kept = store.entries().first().album;
+    EXPECT_EQ(kept.size(), SafeText::fieldLength);
+    EXPECT_TRUE(kept.startsWith(QString::fromUtf8("Live [2J\u200Fxxx"))) << kept.left(20).toStdString();
+    EXPECT_TRUE(kept.endsWith("x…"));
+    EXPECT_LT(QFileInfo(dir() + "/index.json").size(), 1000);
+    EXPECT_GT(store.previous(huge).pixelColor(32, 32).blue(), 230) << "the huge album is the one left out";
+    EXPECT_EQ(HistoryStore(settings, dir()).entries(), store.entries());
+
+    // An index written before names were cut is cut as it loads.
+    writeFile(dir() + "/index.json",
+              QJsonDocument(QJsonArray{QJsonObject{{"album", huge}, {"file", "a.jpg"}}}).toJson());
+    EXPECT_EQ(HistoryStore(settings, dir()).entries().first().album, kept);
+}
+
+TEST_F(HistoryStoreTest, ALongDamagedIndexGivesItsCompleteEntriesInAFewParses)
+{
+    // 150 KB of entries whose names hold commas, brackets and quotes; a torn write ran two of
+    // them together halfway.
+    QJsonArray entries;
+    for (int i = 0; entries.size() < 2200; ++i)
+        entries.append(QJsonObject{{"album", QStringLiteral("Live, [disc %1] {\"best\"}").arg(i)},
+                                   {"file", albumCoverFileName(QString::number(i))}});
+    QByteArray damaged = QJsonDocument(entries).toJson(QJsonDocument::Compact);
+    const qsizetype tear = damaged.indexOf("[disc 1100]");
+    damaged.remove(tear, damaged.indexOf("file", damaged.indexOf("[disc 1101]")) - tear);
+    ASSERT_GT(damaged.size(), 150'000);
+    writeFile(dir() + "/index.json", damaged);
+    const HistoryStore store(settings, dir());
+    ASSERT_EQ(store.entries().size(), 1100);
+    EXPECT_EQ(store.entries().last().album, "Live, [disc 1099] {\"best\"}");
+
+    // Each closed prefix that is tried is parsed whole: one per entry took 8 s here.
+    int parses = 0;
+    EXPECT_EQ(StateFile::salvage(damaged, &parses)->array().size(), 1100);
+    EXPECT_LE(parses, 12);
 }
 
 TEST_F(HistoryStoreTest, ClearingDeletesEveryCoverAndTheIndexAndAnnouncesOnce)
