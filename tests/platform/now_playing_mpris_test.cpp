@@ -2,6 +2,7 @@
 // players (turnelo-mpris-player) for the choice rules and artwork, and mpv with its MPRIS plugin
 // as a real player.
 
+#include "core/app/SafeText.h"
 #include "core/music/CoverLoader.h"
 #include "core/music/NowPlayingMonitor.h"
 #include "core/music/PlayerState.h"
@@ -478,7 +479,7 @@ TEST_F(NowPlayingMprisTest, CoversThatWouldBlockOrSinkEndAsFailedCovers)
     LoopbackHttp http;
     http.answer = [](const QString &) { return LoopbackHttp::Reply{"\x89PNG", 200, 0, -1, 64 * 1024}; };
     const auto file = [](const QString &path) { return QUrl::fromLocalFile(path).toString(); };
-    const QString longTitle(100'000, QChar('w'));
+    const QString longTitle = "Line\nbreak\x1b[31m\u202Eevil" + QString(100'000, QChar('w'));
     startPlayer("spotify", "Spotify", "Playing",
                 {{"Fifo", "B", "A1", 200, 1, file(fifo)},
                  {"Random", "B", "A2", 200, 1, "file:///dev/urandom"},
@@ -508,7 +509,10 @@ TEST_F(NowPlayingMprisTest, CoversThatWouldBlockOrSinkEndAsFailedCovers)
     // A title far longer than any sleeve is cut; the cover after all that still arrives.
     control("spotify", "Next");
     ASSERT_TRUE(waitUntil([&] { return !state.artwork().isNull(); }, 5s));
-    EXPECT_EQ(titleOf(state), longTitle.left(MprisPlayerBackend::maxFieldLength));
+    EXPECT_EQ(titleOf(state).size(), SafeText::fieldLength);
+    EXPECT_TRUE(titleOf(state).startsWith("Line break[31mevilwww")) << qPrintable(titleOf(state).left(40));
+    // One line per message in the log, whatever the title held.
+    for (const QString &line : log.lines()) EXPECT_TRUE(line.startsWith("20")) << qPrintable(line.left(80));
     EXPECT_LT(beat.longest, 500) << "the main thread stood still";
     EXPECT_LT(ProcessUsage::footprintMegabytes() - footprint, 100);
 }

@@ -1,6 +1,8 @@
 #include "platform/linux/MprisPlayerBackend.h"
 #include "platform/linux/DBusValues.h"
 
+#include "core/app/SafeText.h"
+
 #include <QDBusArgument>
 #include <QDBusMessage>
 #include <QDBusPendingCallWatcher>
@@ -82,7 +84,7 @@ QList<PlayerSource> MprisPlayerBackend::sources() const
         call.waitForFinished();
         const QDBusMessage answer = call.reply();
         const QString identity = answer.type() == QDBusMessage::ReplyMessage && !answer.arguments().isEmpty()
-                                     ? plain(answer.arguments().constFirst()).toString().left(maxFieldLength)
+                                     ? SafeText::field(plain(answer.arguments().constFirst()).toString())
                                      : QString();
         identities.insert(name, identity.isEmpty() ? name.mid(busNamePrefix().size()) : identity);
     }
@@ -131,7 +133,7 @@ void MprisPlayerBackend::query(const PlayerSource &source, Answer then)
     const auto done = [this, pending, name, then] {
         if (--pending->left > 0) return;
         if (pending->identity.type() == QDBusMessage::ReplyMessage && !pending->identity.arguments().isEmpty()) {
-            const QString identity = plain(pending->identity.arguments().constFirst()).toString().left(maxFieldLength);
+            const QString identity = SafeText::field(plain(pending->identity.arguments().constFirst()).toString());
             if (!identity.isEmpty()) identities.insert(name, identity);
         }
         const QDBusMessage &reply = pending->state;
@@ -169,12 +171,10 @@ std::optional<PlayerSourceBackend::Snapshot> MprisPlayerBackend::snapshotFrom(co
     const QVariantMap metadata = mapOf(properties.value(QStringLiteral("Metadata")));
     Snapshot s;
     // A player may say anything: fields are cut to what a sleeve or a log line can show.
-    s.track.title = plain(metadata.value(QStringLiteral("xesam:title"))).toString().left(maxFieldLength);
-    s.track.artist = stringsOf(metadata.value(QStringLiteral("xesam:artist")))
-                         .mid(0, 16)
-                         .join(QStringLiteral(", "))
-                         .left(maxFieldLength);
-    s.track.album = plain(metadata.value(QStringLiteral("xesam:album"))).toString().left(maxFieldLength);
+    s.track.title = SafeText::field(plain(metadata.value(QStringLiteral("xesam:title"))).toString());
+    s.track.artist = SafeText::field(
+        stringsOf(metadata.value(QStringLiteral("xesam:artist"))).mid(0, 16).join(QStringLiteral(", ")));
+    s.track.album = SafeText::field(plain(metadata.value(QStringLiteral("xesam:album"))).toString());
     // A player with nothing loaded still answers; that is nothing playing.
     if (s.track.title.isEmpty() && s.track.album.isEmpty()) return std::nullopt;
     s.track.duration = plain(metadata.value(QStringLiteral("mpris:length"))).toDouble() / 1e6;

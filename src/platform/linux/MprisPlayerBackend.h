@@ -23,7 +23,6 @@ class MprisPlayerBackend : public PlayerSourceBackend, protected QDBusContext {
     Q_OBJECT
 public:
     static constexpr int defaultCallTimeoutMs = 2000;
-    static constexpr int maxFieldLength = 300;
     static constexpr int identityTimeoutMs = 250;
     static constexpr int maxUrlLength = 4096;
     static QString busNamePrefix() { return QStringLiteral("org.mpris.MediaPlayer2."); }
