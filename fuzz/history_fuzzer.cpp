@@ -31,6 +31,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     cover.fill(Qt::darkRed);
     store.record(cover, QStringLiteral("Fuzz Album"));
     store.trim();
+    store.flush();
     if (store.entries().size() > 3 || !QFile::exists(root + QStringLiteral("/bait.jpg"))) std::abort();
     return 0;
 }

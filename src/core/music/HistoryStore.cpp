@@ -7,6 +7,8 @@
 #include "core/app/StateFile.h"
 
 #include <QBuffer>
+#include <QCoreApplication>
+#include <QPointer>
 #include <QColorSpace>
 #include <QDir>
 #include <QFile>
@@ -38,6 +40,7 @@ HistoryStore::HistoryStore(const Settings &settings, const QString &dir, QObject
     , settings(settings)
     , folder(dir)
 {
+    writer.setMaxThreadCount(1);
     QDir().mkpath(folder);
     load();
     // A lower limit takes effect at once, not with the next album (a higher one waits for albums).
@@ -65,12 +68,37 @@ void HistoryStore::load()
     list = decoded;
 }
 
-void HistoryStore::save() const
+QByteArray HistoryStore::indexBytes() const
 {
     QJsonArray array;
     for (const Entry &e : list)
         array.append(QJsonObject{{QStringLiteral("album"), e.album}, {QStringLiteral("file"), e.file}});
-    StateFile::write(QDir(folder).filePath(indexName()), QJsonDocument(array).toJson(QJsonDocument::Compact));
+    return QJsonDocument(array).toJson(QJsonDocument::Compact);
+}
+
+void HistoryStore::save(const QStringList &dropped)
+{
+    const QString dir = folder;
+    writer.start([dir, bytes = indexBytes(), dropped] {
+        StateFile::write(QDir(dir).filePath(indexName()), bytes);
+        for (const QString &name : dropped)
+            if (isPlainName(name)) QFile::remove(QDir(dir).filePath(name));
+    });
+}
+
+void HistoryStore::flush()
+{
+    writer.waitForDone();
+    // A cover that failed takes its entry back out, which saves the index once more.
+    QCoreApplication::sendPostedEvents(this, QEvent::MetaCall);
+    writer.waitForDone();
+}
+
+HistoryStore::~HistoryStore() { writer.waitForDone(); }
+
+void HistoryStore::forget(const Entry &entry)
+{
+    if (list.removeAll(entry) > 0) save();
 }
 
 QByteArray HistoryStore::encodeCover(const QImage &image)
@@ -98,18 +126,27 @@ void HistoryStore::record(const QImage &image, const QString &albumName)
     const QString album = SafeText::field(albumName);
     if (album.isEmpty()) return;
     list.removeIf([&](const Entry &e) { return e.album == album; });
-
-    const QByteArray jpeg = encodeCover(image);
-    const QString file = albumCoverFileName(album);
-    if (!jpeg.isEmpty()) {
-        QSaveFile out(QDir(folder).filePath(file));
-        if (out.open(QIODevice::WriteOnly) && out.write(jpeg) == jpeg.size() && out.commit())
-            list.prepend({album, file});
-    }
-    // The index goes first: a crash in between leaves a stray cover, never an entry without one.
+    const Entry entry{album, albumCoverFileName(album)};
+    if (!image.isNull()) list.prepend(entry);
     const QStringList dropped = cutToLimit();
-    save();
-    for (const QString &name : dropped) removeFile(name);
+    if (image.isNull()) return save(dropped);
+
+    // The cover goes first and the index after it: a crash in between leaves a stray cover, never
+    // an entry without one.
+    const QString path = QDir(folder).filePath(entry.file);
+    QPointer<HistoryStore> self(this);
+    writer.start([self, image, path, entry] {
+        const QByteArray jpeg = encodeCover(image);
+        QSaveFile out(path);
+        if (jpeg.isEmpty() || !out.open(QIODevice::WriteOnly) || out.write(jpeg) != jpeg.size() || !out.commit())
+            QMetaObject::invokeMethod(
+                self.data(),
+                [self, entry] {
+                    if (self) self->forget(entry);
+                },
+                Qt::QueuedConnection);
+    });
+    save(dropped);
 }
 
 QImage HistoryStore::previous(const QString &excludingAlbum) const
@@ -132,14 +169,13 @@ QStringList HistoryStore::cutToLimit()
 
 void HistoryStore::trim()
 {
-    const QStringList dropped = cutToLimit();
-    save();
-    for (const QString &name : dropped) removeFile(name);
+    save(cutToLimit());
     emit changed();
 }
 
 void HistoryStore::clear()
 {
+    writer.waitForDone();
     for (const Entry &e : std::as_const(list)) removeFile(e.file);
     // Covers left behind by an index that could not be read go too.
     const QStringList stray = QDir(folder).entryList({QStringLiteral("*.jpg")}, QDir::Files);

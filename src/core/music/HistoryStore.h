@@ -5,6 +5,7 @@
 #include <QObject>
 #include <QString>
 #include <QStringList>
+#include <QThreadPool>
 
 class Settings;
 
@@ -12,7 +13,8 @@ class Settings;
 // stack beside the turntable survives a restart. The folder holds "index.json" (a JSON array of
 // {"album", "file"}) and one JPEG per album, named by albumCoverFileName().
 //
-// File work is synchronous and small (at most the stack limit of 512-pixel JPEGs). Every file is
+// Covers are encoded and written, and the index saved, on a writer thread of the store's own, in
+// the order they were asked; the list itself changes at once. Every file is
 // replaced whole, so a crash leaves the index as it was or as it became. Failures are silent: a
 // cover that cannot be written leaves the stack without it; a damaged index gives the entries
 // before the damage (logged, kept aside as "index.json.bad"), an undecodable one
@@ -34,6 +36,7 @@ public:
     explicit HistoryStore(const Settings &settings, QObject *parent = nullptr);
     // A given folder (tests).
     HistoryStore(const Settings &settings, const QString &dir, QObject *parent = nullptr);
+    ~HistoryStore() override;
 
     QString dir() const { return folder; }
     const QList<Entry> &entries() const { return list; }
@@ -47,6 +50,8 @@ public:
     QImage previous(const QString &excludingAlbum) const;
     // Cuts the stack to the limit, saves the index, emits changed().
     void trim();
+    // Waits for the writes under way, and drops an entry whose cover could not be written.
+    void flush();
     // Deletes every cover and the index, emits changed().
     void clear();
 
@@ -58,7 +63,10 @@ signals:
 
 private:
     void load();
-    void save() const;
+    QByteArray indexBytes() const;
+    // Queues the index as it is now, then the removal of `dropped` covers.
+    void save(const QStringList &dropped = {});
+    void forget(const Entry &entry);
     // Drops the oldest entries past the limit; gives their files, for removal once the index is saved.
     QStringList cutToLimit();
     void removeFile(const QString &name) const;
@@ -66,4 +74,5 @@ private:
     const Settings &settings;
     QString folder;
     QList<Entry> list;
+    QThreadPool writer;  // one thread: what lands on disk keeps the order it was asked in
 };

@@ -73,6 +73,7 @@ int main(int argc, char **argv)
         QImage cover(48, 48, QImage::Format_RGB32);
         cover.fill(QColor::fromHsv(round * 37 % 360, 200, 200));
         history.record(cover, QStringLiteral("Album ") + r);
+        history.flush();
         say(QStringLiteral("ack history ") + r);
 
         const int which = round % 2;

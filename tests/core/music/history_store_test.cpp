@@ -58,6 +58,7 @@ TEST_F(HistoryStoreTest, AnAlbumPlayedAgainMovesToTheTopOnce)
     EXPECT_EQ(albums(store), QStringList({"A", "B"}));
     EXPECT_EQ(store.entries().first().file, albumCoverFileName("A"));
 
+    store.flush();  // the covers and the index are written off the caller's thread
     const QImage previous = store.previous("A");
     ASSERT_FALSE(previous.isNull());
     const QColor c = previous.pixelColor(32, 32);
@@ -78,6 +79,13 @@ TEST_F(HistoryStoreTest, AnAlbumPlayedAgainMovesToTheTopOnce)
     EXPECT_TRUE(store.previous("B").isNull()) << "the entry's file is gone";
     store.record(cover(Qt::green), "");
     EXPECT_EQ(albums(store), QStringList({"A", "B"}));
+
+    // A cover that cannot be written leaves no entry behind, in the list or on disk.
+    ASSERT_TRUE(QDir(dir()).mkdir(albumCoverFileName("C")));
+    store.record(cover(Qt::red), "C");
+    store.flush();
+    EXPECT_EQ(albums(store), QStringList({"A", "B"}));
+    EXPECT_EQ(albums(HistoryStore(settings, dir())), QStringList({"A", "B"}));
 }
 
 TEST_F(HistoryStoreTest, TheLimitDeletesTheOldestCovers)
@@ -86,6 +94,7 @@ TEST_F(HistoryStoreTest, TheLimitDeletesTheOldestCovers)
     HistoryStore store(settings, dir());
     for (const char *album : {"One", "Two", "Three", "Four"}) store.record(cover(Qt::gray), album);
     EXPECT_EQ(albums(store), QStringList({"Four", "Three"}));
+    store.flush();
     EXPECT_FALSE(QFile::exists(fileOf("One")));
     EXPECT_FALSE(QFile::exists(fileOf("Two")));
     EXPECT_TRUE(QFile::exists(fileOf("Three")));
@@ -96,6 +105,7 @@ TEST_F(HistoryStoreTest, TheLimitDeletesTheOldestCovers)
     QSignalSpy changed(&store, &HistoryStore::changed);
     settings.setStackLimit(0);
     EXPECT_EQ(albums(store), QStringList({"Four"}));
+    store.flush();
     EXPECT_FALSE(QFile::exists(fileOf("Three")));
     EXPECT_EQ(changed.count(), 1);
     settings.setStackLimit(4);
@@ -104,6 +114,7 @@ TEST_F(HistoryStoreTest, TheLimitDeletesTheOldestCovers)
     store.record(cover(Qt::gray), "Five");
     EXPECT_EQ(albums(store), QStringList({"Five"}));
     EXPECT_EQ(changed.count(), 1) << "recording does not announce itself";
+    store.flush();
     EXPECT_EQ(HistoryStore(settings, dir()).entries().size(), 1);
 
     settings.setStackLimit(-3);
@@ -120,6 +131,7 @@ TEST_F(HistoryStoreTest, CoversAreSquareJpegsOfAtMost512Pixels)
         for (int x = 1500; x < 3000; ++x) wide.setPixelColor(x, y, Qt::blue);
     store.record(wide, "Wide");
     store.record(solidImage(Qt::green, 300, 300), "Small");
+    store.flush();
 
     QImageReader wideReader(fileOf("Wide"));
     EXPECT_EQ(wideReader.format(), "jpeg");
@@ -147,6 +159,7 @@ TEST_F(HistoryStoreTest, ACorruptIndexIsAnEmptyStackRewrittenOnTheNextRecord)
     HistoryStore store(settings, dir());
     EXPECT_TRUE(store.entries().isEmpty());
     store.record(cover(Qt::red), "B");
+    store.flush();
     const QJsonDocument doc = QJsonDocument::fromJson(readFile(dir() + "/index.json"));
     ASSERT_TRUE(doc.isArray());
     ASSERT_EQ(doc.array().size(), 1);
@@ -176,6 +189,7 @@ TEST_F(HistoryStoreTest, APlayersHostileAlbumNameIsStoredOnOneLineAndCut)
     EXPECT_EQ(kept.size(), SafeText::fieldLength);
     EXPECT_TRUE(kept.startsWith(QString::fromUtf8("Live [2J\u200Fxxx"))) << kept.left(20).toStdString();
     EXPECT_TRUE(kept.endsWith("x…"));
+    store.flush();
     EXPECT_LT(QFileInfo(dir() + "/index.json").size(), 1000);
     EXPECT_GT(store.previous(huge).pixelColor(32, 32).blue(), 230) << "the huge album is the one left out";
     EXPECT_EQ(HistoryStore(settings, dir()).entries(), store.entries());
