@@ -65,7 +65,11 @@ AppDelegate::~AppDelegate()
 
 SceneInstaller &AppDelegate::scenes()
 {
-    if (!installer) installer = std::make_unique<SceneInstaller>(*settingsStore);
+    if (!installer) {
+        SceneInstaller::Options options;
+        options.shippedRoom = SceneLocation::bundledRoom();
+        installer = std::make_unique<SceneInstaller>(*settingsStore, options);
+    }
     return *installer;
 }
 
@@ -79,9 +83,13 @@ QString AppDelegate::startupLine(const QString &version, const QString &path, co
 
 void AppDelegate::start()
 {
+    const auto room = SceneLocation::resolve();
     Log::write(startupLine(AppIdentity::version(), QCoreApplication::applicationFilePath(),
                            QLocale::system().uiLanguages().value(0), XdgAutostart::word(),
-                           int(QGuiApplication::screens().size())));
+                           int(QGuiApplication::screens().size())) +
+               QStringLiteral("; sala: ") +
+               (room ? room->root + QStringLiteral(" (") + SceneLocation::originWord(room->origin) + QLatin1Char(')')
+                     : QStringLiteral("nenhuma")));
 
     history = std::make_unique<HistoryStore>(*settingsStore);
     weather = std::make_unique<WeatherService>(*settingsStore);

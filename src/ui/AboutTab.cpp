@@ -89,8 +89,20 @@ void AboutTab::refresh()
         about << PopoverModel::sceneLine(s.status, s.installer);
         about << tr("Technical detail: %1").arg(s.status->problem()->detail);
     }
-    if (SceneLocation::usesDevelopmentScenes())
-        about << tr("A development scene folder is in use (TURNELO_SCENES_DIR).");
+    if (const auto room = SceneLocation::resolve(); room && room->root == source) {
+        switch (room->origin) {
+        case SceneLocation::Origin::development:
+            about << tr("A development scene folder is in use (TURNELO_SCENES_DIR).");
+            break;
+        case SceneLocation::Origin::installed:
+            about << tr("Downloaded by Turnelo.");
+            break;
+        case SceneLocation::Origin::bundled:
+            about << tr(
+                "The room that came with Turnelo; a newer one is downloaded when the content service offers it.");
+            break;
+        }
+    }
     about << tr("Content service: %1").arg(s.settings->contentServiceURL());
     scene->setText(about.join(QLatin1Char('\n')));
 }

@@ -157,7 +157,9 @@ void SceneTab::refreshDownload()
     QStringList lines;
     if (const QString line = PopoverModel::installerLine(s.installer); !line.isEmpty()) lines << line;
     if (s.installer && lines.isEmpty()) {
-        if (s.installer->phase().kind == SceneInstaller::Phase::ready)
+        if (s.installer->phase().kind == SceneInstaller::Phase::ready && !s.installer->hasInstalledScene())
+            lines << tr("The room that came with Turnelo is shown.");
+        else if (s.installer->phase().kind == SceneInstaller::Phase::ready)
             lines << tr("The room is up to date: %1.").arg(s.installer->sceneTitle().value_or(tr("installed")));
         else if (!s.installer->hasInstalledScene())
             lines << tr("No room is installed yet.");

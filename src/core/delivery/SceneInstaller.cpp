@@ -100,6 +100,12 @@ bool SceneInstaller::hasInstalledScene() const
     return QFileInfo(scenesPath() + QLatin1Char('/') + kManifest).isFile();
 }
 
+bool SceneInstaller::hasRoom() const
+{
+    return hasInstalledScene() ||
+           (options.shippedRoom && QFileInfo(*options.shippedRoom + QLatin1Char('/') + kManifest).isFile());
+}
+
 std::chrono::seconds SceneInstaller::retryDelay(int attempts)
 {
     const int exponent = std::clamp(attempts, 0, 6);
@@ -211,7 +217,7 @@ void SceneInstaller::catalogArrived(const SceneCatalog &catalog)
         const QString reason = QStringLiteral("nenhuma cena compatível com ") + options.appVersion;
         Log::write(QStringLiteral("Cenas: ") + reason);
         busy = false;
-        if (hasInstalledScene())
+        if (hasRoom())
             setPhase({Phase::ready});
         else
             setPhase({Phase::failed, 0, 0, QString::fromUtf8(kNoSceneText)});
@@ -334,7 +340,7 @@ void SceneInstaller::endRun(const QString &error)
 
 void SceneInstaller::fail(const QString &message, bool transient)
 {
-    if (hasInstalledScene())
+    if (hasRoom())
         setPhase({Phase::ready});
     else
         setPhase({Phase::failed, 0, 0, message});

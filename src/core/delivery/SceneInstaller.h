@@ -63,6 +63,9 @@ public:
         // Free bytes on the volume of a path; QStorageInfo unless replaced.
         std::function<qint64(const QString &path)> freeSpace;
         DeliveryLimits limits;
+        // The room that ships with the program, shown while none is installed: with it a failed
+        // run is logged and retried but is no problem the user needs to see.
+        std::optional<QString> shippedRoom;
     };
 
     static constexpr const char *kNoSceneText =
@@ -80,6 +83,8 @@ public:
     void refreshDownloadable();
 
     bool hasInstalledScene() const;
+    // An installed scene or the shipped room: something to show whatever the network does.
+    bool hasRoom() const;
     // Puts back a scene that an interrupted installation left in "Scenes.incoming"/"Scenes.old"
     // or "Framing.old", and removes staging leftovers. Called by the constructor.
     static void recover(const QString &root);

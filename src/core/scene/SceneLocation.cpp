@@ -3,6 +3,7 @@
 #include "core/app/AppIdentity.h"
 #include "core/app/Log.h"
 
+#include <QCoreApplication>
 #include <QDir>
 #include <QFile>
 
@@ -31,21 +32,59 @@ bool usesDevelopmentScenes()
     return dev && QFile::exists(*dev + QStringLiteral("/manifest.json"));
 }
 
-QStringList candidates()
+QStringList bundled()
 {
     QStringList list;
-    if (const auto dev = development()) list.append(*dev);
-    list.append(installedRoot());
+    QString dataDirs = qEnvironmentVariable("XDG_DATA_DIRS");
+    if (dataDirs.isEmpty()) dataDirs = QStringLiteral("/usr/local/share:/usr/share");
+    for (const QString &dir : dataDirs.split(QLatin1Char(':'), Qt::SkipEmptyParts))
+        // Relative entries are invalid by the XDG rules: they would depend on the working folder.
+        if (QDir::isAbsolutePath(dir)) list.append(QDir::cleanPath(dir + QStringLiteral("/turnelo/scenes/room")));
+    if (QCoreApplication::instance()) {
+        const QDir binary(QCoreApplication::applicationDirPath());
+        if (binary.exists(QStringLiteral("CMakeCache.txt")))
+            list.append(QDir::cleanPath(binary.filePath(QStringLiteral("../scenes/room"))));
+    }
+    list.removeDuplicates();
     return list;
+}
+
+std::optional<QString> bundledRoom()
+{
+    for (const QString &root : bundled())
+        if (QFile::exists(root + QStringLiteral("/manifest.json"))) return root;
+    return std::nullopt;
+}
+
+QList<Candidate> candidates()
+{
+    QList<Candidate> list;
+    if (const auto dev = development()) list.append({*dev, Origin::development});
+    list.append({installedRoot(), Origin::installed});
+    for (const QString &root : bundled()) list.append({root, Origin::bundled});
+    return list;
+}
+
+QString originWord(Origin origin)
+{
+    switch (origin) {
+    case Origin::development:
+        return QStringLiteral("desenvolvimento");
+    case Origin::installed:
+        return QStringLiteral("instalada");
+    case Origin::bundled:
+        return QStringLiteral("embutida");
+    }
+    return {};
 }
 
 std::optional<Resolved> resolve()
 {
-    for (const QString &root : candidates()) {
+    for (const auto &[root, origin] : candidates()) {
         QFile file(root + QStringLiteral("/manifest.json"));
         if (!file.open(QIODevice::ReadOnly)) continue;
         try {
-            return Resolved{root, PlateManifest::decode(file.readAll())};
+            return Resolved{root, PlateManifest::decode(file.readAll()), origin};
         } catch (const PlateManifest::DecodeError &error) {
             Log::write(QStringLiteral("Cena: manifest inválido em ") + root + QStringLiteral(": ") +
                        QString::fromUtf8(error.what()));

@@ -63,6 +63,7 @@ protected:
             scheduled.push_back({delay, std::move(then)});
         };
         o.freeSpace = std::move(freeSpace);
+        o.shippedRoom = shipped;
         installer = std::make_unique<SceneInstaller>(*settings, o);
         installer->onInstalled = [this] { ++installedCalls; };
         return *installer;
@@ -119,6 +120,7 @@ protected:
     std::vector<std::pair<std::chrono::seconds, std::function<void()>>> scheduled;
     int installedCalls = 0;
     qint64 logStart = 0;
+    std::optional<QString> shipped;
 };
 
 TEST_F(SceneInstallerTest, FirstSyncInstallsAndReloadsSecondCostsOneNotModified)
@@ -491,6 +493,21 @@ TEST_F(SceneInstallerTest, WithoutAnInstalledSceneFailuresShowTheirText)
     EXPECT_EQ(PackageDownload::formatBytes(2410000000LL), QStringLiteral("2,5 GB"));
     EXPECT_EQ(PackageDownload::formatBytes(340500000LL), QStringLiteral("341 MB"));
     QLocale::setDefault(saved);
+
+    // With the room that ships on screen, a service that does not answer is logged and retried on
+    // the same back-off, but is nothing the user has to read.
+    shipped = tmp.filePath("shipped");
+    testsupport::writeFile(*shipped + "/manifest.json", testsupport::minimalManifest());
+    scheduled.clear();
+    make({}, [](const QString &) { return qint64(1000000); });
+    server.stop();
+    syncAndWait();
+    EXPECT_EQ(installer->phase().kind, Phase::ready);
+    EXPECT_FALSE(installer->hasInstalledScene());
+    EXPECT_TRUE(installer->hasRoom());
+    EXPECT_FALSE(installer->lastRunError().isEmpty());
+    ASSERT_EQ(scheduled.size(), 1u);
+    EXPECT_EQ(scheduled.back().first, SceneInstaller::retryDelay(1));
 }
 
 TEST_F(SceneInstallerTest, FramingsInstallBesideTheBaseAndFailAlone)

@@ -20,6 +20,7 @@ struct Environment : ::testing::Environment {
         qputenv("XDG_DATA_HOME", home.filePath("data").toUtf8());
         qputenv("XDG_STATE_HOME", home.filePath("state").toUtf8());
         qunsetenv("TURNELO_SCENES_DIR");
+        qputenv("XDG_DATA_DIRS", home.filePath("nowhere").toUtf8());
     }
 };
 Environment *env = static_cast<Environment *>(::testing::AddGlobalTestEnvironment(new Environment));
@@ -41,11 +42,25 @@ TEST(SceneLocation, FoldersAndDevelopmentRoot)
     EXPECT_EQ(SceneLocation::supportDirectory(), env->home.filePath("data") + "/Turnelo Dev");
     EXPECT_EQ(SceneLocation::installedRoot(), env->home.filePath("data") + "/Turnelo Dev/Scenes");
     EXPECT_EQ(Log::path(), env->home.filePath("state") + "/Turnelo Dev.log");
-    EXPECT_EQ(SceneLocation::candidates(), QStringList{SceneLocation::installedRoot()});
+    const auto roots = [] {
+        QStringList list;
+        for (const auto &c : SceneLocation::candidates()) list << c.root;
+        return list;
+    };
+    EXPECT_EQ(roots(),
+              QStringList({SceneLocation::installedRoot(), env->home.filePath("nowhere/turnelo/scenes/room")}));
     {
         ScopedEnv dev("TURNELO_SCENES_DIR", "~/scenes/room");
         EXPECT_EQ(*SceneLocation::development(), QDir::homePath() + "/scenes/room");
-        EXPECT_EQ(SceneLocation::candidates().size(), 2);
+        EXPECT_EQ(roots().size(), 3);
+    }
+    {
+        // Relative entries are not data folders; the defaults stand in for an empty list.
+        ScopedEnv dirs("XDG_DATA_DIRS", "share:/opt/a/");
+        EXPECT_EQ(SceneLocation::bundled(), QStringList{"/opt/a/turnelo/scenes/room"});
+        ScopedEnv none("XDG_DATA_DIRS", "");
+        EXPECT_EQ(SceneLocation::bundled(),
+                  QStringList({"/usr/local/share/turnelo/scenes/room", "/usr/share/turnelo/scenes/room"}));
     }
     EXPECT_FALSE(SceneLocation::development().has_value());
 }
@@ -74,9 +89,25 @@ TEST(SceneLocation, ResolvePrefersAValidDevelopmentSceneAndLogsInvalidOnes)
     EXPECT_TRUE(SceneLocation::usesDevelopmentScenes());
     EXPECT_EQ(SceneLocation::resolve()->root, dev.path());
 
-    QFile::remove(installed + "/manifest.json");
+    EXPECT_EQ(SceneLocation::resolve()->origin, SceneLocation::Origin::development);
+
+    // The room that ships comes last: the installed one wins over it, and it is read where it lies.
+    QTemporaryDir system, local;
+    ScopedEnv dirs("XDG_DATA_DIRS", (local.path() + ":" + system.path()).toUtf8());
+    const QString shipped = system.filePath("turnelo/scenes/room");
+    writeFile(shipped + "/manifest.json", minimalManifest());
     QFile::remove(dev.filePath("manifest.json"));
+    EXPECT_EQ(SceneLocation::resolve()->origin, SceneLocation::Origin::installed);
+    QFile::remove(installed + "/manifest.json");
+    resolved = SceneLocation::resolve();
+    ASSERT_TRUE(resolved);
+    EXPECT_EQ(resolved->root, shipped);
+    EXPECT_EQ(resolved->origin, SceneLocation::Origin::bundled);
+    EXPECT_EQ(SceneLocation::bundledRoom(), shipped);
+
+    QFile::remove(shipped + "/manifest.json");
     EXPECT_FALSE(SceneLocation::resolve().has_value());
+    EXPECT_FALSE(SceneLocation::bundledRoom().has_value());
 }
 
 // The quiet interval is shortened so the test takes seconds; the logic is the same.
