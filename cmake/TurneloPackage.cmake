@@ -70,13 +70,12 @@ generate, publish and install scenes.
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_SECTION x11)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
-# The Vulkan loader comes from the binaries; a device driver only through its Recommends, which
-# apt skips with --no-install-recommends. Without one the plain turntable stands in, so a driver
-# is recommended, not required, and any vendor's ICD will do.
+# dpkg-shlibdeps finds the Vulkan loader, but a driver comes only through the loader's own
+# Recommends, which apt skips with --no-install-recommends. Without a driver the plain turntable
+# stands in for the room: recommended, not required, and any vendor's driver will do.
 set(CPACK_DEBIAN_PACKAGE_RECOMMENDS "mesa-vulkan-drivers | vulkan-icd")
 set(CPACK_STRIP_FILES ON)
 # The plates are compressed EXR already: xz takes about thirty times as long as gzip for a 0.5%
 # smaller package.
 set(CPACK_DEBIAN_COMPRESSION_TYPE gzip)
-set(CPACK_PACKAGE_DIRECTORY ${CMAKE_BINARY_DIR})
 include(CPack)
