@@ -32,6 +32,7 @@ PACKAGES=(
   python3-dbusmock
   openbox xfwm4 xfdesktop4 i3-wm xcompmgr xdotool x11-utils x11-apps x11-xserver-utils imagemagick
   desktop-file-utils trayer
+  help2man lintian
 )
 if [ "$AUTHORING" -eq 1 ]; then
   PACKAGES+=(blender python3-numpy python3-openimageio)

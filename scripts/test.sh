@@ -28,7 +28,7 @@ stage "tests"
 (cd build && ctest --output-on-failure -j"$(nproc)" --timeout 900 --repeat until-pass:2)
 
 # The GPU tests are not built here: they ran above, and the software device under the sanitizers
-# would take most of the time.
+# would take most of the time. Nor is the package test, which ran above on the same sources.
 stage "sanitizer build"
 cmake --preset asan "${launcher[@]}"
 cmake --build build-asan -j"$(nproc)"

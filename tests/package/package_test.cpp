@@ -1,0 +1,104 @@
+// The Debian package that CPack makes from this build tree, unpacked: what lands where, lintian's
+// verdict, and the programs run from where the package puts them.
+
+#include "TestSupport.h"
+
+#include <QDir>
+#include <QDirIterator>
+#include <QFileInfo>
+#include <QImage>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QRegularExpression>
+#include <QSettings>
+#include <QStandardPaths>
+#include <QTemporaryDir>
+#include <gtest/gtest.h>
+
+using namespace testsupport;
+
+namespace {
+
+// Every file under `dir` with its size, relative to it.
+QStringList filesAndSizes(const QString &dir)
+{
+    QStringList files;
+    QDirIterator it(dir, QDir::Files, QDirIterator::Subdirectories);
+    while (it.hasNext()) {
+        const QString path = it.next();
+        files << QDir(dir).relativeFilePath(path) + ' ' + QString::number(QFileInfo(path).size());
+    }
+    files.sort();
+    return files;
+}
+
+}  // namespace
+
+TEST(Package, HoldsTheProgramsTheirPagesTheLauncherTheIconsAndTheRoom)
+{
+    QTemporaryDir work;
+    const auto made = runTool(CPACK_COMMAND, {"--config", TURNELO_BINARY_DIR "/CPackConfig.cmake", "-B", work.path()});
+    ASSERT_EQ(made.exitCode, 0) << made.err.constData() << made.out.constData();
+    const QStringList debs = QDir(work.path()).entryList({"*.deb"});
+    ASSERT_EQ(debs.size(), 1) << qPrintable(debs.join(' '));
+    const QString deb = work.filePath(debs.first());
+    const QString version = runTool("dpkg-deb", {"--field", deb, "Version"}).out.trimmed();
+    const QString arch = runTool("dpkg", {"--print-architecture"}).out.trimmed();
+    EXPECT_EQ(debs.first(), QString("turnelo_%1_%2.deb").arg(version, arch));
+    // Worked out from the binaries: the Vulkan loader and Qt, which nobody listed by hand.
+    const QString depends = runTool("dpkg-deb", {"--field", deb, "Depends"}).out;
+    EXPECT_TRUE(depends.contains("libvulkan1") && depends.contains("libqt6gui6")) << qPrintable(depends);
+
+    if (const QString lintian = QStandardPaths::findExecutable("lintian"); !lintian.isEmpty()) {
+        const auto check = runTool(lintian, {deb});
+        const QStringList errors = QString::fromUtf8(check.out).split('\n').filter(QRegularExpression("^E: "));
+        EXPECT_EQ(errors, QStringList());
+        EXPECT_EQ(check.exitCode, 0) << check.out.constData() << check.err.constData();
+    }
+
+    const QDir root(work.filePath("root"));
+    ASSERT_EQ(runTool("dpkg-deb", {"-x", deb, root.path()}).exitCode, 0);
+    const QStringList programs{"turnelo",         "turnelo-defaults", "turnelo-gen-scene",
+                               "turnelo-publish", "turnelo-scene",    "turnelo-sync"};
+    // The test helpers stay out.
+    EXPECT_EQ(QDir(root.filePath("usr/bin")).entryList(QDir::Files, QDir::Name), programs);
+    for (const QString &program : programs) {
+        SCOPED_TRACE(program.toStdString());
+        const QString path = root.filePath("usr/bin/" + program);
+        EXPECT_TRUE(QFileInfo(path).isExecutable());
+        EXPECT_TRUE(readFile(root.filePath("usr/share/man/man1/" + program + ".1.gz")).startsWith("\x1f\x8b"));
+        const auto answer = runTool(path, {"--version"});
+        EXPECT_EQ(answer.exitCode, 0) << answer.err.constData();
+        EXPECT_EQ(QString::fromUtf8(answer.out), program + ' ' + version + '\n');
+    }
+    EXPECT_TRUE(readFile(root.filePath("usr/share/doc/turnelo/copyright"))
+                    .startsWith("Format: https://www.debian.org/doc/packaging-manuals/copyright-format/1.0/"));
+
+    const QString launcher = root.filePath("usr/share/applications/turnelo.desktop");
+    QSettings entry(launcher, QSettings::IniFormat);
+    entry.beginGroup("Desktop Entry");
+    EXPECT_EQ(entry.value("Type").toString(), "Application");
+    EXPECT_EQ(entry.value("Icon").toString(), "turnelo");
+    // Found on the PATH, where the package puts the program.
+    EXPECT_EQ(entry.value("Exec").toString(), "turnelo");
+    if (const QString validate = QStandardPaths::findExecutable("desktop-file-validate"); !validate.isEmpty()) {
+        const auto check = runTool(validate, {launcher});
+        EXPECT_EQ(check.exitCode, 0) << check.out.constData() << check.err.constData();
+    }
+    for (int side : {16, 22, 24, 32, 48, 64, 128, 256}) {
+        const QImage icon(root.filePath(QString("usr/share/icons/hicolor/%1x%1/apps/turnelo.png").arg(side)));
+        EXPECT_EQ(icon.size(), QSize(side, side)) << side;
+        EXPECT_EQ(qAlpha(icon.pixel(0, 0)), 0) << "the corners are transparent";
+        EXPECT_GT(qAlpha(icon.pixel(side / 2, side / 2)), 200);
+    }
+
+    // The room whole, where the program looks under /usr/share, and whole by the packaged tool.
+    const QString room = root.filePath("usr/share/turnelo/scenes/room");
+    EXPECT_EQ(filesAndSizes(room), filesAndSizes(TURNELO_SOURCE_DIR "/scenes/room"));
+    const auto validated = runTool(root.filePath("usr/bin/turnelo-scene"), {"validate", room});
+    ASSERT_EQ(validated.exitCode, 0) << validated.err.constData();
+    const QJsonObject summary = QJsonDocument::fromJson(validated.out).object();
+    EXPECT_EQ(summary.value("framings").toObject().keys(), QStringList({"mid", "wide"})) << validated.out.constData();
+    EXPECT_TRUE(summary.value("missing").toArray().isEmpty()) << validated.out.constData();
+}
