@@ -1,7 +1,9 @@
 // The Debian package that CPack makes from this build tree, unpacked: what lands where, lintian's
-// verdict, and the programs run from where the package puts them.
+// verdict, and the programs run from where the package puts them: the room comes up on a desktop
+// from the packaged room alone, with no network.
 
 #include "TestSupport.h"
+#include "XServer.h"
 
 #include <QDir>
 #include <QDirIterator>
@@ -11,10 +13,13 @@
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QRegularExpression>
+#include <QProcess>
 #include <QSettings>
 #include <QStandardPaths>
 #include <QTemporaryDir>
+#include <cmath>
 #include <gtest/gtest.h>
+#include <iostream>
 
 using namespace testsupport;
 
@@ -101,4 +106,59 @@ TEST(Package, HoldsTheProgramsTheirPagesTheLauncherTheIconsAndTheRoom)
     const QJsonObject summary = QJsonDocument::fromJson(validated.out).object();
     EXPECT_EQ(summary.value("framings").toObject().keys(), QStringList({"mid", "wide"})) << validated.out.constData();
     EXPECT_TRUE(summary.value("missing").toArray().isEmpty()) << validated.out.constData();
+
+    // A first start as a new user would make it: a fresh home, the package's data folder, no
+    // development folder and a content service that does not answer.
+    if (!XServer::installed("openbox") || lavapipeIcd().isEmpty()) {
+        std::cout << "openbox or lavapipe missing: the packaged program is not started\n";
+        return;
+    }
+    XServer x(QStringLiteral("1280x720x24"));
+    QString why;
+    ASSERT_TRUE(x.start(why) && x.startManager("openbox", {"--sm-disable"}, why)) << why.toStdString();
+    QProcessEnvironment env = x.environment();
+    env.remove("TURNELO_SCENES_DIR");
+    env.remove("QT_QPA_PLATFORM");
+    env.insert("XDG_DATA_DIRS", root.filePath("usr/share"));
+    env.insert("VK_ICD_FILENAMES", lavapipeIcd());
+    const auto write = [&](const QStringList &args) {
+        QProcess tool;
+        tool.setProcessEnvironment(env);
+        tool.start(root.filePath("usr/bin/turnelo-defaults"), QStringList{"write"} + args);
+        ASSERT_TRUE(tool.waitForFinished(30000) && tool.exitCode() == 0) << tool.readAllStandardError().toStdString();
+    };
+    write({"onboardingDone", "-bool", "true"});  // the welcome would stand in front of the room
+    write({"contentServiceURL", "-string", "http://127.0.0.1:9/"});
+    write({"weatherServiceURL", "-string", "http://127.0.0.1:9/"});
+    QProcess app;
+    app.setProcessEnvironment(env);
+    app.setProcessChannelMode(QProcess::MergedChannels);
+    app.start(root.filePath("usr/bin/turnelo"), {});
+    ASSERT_TRUE(app.waitForStarted(10000));
+    const auto log = [&] { return QString::fromUtf8(readFile(x.stateHome() + "/Turnelo Dev.log")); };
+    const bool ready = waitUntil([&] { return log().contains("Cena pronta") || app.state() != QProcess::Running; },
+                                 std::chrono::seconds(240));
+    const QImage shot = QImage::fromData(x.run("import", {"-window", "root", "png:-"}), "PNG");
+    app.terminate();
+    if (!app.waitForFinished(10000)) app.kill();
+    ASSERT_TRUE(ready && log().contains("Cena pronta")) << log().toStdString() << app.readAll().toStdString();
+    EXPECT_TRUE(log().contains("sala: " + root.filePath("usr/share/turnelo/scenes/room") + " (embutida)"))
+        << log().toStdString();
+    // Offline: the catalog's failure is logged and retried, and nothing else goes wrong.
+    EXPECT_TRUE(log().contains("Cenas: nova tentativa em 120 s")) << log().toStdString();
+    EXPECT_FALSE(log().contains("Cena indisponível")) << log().toStdString();
+    // The room fills the desktop: not one flat colour, not black.
+    ASSERT_FALSE(shot.isNull());
+    double sum = 0, sum2 = 0;
+    int n = 0;
+    for (int y = 0; y < shot.height(); y += 8)
+        for (int x = 0; x < shot.width(); x += 8, ++n) {
+            const double v = qGray(shot.pixel(x, y));
+            sum += v;
+            sum2 += v * v;
+        }
+    const double mean = sum / n;
+    EXPECT_GT(mean, 8) << "a black desktop";
+    EXPECT_GT(std::sqrt(sum2 / n - mean * mean), 6) << "one flat colour";
+    shot.save(QStringLiteral(TURNELO_BINARY_DIR "/packaged-room.png"));
 }
