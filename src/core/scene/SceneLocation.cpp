@@ -51,6 +51,7 @@ QStringList bundled()
 
 std::optional<QString> bundledRoom()
 {
+    if (development()) return std::nullopt;
     for (const QString &root : bundled())
         if (QFile::exists(root + QStringLiteral("/manifest.json"))) return root;
     return std::nullopt;
@@ -61,7 +62,10 @@ QList<Candidate> candidates()
     QList<Candidate> list;
     if (const auto dev = development()) list.append({*dev, Origin::development});
     list.append({installedRoot(), Origin::installed});
-    for (const QString &root : bundled()) list.append({root, Origin::bundled});
+    // A development folder stands in for the room that ships: a mistake in it must show, not be
+    // covered by the finished room.
+    if (!development())
+        for (const QString &root : bundled()) list.append({root, Origin::bundled});
     return list;
 }
 

@@ -9,7 +9,8 @@
 // Where scenes live, in the order they win: the development folder ("TURNELO_SCENES_DIR", "~"
 // expanded), the scene the installer installed, then the room that ships with the program
 // ("turnelo/scenes/room" under each $XDG_DATA_DIRS entry, or the source tree's "scenes/room" for a
-// program run from its build folder). The shipped room is read in place and never written: a
+// program run from its build folder), unless a development folder is set, which stands in for it.
+// The shipped room is read in place and never written: a
 // newer room or an extra framing goes to the installed scene, which then wins.
 namespace SceneLocation {
 
@@ -26,14 +27,15 @@ bool usesDevelopmentScenes();
 // (default /usr/local/share:/usr/share), then, for a program in a build folder (one holding
 // CMakeCache.txt), the source tree's room beside it.
 QStringList bundled();
-// The first bundled room that holds a manifest; none when no room ships.
+// The first bundled room that holds a manifest; none when no room ships or a development folder
+// is set.
 std::optional<QString> bundledRoom();
 
 struct Candidate {
     QString root;
     Origin origin;
 };
-// The development root (if set), the installed root, then the bundled rooms.
+// The development root and the installed root, or the installed root and the bundled rooms.
 QList<Candidate> candidates();
 
 struct Resolved {

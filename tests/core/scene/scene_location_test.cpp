@@ -52,7 +52,8 @@ TEST(SceneLocation, FoldersAndDevelopmentRoot)
     {
         ScopedEnv dev("TURNELO_SCENES_DIR", "~/scenes/room");
         EXPECT_EQ(*SceneLocation::development(), QDir::homePath() + "/scenes/room");
-        EXPECT_EQ(roots().size(), 3);
+        EXPECT_EQ(roots(), QStringList({QDir::homePath() + "/scenes/room", SceneLocation::installedRoot()}))
+            << "a development folder stands in for the room that ships";
     }
     {
         // Relative entries are not data folders; the defaults stand in for an empty list.
@@ -89,14 +90,16 @@ TEST(SceneLocation, ResolvePrefersAValidDevelopmentSceneAndLogsInvalidOnes)
     EXPECT_TRUE(SceneLocation::usesDevelopmentScenes());
     EXPECT_EQ(SceneLocation::resolve()->root, dev.path());
 
-    EXPECT_EQ(SceneLocation::resolve()->origin, SceneLocation::Origin::development);
-
-    // The room that ships comes last: the installed one wins over it, and it is read where it lies.
+    // The room that ships comes last, and not at all beside a development folder; the installed
+    // one wins over it, and it is read where it lies.
     QTemporaryDir system, local;
     ScopedEnv dirs("XDG_DATA_DIRS", (local.path() + ":" + system.path()).toUtf8());
     const QString shipped = system.filePath("turnelo/scenes/room");
     writeFile(shipped + "/manifest.json", minimalManifest());
-    QFile::remove(dev.filePath("manifest.json"));
+    EXPECT_EQ(SceneLocation::resolve()->origin, SceneLocation::Origin::development);
+    EXPECT_FALSE(SceneLocation::bundledRoom().has_value());
+    ScopedEnv noDev("TURNELO_SCENES_DIR", QByteArray());
+    qunsetenv("TURNELO_SCENES_DIR");
     EXPECT_EQ(SceneLocation::resolve()->origin, SceneLocation::Origin::installed);
     QFile::remove(installed + "/manifest.json");
     resolved = SceneLocation::resolve();
