@@ -89,8 +89,9 @@ void AboutTab::refresh()
         about << PopoverModel::sceneLine(s.status, s.installer);
         about << tr("Technical detail: %1").arg(s.status->problem()->detail);
     }
-    if (const auto room = SceneLocation::resolve(); room && room->root == source) {
-        switch (room->origin) {
+    // The room on screen is known already: only where it lies is looked up, not read again.
+    if (const auto origin = SceneLocation::originOf(source)) {
+        switch (*origin) {
         case SceneLocation::Origin::development:
             about << tr("A development scene folder is in use (TURNELO_SCENES_DIR).");
             break;

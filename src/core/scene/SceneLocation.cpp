@@ -69,6 +69,13 @@ QList<Candidate> candidates()
     return list;
 }
 
+std::optional<Origin> originOf(const QString &root)
+{
+    for (const auto &c : candidates())
+        if (c.root == root) return c.origin;
+    return std::nullopt;
+}
+
 QString originWord(Origin origin)
 {
     switch (origin) {

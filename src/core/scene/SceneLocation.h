@@ -47,6 +47,9 @@ struct Resolved {
 // "Cena: manifest inválido em <path>: <error>" and skipped.
 std::optional<Resolved> resolve();
 
+// Which candidate `root` is, without reading it; none when it is none of them.
+std::optional<Origin> originOf(const QString &root);
+
 // For the log: "desenvolvimento", "instalada" or "embutida".
 QString originWord(Origin origin);
 
