@@ -108,10 +108,6 @@ void AppDelegate::start()
     services.room.weather = weather.get();
     services.windows = windowList.get();
     services.session = session.get();
-    // Awake again: the weather may be hours old although the steady clock stood still.
-    connect(session.get(), &SessionSignals::asleepChanged, this, [this](bool asleep) {
-        if (!asleep && settingsStore->fxWeather() && !power->ecoActive()) weather->woke();
-    });
     DesktopWindowController::Platform platform;
     X11DesktopStacking *stack = stacking.get();
     platform.prepare = [listed](QWindow *w) {

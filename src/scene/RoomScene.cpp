@@ -286,12 +286,19 @@ std::optional<Float4> RoomScene::glassRect() const
 
 bool RoomScene::rainDrawn() const
 {
-    return loaded && rainIntensity > 0 && !ecoOn && s.settings->fxWeather() && loaded->effects->glassRect();
+    return loaded && rainIntensity > 0 && weatherShown() && loaded->effects->glassRect();
+}
+
+bool RoomScene::weatherShown() const { return s.settings->fxWeather() && !ecoOn; }
+
+void RoomScene::woke()
+{
+    if (s.weather && weatherShown()) s.weather->woke();
 }
 
 void RoomScene::clockTick()
 {
-    if (s.weather && s.settings->fxWeather() && !ecoOn) s.weather->refreshIfStale();
+    if (s.weather && weatherShown()) s.weather->refreshIfStale();
     if (!loaded) return;
     const QString mode = s.settings->lightPreset();
     const QDateTime now = QDateTime::currentDateTime();
@@ -324,7 +331,7 @@ void RoomScene::effectsChanged()
     sw.bounce = st.fxBounce();
     sw.stack = st.fxStack();
     sw.panel = st.fxPanel();
-    sw.weather = st.fxWeather() && !ecoOn;
+    sw.weather = weatherShown();
     recordFx = sw.record;
     loaded->effects->setSwitches(sw, ecoOn);
     loaded->effects->setRain(sw.weather ? rainIntensity : 0);
@@ -362,7 +369,7 @@ void RoomScene::weatherChanged(const WeatherService::Now &now)
     s.status->setWeather(SceneStatus::Weather{now.raining, now.intensity});
     rainIntensity = now.raining ? now.intensity : 0;
     if (!loaded) return;
-    loaded->effects->setRain(s.settings->fxWeather() && !ecoOn ? rainIntensity : 0);
+    loaded->effects->setRain(weatherShown() ? rainIntensity : 0);
     touch();  // the rainy day cools the whole room
     emit layersChanged();
 }

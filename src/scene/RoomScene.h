@@ -50,6 +50,8 @@ public:
     // (Re)loads the installed scene; what is on screen stays until the new one is assembled.
     void load();
     void weatherChanged(const WeatherService::Now &now);
+    // The machine woke: the weather may be hours old although the steady clock stood still.
+    void woke();
 
     // Moves the light, the cover, the record and the arm to media time t, the arm's goal worked
     // out afresh from the player's position. Allocation-free once settled; a second call for
@@ -67,6 +69,8 @@ public:
     // Something moves at the last advanced time: the record turns or the arm travels.
     bool moving() const;
     bool rainDrawn() const;
+    // Weather on and battery saver off: the one rule for asking about and drawing the weather.
+    bool weatherShown() const;
     bool steamShown() const { return steamOn && steamPlateRect.has_value(); }
     const std::optional<Float4> &steamRect() const { return steamPlateRect; }
     std::optional<Float4> glassRect() const;
