@@ -21,7 +21,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
             if (!(SceneCatalog::Entry::fromJson(e.toJson()) == e)) std::abort();
         }
         if (!(SceneCatalog::parse(catalog.serialize()) == catalog)) std::abort();
-    } catch (const SceneCatalog::ParseError &) {
+    } catch (const DeliveryError &) {
     }
     return 0;
 }

@@ -13,7 +13,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         ImageDecoder::cropSprite(image, origin);
         ImageDecoder::cropAdditive(image);
         for (int channel = 0; channel < 4; ++channel) ImageDecoder::cropByChannel(image, channel, origin);
-    } catch (const ImageDecoder::Failure &) {
+    } catch (const SceneError &) {
     }
     return 0;
 }

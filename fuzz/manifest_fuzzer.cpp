@@ -28,7 +28,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
             SceneFiles::sections(framing);
             PlateManifest::framingDisplayName(name);
         }
-    } catch (const PlateManifest::DecodeError &) {
+    } catch (const SceneError &) {
     }
     return 0;
 }

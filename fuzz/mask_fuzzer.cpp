@@ -12,7 +12,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         const GrayImage image = ImageDecoder::decodeGray(path);
         ImageDecoder::cropMask(image);
         ImageDecoder::cropShadow(image, {4.0f, 4.0f});
-    } catch (const ImageDecoder::Failure &) {
+    } catch (const SceneError &) {
     }
     return 0;
 }

@@ -23,7 +23,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     bool accepted = true;
     try {
         SceneUnpacker::unpack(archive, folder, limit);
-    } catch (const SceneUnpacker::Failure &) {
+    } catch (const DeliveryError &) {
         accepted = false;  // what it left in the folder is dropped by the caller
     }
     // Whatever was written, refused or not, lies inside the folder; in an accepted package every

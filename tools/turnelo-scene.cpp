@@ -42,11 +42,10 @@ template <typename Check> auto checked(const QString &dir, Check check)
 {
     try {
         return check(dir);
-    } catch (const SceneCheck::NoManifest &error) {
-        throw ToolError(QString::fromUtf8(error.what()));
-    } catch (const PlateManifest::DecodeError &error) {
+    } catch (const SceneError &error) {
+        if (error.kind == SceneError::Kind::noManifest) throw ToolError(error.description());
         throw ToolError(QStringLiteral("Cena: manifest inválido em ") + QDir(dir).absolutePath() +
-                        QStringLiteral(": ") + QString::fromUtf8(error.what()));
+                        QStringLiteral(": ") + error.description());
     }
 }
 
@@ -111,7 +110,7 @@ QJsonObject crop(const QString &file, const QString &kind)
         const auto cropped =
             channel ? cropByChannel(image, *channel) : (kind == "sprite" ? cropSprite(image) : cropAdditive(image));
         return result(image.width, image.height, rectJson(cropped));
-    } catch (const Failure &failure) {
+    } catch (const SceneError &failure) {
         throw ToolError(failure.description());
     }
 }

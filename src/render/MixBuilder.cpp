@@ -219,10 +219,11 @@ TextureRef MixBuilder::build(const std::vector<Term> &terms, const QString &dir,
         // Scoped so each decoded plate is released before the next is read.
         const HalfImage plate = ImageDecoder::decodeEXR(path);
         if (plate.width != width || plate.height != height)
-            throw ImageDecoder::Failure(term.file + QStringLiteral(".exr tem ") + QString::number(plate.width) +
-                                        QStringLiteral("×") + QString::number(plate.height) +
-                                        QStringLiteral(", manifest diz ") + QString::number(width) +
-                                        QStringLiteral("×") + QString::number(height));
+            throw SceneError(SceneError::Kind::badPlate,
+                             term.file + QStringLiteral(".exr tem ") + QString::number(plate.width) +
+                                 QStringLiteral("×") + QString::number(plate.height) +
+                                 QStringLiteral(", manifest diz ") + QString::number(width) + QStringLiteral("×") +
+                                 QString::number(height));
         try {
             addPlate(*context, res, targets, pass, plate, term, local.termsDrawn == 0, local);
         } catch (const VulkanError &e) {
@@ -230,7 +231,8 @@ TextureRef MixBuilder::build(const std::vector<Term> &terms, const QString &dir,
         }
         ++local.termsDrawn;
     }
-    if (local.termsDrawn == 0) throw ImageDecoder::Failure(QStringLiteral("nenhuma plate de luz em ") + dir);
+    if (local.termsDrawn == 0)
+        throw SceneError(SceneError::Kind::badPlate, QStringLiteral("nenhuma plate de luz em ") + dir);
 
     try {
         begin(pass);

@@ -47,7 +47,7 @@ public:
     MixBuilder(const MixBuilder &) = delete;
     MixBuilder &operator=(const MixBuilder &) = delete;
 
-    // One synchronous build. Throws with the message to log: ImageDecoder::Failure for a plate
+    // One synchronous build. Throws with the message to log: SceneError for a plate
     // that cannot be read or has the wrong size, VulkanError (with its VkResult) when the device
     // fails, std::invalid_argument for a size or format it cannot build.
     TextureRef build(const std::vector<Term> &terms, const QString &dir, int width, int height, VkFormat format,

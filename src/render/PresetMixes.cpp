@@ -92,7 +92,7 @@ void PresetMixes::startNext()
         Outcome outcome;
         try {
             outcome.texture = b->build(terms, d, w, h, f);
-        } catch (const ImageDecoder::Failure &e) {
+        } catch (const SceneError &e) {
             outcome.error = e.description();
         } catch (const std::exception &e) {
             outcome.error = QString::fromUtf8(e.what());

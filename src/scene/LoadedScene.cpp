@@ -67,7 +67,7 @@ SceneAssembly::load(SceneRenderer &renderer, const QString &sceneRoot, const Pla
             auto c = ImageDecoder::cropMask(ImageDecoder::decodeGray(QDir(dir).filePath(file)));
             if (!c) return std::nullopt;
             return CroppedTexture{TextureUpload::gray(vk, c->image), rectOf(c->rect)};
-        } catch (const ImageDecoder::Failure &e) {
+        } catch (const SceneError &e) {
             Log::write(QStringLiteral("Cena: máscara indisponível: ") + e.description());
         } catch (const std::exception &e) {
             Log::write(QStringLiteral("Cena: máscara indisponível: ") + QString::fromUtf8(e.what()));
@@ -86,7 +86,7 @@ SceneAssembly::load(SceneRenderer &renderer, const QString &sceneRoot, const Pla
         try {
             auto c = ImageDecoder::cropSprite(ImageDecoder::decodeEXR(QDir(dir).filePath("front/" + name)));
             if (c) s->fronts.push_back({TextureUpload::half(vk, c->image), rectOf(c->rect)});
-        } catch (const ImageDecoder::Failure &e) {
+        } catch (const SceneError &e) {
             Log::write(QStringLiteral("Cena: camada da frente indisponível: ") + e.description());
         }
     }

@@ -136,7 +136,7 @@ std::optional<std::pair<TextureRef, Float4>> SceneEffects::loadMask(const QStrin
     const QString path = QDir(framingDir).filePath(file);
     try {
         QImage probe(path);
-        if (probe.isNull()) throw ImageDecoder::Failure(QStringLiteral("não achei ") + path);
+        if (probe.isNull()) throw SceneError(SceneError::Kind::badPlate, QStringLiteral("não achei ") + path);
         if (QString(what) == "strobe" || QString(what) == "pilha") {
             const QImage rgba = probe.convertToFormat(QImage::Format_RGBA8888);
             const int channel = QString(what) == "strobe" ? 1 : 2;
@@ -158,7 +158,7 @@ std::optional<std::pair<TextureRef, Float4>> SceneEffects::loadMask(const QStrin
         auto cropped = ImageDecoder::cropMask(ImageDecoder::decodeGray(path));
         if (!cropped) return std::nullopt;
         return std::make_pair(TextureUpload::gray(*renderer.vulkan(), cropped->image), rectOf(cropped->rect));
-    } catch (const ImageDecoder::Failure &e) {
+    } catch (const SceneError &e) {
         Log::write(QStringLiteral("Cena: máscara ") + what + QStringLiteral(" indisponível: ") + e.description());
     } catch (const std::exception &e) {
         Log::write(QStringLiteral("Cena: máscara ") + what + QStringLiteral(" indisponível: ") +

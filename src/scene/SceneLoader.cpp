@@ -136,7 +136,7 @@ void SceneLoader::assemble(int generation, const QString &root, const PlateManif
         } catch (const VulkanError &e) {
             outcome->problem = {Reason::gpu, QStringLiteral("erro do dispositivo Vulkan ao montar a cena: ") +
                                                  QString::fromUtf8(e.what())};
-        } catch (const ImageDecoder::Failure &e) {
+        } catch (const SceneError &e) {
             outcome->problem = {Reason::damagedPlates, e.description()};
         } catch (const std::bad_alloc &) {
             outcome->problem = {Reason::gpu, QStringLiteral("memória insuficiente para montar a cena")};

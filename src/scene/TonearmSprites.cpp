@@ -120,7 +120,7 @@ std::optional<TonearmSprites::Frame> TonearmSprites::load(const Key &key) const
             }
         }
         return f;
-    } catch (const ImageDecoder::Failure &e) {
+    } catch (const SceneError &e) {
         Log::write(QStringLiteral("Cena: braço ") + key.first + " " + nn + ": " + e.description());
     } catch (const std::exception &e) {
         Log::write(QStringLiteral("Cena: braço ") + key.first + " " + nn + ": " + QString::fromUtf8(e.what()));

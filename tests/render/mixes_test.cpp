@@ -82,7 +82,7 @@ TEST_F(Mixes, MissingPlatesAreSkippedUntilNoneIsLeftAndAWrongSizeFails)
     auto failure = [&](const std::vector<MixBuilder::Term> &terms, int size) {
         try {
             builder().build(terms, dir, size, size, VK_FORMAT_R16G16B16A16_SFLOAT);
-        } catch (const ImageDecoder::Failure &e) {
+        } catch (const SceneError &e) {
             return e.description();
         }
         return QString("built");

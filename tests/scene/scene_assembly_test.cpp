@@ -221,7 +221,7 @@ TEST_F(SmallScene, WhateverFailsOnTheWayComesBackAsTheReason)
         {[] { throw VulkanError("vkAllocateMemory", VK_ERROR_OUT_OF_DEVICE_MEMORY); }, Reason::gpu},
         {[] { throw VulkanError("vkQueueSubmit", VK_ERROR_DEVICE_LOST); }, Reason::gpu},
         {[] { throw std::bad_alloc(); }, Reason::gpu},
-        {[] { throw ImageDecoder::Failure("room.exr: truncado"); }, Reason::damagedPlates},
+        {[] { throw SceneError(SceneError::Kind::badPlate, "room.exr: truncado"); }, Reason::damagedPlates},
     };
     for (const auto &[raise, reason] : throws) {
         SceneLoader loader(*gpu, r.status, r.settings, [raise = raise](auto &&...) -> SceneLoader::Assembled {

@@ -7,11 +7,10 @@
 
 namespace {
 
-using ParseError = SceneCatalog::ParseError;
-
 [[noreturn]] void missing(const QString &key, const QString &where)
 {
-    throw ParseError(QStringLiteral("%1: chave \"%2\" ausente ou com tipo errado").arg(where, key).toStdString());
+    throw DeliveryError(DeliveryError::Kind::catalog,
+                        QStringLiteral("%1: chave \"%2\" ausente ou com tipo errado").arg(where, key).toStdString());
 }
 
 QString requiredText(const QJsonObject &o, const QString &key, const QString &where)
@@ -109,19 +108,23 @@ SceneCatalog SceneCatalog::parse(const QByteArray &data)
     QJsonParseError error;
     const QJsonDocument doc = QJsonDocument::fromJson(data, &error);
     if (error.error != QJsonParseError::NoError)
-        throw ParseError(
+        throw DeliveryError(
+            DeliveryError::Kind::catalog,
             QStringLiteral("JSON inválido no offset %1: %2").arg(error.offset).arg(error.errorString()).toStdString());
-    if (!doc.isObject()) throw ParseError("o manifesto de cenas não é um objeto JSON");
+    if (!doc.isObject()) throw DeliveryError(DeliveryError::Kind::catalog, "o manifesto de cenas não é um objeto JSON");
     const QJsonObject root = doc.object();
     SceneCatalog catalog;
     const auto version = integerOf(root.value(QStringLiteral("version")));
     if (!version) missing(QStringLiteral("version"), QStringLiteral("manifesto de cenas"));
-    if (*version != 1) throw ParseError(QStringLiteral("manifesto de cenas versão %1").arg(*version).toStdString());
+    if (*version != 1)
+        throw DeliveryError(DeliveryError::Kind::catalog,
+                            QStringLiteral("manifesto de cenas versão %1").arg(*version).toStdString());
     catalog.version = int(*version);
     const QJsonValue scenes = root.value(QStringLiteral("scenes"));
     if (!scenes.isArray()) missing(QStringLiteral("scenes"), QStringLiteral("manifesto de cenas"));
     for (const QJsonValue &v : scenes.toArray()) {
-        if (!v.isObject()) throw ParseError("manifesto de cenas: entrada que não é um objeto");
+        if (!v.isObject())
+            throw DeliveryError(DeliveryError::Kind::catalog, "manifesto de cenas: entrada que não é um objeto");
         catalog.scenes.append(Entry::fromJson(v.toObject()));
     }
     return catalog;

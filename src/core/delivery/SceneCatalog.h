@@ -1,5 +1,7 @@
 #pragma once
 
+#include "core/delivery/DeliveryError.h"
+
 #include <QByteArray>
 #include <QJsonObject>
 #include <QList>
@@ -29,14 +31,8 @@ struct SceneCatalog {
         bool isBase() const;
         // Encoded with the catalog's own keys; absent optionals are left out.
         QJsonObject toJson() const;
-        static Entry fromJson(const QJsonObject &object);  // throws ParseError
+        static Entry fromJson(const QJsonObject &object);  // throws DeliveryError (catalog)
         bool operator==(const Entry &) const = default;
-    };
-
-    // `what()` is the text to log.
-    struct ParseError : std::runtime_error {
-        using std::runtime_error::runtime_error;
-        QString description() const { return QString::fromUtf8(what()); }
     };
 
     enum class Order { ascending, same, descending };
@@ -44,7 +40,7 @@ struct SceneCatalog {
     int version = 0;
     QList<Entry> scenes;
 
-    // Throws ParseError for malformed JSON, a missing or mistyped required key, or a
+    // Throws DeliveryError (catalog) for malformed JSON, a missing or mistyped required key, or a
     // format version other than 1.
     static SceneCatalog parse(const QByteArray &data);
     QByteArray serialize() const;

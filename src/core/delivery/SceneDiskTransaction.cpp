@@ -14,20 +14,16 @@
 
 namespace SceneDisk {
 
-Error::Error(const QString &message)
-    : std::runtime_error(message.toStdString())
-{
-}
-
 namespace {
 
 QString sha256Of(const QString &path)
 {
     QFile f(path);
     if (!f.open(QIODevice::ReadOnly))
-        throw Error(QStringLiteral("não foi possível ler %1: %2").arg(path, f.errorString()));
+        throw DeliveryError(DeliveryError::Kind::disk,
+                            QStringLiteral("não foi possível ler %1: %2").arg(path, f.errorString()));
     QCryptographicHash hash(QCryptographicHash::Sha256);
-    if (!hash.addData(&f)) throw Error(QStringLiteral("erro ao ler %1").arg(path));
+    if (!hash.addData(&f)) throw DeliveryError(DeliveryError::Kind::disk, QStringLiteral("erro ao ler %1").arg(path));
     return QString::fromLatin1(hash.result().toHex());
 }
 
@@ -46,7 +42,7 @@ QString findFramingFolder(const QString &incoming, const QString &name)
         const QString nested = incoming + QLatin1Char('/') + kept.first() + QLatin1Char('/') + name;
         if (QFileInfo(nested).isDir()) return nested;
     }
-    throw Error(QStringLiteral("pacote sem a pasta ") + name);
+    throw DeliveryError(DeliveryError::Kind::package, QStringLiteral("pacote sem a pasta ") + name);
 }
 
 // The room a package brings must be one the application can show, or it would replace a good one
@@ -58,13 +54,15 @@ void checkScene(const QString &dir)
         if (!report.wholeFramings().isEmpty()) return;
         QStringList absent;
         for (const auto &[name, files] : report.missing) absent += files;
-        throw Error(QStringLiteral("pacote sem enquadramento completo; faltam: ") +
-                    absent.mid(0, 5).join(QStringLiteral(", ")) +
-                    (absent.size() > 5 ? QStringLiteral("…") : QString()));
-    } catch (const SceneCheck::NoManifest &) {
-        throw Error(QStringLiteral("pacote sem manifest.json"));
-    } catch (const PlateManifest::DecodeError &e) {
-        throw Error(QStringLiteral("pacote com manifest.json inválido: ") + QString::fromUtf8(e.what()));
+        throw DeliveryError(DeliveryError::Kind::package,
+                            QStringLiteral("pacote sem enquadramento completo; faltam: ") +
+                                absent.mid(0, 5).join(QStringLiteral(", ")) +
+                                (absent.size() > 5 ? QStringLiteral("…") : QString()));
+    } catch (const SceneError &e) {
+        throw DeliveryError(DeliveryError::Kind::package,
+                            e.kind == SceneError::Kind::noManifest
+                                ? QStringLiteral("pacote sem manifest.json")
+                                : QStringLiteral("pacote com manifest.json inválido: ") + e.description());
     }
 }
 
@@ -76,8 +74,9 @@ void verifyDigest(const QString &path, const SceneCatalog::Entry &entry)
 {
     const QString actual = sha256Of(path);
     if (actual.compare(entry.sha256, Qt::CaseInsensitive) != 0)
-        throw Error(QStringLiteral("SHA-256 não confere em %1 (esperado %2, obtido %3)")
-                        .arg(entry.file, entry.sha256.toLower(), actual));
+        throw DeliveryError(DeliveryError::Kind::disk,
+                            QStringLiteral("SHA-256 não confere em %1 (esperado %2, obtido %3)")
+                                .arg(entry.file, entry.sha256.toLower(), actual));
 }
 
 void removeTree(const QString &path)
@@ -91,14 +90,17 @@ void removeTree(const QString &path)
 
 void renameOrThrow(const QString &from, const QString &to)
 {
-    if (!QDir().rename(from, to)) throw Error(QStringLiteral("não foi possível mover %1 para %2").arg(from, to));
+    if (!QDir().rename(from, to))
+        throw DeliveryError(DeliveryError::Kind::disk,
+                            QStringLiteral("não foi possível mover %1 para %2").arg(from, to));
 }
 
 void writeJson(const QString &path, const QJsonObject &object)
 {
     QString error;
     if (!StateFile::write(path, QJsonDocument(object).toJson(QJsonDocument::Indented), &error))
-        throw Error(QStringLiteral("não foi possível gravar %1: %2").arg(path, error));
+        throw DeliveryError(DeliveryError::Kind::disk,
+                            QStringLiteral("não foi possível gravar %1: %2").arg(path, error));
 }
 
 // Unpacks a verified base package and swaps it in: "Scenes" is replaced by two renames, so at
@@ -110,7 +112,8 @@ void installBase(const QString &root, const QString &package, const SceneCatalog
     const QString incoming = root + QLatin1Char('/') + kIncoming;
     const QString old = root + QLatin1Char('/') + kOld;
     removeTree(incoming);
-    if (!QDir().mkpath(incoming)) throw Error(QStringLiteral("não foi possível criar %1").arg(incoming));
+    if (!QDir().mkpath(incoming))
+        throw DeliveryError(DeliveryError::Kind::disk, QStringLiteral("não foi possível criar %1").arg(incoming));
     try {
         SceneUnpacker::unpack(package, incoming, SceneUnpacker::limitFor(entry));
         checkScene(incoming);
@@ -124,7 +127,8 @@ void installBase(const QString &root, const QString &package, const SceneCatalog
     if (hadScene) renameOrThrow(scenes, old);
     if (!QDir().rename(incoming, scenes)) {
         if (hadScene) QDir().rename(old, scenes);
-        throw Error(QStringLiteral("não foi possível mover %1 para %2").arg(incoming, scenes));
+        throw DeliveryError(DeliveryError::Kind::disk,
+                            QStringLiteral("não foi possível mover %1 para %2").arg(incoming, scenes));
     }
     removeTree(old);
 }
@@ -144,7 +148,8 @@ void installFraming(const QString &root, const QString &name, const QList<SceneC
     if (hadFraming) renameOrThrow(target, old + QLatin1Char('/') + name);
     if (!QDir().rename(found, target)) {
         if (hadFraming) QDir().rename(old + QLatin1Char('/') + name, target);
-        throw Error(QStringLiteral("não foi possível mover %1 para %2").arg(found, target));
+        throw DeliveryError(DeliveryError::Kind::disk,
+                            QStringLiteral("não foi possível mover %1 para %2").arg(found, target));
     }
     const QString recordPath = scenes + QLatin1Char('/') + kFramingsRecord;
     QJsonObject record = StateFile::readJson(recordPath).value_or(QJsonDocument()).object();

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "core/delivery/DeliveryError.h"
 #include "core/delivery/SceneCatalog.h"
 
 #include <QJsonObject>
@@ -10,12 +11,8 @@
 // The installed scene on disk and the moves that change it: a base package swapped in by two
 // renames, a framing put in its place, and the recovery of whatever a crash left half done. At
 // every moment either the old or the new scene is whole on disk. Any thread; the installer runs
-// these off the main thread. Failures throw Error with the text to log.
+// these off the main thread. Failures throw DeliveryError (disk) with the text to log.
 namespace SceneDisk {
-
-struct Error : std::runtime_error {
-    explicit Error(const QString &message);
-};
 
 // Folders and files under the support folder ("root") and inside "Scenes".
 inline const QString kScenes = QStringLiteral("Scenes");

@@ -54,7 +54,7 @@ std::optional<SceneCatalog> cachedCatalog(const QString &path)
     if (!doc) return std::nullopt;
     try {
         return SceneCatalog::parse(doc->toJson(QJsonDocument::Compact));
-    } catch (const SceneCatalog::ParseError &) {
+    } catch (const DeliveryError &) {
         return std::nullopt;
     }
 }
@@ -181,7 +181,9 @@ void SceneInstaller::fetchCatalog(std::function<void(std::optional<SceneCatalog>
         const int status = code.toInt();
         try {
             if (status == 304) {
-                if (!cached) throw SceneDisk::Error(QStringLiteral("catálogo em cache ilegível: ") + cache);
+                if (!cached)
+                    throw DeliveryError(DeliveryError::Kind::disk,
+                                        QStringLiteral("catálogo em cache ilegível: ") + cache);
                 then(*cached, {});
             } else if (status == 200) {
                 const QByteArray body = TransferGuard::bodyOf(reply);
@@ -281,7 +283,7 @@ void SceneInstaller::download(const SceneCatalog::Entry &entry, std::function<vo
     // of it is fetched.
     try {
         SceneUnpacker::limitFor(entry);
-    } catch (const SceneUnpacker::Failure &e) {
+    } catch (const DeliveryError &e) {
         PackageDownload::Outcome refused;
         refused.message = QString::fromUtf8(e.what());
         then(refused);
@@ -361,7 +363,7 @@ std::optional<SceneCatalog::Entry> SceneInstaller::installedEntry() const
     if (!doc || !doc->isObject()) return std::nullopt;
     try {
         return SceneCatalog::Entry::fromJson(doc->object());
-    } catch (const SceneCatalog::ParseError &) {
+    } catch (const DeliveryError &) {
         return std::nullopt;
     }
 }

@@ -47,18 +47,22 @@ bool hasDotDot(const QString &name) { return name.split(QLatin1Char('/')).contai
 
 void checkName(const QString &name, const char *what)
 {
-    if (name.isEmpty()) throw Failure(std::string("pacote com ") + what + " vazio");
+    if (name.isEmpty()) throw DeliveryError(DeliveryError::Kind::package, std::string("pacote com ") + what + " vazio");
     if (name.startsWith(QLatin1Char('/')))
-        throw Failure(QStringLiteral("pacote com caminho absoluto: %1").arg(name).toStdString());
-    if (hasDotDot(name)) throw Failure(QStringLiteral("pacote com \"..\" no caminho: %1").arg(name).toStdString());
+        throw DeliveryError(DeliveryError::Kind::package,
+                            QStringLiteral("pacote com caminho absoluto: %1").arg(name).toStdString());
+    if (hasDotDot(name))
+        throw DeliveryError(DeliveryError::Kind::package,
+                            QStringLiteral("pacote com \"..\" no caminho: %1").arg(name).toStdString());
 }
 
 [[noreturn]] void archiveFailure(archive *a, const QString &context)
 {
     const char *text = archive_error_string(a);
-    throw Failure(QStringLiteral("descompactação falhou (%1): %2")
-                      .arg(context, text ? QString::fromUtf8(text) : QStringLiteral("erro desconhecido"))
-                      .toStdString());
+    throw DeliveryError(DeliveryError::Kind::package,
+                        QStringLiteral("descompactação falhou (%1): %2")
+                            .arg(context, text ? QString::fromUtf8(text) : QStringLiteral("erro desconhecido"))
+                            .toStdString());
 }
 
 }  // namespace
@@ -69,19 +73,22 @@ qint64 limitFor(const SceneCatalog::Entry &entry)
     const qint64 claim = *entry.unpackedSize;
     const qint64 allowed = std::min(entry.size * kMaxRatio, kMaxBytes);
     if (claim < 1 || claim > allowed)
-        throw Failure(QStringLiteral("pacote %1 declara %2 bytes descompactados para %3 bytes; o limite é %4")
-                          .arg(entry.file)
-                          .arg(claim)
-                          .arg(entry.size)
-                          .arg(allowed)
-                          .toStdString());
+        throw DeliveryError(DeliveryError::Kind::package,
+                            QStringLiteral("pacote %1 declara %2 bytes descompactados para %3 bytes; o limite é %4")
+                                .arg(entry.file)
+                                .arg(claim)
+                                .arg(entry.size)
+                                .arg(allowed)
+                                .toStdString());
     return claim;
 }
 
 qint64 unpack(const QString &archivePath, const QString &folder, qint64 maxBytes, int maxEntries)
 {
     const QString root = QFileInfo(folder).canonicalFilePath();
-    if (root.isEmpty()) throw Failure(QStringLiteral("pasta de destino inexistente: %1").arg(folder).toStdString());
+    if (root.isEmpty())
+        throw DeliveryError(DeliveryError::Kind::package,
+                            QStringLiteral("pasta de destino inexistente: %1").arg(folder).toStdString());
 
     std::unique_ptr<archive, ReadCloser> in(archive_read_new());
     archive_read_support_format_zip(in.get());
@@ -101,7 +108,8 @@ qint64 unpack(const QString &archivePath, const QString &folder, qint64 maxBytes
         if (r == ARCHIVE_EOF) break;
         if (r < ARCHIVE_WARN) archiveFailure(in.get(), archivePath);
         if (++entries > maxEntries)
-            throw Failure(QStringLiteral("pacote com mais de %1 entradas").arg(maxEntries).toStdString());
+            throw DeliveryError(DeliveryError::Kind::package,
+                                QStringLiteral("pacote com mais de %1 entradas").arg(maxEntries).toStdString());
 
         QString name = entryName(e);
         checkName(name, "nome");
@@ -110,7 +118,8 @@ qint64 unpack(const QString &archivePath, const QString &folder, qint64 maxBytes
         // "a//b/" and "a/b" are one path on disk: the later entry would silently replace the earlier.
         const QString path = QDir::cleanPath(name);
         if (names.contains(path))
-            throw Failure(QStringLiteral("pacote com entrada repetida: %1").arg(path).toStdString());
+            throw DeliveryError(DeliveryError::Kind::package,
+                                QStringLiteral("pacote com entrada repetida: %1").arg(path).toStdString());
         names.insert(path);
 
         const mode_t type = archive_entry_filetype(e);
@@ -124,7 +133,8 @@ qint64 unpack(const QString &archivePath, const QString &folder, qint64 maxBytes
             const QString dir =
                 name.contains(QLatin1Char('/')) ? name.left(name.lastIndexOf(QLatin1Char('/')) + 1) : QString();
             if (target.isEmpty() || target.startsWith(QLatin1Char('/')) || !staysInside(dir + target))
-                throw Failure(
+                throw DeliveryError(
+                    DeliveryError::Kind::package,
                     QStringLiteral("pacote com link para fora da pasta: %1 -> %2").arg(name, target).toStdString());
             links.append(name);
         } else if (type == AE_IFDIR) {
@@ -135,7 +145,8 @@ qint64 unpack(const QString &archivePath, const QString &folder, qint64 maxBytes
             // (8 bytes of data, 300 MB on disk as a sparse file). The file gets what its data holds.
             archive_entry_unset_size(e);
         } else {
-            throw Failure(QStringLiteral("pacote com arquivo especial: %1").arg(name).toStdString());
+            throw DeliveryError(DeliveryError::Kind::package,
+                                QStringLiteral("pacote com arquivo especial: %1").arg(name).toStdString());
         }
         archive_entry_copy_pathname(e, QFile::encodeName(root + QLatin1Char('/') + name).constData());
 
@@ -150,9 +161,10 @@ qint64 unpack(const QString &archivePath, const QString &folder, qint64 maxBytes
                 if (d < ARCHIVE_WARN) archiveFailure(in.get(), name);
                 written += qint64(size);
                 if (written > maxBytes)
-                    throw Failure(QStringLiteral("pacote maior que o permitido: mais de %1 bytes descompactados")
-                                      .arg(maxBytes)
-                                      .toStdString());
+                    throw DeliveryError(DeliveryError::Kind::package,
+                                        QStringLiteral("pacote maior que o permitido: mais de %1 bytes descompactados")
+                                            .arg(maxBytes)
+                                            .toStdString());
                 if (archive_write_data_block(out.get(), buffer, size, offset) < ARCHIVE_WARN)
                     archiveFailure(out.get(), name);
             }
@@ -165,7 +177,8 @@ qint64 unpack(const QString &archivePath, const QString &folder, qint64 maxBytes
     for (const QString &name : links) {
         const QString real = QFileInfo(root + QLatin1Char('/') + name).canonicalFilePath();
         if (real.isEmpty() || !(real == root || real.startsWith(root + QLatin1Char('/'))))
-            throw Failure(QStringLiteral("pacote com link para fora da pasta: %1").arg(name).toStdString());
+            throw DeliveryError(DeliveryError::Kind::package,
+                                QStringLiteral("pacote com link para fora da pasta: %1").arg(name).toStdString());
     }
     return written;
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "core/delivery/DeliveryError.h"
 #include "core/delivery/SceneCatalog.h"
 
 #include <QString>
@@ -18,11 +19,6 @@
 // entries in the folder: callers unpack into a staging folder and drop it on failure.
 namespace SceneUnpacker {
 
-// `what()` is the text to log.
-struct Failure : std::runtime_error {
-    using std::runtime_error::runtime_error;
-};
-
 // A package unpacks to at most this many times its size, and never to more than kMaxBytes:
 // plates are compressed already, so a real package unpacks to about its own size.
 inline constexpr qint64 kMaxRatio = 30;
@@ -31,11 +27,11 @@ inline constexpr int kMaxEntries = 10000;
 
 // Largest number of unpacked bytes allowed for a package: its declared "unpacked_size" when the
 // catalog gives one, else 16 × its size + 64 MiB (room for raw test plates), within kMaxBytes.
-// Throws Failure for a declared size that the bounds above rule out, so that a package claiming
+// Throws DeliveryError (package) for a declared size that the bounds above rule out, so that a package claiming
 // gigabytes from a few megabytes is refused before it is downloaded or unpacked.
 qint64 limitFor(const SceneCatalog::Entry &entry);
 
-// Returns the number of bytes written, never more than `maxBytes`. Throws Failure.
+// Returns the number of bytes written, never more than `maxBytes`. Throws DeliveryError (package).
 qint64 unpack(const QString &archive, const QString &folder, qint64 maxBytes, int maxEntries = kMaxEntries);
 
 }  // namespace SceneUnpacker

@@ -17,11 +17,6 @@
 
 namespace ImageDecoder {
 
-Failure::Failure(const QString &description)
-    : std::runtime_error(description.toStdString())
-{
-}
-
 namespace {
 
 QString unreadable(const QString &path)
@@ -33,7 +28,8 @@ QString unreadable(const QString &path)
 void requireReadable(const QString &path)
 {
     QFile file(path);
-    if (!file.open(QIODevice::ReadOnly)) throw Failure(QStringLiteral("não achei ") + path);
+    if (!file.open(QIODevice::ReadOnly))
+        throw SceneError(SceneError::Kind::badPlate, QStringLiteral("não achei ") + path);
 }
 
 constexpr uint16_t halfOne = 0x3C00;
@@ -79,7 +75,7 @@ HalfImage decodeEXR(const QString &path)
     }();
     (void)pool;
     const QByteArray native = QFile::encodeName(path);
-    if (!windowsFit(native)) throw Failure(unreadable(path));
+    if (!windowsFit(native)) throw SceneError(SceneError::Kind::badPlate, unreadable(path));
     try {
         Imf::InputFile file(native.constData());
         const Imf::Header &header = file.header();
@@ -90,7 +86,8 @@ HalfImage decodeEXR(const QString &path)
         };
         const bool hasAlpha = channels.findChannel("A") != nullptr;
         if (!isHalf("R") || !isHalf("G") || !isHalf("B") || (hasAlpha && !isHalf("A")))
-            throw Failure(QFileInfo(path).fileName() + QStringLiteral(": precisa ser EXR half RGB(A)"));
+            throw SceneError(SceneError::Kind::badPlate,
+                             QFileInfo(path).fileName() + QStringLiteral(": precisa ser EXR half RGB(A)"));
 
         // Plates are addressed in plate pixels: the raster has the display window's size and the
         // data window sits where it says; what the data window does not cover stays zero, and
@@ -103,7 +100,7 @@ HalfImage decodeEXR(const QString &path)
         // The header check above cannot speak for a header only this reader accepts.
         if (image.width <= 0 || image.height <= 0 || !fits(display) || data.max.x < data.min.x ||
             data.max.y < data.min.y || !fits(data))
-            throw Failure(unreadable(path));
+            throw SceneError(SceneError::Kind::badPlate, unreadable(path));
         image.pixels.assign(size_t(image.width) * size_t(image.height) * 4, 0);
 
         const Imath::Box2i kept(Imath::V2i(std::max(data.min.x, display.min.x), std::max(data.min.y, display.min.y)),
@@ -140,11 +137,11 @@ HalfImage decodeEXR(const QString &path)
                                 ((kept.min.y - display.min.y + y) * image.width + (kept.min.x - display.min.x)) * 4);
         }
         return image;
-    } catch (const Failure &) {
+    } catch (const SceneError &) {
         throw;
     } catch (const std::exception &) {
         // Not an EXR, truncated, or a compression newer than this reader.
-        throw Failure(unreadable(path));
+        throw SceneError(SceneError::Kind::badPlate, unreadable(path));
     }
 }
 
@@ -153,7 +150,7 @@ GrayImage decodeGray(const QString &path)
     requireReadable(path);
     QImageReader reader(path);
     QImage source = reader.read();
-    if (source.isNull()) throw Failure(unreadable(path));
+    if (source.isNull()) throw SceneError(SceneError::Kind::badPlate, unreadable(path));
     if (source.format() != QImage::Format_Grayscale8) source = source.convertToFormat(QImage::Format_Grayscale8);
     GrayImage image;
     image.width = source.width();

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "core/scene/PlateImages.h"
+#include "core/scene/SceneError.h"
 
 #include <QString>
 #include <optional>
@@ -10,19 +11,13 @@
 // GPU stores only what holds content. Pure functions; safe on any thread.
 namespace ImageDecoder {
 
-// The text is the log message.
-struct Failure : std::runtime_error {
-    explicit Failure(const QString &description);
-    QString description() const { return QString::fromUtf8(what()); }
-};
-
 struct Origin {
     float x = 0;
     float y = 0;
 };
 
 // OpenEXR half RGB or RGBA (RGB gains A = 1), any compression the library reads. The raster
-// has the display window's size; pixels outside the data window are zero. Throws Failure:
+// has the display window's size; pixels outside the data window are zero. Throws SceneError (badPlate):
 // "não achei <path>", "ImageIO não lê <name> (arquivo danificado ou formato desconhecido)",
 // "<name>: precisa ser EXR half RGB(A)".
 HalfImage decodeEXR(const QString &path);

@@ -9,11 +9,10 @@
 
 namespace {
 
-using Error = PlateManifest::DecodeError;
-
 [[noreturn]] void fail(const QString &path, const QString &problem)
 {
-    throw Error((path.isEmpty() ? problem : path + QStringLiteral(": ") + problem).toStdString());
+    throw SceneError(SceneError::Kind::badManifest,
+                     (path.isEmpty() ? problem : path + QStringLiteral(": ") + problem).toStdString());
 }
 
 QString kindOf(const QJsonValue &v)

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "core/scene/JSONValue.h"
+#include "core/scene/SceneError.h"
 
 #include <QByteArray>
 #include <QString>
@@ -99,11 +100,6 @@ struct PlateManifest {
     };
     using Preset = std::map<QString, JSONValue>;
 
-    // The decoder's error; `what()` names the field, e.g. "framings.mid.camera.P: …".
-    struct DecodeError : std::runtime_error {
-        using std::runtime_error::runtime_error;
-    };
-
     long long contract = 0;
     QStringList sunKeys;
     QStringList groups;
@@ -116,7 +112,8 @@ struct PlateManifest {
     std::vector<QStringList> clock;
     std::map<QString, Framing> framings;
 
-    // Throws DecodeError for unreadable JSON, a missing required field or a wrong type.
+    // Throws SceneError (badManifest; `what()` names the field, e.g. "framings.mid.camera.P: …") for unreadable JSON, a
+    // missing required field or a wrong type.
     static PlateManifest decode(const QByteArray &json);
 
     // "manha", "dia", "tarde", "noite" when present, then the other presets sorted.

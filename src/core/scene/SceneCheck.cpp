@@ -19,12 +19,13 @@ PlateManifest readManifest(const QString &dir)
 {
     QFile file(QDir(dir).absolutePath() + QStringLiteral("/manifest.json"));
     if (!file.open(QIODevice::ReadOnly))
-        throw NoManifest(QStringLiteral("não achei %1").arg(file.fileName()).toStdString());
+        throw SceneError(SceneError::Kind::noManifest,
+                         QStringLiteral("não achei %1").arg(file.fileName()).toStdString());
     if (file.size() > kMaxManifestBytes)
-        throw PlateManifest::DecodeError(QStringLiteral("manifest com %1 bytes, o limite é %2")
-                                             .arg(file.size())
-                                             .arg(kMaxManifestBytes)
-                                             .toStdString());
+        throw SceneError(SceneError::Kind::badManifest, QStringLiteral("manifest com %1 bytes, o limite é %2")
+                                                            .arg(file.size())
+                                                            .arg(kMaxManifestBytes)
+                                                            .toStdString());
     return PlateManifest::decode(file.readAll());
 }
 

@@ -12,11 +12,6 @@
 // that the folder lacks.
 namespace SceneCheck {
 
-// The folder has no "manifest.json"; `what()` is the text to log.
-struct NoManifest : std::runtime_error {
-    using std::runtime_error::runtime_error;
-};
-
 struct Report {
     PlateManifest manifest;
     std::map<QString, QStringList> missing;  // framing → files it names that are not there, sorted
@@ -28,7 +23,7 @@ struct Report {
 // A manifest larger than this is no scene's: it is refused rather than read into memory.
 inline constexpr qint64 kMaxManifestBytes = 16 << 20;
 
-// Throws NoManifest, or PlateManifest::DecodeError when the manifest does not decode.
+// Throws SceneError: noManifest, or badManifest when it does not decode.
 PlateManifest readManifest(const QString &dir);
 Report check(const QString &dir);
 

@@ -96,7 +96,7 @@ std::optional<Resolved> resolve()
         if (!file.open(QIODevice::ReadOnly)) continue;
         try {
             return Resolved{root, PlateManifest::decode(file.readAll()), origin};
-        } catch (const PlateManifest::DecodeError &error) {
+        } catch (const SceneError &error) {
             Log::write(QStringLiteral("Cena: manifest inválido em ") + root + QStringLiteral(": ") +
                        QString::fromUtf8(error.what()));
         }

@@ -60,7 +60,7 @@ TEST(SceneCatalog, RejectsOtherVersionsAndBrokenDocuments)
     try {
         SceneCatalog::parse(R"({"version":2,"scenes":[]})");
         FAIL() << "version 2 accepted";
-    } catch (const SceneCatalog::ParseError &e) {
+    } catch (const DeliveryError &e) {
         EXPECT_EQ(e.description(), QStringLiteral("manifesto de cenas versão 2"));
     }
     // Malformed JSON, a missing or mistyped required key.
@@ -68,7 +68,7 @@ TEST(SceneCatalog, RejectsOtherVersionsAndBrokenDocuments)
                             R"({"version":1,"scenes":[{"id":"a","title":"t","file":"f","sha256":"x"}]})",
                             R"({"version":1,"scenes":[{"id":"a","title":"t","file":"f","size":"9","sha256":"x"}]})",
                             R"({"version":1,"scenes":[{"id":"a","title":"t","file":"f","size":1.5,"sha256":"x"}]})"})
-        EXPECT_THROW(SceneCatalog::parse(doc), SceneCatalog::ParseError) << doc;
+        EXPECT_THROW(SceneCatalog::parse(doc), DeliveryError) << doc;
 }
 
 TEST(SceneCatalog, ComparesVersionsPieceByPiece)

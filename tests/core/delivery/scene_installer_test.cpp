@@ -409,12 +409,12 @@ TEST_F(SceneInstallerTest, UnpackerKeepsInnerLinksAndEnforcesItsBounds)
     try {
         SceneUnpacker::unpack(zip, into, 1001);
         FAIL() << "bound not enforced";
-    } catch (const SceneUnpacker::Failure &e) {
+    } catch (const DeliveryError &e) {
         EXPECT_TRUE(QString::fromUtf8(e.what()).contains("pacote maior que o permitido"));
     }
 
     put(tmp.path() + "/notzip.zip", "this is not an archive");
-    EXPECT_THROW(SceneUnpacker::unpack(tmp.path() + "/notzip.zip", into, 1 << 20), SceneUnpacker::Failure);
+    EXPECT_THROW(SceneUnpacker::unpack(tmp.path() + "/notzip.zip", into, 1 << 20), DeliveryError);
 
     // One path twice, however it is spelled; more entries than allowed.
     const auto refusal = [&](const QString &archive, int maxEntries) {
@@ -422,7 +422,7 @@ TEST_F(SceneInstallerTest, UnpackerKeepsInnerLinksAndEnforcesItsBounds)
         QDir().mkpath(into);
         try {
             SceneUnpacker::unpack(archive, into, 1 << 20, maxEntries);
-        } catch (const SceneUnpacker::Failure &e) {
+        } catch (const DeliveryError &e) {
             return QString::fromUtf8(e.what());
         }
         return QString();
@@ -441,16 +441,16 @@ TEST_F(SceneInstallerTest, UnpackerKeepsInnerLinksAndEnforcesItsBounds)
     claimed.unpackedSize = 2 << 20;
     QDir(into).removeRecursively();
     QDir().mkpath(into);
-    EXPECT_THROW(SceneUnpacker::unpack(bomb, into, SceneUnpacker::limitFor(claimed)), SceneUnpacker::Failure);
+    EXPECT_THROW(SceneUnpacker::unpack(bomb, into, SceneUnpacker::limitFor(claimed)), DeliveryError);
     EXPECT_LE(QFileInfo(into + "/a").size() + QFileInfo(into + "/b").size(), 10 << 20);
     // Claims the package size cannot account for: more than 30 times it, past 2 GiB, or nothing.
     for (const qint64 claim : {claimed.size * 30 + 1, qint64(0)}) {
         claimed.unpackedSize = claim;
-        EXPECT_THROW(SceneUnpacker::limitFor(claimed), SceneUnpacker::Failure) << claim;
+        EXPECT_THROW(SceneUnpacker::limitFor(claimed), DeliveryError) << claim;
     }
     claimed.size = qint64(1) << 30;
     claimed.unpackedSize = qint64(3) << 30;
-    EXPECT_THROW(SceneUnpacker::limitFor(claimed), SceneUnpacker::Failure);
+    EXPECT_THROW(SceneUnpacker::limitFor(claimed), DeliveryError);
     claimed.unpackedSize.reset();
     EXPECT_EQ(SceneUnpacker::limitFor(claimed), qint64(2) << 30);
 }

@@ -72,7 +72,7 @@ std::string failureOf(const std::function<void()> &f)
 {
     try {
         f();
-    } catch (const Failure &e) {
+    } catch (const SceneError &e) {
         return e.what();
     }
     return {};

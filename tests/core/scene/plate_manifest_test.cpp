@@ -15,7 +15,7 @@ std::string errorOf(const QByteArray &json)
 {
     try {
         PlateManifest::decode(json);
-    } catch (const PlateManifest::DecodeError &e) {
+    } catch (const SceneError &e) {
         return e.what();
     }
     return {};
