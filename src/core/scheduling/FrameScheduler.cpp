@@ -48,10 +48,10 @@ FrameScheduler::FrameScheduler(int fps, MediaClock mediaClock,
 
     tick.setTimerType(Qt::PreciseTimer);
     tick.setInterval(intervalFor(this->fps));
-    connect(&tick, &QTimer::timeout, this, &FrameScheduler::onTick);
+    connect(&tick, &QTimer::timeout, this, &FrameScheduler::frameTick);
 
     probeTimer.setInterval(kProbeIntervalMs);
-    connect(&probeTimer, &QTimer::timeout, this, &FrameScheduler::onProbeTick);
+    connect(&probeTimer, &QTimer::timeout, this, &FrameScheduler::probeTick);
     probeTimer.start();
 
     lastWall = clock.now();
@@ -143,7 +143,7 @@ void FrameScheduler::applySessionEvent(bool &flag, bool value, const char *onNam
     update();
 }
 
-void FrameScheduler::onProbeTick()
+void FrameScheduler::probeTick()
 {
     ++probeTicks;
     probeCoverage(false);
@@ -190,7 +190,7 @@ void FrameScheduler::setCovered(bool value)
     update();
 }
 
-void FrameScheduler::onTick()
+void FrameScheduler::frameTick()
 {
     ++frames;
     if (onFrame) onFrame(clock.now());

@@ -79,6 +79,12 @@ public:
     // Stops the tick and both timers and lets go of the window list and session signals.
     void invalidate();
 
+    // The three timers' beats: a frame, a coverage probe (250 ms), a performance line. Whoever
+    // steps time itself (a test) calls them directly instead of waiting for the timers.
+    void frameTick();
+    void probeTick();
+    void writePerfLine();
+
     // The rate for the next frames: the base rate while anything moves (15 under battery
     // saver); when still, 20 while rain is drawn on the glass (its drops keep running), else 15.
     static int nextRate(bool moving, bool rainDrawn, int baseFps, bool ecoActive);
@@ -89,9 +95,6 @@ private:
     void setCovered(bool value);
     // Whether every sample point of the animated area lies under an opaque listed window.
     bool areaHidden() const;
-    void onProbeTick();
-    void onTick();
-    void writePerfLine();
     // Applies one lock/sleep/session flag change, logging when the room's visibility flips.
     void applySessionEvent(bool &flag, bool value, const char *onName, const char *offName);
 
