@@ -9,7 +9,7 @@ OffscreenTarget::OffscreenTarget(std::shared_ptr<VulkanContext> ctx, uint32_t wi
 {
     image = context->createTexture(VK_FORMAT_B8G8R8A8_UNORM, width, height,
                                    VK_IMAGE_USAGE_COLOR_ATTACHMENT_BIT | VK_IMAGE_USAGE_TRANSFER_SRC_BIT |
-                                       VK_IMAGE_USAGE_SAMPLED_BIT);
+                                       VK_IMAGE_USAGE_TRANSFER_DST_BIT | VK_IMAGE_USAGE_SAMPLED_BIT);
 }
 
 OffscreenTarget::~OffscreenTarget()
@@ -33,6 +33,7 @@ std::optional<TargetImage> OffscreenTarget::acquire()
     t.height = image->height;
     t.finalLayout = VK_IMAGE_LAYOUT_TRANSFER_SRC_OPTIMAL;
     t.framebuffer = &framebuffer;
+    t.copyable = true;
     return t;
 }
 

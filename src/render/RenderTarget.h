@@ -18,6 +18,7 @@ struct TargetImage {
     // The target's framebuffer for this image: the renderer makes it on first use and the target
     // destroys it with the image, so a steady frame creates none. Null: one per frame.
     VkFramebuffer *framebuffer = nullptr;
+    bool copyable = false;  // it can be a transfer destination (a pass may copy pixels into it)
 };
 
 // Something the renderer draws into: an offscreen image now, a window's swapchain image

@@ -235,13 +235,15 @@ SceneRenderer::~SceneRenderer()
     frameSlots.clear();
 }
 
-VkRenderPass SceneRenderer::targetPass(VkImageLayout finalLayout)
+VkRenderPass SceneRenderer::targetPass(VkImageLayout finalLayout, bool loaded)
 {
-    auto it = targetPasses.find(finalLayout);
+    auto it = targetPasses.find({finalLayout, loaded});
     if (it != targetPasses.end()) return it->second;
-    VkRenderPass pass = makeRenderPass(context->device, VK_FORMAT_B8G8R8A8_UNORM, VK_ATTACHMENT_LOAD_OP_DONT_CARE,
-                                       VK_IMAGE_LAYOUT_UNDEFINED, finalLayout);
-    targetPasses.emplace(finalLayout, RenderPassHandle(context->device, pass));
+    VkRenderPass pass =
+        makeRenderPass(context->device, VK_FORMAT_B8G8R8A8_UNORM,
+                       loaded ? VK_ATTACHMENT_LOAD_OP_LOAD : VK_ATTACHMENT_LOAD_OP_DONT_CARE,
+                       loaded ? VK_IMAGE_LAYOUT_COLOR_ATTACHMENT_OPTIMAL : VK_IMAGE_LAYOUT_UNDEFINED, finalLayout);
+    targetPasses.emplace(std::pair{finalLayout, loaded}, RenderPassHandle(context->device, pass));
     return pass;
 }
 
@@ -313,10 +315,35 @@ void SceneRenderer::bindTextures(FrameSlot &slot, const SceneTextures &textures)
     }
 }
 
+// The base's pixels under a layer at (x, y), copied into the layer's image, which is left in
+// colour-attachment layout for a pass that loads it. Parts beyond the base stay as they were.
+void SceneRenderer::copyUnder(VkCommandBuffer cmd, const GpuTexture &base, int32_t x, int32_t y,
+                              const TargetImage &image)
+{
+    // Written by an earlier frame's pass: its writes become visible to this copy.
+    transitionImage(cmd, base.image, VK_IMAGE_LAYOUT_TRANSFER_SRC_OPTIMAL, VK_IMAGE_LAYOUT_TRANSFER_SRC_OPTIMAL);
+    transitionImage(cmd, image.image, VK_IMAGE_LAYOUT_UNDEFINED, VK_IMAGE_LAYOUT_TRANSFER_DST_OPTIMAL);
+    const int32_t left = std::max(x, 0), top = std::max(y, 0);
+    const int32_t right = std::min<int32_t>(x + int32_t(image.width), int32_t(base.width));
+    const int32_t bottom = std::min<int32_t>(y + int32_t(image.height), int32_t(base.height));
+    if (right > left && bottom > top) {
+        VkImageCopy region{};
+        region.srcSubresource = {VK_IMAGE_ASPECT_COLOR_BIT, 0, 0, 1};
+        region.srcOffset = {left, top, 0};
+        region.dstSubresource = {VK_IMAGE_ASPECT_COLOR_BIT, 0, 0, 1};
+        region.dstOffset = {left - x, top - y, 0};
+        region.extent = {uint32_t(right - left), uint32_t(bottom - top), 1};
+        vkCmdCopyImage(cmd, base.image, VK_IMAGE_LAYOUT_TRANSFER_SRC_OPTIMAL, image.image,
+                       VK_IMAGE_LAYOUT_TRANSFER_DST_OPTIMAL, 1, &region);
+    }
+    transitionImage(cmd, image.image, VK_IMAGE_LAYOUT_TRANSFER_DST_OPTIMAL, VK_IMAGE_LAYOUT_COLOR_ATTACHMENT_OPTIMAL);
+}
+
 // One pass into `target`, its uniforms at the slot's next offset, with the steam laid over it
 // when `over` is given. A target with no image this frame is skipped.
 void SceneRenderer::encode(FrameSlot &slot, uint32_t &uniformIndex, RenderTarget *target, VkPipeline pipeline,
-                           VkDescriptorSet set, const void *bytes, size_t size, const SteamUniforms *over)
+                           VkDescriptorSet set, const void *bytes, size_t size, const SteamUniforms *over,
+                           const GpuTexture *under, VkRect2D shadedPart)
 {
     VkDevice device = context->device;
     if (!target) return;
@@ -324,7 +351,12 @@ void SceneRenderer::encode(FrameSlot &slot, uint32_t &uniformIndex, RenderTarget
     if (!image) return;  // no image this frame: the pass is skipped
     const uint32_t offset = uint32_t(uniformStride * uniformIndex++);
     std::memcpy(static_cast<char *>(slot.uniforms->mapped) + offset, bytes, size);
-    const VkRenderPass renderPass = targetPass(image->finalLayout);
+    const bool copied = under && over && image->copyable;
+    if (copied) {
+        const auto *origin = static_cast<const SceneUniforms *>(bytes);
+        copyUnder(slot.cmd, *under, int32_t(origin->origin[0]), int32_t(origin->origin[1]), *image);
+    }
+    const VkRenderPass renderPass = targetPass(image->finalLayout, copied);
     VkFramebuffer fb = image->framebuffer ? *image->framebuffer : VK_NULL_HANDLE;
     if (!fb) {
         VkFramebufferCreateInfo fci{VK_STRUCTURE_TYPE_FRAMEBUFFER_CREATE_INFO};
@@ -345,13 +377,18 @@ void SceneRenderer::encode(FrameSlot &slot, uint32_t &uniformIndex, RenderTarget
     rbi.framebuffer = fb;
     rbi.renderArea = {{0, 0}, {image->width, image->height}};
     vkCmdBeginRenderPass(slot.cmd, &rbi, VK_SUBPASS_CONTENTS_INLINE);
-    vkCmdBindPipeline(slot.cmd, VK_PIPELINE_BIND_POINT_GRAPHICS, pipeline);
-    vkCmdBindDescriptorSets(slot.cmd, VK_PIPELINE_BIND_POINT_GRAPHICS, sceneLayout, 0, 1, &set, 1, &offset);
     VkViewport vp{0, 0, float(image->width), float(image->height), 0, 1};
     VkRect2D sc{{0, 0}, {image->width, image->height}};
     vkCmdSetViewport(slot.cmd, 0, 1, &vp);
     vkCmdSetScissor(slot.cmd, 0, 1, &sc);
-    vkCmdDraw(slot.cmd, 3, 1, 0, 0);
+    const bool shadeAll = !copied;
+    if (shadeAll || (shadedPart.extent.width > 0 && shadedPart.extent.height > 0)) {
+        if (!shadeAll) vkCmdSetScissor(slot.cmd, 0, 1, &shadedPart);
+        vkCmdBindPipeline(slot.cmd, VK_PIPELINE_BIND_POINT_GRAPHICS, pipeline);
+        vkCmdBindDescriptorSets(slot.cmd, VK_PIPELINE_BIND_POINT_GRAPHICS, sceneLayout, 0, 1, &set, 1, &offset);
+        vkCmdDraw(slot.cmd, 3, 1, 0, 0);
+        if (!shadeAll) vkCmdSetScissor(slot.cmd, 0, 1, &sc);
+    }
     if (over) {
         const uint32_t steamOffset = uint32_t(uniformStride * uniformIndex++);
         std::memcpy(static_cast<char *>(slot.uniforms->mapped) + steamOffset, over, sizeof(SteamUniforms));
@@ -394,6 +431,10 @@ void SceneRenderer::draw(const std::optional<Pass> &base, const std::vector<Pass
         VkCommandBufferBeginInfo bi{VK_STRUCTURE_TYPE_COMMAND_BUFFER_BEGIN_INFO};
         bi.flags = VK_COMMAND_BUFFER_USAGE_ONE_TIME_SUBMIT_BIT;
         vkCheck(vkBeginCommandBuffer(slot.cmd, &bi), "vkBeginCommandBuffer");
+        // Images this frame draws into may still be read by copies of earlier frames (a base
+        // shown in a window, the room under the steam): those reads end before any drawing starts.
+        vkCmdPipelineBarrier(slot.cmd, VK_PIPELINE_STAGE_TRANSFER_BIT, VK_PIPELINE_STAGE_COLOR_ATTACHMENT_OUTPUT_BIT, 0,
+                             0, nullptr, 0, nullptr, 0, nullptr);
         if (slot.queries) {
             vkCmdResetQueryPool(slot.cmd, slot.queries, 0, 2);
             vkCmdWriteTimestamp(slot.cmd, VK_PIPELINE_STAGE_TOP_OF_PIPE_BIT, slot.queries, 0);
@@ -410,7 +451,7 @@ void SceneRenderer::draw(const std::optional<Pass> &base, const std::vector<Pass
                    steamOf(*base));
         for (const Pass &layer : layers)
             encode(slot, uniformIndex, layer.target, composite, slot.sets[0], &layer.uniforms, sizeof(SceneUniforms),
-                   steamOf(layer));
+                   steamOf(layer), layer.under, layer.shadedPart);
         if (steam)
             encode(slot, uniformIndex, steam->target, steamPipeline, slot.sets[1], &steam->uniforms,
                    sizeof(SteamUniforms), nullptr);

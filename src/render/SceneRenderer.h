@@ -26,6 +26,13 @@ public:
         // Steam laid over this pass's pixels in the same render pass (premultiplied "over"): a
         // window layer cannot be translucent over its parent without a compositor.
         std::optional<SteamUniforms> steamOver;
+        // With steam over it: the room's pixels are copied from this finished base (same size as
+        // the screen, in transfer-source layout) at the pass's origin instead of being shaded, so
+        // only the steam costs shading. A target that cannot take a copy is shaded as usual.
+        const GpuTexture *under = nullptr;
+        // With `under`: the part of the layer, in its own pixels, that is shaded all the same
+        // (where another moving layer reaches in and its pixels change); empty for none.
+        VkRect2D shadedPart{};
     };
     struct SteamPass {
         RenderTarget *target = nullptr;  // not owned
@@ -67,8 +74,11 @@ private:
     void harvest(FrameSlot &slot);
     void bindTextures(FrameSlot &slot, const SceneTextures &textures);
     void encode(FrameSlot &slot, uint32_t &uniformIndex, RenderTarget *target, VkPipeline pipeline, VkDescriptorSet set,
-                const void *bytes, size_t size, const SteamUniforms *over);
-    VkRenderPass targetPass(VkImageLayout finalLayout);
+                const void *bytes, size_t size, const SteamUniforms *over, const GpuTexture *under = nullptr,
+                VkRect2D shadedPart = {});
+    void copyUnder(VkCommandBuffer cmd, const GpuTexture &base, int32_t x, int32_t y, const TargetImage &image);
+    // `loaded`: the pass keeps what the image holds (copied in, in colour-attachment layout).
+    VkRenderPass targetPass(VkImageLayout finalLayout, bool loaded = false);
 
     std::shared_ptr<VulkanContext> context;
     GPUClock clock;
@@ -78,7 +88,7 @@ private:
     SamplerHandle lin, art, sprite;
     SetLayoutHandle sceneSetLayout;
     PipelineLayoutHandle sceneLayout;
-    std::map<VkImageLayout, RenderPassHandle> targetPasses;
+    std::map<std::pair<VkImageLayout, bool>, RenderPassHandle> targetPasses;
     PipelineHandle composite;
     PipelineHandle steamPipeline;
     PipelineHandle steamOverPipeline;

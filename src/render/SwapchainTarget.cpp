@@ -160,6 +160,7 @@ std::optional<TargetImage> SwapchainTarget::acquire()
     t.acquired = sem;
     t.rendered = rendered[index];
     t.framebuffer = &framebuffers[index];
+    t.copyable = canCopyInto;
     return t;
 }
 

@@ -28,6 +28,8 @@ public:
     // Copies the shown image into the window again (the window was exposed).
     bool reshow();
     bool hasShown() const { return shown != nullptr; }
+    // The image now on screen (transfer-source layout), or null.
+    const GpuTexture *shownImage() const { return shown ? shown->texture().get() : nullptr; }
     // The window can take a new base now, without waiting for the device.
     bool canPresent() const;
     size_t memoryBytes() const;

@@ -179,6 +179,14 @@ void SceneView::frame(double t)
         pass.uniforms.origin = {float(r.x()), float(r.y()), 0, 0};
         pass.steamOver =
             SceneFrame::steam(uniforms, *room.steamRect(), {float(r.x()), float(r.y()), 1, 0}, room.steamSeconds(t));
+        // Under the steam the room is the finished base's, copied rather than shaded again, except
+        // where the record's layer reaches in (the steam's layer lies above it there).
+        if (base) {
+            pass.under = base->shownImage();
+            const QRect live = r.intersected(layers->rect(Layer::moving)).translated(-r.topLeft());
+            if (!live.isEmpty())
+                pass.shadedPart = {{live.x(), live.y()}, {uint32_t(live.width()), uint32_t(live.height())}};
+        }
         layerPasses.push_back(pass);
     }
     const bool rain = room.rainDrawn();

@@ -98,4 +98,56 @@ TEST_F(Steam, LayersAndSteamShareOneCommandBuffer)
     EXPECT_GT(alphaSum(steam.readback(), 0, 128), 0.0);
 }
 
+TEST_F(Steam, UnderTheSteamTheBasesPixelsStandForTheShadedRoom)
+{
+    // A room whose light changes across the plate, so that a misplaced copy shows.
+    SceneTextures t;
+    t.mixes[0] = half(halfImage(128, 128, [](int x, int y) {
+        return std::array<float, 4>{0.01f + 0.004f * x, 0.02f + 0.003f * y, 0.05f, 1};
+    }));
+    SceneUniforms u = plainUniforms(128, 128);
+    u.mixCount = 1;
+    u.mixWeights = {1, 0, 0, 0};
+    OffscreenTarget base(renderer->vulkan(), 128, 128);
+    renderer->draw(SceneRenderer::Pass{&base, u, std::nullopt}, {}, std::nullopt, t);
+
+    // The steam region's layer, shaded whole and over the copied base.
+    SceneUniforms at = u;
+    at.origin = {32, 16, 0, 0};
+    SteamUniforms s = uniforms(42.0f);
+    s.origin = {32, 16, 1, 0};
+    OffscreenTarget shaded(renderer->vulkan(), 64, 96), copied(renderer->vulkan(), 64, 96);
+    SceneRenderer::Pass whole{&shaded, at, s}, over{&copied, at, s, base.texture().get()};
+    renderer->draw(std::nullopt, {whole, over}, std::nullopt, t);
+    renderer->waitIdle();
+    const QImage a = shaded.readback(), b = copied.readback(), room = base.readback();
+    int differing = 0, steamed = 0;
+    for (int y = 0; y < 96; ++y)
+        for (int x = 0; x < 64; ++x) {
+            const auto p = rgbAt(a, x, y), q = rgbAt(b, x, y), r = rgbAt(room, 32 + x, 16 + y);
+            for (int c = 0; c < 3; ++c) differing += std::abs(p[c] - q[c]) > 1;
+            steamed += p != r;
+        }
+    EXPECT_EQ(differing, 0);
+    EXPECT_GT(steamed, 100) << "the steam shows over the room";
+
+    // Under a darker base, a shaded strip (where the record's layer reaches in) is the live room
+    // and the rest is the base's.
+    SceneUniforms dim = u;
+    dim.mixWeights = {0.5f, 0, 0, 0};
+    renderer->draw(SceneRenderer::Pass{&base, dim, std::nullopt}, {}, std::nullopt, t);
+    SceneRenderer::Pass strip{&copied, at, s, base.texture().get(), {{0, 0}, {16, 96}}};
+    renderer->draw(std::nullopt, {strip}, std::nullopt, t);
+    renderer->waitIdle();
+    const QImage c = copied.readback();
+    int liveOutside = 0, stale = 0;
+    for (int y = 0; y < 96; ++y)
+        for (int x = 0; x < 64; ++x) {
+            const bool same = rgbAt(a, x, y) == rgbAt(c, x, y);
+            (x < 16 ? stale : liveOutside) += x < 16 ? !same : same;
+        }
+    EXPECT_EQ(stale, 0);
+    EXPECT_LT(liveOutside, 48 * 96 / 20);
+}
+
 }  // namespace
