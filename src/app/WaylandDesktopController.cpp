@@ -149,7 +149,8 @@ void WaylandDesktopController::drop(Surface &surface)
 void WaylandDesktopController::surfaceClosed(uint32_t output)
 {
     closedOutputs.push_back(output);
-    const auto it = std::find_if(surfaces.begin(), surfaces.end(), [output](const auto &s) { return s->output == output; });
+    const auto it =
+        std::find_if(surfaces.begin(), surfaces.end(), [output](const auto &s) { return s->output == output; });
     if (it == surfaces.end()) return;
     drop(**it);
     surfaces.erase(it);

@@ -25,7 +25,8 @@ double changedShare(const QImage &before, const QImage &after)
     for (int y = 0; y < after.height(); y += 4)
         for (int x = 0; x < after.width(); x += 4, ++n) {
             const QRgb a = before.pixel(x, y), b = after.pixel(x, y);
-            changed += std::abs(qRed(a) - qRed(b)) + std::abs(qGreen(a) - qGreen(b)) + std::abs(qBlue(a) - qBlue(b)) > 12;
+            changed +=
+                std::abs(qRed(a) - qRed(b)) + std::abs(qGreen(a) - qGreen(b)) + std::abs(qBlue(a) - qBlue(b)) > 12;
         }
     return n ? double(changed) / n : 0;
 }
@@ -93,7 +94,8 @@ protected:
     }
     void TearDown() override
     {
-        if (HasFailure() || qEnvironmentVariableIsSet("SHOWLOG")) std::cerr << "log:\n" << log().toStdString() << "\noutput:\n" << app.readAll().toStdString();
+        if (HasFailure() || qEnvironmentVariableIsSet("SHOWLOG"))
+            std::cerr << "log:\n" << log().toStdString() << "\noutput:\n" << app.readAll().toStdString();
         for (QProcess *p : {&app, &terminal})
             if (p->state() == QProcess::Running) {
                 p->terminate();
@@ -154,8 +156,11 @@ TEST_F(WaylandRoom, BackgroundOfEveryOutputPausedByAFullscreenWindow)
     terminal.setStandardOutputFile(QProcess::nullDevice());
     terminal.setStandardErrorFile(QProcess::nullDevice());
     terminal.start("foot", {"--app-id", "blocker", "sleep", "600"});
-    ASSERT_TRUE(waitUntil([&] { return sway.msg({"-t", "get_tree"}).contains("\"blocker\""); },
-                          std::chrono::seconds(30)))
+    ASSERT_TRUE(waitUntil(
+        [&] {
+            return sway.msg({"-t", "get_tree"}).contains("\"blocker\"");
+        },
+        std::chrono::seconds(30)))
         << "foot did not open a window";
     ASSERT_FALSE(sway.msg({"[app_id=\"blocker\"]", "fullscreen", "enable"}).isEmpty());
     at = waitForLine("Cena: área animada coberta por janelas → pausa", at);

@@ -82,12 +82,14 @@ public:
                         wayland = QDir(runtime).filePath(name);
                     if (name.startsWith(QStringLiteral("sway-ipc."))) ipc = QDir(runtime).filePath(name);
                 }
-                return (!wayland.isEmpty() && !ipc.isEmpty() && !msg({QStringLiteral("-t"), QStringLiteral("get_outputs")}).isEmpty()) ||
+                return (!wayland.isEmpty() && !ipc.isEmpty() &&
+                        !msg({QStringLiteral("-t"), QStringLiteral("get_outputs")}).isEmpty()) ||
                        server.state() == QProcess::NotRunning;
             },
             std::chrono::seconds(20));
         if (!up || server.state() == QProcess::NotRunning) {
-            why = QStringLiteral("sway did not start: ") + QString::fromUtf8(testsupport::readFile(dir.filePath(QStringLiteral("sway.log"))));
+            why = QStringLiteral("sway did not start: ") +
+                  QString::fromUtf8(testsupport::readFile(dir.filePath(QStringLiteral("sway.log"))));
             return false;
         }
         return true;
@@ -150,8 +152,8 @@ private:
     {
         if (!::getpwnam(kUser)) {
             QProcess add;
-            add.start(QStringLiteral("useradd"), {QStringLiteral("--system"), QStringLiteral("--no-create-home"),
-                                                   QString::fromLatin1(kUser)});
+            add.start(QStringLiteral("useradd"),
+                      {QStringLiteral("--system"), QStringLiteral("--no-create-home"), QString::fromLatin1(kUser)});
             add.waitForFinished(20000);
         }
         const passwd *user = ::getpwnam(kUser);

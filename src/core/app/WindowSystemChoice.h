@@ -13,7 +13,7 @@ enum class Kind {
 };
 
 struct Environment {
-    QString forced;          // TURNELO_PLATFORM: "x11" or "wayland"; anything else is ignored
+    QString forced;                 // TURNELO_PLATFORM: "x11" or "wayland"; anything else is ignored
     bool waylandReachable = false;  // a compositor answered at $WAYLAND_DISPLAY
     bool layerShell = false;        // and it offers layer surfaces
     bool x11Display = false;        // $DISPLAY is set

@@ -133,8 +133,8 @@ void WaylandConnection::global(void *data, wl_registry *registry, uint32_t name,
         self->toplevelGlobal = bind<zwlr_foreign_toplevel_manager_v1>(
             registry, name, &zwlr_foreign_toplevel_manager_v1_interface, version, kToplevelVersion);
     else if (is(zxdg_output_manager_v1_interface)) {
-        self->xdgOutputManager = bind<zxdg_output_manager_v1>(registry, name, &zxdg_output_manager_v1_interface,
-                                                              version, kXdgOutputVersion);
+        self->xdgOutputManager =
+            bind<zxdg_output_manager_v1>(registry, name, &zxdg_output_manager_v1_interface, version, kXdgOutputVersion);
         for (auto &entry : self->outputList) self->watchXdgOutput(*entry);
     } else if (is(wl_output_interface))
         self->addOutput(name, version);
@@ -232,6 +232,7 @@ void WaylandConnection::dispatchPending()
     }
     lostReported = true;
     notifier->setEnabled(false);
-    Log::write(QStringLiteral("Wayland: conexão com o compositor perdida (erro %1)").arg(wl_display_get_error(display)));
+    Log::write(
+        QStringLiteral("Wayland: conexão com o compositor perdida (erro %1)").arg(wl_display_get_error(display)));
     emit lost();
 }

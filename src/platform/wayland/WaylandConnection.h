@@ -31,10 +31,10 @@ public:
         uint32_t id = 0;  // the registry's name of the global
         wl_output *output = nullptr;
         zxdg_output_v1 *xdgOutput = nullptr;
-        QString name;     // "HEADLESS-1", "DP-2"; from xdg-output, or wl_output 4
-        QRect logical;    // position and size in the compositor's layout
-        QSize mode;       // the current mode in pixels
-        int scale = 1;    // wl_output's integer scale
+        QString name;        // "HEADLESS-1", "DP-2"; from xdg-output, or wl_output 4
+        QRect logical;       // position and size in the compositor's layout
+        QSize mode;          // the current mode in pixels
+        int scale = 1;       // wl_output's integer scale
         bool ready = false;  // every property has arrived once
     };
 

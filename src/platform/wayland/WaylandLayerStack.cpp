@@ -64,8 +64,7 @@ WaylandLayerStack::WaylandLayerStack(SceneRenderer &r, WaylandConnection &c, uin
                                          ZWLR_LAYER_SURFACE_V1_ANCHOR_LEFT | ZWLR_LAYER_SURFACE_V1_ANCHOR_RIGHT);
     zwlr_layer_surface_v1_set_size(layerSurface, 0, 0);
     zwlr_layer_surface_v1_set_exclusive_zone(layerSurface, -1);
-    zwlr_layer_surface_v1_set_keyboard_interactivity(layerSurface,
-                                                     ZWLR_LAYER_SURFACE_V1_KEYBOARD_INTERACTIVITY_NONE);
+    zwlr_layer_surface_v1_set_keyboard_interactivity(layerSurface, ZWLR_LAYER_SURFACE_V1_KEYBOARD_INTERACTIVITY_NONE);
     // The first commit carries no picture: the compositor answers with the surface's size.
     wl_surface_commit(surface);
     connection.flush();
@@ -109,8 +108,8 @@ QRect WaylandLayerStack::toWindowList(const QRect &pixels) const
 VkSurfaceKHR WaylandLayerStack::makeVkSurface(wl_surface *wl)
 {
     VkInstance instance = renderer.vulkan()->instance;
-    auto create = reinterpret_cast<PFN_vkCreateWaylandSurfaceKHR>(
-        vkGetInstanceProcAddr(instance, "vkCreateWaylandSurfaceKHR"));
+    auto create =
+        reinterpret_cast<PFN_vkCreateWaylandSurfaceKHR>(vkGetInstanceProcAddr(instance, "vkCreateWaylandSurfaceKHR"));
     if (!create) return VK_NULL_HANDLE;
     VkWaylandSurfaceCreateInfoKHR info{VK_STRUCTURE_TYPE_WAYLAND_SURFACE_CREATE_INFO_KHR};
     info.display = connection.wlDisplay();

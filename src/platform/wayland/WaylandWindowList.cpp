@@ -18,7 +18,9 @@ WaylandWindowList::WaylandWindowList(WaylandConnection &c, const QString &appId,
         [](void *data, zwlr_foreign_toplevel_manager_v1 *, zwlr_foreign_toplevel_handle_v1 *handle) {
             static_cast<WaylandWindowList *>(data)->add(handle);
         },
-        [](void *data, zwlr_foreign_toplevel_manager_v1 *) { static_cast<WaylandWindowList *>(data)->manager = nullptr; },
+        [](void *data, zwlr_foreign_toplevel_manager_v1 *) {
+            static_cast<WaylandWindowList *>(data)->manager = nullptr;
+        },
     };
     zwlr_foreign_toplevel_manager_v1_add_listener(manager, &listener, this);
     connection.flush();
@@ -78,7 +80,8 @@ void WaylandWindowList::add(zwlr_foreign_toplevel_handle_v1 *handle)
 
 void WaylandWindowList::remove(Toplevel *toplevel)
 {
-    const auto it = std::find_if(toplevels.begin(), toplevels.end(), [toplevel](const auto &t) { return t.get() == toplevel; });
+    const auto it =
+        std::find_if(toplevels.begin(), toplevels.end(), [toplevel](const auto &t) { return t.get() == toplevel; });
     if (it == toplevels.end()) return;
     const bool covered = (*it)->covers;
     zwlr_foreign_toplevel_handle_v1_destroy((*it)->handle);
