@@ -33,6 +33,7 @@ PACKAGES=(
   openbox xfwm4 xfdesktop4 i3-wm xcompmgr xdotool x11-utils x11-apps x11-xserver-utils imagemagick
   desktop-file-utils trayer
   help2man lintian
+  libwayland-dev libwayland-bin wayland-protocols qt6-wayland sway swaybg grim foot
 )
 if [ "$AUTHORING" -eq 1 ]; then
   PACKAGES+=(blender python3-numpy python3-openimageio)

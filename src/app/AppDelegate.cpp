@@ -2,6 +2,7 @@
 
 #include "app/DesktopWindowController.h"
 #include "app/TrayIcon.h"
+#include "app/WaylandDesktopController.h"
 #include "core/app/AppIdentity.h"
 #include "core/app/Log.h"
 #include "core/app/Settings.h"
@@ -25,6 +26,8 @@
 #include "platform/linux/X11DesktopWindow.h"
 #include "platform/linux/X11WindowList.h"
 #include "platform/linux/XdgAutostart.h"
+#include "platform/wayland/WaylandConnection.h"
+#include "platform/wayland/WaylandWindowList.h"
 #include "scene/OfflineRender.h"
 #include "ui/OnboardingWindow.h"
 #include "ui/PopoverWindow.h"
@@ -61,6 +64,7 @@ AppDelegate::~AppDelegate()
     tray.reset();
     desktopWindows.reset();
     monitor.reset();
+    windowList.reset();  // before the connection it listens on
 }
 
 SceneInstaller &AppDelegate::scenes()
@@ -93,40 +97,25 @@ void AppDelegate::start()
 
     history = std::make_unique<HistoryStore>(*settingsStore);
     weather = std::make_unique<WeatherService>(*settingsStore);
-    auto x11Windows = std::make_unique<X11WindowList>();
-    X11WindowList *listed = x11Windows.get();
-    windowList = std::move(x11Windows);
     session = std::make_unique<LinuxSessionSignals>();
-    stacking = std::make_unique<X11DesktopStacking>();
+    desktopWindows = makeDesktop();
+    if (desktopWindows) {
+        desktopWindows->rebuildSurfaces();
+        desktopWindows->watchPlates();
+        weather->onChange = [desk = desktopWindows.get()](const WeatherService::Now &now) {
+            desk->weatherChanged(now);
+        };
+    }
 
-    DesktopWindowController::Services services;
-    services.room.state = state.get();
-    services.room.status = status.get();
-    services.room.power = power.get();
-    services.room.settings = settingsStore.get();
-    services.room.history = history.get();
-    services.room.weather = weather.get();
-    services.windows = windowList.get();
-    services.session = session.get();
-    DesktopWindowController::Platform platform;
-    X11DesktopStacking *stack = stacking.get();
-    platform.prepare = [listed](QWindow *w) {
-        X11DesktopWindow::prepare(w);
-        listed->addOwnWindow(w->winId());
+    scenes().onInstalled = [desk = desktopWindows.get()] {
+        if (desk) desk->loadScene();
     };
-    platform.added = [stack](QWindow *w) { stack->add(w); };
-    platform.removed = [stack](QWindow *w) { stack->remove(w); };
-    desktopWindows = std::make_unique<DesktopWindowController>(services, platform);
-    desktopWindows->rebuildSurfaces();
-    desktopWindows->watchPlates();
-    weather->onChange = [desk = desktopWindows.get()](const WeatherService::Now &now) { desk->weatherChanged(now); };
-
-    scenes().onInstalled = [desk = desktopWindows.get()] { desk->loadScene(); };
     if (!SceneLocation::usesDevelopmentScenes()) scenes().sync();
 
-    if (settingsStore->showTurntable()) desktopWindows->show();
+    if (desktopWindows && settingsStore->showTurntable()) desktopWindows->show();
     // The same switches written from outside (another window of ours, turnelo-defaults).
     connect(settingsStore.get(), &Settings::changed, this, [this](const QString &key) {
+        if (!desktopWindows) return;
         if (key == QStringLiteral("screens")) desktopWindows->rebuildSurfaces();
         if (key == QStringLiteral("showTurntable")) {
             if (settingsStore->showTurntable())
@@ -157,7 +146,9 @@ void AppDelegate::start()
         [this](bool on) { setShowTurntable(on); },
         [this] { return settingsStore->allScreens(); },
         [this](bool all) { setScreens(all); },
-        [this] { desktopWindows->loadScene(); },
+        [this] {
+            if (desktopWindows) desktopWindows->loadScene();
+        },
         [] { QDesktopServices::openUrl(QUrl::fromLocalFile(Log::path())); },
         [] { QCoreApplication::quit(); },
         [this](const QRect &icon) {
@@ -258,6 +249,58 @@ void AppDelegate::reopen()
     Log::write(QStringLiteral("Turnelo: aberta de novo"));
     if (desktopWindows && settingsStore->showTurntable()) desktopWindows->show();
     settings().show();
+}
+
+std::unique_ptr<DesktopPresence> AppDelegate::makeDesktop()
+{
+    RoomScene::Services room;
+    room.state = state.get();
+    room.status = status.get();
+    room.power = power.get();
+    room.settings = settingsStore.get();
+    room.history = history.get();
+    room.weather = weather.get();
+    room.session = session.get();
+
+    using WindowSystemChoice::Kind;
+    Log::write(QStringLiteral("Sistema de janelas: ") + WindowSystemChoice::word(options.windowSystem));
+    if (options.windowSystem == Kind::waylandWithoutBackground) {
+        // No stray window: the compositor would show it as an ordinary one, or not at all.
+        const QString why = QStringLiteral(
+            "este desktop Wayland não deixa programas desenharem o fundo (sem layer shell); a sala aparece numa sessão "
+            "X11");
+        Log::write(QStringLiteral("Sala indisponível: ") + why);
+        status->setProblem(SceneStatus::Problem{SceneStatus::Reason::noBackground, why});
+        return nullptr;
+    }
+    if (options.windowSystem == Kind::wayland) {
+        wayland = std::make_unique<WaylandConnection>();
+        if (wayland->isOpen() && wayland->hasLayerShell()) {
+            windowList = std::make_unique<WaylandWindowList>(*wayland, QGuiApplication::desktopFileName());
+            WaylandDesktopController::Services services{room, windowList.get(), session.get()};
+            return std::make_unique<WaylandDesktopController>(services, *wayland);
+        }
+        Log::write(QStringLiteral("Wayland: o compositor não respondeu de novo; sem sala"));
+        return nullptr;
+    }
+
+    auto x11Windows = std::make_unique<X11WindowList>();
+    X11WindowList *listed = x11Windows.get();
+    windowList = std::move(x11Windows);
+    stacking = std::make_unique<X11DesktopStacking>();
+    DesktopWindowController::Services services;
+    services.room = room;
+    services.windows = windowList.get();
+    services.session = session.get();
+    DesktopWindowController::Platform platform;
+    X11DesktopStacking *stack = stacking.get();
+    platform.prepare = [listed](QWindow *w) {
+        X11DesktopWindow::prepare(w);
+        listed->addOwnWindow(w->winId());
+    };
+    platform.added = [stack](QWindow *w) { stack->add(w); };
+    platform.removed = [stack](QWindow *w) { stack->remove(w); };
+    return std::make_unique<DesktopWindowController>(services, platform);
 }
 
 void AppDelegate::recordHistory()

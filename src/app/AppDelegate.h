@@ -1,5 +1,6 @@
 #pragma once
 
+#include "core/app/WindowSystemChoice.h"
 #include "ui/UiServices.h"
 
 #include <QObject>
@@ -7,7 +8,7 @@
 #include <memory>
 
 class DesktopCleaner;
-class DesktopWindowController;
+class DesktopPresence;
 class HistoryStore;
 class MprisPlayerBackend;
 class MusicPermission;
@@ -26,6 +27,7 @@ class SystemProcessLauncher;
 class SingleInstance;
 class TrayIcon;
 class WeatherService;
+class WaylandConnection;
 class WindowList;
 class X11DesktopStacking;
 
@@ -38,6 +40,8 @@ class AppDelegate : public QObject {
 public:
     struct Options {
         bool markMusicSetupDone = false;  // scripted starts skip the music step of the onboarding
+        // Where the room goes; Qt's own windows are already on that window system.
+        WindowSystemChoice::Kind windowSystem = WindowSystemChoice::Kind::x11;
     };
 
     explicit AppDelegate(Options options, QObject *parent = nullptr);
@@ -69,6 +73,8 @@ public:
 private:
     void recordHistory();
     QImage roomPicture(QSize size);
+    // The room's surfaces for the chosen window system; none where the desktop allows none.
+    std::unique_ptr<DesktopPresence> makeDesktop();
 
     Options options;
     std::unique_ptr<Settings> settingsStore;
@@ -81,13 +87,14 @@ private:
     std::unique_ptr<WindowList> windowList;
     std::unique_ptr<SessionSignals> session;
     std::unique_ptr<X11DesktopStacking> stacking;
+    std::unique_ptr<WaylandConnection> wayland;
     std::unique_ptr<SceneInstaller> installer;
     std::unique_ptr<MprisPlayerBackend> players;
     std::unique_ptr<NowPlayingMonitor> monitor;
     std::unique_ptr<MusicPermission> music;
     std::unique_ptr<SystemProcessLauncher> launcher;
     std::unique_ptr<DesktopCleaner> cleaner;
-    std::unique_ptr<DesktopWindowController> desktopWindows;
+    std::unique_ptr<DesktopPresence> desktopWindows;
     std::unique_ptr<TrayIcon> tray;
     std::unique_ptr<PopoverWindow> popoverWindow;
     std::unique_ptr<SettingsWindow> settingsWindow;

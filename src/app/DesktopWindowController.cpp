@@ -4,7 +4,6 @@
 #include "core/app/Settings.h"
 #include "core/scene/SceneStatus.h"
 #include "core/scene/PlatesWatcher.h"
-#include "core/scheduling/SessionSignals.h"
 #include "render/SceneRenderer.h"
 #include "scene/TurntableView.h"
 
@@ -135,11 +134,6 @@ void DesktopWindowController::loadScene()
         deviceFailed = !renderer;
         if (renderer) {
             roomScene = std::make_unique<RoomScene>(services.room, renderer);
-            if (services.session)
-                connect(services.session, &SessionSignals::asleepChanged, roomScene.get(),
-                        [room = roomScene.get()](bool asleep) {
-                            if (!asleep) room->woke();
-                        });
             connect(roomScene.get(), &RoomScene::unavailable, this, [this] {
                 // Later, not inside the room's own call: the fallback destroys the views.
                 QMetaObject::invokeMethod(this, &DesktopWindowController::roomUnavailable, Qt::QueuedConnection);

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "app/DesktopPresence.h"
 #include "scene/RoomScene.h"
 #include "scene/SceneView.h"
 
@@ -19,7 +20,7 @@ class TurntableView;
 // "all". Windows of screens that stay are kept across rebuilds; a window whose screen went away
 // is destroyed. One device and one loaded room serve every screen; each window hosts a scene
 // view of it, or the plain turntable when the room cannot be shown. Main thread; one per process.
-class DesktopWindowController : public QObject {
+class DesktopWindowController : public QObject, public DesktopPresence {
     Q_OBJECT
 public:
     // How the platform makes a window a desktop window and keeps it in its place. All optional.
@@ -38,15 +39,14 @@ public:
     DesktopWindowController(const Services &services, Platform platform, QObject *parent = nullptr);
     ~DesktopWindowController() override;
 
-    void rebuildSurfaces();
-    void show();
-    void hide();
-    void loadScene();
-    void watchPlates();
-    // The weather service reported: every view hears it.
-    void weatherChanged(const WeatherService::Now &now);
+    void rebuildSurfaces() override;
+    void show() override;
+    void hide() override;
+    void loadScene() override;
+    void watchPlates() override;
+    void weatherChanged(const WeatherService::Now &now) override;
 
-    bool isVisible() const { return visible; }
+    bool isVisible() const override { return visible; }
 
 private:
     struct Surface {

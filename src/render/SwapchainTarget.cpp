@@ -5,9 +5,11 @@
 
 #include <algorithm>
 
-SwapchainTarget::SwapchainTarget(std::shared_ptr<VulkanContext> ctx, VkSurfaceKHR s, uint32_t width, uint32_t height)
+SwapchainTarget::SwapchainTarget(std::shared_ptr<VulkanContext> ctx, VkSurfaceKHR s, uint32_t width, uint32_t height,
+                                 VkPresentModeKHR presentMode)
     : context(std::move(ctx))
     , surface(s)
+    , mode(presentMode)
     , wanted{width, height}
 {
     VkDevice device = context->device;
@@ -95,6 +97,18 @@ bool SwapchainTarget::recreate()
                             ? VK_COMPOSITE_ALPHA_OPAQUE_BIT_KHR
                             : VkCompositeAlphaFlagBitsKHR(caps.supportedCompositeAlpha & -caps.supportedCompositeAlpha);
     ci.presentMode = VK_PRESENT_MODE_FIFO_KHR;
+    if (mode != VK_PRESENT_MODE_FIFO_KHR) {
+        uint32_t count = 0;
+        vkGetPhysicalDeviceSurfacePresentModesKHR(context->physical, surface, &count, nullptr);
+        std::vector<VkPresentModeKHR> modes(count);
+        vkGetPhysicalDeviceSurfacePresentModesKHR(context->physical, surface, &count, modes.data());
+        if (std::find(modes.begin(), modes.end(), mode) != modes.end()) ci.presentMode = mode;
+    }
+    // A mailbox keeps one image shown, one queued and one to draw into without waiting.
+    if (ci.presentMode == VK_PRESENT_MODE_MAILBOX_KHR) {
+        ci.minImageCount = std::max(ci.minImageCount, 3u);
+        if (caps.maxImageCount) ci.minImageCount = std::min(ci.minImageCount, caps.maxImageCount);
+    }
     ci.clipped = VK_TRUE;
     ci.oldSwapchain = swapchain;
     VkSwapchainKHR made = VK_NULL_HANDLE;
@@ -179,6 +193,7 @@ void SwapchainTarget::present()
         r = vkQueuePresentKHR(context->queue, &pi);
     }
     if (r == VK_ERROR_OUT_OF_DATE_KHR || r == VK_SUBOPTIMAL_KHR) stale = true;
+    if (r == VK_SUCCESS || r == VK_SUBOPTIMAL_KHR) ++presented;
     current = UINT32_MAX;
 }
 

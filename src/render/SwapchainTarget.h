@@ -2,6 +2,7 @@
 
 #include "render/RenderTarget.h"
 
+#include <QtGlobal>
 #include <memory>
 #include <vector>
 
@@ -11,7 +12,11 @@
 // surface says it is out of date. Main thread.
 class SwapchainTarget : public RenderTarget {
 public:
-    SwapchainTarget(std::shared_ptr<VulkanContext> context, VkSurfaceKHR surface, uint32_t width, uint32_t height);
+    // `mode`: the present mode wanted (FIFO when the surface lacks it). Where the window system
+    // paces the frames itself (Wayland's frame callbacks), MAILBOX: a FIFO present there waits
+    // for the compositor, forever while it does not draw the surface.
+    SwapchainTarget(std::shared_ptr<VulkanContext> context, VkSurfaceKHR surface, uint32_t width, uint32_t height,
+                    VkPresentModeKHR mode = VK_PRESENT_MODE_FIFO_KHR);
     ~SwapchainTarget() override;
     SwapchainTarget(const SwapchainTarget &) = delete;
     SwapchainTarget &operator=(const SwapchainTarget &) = delete;
@@ -26,6 +31,8 @@ public:
     // False, without waiting, while the previous copy is still on the device.
     bool show(const GpuTexture &image, VkImageLayout layout);
     bool copyPending() const;
+    // Images handed to the window system so far.
+    quint64 presentedCount() const { return presented; }
 
     uint32_t width() const { return extent.width; }
     uint32_t height() const { return extent.height; }
@@ -37,6 +44,8 @@ private:
     std::shared_ptr<VulkanContext> context;
     VkSurfaceKHR surface;
     VkSwapchainKHR swapchain = VK_NULL_HANDLE;
+    VkPresentModeKHR mode;
+    quint64 presented = 0;
     VkExtent2D wanted{};
     VkExtent2D extent{};
     bool stale = true;

@@ -99,7 +99,7 @@ std::shared_ptr<VulkanContext> VulkanContext::create()
     // Window-system extensions are taken when present, so a swapchain target can be added later;
     // offscreen rendering needs none.
     std::vector<const char *> extensions;
-    for (const char *name : {"VK_KHR_surface", "VK_KHR_xlib_surface", "VK_KHR_xcb_surface"})
+    for (const char *name : {"VK_KHR_surface", "VK_KHR_xlib_surface", "VK_KHR_xcb_surface", "VK_KHR_wayland_surface"})
         if (hasExtension(available, name)) extensions.push_back(name);
 
     VkApplicationInfo app{VK_STRUCTURE_TYPE_APPLICATION_INFO};

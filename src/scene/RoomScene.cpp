@@ -6,6 +6,7 @@
 #include "core/music/CoverArt.h"
 #include "core/music/HistoryStore.h"
 #include "core/music/PlayerState.h"
+#include "core/scheduling/SessionSignals.h"
 #include "render/SceneRenderer.h"
 #include "render/TextureUpload.h"
 #include "scene/LoadedScene.h"
@@ -42,6 +43,11 @@ RoomScene::RoomScene(const Services &services, std::shared_ptr<SceneRenderer> r,
     recordFx = settings.fxRecord();
     steamClock = s.clock.now();
     ecoOn = s.power->ecoActive();
+    // Awake again: the weather may be hours old although the steady clock stood still.
+    if (s.session)
+        connect(s.session, &SessionSignals::asleepChanged, this, [this](bool asleep) {
+            if (!asleep && s.weather && weatherShown()) s.weather->woke();
+        });
 
     auto vk = gpu->vulkan();
     cover = std::make_unique<CoverArt>(
@@ -290,11 +296,6 @@ bool RoomScene::rainDrawn() const
 }
 
 bool RoomScene::weatherShown() const { return s.settings->fxWeather() && !ecoOn; }
-
-void RoomScene::woke()
-{
-    if (s.weather && weatherShown()) s.weather->woke();
-}
 
 void RoomScene::clockTick()
 {

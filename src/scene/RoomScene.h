@@ -24,6 +24,7 @@ class PowerMonitor;
 class SceneLoader;
 class SceneRenderer;
 class Settings;
+class SessionSignals;
 struct LoadedScene;
 
 // The room's one live state, shared by every screen that shows it: the loaded framing and its
@@ -42,6 +43,7 @@ public:
         HistoryStore *history = nullptr;    // optional
         WeatherService *weather = nullptr;  // optional
         MediaClock clock;
+        SessionSignals *session = nullptr;  // optional: a wake refreshes the weather
     };
 
     RoomScene(const Services &services, std::shared_ptr<SceneRenderer> renderer, QObject *parent = nullptr);
@@ -50,8 +52,6 @@ public:
     // (Re)loads the installed scene; what is on screen stays until the new one is assembled.
     void load();
     void weatherChanged(const WeatherService::Now &now);
-    // The machine woke: the weather may be hours old although the steady clock stood still.
-    void woke();
 
     // Moves the light, the cover, the record and the arm to media time t, the arm's goal worked
     // out afresh from the player's position. Allocation-free once settled; a second call for

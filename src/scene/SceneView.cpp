@@ -3,7 +3,7 @@
 #include "core/scheduling/FrameScheduler.h"
 #include "render/SwapchainTarget.h"
 #include "scene/BaseSurface.h"
-#include "scene/LayerStack.h"
+#include "scene/WindowLayerStack.h"
 #include "scene/LoadedScene.h"
 #include "scene/RoomScene.h"
 #include "scene/SceneFrame.h"
@@ -17,14 +17,18 @@ int megabytes(size_t bytes) { return int(bytes / (1024 * 1024)); }
 
 }  // namespace
 
-SceneView::SceneView(RoomScene &r, const Services &services, QWindow *hostWindow, QObject *parent)
+SceneView::SceneView(RoomScene &r, const Services &services, QWindow *host, QObject *parent)
+    : SceneView(r, services, std::make_unique<WindowLayerStack>(r.renderer(), host), parent)
+{
+}
+
+SceneView::SceneView(RoomScene &r, const Services &services, std::unique_ptr<LayerStack> stack, QObject *parent)
     : QObject(parent)
     , room(r)
     , s(services)
-    , host(hostWindow)
+    , layers(std::move(stack))
 {
     SceneRenderer &renderer = room.renderer();
-    layers = std::make_unique<LayerStack>(renderer, host);
     layers->onBaseExposed = [this] {
         BaseSurface *base = layers->baseSurface();
         if (base && base->hasShown() && !baseDirty)
@@ -41,7 +45,11 @@ SceneView::SceneView(RoomScene &r, const Services &services, QWindow *hostWindow
         room.baseFps(), s.clock, [&gpuClock] { return gpuClock.take(); }, [this](double t) { frame(t); });
     scheduler->describeState = [this] { return describeState(); };
     scheduler->animatedArea = [this] { return animatedArea(); };
+    scheduler->mayDraw = [this] { return !layers->holdsFrame(); };
     scheduler->attach(s.windows, s.session);
+    layers->onFrameReleased = [this] { scheduler->release(); };
+    layers->onResized = [this] { relayout(); };
+    layers->onShownChanged = [this](bool shown) { scheduler->setOccluded(!shown); };
 
     observations.push_back(connect(&room, &RoomScene::sceneChanged, this, &SceneView::sceneChanged));
     observations.push_back(connect(&room, &RoomScene::layersChanged, this, &SceneView::relayout));
@@ -50,13 +58,7 @@ SceneView::SceneView(RoomScene &r, const Services &services, QWindow *hostWindow
         if (drewFirstFrame) wantFrames();
     }));
     observations.push_back(connect(&room, &RoomScene::unavailable, this, [this] { scheduler->setWantsFrames(false); }));
-    if (host) {
-        observations.push_back(connect(host, &QWindow::widthChanged, this, &SceneView::relayout));
-        observations.push_back(connect(host, &QWindow::heightChanged, this, &SceneView::relayout));
-        observations.push_back(
-            connect(host, &QWindow::visibleChanged, this, [this](bool visible) { scheduler->setOccluded(!visible); }));
-        scheduler->setOccluded(!host->isVisible());
-    }
+    scheduler->setOccluded(!layers->isShown());
     if (room.scene()) sceneChanged();
     if (room.ready()) startFrames();
 }
@@ -81,6 +83,11 @@ void SceneView::teardown()
     if (scheduler) scheduler->invalidate();
     for (const auto &c : observations) disconnect(c);
     observations.clear();
+    layers->onBaseExposed = nullptr;
+    layers->onLayerExposed = nullptr;
+    layers->onResized = nullptr;
+    layers->onShownChanged = nullptr;
+    layers->onFrameReleased = nullptr;
 }
 
 void SceneView::sceneChanged()
@@ -106,15 +113,13 @@ QRect SceneView::onScreen(const Float4 &plateRect) const
 void SceneView::relayout()
 {
     const LoadedScene *scene = room.scene();
-    if (!host || !scene) return;
-    const qreal dpr = host->devicePixelRatio();
-    screenSize = QSize(int(std::lround(host->width() * dpr)), int(std::lround(host->height() * dpr)));
+    if (!scene) return;
+    screenSize = layers->pixelSize();
     if (screenSize.isEmpty()) return;
     screenToPlate =
         PlateGeometry::fitPlate(scene->plateSize[0], scene->plateSize[1], screenSize.width(), screenSize.height());
-    layers->resize(screenSize);
 
-    // Each moving part is a small window of its own: the record, arm and LEDs; the steam (the
+    // Each moving part is a small surface of its own: the record, arm and LEDs; the steam (the
     // room's pixels there with the steam laid over them, since a child window cannot be
     // translucent over its parent); the rain on the glass.
     using Layer = LayerStack::Layer;
@@ -128,12 +133,9 @@ void SceneView::relayout()
 
 std::optional<QRect> SceneView::animatedArea() const
 {
-    const QRect &moving = layers->rect(LayerStack::Layer::moving);
-    if (!host || moving.isEmpty()) return std::nullopt;
-    const qreal dpr = host->devicePixelRatio();
-    const QPoint corner = host->mapToGlobal(QPoint(0, 0));
-    return QRect(corner.x() + int(moving.x() / dpr), corner.y() + int(moving.y() / dpr), int(moving.width() / dpr),
-                 int(moving.height() / dpr));
+    const QRect moving = layers->rect(LayerStack::Layer::moving);
+    if (moving.isEmpty()) return std::nullopt;
+    return layers->toWindowList(moving);
 }
 
 void SceneView::frame(double t)
@@ -197,7 +199,13 @@ void SceneView::frame(double t)
         layerPasses.push_back(pass);
     }
     if (!layerPasses.empty()) {
+        // The frame callback rides on the moving layer's commit; a frame that presents nothing
+        // there must not leave the next one waiting for a callback that never comes.
+        SwapchainTarget *paced = layers->target(Layer::moving);
+        const quint64 presentedBefore = paced ? paced->presentedCount() : 0;
+        if (paced) layers->frameComing();
         renderer.draw(std::nullopt, layerPasses, std::nullopt, textures);
+        if (paced && paced->presentedCount() == presentedBefore) layers->frameDropped();
         layers->showDrawn();
     }
     scheduler->setRate(FrameScheduler::nextRate(room.moving(), rain, room.baseFps(), room.eco()));

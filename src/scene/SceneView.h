@@ -34,15 +34,18 @@ public:
 
     // `room` and `host` (the desktop window the room fills) are not owned and outlive the view.
     SceneView(RoomScene &room, const Services &services, QWindow *host, QObject *parent = nullptr);
+    // The room on surfaces the platform made (`layers`, owned from here on; its base surface
+    // fills the screen). `room` is not owned and outlives the view.
+    SceneView(RoomScene &room, const Services &services, std::unique_ptr<LayerStack> layers, QObject *parent = nullptr);
     ~SceneView() override;
 
     // Stops the frames and lets go of every observation.
     void teardown();
-    // The host window changed size or screen, or the room's layers changed.
+    // The screen changed size, or the room's layers changed.
     void relayout();
     // Draws one frame at media time `t`: the scheduler's ticks, exposures and changes call it.
     void frame(double t);
-    // The window got no surface or swapchain: this screen cannot show the room.
+    // The screen's surface got no swapchain: this screen cannot show the room.
     bool failed() const;
 
     // The moving area on the screen, global pixels; none before a scene is loaded.
@@ -57,7 +60,6 @@ private:
 
     RoomScene &room;
     Services s;
-    QPointer<QWindow> host;
     std::unique_ptr<FrameScheduler> scheduler;
     std::unique_ptr<LayerStack> layers;
     std::vector<QMetaObject::Connection> observations;

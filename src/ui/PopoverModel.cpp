@@ -71,6 +71,9 @@ QString PopoverModel::problemText(SceneStatus::Reason reason, bool downloading)
                   "Scene.");
     case Reason::gpu:
         return tr("The graphics device couldn’t draw the room. Reload it in Settings › Scene to try again.");
+    case Reason::noBackground:
+        return tr("This desktop doesn’t let programs draw its background, so the room can’t be shown here. "
+                  "Log in to an X11 session (such as “GNOME on Xorg”) to see it.");
     }
     return {};
 }

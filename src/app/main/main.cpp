@@ -4,7 +4,9 @@
 #include "app/AppDelegate.h"
 #include "app/SingleInstance.h"
 #include "core/app/CommandLine.h"
+#include "core/app/WindowSystemChoice.h"
 #include "core/scene/SceneLocation.h"
+#include "platform/wayland/WaylandConnection.h"
 #include "scene/OfflineRender.h"
 #include "ui/AppIcon.h"
 
@@ -112,15 +114,16 @@ int renderInstead()
     QTextStream err(stderr);
     const auto scene = SceneLocation::resolve();
     if (!scene) {
-        err << "turnelo: no display (DISPLAY is not set) and no scene installed in " << SceneLocation::installedRoot()
-            << "\n";
+        err << "turnelo: no display (neither WAYLAND_DISPLAY nor DISPLAY is usable) and no scene installed in "
+            << SceneLocation::installedRoot() << "\n";
         return 1;
     }
     OfflineRender::Options o;
     o.sceneDir = scene->root;
     o.output = QDir::current().filePath("turnelo-room.png");
     o.localTime = QDateTime::currentDateTime();
-    err << "turnelo: no display (DISPLAY is not set); rendering the room to " << o.output << " instead\n";
+    err << "turnelo: no display (neither WAYLAND_DISPLAY nor DISPLAY is usable); rendering the room to " << o.output
+        << " instead\n";
     err.flush();
     const QString error = OfflineRender::render(o);
     if (!error.isEmpty()) {
@@ -130,7 +133,7 @@ int renderInstead()
     return 0;
 }
 
-int runRoom(QApplication &app, bool markMusicSetupDone)
+int runRoom(QApplication &app, bool markMusicSetupDone, WindowSystemChoice::Kind windowSystem)
 {
     SingleInstance instance(SingleInstance::defaultName());
     if (instance.alreadyRunning()) {
@@ -142,6 +145,7 @@ int runRoom(QApplication &app, bool markMusicSetupDone)
     QApplication::setWindowIcon(AppIcon::icon());
     AppDelegate::Options options;
     options.markMusicSetupDone = markMusicSetupDone;
+    options.windowSystem = windowSystem;
     AppDelegate delegate(options);
     instance.onActivated = [&delegate] { delegate.reopen(); };
     delegate.start();
@@ -174,15 +178,31 @@ int main(int argc, char **argv)
     // Answered before anything opens a display, a bus or a device.
     if (const auto answered = line.parse(ownLine(arguments), true)) return *answered;
 
-    const bool display = qEnvironmentVariableIsSet("DISPLAY") && !qEnvironmentVariable("DISPLAY").isEmpty();
-    // Offline work needs no display; the desktop windows are X11 windows.
-    if ((render || !display) && !qEnvironmentVariableIsSet("QT_QPA_PLATFORM")) qputenv("QT_QPA_PLATFORM", "offscreen");
-    if (!render && display) qputenv("QT_QPA_PLATFORM", "xcb");
+    using WindowSystemChoice::Kind;
+    Kind windowSystem = Kind::none;
+    if (!render) {
+        WindowSystemChoice::Environment env;
+        env.forced = qEnvironmentVariable("TURNELO_PLATFORM");
+        env.x11Display = !qEnvironmentVariable("DISPLAY").isEmpty();
+        if (!qEnvironmentVariable("WAYLAND_DISPLAY").isEmpty() && env.forced != QLatin1String("x11")) {
+            const std::optional<bool> layerShell = WaylandConnection::offersLayerShell();
+            env.waylandReachable = layerShell.has_value();
+            env.layerShell = layerShell.value_or(false);
+        }
+        windowSystem = WindowSystemChoice::choose(env);
+    }
+    const bool display = windowSystem != Kind::none;
+    // Offline work needs no display. Qt's windows (popover, settings, welcome) go on the same
+    // window system as the room.
+    if (!display && !qEnvironmentVariableIsSet("QT_QPA_PLATFORM")) qputenv("QT_QPA_PLATFORM", "offscreen");
+    if (windowSystem == Kind::x11) qputenv("QT_QPA_PLATFORM", "xcb");
+    if (windowSystem == Kind::wayland || windowSystem == Kind::waylandWithoutBackground)
+        qputenv("QT_QPA_PLATFORM", "wayland");
     QApplication app(argc, argv);
     QApplication::setQuitOnLastWindowClosed(false);
     // The application object has taken its own options (-session, -display, …) out of the line.
     if (const auto failed = line.parse(ownLine(app.arguments()))) return *failed;
     if (render) return renderCommand(line.parser, *renderOptions);
     if (!display) return renderInstead();
-    return runRoom(app, line.parser.isSet(musicDone));
+    return runRoom(app, line.parser.isSet(musicDone), windowSystem);
 }

@@ -19,6 +19,7 @@ public:
         badManifest,    // the manifest does not decode or has no framings
         damagedPlates,  // a plate or mask is missing, the wrong size or does not decode
         gpu,            // no device, out of device memory, a lost device, no window surface
+        noBackground,   // the desktop lets no program draw its background (Wayland without layer shell)
     };
     struct Problem {
         Reason reason = Reason::noScene;

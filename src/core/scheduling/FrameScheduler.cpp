@@ -120,7 +120,7 @@ void FrameScheduler::update()
 {
     if (!attached) return;
     const bool run = wantsFramesFlag && !locked && (ignoreOcclusion || (!occluded && !covered)) && !asleep &&
-                     !inactive && !screensOff;
+                     !inactive && !screensOff && !held;
     if (run && !tick.isActive())
         tick.start();
     else if (!run && tick.isActive())
@@ -190,8 +190,21 @@ void FrameScheduler::setCovered(bool value)
     update();
 }
 
+void FrameScheduler::release()
+{
+    if (!held) return;
+    held = false;
+    update();
+    if (tick.isActive()) frameTick();
+}
+
 void FrameScheduler::frameTick()
 {
+    if (mayDraw && !mayDraw()) {
+        held = true;
+        update();
+        return;
+    }
     ++frames;
     if (onFrame) onFrame(clock.now());
 }

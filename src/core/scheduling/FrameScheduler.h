@@ -44,6 +44,12 @@ public:
     // The moving part of the room in global screen pixels (the space of ListedWindow::frame);
     // none means it can never be covered.
     std::function<std::optional<QRect>()> animatedArea;
+    // Optional: whether the window system takes a frame now. Where the compositor paces the
+    // frames (Wayland's frame callbacks) it refuses one while it has not shown the last; a tick
+    // it refuses draws and counts nothing and stops the tick until release(). Unset: every tick draws.
+    std::function<bool()> mayDraw;
+    // The window system takes frames again: a held tick draws at once and the tick runs on.
+    void release();
 
     // Makes the frame tick exist (before the first attach, update() leaves it stopped) and
     // follows the given window list and session signals instead of any earlier ones. Either
@@ -123,6 +129,8 @@ private:
     bool screensOff = false;
     bool covered = false;
     bool ignoreOcclusion = false;
+    // A tick found the window system still holding the last frame.
+    bool held = false;
 
     QTimer probeTimer;
     long long probeTicks = 0;

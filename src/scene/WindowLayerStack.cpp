@@ -1,4 +1,4 @@
-#include "scene/LayerStack.h"
+#include "scene/WindowLayerStack.h"
 
 #include "render/SceneRenderer.h"
 #include "render/SwapchainTarget.h"
@@ -9,7 +9,7 @@
 #include <QWindow>
 #include <cmath>
 
-LayerStack::LayerStack(SceneRenderer &r, QWindow *hostWindow)
+WindowLayerStack::WindowLayerStack(SceneRenderer &r, QWindow *hostWindow)
     : renderer(r)
     , host(hostWindow)
 {
@@ -25,14 +25,21 @@ LayerStack::LayerStack(SceneRenderer &r, QWindow *hostWindow)
     };
     baseWindow->create();
     baseWindow->show();
+    auto resized = [this] { hostResized(); };
+    hostConnections.push_back(QObject::connect(host, &QWindow::widthChanged, resized));
+    hostConnections.push_back(QObject::connect(host, &QWindow::heightChanged, resized));
+    hostConnections.push_back(QObject::connect(host, &QWindow::visibleChanged, [this](bool shown) {
+        if (onShownChanged) onShownChanged(shown);
+    }));
     VkSurfaceKHR surface = QVulkanInstance::surfaceForWindow(baseWindow.get());
     if (!surface) return;
     baseTarget = std::make_unique<SwapchainTarget>(vk, surface, uint32_t(host->width()), uint32_t(host->height()));
     base = std::make_unique<BaseSurface>(vk, baseTarget.get());
 }
 
-LayerStack::~LayerStack()
+WindowLayerStack::~WindowLayerStack()
 {
+    for (const auto &c : hostConnections) QObject::disconnect(c);
     renderer.waitIdle();
     base.reset();
     for (Slot &slot : layerSlots) drop(slot);
@@ -40,14 +47,34 @@ LayerStack::~LayerStack()
     baseWindow.reset();
 }
 
-void LayerStack::resize(const QSize &pixels)
+QSize WindowLayerStack::pixelSize() const
+{
+    if (!host) return {};
+    const qreal dpr = host->devicePixelRatio();
+    return QSize(int(std::lround(host->width() * dpr)), int(std::lround(host->height() * dpr)));
+}
+
+QRect WindowLayerStack::toWindowList(const QRect &pixels) const
+{
+    if (!host) return {};
+    const qreal dpr = host->devicePixelRatio();
+    const QPoint corner = host->mapToGlobal(QPoint(0, 0));
+    return QRect(corner.x() + int(pixels.x() / dpr), corner.y() + int(pixels.y() / dpr), int(pixels.width() / dpr),
+                 int(pixels.height() / dpr));
+}
+
+bool WindowLayerStack::isShown() const { return host && host->isVisible(); }
+
+void WindowLayerStack::hostResized()
 {
     if (!host || !baseWindow) return;
     baseWindow->setGeometry(QRect(QPoint(0, 0), host->size()));
+    const QSize pixels = pixelSize();
     if (baseTarget) baseTarget->resize(uint32_t(pixels.width()), uint32_t(pixels.height()));
+    if (onResized) onResized();
 }
 
-void LayerStack::drop(Slot &slot)
+void WindowLayerStack::drop(Slot &slot)
 {
     if (slot.target || slot.window) renderer.waitIdle();
     slot.target.reset();
@@ -55,12 +82,12 @@ void LayerStack::drop(Slot &slot)
     slot.rect = QRect();
 }
 
-void LayerStack::clear()
+void WindowLayerStack::clear()
 {
     for (Slot &slot : layerSlots) drop(slot);
 }
 
-void LayerStack::place(Layer layer, const QRect &wanted)
+void WindowLayerStack::place(Layer layer, const QRect &wanted)
 {
     Slot &slot = layerSlots[size_t(layer)];
     if (wanted == slot.rect && (wanted.isEmpty() || slot.window)) return;
@@ -92,7 +119,7 @@ void LayerStack::place(Layer layer, const QRect &wanted)
                                                     uint32_t(wanted.height()));
 }
 
-void LayerStack::showDrawn()
+void WindowLayerStack::showDrawn()
 {
     for (Slot &slot : layerSlots)
         if (slot.window && slot.target && !slot.window->isVisible()) slot.window->show();
