@@ -198,6 +198,9 @@ int main(int argc, char **argv)
     if (windowSystem == Kind::x11) qputenv("QT_QPA_PLATFORM", "xcb");
     if (windowSystem == Kind::wayland || windowSystem == Kind::waylandWithoutBackground)
         qputenv("QT_QPA_PLATFORM", "wayland");
+    // On a machine without a GPU the software device draws the room with one thread, so the room
+    // never takes more than one core however much it would like to draw; a real device ignores it.
+    if (display && !qEnvironmentVariableIsSet("LP_NUM_THREADS")) qputenv("LP_NUM_THREADS", "1");
     QApplication app(argc, argv);
     QApplication::setQuitOnLastWindowClosed(false);
     // The application object has taken its own options (-session, -display, …) out of the line.
