@@ -1,5 +1,7 @@
 #include "render/SceneRenderer.h"
 
+#include <QElapsedTimer>
+
 #include "core/app/Log.h"
 #include "render/VulkanCheck.h"
 #include "render/VulkanHandle.h"
@@ -35,11 +37,11 @@ struct SceneRenderer::FrameSlot {
     void releaseFramebuffers() { framebuffers.clear(); }
 };
 
-std::unique_ptr<SceneRenderer> SceneRenderer::create(const ShaderLibrary &shaders)
+std::unique_ptr<SceneRenderer> SceneRenderer::create(const ShaderLibrary &shaders, const QString &pipelineCache)
 {
     std::unique_ptr<SceneRenderer> r(new SceneRenderer());
     try {
-        r->build(shaders);
+        r->build(shaders, pipelineCache);
     } catch (const VulkanError &e) {
         Log::write((e.result == VK_ERROR_INVALID_SHADER_NV ? QStringLiteral("Cena: shader não compilou: ")
                                                            : QStringLiteral("Cena: dispositivo Vulkan falhou: ")) +
@@ -52,7 +54,7 @@ std::unique_ptr<SceneRenderer> SceneRenderer::create(const ShaderLibrary &shader
     return r;
 }
 
-void SceneRenderer::build(const ShaderLibrary &shaders)
+void SceneRenderer::build(const ShaderLibrary &shaders, const QString &pipelineCache)
 {
     context = VulkanContext::create();
     const VkFormatFeatureFlags renderable =
@@ -60,7 +62,7 @@ void SceneRenderer::build(const ShaderLibrary &shaders)
     if (!context->supportsFormat(VK_FORMAT_B10G11R11_UFLOAT_PACK32, renderable))
         lightTextureFormat = VK_FORMAT_R16G16B16A16_SFLOAT;
     makeSceneLayout();
-    makePipelines(shaders);
+    makePipelines(shaders, pipelineCache);
     makeFallbacks();
     makeFrameSlots();
     presented.reserve(8);
@@ -111,9 +113,22 @@ void SceneRenderer::makeSceneLayout()
     vkCheck(vkCreatePipelineLayout(device, &plci, nullptr, sceneLayout.out(device)), "vkCreatePipelineLayout");
 }
 
-void SceneRenderer::makePipelines(const ShaderLibrary &shaders)
+void SceneRenderer::makePipelines(const ShaderLibrary &shaders, const QString &pipelineCache)
 {
     VkDevice device = context->device;
+    QElapsedTimer timer;
+    timer.start();
+    PipelineCache cache(device, context->properties, pipelineCache);
+    int made = 0, cached = 0;
+    const auto makePipeline = [&](VkDevice d, VkPipelineLayout layout, VkRenderPass pass, VkShaderModule vertex,
+                                  VkShaderModule fragment, Blend blend) {
+        bool hit = false;
+        VkPipeline p = VulkanPipelines::makePipeline(d, layout, pass, vertex, fragment, blend, cache.handle(),
+                                                     context->hasCreationFeedback ? &hit : nullptr);
+        ++made;
+        cached += hit ? 1 : 0;
+        return p;
+    };
     const auto module = [&](const std::vector<uint32_t> &spirv) {
         return ShaderModuleHandle(device, makeShader(device, spirv));
     };
@@ -166,6 +181,14 @@ void SceneRenderer::makePipelines(const ShaderLibrary &shaders)
         *mix.convert[f].out(device) = makePipeline(device, mix.layout, mix.resultPass[f], vert, converted, Blend::none);
     }
     builder = std::make_shared<MixBuilder>(context, std::move(mix));
+    cache.save();
+    Log::write(QStringLiteral("Vulkan: %1 pipelines em %2 s; %3")
+                   .arg(made)
+                   .arg(timer.elapsed() / 1000.0, 0, 'f', 2)
+                   .arg(!context->hasCreationFeedback ? QStringLiteral("o driver não diz quantos vieram do cache")
+                        : cached == made
+                            ? QStringLiteral("todos do cache, nenhum compilado")
+                            : QStringLiteral("%1 do cache, %2 compilados").arg(cached).arg(made - cached)));
 }
 
 void SceneRenderer::makeFallbacks()

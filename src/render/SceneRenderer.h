@@ -2,6 +2,7 @@
 
 #include "render/GPUClock.h"
 #include "render/MixBuilder.h"
+#include "render/PipelineCache.h"
 #include "render/RenderTarget.h"
 #include "render/SceneTextures.h"
 #include "render/SceneUniforms.h"
@@ -41,7 +42,9 @@ public:
 
     // None when there is no device, queue, shader or pipeline; the reason is logged: "Cena: sem
     // dispositivo Vulkan: ", "Cena: dispositivo Vulkan falhou: " or "Cena: shader não compilou: ".
-    static std::unique_ptr<SceneRenderer> create(const ShaderLibrary &shaders = ShaderLibrary::embedded());
+    // Compiled pipelines are kept in `pipelineCache` (a file; empty: none) for the next start.
+    static std::unique_ptr<SceneRenderer> create(const ShaderLibrary &shaders = ShaderLibrary::embedded(),
+                                                 const QString &pipelineCache = PipelineCache::defaultPath());
     ~SceneRenderer();
 
     // One frame in one command buffer, submitted and presented; it finishes later (waitIdle
@@ -65,9 +68,9 @@ public:
 
 private:
     SceneRenderer() = default;
-    void build(const ShaderLibrary &shaders);
+    void build(const ShaderLibrary &shaders, const QString &pipelineCache);
     void makeSceneLayout();
-    void makePipelines(const ShaderLibrary &shaders);
+    void makePipelines(const ShaderLibrary &shaders, const QString &pipelineCache);
     void makeFallbacks();
     void makeFrameSlots();
     struct FrameSlot;

@@ -159,6 +159,10 @@ std::shared_ptr<VulkanContext> VulkanContext::create()
         enabledDeviceExts.push_back(VK_KHR_SWAPCHAIN_EXTENSION_NAME);
         c->hasSwapchain = true;
     }
+    if (hasExtension(deviceExts, VK_EXT_PIPELINE_CREATION_FEEDBACK_EXTENSION_NAME)) {
+        enabledDeviceExts.push_back(VK_EXT_PIPELINE_CREATION_FEEDBACK_EXTENSION_NAME);
+        c->hasCreationFeedback = true;
+    }
 
     VkPhysicalDeviceFeatures supported{};
     vkGetPhysicalDeviceFeatures(c->physical, &supported);

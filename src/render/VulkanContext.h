@@ -75,6 +75,7 @@ public:
     VkPhysicalDeviceMemoryProperties memoryProperties{};
     uint32_t timestampValidBits = 0;
     bool hasSwapchain = false;
+    bool hasCreationFeedback = false;  // pipelines say whether they came from the cache
 
     QString deviceName() const;
 

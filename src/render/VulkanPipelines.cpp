@@ -67,7 +67,7 @@ VkShaderModule makeShader(VkDevice device, const std::vector<uint32_t> &spirv)
 }
 
 VkPipeline makePipeline(VkDevice device, VkPipelineLayout layout, VkRenderPass pass, VkShaderModule vertex,
-                        VkShaderModule fragment, Blend blendMode)
+                        VkShaderModule fragment, Blend blendMode, VkPipelineCache cache, bool *fromCache)
 {
     VkPipelineShaderStageCreateInfo stages[2]{};
     stages[0].sType = VK_STRUCTURE_TYPE_PIPELINE_SHADER_STAGE_CREATE_INFO;
@@ -124,8 +124,17 @@ VkPipeline makePipeline(VkDevice device, VkPipelineLayout layout, VkRenderPass p
     ci.pDynamicState = &ds;
     ci.layout = layout;
     ci.renderPass = pass;
+    VkPipelineCreationFeedback whole{};
+    VkPipelineCreationFeedback perStage[2]{};
+    VkPipelineCreationFeedbackCreateInfo feedback{VK_STRUCTURE_TYPE_PIPELINE_CREATION_FEEDBACK_CREATE_INFO};
+    feedback.pPipelineCreationFeedback = &whole;
+    feedback.pipelineStageCreationFeedbackCount = 2;
+    feedback.pPipelineStageCreationFeedbacks = perStage;
+    if (fromCache) ci.pNext = &feedback;
     VkPipeline pipeline;
-    vkCheck(vkCreateGraphicsPipelines(device, VK_NULL_HANDLE, 1, &ci, nullptr, &pipeline), "vkCreateGraphicsPipelines");
+    vkCheck(vkCreateGraphicsPipelines(device, cache, 1, &ci, nullptr, &pipeline), "vkCreateGraphicsPipelines");
+    if (fromCache && (whole.flags & VK_PIPELINE_CREATION_FEEDBACK_VALID_BIT))
+        *fromCache = whole.flags & VK_PIPELINE_CREATION_FEEDBACK_APPLICATION_PIPELINE_CACHE_HIT_BIT;
     return pipeline;
 }
 

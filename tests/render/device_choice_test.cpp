@@ -1,6 +1,9 @@
 #include "RenderTestSupport.h"
 
+#include "render/PipelineCache.h"
 #include "render/VulkanContext.h"
+
+#include <QTemporaryDir>
 
 #include <gtest/gtest.h>
 
@@ -32,6 +35,36 @@ TEST(DeviceChoice, HardwareBeatsTheSoftwareDeviceWhateverTheOrderAndTheChoiceIsL
     ASSERT_TRUE(context);
     EXPECT_EQ(context->properties.deviceType, VK_PHYSICAL_DEVICE_TYPE_CPU);  // the tests run on lavapipe
     EXPECT_TRUE(readLog().contains("Vulkan: dispositivo " + context->deviceName() + " (CPU)"));
+}
+
+// A cache file is taken only when the driver that reads it wrote it: another device's, a damaged
+// or a truncated one starts an empty cache, and saving writes one this driver accepts.
+TEST(DeviceChoice, ThePipelineCacheFileIsKeptOnlyForItsOwnDevice)
+{
+    auto context = VulkanContext::create();
+    ASSERT_TRUE(context);
+    const VkPhysicalDeviceProperties &props = context->properties;
+    QTemporaryDir dir;
+    const QString path = dir.filePath("cache/pipelines.bin");
+    {
+        PipelineCache fresh(context->device, props, path);
+        EXPECT_FALSE(fresh.loaded());
+        EXPECT_TRUE(fresh.save());
+    }
+    const QByteArray written = testsupport::readFile(path);
+    ASSERT_GE(written.size(), 32) << "a header at least";
+    EXPECT_TRUE(PipelineCache::fits(written, props));
+    EXPECT_TRUE(PipelineCache(context->device, props, path).loaded());
+
+    QByteArray otherDevice = written, otherDriver = written;
+    otherDevice[12] = char(otherDevice[12] ^ 0x5a);  // the device ID
+    otherDriver[31] = char(otherDriver[31] ^ 0x01);  // the last byte of the cache UUID
+    for (const QByteArray &bad : {otherDevice, otherDriver, written.left(20), QByteArray(4096, '\xff')}) {
+        EXPECT_FALSE(PipelineCache::fits(bad, props));
+        testsupport::writeFile(path, bad);
+        EXPECT_FALSE(PipelineCache(context->device, props, path).loaded());
+    }
+    EXPECT_TRUE(PipelineCache(context->device, props, QString()).save()) << "a cache without a file";
 }
 
 }  // namespace
