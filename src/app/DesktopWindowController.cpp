@@ -3,7 +3,6 @@
 #include "core/app/Log.h"
 #include "core/app/Settings.h"
 #include "core/scene/SceneStatus.h"
-#include "core/scene/PlatesWatcher.h"
 #include "render/SceneRenderer.h"
 #include "scene/TurntableView.h"
 
@@ -30,7 +29,9 @@ DesktopWindowController::DesktopWindowController(const Services &s, Platform p, 
     : QObject(parent)
     , services(s)
     , platform(std::move(p))
+    , room(s.room)
 {
+    connect(&room, &DesktopRoom::unavailable, this, &DesktopWindowController::roomUnavailable);
     auto rebuild = [this] { rebuildSurfaces(); };
     connect(qGuiApp, &QGuiApplication::screenAdded, this, [this, rebuild](QScreen *screen) {
         watchScreen(screen);
@@ -43,13 +44,11 @@ DesktopWindowController::DesktopWindowController(const Services &s, Platform p, 
 
 DesktopWindowController::~DesktopWindowController()
 {
-    watcher.reset();
     for (auto &surface : surfaces) {
         dropScene(*surface);
         if (platform.removed) platform.removed(surface->window.get());
     }
     surfaces.clear();
-    roomScene.reset();
 }
 
 void DesktopWindowController::watchScreen(QScreen *screen)
@@ -101,7 +100,7 @@ void DesktopWindowController::rebuildSurfaces()
             if (platform.added) platform.added(added.window.get());
         }
     }
-    if (!roomScene && !deviceFailed && !surfaces.empty()) loadScene();
+    if (!room.scene() && !room.deviceFailed() && !surfaces.empty()) loadScene();
 }
 
 void DesktopWindowController::placeWindow(Surface &surface)
@@ -128,44 +127,24 @@ void DesktopWindowController::hide()
 
 void DesktopWindowController::loadScene()
 {
-    if (!renderer && !deviceFailed) {
-        // One device for every screen, made once: a second screen shares its textures.
-        renderer = SceneRenderer::create();
-        deviceFailed = !renderer;
-        if (renderer) {
-            roomScene = std::make_unique<RoomScene>(services.room, renderer);
-            connect(roomScene.get(), &RoomScene::unavailable, this, [this] {
-                // Later, not inside the room's own call: the fallback destroys the views.
-                QMetaObject::invokeMethod(this, &DesktopWindowController::roomUnavailable, Qt::QueuedConnection);
-            });
-        }
-    }
-    roomFailed = false;
-    for (auto &surface : surfaces) attach(*surface);
-    if (roomScene) roomScene->load();
-    watchPlates();
+    room.load(
+        [this] {
+            for (auto &surface : surfaces) attach(*surface);
+        },
+        [this] { loadScene(); });
 }
 
 void DesktopWindowController::roomUnavailable()
 {
-    if (!roomScene || !roomScene->services().status->problem()) return;  // a newer load got through
-    roomFailed = true;
     for (auto &surface : surfaces) useFallback(*surface);
 }
 
 void DesktopWindowController::watchPlates()
 {
-    watcher.reset();
-    QPointer<DesktopWindowController> self(this);
-    watcher = std::make_unique<PlatesWatcher>([self] {
-        if (self) self->loadScene();
-    });
+    room.watch([this] { loadScene(); });
 }
 
-void DesktopWindowController::weatherChanged(const WeatherService::Now &now)
-{
-    if (roomScene) roomScene->weatherChanged(now);
-}
+void DesktopWindowController::weatherChanged(const WeatherService::Now &now) { room.weatherChanged(now); }
 
 void DesktopWindowController::dropScene(Surface &surface)
 {
@@ -178,14 +157,14 @@ void DesktopWindowController::dropScene(Surface &surface)
 void DesktopWindowController::attach(Surface &surface)
 {
     if (surface.scene) return;
-    if (!roomScene || roomFailed) {
+    if (!room.scene() || room.failed()) {
         // No room yet: the first load comes; without a device or a room, the plain turntable.
-        if (deviceFailed || roomFailed) useFallback(surface);
+        if (room.deviceFailed() || room.failed()) useFallback(surface);
         return;
     }
     surface.fallback.reset();
     SceneView::Services perScreen{services.windows, services.session, services.room.clock};
-    surface.scene = std::make_unique<SceneView>(*roomScene, perScreen, surface.window.get());
+    surface.scene = std::make_unique<SceneView>(*room.scene(), perScreen, surface.window.get());
     if (surface.scene->failed()) {
         Log::write(QStringLiteral("Cena indisponível: sem superfície Vulkan para a janela da tela ") +
                    surface.screenName);

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "app/DesktopPresence.h"
+#include "app/DesktopRoom.h"
 #include "scene/RoomScene.h"
 #include "scene/SceneView.h"
 
@@ -11,7 +12,6 @@
 #include <memory>
 #include <vector>
 
-class PlatesWatcher;
 class QScreen;
 class QWindow;
 class TurntableView;
@@ -65,11 +65,7 @@ private:
 
     Services services;
     Platform platform;
-    std::shared_ptr<SceneRenderer> renderer;
-    std::unique_ptr<RoomScene> roomScene;
-    bool deviceFailed = false;
-    bool roomFailed = false;
+    DesktopRoom room;
     std::vector<std::unique_ptr<Surface>> surfaces;
-    std::unique_ptr<PlatesWatcher> watcher;
     bool visible = false;
 };

@@ -2,7 +2,6 @@
 
 #include "core/app/Log.h"
 #include "core/app/Settings.h"
-#include "core/scene/PlatesWatcher.h"
 #include "core/scene/SceneStatus.h"
 #include "platform/wayland/WaylandConnection.h"
 #include "platform/wayland/WaylandLayerStack.h"
@@ -16,7 +15,9 @@ WaylandDesktopController::WaylandDesktopController(const Services &s, WaylandCon
     : QObject(parent)
     , services(s)
     , connection(c)
+    , room(s.room)
 {
+    connect(&room, &DesktopRoom::unavailable, this, &WaylandDesktopController::roomUnavailable);
     // From the event loop: the outputs change inside the connection's event dispatch.
     connect(&connection, &WaylandConnection::outputsChanged, this, &WaylandDesktopController::rebuildSurfaces,
             Qt::QueuedConnection);
@@ -28,10 +29,8 @@ WaylandDesktopController::WaylandDesktopController(const Services &s, WaylandCon
 
 WaylandDesktopController::~WaylandDesktopController()
 {
-    watcher.reset();
     for (auto &surface : surfaces) drop(*surface);
     surfaces.clear();
-    roomScene.reset();
 }
 
 void WaylandDesktopController::rebuildSurfaces()
@@ -69,7 +68,7 @@ void WaylandDesktopController::rebuildSurfaces()
         surfaces.push_back(std::move(surface));
         attach(added);
     }
-    if (!roomScene && !deviceFailed && !surfaces.empty()) loadScene();
+    if (!room.scene() && !room.deviceFailed() && !surfaces.empty()) loadScene();
 }
 
 void WaylandDesktopController::show()
@@ -86,53 +85,34 @@ void WaylandDesktopController::hide()
 
 void WaylandDesktopController::loadScene()
 {
-    if (!renderer && !deviceFailed) {
-        // One device for every output, made once: a second output shares its textures.
-        renderer = SceneRenderer::create();
-        deviceFailed = !renderer;
-        if (renderer) {
-            roomScene = std::make_unique<RoomScene>(services.room, renderer);
-            connect(roomScene.get(), &RoomScene::unavailable, this, [this] {
-                QMetaObject::invokeMethod(this, &WaylandDesktopController::roomUnavailable, Qt::QueuedConnection);
-            });
-        }
-    }
-    roomFailed = false;
-    for (auto &surface : surfaces) attach(*surface);
-    if (roomScene) roomScene->load();
-    watchPlates();
+    room.load(
+        [this] {
+            for (auto &surface : surfaces) attach(*surface);
+        },
+        [this] { loadScene(); });
 }
 
 void WaylandDesktopController::roomUnavailable()
 {
-    if (!roomScene || !roomScene->services().status->problem()) return;  // a newer load got through
-    roomFailed = true;
     // Nothing to draw: the desktop's own background shows until a load succeeds.
     for (auto &surface : surfaces) drop(*surface);
 }
 
 void WaylandDesktopController::watchPlates()
 {
-    watcher.reset();
-    QPointer<WaylandDesktopController> self(this);
-    watcher = std::make_unique<PlatesWatcher>([self] {
-        if (self) self->loadScene();
-    });
+    room.watch([this] { loadScene(); });
 }
 
-void WaylandDesktopController::weatherChanged(const WeatherService::Now &now)
-{
-    if (roomScene) roomScene->weatherChanged(now);
-}
+void WaylandDesktopController::weatherChanged(const WeatherService::Now &now) { room.weatherChanged(now); }
 
 void WaylandDesktopController::attach(Surface &surface)
 {
-    if (surface.scene || !roomScene || roomFailed) return;
-    auto stack = std::make_unique<WaylandLayerStack>(roomScene->renderer(), connection, surface.output);
+    if (surface.scene || !room.scene() || room.failed()) return;
+    auto stack = std::make_unique<WaylandLayerStack>(room.scene()->renderer(), connection, surface.output);
     const uint32_t id = surface.output;
     stack->onClosed = [this, id] { surfaceClosed(id); };
     SceneView::Services perOutput{services.windows, services.session, services.room.clock};
-    surface.scene = std::make_unique<SceneView>(*roomScene, perOutput, std::move(stack));
+    surface.scene = std::make_unique<SceneView>(*room.scene(), perOutput, std::move(stack));
     if (surface.scene->failed()) {
         Log::write(QStringLiteral("Cena indisponível: sem superfície Wayland para a saída ") + surface.name);
         drop(surface);

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "app/DesktopPresence.h"
+#include "app/DesktopRoom.h"
 #include "scene/RoomScene.h"
 
 #include <QObject>
@@ -8,8 +9,6 @@
 #include <memory>
 #include <vector>
 
-class PlatesWatcher;
-class SceneRenderer;
 class SceneView;
 class SessionSignals;
 class WaylandConnection;
@@ -55,12 +54,8 @@ private:
 
     Services services;
     WaylandConnection &connection;
-    std::shared_ptr<SceneRenderer> renderer;
-    std::unique_ptr<RoomScene> roomScene;
-    bool deviceFailed = false;
-    bool roomFailed = false;
+    DesktopRoom room;
     std::vector<std::unique_ptr<Surface>> surfaces;
     std::vector<uint32_t> closedOutputs;  // the compositor closed their surface: none again
-    std::unique_ptr<PlatesWatcher> watcher;
     bool visible = false;
 };
