@@ -187,6 +187,15 @@ TEST_F(X11Desktop, WindowListUnderOpenboxListsOtherProgramsWindowsShownOnThisDes
         return std::min({x->stackIndex(mine), x->stackIndex(dock), x->stackIndex(desktop)}) >= 0;
     }));
     EXPECT_EQ(list.windows().size(), 2u) << "only the plain and the second window";
+    // Another program's opaque desktop window over one of ours hides it: listed.
+    const Window ownDesktop = x->makeWindow(QRect(0, 0, 1280, 800), false, "_NET_WM_WINDOW_TYPE_DESKTOP");
+    ASSERT_TRUE(soon([&] { return x->stackIndex(ownDesktop) >= 0; }));
+    x->restack(ownDesktop, Below);
+    ASSERT_TRUE(soon([&] { return x->stackIndex(ownDesktop) < x->stackIndex(desktop); }));
+    list.addOwnWindow(WId(ownDesktop));
+    EXPECT_TRUE(listed(list, QRect(0, 0, 1280, 800)));
+    list.removeOwnWindow(WId(ownDesktop));
+    x->close(ownDesktop);
 
     // Iconic: gone from the list.
     xdotool({"windowminimize", QString::number(plain)});
@@ -298,8 +307,14 @@ TEST_F(X11Desktop, ThirtyTwoBitWindowsAreJudgedByTheAlphaTheyShow)
 
 TEST_F(X11Desktop, StaysBelowASeeThroughIconWindowAndLowersItselfAgain)
 {
+    if (!XServer::installed(QStringLiteral("xcompmgr"))) GTEST_SKIP() << "xcompmgr is not installed";
     START_OR_SKIP();
-    // Transparent between its icons, as GNOME's desktop icons are.
+    // Transparent between its icons, as GNOME's desktop icons are, under a compositing manager
+    // as GNOME always has one (without it the window would hide everything below it).
+    QProcess &compositor = server.launch(QStringLiteral("xcompmgr"), {});
+    ASSERT_TRUE(soon([&] {
+        return XGetSelectionOwner(x->d, x->atom("_NET_WM_CM_S0")) != 0 || compositor.state() == QProcess::NotRunning;
+    })) << XServer::output(compositor).constData();
     const Window icons = x->makeWindow(QRect(0, 0, 1280, 800), true, "_NET_WM_WINDOW_TYPE_DESKTOP");
     ASSERT_NE(icons, 0ul) << "no 32-bit visual";
     ASSERT_TRUE(soon([&] { return x->stackIndex(icons) >= 0; }));
