@@ -140,6 +140,7 @@ void AppDelegate::start()
     if (settingsStore->musicSetupDone()) monitor->start();
     launcher = std::make_unique<SystemProcessLauncher>();
     cleaner = std::make_unique<DesktopCleaner>(*settingsStore, linuxDesktopPreferences(), *launcher);
+    cleaner->setUnavailableNote(linuxDesktopCleanerNote());
 
     tray = std::make_unique<TrayIcon>(TrayIcon::Actions{
         [this] { return settingsStore->showTurntable(); },

@@ -24,6 +24,7 @@ DesktopTab::DesktopTab(const UiServices &services, QWidget *parent)
                        "keeps what you had, so you can put it back."));
     if (!s.cleaner || !s.cleaner->available()) {
         auto *why = new QLabel(s.cleaner ? s.cleaner->statusText() : DesktopCleaner::unavailableText());
+        why->setObjectName(QStringLiteral("cleanerStatus"));
         why->setWordWrap(true);
         layout->addWidget(why);
         layout->addStretch();

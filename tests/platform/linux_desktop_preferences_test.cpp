@@ -216,6 +216,11 @@ TEST_F(DesktopCleanerXfconfTest, OnlyXfceAndGnomeHaveABackEnd)
     DesktopCleaner none(settings, linuxDesktopPreferences("KDE"), launcher);
     EXPECT_FALSE(none.available());
     EXPECT_EQ(none.statusText(), "Hiding desktop icons is not available on this desktop.");
+    // Plasma has icons the cleaner cannot reach: the Desktop settings tell where they are.
+    EXPECT_TRUE(linuxDesktopCleanerNote("XFCE").isEmpty());
+    none.setUnavailableNote(linuxDesktopCleanerNote("KDE"));
+    EXPECT_TRUE(none.statusText().startsWith("Plasma keeps the desktop icons in its Folder View"))
+        << none.statusText().toStdString();
     EXPECT_FALSE(none.supports(DesktopPreferences::Control::hideIcons));
     none.apply(hide());
     none.restore();

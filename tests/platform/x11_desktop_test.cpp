@@ -1,5 +1,6 @@
 #include "core/scheduling/FrameScheduler.h"
 #include "platform/linux/X11WindowList.h"
+#include "platform/linux/X11WindowTransparency.h"
 #include "TestSupport.h"
 #include "XServer.h"
 
@@ -186,6 +187,15 @@ TEST_F(X11Desktop, WindowListUnderOpenboxListsOtherProgramsWindowsShownOnThisDes
         return std::min({x->stackIndex(mine), x->stackIndex(dock), x->stackIndex(desktop)}) >= 0;
     }));
     EXPECT_EQ(list.windows().size(), 2u) << "only the plain and the second window";
+    // Another program's opaque desktop window over one of ours hides it: listed.
+    const Window ownDesktop = x->makeWindow(QRect(0, 0, 1280, 800), false, "_NET_WM_WINDOW_TYPE_DESKTOP");
+    ASSERT_TRUE(soon([&] { return x->stackIndex(ownDesktop) >= 0; }));
+    x->restack(ownDesktop, Below);
+    ASSERT_TRUE(soon([&] { return x->stackIndex(ownDesktop) < x->stackIndex(desktop); }));
+    list.addOwnWindow(WId(ownDesktop));
+    EXPECT_TRUE(listed(list, QRect(0, 0, 1280, 800)));
+    list.removeOwnWindow(WId(ownDesktop));
+    x->close(ownDesktop);
 
     // Iconic: gone from the list.
     xdotool({"windowminimize", QString::number(plain)});
@@ -258,10 +268,53 @@ TEST_F(X11Desktop, BlankedScreensPauseTheRoomUntilTheyShowAgain)
                            QStringLiteral("Cena: monitor ligado → renderiza")}));
 }
 
+TEST_F(X11Desktop, ThirtyTwoBitWindowsAreJudgedByTheAlphaTheyShow)
+{
+    if (!XServer::installed(QStringLiteral("xcompmgr"))) GTEST_SKIP() << "xcompmgr is not installed";
+    QString why;
+    ASSERT_TRUE(server.start(why)) << qPrintable(why);
+    x = std::make_unique<XClient>(server.display());
+    // Transparent between a few icons (GNOME's desktop icons); a wallpaper painted into a 32-bit
+    // window (Plasma's desktop) with one small see-through corner; a plain 24-bit window.
+    const Window clear = x->makeWindow(QRect(0, 0, 640, 400), true);
+    const Window painted = x->makeWindow(QRect(640, 0, 640, 400), true);
+    const Window plain = x->makeWindow(QRect(0, 400, 640, 400));
+    ASSERT_TRUE(clear && painted && plain) << "no 32-bit visual";
+    GC gc = XCreateGC(x->d, clear, 0, nullptr);
+    XSetForeground(x->d, gc, 0xFF3050A0ul);
+    for (int i = 0; i < 4; ++i) XFillRectangle(x->d, clear, gc, 20, 20 + 90 * i, 64, 64);
+    XFillRectangle(x->d, painted, gc, 0, 0, 640, 400);
+    XSetForeground(x->d, gc, 0);
+    XFillRectangle(x->d, painted, gc, 0, 0, 60, 40);
+    XFreeGC(x->d, gc);
+    XSync(x->d, False);
+
+    // Without a compositing manager no alpha is blended: every window hides what lies below.
+    X11Connection connection(server.display());
+    X11WindowTransparency before(connection);
+    for (const Window w : {clear, painted, plain}) EXPECT_FALSE(before.seeThrough(w)) << w;
+
+    QProcess &compositor = server.launch(QStringLiteral("xcompmgr"), {});
+    ASSERT_TRUE(soon([&] {
+        return XGetSelectionOwner(x->d, x->atom("_NET_WM_CM_S0")) != 0 || compositor.state() == QProcess::NotRunning;
+    })) << XServer::output(compositor).constData();
+    X11WindowTransparency judge(connection);
+    EXPECT_TRUE(judge.seeThrough(clear));
+    EXPECT_FALSE(judge.seeThrough(painted)) << "opaque nearly everywhere";
+    EXPECT_FALSE(judge.seeThrough(plain));
+    EXPECT_FALSE(judge.seeThrough(0x7FFFFFul)) << "a window that does not exist";
+}
+
 TEST_F(X11Desktop, StaysBelowASeeThroughIconWindowAndLowersItselfAgain)
 {
+    if (!XServer::installed(QStringLiteral("xcompmgr"))) GTEST_SKIP() << "xcompmgr is not installed";
     START_OR_SKIP();
-    // Transparent between its icons, as GNOME's desktop icons are.
+    // Transparent between its icons, as GNOME's desktop icons are, under a compositing manager
+    // as GNOME always has one (without it the window would hide everything below it).
+    QProcess &compositor = server.launch(QStringLiteral("xcompmgr"), {});
+    ASSERT_TRUE(soon([&] {
+        return XGetSelectionOwner(x->d, x->atom("_NET_WM_CM_S0")) != 0 || compositor.state() == QProcess::NotRunning;
+    })) << XServer::output(compositor).constData();
     const Window icons = x->makeWindow(QRect(0, 0, 1280, 800), true, "_NET_WM_WINDOW_TYPE_DESKTOP");
     ASSERT_NE(icons, 0ul) << "no 32-bit visual";
     ASSERT_TRUE(soon([&] { return x->stackIndex(icons) >= 0; }));

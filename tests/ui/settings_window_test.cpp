@@ -5,8 +5,11 @@
 #include "TestSupport.h"
 #include "core/app/Settings.h"
 #include "core/app/SettingsTable.h"
+#include "core/environment/DesktopCleaner.h"
+#include "core/environment/ProcessLauncher.h"
 #include "core/environment/PowerMonitor.h"
 #include "core/scene/SceneStatus.h"
+#include "platform/linux/LinuxDesktopPreferences.h"
 #include "platform/linux/XdgAutostart.h"
 #include "ui/SettingsWindow.h"
 
@@ -124,6 +127,28 @@ TEST_F(SettingsWindowTest, SceneAndAboutTellTheRoomsStateInTheUsersWords)
     const QString about = control<QLabel>("scene")->text();
     EXPECT_TRUE(about.contains(problem->text() + "\nTechnical detail: sem superfície Vulkan para a janela"))
         << qPrintable(about);
+}
+
+// On Plasma the cleaner has nothing to change: the Desktop tab says where the icons are instead.
+TEST_F(SettingsWindowTest, DesktopTabTellsPlasmaUsersWhereTheirIconsAre)
+{
+    SystemProcessLauncher launcher;
+    DesktopCleaner cleaner(settings, linuxDesktopPreferences("KDE"), launcher);
+    cleaner.setUnavailableNote(linuxDesktopCleanerNote("KDE"));
+    UiServices s;
+    s.settings = &settings;
+    s.power = &power;
+    s.status = &status;
+    s.cleaner = &cleaner;
+    SettingsWindow plasma(s);
+    plasma.show(SettingsWindow::Tab::desktop);
+    ASSERT_TRUE(QTest::qWaitForWindowExposed(&plasma));
+    QLabel *why = plasma.findChild<QLabel *>("cleanerStatus");
+    ASSERT_TRUE(why);
+    EXPECT_TRUE(why->isVisible());
+    EXPECT_TRUE(why->text().contains("Folder View")) << why->text().toStdString();
+    EXPECT_FALSE(plasma.findChild<QCheckBox *>("hideIcons")) << "a switch that could not work";
+    plasma.grab().save(QStringLiteral(TURNELO_BINARY_DIR "/settings-desktop-plasma.png"));
 }
 
 TEST_F(SettingsWindowTest, LaunchAtLoginMakesAndRemovesTheAutostartEntry)

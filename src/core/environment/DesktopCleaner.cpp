@@ -65,7 +65,11 @@ QString DesktopCleaner::unavailableText()
     return QStringLiteral("Hiding desktop icons is not available on this desktop.");
 }
 
-QString DesktopCleaner::statusText() const { return available() ? QString() : unavailableText(); }
+QString DesktopCleaner::statusText() const
+{
+    if (available()) return {};
+    return unavailableNote.isEmpty() ? unavailableText() : unavailableNote;
+}
 
 bool DesktopCleaner::supports(Control control) const
 {

@@ -37,8 +37,11 @@ public:
     static QString unavailableText();
 
     bool available() const { return prefs != nullptr; }
-    // Empty while available; otherwise the text the Desktop settings show instead of the switches.
+    // Empty while available; otherwise the text the Desktop settings show instead of the switches:
+    // the desktop's own note when one was given, else unavailableText().
     QString statusText() const;
+    // What to tell on a desktop whose icons the cleaner cannot hide, and why (Plasma's).
+    void setUnavailableNote(const QString &note) { unavailableNote = note; }
     // Whether this desktop has anything that a control changes (Xfce has no widgets).
     bool supports(DesktopPreferences::Control control) const;
 
@@ -64,4 +67,5 @@ private:
     std::unique_ptr<DesktopPreferences> prefs;
     ProcessLauncher &launcher;
     Desired now;
+    QString unavailableNote;
 };

@@ -10,3 +10,8 @@
 // missing, in which case the desktop cleaner touches nothing.
 std::unique_ptr<DesktopPreferences> linuxDesktopPreferences(const QString &currentDesktop);
 std::unique_ptr<DesktopPreferences> linuxDesktopPreferences();
+
+// What the Desktop settings tell on a desktop whose icons the cleaner cannot hide although it
+// has them (Plasma keeps them in its Folder View); empty for the others.
+QString linuxDesktopCleanerNote(const QString &currentDesktop);
+QString linuxDesktopCleanerNote();

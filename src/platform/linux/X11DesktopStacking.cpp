@@ -6,11 +6,16 @@
 
 #include <X11/Xlib.h>
 #include <algorithm>
+#include <optional>
 #include <unistd.h>
 
 namespace {
 
 constexpr long restackFromPager = 2;  // managers ignore other sources' stacking requests
+// Raising ours above the same icon window more often than this within the span means another
+// program puts it back on top each time: the room stops answering instead of looping with it.
+constexpr int raisesAllowed = 3;
+constexpr qint64 raisesSpanMs = 10000;
 
 }  // namespace
 
@@ -23,6 +28,8 @@ X11DesktopStacking::X11DesktopStacking(const QByteArray &displayName, QObject *p
         if (atom == x.atom("_NET_CLIENT_LIST_STACKING") || atom == x.atom("_NET_CLIENT_LIST")) restackSoon();
     });
     x.watchRoot();
+    recheck.setInterval(X11WindowTransparency::freshMs);
+    connect(&recheck, &QTimer::timeout, this, &X11DesktopStacking::restack);
 }
 
 void X11DesktopStacking::add(QWindow *window)
@@ -75,17 +82,25 @@ void X11DesktopStacking::restack()
             iconsAt = i;
         }
     }
-    const bool iconsSeeThrough = icons && x.depth(icons) == 32;
+    const bool iconsSeeThrough = icons && transparency.seeThrough(icons);
+    if (icons && x.depth(icons) == 32) {
+        if (!recheck.isActive()) recheck.start();
+    } else {
+        recheck.stop();
+    }
+    // WM_CLASS holds the instance name, a NUL, then the class name.
+    const QList<QByteArray> names = icons ? x.bytes(icons, x.atom("WM_CLASS")).split('\0') : QList<QByteArray>();
+    QString program = QString::fromUtf8(names.value(1, names.value(0)));
+    if (program.isEmpty()) program = QStringLiteral("?");
 
     if (icons && !iconsSeeThrough && !toldOpaque) {
         toldOpaque = true;
-        // WM_CLASS holds the instance name, a NUL, then the class name.
-        const QList<QByteArray> names = x.bytes(icons, x.atom("WM_CLASS")).split('\0');
-        const QString program = QString::fromUtf8(names.value(1, names.value(0)));
         Log::write(QStringLiteral("Mesa: a janela de ícones do desktop (%1) é opaca; a sala fica "
                                   "acima dela e tapa os ícones — esconda-os na aba Desktop")
-                       .arg(program.isEmpty() ? QStringLiteral("?") : program));
+                       .arg(program));
     }
+    raises.removeIf([icons](const auto &item) { return item.key() != icons; });
+    std::optional<bool> raiseAllowed;  // asked once per pass, however many screens need it
 
     for (const QPointer<QWindow> &window : std::as_const(windows)) {
         if (!window->handle()) continue;
@@ -105,10 +120,27 @@ void X11DesktopStacking::restack()
         } else if (iconsSeeThrough && iconsAt < oursAt) {
             requestRestack(ours, icons, false);
         } else if (!iconsSeeThrough && oursAt < iconsAt) {
-            requestRestack(ours, icons, true);
+            if (!raiseAllowed) raiseAllowed = mayRaiseAbove(icons, program);
+            if (*raiseAllowed) requestRestack(ours, icons, true);
         }
     }
     x.sync();
+}
+
+bool X11DesktopStacking::mayRaiseAbove(XWindow icons, const QString &program)
+{
+    if (yieldedTo.contains(icons)) return false;
+    Raises &r = raises[icons];
+    if (!r.since.isValid() || r.since.elapsed() > raisesSpanMs) {
+        r.count = 0;
+        r.since.start();
+    }
+    if (++r.count <= raisesAllowed) return true;
+    yieldedTo.insert(icons);
+    Log::write(QStringLiteral("Mesa: a janela de desktop (%1) volta sempre para cima da sala; a sala deixa "
+                              "de disputar o lugar e pausa enquanto estiver coberta")
+                   .arg(program));
+    return false;
 }
 
 // _NET_RESTACK_WINDOW: the manager restacks its frame of `window` relative to `sibling`'s (or

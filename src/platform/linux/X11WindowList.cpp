@@ -92,19 +92,24 @@ std::vector<ListedWindow> X11WindowList::windows()
         xcb_get_geometry_cookie_t geometry;
         xcb_translate_coordinates_cookie_t corner;
         xcb_get_property_cookie_t state, desktop, types, pid, extents, opacity;
+        bool aboveOurs;  // stacked above one of our own windows
     };
     auto property = [&](xcb_window_t w, const char *name) {
         return xcb_get_property(c, 0, w, xcb_atom_t(x.atom(name)), XCB_GET_PROPERTY_TYPE_ANY, 0, 4096);
     };
     std::vector<Asked> asked;
     asked.reserve(stacking.size());
+    bool aboveOurs = false;
     for (const unsigned long client : stacking) {
-        if (own.contains(WId(client))) continue;
+        if (own.contains(WId(client))) {
+            aboveOurs = true;
+            continue;
+        }
         const auto w = xcb_window_t(client);
         asked.push_back({w, xcb_get_window_attributes(c, w), xcb_get_geometry(c, w),
                          xcb_translate_coordinates(c, w, root, 0, 0), property(w, "_NET_WM_STATE"),
                          property(w, "_NET_WM_DESKTOP"), property(w, "_NET_WM_WINDOW_TYPE"), property(w, "_NET_WM_PID"),
-                         property(w, "_NET_FRAME_EXTENTS"), property(w, "_NET_WM_WINDOW_OPACITY")});
+                         property(w, "_NET_FRAME_EXTENTS"), property(w, "_NET_WM_WINDOW_OPACITY"), aboveOurs});
     }
 
     // A window that vanished meanwhile answers with an error, which reads as "no reply"; the
@@ -126,6 +131,9 @@ std::vector<ListedWindow> X11WindowList::windows()
         std::free(error);
         return items;
     };
+    // Other programs' desktop windows above ours, by their place in `out`: judged by their
+    // contents once every reply is read.
+    std::vector<std::pair<size_t, xcb_window_t>> desktopsAbove;
     for (const Asked &a : asked) {
         // Every reply is read, the skipped windows' too, so none is left waiting in the connection.
         xcb_generic_error_t *e1 = nullptr, *e2 = nullptr, *e3 = nullptr;
@@ -138,7 +146,8 @@ std::vector<ListedWindow> X11WindowList::windows()
         const bool viewable = attributes && attributes->map_state == XCB_MAP_STATE_VIEWABLE && geometry && corner;
         const bool elsewhere =
             currentDesktop && !desktop.empty() && desktop.front() != allDesktops && desktop.front() != *currentDesktop;
-        if (viewable && !contains(state, hidden) && !elsewhere && !contains(types, desktopType) &&
+        const bool desktopAbove = contains(types, desktopType) && a.aboveOurs;
+        if (viewable && !contains(state, hidden) && !elsewhere && (!contains(types, desktopType) || desktopAbove) &&
             !contains(types, dockType) && (pid.empty() || pid.front() != ourPid)) {
             // left, right, top, bottom
             std::vector<unsigned long> extents = frame;
@@ -148,12 +157,15 @@ std::vector<ListedWindow> X11WindowList::windows()
                 QRect(corner->dst_x - int(extents[0]), corner->dst_y - int(extents[2]),
                       geometry->width + int(extents[0] + extents[1]), geometry->height + int(extents[2] + extents[3]));
             if (!opacity.empty()) listed.opacity = double(opacity.front()) / double(0xFFFFFFFFul);
+            if (desktopAbove) desktopsAbove.emplace_back(out.size(), a.window);
             out.push_back(listed);
         }
         std::free(attributes);
         std::free(geometry);
         std::free(corner);
     }
+    for (auto it = desktopsAbove.rbegin(); it != desktopsAbove.rend(); ++it)
+        if (transparency.seeThrough(it->second)) out.erase(out.begin() + qsizetype(it->first));
     x.readQueuedSoon();
     return out;
 }

@@ -2,6 +2,7 @@
 
 #include "core/scheduling/WindowList.h"
 #include "platform/linux/X11Connection.h"
+#include "platform/linux/X11WindowTransparency.h"
 
 #include <QSet>
 #include <QWindow>
@@ -9,8 +10,10 @@
 // Other programs' windows from the EWMH stacking list (_NET_CLIENT_LIST_STACKING), bottom to
 // top, each as its frame on the root window (decorations from _NET_FRAME_EXTENTS included).
 // Left out: unmapped or iconic (_NET_WM_STATE_HIDDEN) clients, clients on another desktop,
-// desktop and dock windows, this process's windows (_NET_WM_PID) and the windows given to
-// addOwnWindow. It keeps its own X connection; without an X server the list is empty.
+// dock windows, this process's windows (_NET_WM_PID) and the windows given to addOwnWindow.
+// Another program's desktop window is listed only when it is stacked above one of the windows
+// given to addOwnWindow and hides what lies below it (X11WindowTransparency): a room under it
+// is seen by nobody. It keeps its own X connection; without an X server the list is empty.
 // The screens are off while the server's DPMS power level is standby, suspend or off, or while
 // its screen saver (MIT-SCREEN-SAVER) blanks them; powering down blanks them too, so the saver's
 // notices announce both. Main thread only.
@@ -34,6 +37,7 @@ private:
     void rootPropertyChanged(unsigned long atom);
 
     X11Connection x;
+    X11WindowTransparency transparency{x};
     QSet<WId> own;
     bool dpms = false;     // the server can power its monitors down
     int saverNotify = -1;  // the event type of the screen saver's notices; -1 without the extension
