@@ -1,9 +1,11 @@
 // The real program under a real headless sway with the software Vulkan device: the room replaces
 // the desktop's background, a fullscreen window pauses it and closing it resumes it, a new output
-// gets a room of its own and a disabled one takes its surface away without harm.
+// gets a room of its own and a disabled one takes its surface away without harm. Under a
+// compositor without layer surfaces there is no room and no window, and the log says why.
 
 #include "PrivateBus.h"
 #include "SwayServer.h"
+#include "WestonServer.h"
 #include "TestSupport.h"
 
 #include <QFile>
@@ -187,6 +189,44 @@ TEST_F(WaylandRoom, BackgroundOfEveryOutputPausedByAFullscreenWindow)
         << "the first output stopped drawing";
     EXPECT_EQ(app.state(), QProcess::Running) << "the program did not survive the output's removal";
     EXPECT_GT(changedShare(bare, sway.screenshot("HEADLESS-1")), 0.9) << "the first output lost its room";
+}
+
+TEST(WaylandWithoutLayerShell, NoWindowAndTheLogSaysWhy)
+{
+    WestonServer weston;
+    PrivateBus bus;
+    QString why;
+    if (!weston.start(why)) GTEST_SKIP() << why.toStdString();
+    ASSERT_TRUE(bus.ok());
+    QProcessEnvironment env = weston.environment();
+    const QProcessEnvironment busEnv = bus.env();
+    for (const char *key : {"DBUS_SESSION_BUS_ADDRESS", "DBUS_SYSTEM_BUS_ADDRESS"}) env.insert(key, busEnv.value(key));
+    env.insert("VK_ICD_FILENAMES", lavapipeIcd());
+    // Every request the program makes to the compositor, on stderr.
+    env.insert("WAYLAND_DEBUG", "client");
+    QProcess tool;
+    tool.setProcessEnvironment(env);
+    tool.start(binary("tools/turnelo-defaults"), {"write", "onboardingDone", "-bool", "true"});
+    ASSERT_TRUE(tool.waitForFinished(30000) && tool.exitCode() == 0);
+
+    QProcess app;
+    app.setProcessEnvironment(env);
+    app.start(binary("turnelo"), {"--music-setup-done"});
+    ASSERT_TRUE(app.waitForStarted(10000));
+    const auto log = [&] { return QString::fromUtf8(readFile(weston.stateHome() + "/Turnelo Dev.log")); };
+    EXPECT_TRUE(waitUntil([&] { return log().contains("Sala indisponível: ") || app.state() != QProcess::Running; },
+                          std::chrono::seconds(30)))
+        << log().toStdString();
+    EXPECT_TRUE(log().contains("não deixa programas desenharem o fundo")) << log().toStdString();
+    spin(std::chrono::seconds(2));  // time enough to map a window, had it meant to
+    EXPECT_EQ(app.state(), QProcess::Running);
+    app.terminate();
+    app.waitForFinished(10000);
+    const QByteArray requests = app.readAllStandardError();
+    // The probe's connection and Qt's own (which would make any window) are both seen.
+    EXPECT_GE(requests.count("wl_display@1.get_registry("), 2) << "the program's Wayland requests were not seen";
+    EXPECT_FALSE(requests.contains("get_toplevel")) << "a window was made";
+    EXPECT_FALSE(requests.contains("get_layer_surface"));
 }
 
 }  // namespace
