@@ -9,6 +9,15 @@
 
 class PlatesWatcher;
 class SceneRenderer;
+class SessionSignals;
+class WindowList;
+
+// What the room and its views on every screen use, owned by the application.
+struct DesktopServices {
+    RoomScene::Services room;
+    WindowList *windows = nullptr;      // optional: no coverage probe
+    SessionSignals *session = nullptr;  // optional
+};
 
 // The one room that every screen's surfaces show, whatever the window system: the device, made
 // at the first load and shared by all screens, the room loaded on it, and a watch on its plates

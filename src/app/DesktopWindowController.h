@@ -30,11 +30,7 @@ public:
         std::function<void(QWindow *)> removed;  // the window is about to be destroyed
     };
 
-    struct Services {
-        RoomScene::Services room;
-        WindowList *windows = nullptr;      // optional: no coverage probe
-        SessionSignals *session = nullptr;  // optional
-    };
+    using Services = DesktopServices;
 
     DesktopWindowController(const Services &services, Platform platform, QObject *parent = nullptr);
     ~DesktopWindowController() override;

@@ -23,11 +23,7 @@ class WindowList;
 class WaylandDesktopController : public QObject, public DesktopPresence {
     Q_OBJECT
 public:
-    struct Services {
-        RoomScene::Services room;
-        WindowList *windows = nullptr;      // optional: no coverage probe
-        SessionSignals *session = nullptr;  // optional
-    };
+    using Services = DesktopServices;
 
     // `connection` offers layer shell and outlives the controller.
     WaylandDesktopController(const Services &services, WaylandConnection &connection, QObject *parent = nullptr);

@@ -2,6 +2,7 @@
 // UPower, logind and screen saver, and the software Vulkan device: the room comes up on the
 // desktop, pauses when covered or locked, and follows power, screens and the scene on disk.
 
+#include "AppLog.h"
 #include "PrivateBus.h"
 #include "TestSupport.h"
 #include "XServer.h"
@@ -79,36 +80,12 @@ protected:
         ASSERT_TRUE(app.waitForStarted(10000));
     }
 
-    QString log() const
-    {
-        QFile f(x.stateHome() + "/Turnelo Dev.log");
-        return f.open(QIODevice::ReadOnly) ? QString::fromUtf8(f.readAll()) : QString();
-    }
-    // Waits for a log line holding `text` after `from` characters of the log; its end offset.
+    QString log() const { return appLog.text(); }
     qsizetype waitForLine(const QString &text, qsizetype from = 0, int seconds = 60)
     {
-        qsizetype at = -1;
-        waitUntil(
-            [&] {
-                at = log().indexOf(text, from);
-                return at >= 0 || app.state() != QProcess::Running;
-            },
-            std::chrono::seconds(seconds));
-        if (at < 0)
-            ADD_FAILURE() << "no line \"" << text.toStdString() << "\"; app says:\n"
-                          << app.readAll().toStdString() << "\nlog:\n"
-                          << log().mid(from).toStdString();
-        return at < 0 ? from : at + text.size();
+        return appLog.waitForLine(text, from, seconds);
     }
-    // The frames per second of the first performance line that starts after `from`.
-    double fpsAfter(qsizetype from)
-    {
-        static const QRegularExpression perf(QStringLiteral("Perf \\d+s: ([0-9.]+) fps"));
-        QRegularExpressionMatch m;
-        waitUntil([&] { return (m = perf.match(log(), from)).hasMatch(); }, std::chrono::seconds(30));
-        EXPECT_TRUE(m.hasMatch()) << "no performance line";
-        return m.hasMatch() ? m.captured(1).toDouble() : -1;
-    }
+    double fpsAfter(qsizetype from) { return appLog.fpsAfter(from); }
     // The program's windows smaller than the screen: its moving layers, largest first (the
     // record and arm, then the steam).
     std::vector<QRect> layers()
@@ -144,6 +121,7 @@ protected:
     std::unique_ptr<DbusMock> upower, screensaver, logind;
     QString scene;
     QProcess app;
+    AppLog appLog{x.stateHome(), app};
 };
 
 // Mean and spread of the grey level over a rectangle of a screenshot, every fourth pixel.

@@ -3,6 +3,7 @@
 // must show above that window (below the panel), and pause when another program's opaque
 // desktop window ends up above it. One bring-up for both: plasmashell starts slowly.
 
+#include "AppLog.h"
 #include "TestSupport.h"
 #include "XServer.h"
 
@@ -107,12 +108,10 @@ TEST(PlasmaDesktop, TheRoomShowsAbovePlasmasDesktopAndPausesUnderAnOpaqueDesktop
     app.setProcessChannelMode(QProcess::MergedChannels);
     app.start(binary("turnelo"), {"--music-setup-done"});
     ASSERT_TRUE(app.waitForStarted(10000));
-    const auto log = [&] { return QString::fromUtf8(readFile(x.stateHome() + "/Turnelo Dev.log")); };
+    const AppLog appLog(x.stateHome(), app);
+    const auto log = [&] { return appLog.text(); };
     const auto waitForLine = [&](const QString &text, qsizetype from, std::chrono::seconds patience = 60s) {
-        qsizetype at = -1;
-        waitUntil([&] { return (at = log().indexOf(text, from)) >= 0 || app.state() != QProcess::Running; }, patience);
-        if (at < 0) ADD_FAILURE() << "no line \"" << text.toStdString() << "\"";
-        return at < 0 ? from : at + text.size();
+        return appLog.waitForLine(text, from, int(patience.count()));
     };
     struct Stop {
         QProcess &app;

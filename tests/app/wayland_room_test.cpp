@@ -3,6 +3,7 @@
 // gets a room of its own and a disabled one takes its surface away without harm. Under a
 // compositor without layer surfaces there is no room and no window, and the log says why.
 
+#include "AppLog.h"
 #include "PrivateBus.h"
 #include "SwayServer.h"
 #include "WestonServer.h"
@@ -68,32 +69,12 @@ protected:
         tool.start(binary("tools/turnelo-defaults"), args);
         ASSERT_TRUE(tool.waitForFinished(30000) && tool.exitCode() == 0) << tool.readAllStandardError().toStdString();
     }
-    QString log() const
-    {
-        QFile f(sway.stateHome() + "/Turnelo Dev.log");
-        return f.open(QIODevice::ReadOnly) ? QString::fromUtf8(f.readAll()) : QString();
-    }
+    QString log() const { return appLog.text(); }
     qsizetype waitForLine(const QString &text, qsizetype from, int seconds = 60)
     {
-        qsizetype at = -1;
-        waitUntil(
-            [&] {
-                at = log().indexOf(text, from);
-                return at >= 0 || app.state() != QProcess::Running;
-            },
-            std::chrono::seconds(seconds));
-        if (at < 0) ADD_FAILURE() << "no line \"" << text.toStdString() << "\"";
-        return at < 0 ? from : at + text.size();
+        return appLog.waitForLine(text, from, seconds);
     }
-    // The frames per second of the first performance line that starts after `from`.
-    double fpsAfter(qsizetype from)
-    {
-        static const QRegularExpression perf(QStringLiteral("Perf \\d+s: ([0-9.]+) fps"));
-        QRegularExpressionMatch m;
-        waitUntil([&] { return (m = perf.match(log(), from)).hasMatch(); }, std::chrono::seconds(30));
-        EXPECT_TRUE(m.hasMatch()) << "no performance line";
-        return m.hasMatch() ? m.captured(1).toDouble() : -1;
-    }
+    double fpsAfter(qsizetype from) { return appLog.fpsAfter(from); }
     void TearDown() override
     {
         if (HasFailure() || qEnvironmentVariableIsSet("SHOWLOG"))
@@ -110,6 +91,7 @@ protected:
     QTemporaryDir dir;
     QString scene;
     QProcess app, terminal;
+    AppLog appLog{sway.stateHome(), app};
 };
 
 TEST_F(WaylandRoom, BackgroundOfEveryOutputPausedByAFullscreenWindow)
