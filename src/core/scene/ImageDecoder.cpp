@@ -38,10 +38,15 @@ constexpr uint16_t halfOne = 0x3C00;
 // believing it would mean allocating gigabytes.
 constexpr int64_t maxSide = 16384;
 
+// Nor does any hold more pixels than an 8K frame: a small file may claim a huge display window,
+// and every crop scans all of it.
+constexpr int64_t maxPixels = int64_t(7680) * 4320;
+
 // Both OpenEXR readers' boxes: inclusive corners.
 template <typename Box> bool fits(const Box &b)
 {
-    return int64_t(b.max.x) - b.min.x < maxSide && int64_t(b.max.y) - b.min.y < maxSide;
+    const int64_t w = int64_t(b.max.x) - b.min.x + 1, h = int64_t(b.max.y) - b.min.y + 1;
+    return w <= maxSide && h <= maxSide && w * h <= maxPixels;
 }
 
 // Reads the header alone and checks its windows, before the full reader sizes its buffers and

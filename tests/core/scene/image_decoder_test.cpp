@@ -193,6 +193,13 @@ TEST(ImageDecoder, FailureTexts)
     overscan.write(dir.filePath("overscan.exr"));
     EXPECT_EQ(failureOf([&] { decodeEXR(dir.filePath("overscan.exr")); }),
               "ImageIO não lê overscan.exr (arquivo danificado ou formato desconhecido)");
+    // So is a small file claiming more pixels than an 8K frame, each side within bounds.
+    Exr huge;
+    huge.display = {{0, 0}, {8999, 7999}};
+    huge.data = Imath::Box2i{{0, 0}, {31, 31}};
+    huge.write(dir.filePath("huge.exr"));
+    EXPECT_EQ(failureOf([&] { decodeEXR(dir.filePath("huge.exr")); }),
+              "ImageIO não lê huge.exr (arquivo danificado ou formato desconhecido)");
 }
 
 TEST(ImageDecoder, GreyMasksFromGreyAndColourPngs)
