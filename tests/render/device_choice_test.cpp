@@ -54,7 +54,14 @@ TEST(DeviceChoice, ThePipelineCacheFileIsKeptOnlyForItsOwnDevice)
     const QByteArray written = testsupport::readFile(path);
     ASSERT_GE(written.size(), 32) << "a header at least";
     EXPECT_TRUE(PipelineCache::fits(written, props));
-    EXPECT_TRUE(PipelineCache(context->device, props, path).loaded());
+    {
+        PipelineCache again(context->device, props, path);
+        EXPECT_TRUE(again.loaded());
+        // Nothing new was compiled: saving leaves the file as it is.
+        testsupport::writeFile(path, "left alone");
+        EXPECT_TRUE(again.save());
+        EXPECT_EQ(testsupport::readFile(path), "left alone");
+    }
 
     QByteArray otherDevice = written, otherDriver = written;
     otherDevice[12] = char(otherDevice[12] ^ 0x5a);  // the device ID

@@ -170,6 +170,10 @@ TEST_F(FrameSchedulerTest, OnlyOpaqueWindowsOverEverySamplePointStopTheTicks)
     EXPECT_FALSE(s.isCovered());
     EXPECT_TRUE(s.isRunning());
 
+    // Covered from the start: no frame runs before the first probe.
+    windows.set(kOverAll, false);
+    EXPECT_FALSE(make().isRunning());
+
     // No animated area: nothing to cover.
     auto &noArea = make(60, false);
     windows.set(kOverAll);
