@@ -1,12 +1,11 @@
 #include "render/SceneRenderer.h"
 
-#include <QElapsedTimer>
-
 #include "core/app/Log.h"
 #include "render/VulkanCheck.h"
 #include "render/VulkanHandle.h"
 #include "render/VulkanPipelines.h"
 
+#include <QElapsedTimer>
 #include <cstring>
 #include <stdexcept>
 
