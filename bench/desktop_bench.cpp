@@ -1,13 +1,14 @@
-// The real program on the demo scene under Xvfb (openbox, a private bus with a mocked screen
-// saver and a playing test player): frames per second and process CPU while the record turns,
-// while a window covers the room and while the screen is locked, and resident memory.
-// Figures only; nothing here passes or fails.
+// The real program on the demo scene under Xvfb with openbox, or under a headless sway with
+// --wayland (a private bus with a mocked screen saver and a playing test player either way): frames
+// per second and process CPU while the record turns, while a window covers the room and while the
+// screen is locked, and resident memory. Figures only; nothing here passes or fails.
 //
-//   desktop_bench [--seconds N] [--size WxH] [--scene DIR | --generated]
+//   desktop_bench [--seconds N] [--size WxH] [--scene DIR | --generated] [--wayland]
 // The room that ships (scenes/room) unless told otherwise; --generated paints the synthetic room
 // at the screen's size in a temporary folder first (a minute or two).
 
 #include "PrivateBus.h"
+#include "SwayServer.h"
 #include "XServer.h"
 
 #include <QCommandLineParser>
@@ -17,6 +18,7 @@
 #include <QTemporaryDir>
 #include <QThread>
 #include <cstdio>
+#include <functional>
 #include <unistd.h>
 
 using namespace testsupport;
@@ -59,6 +61,52 @@ struct Phase {
     Resident rss;
 };
 
+// The desktop the room runs on: its clients' environment, where the program's log goes, and how a
+// window is made to cover the whole screen and taken away again.
+struct Desktop {
+    QProcessEnvironment env;
+    QString stateHome;
+    std::function<bool()> cover;
+    std::function<void()> uncover;
+};
+
+bool startX11(XServer &x, const QString &size, Desktop &d, QString &why)
+{
+    if (!x.start(why) || !x.startManager("openbox", {"--sm-disable"}, why)) return false;
+    d.env = x.environment();
+    d.stateHome = d.env.value("XDG_STATE_HOME");
+    static QProcess *window = nullptr;
+    d.cover = [&x, size] {
+        window = &x.launch("xmessage", {"-geometry", size + "+0+0", "covering window"});
+        return true;
+    };
+    d.uncover = [] {
+        window->terminate();
+        window->waitForFinished(5000);
+    };
+    return true;
+}
+
+bool startSway(SwayServer &sway, QProcess &terminal, const QString &size, Desktop &d, QString &why)
+{
+    // No swaybg: a background program would be stacked over the room.
+    if (!sway.start("swaybg_command -\noutput * resolution " + size + "\n", why)) return false;
+    d.env = sway.environment();
+    d.stateHome = sway.stateHome();
+    d.cover = [&sway, &terminal, env = d.env] {
+        terminal.setProcessEnvironment(env);
+        terminal.setStandardOutputFile(QProcess::nullDevice());
+        terminal.start("foot", {"--app-id", "cover", "sleep", "3600"});
+        for (int i = 0; i < 300 && !sway.msg({"-t", "get_tree"}).contains("\"cover\""); ++i) QThread::msleep(100);
+        return !sway.msg({"[app_id=\"cover\"]", "fullscreen", "enable"}).isEmpty();
+    };
+    d.uncover = [&terminal] {
+        terminal.terminate();
+        terminal.waitForFinished(5000);
+    };
+    return true;
+}
+
 }  // namespace
 
 int main(int argc, char **argv)
@@ -69,7 +117,8 @@ int main(int argc, char **argv)
     const QCommandLineOption sizeOpt("size", "Screen size.", "WxH", "1920x1080");
     const QCommandLineOption sceneOpt("scene", "Scene folder.", "dir", TURNELO_SOURCE_DIR "/scenes/room");
     const QCommandLineOption generatedOpt("generated", "The synthetic room at the screen's size.");
-    p.addOptions({secondsOpt, sizeOpt, sceneOpt, generatedOpt});
+    const QCommandLineOption waylandOpt("wayland", "Under a headless sway instead of Xvfb.");
+    p.addOptions({secondsOpt, sizeOpt, sceneOpt, generatedOpt, waylandOpt});
     p.addHelpOption();
     p.process(app);
     const int seconds = std::max(4, p.value(secondsOpt).toInt());
@@ -91,10 +140,14 @@ int main(int argc, char **argv)
         }
     }
 
+    const bool wayland = p.isSet(waylandOpt);
     XServer x(size + "x24");
+    SwayServer sway;
+    QProcess terminal;
+    Desktop desktop;
     QString why;
-    if (!x.start(why) || !x.startManager("openbox", {"--sm-disable"}, why)) {
-        std::fprintf(stderr, "no X server: %s\n", qPrintable(why));
+    if (wayland ? !startSway(sway, terminal, size, desktop, why) : !startX11(x, size, desktop, why)) {
+        std::fprintf(stderr, "no %s: %s\n", wayland ? "sway" : "X server", qPrintable(why));
         return 1;
     }
     PrivateBus bus;
@@ -104,7 +157,7 @@ int main(int argc, char **argv)
         std::fprintf(stderr, "no private bus or screen saver mock\n");
         return 1;
     }
-    QProcessEnvironment env = x.environment();
+    QProcessEnvironment env = desktop.env;
     for (const char *key : {"DBUS_SESSION_BUS_ADDRESS", "DBUS_SYSTEM_BUS_ADDRESS"})
         env.insert(key, bus.env().value(key));
     env.insert("TURNELO_SCENES_DIR", scene);
@@ -132,7 +185,7 @@ int main(int argc, char **argv)
     room.start(built("turnelo"), {"--music-setup-done"});
     if (!room.waitForStarted(10000)) return 1;
     const qint64 pid = room.processId();
-    const QString logPath = x.environment().value("XDG_STATE_HOME") + "/Turnelo Dev.log";
+    const QString logPath = desktop.stateHome + "/Turnelo Dev.log";
     auto log = [&] {
         QFile f(logPath);
         return f.open(QIODevice::ReadOnly) ? QString::fromUtf8(f.readAll()) : QString();
@@ -193,14 +246,13 @@ int main(int argc, char **argv)
         return ph;
     };
 
-    std::printf("%s on a %s screen, %d s per phase, device %s\n", qPrintable(scene), qPrintable(size), seconds,
-                env.contains("VK_ICD_FILENAMES") ? "lavapipe" : "default");
+    std::printf("%s on a %s screen (%s), %d s per phase, device %s\n", qPrintable(scene), qPrintable(size),
+                wayland ? "sway" : "Xvfb", seconds, env.contains("VK_ICD_FILENAMES") ? "lavapipe" : "default");
     const Phase animating = measure("animating");
-    QProcess &cover = x.launch("xmessage", {"-geometry", size + "+0+0", "covering window"});
-    waitFor("coberta por janelas", 0, 30);
+    if (!desktop.cover() || waitFor("coberta por janelas", 0, 30) < 0)
+        std::fprintf(stderr, "the covering window did not pause the room\n");
     const Phase covered = measure("covered");
-    cover.terminate();
-    cover.waitForFinished(5000);
+    desktop.uncover();
     waitFor("à vista → renderiza", 0, 30);
     screensaver->callMock("/ScreenSaver", "EmitSignal",
                           {QString(), QStringLiteral("ActiveChanged"), QStringLiteral("b"), QVariantList{true}});
