@@ -31,7 +31,7 @@ PACKAGES=(
   mpv mpv-mpris
   python3-dbusmock
   openbox xfwm4 xfdesktop4 i3-wm xcompmgr xdotool x11-utils x11-apps x11-xserver-utils imagemagick
-  kwin-x11 plasma-workspace plasma-desktop
+  kwin-x11 kwin-wayland plasma-workspace plasma-desktop
   desktop-file-utils trayer
   help2man lintian
   libwayland-dev libwayland-bin wayland-protocols qt6-wayland sway swaybg grim foot weston

@@ -2,6 +2,8 @@
 
 #include "core/app/Log.h"
 
+#include "fractional-scale-v1-client-protocol.h"
+#include "viewporter-client-protocol.h"
 #include "wlr-foreign-toplevel-management-unstable-v1-client-protocol.h"
 #include "wlr-layer-shell-unstable-v1-client-protocol.h"
 #include "xdg-output-unstable-v1-client-protocol.h"
@@ -60,6 +62,8 @@ WaylandConnection::~WaylandConnection()
         if (entry->output.xdgOutput) zxdg_output_v1_destroy(entry->output.xdgOutput);
         wl_output_destroy(entry->output.output);
     }
+    if (fractionalGlobal) wp_fractional_scale_manager_v1_destroy(fractionalGlobal);
+    if (viewporterGlobal) wp_viewporter_destroy(viewporterGlobal);
     if (toplevelGlobal) zwlr_foreign_toplevel_manager_v1_destroy(toplevelGlobal);
     if (layerShellGlobal) zwlr_layer_shell_v1_destroy(layerShellGlobal);
     if (xdgOutputManager) zxdg_output_manager_v1_destroy(xdgOutputManager);
@@ -132,6 +136,11 @@ void WaylandConnection::global(void *data, wl_registry *registry, uint32_t name,
     else if (is(zwlr_foreign_toplevel_manager_v1_interface))
         self->toplevelGlobal = bind<zwlr_foreign_toplevel_manager_v1>(
             registry, name, &zwlr_foreign_toplevel_manager_v1_interface, version, kToplevelVersion);
+    else if (is(wp_fractional_scale_manager_v1_interface))
+        self->fractionalGlobal =
+            bind<wp_fractional_scale_manager_v1>(registry, name, &wp_fractional_scale_manager_v1_interface, version, 1);
+    else if (is(wp_viewporter_interface))
+        self->viewporterGlobal = bind<wp_viewporter>(registry, name, &wp_viewporter_interface, version, 1);
     else if (is(zxdg_output_manager_v1_interface)) {
         self->xdgOutputManager =
             bind<zxdg_output_manager_v1>(registry, name, &zxdg_output_manager_v1_interface, version, kXdgOutputVersion);

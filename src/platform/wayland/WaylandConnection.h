@@ -14,6 +14,8 @@ struct wl_display;
 struct wl_output;
 struct wl_registry;
 struct wl_subcompositor;
+struct wp_fractional_scale_manager_v1;
+struct wp_viewporter;
 struct zwlr_foreign_toplevel_manager_v1;
 struct zwlr_layer_shell_v1;
 struct zxdg_output_manager_v1;
@@ -50,6 +52,9 @@ public:
     wl_subcompositor *subcompositor() const { return subcompositorGlobal; }
     zwlr_layer_shell_v1 *layerShell() const { return layerShellGlobal; }
     zwlr_foreign_toplevel_manager_v1 *toplevelManager() const { return toplevelGlobal; }
+    // Both or neither: a fractional scale is drawn through a viewport.
+    wp_fractional_scale_manager_v1 *fractionalScale() const { return viewporterGlobal ? fractionalGlobal : nullptr; }
+    wp_viewporter *viewporter() const { return fractionalGlobal ? viewporterGlobal : nullptr; }
 
     // The outputs whose properties have all arrived, in the order the compositor announced them:
     // the first is the main one.
@@ -91,6 +96,8 @@ private:
     zwlr_layer_shell_v1 *layerShellGlobal = nullptr;
     zwlr_foreign_toplevel_manager_v1 *toplevelGlobal = nullptr;
     zxdg_output_manager_v1 *xdgOutputManager = nullptr;
+    wp_fractional_scale_manager_v1 *fractionalGlobal = nullptr;
+    wp_viewporter *viewporterGlobal = nullptr;
     std::vector<std::unique_ptr<Entry>> outputList;
     std::unique_ptr<QSocketNotifier> notifier;
     QMetaObject::Connection aboutToBlock;

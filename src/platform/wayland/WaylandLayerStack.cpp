@@ -6,6 +6,8 @@
 #include "render/SwapchainTarget.h"
 #include "scene/BaseSurface.h"
 
+#include "fractional-scale-v1-client-protocol.h"
+#include "viewporter-client-protocol.h"
 #include "wlr-layer-shell-unstable-v1-client-protocol.h"
 
 #include <cmath>
@@ -35,9 +37,22 @@ WaylandLayerStack::WaylandLayerStack(SceneRenderer &r, WaylandConnection &c, uin
         failed = true;
         return;
     }
-    scale = o->scale;
     surface = wl_compositor_create_surface(connection.compositor());
     takeNoInput(connection.compositor(), surface);
+    if (connection.fractionalScale()) {
+        // Until the compositor prefers a scale, the output's whole one, through the viewport too.
+        scale = SurfaceScale::fractional(120 * o->scale);
+        viewport = wp_viewporter_get_viewport(connection.viewporter(), surface);
+        fractional = wp_fractional_scale_manager_v1_get_fractional_scale(connection.fractionalScale(), surface);
+        static const wp_fractional_scale_v1_listener scaleListener = {
+            [](void *data, wp_fractional_scale_v1 *, uint32_t per120) {
+                static_cast<WaylandLayerStack *>(data)->setScale(SurfaceScale::fractional(int(per120)));
+            },
+        };
+        wp_fractional_scale_v1_add_listener(fractional, &scaleListener, this);
+    } else {
+        scale = SurfaceScale::whole(o->scale);
+    }
     layerSurface = zwlr_layer_shell_v1_get_layer_surface(connection.layerShell(), surface, o->output,
                                                          ZWLR_LAYER_SHELL_V1_LAYER_BACKGROUND, "turnelo");
     static const zwlr_layer_surface_v1_listener listener = {
@@ -80,6 +95,8 @@ WaylandLayerStack::~WaylandLayerStack()
     baseTarget.reset();
     VkInstance instance = renderer.vulkan()->instance;
     if (vkSurface) vkDestroySurfaceKHR(instance, vkSurface, nullptr);
+    if (fractional) wp_fractional_scale_v1_destroy(fractional);
+    if (viewport) wp_viewport_destroy(viewport);
     if (layerSurface) zwlr_layer_surface_v1_destroy(layerSurface);
     if (surface) wl_surface_destroy(surface);
     connection.flush();
@@ -94,15 +111,14 @@ QString WaylandLayerStack::outputName() const
 QSize WaylandLayerStack::pixelSize() const
 {
     if (!configured || closed || !baseTarget) return {};
-    return logicalSize * scale;
+    return scale.pixels(logicalSize);
 }
 
 QRect WaylandLayerStack::toWindowList(const QRect &pixels) const
 {
     const WaylandConnection::Output *o = connection.output(output);
     const QPoint corner = o ? o->logical.topLeft() : QPoint();
-    return QRect(corner.x() + pixels.x() / scale, corner.y() + pixels.y() / scale, pixels.width() / scale,
-                 pixels.height() / scale);
+    return scale.toLogical(pixels).translated(corner);
 }
 
 VkSurfaceKHR WaylandLayerStack::makeVkSurface(wl_surface *wl)
@@ -137,11 +153,12 @@ void WaylandLayerStack::configure(uint32_t serial, uint32_t width, uint32_t heig
             failed = true;
             return;
         }
-        const QSize pixels = logicalSize * scale;
+        const QSize pixels = scale.pixels(logicalSize);
         baseTarget = std::make_unique<SwapchainTarget>(renderer.vulkan(), vkSurface, uint32_t(pixels.width()),
                                                        uint32_t(pixels.height()), VK_PRESENT_MODE_MAILBOX_KHR);
         base = std::make_unique<BaseSurface>(renderer.vulkan(), baseTarget.get());
     }
+    if (first) logFractionalScale();
     applySize();
     if (first && onShownChanged) onShownChanged(true);
     if (onResized) onResized();
@@ -149,19 +166,38 @@ void WaylandLayerStack::configure(uint32_t serial, uint32_t width, uint32_t heig
 
 void WaylandLayerStack::outputChanged()
 {
+    // With a fractional scale the compositor says which it prefers on its own.
     const WaylandConnection::Output *o = connection.output(output);
-    if (!o || o->scale == scale || closed) return;
-    scale = o->scale;
+    if (o && !fractional) setScale(SurfaceScale::whole(o->scale));
+}
+
+void WaylandLayerStack::setScale(const SurfaceScale &next)
+{
+    if (next == scale || closed) return;
+    scale = next;
+    if (!configured) return;
+    logFractionalScale();
     applySize();
-    for (Slot &slot : layerSlots)
-        if (slot.surface) wl_surface_set_buffer_scale(slot.surface, scale);
+    // The layers' rectangles were snapped to the old scale: the view places them again.
+    for (Slot &slot : layerSlots) drop(slot);
     if (onResized) onResized();
+}
+
+void WaylandLayerStack::logFractionalScale() const
+{
+    if (!fractional) return;
+    const QSize pixels = scale.pixels(logicalSize);
+    Log::write(QStringLiteral("Wayland: saída %1 em escala %2 (%3×%4 pixels)")
+                   .arg(outputName(), QString::number(scale.factor(), 'g', 4).replace('.', ','))
+                   .arg(pixels.width())
+                   .arg(pixels.height()));
 }
 
 void WaylandLayerStack::applySize()
 {
-    wl_surface_set_buffer_scale(surface, scale);
-    const QSize pixels = logicalSize * scale;
+    wl_surface_set_buffer_scale(surface, scale.bufferScale());
+    if (viewport) wp_viewport_set_destination(viewport, logicalSize.width(), logicalSize.height());
+    const QSize pixels = scale.pixels(logicalSize);
     if (baseTarget) baseTarget->resize(uint32_t(pixels.width()), uint32_t(pixels.height()));
 }
 
@@ -174,12 +210,15 @@ void WaylandLayerStack::commitBase()
 
 void WaylandLayerStack::positionSlot(Slot &slot)
 {
-    wl_subsurface_set_position(slot.subsurface, slot.rect.x() / scale, slot.rect.y() / scale);
+    const QRect logical = scale.toLogical(slot.rect);
+    wl_subsurface_set_position(slot.subsurface, logical.x(), logical.y());
+    if (slot.viewport) wp_viewport_set_destination(slot.viewport, logical.width(), logical.height());
 }
 
-void WaylandLayerStack::place(Layer layer, const QRect &wanted)
+void WaylandLayerStack::place(Layer layer, const QRect &asked)
 {
     Slot &slot = layerSlots[size_t(layer)];
+    const QRect wanted = scale.snap(asked, pixelSize());
     if (wanted == slot.rect && (wanted.isEmpty() || slot.surface)) return;
     if (wanted.isEmpty() || !configured || closed || failed || !connection.subcompositor()) {
         drop(slot);
@@ -195,7 +234,8 @@ void WaylandLayerStack::place(Layer layer, const QRect &wanted)
     }
     slot.surface = wl_compositor_create_surface(connection.compositor());
     takeNoInput(connection.compositor(), slot.surface);
-    wl_surface_set_buffer_scale(slot.surface, scale);
+    wl_surface_set_buffer_scale(slot.surface, scale.bufferScale());
+    if (viewport) slot.viewport = wp_viewporter_get_viewport(connection.viewporter(), slot.surface);
     slot.subsurface = wl_subcompositor_get_subsurface(connection.subcompositor(), slot.surface, surface);
     // Its own pictures show when it commits them, not when the base next does.
     wl_subsurface_set_desync(slot.subsurface);
@@ -216,6 +256,7 @@ void WaylandLayerStack::drop(Slot &slot)
     if (slot.target) renderer.waitIdle();
     slot.target.reset();
     if (slot.vkSurface) vkDestroySurfaceKHR(renderer.vulkan()->instance, slot.vkSurface, nullptr);
+    if (slot.viewport) wp_viewport_destroy(slot.viewport);
     if (slot.subsurface) wl_subsurface_destroy(slot.subsurface);
     if (slot.surface) wl_surface_destroy(slot.surface);
     slot = Slot{};

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "platform/wayland/SurfaceScale.h"
 #include "scene/LayerStack.h"
 
 #include <QObject>
@@ -13,13 +14,16 @@ class WaylandConnection;
 struct wl_callback;
 struct wl_surface;
 struct wl_subsurface;
+struct wp_fractional_scale_v1;
+struct wp_viewport;
 struct zwlr_layer_surface_v1;
 
 // The room's surfaces on one Wayland output: a layer surface on the background layer (anchored
 // to every edge, over other surfaces' exclusive zones, no keyboard, no input) shows the base
 // picture, and each moving layer is a desynchronised subsurface of it with a small swapchain of
-// its own. Pixels are buffer pixels at the output's integer scale; the window list's coordinates
-// are the compositor's logical layout. Frames are paced by frame callbacks on the moving layer:
+// its own. Pixels are buffer pixels: at the compositor's preferred fractional scale where it has
+// one, else at the output's integer scale; the window list's coordinates are the compositor's
+// logical layout. Frames are paced by frame callbacks on the moving layer:
 // a compositor that stops drawing the background stops the frames. Main thread; the connection
 // outlives the stack.
 class WaylandLayerStack : public LayerStack {
@@ -55,12 +59,15 @@ private:
     struct Slot {
         wl_surface *surface = nullptr;
         wl_subsurface *subsurface = nullptr;
+        wp_viewport *viewport = nullptr;
         VkSurfaceKHR vkSurface = VK_NULL_HANDLE;
         std::unique_ptr<SwapchainTarget> target;
         QRect rect;
     };
     void configure(uint32_t serial, uint32_t width, uint32_t height);
     void outputChanged();
+    void setScale(const SurfaceScale &next);
+    void logFractionalScale() const;
     void applySize();
     VkSurfaceKHR makeVkSurface(wl_surface *surface);
     void positionSlot(Slot &slot);
@@ -76,13 +83,15 @@ private:
     QObject context;  // the connections to the connection's signals end with it
     wl_surface *surface = nullptr;
     zwlr_layer_surface_v1 *layerSurface = nullptr;
+    wp_fractional_scale_v1 *fractional = nullptr;
+    wp_viewport *viewport = nullptr;
     VkSurfaceKHR vkSurface = VK_NULL_HANDLE;
     std::unique_ptr<SwapchainTarget> baseTarget;
     std::unique_ptr<BaseSurface> base;
     std::array<Slot, 3> layerSlots;
     wl_callback *frameCallback = nullptr;
     QSize logicalSize;
-    int scale = 1;
+    SurfaceScale scale = SurfaceScale::whole(1);
     bool configured = false;
     bool closed = false;
     bool failed = false;
