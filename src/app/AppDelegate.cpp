@@ -27,6 +27,7 @@
 #include "platform/linux/X11WindowList.h"
 #include "platform/linux/XdgAutostart.h"
 #include "platform/wayland/WaylandConnection.h"
+#include "platform/wayland/PlasmaWindowList.h"
 #include "platform/wayland/WaylandWindowList.h"
 #include "scene/OfflineRender.h"
 #include "ui/OnboardingWindow.h"
@@ -277,7 +278,13 @@ std::unique_ptr<DesktopPresence> AppDelegate::makeDesktop()
     if (options.windowSystem == Kind::wayland) {
         wayland = std::make_unique<WaylandConnection>();
         if (wayland->isOpen() && wayland->hasLayerShell()) {
-            windowList = std::make_unique<WaylandWindowList>(*wayland, QGuiApplication::desktopFileName());
+            // KWin's own list has the windows' geometry; wlroots compositors list states only.
+            if (PlasmaWindowList::offered(*wayland)) {
+                windowList = std::make_unique<PlasmaWindowList>(*wayland);
+                Log::write(QStringLiteral("Wayland: janelas pela lista do KWin"));
+            } else {
+                windowList = std::make_unique<WaylandWindowList>(*wayland, QGuiApplication::desktopFileName());
+            }
             WaylandDesktopController::Services services{room, windowList.get(), session.get()};
             return std::make_unique<WaylandDesktopController>(services, *wayland);
         }

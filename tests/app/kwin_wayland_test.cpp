@@ -1,12 +1,15 @@
 // The real program under KWin's Wayland session (its virtual backend) at a fractional scale of
 // 1.5: the room draws its surfaces at the output's device pixels through viewports, not at the
-// next whole scale for the compositor to shrink, and its moving layers lie on whole logical pixels.
+// next whole scale for the compositor to shrink, and its moving layers lie on whole logical
+// pixels. With the window list KWin gives it, a small window leaves it drawing and a fullscreen
+// one pauses it.
 
 #include "AppLog.h"
 #include "KWinServer.h"
 #include "PrivateBus.h"
 #include "TestSupport.h"
 
+#include <QFileInfo>
 #include <QRegularExpression>
 #include <gtest/gtest.h>
 #include <iostream>
@@ -31,11 +34,12 @@ double spread(const QImage &img)
     return n ? std::sqrt(std::max(0.0, sum2 / n - (sum / n) * (sum / n))) : 0;
 }
 
-TEST(KWinWayland, AtAFractionalScaleTheRoomIsDrawnAtTheOutputsPixels)
+TEST(KWinWayland, AtAFractionalScaleTheRoomIsDrawnAtTheOutputsPixelsAndAFullscreenWindowPausesIt)
 {
     PrivateBus bus;
     ASSERT_TRUE(bus.ok());
     KWinServer kwin;
+    kwin.trust(QFileInfo(binary("turnelo")).canonicalFilePath(), "org_kde_plasma_window_management");
     QString why;
     if (!kwin.start(QSize(1280, 720), "1.5", bus.env().value("DBUS_SESSION_BUS_ADDRESS"), why))
         GTEST_SKIP() << why.toStdString();
@@ -66,6 +70,7 @@ TEST(KWinWayland, AtAFractionalScaleTheRoomIsDrawnAtTheOutputsPixels)
     AppLog log(kwin.stateHome(), app);
     // KWin prefers its scale once the surface is on the output, after the first picture.
     qsizetype at = log.waitForLine("Wayland: saída Virtual-0 em escala 1,5 (1920×1080 pixels)", 0, 180);
+    log.waitForLine("Wayland: janelas pela lista do KWin", 0, 10);
     log.waitForLine("Cena pronta", 0, 180);
     static const QRegularExpression moving(QStringLiteral("Perf \\d+s: [1-9][0-9.]* fps"));
     EXPECT_TRUE(waitUntil([&] { return moving.match(log.text(), at).hasMatch(); }, std::chrono::seconds(60)))
@@ -82,6 +87,29 @@ TEST(KWinWayland, AtAFractionalScaleTheRoomIsDrawnAtTheOutputsPixels)
     shot.save(QStringLiteral(TURNELO_BINARY_DIR "/kwin-room.png"));
     EXPECT_EQ(shot.size(), QSize(1920, 1080));
 
+    // A window over part of the room leaves it drawing; a fullscreen one pauses it until it goes.
+    // weston's demo clients (foot stops on KWin's virtual output, which has no physical size).
+    QProcessEnvironment plain = env;
+    plain.remove("WAYLAND_DEBUG");
+    QProcess small, full;
+    for (QProcess *window : {&small, &full}) {
+        window->setProcessEnvironment(plain);
+        window->setStandardOutputFile(QProcess::nullDevice());
+        window->setStandardErrorFile(QProcess::nullDevice());
+    }
+    small.start("weston-flower", {});
+    at = log.text().size();
+    const qsizetype spanned = log.waitForLine("Perf", log.waitForLine("Perf", at));
+    EXPECT_GT(log.fpsAfter(spanned), 0.0) << "a small window paused the room";
+    full.start("weston-terminal", {"--fullscreen", "--shell=/bin/sh"});
+    at = log.waitForLine("Cena: área animada coberta por janelas → pausa", at);
+    EXPECT_EQ(log.fpsAfter(log.waitForLine("Perf", log.waitForLine("Perf", at))), 0.0) << "frames while covered";
+    full.terminate();
+    full.waitForFinished(10000);
+    log.waitForLine("Cena: área animada à vista → renderiza", at);
+    small.terminate();
+    small.waitForFinished(10000);
+
     app.terminate();
     app.waitForFinished(10000);
     const QString debug = QString::fromUtf8(readFile(dir.filePath("requests.txt")));
@@ -92,7 +120,8 @@ TEST(KWinWayland, AtAFractionalScaleTheRoomIsDrawnAtTheOutputsPixels)
     if (HasFailure()) std::cerr << "log:\n" << log.text().toStdString() << "\n";
     // The base: a buffer of the output's device pixels shown over its logical size.
     EXPECT_TRUE(requests.contains("set_destination(1280, 720)")) << "no viewport for the base";
-    static const QRegularExpression buffer(QStringLiteral("create_buffer\\(new id wl_buffer@\\d+, \\d+, (\\d+), (\\d+),"));
+    static const QRegularExpression buffer(
+        QStringLiteral("create_buffer\\(new id wl_buffer@\\d+, \\d+, (\\d+), (\\d+),"));
     int bases = 0, layers = 0;
     for (auto it = buffer.globalMatch(requests); it.hasNext();) {
         const auto m = it.next();

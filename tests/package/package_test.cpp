@@ -85,8 +85,9 @@ TEST(Package, HoldsTheProgramsTheirPagesTheLauncherTheIconsAndTheRoom)
     entry.beginGroup("Desktop Entry");
     EXPECT_EQ(entry.value("Type").toString(), "Application");
     EXPECT_EQ(entry.value("Icon").toString(), "turnelo");
-    // Found on the PATH, where the package puts the program.
-    EXPECT_EQ(entry.value("Exec").toString(), "turnelo");
+    // The program where the package puts it, by the path KWin matches a running program to.
+    EXPECT_EQ(entry.value("Exec").toString(), "/usr/bin/turnelo");
+    EXPECT_EQ(entry.value("X-KDE-Wayland-Interfaces").toString(), "org_kde_plasma_window_management");
     if (const QString validate = QStandardPaths::findExecutable("desktop-file-validate"); !validate.isEmpty()) {
         const auto check = runTool(validate, {launcher});
         EXPECT_EQ(check.exitCode, 0) << check.out.constData() << check.err.constData();

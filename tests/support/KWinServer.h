@@ -33,6 +33,17 @@ public:
         server.waitForFinished(5000);
     }
 
+    // Lets `program` bind the restricted Wayland `interfaces` (comma-separated), as its installed
+    // desktop entry would; before start().
+    void trust(const QString &program, const QString &interfaces)
+    {
+        testsupport::writeFile(dir.filePath(QStringLiteral(".local/share/applications/trusted.desktop")),
+                               QStringLiteral("[Desktop Entry]\nType=Application\nName=Trusted\nExec=%1\n"
+                                              "X-KDE-Wayland-Interfaces=%2\n")
+                                   .arg(program, interfaces)
+                                   .toUtf8());
+    }
+
     // `busAddress`: the session bus KWin and its clients share.
     bool start(const QSize &logical, const QString &scale, const QString &busAddress, QString &why)
     {
@@ -110,7 +121,8 @@ public:
             QDBusMessage call = QDBusMessage::createMethodCall(
                 QStringLiteral("org.kde.KWin"), QStringLiteral("/org/kde/KWin/ScreenShot2"),
                 QStringLiteral("org.kde.KWin.ScreenShot2"), QStringLiteral("CaptureActiveScreen"));
-            call << QVariantMap{{QStringLiteral("native-resolution"), true}} << QVariant::fromValue(QDBusUnixFileDescriptor(fds[1]));
+            call << QVariantMap{{QStringLiteral("native-resolution"), true}}
+                 << QVariant::fromValue(QDBusUnixFileDescriptor(fds[1]));
             ::close(fds[1]);
             const QDBusMessage reply = bus->call(call, QDBus::Block, 20000);
             if (reply.type() == QDBusMessage::ReplyMessage && !reply.arguments().isEmpty())

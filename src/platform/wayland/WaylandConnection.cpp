@@ -3,6 +3,8 @@
 #include "core/app/Log.h"
 
 #include "fractional-scale-v1-client-protocol.h"
+#include "plasma-virtual-desktop-client-protocol.h"
+#include "plasma-window-management-client-protocol.h"
 #include "viewporter-client-protocol.h"
 #include "wlr-foreign-toplevel-management-unstable-v1-client-protocol.h"
 #include "wlr-layer-shell-unstable-v1-client-protocol.h"
@@ -21,7 +23,6 @@ namespace {
 constexpr uint32_t kCompositorVersion = 4;
 constexpr uint32_t kOutputVersion = 4;
 constexpr uint32_t kLayerShellVersion = 4;
-constexpr uint32_t kToplevelVersion = 3;
 constexpr uint32_t kXdgOutputVersion = 3;
 
 template <typename T>
@@ -64,7 +65,6 @@ WaylandConnection::~WaylandConnection()
     }
     if (fractionalGlobal) wp_fractional_scale_manager_v1_destroy(fractionalGlobal);
     if (viewporterGlobal) wp_viewporter_destroy(viewporterGlobal);
-    if (toplevelGlobal) zwlr_foreign_toplevel_manager_v1_destroy(toplevelGlobal);
     if (layerShellGlobal) zwlr_layer_shell_v1_destroy(layerShellGlobal);
     if (xdgOutputManager) zxdg_output_manager_v1_destroy(xdgOutputManager);
     if (subcompositorGlobal) wl_subcompositor_destroy(subcompositorGlobal);
@@ -115,6 +115,18 @@ const WaylandConnection::Output *WaylandConnection::outputOf(const wl_output *ou
     return nullptr;
 }
 
+bool WaylandConnection::offers(const wl_interface &interface) const
+{
+    return lateGlobals.count(QByteArray(interface.name)) > 0;
+}
+
+void *WaylandConnection::bindWhenListening(const wl_interface &interface, uint32_t version)
+{
+    const auto it = lateGlobals.find(QByteArray(interface.name));
+    if (!display || it == lateGlobals.end()) return nullptr;
+    return wl_registry_bind(registry, it->second.name, &interface, std::min(it->second.version, version));
+}
+
 void WaylandConnection::flush()
 {
     if (display) wl_display_flush(display);
@@ -133,9 +145,9 @@ void WaylandConnection::global(void *data, wl_registry *registry, uint32_t name,
     else if (is(zwlr_layer_shell_v1_interface))
         self->layerShellGlobal =
             bind<zwlr_layer_shell_v1>(registry, name, &zwlr_layer_shell_v1_interface, version, kLayerShellVersion);
-    else if (is(zwlr_foreign_toplevel_manager_v1_interface))
-        self->toplevelGlobal = bind<zwlr_foreign_toplevel_manager_v1>(
-            registry, name, &zwlr_foreign_toplevel_manager_v1_interface, version, kToplevelVersion);
+    else if (is(zwlr_foreign_toplevel_manager_v1_interface) || is(org_kde_plasma_window_management_interface) ||
+             is(org_kde_plasma_virtual_desktop_management_interface))
+        self->lateGlobals[QByteArray(interface)] = Offer{name, version};
     else if (is(wp_fractional_scale_manager_v1_interface))
         self->fractionalGlobal =
             bind<wp_fractional_scale_manager_v1>(registry, name, &wp_fractional_scale_manager_v1_interface, version, 1);

@@ -5,18 +5,19 @@
 #include <QRect>
 #include <QString>
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <optional>
 #include <vector>
 
 struct wl_compositor;
+struct wl_interface;
 struct wl_display;
 struct wl_output;
 struct wl_registry;
 struct wl_subcompositor;
 struct wp_fractional_scale_manager_v1;
 struct wp_viewporter;
-struct zwlr_foreign_toplevel_manager_v1;
 struct zwlr_layer_shell_v1;
 struct zxdg_output_manager_v1;
 struct zxdg_output_v1;
@@ -51,7 +52,11 @@ public:
     wl_compositor *compositor() const { return compositorGlobal; }
     wl_subcompositor *subcompositor() const { return subcompositorGlobal; }
     zwlr_layer_shell_v1 *layerShell() const { return layerShellGlobal; }
-    zwlr_foreign_toplevel_manager_v1 *toplevelManager() const { return toplevelGlobal; }
+    // Globals whose first events describe what already exists (the windows, the desktops): they
+    // are bound by their user, which listens before any of those events is read. Null when the
+    // compositor does not offer it; the caller destroys what it got.
+    bool offers(const wl_interface &interface) const;
+    void *bindWhenListening(const wl_interface &interface, uint32_t version);
     // Both or neither: a fractional scale is drawn through a viewport.
     wp_fractional_scale_manager_v1 *fractionalScale() const { return viewporterGlobal ? fractionalGlobal : nullptr; }
     wp_viewporter *viewporter() const { return fractionalGlobal ? viewporterGlobal : nullptr; }
@@ -94,10 +99,14 @@ private:
     wl_compositor *compositorGlobal = nullptr;
     wl_subcompositor *subcompositorGlobal = nullptr;
     zwlr_layer_shell_v1 *layerShellGlobal = nullptr;
-    zwlr_foreign_toplevel_manager_v1 *toplevelGlobal = nullptr;
     zxdg_output_manager_v1 *xdgOutputManager = nullptr;
     wp_fractional_scale_manager_v1 *fractionalGlobal = nullptr;
     wp_viewporter *viewporterGlobal = nullptr;
+    // The registry's name and version of each global left for its user to bind.
+    struct Offer {
+        uint32_t name = 0, version = 0;
+    };
+    std::map<QByteArray, Offer> lateGlobals;
     std::vector<std::unique_ptr<Entry>> outputList;
     std::unique_ptr<QSocketNotifier> notifier;
     QMetaObject::Connection aboutToBlock;

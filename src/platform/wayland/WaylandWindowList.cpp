@@ -11,7 +11,8 @@ WaylandWindowList::WaylandWindowList(WaylandConnection &c, const QString &appId,
     : WindowList(parent)
     , connection(c)
     , ownAppId(appId)
-    , manager(c.toplevelManager())
+    , manager(static_cast<zwlr_foreign_toplevel_manager_v1 *>(
+          c.bindWhenListening(zwlr_foreign_toplevel_manager_v1_interface, 3)))
 {
     if (!manager) return;
     static const zwlr_foreign_toplevel_manager_v1_listener listener = {
@@ -31,6 +32,7 @@ WaylandWindowList::WaylandWindowList(WaylandConnection &c, const QString &appId,
 WaylandWindowList::~WaylandWindowList()
 {
     for (auto &t : toplevels) zwlr_foreign_toplevel_handle_v1_destroy(t->handle);
+    if (manager) zwlr_foreign_toplevel_manager_v1_destroy(manager);
     connection.flush();
 }
 
