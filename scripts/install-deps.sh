@@ -34,7 +34,7 @@ PACKAGES=(
   kwin-x11 kwin-wayland plasma-workspace plasma-desktop
   desktop-file-utils trayer
   help2man lintian
-  libwayland-dev libwayland-bin wayland-protocols qt6-wayland sway swaybg grim foot weston
+  libwayland-dev libwayland-bin wayland-protocols plasma-wayland-protocols qt6-wayland sway swaybg grim foot weston
 )
 if [ "$AUTHORING" -eq 1 ]; then
   PACKAGES+=(blender python3-numpy python3-openimageio)
