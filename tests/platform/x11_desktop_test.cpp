@@ -61,8 +61,25 @@ struct X11Desktop : ::testing::Test {
         if (room && room->state() == QProcess::Running) ::kill(pid_t(room->processId()), signal);
     }
 
+    // Runs a compositing manager; whether it took the screen.
+    bool compositing()
+    {
+        QProcess &compositor = server.launch(QStringLiteral("xcompmgr"), {});
+        soon([&] { return ownsCompositing() || compositor.state() == QProcess::NotRunning; });
+        if (!ownsCompositing()) ADD_FAILURE() << XServer::output(compositor).constData();
+        return ownsCompositing();
+    }
+    bool ownsCompositing() { return XGetSelectionOwner(x->d, x->atom("_NET_WM_CM_S0")) != 0; }
+    // Something done to the stacking while the room cannot answer; `done` once it took effect.
+    void whileStopped(const std::function<void()> &disturb, const std::function<bool()> &done)
+    {
+        signalRoom(SIGSTOP);
+        disturb();
+        EXPECT_TRUE(soon(done));
+        signalRoom(SIGCONT);
+    }
+
     void xdotool(const QStringList &args) { server.run(QStringLiteral("xdotool"), args); }
-    QImage screenshot() { return QImage::fromData(server.run("import", {"-window", "root", "png:-"}), "PNG"); }
 
     QStringList logLines(const QString &containing)
     {
@@ -92,7 +109,7 @@ bool listed(X11WindowList &list, const QRect &frame) { return listedAt(list, fra
 
 }  // namespace
 
-TEST_F(X11Desktop, UnderOpenboxTheRoomIsAStickyClickThroughDesktopWindowAtTheBottom)
+TEST_F(X11Desktop, UnderOpenboxTheRoomIsAStickyClickThroughDesktopWindowBelowAllButOpaqueIconWindows)
 {
     START_OR_SKIP();
     const Window other = x->makeWindow(QRect(60, 60, 320, 200));
@@ -123,7 +140,7 @@ TEST_F(X11Desktop, UnderOpenboxTheRoomIsAStickyClickThroughDesktopWindowAtTheBot
 
     QImage shot;
     ASSERT_TRUE(soon([&] {
-        shot = screenshot();
+        shot = server.screenshot();
         return !shot.isNull() && shot.pixelColor(900, 600) == roomColour;
     })) << "the room does not show on the desktop";
     EXPECT_NE(shot.pixelColor(200, 150), roomColour) << "the ordinary window is not above the room";
@@ -138,6 +155,21 @@ TEST_F(X11Desktop, UnderOpenboxTheRoomIsAStickyClickThroughDesktopWindowAtTheBot
     };
     EXPECT_TRUE(soon([&] { return !viewable(other); })) << "the other desktop's window is still shown";
     EXPECT_TRUE(viewable(ours));
+
+    // Opaque wallpaper and icons in one 24-bit window, as pcmanfm's under openbox (LXDE), mapped
+    // after the room.
+    const Window icons = x->makeWindow(QRect(0, 0, 1280, 800), false, "_NET_WM_WINDOW_TYPE_DESKTOP");
+    XClassHint names{const_cast<char *>("pcmanfm"), const_cast<char *>("Pcmanfm")};
+    XSetClassHint(x->d, icons, &names);
+    XSync(x->d, False);
+    const auto above = [&] { return x->stackIndex(icons) >= 0 && x->stackIndex(ours) > x->stackIndex(icons); };
+    ASSERT_TRUE(soon(above)) << "ours at " << x->stackIndex(ours) << ", the icons at " << x->stackIndex(icons);
+    // Raised above ours while ours cannot answer: back above it once it can.
+    whileStopped([&] { x->restack(icons, Above); }, [&] { return !above(); });
+    ASSERT_TRUE(soon(above));
+    const QStringList told = logLines(QStringLiteral("Mesa:"));
+    ASSERT_EQ(told.size(), 1) << qPrintable(told.join('\n'));
+    EXPECT_TRUE(told.first().contains(QStringLiteral("(Pcmanfm) é opaca"))) << qPrintable(told.first());
 }
 
 TEST_F(X11Desktop, WindowListUnderOpenboxListsOtherProgramsWindowsShownOnThisDesktop)
@@ -220,12 +252,7 @@ TEST_F(X11Desktop, WindowListUnderOpenboxListsOtherProgramsWindowsShownOnThisDes
 
     // Under a compositor a covering window is still reported, opaque.
     if (!XServer::installed(QStringLiteral("xcompmgr"))) GTEST_SKIP() << "xcompmgr is not installed";
-    QProcess &compositor = server.launch(QStringLiteral("xcompmgr"), {});
-    // xcompmgr takes the compositing manager selection of screen 0 once it runs.
-    ASSERT_TRUE(soon([&] {
-        return XGetSelectionOwner(x->d, x->atom("_NET_WM_CM_S0")) != 0 || compositor.state() == QProcess::NotRunning;
-    }));
-    ASSERT_NE(XGetSelectionOwner(x->d, x->atom("_NET_WM_CM_S0")), 0ul) << XServer::output(compositor).constData();
+    ASSERT_TRUE(compositing());
     changes = 0;
     const Window cover = x->makeWindow(QRect(0, 0, 1280, 760));
     ASSERT_TRUE(soon([&] { return changes > 0 && !x->values(cover, "_NET_FRAME_EXTENTS").empty(); }));
@@ -294,10 +321,7 @@ TEST_F(X11Desktop, ThirtyTwoBitWindowsAreJudgedByTheAlphaTheyShow)
     X11WindowTransparency before(connection);
     for (const Window w : {clear, painted, plain}) EXPECT_FALSE(before.seeThrough(w)) << w;
 
-    QProcess &compositor = server.launch(QStringLiteral("xcompmgr"), {});
-    ASSERT_TRUE(soon([&] {
-        return XGetSelectionOwner(x->d, x->atom("_NET_WM_CM_S0")) != 0 || compositor.state() == QProcess::NotRunning;
-    })) << XServer::output(compositor).constData();
+    ASSERT_TRUE(compositing());
     X11WindowTransparency judge(connection);
     EXPECT_TRUE(judge.seeThrough(clear));
     EXPECT_FALSE(judge.seeThrough(painted)) << "opaque nearly everywhere";
@@ -311,10 +335,7 @@ TEST_F(X11Desktop, StaysBelowASeeThroughIconWindowAndLowersItselfAgain)
     START_OR_SKIP();
     // Transparent between its icons, as GNOME's desktop icons are, under a compositing manager
     // as GNOME always has one (without it the window would hide everything below it).
-    QProcess &compositor = server.launch(QStringLiteral("xcompmgr"), {});
-    ASSERT_TRUE(soon([&] {
-        return XGetSelectionOwner(x->d, x->atom("_NET_WM_CM_S0")) != 0 || compositor.state() == QProcess::NotRunning;
-    })) << XServer::output(compositor).constData();
+    ASSERT_TRUE(compositing());
     const Window icons = x->makeWindow(QRect(0, 0, 1280, 800), true, "_NET_WM_WINDOW_TYPE_DESKTOP");
     ASSERT_NE(icons, 0ul) << "no 32-bit visual";
     ASSERT_TRUE(soon([&] { return x->stackIndex(icons) >= 0; }));
@@ -324,22 +345,12 @@ TEST_F(X11Desktop, StaysBelowASeeThroughIconWindowAndLowersItselfAgain)
     const auto below = [&] { return x->stackIndex(ours) >= 0 && x->stackIndex(ours) < x->stackIndex(icons); };
     // Mapped later, openbox puts it on top of the desktop layer; it must go below the icons.
     ASSERT_TRUE(soon(below));
-
     // The icon program lowers itself (as Nemo does on every map), or someone raises ours, while
     // ours cannot answer: ours goes below the icons again once it can.
-    for (const bool iconsLower : {true, false}) {
-        SCOPED_TRACE(iconsLower ? "icons lowered" : "ours raised");
-        signalRoom(SIGSTOP);
-        if (iconsLower) {
-            x->restack(icons, Below);
-        } else {
-            XRaiseWindow(x->d, ours);
-            XSync(x->d, False);
-        }
-        ASSERT_TRUE(soon([&] { return x->stackIndex(icons) < x->stackIndex(ours); }));
-        signalRoom(SIGCONT);
-        ASSERT_TRUE(soon(below));
-    }
+    whileStopped([&] { x->restack(icons, Below); }, [&] { return !below(); });
+    ASSERT_TRUE(soon(below));
+    whileStopped([&] { XRaiseWindow(x->d, ours), XSync(x->d, False); }, [&] { return !below(); });
+    ASSERT_TRUE(soon(below));
     EXPECT_TRUE(logLines(QStringLiteral("Mesa:")).isEmpty());
 }
 
@@ -387,35 +398,7 @@ TEST_F(X11Desktop, SitsAboveXfdesktopsOpaqueIconWindowAndSaysSoOnce)
     spin(500ms);
     EXPECT_GT(x->stackIndex(ours), x->stackIndex(icons));
     EXPECT_EQ(logLines(QStringLiteral("Mesa:")).size(), 1);
-    EXPECT_EQ(screenshot().pixelColor(900, 600), roomColour) << "the room is hidden under xfdesktop";
-}
-
-TEST_F(X11Desktop, UnderOpenboxRisesAboveAnOpaqueIconWindowMappedLater)
-{
-    START_OR_SKIP();
-    const Window ours = showRoom();
-    ASSERT_NE(ours, 0ul) << roomOutput().constData();
-    ASSERT_TRUE(soon([&] { return x->stackIndex(ours) >= 0; }));
-
-    // Opaque wallpaper and icons in one 24-bit window, as pcmanfm's under openbox (LXDE).
-    const Window icons = x->makeWindow(QRect(0, 0, 1280, 800), false, "_NET_WM_WINDOW_TYPE_DESKTOP");
-    XClassHint names{const_cast<char *>("pcmanfm"), const_cast<char *>("Pcmanfm")};
-    XSetClassHint(x->d, icons, &names);
-    XSync(x->d, False);
-    ASSERT_TRUE(soon([&] { return x->stackIndex(icons) >= 0; }));
-    const auto above = [&] { return x->stackIndex(ours) > x->stackIndex(icons); };
-    ASSERT_TRUE(soon(above)) << "ours at " << x->stackIndex(ours) << ", the icons at " << x->stackIndex(icons);
-
-    // Raised above ours while ours cannot answer: back above it once it can.
-    signalRoom(SIGSTOP);
-    x->restack(icons, Above);
-    ASSERT_TRUE(soon([&] { return !above(); }));
-    signalRoom(SIGCONT);
-    ASSERT_TRUE(soon(above));
-
-    const QStringList told = logLines(QStringLiteral("Mesa:"));
-    ASSERT_EQ(told.size(), 1) << qPrintable(told.join('\n'));
-    EXPECT_TRUE(told.first().contains(QStringLiteral("(Pcmanfm) é opaca"))) << qPrintable(told.first());
+    EXPECT_EQ(server.screenshot().pixelColor(900, 600), roomColour) << "the room is hidden under xfdesktop";
 }
 
 TEST_F(X11Desktop, UnderI3BypassesTheManagerAndLiesUnderEveryWindow)
@@ -458,11 +441,7 @@ TEST_F(X11Desktop, UnderI3BypassesTheManagerAndLiesUnderEveryWindow)
     EXPECT_EQ(x->outerFrame(other), otherFrame);
 
     // Raised while it cannot answer: lowered again at the next change of the client list.
-    signalRoom(SIGSTOP);
-    XRaiseWindow(x->d, ours);
-    XSync(x->d, False);
-    ASSERT_GT(shownBelowOurs(), 0);
-    signalRoom(SIGCONT);
+    whileStopped([&] { XRaiseWindow(x->d, ours), XSync(x->d, False); }, [&] { return shownBelowOurs() > 0; });
     x->makeWindow(QRect(400, 300, 200, 100));
     ASSERT_TRUE(soon([&] { return shownBelowOurs() == 0; }));
 }
