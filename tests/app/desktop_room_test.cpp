@@ -61,7 +61,7 @@ protected:
     }
 
     QTemporaryDir dir;
-    XServer x{QStringLiteral("1280x720x24")};
+    XServer x{"1280x720x24"};
     PrivateBus bus;
     std::unique_ptr<DbusMock> upower, screensaver, logind;
     std::optional<RoomProcess> room;
@@ -266,7 +266,7 @@ TEST_F(DesktopRoom, WithoutASceneThePlainTurntableShowsAndTheTrayMenuHidesIt)
     // Where the icon sits: the first window of ours under the tray's panel, absolute corner.
     auto trayIcon = [&]() -> std::optional<QPoint> {
         const QStringList tree = QString::fromUtf8(x.run("xwininfo", {"-root", "-tree"})).split('\n');
-        static const QRegularExpression corner(QStringLiteral("\\+(\\d+)\\+(\\d+)\\s*$"));
+        static const QRegularExpression corner("\\+(\\d+)\\+(\\d+)\\s*$");
         bool inPanel = false;
         for (const QString &line : tree) {
             inPanel = inPanel || line.contains("\"panel\": (\"panel\" \"trayer\")");

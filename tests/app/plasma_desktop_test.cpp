@@ -34,7 +34,7 @@ TEST(PlasmaDesktop, TheRoomShowsAbovePlasmasDesktopAndPausesUnderAnOpaqueDesktop
     for (const char *program : {"kwin_x11", "plasmashell"})
         if (!XServer::installed(program)) GTEST_SKIP() << program << " is not installed";
     const ScopedEnv compose("KWIN_COMPOSE", "O2");  // OpenGL compositing, here on llvmpipe
-    XServer x(QStringLiteral("1280x720x24"));
+    XServer x("1280x720x24");
     QString why;
     ASSERT_TRUE(x.start(why) && x.startSessionBus(why)) << qPrintable(why);
     ASSERT_TRUE(x.startManager("kwin_x11", {"--replace"}, why)) << qPrintable(why);

@@ -84,7 +84,8 @@ TEST_F(SingleInstanceTest, OfPairsStartedTogetherExactlyOneWinsWhateverOthersMad
     // Without XDG_RUNTIME_DIR, someone else made /tmp/runtime-<user> first (a link to a folder all
     // may write): the room keeps to a private folder of its own in the cache.
     QTemporaryDir others;
-    ASSERT_TRUE(QFile::link(others.path(), temp.filePath(QStringLiteral("runtime-") + getpwuid(geteuid())->pw_name)));
+    ASSERT_TRUE(
+        QFile::link(others.path(), temp.filePath("runtime-" + QString::fromLocal8Bit(getpwuid(geteuid())->pw_name))));
     ASSERT_EQ(::chmod(others.path().toLocal8Bit(), 01777), 0);
     const QString cache = state.filePath("cache");
 

@@ -30,8 +30,8 @@ struct DesktopCleanerTest : ::testing::Test {
 // dbus-monitor records every call to it, so a test can tell "wrote the same value" from "wrote
 // nothing".
 struct DesktopCleanerXfconfTest : DesktopCleanerTest {
-    const QString stylePath = QStringLiteral("/desktop-icons/style");
-    const QString reload = QStringLiteral("xfdesktop --reload");
+    const QString stylePath = "/desktop-icons/style";
+    const QString reload = "xfdesktop --reload";
     PrivateBus bus;
     QProcess monitor;
     std::unique_ptr<ScopedEnv> busEnv;

@@ -371,7 +371,7 @@ TEST_F(NowPlayingMprisTest, PositionExtrapolatesWhilePlayingAndHoldsWhilePaused)
 TEST_F(NowPlayingMprisTest, MpvWithMprisPluginIsSeen)
 {
     const QString mpv = QStandardPaths::findExecutable("mpv");
-    const QString plugin = QStringLiteral("/usr/lib/mpv-mpris/mpris.so");
+    const QString plugin = "/usr/lib/mpv-mpris/mpris.so";
     if (mpv.isEmpty() || !QFileInfo::exists(plugin))
         GTEST_SKIP() << "mpv and mpv-mpris are not installed (scripts/install-deps.sh installs them)";
 

@@ -34,14 +34,14 @@ struct X11Desktop : ::testing::Test {
     ~X11Desktop() override { signalRoom(SIGCONT); }
 
     // The server with a window manager; false with the reason when it cannot be had.
-    bool start(QString &why, const QString &manager = QStringLiteral("openbox"),
-               const QStringList &arguments = {QStringLiteral("--sm-disable")}, bool sessionBus = false)
+    bool start(QString &why, const QString &manager = "openbox", const QStringList &arguments = {"--sm-disable"},
+               bool sessionBus = false)
     {
         if (!server.start(why) || (sessionBus && !server.startSessionBus(why)) ||
             !server.startManager(manager, arguments, why))
             return false;
         x = std::make_unique<XClient>(server.display());
-        why = QStringLiteral("no Xlib connection");
+        why = "no Xlib connection";
         return x->d != nullptr;
     }
 
@@ -64,7 +64,7 @@ struct X11Desktop : ::testing::Test {
     // Runs a compositing manager; whether it took the screen.
     bool compositing()
     {
-        QProcess &compositor = server.launch(QStringLiteral("xcompmgr"), {});
+        QProcess &compositor = server.launch("xcompmgr", {});
         soon([&] { return ownsCompositing() || compositor.state() == QProcess::NotRunning; });
         if (!ownsCompositing()) ADD_FAILURE() << XServer::output(compositor).constData();
         return ownsCompositing();
@@ -79,12 +79,12 @@ struct X11Desktop : ::testing::Test {
         signalRoom(SIGCONT);
     }
 
-    void xdotool(const QStringList &args) { server.run(QStringLiteral("xdotool"), args); }
+    void xdotool(const QStringList &args) { server.run("xdotool", args); }
 
     QStringList logLines(const QString &containing)
     {
         QStringList lines;
-        for (const QFileInfo &file : QDir(server.stateHome()).entryInfoList({QStringLiteral("*.log")}, QDir::Files))
+        for (const QFileInfo &file : QDir(server.stateHome()).entryInfoList({"*.log"}, QDir::Files))
             lines += QString::fromUtf8(readFile(file.filePath())).split(QLatin1Char('\n'), Qt::SkipEmptyParts);
         return lines.filter(containing);
     }
@@ -167,9 +167,9 @@ TEST_F(X11Desktop, UnderOpenboxTheRoomIsAStickyClickThroughDesktopWindowBelowAll
     // Raised above ours while ours cannot answer: back above it once it can.
     whileStopped([&] { x->restack(icons, Above); }, [&] { return !above(); });
     ASSERT_TRUE(soon(above));
-    const QStringList told = logLines(QStringLiteral("Mesa:"));
+    const QStringList told = logLines("Mesa:");
     ASSERT_EQ(told.size(), 1) << qPrintable(told.join('\n'));
-    EXPECT_TRUE(told.first().contains(QStringLiteral("(Pcmanfm) é opaca"))) << qPrintable(told.first());
+    EXPECT_TRUE(told.first().contains("(Pcmanfm) é opaca")) << qPrintable(told.first());
 }
 
 TEST_F(X11Desktop, WindowListUnderOpenboxListsOtherProgramsWindowsShownOnThisDesktop)
@@ -251,7 +251,7 @@ TEST_F(X11Desktop, WindowListUnderOpenboxListsOtherProgramsWindowsShownOnThisDes
     ASSERT_TRUE(soon([&] { return listed(list, secondFrame); })) << "a window on every desktop is left out";
 
     // Under a compositor a covering window is still reported, opaque.
-    if (!XServer::installed(QStringLiteral("xcompmgr"))) GTEST_SKIP() << "xcompmgr is not installed";
+    if (!XServer::installed("xcompmgr")) GTEST_SKIP() << "xcompmgr is not installed";
     ASSERT_TRUE(compositing());
     changes = 0;
     const Window cover = x->makeWindow(QRect(0, 0, 1280, 760));
@@ -280,24 +280,23 @@ TEST_F(X11Desktop, BlankedScreensPauseTheRoomUntilTheyShowAgain)
     ASSERT_TRUE(scheduler.isRunning());
     EXPECT_FALSE(list.screensOff());
 
-    server.run(QStringLiteral("xset"), {QStringLiteral("s"), QStringLiteral("activate")});
+    server.run("xset", {"s", "activate"});
     ASSERT_TRUE(soon([&] { return !scheduler.isRunning(); }));
     EXPECT_TRUE(list.screensOff());
     EXPECT_GT(changes, 0) << "no notice from the server: only the periodic probe saw it";
 
     changes = 0;
-    server.run(QStringLiteral("xset"), {QStringLiteral("s"), QStringLiteral("reset")});
+    server.run("xset", {"s", "reset"});
     ASSERT_TRUE(soon([&] { return scheduler.isRunning(); }));
     EXPECT_FALSE(list.screensOff());
     EXPECT_GT(changes, 0);
-    EXPECT_EQ(log.messages().filter(QStringLiteral("Cena: monitor")),
-              QStringList({QStringLiteral("Cena: monitor desligado → pausa"),
-                           QStringLiteral("Cena: monitor ligado → renderiza")}));
+    EXPECT_EQ(log.messages().filter("Cena: monitor"),
+              QStringList({"Cena: monitor desligado → pausa", "Cena: monitor ligado → renderiza"}));
 }
 
 TEST_F(X11Desktop, ThirtyTwoBitWindowsAreJudgedByTheAlphaTheyShow)
 {
-    if (!XServer::installed(QStringLiteral("xcompmgr"))) GTEST_SKIP() << "xcompmgr is not installed";
+    if (!XServer::installed("xcompmgr")) GTEST_SKIP() << "xcompmgr is not installed";
     QString why;
     ASSERT_TRUE(server.start(why)) << qPrintable(why);
     x = std::make_unique<XClient>(server.display());
@@ -331,7 +330,7 @@ TEST_F(X11Desktop, ThirtyTwoBitWindowsAreJudgedByTheAlphaTheyShow)
 
 TEST_F(X11Desktop, StaysBelowASeeThroughIconWindowAndLowersItselfAgain)
 {
-    if (!XServer::installed(QStringLiteral("xcompmgr"))) GTEST_SKIP() << "xcompmgr is not installed";
+    if (!XServer::installed("xcompmgr")) GTEST_SKIP() << "xcompmgr is not installed";
     START_OR_SKIP();
     // Transparent between its icons, as GNOME's desktop icons are, under a compositing manager
     // as GNOME always has one (without it the window would hide everything below it).
@@ -351,13 +350,13 @@ TEST_F(X11Desktop, StaysBelowASeeThroughIconWindowAndLowersItselfAgain)
     ASSERT_TRUE(soon(below));
     whileStopped([&] { XRaiseWindow(x->d, ours), XSync(x->d, False); }, [&] { return !below(); });
     ASSERT_TRUE(soon(below));
-    EXPECT_TRUE(logLines(QStringLiteral("Mesa:")).isEmpty());
+    EXPECT_TRUE(logLines("Mesa:").isEmpty());
 }
 
 TEST_F(X11Desktop, SitsAboveXfdesktopsOpaqueIconWindowAndSaysSoOnce)
 {
-    if (!XServer::installed(QStringLiteral("xfdesktop"))) GTEST_SKIP() << "xfdesktop is not installed";
-    START_OR_SKIP(QStringLiteral("xfwm4"), {QStringLiteral("--compositor=off")}, true);
+    if (!XServer::installed("xfdesktop")) GTEST_SKIP() << "xfdesktop is not installed";
+    START_OR_SKIP("xfwm4", {"--compositor=off"}, true);
 
     // The room starts first, as a login's autostart race may have it. (xfwm4 keeps its own
     // order among desktop windows and ignores requests to change it; the restacking itself is
@@ -370,7 +369,7 @@ TEST_F(X11Desktop, SitsAboveXfdesktopsOpaqueIconWindowAndSaysSoOnce)
         return std::find(clients.begin(), clients.end(), ours) != clients.end();
     }));
 
-    QProcess &xfdesktop = server.launch(QStringLiteral("xfdesktop"), {});
+    QProcess &xfdesktop = server.launch("xfdesktop", {});
     Window icons = 0;
     ASSERT_TRUE(soon([&] {
                     for (const unsigned long client : x->values(x->root(), "_NET_CLIENT_LIST"))
@@ -387,9 +386,9 @@ TEST_F(X11Desktop, SitsAboveXfdesktopsOpaqueIconWindowAndSaysSoOnce)
     ASSERT_TRUE(soon([&] { return x->stackIndex(ours) > x->stackIndex(icons); }))
         << "ours at " << x->stackIndex(ours) << ", xfdesktop at " << x->stackIndex(icons);
     QStringList told;
-    ASSERT_TRUE(soon([&] { return !(told = logLines(QStringLiteral("Mesa:"))).isEmpty(); }));
-    EXPECT_TRUE(told.first().contains(
-        QStringLiteral("Mesa: a janela de ícones do desktop (Xfdesktop) é opaca; a sala fica acima dela")))
+    ASSERT_TRUE(soon([&] { return !(told = logLines("Mesa:")).isEmpty(); }));
+    EXPECT_TRUE(
+        told.first().contains("Mesa: a janela de ícones do desktop (Xfdesktop) é opaca; a sala fica acima dela"))
         << qPrintable(told.first());
 
     // More stacking changes: still above it, without a second line.
@@ -397,15 +396,15 @@ TEST_F(X11Desktop, SitsAboveXfdesktopsOpaqueIconWindowAndSaysSoOnce)
     ASSERT_TRUE(soon([&] { return x->stackIndex(other) >= 0; }));
     spin(500ms);
     EXPECT_GT(x->stackIndex(ours), x->stackIndex(icons));
-    EXPECT_EQ(logLines(QStringLiteral("Mesa:")).size(), 1);
+    EXPECT_EQ(logLines("Mesa:").size(), 1);
     EXPECT_EQ(server.screenshot().pixelColor(900, 600), roomColour) << "the room is hidden under xfdesktop";
 }
 
 TEST_F(X11Desktop, UnderI3BypassesTheManagerAndLiesUnderEveryWindow)
 {
     QTemporaryDir config;
-    writeFile(config.filePath(QStringLiteral("i3.conf")), "font pango:monospace 8\n");
-    START_OR_SKIP(QStringLiteral("i3"), {QStringLiteral("-c"), config.filePath(QStringLiteral("i3.conf"))});
+    writeFile(config.filePath("i3.conf"), "font pango:monospace 8\n");
+    START_OR_SKIP("i3", {"-c", config.filePath("i3.conf")});
     const Window other = x->makeWindow(QRect(60, 60, 320, 200));
     ASSERT_TRUE(soon([&] { return !x->values(x->root(), "_NET_CLIENT_LIST").empty(); }));
     const QRect otherFrame = x->outerFrame(other);
