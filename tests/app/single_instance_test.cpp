@@ -95,7 +95,7 @@ TEST_F(SingleInstanceTest, OfPairsStartedTogetherExactlyOneWinsWhateverOthersMad
         int rounds;
     };
     for (const Case &c :
-         {Case{{}, runtime.path() + '/', 20}, Case{{"XDG_RUNTIME_DIR=", "XDG_CACHE_HOME=" + cache}, cache + '/', 5}}) {
+         {Case{{}, runtime.path() + '/', 20}, Case{{"XDG_RUNTIME_DIR=", "XDG_CACHE_HOME=" + cache}, cache + '/', 3}}) {
         for (int round = 0; round < c.rounds && !HasFailure(); ++round) {
             SCOPED_TRACE(c.folder.toStdString() + ", round " + std::to_string(round));
             // Both loaded before either is let go: a start at the same moment.
