@@ -30,8 +30,8 @@ struct DesktopCleanerTest : ::testing::Test {
 // dbus-monitor records every call to it, so a test can tell "wrote the same value" from "wrote
 // nothing".
 struct DesktopCleanerXfconfTest : DesktopCleanerTest {
-    const QString stylePath = QStringLiteral("/desktop-icons/style");
-    const QString reload = QStringLiteral("xfdesktop --reload");
+    const QString stylePath = "/desktop-icons/style";
+    const QString reload = "xfdesktop --reload";
     PrivateBus bus;
     QProcess monitor;
     std::unique_ptr<ScopedEnv> busEnv;
@@ -119,68 +119,44 @@ struct DesktopCleanerXfconfTest : DesktopCleanerTest {
 
 }  // namespace
 
-TEST_F(DesktopCleanerXfconfTest, ApplyingWhatIsAlreadySetWritesAndRestartsNothing)
+TEST_F(DesktopCleanerXfconfTest, HidingAndRestoringPutsTheKeyBackAndWhatIsAlreadySetIsNotWritten)
 {
-    // Never set: icons show by default, and showing them leaves the key unset.
     ASSERT_NO_FATAL_FAILURE(makeCleaner());
-    EXPECT_FALSE(cleaner->current().hideIcons);
-    cleaner->apply(show());
-    EXPECT_EQ(style(), std::nullopt);
-    EXPECT_EQ(writesSinceLastCheck(), 0);
-    EXPECT_TRUE(launcher.commands.isEmpty());
-    EXPECT_TRUE(log.last().endsWith(
-        "Mesa limpa: Desired(hideIcons: false, hideWidgets: false, clickOnlyInStageManager: false) (reiniciou [])"))
-        << log.last().toStdString();
-
-    // Already hidden by the user.
-    setStyle(0);
-    cleaner->reload();
-    EXPECT_TRUE(cleaner->current().hideIcons);
-    writesSinceLastCheck();
-    cleaner->apply(hide());
-    EXPECT_EQ(writesSinceLastCheck(), 0);
-    EXPECT_TRUE(launcher.commands.isEmpty());
-    EXPECT_TRUE(log.last().endsWith("(reiniciou [])"));
-
-    // Minimised-application icons are a way of showing icons: showing keeps the user's choice.
-    setStyle(1);
-    writesSinceLastCheck();
-    cleaner->apply(show());
-    EXPECT_EQ(style(), "1");
-    EXPECT_EQ(writesSinceLastCheck(), 0);
-    EXPECT_TRUE(launcher.commands.isEmpty());
-}
-
-TEST_F(DesktopCleanerXfconfTest, HideThenRestorePutsEveryKeyBackExactly)
-{
-    for (const std::optional<int> before : {std::optional<int>(), std::optional(1), std::optional(2)}) {
+    // Never set (icons show by default), minimised-application icons (a way of showing icons),
+    // file icons, hidden by the user.
+    for (const std::optional<int> before :
+         {std::optional<int>(), std::optional(1), std::optional(2), std::optional(0)}) {
         SCOPED_TRACE(before ? before.value() : -1);
         launcher.commands.clear();
         query({"-p", stylePath, "-r"});
         if (before) setStyle(*before);
-        ASSERT_NO_FATAL_FAILURE(makeCleaner());
-        EXPECT_FALSE(cleaner->current().hideIcons);
+        cleaner->reload();
+        const bool hidden = before == 0;
+        EXPECT_EQ(cleaner->current().hideIcons, hidden);
+        writesSinceLastCheck();
+
+        // What is already there: nothing written, nothing restarted, the user's choice kept.
+        cleaner->apply(hidden ? hide() : show());
+        EXPECT_EQ(writesSinceLastCheck(), 0);
+        const auto was = before ? std::optional(QString::number(*before)) : std::nullopt;
+        EXPECT_EQ(style(), was);
+        EXPECT_TRUE(launcher.commands.isEmpty());
+        if (hidden) continue;
 
         cleaner->apply(hide());
         EXPECT_EQ(style(), "0");
         EXPECT_TRUE(cleaner->current().hideIcons);
         EXPECT_EQ(launcher.commands, QStringList{reload});
-        EXPECT_TRUE(log.last().endsWith("Mesa limpa: Desired(hideIcons: true, hideWidgets: false, "
-                                        "clickOnlyInStageManager: false) (reiniciou [\"xfce4-desktop\"])"))
-            << log.last().toStdString();
         EXPECT_EQ(snapshotEntry().value("exists").toBool(), before.has_value());
 
         cleaner->restore();
-        EXPECT_EQ(style(), before ? std::optional(QString::number(*before)) : std::nullopt);
+        EXPECT_EQ(style(), was);
         EXPECT_FALSE(cleaner->current().hideIcons);
         EXPECT_EQ(launcher.commands, (QStringList{reload, reload}));
         EXPECT_FALSE(settings.desktopSnapshot().has_value());
-        EXPECT_TRUE(log.last().endsWith("Mesa limpa: restaurado (reiniciou [\"xfce4-desktop\"])"));
-
         // Nothing left to put back.
         cleaner->restore();
         EXPECT_EQ(launcher.commands.size(), 2);
-        EXPECT_TRUE(log.last().endsWith("Mesa limpa: restaurado (reiniciou [])"));
     }
 }
 
@@ -212,15 +188,13 @@ TEST_F(DesktopCleanerXfconfTest, OnlyXfceAndGnomeHaveABackEnd)
     EXPECT_EQ(linuxDesktopPreferences("KDE"), nullptr);
     EXPECT_EQ(linuxDesktopPreferences(""), nullptr);
 
-    // Without a back end the cleaner says so and touches nothing.
+    // Without a back end the cleaner says so and touches nothing; on Plasma it tells where the
+    // icons are.
     DesktopCleaner none(settings, linuxDesktopPreferences("KDE"), launcher);
     EXPECT_FALSE(none.available());
-    EXPECT_EQ(none.statusText(), "Hiding desktop icons is not available on this desktop.");
-    // Plasma has icons the cleaner cannot reach: the Desktop settings tell where they are.
     EXPECT_TRUE(linuxDesktopCleanerNote("XFCE").isEmpty());
-    none.setUnavailableNote(linuxDesktopCleanerNote("KDE"));
-    EXPECT_TRUE(none.statusText().startsWith("Plasma keeps the desktop icons in its Folder View"))
-        << none.statusText().toStdString();
+    none.setUnavailableNote(linuxDesktopCleanerNote("Plasma:KDE"));
+    EXPECT_TRUE(none.statusText().contains("Folder View")) << none.statusText().toStdString();
     EXPECT_FALSE(none.supports(DesktopPreferences::Control::hideIcons));
     none.apply(hide());
     none.restore();
@@ -262,13 +236,8 @@ TEST_F(DesktopCleanerTest, GnomeHidesTheExtensionsIconsAndPutsTheUsersChoiceBack
     EXPECT_TRUE(cleaner.current().hideIcons);
     // The extension follows its settings live: nothing to restart.
     EXPECT_TRUE(launcher.commands.isEmpty());
-    EXPECT_TRUE(log.last().endsWith("(gravou [\"org.gnome.shell.extensions.ding\"]; nada a reiniciar)"))
-        << log.last().toStdString();
 
     cleaner.restore();
-    EXPECT_TRUE(
-        log.last().endsWith("Mesa limpa: restaurado (gravou [\"org.gnome.shell.extensions.ding\"]; nada a reiniciar)"))
-        << log.last().toStdString();
     EXPECT_EQ(gsettings({"get", "show-home"}), "true");
     EXPECT_EQ(gsettings({"get", "show-trash"}), "false");
     EXPECT_EQ(gsettings({"get", "show-volumes"}), "true");
@@ -283,5 +252,4 @@ TEST_F(DesktopCleanerTest, GnomeHidesTheExtensionsIconsAndPutsTheUsersChoiceBack
     const QDateTime before = QFileInfo(keyfile).lastModified();
     cleaner.apply({false, false, false});
     EXPECT_EQ(QFileInfo(keyfile).lastModified(), before);
-    EXPECT_TRUE(log.last().endsWith("(gravou []; nada a reiniciar)"));
 }

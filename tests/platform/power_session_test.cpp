@@ -20,12 +20,12 @@ using namespace std::chrono_literals;
 
 namespace {
 
-const QString kUPower = QStringLiteral("org.freedesktop.UPower");
-const QString kUPowerPath = QStringLiteral("/org/freedesktop/UPower");
-const QString kLogind = QStringLiteral("org.freedesktop.login1");
-const QString kLogindPath = QStringLiteral("/org/freedesktop/login1");
-const QString kManager = QStringLiteral("org.freedesktop.login1.Manager");
-const QString kSession = QStringLiteral("org.freedesktop.login1.Session");
+const QString kUPower = "org.freedesktop.UPower";
+const QString kUPowerPath = "/org/freedesktop/UPower";
+const QString kLogind = "org.freedesktop.login1";
+const QString kLogindPath = "/org/freedesktop/login1";
+const QString kManager = "org.freedesktop.login1.Manager";
+const QString kSession = "org.freedesktop.login1.Session";
 
 struct PowerSessionTest : ::testing::Test {
     LogTail log;
@@ -37,18 +37,17 @@ struct PowerSessionTest : ::testing::Test {
 
     std::unique_ptr<DbusMock> upower(const QString &parameters = {})
     {
-        auto mock = DbusMock::fromTemplate(bus, QStringLiteral("upower"), kUPower, parameters);
+        auto mock = DbusMock::fromTemplate(bus, "upower", kUPower, parameters);
         EXPECT_TRUE(mock->ok()) << mock->errors().toStdString();
         return mock;
     }
     static QDBusMessage addBattery(DbusMock &mock, const QString &name)
     {
-        return mock.callMock(kUPowerPath, QStringLiteral("AddDischargingBattery"),
-                             {name, QStringLiteral("Battery"), 80.0, qlonglong(3600)});
+        return mock.callMock(kUPowerPath, "AddDischargingBattery", {name, "Battery", 80.0, qlonglong(3600)});
     }
     static QDBusMessage setOnBattery(DbusMock &mock, bool on)
     {
-        return mock.setProperty(kUPowerPath, kUPower, QStringLiteral("OnBattery"), on);
+        return mock.setProperty(kUPowerPath, kUPower, "OnBattery", on);
     }
 };
 
@@ -56,7 +55,7 @@ TEST_F(PowerSessionTest, UnpluggingOnUPowerLogsOnceAndEngagesTheSaver)
 {
     {
         // Without UPower there is no power information, and nothing to say.
-        UPowerPowerSource none(bus.connect(QStringLiteral("none")));
+        UPowerPowerSource none(bus.connect("none"));
         EXPECT_FALSE(none.read().has_value());
         EXPECT_FALSE(none.lowPowerMode());
         PowerMonitor monitor(settings, &none);
@@ -65,10 +64,9 @@ TEST_F(PowerSessionTest, UnpluggingOnUPowerLogsOnceAndEngagesTheSaver)
     }
 
     auto service = upower();
-    ASSERT_TRUE(isReply(
-        service->callMock(kUPowerPath, QStringLiteral("AddAC"), {QStringLiteral("ac"), QStringLiteral("Mains")})));
-    ASSERT_TRUE(isReply(addBattery(*service, QStringLiteral("bat0"))));
-    UPowerPowerSource source(bus.connect(QStringLiteral("app")));
+    ASSERT_TRUE(isReply(service->callMock(kUPowerPath, "AddAC", {"ac", "Mains"})));
+    ASSERT_TRUE(isReply(addBattery(*service, "bat0")));
+    UPowerPowerSource source(bus.connect("app"));
     PowerMonitor monitor(settings, &source);
     EXPECT_TRUE(monitor.hasBattery());
     EXPECT_FALSE(monitor.onBattery());
@@ -85,7 +83,7 @@ TEST_F(PowerSessionTest, UnpluggingOnUPowerLogsOnceAndEngagesTheSaver)
     setOnBattery(*service, true);
     setOnBattery(*service, false);
     ASSERT_TRUE(waitUntil([&] { return !monitor.onBattery(); }, 10s));
-    EXPECT_EQ(log.messages(), (QStringList{QStringLiteral("Energia: bateria"), QStringLiteral("Energia: tomada")}));
+    EXPECT_EQ(log.messages(), (QStringList{"Energia: bateria", "Energia: tomada"}));
     EXPECT_EQ(flips, (std::vector<bool>{true, false}));
 }
 
@@ -94,19 +92,18 @@ TEST_F(PowerSessionTest, BatteriesCountWhenTheyPowerTheMachine)
     // On battery at start: the first reading is a change from the initial mains state.
     auto service = upower(QStringLiteral(R"({"OnBattery": true})"));
     // A battery-kind device that does not power the machine (a UPS seen through USB, say).
-    ASSERT_TRUE(isReply(addBattery(*service, QStringLiteral("ups"))));
-    const QDBusObjectPath ups(QStringLiteral("/org/freedesktop/UPower/devices/ups"));
-    ASSERT_TRUE(
-        isReply(service->callMock(kUPowerPath, QStringLiteral("SetDeviceProperties"),
-                                  {QVariant::fromValue(ups), QVariantMap{{QStringLiteral("PowerSupply"), false}}})));
+    ASSERT_TRUE(isReply(addBattery(*service, "ups")));
+    const QDBusObjectPath ups("/org/freedesktop/UPower/devices/ups");
+    ASSERT_TRUE(isReply(service->callMock(kUPowerPath, "SetDeviceProperties",
+                                          {QVariant::fromValue(ups), QVariantMap{{"PowerSupply", false}}})));
 
-    UPowerPowerSource source(bus.connect(QStringLiteral("app")));
+    UPowerPowerSource source(bus.connect("app"));
     PowerMonitor monitor(settings, &source);
     EXPECT_TRUE(monitor.onBattery());
     EXPECT_FALSE(monitor.hasBattery());
-    EXPECT_EQ(log.messages(), QStringList{QStringLiteral("Energia: bateria")});
+    EXPECT_EQ(log.messages(), QStringList{"Energia: bateria"});
 
-    addBattery(*service, QStringLiteral("bat0"));
+    addBattery(*service, "bat0");
     EXPECT_TRUE(waitUntil([&] { return monitor.hasBattery(); }, 10s));
 }
 
@@ -114,18 +111,17 @@ TEST_F(PowerSessionTest, PowerSaverProfileIsLowPowerModeUnderEitherServiceName)
 {
     auto service = upower();
     settings.setEcoTrigger(Settings::EcoTrigger::lowPower);
-    const QString hadess = QStringLiteral("net.hadess.PowerProfiles");
-    auto profiles = DbusMock::fromTemplate(bus, QStringLiteral("power_profiles_daemon"), hadess);
+    const QString hadess = "net.hadess.PowerProfiles";
+    auto profiles = DbusMock::fromTemplate(bus, "power_profiles_daemon", hadess);
     ASSERT_TRUE(profiles->ok()) << profiles->errors().toStdString();
 
-    UPowerPowerSource source(bus.connect(QStringLiteral("app")));
+    UPowerPowerSource source(bus.connect("app"));
     PowerMonitor monitor(settings, &source);
     EXPECT_FALSE(monitor.lowPowerMode());
     std::vector<bool> flips;
     QObject::connect(&monitor, &PowerMonitor::ecoActiveChanged, [&](bool active) { flips.push_back(active); });
 
-    ASSERT_TRUE(isReply(profiles->setProperty(QStringLiteral("/net/hadess/PowerProfiles"), hadess,
-                                              QStringLiteral("ActiveProfile"), QStringLiteral("power-saver"))));
+    ASSERT_TRUE(isReply(profiles->setProperty("/net/hadess/PowerProfiles", hadess, "ActiveProfile", "power-saver")));
     ASSERT_TRUE(waitUntil([&] { return monitor.ecoActive(); }, 10s));
     EXPECT_TRUE(monitor.lowPowerMode());
     EXPECT_FALSE(monitor.onBattery());
@@ -135,23 +131,21 @@ TEST_F(PowerSessionTest, PowerSaverProfileIsLowPowerModeUnderEitherServiceName)
     ASSERT_TRUE(waitUntil([&] { return !monitor.ecoActive(); }, 10s));
 
     // The current name, on a service that gains the property after it appeared.
-    const QString current = QStringLiteral("org.freedesktop.UPower.PowerProfiles");
-    const QString currentPath = QStringLiteral("/org/freedesktop/UPower/PowerProfiles");
+    const QString current = "org.freedesktop.UPower.PowerProfiles";
+    const QString currentPath = "/org/freedesktop/UPower/PowerProfiles";
     auto renamed = DbusMock::bare(bus, current, currentPath, current);
     ASSERT_TRUE(renamed->ok()) << renamed->errors().toStdString();
     ASSERT_TRUE(isReply(renamed->callMock(
-        currentPath, QStringLiteral("AddProperty"),
-        {QString(), QStringLiteral("ActiveProfile"), QVariant::fromValue(QDBusVariant(QStringLiteral("balanced")))})));
-    ASSERT_TRUE(isReply(
-        renamed->callMock(currentPath, QStringLiteral("UpdateProperties"),
-                          {QString(), QVariantMap{{QStringLiteral("ActiveProfile"), QStringLiteral("power-saver")}}})));
+        currentPath, "AddProperty", {QString(), "ActiveProfile", QVariant::fromValue(QDBusVariant("balanced"))})));
+    ASSERT_TRUE(isReply(renamed->callMock(currentPath, "UpdateProperties",
+                                          {QString(), QVariantMap{{"ActiveProfile", "power-saver"}}})));
     ASSERT_TRUE(waitUntil([&] { return monitor.ecoActive(); }, 10s));
     EXPECT_EQ(flips, (std::vector<bool>{true, false, true}));
 }
 
 struct SessionSignalsTest : PowerSessionTest {
     std::unique_ptr<DbusMock> logind;
-    QDBusConnection connection = bus.connect(QStringLiteral("app"));
+    QDBusConnection connection = bus.connect("app");
     QStringList seen;  // the session signals in arrival order
 
     void watch(SessionSignals &source)
@@ -171,14 +165,13 @@ struct SessionSignalsTest : PowerSessionTest {
     }
     void startLogind()
     {
-        logind = DbusMock::fromTemplate(bus, QStringLiteral("logind"), kLogind);
+        logind = DbusMock::fromTemplate(bus, "logind", kLogind);
         ASSERT_TRUE(logind->ok()) << logind->errors().toStdString();
     }
     QString addSession(const QString &id)
     {
         const QDBusMessage reply =
-            logind->callMock(kLogindPath, QStringLiteral("AddSession"),
-                             {id, QStringLiteral("seat0"), uint(1000), QStringLiteral("tester"), true});
+            logind->callMock(kLogindPath, "AddSession", {id, "seat0", uint(1000), "tester", true});
         EXPECT_TRUE(isReply(reply));
         return reply.arguments().value(0).toString();
     }
@@ -193,28 +186,24 @@ TEST_F(SessionSignalsTest, EveryLockerAndLogindReportOneLockSleepAndSessionSwitc
 {
     ScopedEnv sessionId("XDG_SESSION_ID", "c1");
     startLogind();
-    const QString ours = addSession(QStringLiteral("c1"));
-    const QString other = addSession(QStringLiteral("c2"));
-    auto gnome =
-        DbusMock::fromTemplate(bus, QStringLiteral("gnome_screensaver"), QStringLiteral("org.gnome.ScreenSaver"));
+    const QString ours = addSession("c1");
+    const QString other = addSession("c2");
+    auto gnome = DbusMock::fromTemplate(bus, "gnome_screensaver", "org.gnome.ScreenSaver");
     ASSERT_TRUE(gnome->ok()) << gnome->errors().toStdString();
-    const QString freedesktop = QStringLiteral("org.freedesktop.ScreenSaver");
-    auto xfce = DbusMock::bare(bus, freedesktop, QStringLiteral("/ScreenSaver"), freedesktop);
+    const QString freedesktop = "org.freedesktop.ScreenSaver";
+    auto xfce = DbusMock::bare(bus, freedesktop, "/ScreenSaver", freedesktop);
     ASSERT_TRUE(xfce->ok()) << xfce->errors().toStdString();
     const auto xfceActive = [&](bool on) {
-        mock(*xfce, QStringLiteral("/ScreenSaver"), QStringLiteral("EmitSignal"),
-             {QString(), QStringLiteral("ActiveChanged"), QStringLiteral("b"), QVariantList{on}});
+        mock(*xfce, "/ScreenSaver", "EmitSignal", {QString(), "ActiveChanged", "b", QVariantList{on}});
     };
     const auto gnomeActive = [&](bool on) {
-        EXPECT_TRUE(isReply(gnome->call(QStringLiteral("/org/gnome/ScreenSaver"),
-                                        QStringLiteral("org.gnome.ScreenSaver"), QStringLiteral("SetActive"), {on})));
+        EXPECT_TRUE(isReply(gnome->call("/org/gnome/ScreenSaver", "org.gnome.ScreenSaver", "SetActive", {on})));
     };
     const auto lockedHint = [&](const QString &session, bool on) {
-        EXPECT_TRUE(isReply(logind->call(session, kSession, QStringLiteral("SetLockedHint"), {on})));
+        EXPECT_TRUE(isReply(logind->call(session, kSession, "SetLockedHint", {on})));
     };
     const auto prepareForSleep = [&](bool on) {
-        mock(*logind, kLogindPath, QStringLiteral("EmitSignal"),
-             {kManager, QStringLiteral("PrepareForSleep"), QStringLiteral("b"), QVariantList{on}});
+        mock(*logind, kLogindPath, "EmitSignal", {kManager, "PrepareForSleep", "b", QVariantList{on}});
     };
 
     // One connection for both buses keeps the services' signals in the order they were sent.
@@ -236,7 +225,7 @@ TEST_F(SessionSignalsTest, EveryLockerAndLogindReportOneLockSleepAndSessionSwitc
     xfceActive(false);
     // Another session's lock is not ours.
     lockedHint(other, true);
-    ASSERT_TRUE(isReply(logind->setProperty(ours, kSession, QStringLiteral("Active"), false)));
+    ASSERT_TRUE(isReply(logind->setProperty(ours, kSession, "Active", false)));
     ASSERT_TRUE(saw({"locked 1", "asleep 1", "asleep 0", "locked 0", "active 0"}));
 }
 
@@ -250,9 +239,9 @@ TEST_F(SessionSignalsTest, WithoutXdgSessionIdLogindIsAskedForThisProcesssSessio
     }
 
     startLogind();
-    const QString ours = addSession(QStringLiteral("c7"));
-    mock(*logind, kLogindPath, QStringLiteral("AddMethod"),
-         {kManager, QStringLiteral("GetSessionByPID"), QStringLiteral("u"), QStringLiteral("o"),
+    const QString ours = addSession("c7");
+    mock(*logind, kLogindPath, "AddMethod",
+         {kManager, "GetSessionByPID", "u", "o",
           QStringLiteral("if args[0] != %1: raise dbus.exceptions.DBusException('no session', "
                          "name='org.freedesktop.login1.NoSessionForPID')\n"
                          "ret = '%2'")
@@ -263,14 +252,13 @@ TEST_F(SessionSignalsTest, WithoutXdgSessionIdLogindIsAskedForThisProcesssSessio
     EXPECT_EQ(session.sessionPath(), ours);
     watch(session);
     // A service may only name the property that changed; its value is then asked for.
-    mock(*logind, ours, QStringLiteral("AddMethod"),
-         {kSession, QStringLiteral("LockQuietly"), QString(), QString(),
+    mock(*logind, ours, "AddMethod",
+         {kSession, "LockQuietly", QString(), QString(),
           QStringLiteral("self.props['%1']['LockedHint'] = True").arg(kSession)});
-    ASSERT_TRUE(isReply(logind->call(ours, kSession, QStringLiteral("LockQuietly"))));
-    mock(*logind, ours, QStringLiteral("EmitSignal"),
-         {QStringLiteral("org.freedesktop.DBus.Properties"), QStringLiteral("PropertiesChanged"),
-          QStringLiteral("sa{sv}as"),
-          QVariantList{kSession, QVariantMap{}, QStringList{QStringLiteral("LockedHint")}}});
+    ASSERT_TRUE(isReply(logind->call(ours, kSession, "LockQuietly")));
+    mock(*logind, ours, "EmitSignal",
+         {"org.freedesktop.DBus.Properties", "PropertiesChanged", "sa{sv}as",
+          QVariantList{kSession, QVariantMap{}, QStringList{"LockedHint"}}});
     EXPECT_TRUE(saw({"locked 1"}));
 }
 

@@ -34,14 +34,14 @@ struct X11Desktop : ::testing::Test {
     ~X11Desktop() override { signalRoom(SIGCONT); }
 
     // The server with a window manager; false with the reason when it cannot be had.
-    bool start(QString &why, const QString &manager = QStringLiteral("openbox"),
-               const QStringList &arguments = {QStringLiteral("--sm-disable")}, bool sessionBus = false)
+    bool start(QString &why, const QString &manager = "openbox", const QStringList &arguments = {"--sm-disable"},
+               bool sessionBus = false)
     {
         if (!server.start(why) || (sessionBus && !server.startSessionBus(why)) ||
             !server.startManager(manager, arguments, why))
             return false;
         x = std::make_unique<XClient>(server.display());
-        why = QStringLiteral("no Xlib connection");
+        why = "no Xlib connection";
         return x->d != nullptr;
     }
 
@@ -61,13 +61,30 @@ struct X11Desktop : ::testing::Test {
         if (room && room->state() == QProcess::Running) ::kill(pid_t(room->processId()), signal);
     }
 
-    void xdotool(const QStringList &args) { server.run(QStringLiteral("xdotool"), args); }
-    QImage screenshot() { return QImage::fromData(server.run("import", {"-window", "root", "png:-"}), "PNG"); }
+    // Runs a compositing manager; whether it took the screen.
+    bool compositing()
+    {
+        QProcess &compositor = server.launch("xcompmgr", {});
+        soon([&] { return ownsCompositing() || compositor.state() == QProcess::NotRunning; });
+        if (!ownsCompositing()) ADD_FAILURE() << XServer::output(compositor).constData();
+        return ownsCompositing();
+    }
+    bool ownsCompositing() { return XGetSelectionOwner(x->d, x->atom("_NET_WM_CM_S0")) != 0; }
+    // Something done to the stacking while the room cannot answer; `done` once it took effect.
+    void whileStopped(const std::function<void()> &disturb, const std::function<bool()> &done)
+    {
+        signalRoom(SIGSTOP);
+        disturb();
+        EXPECT_TRUE(soon(done));
+        signalRoom(SIGCONT);
+    }
+
+    void xdotool(const QStringList &args) { server.run("xdotool", args); }
 
     QStringList logLines(const QString &containing)
     {
         QStringList lines;
-        for (const QFileInfo &file : QDir(server.stateHome()).entryInfoList({QStringLiteral("*.log")}, QDir::Files))
+        for (const QFileInfo &file : QDir(server.stateHome()).entryInfoList({"*.log"}, QDir::Files))
             lines += QString::fromUtf8(readFile(file.filePath())).split(QLatin1Char('\n'), Qt::SkipEmptyParts);
         return lines.filter(containing);
     }
@@ -92,7 +109,7 @@ bool listed(X11WindowList &list, const QRect &frame) { return listedAt(list, fra
 
 }  // namespace
 
-TEST_F(X11Desktop, UnderOpenboxTheRoomIsAStickyClickThroughDesktopWindowAtTheBottom)
+TEST_F(X11Desktop, UnderOpenboxTheRoomIsAStickyClickThroughDesktopWindowBelowAllButOpaqueIconWindows)
 {
     START_OR_SKIP();
     const Window other = x->makeWindow(QRect(60, 60, 320, 200));
@@ -123,7 +140,7 @@ TEST_F(X11Desktop, UnderOpenboxTheRoomIsAStickyClickThroughDesktopWindowAtTheBot
 
     QImage shot;
     ASSERT_TRUE(soon([&] {
-        shot = screenshot();
+        shot = server.screenshot();
         return !shot.isNull() && shot.pixelColor(900, 600) == roomColour;
     })) << "the room does not show on the desktop";
     EXPECT_NE(shot.pixelColor(200, 150), roomColour) << "the ordinary window is not above the room";
@@ -138,6 +155,21 @@ TEST_F(X11Desktop, UnderOpenboxTheRoomIsAStickyClickThroughDesktopWindowAtTheBot
     };
     EXPECT_TRUE(soon([&] { return !viewable(other); })) << "the other desktop's window is still shown";
     EXPECT_TRUE(viewable(ours));
+
+    // Opaque wallpaper and icons in one 24-bit window, as pcmanfm's under openbox (LXDE), mapped
+    // after the room.
+    const Window icons = x->makeWindow(QRect(0, 0, 1280, 800), false, "_NET_WM_WINDOW_TYPE_DESKTOP");
+    XClassHint names{const_cast<char *>("pcmanfm"), const_cast<char *>("Pcmanfm")};
+    XSetClassHint(x->d, icons, &names);
+    XSync(x->d, False);
+    const auto above = [&] { return x->stackIndex(icons) >= 0 && x->stackIndex(ours) > x->stackIndex(icons); };
+    ASSERT_TRUE(soon(above)) << "ours at " << x->stackIndex(ours) << ", the icons at " << x->stackIndex(icons);
+    // Raised above ours while ours cannot answer: back above it once it can.
+    whileStopped([&] { x->restack(icons, Above); }, [&] { return !above(); });
+    ASSERT_TRUE(soon(above));
+    const QStringList told = logLines("Mesa:");
+    ASSERT_EQ(told.size(), 1) << qPrintable(told.join('\n'));
+    EXPECT_TRUE(told.first().contains("(Pcmanfm) é opaca")) << qPrintable(told.first());
 }
 
 TEST_F(X11Desktop, WindowListUnderOpenboxListsOtherProgramsWindowsShownOnThisDesktop)
@@ -219,13 +251,8 @@ TEST_F(X11Desktop, WindowListUnderOpenboxListsOtherProgramsWindowsShownOnThisDes
     ASSERT_TRUE(soon([&] { return listed(list, secondFrame); })) << "a window on every desktop is left out";
 
     // Under a compositor a covering window is still reported, opaque.
-    if (!XServer::installed(QStringLiteral("xcompmgr"))) GTEST_SKIP() << "xcompmgr is not installed";
-    QProcess &compositor = server.launch(QStringLiteral("xcompmgr"), {});
-    // xcompmgr takes the compositing manager selection of screen 0 once it runs.
-    ASSERT_TRUE(soon([&] {
-        return XGetSelectionOwner(x->d, x->atom("_NET_WM_CM_S0")) != 0 || compositor.state() == QProcess::NotRunning;
-    }));
-    ASSERT_NE(XGetSelectionOwner(x->d, x->atom("_NET_WM_CM_S0")), 0ul) << XServer::output(compositor).constData();
+    if (!XServer::installed("xcompmgr")) GTEST_SKIP() << "xcompmgr is not installed";
+    ASSERT_TRUE(compositing());
     changes = 0;
     const Window cover = x->makeWindow(QRect(0, 0, 1280, 760));
     ASSERT_TRUE(soon([&] { return changes > 0 && !x->values(cover, "_NET_FRAME_EXTENTS").empty(); }));
@@ -253,24 +280,23 @@ TEST_F(X11Desktop, BlankedScreensPauseTheRoomUntilTheyShowAgain)
     ASSERT_TRUE(scheduler.isRunning());
     EXPECT_FALSE(list.screensOff());
 
-    server.run(QStringLiteral("xset"), {QStringLiteral("s"), QStringLiteral("activate")});
+    server.run("xset", {"s", "activate"});
     ASSERT_TRUE(soon([&] { return !scheduler.isRunning(); }));
     EXPECT_TRUE(list.screensOff());
     EXPECT_GT(changes, 0) << "no notice from the server: only the periodic probe saw it";
 
     changes = 0;
-    server.run(QStringLiteral("xset"), {QStringLiteral("s"), QStringLiteral("reset")});
+    server.run("xset", {"s", "reset"});
     ASSERT_TRUE(soon([&] { return scheduler.isRunning(); }));
     EXPECT_FALSE(list.screensOff());
     EXPECT_GT(changes, 0);
-    EXPECT_EQ(log.messages().filter(QStringLiteral("Cena: monitor")),
-              QStringList({QStringLiteral("Cena: monitor desligado → pausa"),
-                           QStringLiteral("Cena: monitor ligado → renderiza")}));
+    EXPECT_EQ(log.messages().filter("Cena: monitor"),
+              QStringList({"Cena: monitor desligado → pausa", "Cena: monitor ligado → renderiza"}));
 }
 
 TEST_F(X11Desktop, ThirtyTwoBitWindowsAreJudgedByTheAlphaTheyShow)
 {
-    if (!XServer::installed(QStringLiteral("xcompmgr"))) GTEST_SKIP() << "xcompmgr is not installed";
+    if (!XServer::installed("xcompmgr")) GTEST_SKIP() << "xcompmgr is not installed";
     QString why;
     ASSERT_TRUE(server.start(why)) << qPrintable(why);
     x = std::make_unique<XClient>(server.display());
@@ -294,10 +320,7 @@ TEST_F(X11Desktop, ThirtyTwoBitWindowsAreJudgedByTheAlphaTheyShow)
     X11WindowTransparency before(connection);
     for (const Window w : {clear, painted, plain}) EXPECT_FALSE(before.seeThrough(w)) << w;
 
-    QProcess &compositor = server.launch(QStringLiteral("xcompmgr"), {});
-    ASSERT_TRUE(soon([&] {
-        return XGetSelectionOwner(x->d, x->atom("_NET_WM_CM_S0")) != 0 || compositor.state() == QProcess::NotRunning;
-    })) << XServer::output(compositor).constData();
+    ASSERT_TRUE(compositing());
     X11WindowTransparency judge(connection);
     EXPECT_TRUE(judge.seeThrough(clear));
     EXPECT_FALSE(judge.seeThrough(painted)) << "opaque nearly everywhere";
@@ -307,14 +330,11 @@ TEST_F(X11Desktop, ThirtyTwoBitWindowsAreJudgedByTheAlphaTheyShow)
 
 TEST_F(X11Desktop, StaysBelowASeeThroughIconWindowAndLowersItselfAgain)
 {
-    if (!XServer::installed(QStringLiteral("xcompmgr"))) GTEST_SKIP() << "xcompmgr is not installed";
+    if (!XServer::installed("xcompmgr")) GTEST_SKIP() << "xcompmgr is not installed";
     START_OR_SKIP();
     // Transparent between its icons, as GNOME's desktop icons are, under a compositing manager
     // as GNOME always has one (without it the window would hide everything below it).
-    QProcess &compositor = server.launch(QStringLiteral("xcompmgr"), {});
-    ASSERT_TRUE(soon([&] {
-        return XGetSelectionOwner(x->d, x->atom("_NET_WM_CM_S0")) != 0 || compositor.state() == QProcess::NotRunning;
-    })) << XServer::output(compositor).constData();
+    ASSERT_TRUE(compositing());
     const Window icons = x->makeWindow(QRect(0, 0, 1280, 800), true, "_NET_WM_WINDOW_TYPE_DESKTOP");
     ASSERT_NE(icons, 0ul) << "no 32-bit visual";
     ASSERT_TRUE(soon([&] { return x->stackIndex(icons) >= 0; }));
@@ -324,29 +344,19 @@ TEST_F(X11Desktop, StaysBelowASeeThroughIconWindowAndLowersItselfAgain)
     const auto below = [&] { return x->stackIndex(ours) >= 0 && x->stackIndex(ours) < x->stackIndex(icons); };
     // Mapped later, openbox puts it on top of the desktop layer; it must go below the icons.
     ASSERT_TRUE(soon(below));
-
     // The icon program lowers itself (as Nemo does on every map), or someone raises ours, while
     // ours cannot answer: ours goes below the icons again once it can.
-    for (const bool iconsLower : {true, false}) {
-        SCOPED_TRACE(iconsLower ? "icons lowered" : "ours raised");
-        signalRoom(SIGSTOP);
-        if (iconsLower) {
-            x->restack(icons, Below);
-        } else {
-            XRaiseWindow(x->d, ours);
-            XSync(x->d, False);
-        }
-        ASSERT_TRUE(soon([&] { return x->stackIndex(icons) < x->stackIndex(ours); }));
-        signalRoom(SIGCONT);
-        ASSERT_TRUE(soon(below));
-    }
-    EXPECT_TRUE(logLines(QStringLiteral("Mesa:")).isEmpty());
+    whileStopped([&] { x->restack(icons, Below); }, [&] { return !below(); });
+    ASSERT_TRUE(soon(below));
+    whileStopped([&] { XRaiseWindow(x->d, ours), XSync(x->d, False); }, [&] { return !below(); });
+    ASSERT_TRUE(soon(below));
+    EXPECT_TRUE(logLines("Mesa:").isEmpty());
 }
 
 TEST_F(X11Desktop, SitsAboveXfdesktopsOpaqueIconWindowAndSaysSoOnce)
 {
-    if (!XServer::installed(QStringLiteral("xfdesktop"))) GTEST_SKIP() << "xfdesktop is not installed";
-    START_OR_SKIP(QStringLiteral("xfwm4"), {QStringLiteral("--compositor=off")}, true);
+    if (!XServer::installed("xfdesktop")) GTEST_SKIP() << "xfdesktop is not installed";
+    START_OR_SKIP("xfwm4", {"--compositor=off"}, true);
 
     // The room starts first, as a login's autostart race may have it. (xfwm4 keeps its own
     // order among desktop windows and ignores requests to change it; the restacking itself is
@@ -359,7 +369,7 @@ TEST_F(X11Desktop, SitsAboveXfdesktopsOpaqueIconWindowAndSaysSoOnce)
         return std::find(clients.begin(), clients.end(), ours) != clients.end();
     }));
 
-    QProcess &xfdesktop = server.launch(QStringLiteral("xfdesktop"), {});
+    QProcess &xfdesktop = server.launch("xfdesktop", {});
     Window icons = 0;
     ASSERT_TRUE(soon([&] {
                     for (const unsigned long client : x->values(x->root(), "_NET_CLIENT_LIST"))
@@ -376,9 +386,9 @@ TEST_F(X11Desktop, SitsAboveXfdesktopsOpaqueIconWindowAndSaysSoOnce)
     ASSERT_TRUE(soon([&] { return x->stackIndex(ours) > x->stackIndex(icons); }))
         << "ours at " << x->stackIndex(ours) << ", xfdesktop at " << x->stackIndex(icons);
     QStringList told;
-    ASSERT_TRUE(soon([&] { return !(told = logLines(QStringLiteral("Mesa:"))).isEmpty(); }));
-    EXPECT_TRUE(told.first().contains(
-        QStringLiteral("Mesa: a janela de ícones do desktop (Xfdesktop) é opaca; a sala fica acima dela")))
+    ASSERT_TRUE(soon([&] { return !(told = logLines("Mesa:")).isEmpty(); }));
+    EXPECT_TRUE(
+        told.first().contains("Mesa: a janela de ícones do desktop (Xfdesktop) é opaca; a sala fica acima dela"))
         << qPrintable(told.first());
 
     // More stacking changes: still above it, without a second line.
@@ -386,43 +396,15 @@ TEST_F(X11Desktop, SitsAboveXfdesktopsOpaqueIconWindowAndSaysSoOnce)
     ASSERT_TRUE(soon([&] { return x->stackIndex(other) >= 0; }));
     spin(500ms);
     EXPECT_GT(x->stackIndex(ours), x->stackIndex(icons));
-    EXPECT_EQ(logLines(QStringLiteral("Mesa:")).size(), 1);
-    EXPECT_EQ(screenshot().pixelColor(900, 600), roomColour) << "the room is hidden under xfdesktop";
-}
-
-TEST_F(X11Desktop, UnderOpenboxRisesAboveAnOpaqueIconWindowMappedLater)
-{
-    START_OR_SKIP();
-    const Window ours = showRoom();
-    ASSERT_NE(ours, 0ul) << roomOutput().constData();
-    ASSERT_TRUE(soon([&] { return x->stackIndex(ours) >= 0; }));
-
-    // Opaque wallpaper and icons in one 24-bit window, as pcmanfm's under openbox (LXDE).
-    const Window icons = x->makeWindow(QRect(0, 0, 1280, 800), false, "_NET_WM_WINDOW_TYPE_DESKTOP");
-    XClassHint names{const_cast<char *>("pcmanfm"), const_cast<char *>("Pcmanfm")};
-    XSetClassHint(x->d, icons, &names);
-    XSync(x->d, False);
-    ASSERT_TRUE(soon([&] { return x->stackIndex(icons) >= 0; }));
-    const auto above = [&] { return x->stackIndex(ours) > x->stackIndex(icons); };
-    ASSERT_TRUE(soon(above)) << "ours at " << x->stackIndex(ours) << ", the icons at " << x->stackIndex(icons);
-
-    // Raised above ours while ours cannot answer: back above it once it can.
-    signalRoom(SIGSTOP);
-    x->restack(icons, Above);
-    ASSERT_TRUE(soon([&] { return !above(); }));
-    signalRoom(SIGCONT);
-    ASSERT_TRUE(soon(above));
-
-    const QStringList told = logLines(QStringLiteral("Mesa:"));
-    ASSERT_EQ(told.size(), 1) << qPrintable(told.join('\n'));
-    EXPECT_TRUE(told.first().contains(QStringLiteral("(Pcmanfm) é opaca"))) << qPrintable(told.first());
+    EXPECT_EQ(logLines("Mesa:").size(), 1);
+    EXPECT_EQ(server.screenshot().pixelColor(900, 600), roomColour) << "the room is hidden under xfdesktop";
 }
 
 TEST_F(X11Desktop, UnderI3BypassesTheManagerAndLiesUnderEveryWindow)
 {
     QTemporaryDir config;
-    writeFile(config.filePath(QStringLiteral("i3.conf")), "font pango:monospace 8\n");
-    START_OR_SKIP(QStringLiteral("i3"), {QStringLiteral("-c"), config.filePath(QStringLiteral("i3.conf"))});
+    writeFile(config.filePath("i3.conf"), "font pango:monospace 8\n");
+    START_OR_SKIP("i3", {"-c", config.filePath("i3.conf")});
     const Window other = x->makeWindow(QRect(60, 60, 320, 200));
     ASSERT_TRUE(soon([&] { return !x->values(x->root(), "_NET_CLIENT_LIST").empty(); }));
     const QRect otherFrame = x->outerFrame(other);
@@ -458,11 +440,7 @@ TEST_F(X11Desktop, UnderI3BypassesTheManagerAndLiesUnderEveryWindow)
     EXPECT_EQ(x->outerFrame(other), otherFrame);
 
     // Raised while it cannot answer: lowered again at the next change of the client list.
-    signalRoom(SIGSTOP);
-    XRaiseWindow(x->d, ours);
-    XSync(x->d, False);
-    ASSERT_GT(shownBelowOurs(), 0);
-    signalRoom(SIGCONT);
+    whileStopped([&] { XRaiseWindow(x->d, ours), XSync(x->d, False); }, [&] { return shownBelowOurs() > 0; });
     x->makeWindow(QRect(400, 300, 200, 100));
     ASSERT_TRUE(soon([&] { return shownBelowOurs() == 0; }));
 }

@@ -52,8 +52,7 @@ public:
                                  "</busconfig>\n")
                       .arg(dir.filePath("bus"), serviceDir())
                       .toUtf8());
-        daemon.start(QStringLiteral("dbus-daemon"), {QStringLiteral("--config-file=") + config,
-                                                     QStringLiteral("--nofork"), QStringLiteral("--print-address=1")});
+        daemon.start("dbus-daemon", {"--config-file=" + config, "--nofork", "--print-address=1"});
         if (!daemon.waitForStarted(10000) || !daemon.waitForReadyRead(10000)) return;
         address = QString::fromUtf8(daemon.readLine()).trimmed();
         name = QStringLiteral("private-bus-%1").arg(++counter);
@@ -84,8 +83,8 @@ public:
     QProcessEnvironment env() const
     {
         QProcessEnvironment e = QProcessEnvironment::systemEnvironment();
-        e.insert(QStringLiteral("DBUS_SESSION_BUS_ADDRESS"), address);
-        e.insert(QStringLiteral("DBUS_SYSTEM_BUS_ADDRESS"), address);
+        e.insert("DBUS_SESSION_BUS_ADDRESS", address);
+        e.insert("DBUS_SYSTEM_BUS_ADDRESS", address);
         return e;
     }
     bool hasOwner(const QString &busName) { return bus().interface()->isServiceRegistered(busName).value(); }
@@ -108,8 +107,8 @@ public:
     static std::unique_ptr<DbusMock> fromTemplate(PrivateBus &bus, const QString &templateName, const QString &busName,
                                                   const QString &parametersJson = {})
     {
-        QStringList args{QStringLiteral("--template"), templateName};
-        if (!parametersJson.isEmpty()) args << QStringLiteral("-p") << parametersJson;
+        QStringList args{"--template", templateName};
+        if (!parametersJson.isEmpty()) args << "-p" << parametersJson;
         return std::unique_ptr<DbusMock>(new DbusMock(bus, busName, args));
     }
     // `python3 -m dbusmock <busName> <path> <interface>`: one object, no methods or properties.
@@ -142,12 +141,12 @@ public:
     }
     QDBusMessage callMock(const QString &path, const QString &method, const QVariantList &args = {})
     {
-        return call(path, QStringLiteral("org.freedesktop.DBus.Mock"), method, args);
+        return call(path, "org.freedesktop.DBus.Mock", method, args);
     }
     // The standard Properties.Set, which the mock answers by emitting PropertiesChanged.
     QDBusMessage setProperty(const QString &path, const QString &interface, const QString &name, const QVariant &value)
     {
-        return call(path, QStringLiteral("org.freedesktop.DBus.Properties"), QStringLiteral("Set"),
+        return call(path, "org.freedesktop.DBus.Properties", "Set",
                     {interface, name, QVariant::fromValue(QDBusVariant(value))});
     }
 
@@ -160,8 +159,8 @@ private:
     {
         process.setProcessEnvironment(bus.env());
         // Whatever the template says, the service goes on the private bus, which is both.
-        const QStringList module{QStringLiteral("-m"), QStringLiteral("dbusmock"), QStringLiteral("--session")};
-        process.start(QStringLiteral("/usr/bin/python3"), module + args);
+        const QStringList module{"-m", "dbusmock", "--session"};
+        process.start("/usr/bin/python3", module + args);
         ready = process.waitForStarted(10000) &&
                 waitUntil([&] { return bus.hasOwner(busName) || process.state() == QProcess::NotRunning; },
                           std::chrono::seconds(30)) &&

@@ -6,118 +6,86 @@
 // with useradd) through runuser; the test's own programs stay root and reach the sockets anyway.
 // The destructor asks sway to exit, then kills what is left.
 
+#include "PrivateHome.h"
 #include "TestSupport.h"
 
-#include <QDir>
-#include <QFile>
 #include <QImage>
-#include <QProcess>
-#include <QProcessEnvironment>
-#include <QStandardPaths>
-#include <QTemporaryDir>
 #include <grp.h>
-#include <memory>
 #include <pwd.h>
-#include <sys/stat.h>
 #include <unistd.h>
-#include <vector>
 
-class SwayServer {
+class SwayServer : public PrivateHome {
 public:
-    SwayServer()
-    {
-        for (const char *sub : {"home", "config", "cache", "data", "state", "run", "client-run"})
-            QDir(dir.path()).mkpath(QString::fromLatin1(sub));
-    }
     ~SwayServer() { stop(); }
-    SwayServer(const SwayServer &) = delete;
-    SwayServer &operator=(const SwayServer &) = delete;
-
-    static bool installed(const QString &program) { return !QStandardPaths::findExecutable(program).isEmpty(); }
 
     // `config`: sway's configuration text.
     bool start(const QString &config, QString &why)
     {
         for (const char *program : {"sway", "swaymsg", "grim"})
             if (!installed(QString::fromLatin1(program))) {
-                why = QString::fromLatin1(program) + QStringLiteral(" is not installed");
+                why = QString::fromLatin1(program) + " is not installed";
                 return false;
             }
-        const QString configFile = dir.filePath(QStringLiteral("sway.conf"));
+        const QString configFile = dir.filePath("sway.conf");
         QFile f(configFile);
         if (!f.open(QIODevice::WriteOnly) || f.write(config.toUtf8()) < 0) return false;
         f.close();
-        const QString runtime = dir.filePath(QStringLiteral("run"));
-        QStringList command{QStringLiteral("sway"), QStringLiteral("-c"), configFile};
+        const QString runtime = path("run");
+        QStringList command{"sway", "-c", configFile};
         if (::getuid() == 0) {
             if (!testUser(why)) return false;
             // The user reads the configuration and owns the runtime folder, which sway wants private.
             ::chmod(QFile::encodeName(dir.path()).constData(), 0755);
             ::chmod(QFile::encodeName(configFile).constData(), 0644);
             if (::chown(QFile::encodeName(runtime).constData(), uid, gid) != 0) {
-                why = QStringLiteral("cannot hand the runtime folder to the test user");
+                why = "cannot hand the runtime folder to the test user";
                 return false;
             }
-            command = QStringList{QStringLiteral("-u"), QString::fromLatin1(kUser), QStringLiteral("--")} + command;
-            command.prepend(QStringLiteral("runuser"));
+            command = QStringList{"-u", QString::fromLatin1(kUser), "--"} + command;
+            command.prepend("runuser");
         }
-        ::chmod(QFile::encodeName(runtime).constData(), 0700);
-        QProcessEnvironment env;
-        env.insert(QStringLiteral("PATH"), qEnvironmentVariable("PATH"));
-        env.insert(QStringLiteral("HOME"), dir.filePath(QStringLiteral("home")));
-        env.insert(QStringLiteral("XDG_RUNTIME_DIR"), runtime);
-        env.insert(QStringLiteral("WLR_BACKENDS"), QStringLiteral("headless"));
-        env.insert(QStringLiteral("WLR_RENDERER"), QStringLiteral("pixman"));
-        env.insert(QStringLiteral("WLR_LIBINPUT_NO_DEVICES"), QStringLiteral("1"));
+        QProcessEnvironment env = serverEnvironment();
+        env.insert("WLR_BACKENDS", "headless");
+        env.insert("WLR_RENDERER", "pixman");
+        env.insert("WLR_LIBINPUT_NO_DEVICES", "1");
         server.setProcessEnvironment(env);
-        server.setStandardOutputFile(dir.filePath(QStringLiteral("sway.log")));
-        server.setStandardErrorFile(dir.filePath(QStringLiteral("sway.log")));
+        server.setStandardOutputFile(dir.filePath("sway.log"));
+        server.setStandardErrorFile(dir.filePath("sway.log"));
         server.start(command.takeFirst(), command);
         // Ready once both sockets are there and the IPC answers.
         const bool up = testsupport::waitUntil(
             [&] {
                 const QStringList sockets = QDir(runtime).entryList(QDir::System);
                 for (const QString &name : sockets) {
-                    if (name.startsWith(QStringLiteral("wayland-")) && !name.endsWith(QStringLiteral(".lock")))
-                        wayland = QDir(runtime).filePath(name);
-                    if (name.startsWith(QStringLiteral("sway-ipc."))) ipc = QDir(runtime).filePath(name);
+                    if (name.startsWith("wayland-") && !name.endsWith(".lock")) wayland = QDir(runtime).filePath(name);
+                    if (name.startsWith("sway-ipc.")) ipc = QDir(runtime).filePath(name);
                 }
-                return (!wayland.isEmpty() && !ipc.isEmpty() &&
-                        !msg({QStringLiteral("-t"), QStringLiteral("get_outputs")}).isEmpty()) ||
+                return (!wayland.isEmpty() && !ipc.isEmpty() && !msg({"-t", "get_outputs"}).isEmpty()) ||
                        server.state() == QProcess::NotRunning;
             },
             std::chrono::seconds(20));
         if (!up || server.state() == QProcess::NotRunning) {
-            why = QStringLiteral("sway did not start: ") +
-                  QString::fromUtf8(testsupport::readFile(dir.filePath(QStringLiteral("sway.log"))));
+            why = "sway did not start: " + QString::fromUtf8(testsupport::readFile(dir.filePath("sway.log")));
             return false;
         }
         return true;
     }
 
-    // The compositor's sockets, private folders, and no X11 display.
+    // A client's environment: the compositor's sockets and the private folders.
     QProcessEnvironment environment() const
     {
-        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-        env.insert(QStringLiteral("WAYLAND_DISPLAY"), wayland);
-        env.insert(QStringLiteral("SWAYSOCK"), ipc);
-        env.insert(QStringLiteral("XDG_RUNTIME_DIR"), dir.filePath(QStringLiteral("client-run")));
-        env.insert(QStringLiteral("HOME"), dir.filePath(QStringLiteral("home")));
-        for (const char *sub : {"config", "cache", "data", "state"})
-            env.insert(QStringLiteral("XDG_%1_HOME").arg(QString::fromLatin1(sub).toUpper()),
-                       dir.filePath(QString::fromLatin1(sub)));
-        for (const char *gone : {"DISPLAY", "XAUTHORITY", "DBUS_SESSION_BUS_ADDRESS", "QT_QPA_PLATFORM"})
-            env.remove(QString::fromLatin1(gone));
+        QProcessEnvironment env = clientEnvironment();
+        env.insert("WAYLAND_DISPLAY", wayland);
+        env.insert("SWAYSOCK", ipc);
         return env;
     }
-    QString stateHome() const { return dir.filePath(QStringLiteral("state")); }
 
     // swaymsg's answer; empty when it failed.
     QByteArray msg(const QStringList &arguments) const
     {
         QProcess p;
         p.setProcessEnvironment(environment());
-        p.start(QStringLiteral("swaymsg"), arguments);
+        p.start("swaymsg", arguments);
         if (!p.waitForFinished(10000) || p.exitCode() != 0) return {};
         return p.readAllStandardOutput();
     }
@@ -128,8 +96,10 @@ public:
         QProcess p;
         p.setProcessEnvironment(environment());
         QStringList args;
-        if (!output.isEmpty()) args << QStringLiteral("-o") << output;
-        p.start(QStringLiteral("grim"), args << QStringLiteral("-t") << QStringLiteral("png") << QStringLiteral("-"));
+        if (!output.isEmpty()) args << "-o" << output;
+        p.start("grim", args << "-t"
+                             << "png"
+                             << "-");
         if (!p.waitForFinished(20000) || p.exitCode() != 0) return {};
         return QImage::fromData(p.readAllStandardOutput(), "PNG");
     }
@@ -137,12 +107,8 @@ public:
     void stop()
     {
         if (server.state() == QProcess::NotRunning) return;
-        msg({QStringLiteral("exit")});
-        if (!server.waitForFinished(5000)) {
-            server.terminate();
-            if (!server.waitForFinished(5000)) server.kill();
-            server.waitForFinished(5000);
-        }
+        msg({"exit"});
+        if (!server.waitForFinished(5000)) PrivateHome::stop(server);
     }
 
 private:
@@ -152,13 +118,12 @@ private:
     {
         if (!::getpwnam(kUser)) {
             QProcess add;
-            add.start(QStringLiteral("useradd"),
-                      {QStringLiteral("--system"), QStringLiteral("--no-create-home"), QString::fromLatin1(kUser)});
+            add.start("useradd", {"--system", "--no-create-home", QString::fromLatin1(kUser)});
             add.waitForFinished(20000);
         }
         const passwd *user = ::getpwnam(kUser);
         if (!user) {
-            why = QStringLiteral("cannot make the test user ") + QString::fromLatin1(kUser);
+            why = "cannot make the test user " + QString::fromLatin1(kUser);
             return false;
         }
         uid = user->pw_uid;
@@ -166,7 +131,6 @@ private:
         return true;
     }
 
-    QTemporaryDir dir;
     QProcess server;
     QString wayland, ipc;
     uid_t uid = 0;

@@ -5,47 +5,35 @@
 // setting leaks in, and an optional session bus of its own. The destructor kills everything,
 // the server last.
 
+#include "PrivateHome.h"
 #include "TestSupport.h"
 
 #include <QByteArray>
-#include <QDir>
 #include <QElapsedTimer>
-#include <QFile>
-#include <QProcess>
-#include <QProcessEnvironment>
-#include <QStandardPaths>
-#include <QTemporaryDir>
+#include <QImage>
 #include <QThread>
 #include <functional>
 #include <memory>
 #include <vector>
 
-class XServer {
+class XServer : public PrivateHome {
 public:
-    explicit XServer(QString screen = QStringLiteral("1280x800x24"))
+    explicit XServer(QString screen = "1280x800x24")
         : screenGeometry(std::move(screen))
     {
-        for (const char *sub : {"home", "config", "cache", "data", "state"})
-            QDir(dir.path()).mkpath(QString::fromLatin1(sub));
     }
     ~XServer() { stop(); }
-    XServer(const XServer &) = delete;
-    XServer &operator=(const XServer &) = delete;
-
-    static bool installed(const QString &program) { return !QStandardPaths::findExecutable(program).isEmpty(); }
 
     bool start(QString &why)
     {
-        if (!installed(QStringLiteral("Xvfb"))) {
-            why = QStringLiteral("Xvfb is not installed (package xvfb)");
+        if (!installed("Xvfb")) {
+            why = "Xvfb is not installed (package xvfb)";
             return false;
         }
         // Only the display number comes on standard output: an unread pipe full of xkbcomp's
         // warnings would stall the server and all its clients.
-        server.setStandardErrorFile(dir.filePath(QStringLiteral("Xvfb.log")));
-        server.start(QStringLiteral("Xvfb"),
-                     {QStringLiteral("-displayfd"), QStringLiteral("1"), QStringLiteral("-screen"), QStringLiteral("0"),
-                      screenGeometry, QStringLiteral("-nolisten"), QStringLiteral("tcp")});
+        server.setStandardErrorFile(dir.filePath("Xvfb.log"));
+        server.start("Xvfb", {"-displayfd", "1", "-screen", "0", screenGeometry, "-nolisten", "tcp"});
         QByteArray number;
         poll([&] {
             server.waitForReadyRead(200);
@@ -53,8 +41,8 @@ public:
             return number.contains('\n') || server.state() != QProcess::Running;
         });
         if (!number.contains('\n')) {
-            const QByteArray log = testsupport::readFile(dir.filePath(QStringLiteral("Xvfb.log")));
-            why = QStringLiteral("Xvfb gave no display number: ") + QString::fromUtf8(log);
+            const QByteArray log = testsupport::readFile(dir.filePath("Xvfb.log"));
+            why = "Xvfb gave no display number: " + QString::fromUtf8(log);
             return false;
         }
         name = ':' + number.trimmed();
@@ -62,22 +50,14 @@ public:
     }
 
     QByteArray display() const { return name; }
-    QString home() const { return dir.filePath(QStringLiteral("home")); }
-    QString stateHome() const { return dir.filePath(QStringLiteral("state")); }
 
-    // DISPLAY, the private folders, and the private session bus once there is one.
+    // DISPLAY, Qt on it, the private folders, and the private session bus once there is one.
     QProcessEnvironment environment() const
     {
-        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-        env.insert(QStringLiteral("DISPLAY"), QString::fromUtf8(name));
-        env.insert(QStringLiteral("HOME"), home());
-        for (const char *sub : {"config", "cache", "data", "state"})
-            env.insert(QStringLiteral("XDG_%1_HOME").arg(QString::fromLatin1(sub).toUpper()),
-                       dir.filePath(QString::fromLatin1(sub)));
-        env.remove(QStringLiteral("WAYLAND_DISPLAY"));
-        env.remove(QStringLiteral("XAUTHORITY"));
-        env.remove(QStringLiteral("DBUS_SESSION_BUS_ADDRESS"));
-        if (!busAddress.isEmpty()) env.insert(QStringLiteral("DBUS_SESSION_BUS_ADDRESS"), busAddress);
+        QProcessEnvironment env = clientEnvironment();
+        env.insert("DISPLAY", QString::fromUtf8(name));
+        env.insert("QT_QPA_PLATFORM", "xcb");
+        if (!busAddress.isEmpty()) env.insert("DBUS_SESSION_BUS_ADDRESS", busAddress);
         return env;
     }
 
@@ -85,15 +65,14 @@ public:
     // service folders.
     bool startSessionBus(QString &why)
     {
-        QProcess &bus = launch(QStringLiteral("dbus-daemon"), {QStringLiteral("--session"), QStringLiteral("--nofork"),
-                                                               QStringLiteral("--print-address=1")});
+        QProcess &bus = launch("dbus-daemon", {"--session", "--nofork", "--print-address=1"});
         QByteArray address;
         poll([&] {
             address = output(bus);
             return address.contains('\n') || bus.state() == QProcess::NotRunning;
         });
         busAddress = QString::fromUtf8(address.left(address.indexOf('\n')).trimmed());
-        why = QStringLiteral("dbus-daemon gave no address");
+        why = "dbus-daemon gave no address";
         return !busAddress.isEmpty();
     }
 
@@ -101,13 +80,13 @@ public:
     bool startManager(const QString &program, const QStringList &arguments, QString &why)
     {
         if (!installed(program)) {
-            why = program + QStringLiteral(" is not installed");
+            why = program + " is not installed";
             return false;
         }
         QProcess &manager = launch(program, arguments);
         if (!poll([&] { return !managerName().isEmpty() || manager.state() == QProcess::NotRunning; }) ||
             manager.state() == QProcess::NotRunning) {
-            why = program + QStringLiteral(" did not start: ") + QString::fromUtf8(output(manager));
+            why = program + " did not start: " + QString::fromUtf8(output(manager));
             return false;
         }
         // A manager announces itself before it takes windows (openbox drops a window mapped in
@@ -117,8 +96,7 @@ public:
             probe.setProcessEnvironment(environment());
             probe.setStandardOutputFile(QProcess::nullDevice());
             probe.setStandardErrorFile(QProcess::nullDevice());
-            probe.start(QStringLiteral("xmessage"),
-                        {QStringLiteral("-name"), QStringLiteral("xserver-probe"), QStringLiteral("probe")});
+            probe.start("xmessage", {"-name", "xserver-probe", "probe"});
             bool seen = false;
             for (int i = 0; i < 40 && !seen && probe.state() != QProcess::NotRunning; ++i) {
                 QThread::msleep(50);
@@ -129,7 +107,7 @@ public:
             return seen;
         });
         poll([&] { return rootItems("_NET_CLIENT_LIST").isEmpty(); });
-        why = program + QStringLiteral(" did not start managing windows");
+        why = program + " did not start managing windows";
         return managed;
     }
 
@@ -164,24 +142,27 @@ public:
         process.waitForFinished(60000);
         return process.readAllStandardOutput();
     }
+    // A screenshot of the root window or of one window, by its id; null when it failed.
+    QImage screenshot(const QString &window = "root") const
+    {
+        return QImage::fromData(run("import", {"-window", window, "png:-"}), "PNG");
+    }
 
     // The running manager's _NET_WM_NAME, empty while none has announced itself.
     QByteArray managerName() const
     {
         const QByteArray id = rootItems("_NET_SUPPORTING_WM_CHECK").trimmed();
         if (id.isEmpty()) return {};
-        const QByteArray named =
-            run(QStringLiteral("xprop"), {QStringLiteral("-id"), QString::fromLatin1(id), QStringLiteral("-notype"),
-                                          QStringLiteral("_NET_WM_NAME")});
+        const QByteArray named = run("xprop", {"-id", QString::fromLatin1(id), "-notype", "_NET_WM_NAME"});
         const qsizetype quote = named.indexOf('"');
         return quote < 0 ? QByteArray() : named.mid(quote + 1, named.lastIndexOf('"') - quote - 1);
     }
 
     void stop()
     {
-        for (auto it = processes.rbegin(); it != processes.rend(); ++it) end(**it);
+        for (auto it = processes.rbegin(); it != processes.rend(); ++it) PrivateHome::stop(**it);
         processes.clear();
-        end(server);
+        PrivateHome::stop(server);
     }
 
 private:
@@ -200,24 +181,12 @@ private:
     // A root window property as xprop prints its items, empty when unset.
     QByteArray rootItems(const char *property) const
     {
-        const QByteArray line = run(QStringLiteral("xprop"), {QStringLiteral("-root"), QStringLiteral("-notype"),
-                                                              QString::fromLatin1(property)});
+        const QByteArray line = run("xprop", {"-root", "-notype", QString::fromLatin1(property)});
         const qsizetype hash = line.indexOf('#');
         return hash < 0 ? QByteArray() : line.mid(hash + 1).trimmed();
     }
 
-    static void end(QProcess &process)
-    {
-        if (process.state() == QProcess::NotRunning) return;
-        process.terminate();
-        if (!process.waitForFinished(5000)) {
-            process.kill();
-            process.waitForFinished(5000);
-        }
-    }
-
     QString screenGeometry;
-    QTemporaryDir dir;
     QProcess server;
     QByteArray name;
     QString busAddress;
