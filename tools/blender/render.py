@@ -224,12 +224,15 @@ class Pipeline:
 
     @staticmethod
     def clear_material(name, window):
-        """Fully transparent, so that coverage behind it is exact; the window keeps its AOVs."""
+        """Fully transparent, so that coverage behind it is exact; the window keeps its AOVs, the lid
+        marks where it stands."""
         mat = R.material(name)
         g = R.Nodes(mat)
         if window:
             g.aov("glass", 1.0)
             g.aov("glassdust", g.math('GREATER_THAN', g.n("ShaderNodeLightPath").outputs["Transparent Depth"], 0.5))
+        else:
+            g.aov("lid", 1.0)
         g.output(g.n("ShaderNodeBsdfTransparent", Color=(1, 1, 1, 1)))
         return mat
 
@@ -276,7 +279,7 @@ class Pipeline:
         for g in GROUPS + ["view"]:
             vl.lightgroups.add(name=g)
         for name, kind in (("cover", 'VALUE'), ("label", 'VALUE'), ("record", 'VALUE'), ("glass", 'VALUE'),
-                           ("glassdust", 'VALUE'), ("wall", 'VALUE'), ("strobe", 'COLOR'), ("stackuv", 'COLOR')):
+                           ("glassdust", 'VALUE'), ("wall", 'VALUE'), ("lid", 'VALUE'), ("strobe", 'COLOR'), ("stackuv", 'COLOR')):
             aov = vl.aovs.add()
             aov.name = name
             aov.type = kind
@@ -469,7 +472,8 @@ class Pipeline:
         recipes = {n: self.recipe(n, d) for n, d in presets.items()}
         used = sorted({p for r in recipes.values() for p, _ in r})
         noise = {}
-        wall = self.wall_patch(m["wall"][:, :, 0])
+        # Plain wall, not seen through the lid: its acrylic's glints are not the light's noise.
+        wall = self.wall_patch(m["wall"][:, :, 0] * (m["lid"][:, :, 0] < 0.001))
         for p in used:
             img = plate(p, light)
             write_exr(os.path.join(fdir, "light", p + ".exr"), img, "dwaa")
