@@ -52,15 +52,15 @@ TIMES = {
 # the distance at which it takes two thirds of the light), clouds, the share of lit windows and the
 # strength of the city's lamps. Emission only (the "view" group): it lights nothing in the room.
 OUTSIDE = {
-    "manha": {"horizon": (1.0, 0.84, 0.66), "zenith": (0.42, 0.55, 0.75), "ambient": (0.34, 0.34, 0.37),
+    "manha": {"horizon": (1.0, 0.84, 0.66), "zenith": (0.42, 0.55, 0.75), "ambient": (0.2, 0.2, 0.23),
               "sun_colour": (1.0, 0.78, 0.55), "haze_colour": (0.95, 0.84, 0.72), "glow_colour": (0.95, 0.84, 0.72),
               "haze_distance": 260.0, "clouds": 0.35, "cloud_colour": (1.0, 0.88, 0.78), "sun_glow": 0.5,
               "lit_share": 0.04, "window_light": 0.4, "street_light": 0.0},
-    "dia": {"horizon": (0.78, 0.86, 0.98), "zenith": (0.24, 0.43, 0.85), "ambient": (0.3, 0.33, 0.4),
+    "dia": {"horizon": (0.78, 0.86, 0.98), "zenith": (0.24, 0.43, 0.85), "ambient": (0.18, 0.2, 0.25),
             "sun_colour": (1.0, 0.97, 0.92), "haze_colour": (0.75, 0.82, 0.92), "glow_colour": (0.75, 0.82, 0.92),
             "haze_distance": 1400.0, "clouds": 0.6, "cloud_colour": (1.05, 1.05, 1.05), "sun_glow": 0.3,
             "lit_share": 0.0, "window_light": 0.0, "street_light": 0.0},
-    "tarde": {"horizon": (1.0, 0.66, 0.40), "zenith": (0.32, 0.40, 0.66), "ambient": (0.3, 0.26, 0.28),
+    "tarde": {"horizon": (1.0, 0.66, 0.40), "zenith": (0.32, 0.40, 0.66), "ambient": (0.19, 0.16, 0.18),
               "sun_colour": (1.0, 0.58, 0.30), "haze_colour": (0.95, 0.68, 0.48), "glow_colour": (0.95, 0.68, 0.48),
               "haze_distance": 600.0, "clouds": 0.45, "cloud_colour": (1.0, 0.7, 0.5), "sun_glow": 0.8,
               "lit_share": 0.1, "window_light": 0.8, "street_light": 0.15},
