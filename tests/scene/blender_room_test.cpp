@@ -52,9 +52,33 @@ QPointF maskCentre(const QImage &mask)
     return sw > 0 ? QPointF(sx / sw, sy / sw) : QPointF(-1, -1);
 }
 
-// The authoring pipeline end to end in its quick mode: Blender models and renders the room, the
-// package validates, its geometry sits on what was rendered, and the application's offline render
-// of it is darker at night, with the lamp's pool of light, and holds the night until dawn.
+// Share of the glass mask's pixels (coverage over one half) whose grey is above `level` (0…1), and the
+// grey's mean and deviation there (0…1).
+struct GlassView {
+    double mean = 0, deviation = 0, above = 0;
+};
+
+GlassView glassView(const QImage &image, const QImage &mask, double level)
+{
+    double sum = 0, squares = 0, count = 0, bright = 0;
+    for (int y = 0; y < image.height(); ++y)
+        for (int x = 0; x < image.width(); ++x) {
+            if (qGray(mask.pixel(x, y)) < 128) continue;
+            const double v = qGray(image.pixel(x, y)) / 255.0;
+            sum += v;
+            squares += v * v;
+            count += 1;
+            bright += v > level ? 1 : 0;
+        }
+    if (count == 0) return {};
+    const double mean = sum / count;
+    return {mean, std::sqrt(std::max(0.0, squares / count - mean * mean)), bright / count};
+}
+
+// The authoring pipeline end to end in its quick mode: Blender models and renders the room in its
+// four framings, the package validates, its geometry sits on what was rendered, the window shows a
+// view by day and lights at night, and the application's offline render of it is darker at night,
+// with the lamp's pool of light, and holds the night until dawn.
 TEST(BlenderRoom, QuickPackageRendersAndLightsTheNight)
 {
     const QString blender = QStandardPaths::findExecutable("blender");
@@ -75,15 +99,28 @@ TEST(BlenderRoom, QuickPackageRendersAndLightsTheNight)
     const QJsonObject report = QJsonDocument::fromJson(checked.out).object();
     EXPECT_EQ(report["missing"].toArray(), QJsonArray{});
     const QJsonObject framings = report["framings"].toObject();
-    ASSERT_TRUE(framings.contains("wide") && framings.contains("mid")) << checked.out.toStdString();
-    for (const char *section : {"tonearm", "record", "bounce", "panel", "window", "stack"})
+    for (const char *name : {"wide", "mid", "close", "top"}) {
+        ASSERT_TRUE(framings.contains(name)) << name << ": " << checked.out.toStdString();
+        for (const char *section : {"tonearm", "record", "bounce", "panel"})
+            EXPECT_TRUE(framings[name].toObject()["sections"].toArray().contains(section)) << name << ": " << section;
+    }
+    for (const char *section : {"window", "stack"})
         EXPECT_TRUE(framings["mid"].toObject()["sections"].toArray().contains(section)) << section;
+    EXPECT_TRUE(framings["close"].toObject()["sections"].toArray().contains("front"));
 
     // The camera matrix puts the record's centre and the lamp where Blender drew them.
     QFile file(scene + "/manifest.json");
     ASSERT_TRUE(file.open(QIODevice::ReadOnly));
     const QJsonObject manifest = QJsonDocument::fromJson(file.readAll()).object();
     const QJsonObject mid = manifest["framings"].toObject()["mid"].toObject();
+    // The view through the window is its own group in every preset, and the open lid stands in front
+    // of the window in the wide framing.
+    EXPECT_EQ(manifest["view"].toObject()["keys"].toArray().size(), 4);
+    for (const char *preset : {"manha", "dia", "tarde", "noite"})
+        EXPECT_GT(manifest["presets"].toObject()[preset].toObject()["view"].toDouble(), 0.0) << preset;
+    const QJsonObject window = manifest["framings"].toObject()["wide"].toObject()["window"].toObject();
+    ASSERT_TRUE(window.contains("dust_cover_mask"));
+    EXPECT_GT(maskCentre(QImage(scene + "/wide/" + window["dust_cover_mask"].toString())).x(), 0.0);
     const QJsonArray P = mid["camera"].toObject()["P"].toArray();
     const QJsonArray c = mid["record"].toObject()["center_world"].toArray();
     const QPointF centre = project(P, c[0].toDouble(), c[1].toDouble(), c[2].toDouble());
@@ -97,11 +134,11 @@ TEST(BlenderRoom, QuickPackageRendersAndLightsTheNight)
                           "XDG_CONFIG_HOME=" + root.filePath("config")};
     const QJsonArray size = mid["size"].toArray();
     const QSize plate(size[0].toInt(), size[1].toInt());
-    auto render = [&](const QString &time) {
-        const QString out = root.filePath("mid-" + QString(time).remove(':') + ".png");
+    auto render = [&](const QString &time, const QString &framing = QStringLiteral("mid")) {
+        const QString out = root.filePath(framing + "-" + QString(time).remove(':') + ".png");
         const ToolResult r =
             runTool(app,
-                    {"render", scene, out, "--framing", "mid", "--size",
+                    {"render", scene, out, "--framing", framing, "--size",
                      QStringLiteral("%1x%2").arg(plate.width()).arg(plate.height()), "--time", time, "--no-steam"},
                     env, 120000);
         EXPECT_EQ(r.exitCode, 0) << time.toStdString() << ": " << r.err.toStdString();
@@ -121,6 +158,16 @@ TEST(BlenderRoom, QuickPackageRendersAndLightsTheNight)
     const QRect awayArea(away.toPoint() - QPoint(r, r), QSize(2 * r + 1, 2 * r + 1));
     ASSERT_TRUE(all.contains(poolArea) && all.contains(awayArea));
     EXPECT_GT(luma(evening, poolArea), 1.5 * luma(evening, awayArea)) << "no pool of lamp light at night";
+
+    // Through the wide framing's glass: buildings against the sky at noon, not a white sheet; lit
+    // windows and street lamps at night.
+    const QImage glass(scene + "/wide/" + window["glass_mask"].toString());
+    const GlassView day = glassView(render("12:00", "wide"), glass, 0.98);
+    const GlassView night = glassView(render("21:30", "wide"), glass, 0.3);
+    EXPECT_GE(day.deviation, 0.12) << "the noon view has no structure";
+    EXPECT_LT(day.above, 0.05) << "the noon view is blown out";
+    EXPECT_GE(night.above, 0.01) << "no lights in the night view";
+    EXPECT_LT(night.mean, day.mean);
 }
 
 }  // namespace

@@ -1,7 +1,7 @@
 # Renders the demo room (room.py) with Cycles into a scene package (docs/scene-format.md).
 #
 #   blender -b -P tools/blender/render.py -- --out DIR [--quick] [--size WxH] [--samples N]
-#       [--framings wide,mid] [--cache DIR] [--threads N] [--scene-tool PATH]
+#       [--framings wide,mid,close,top] [--cache DIR] [--threads N] [--scene-tool PATH]
 #
 # Every Cycles render is cached (DIR.cache by default) under a key made of its settings, room.py's
 # text and RENDER_VERSION, so a rerun renders only what is missing or changed. One progress line per render
@@ -32,19 +32,26 @@ SCENARIO = "desk"
 PRESET_ORDER = ["manha", "dia", "tarde", "noite"]
 # Recipes: group factors per preset (grey), before the exposure that fit_exposure() adds.
 PRESETS = {
-    "manha": {"sun": 1.0, "room": 0.0, "view": 0.0, "vignette": 0.18, "grain": 0.010},
-    "dia": {"sun": 1.0, "view": 0.0, "vignette": 0.15, "grain": 0.008},
+    "manha": {"sun": 1.0, "room": 0.0, "vignette": 0.18, "grain": 0.010},
+    "dia": {"sun": 1.0, "vignette": 0.15, "grain": 0.008},
     "tarde": {"sun": 1.0, "lamp": 0.45, "vignette": 0.2, "grain": 0.012},
     "noite": {"sun": 0.0, "lamp": 1.0, "room": 0.3, "vignette": 0.26, "grain": 0.016},
 }
-# Log-average luminance each preset is exposed to: night clearly darker than day.
-TARGET_KEY = {"manha": 0.10, "dia": 0.12, "tarde": 0.085, "noite": 0.028}
+# Log-average luminance of the room (the window left out) each preset is exposed to, on the first
+# framing: the exposures the room had when the window's white sheet was counted in.
+TARGET_KEY = {"manha": 0.047, "dia": 0.039, "tarde": 0.022, "noite": 0.026}
+# The view through the window is exposed on its own: by day its brightest tenth (the sky near the
+# horizon) is brought to this level of the preset's light, bright but short of white, so the
+# buildings read against it. The night's view keeps the strengths room.py gives the city's lights.
+VIEW_P90 = {"manha": 0.9, "dia": 1.0, "tarde": 0.85}
 # The clock: the night holds from 19:30 until dawn (a repeated keyframe), the afternoon until 17:45.
 CLOCK = [["05:15", "noite"], ["06:45", "manha"], ["10:00", "dia"], ["15:00", "tarde"],
          ["17:45", "tarde"], ["19:30", "noite"]]
 LED_COLOUR = [2.4, 0.25, 0.08]
 STROBE_COLOUR = [1.6, 0.45, 0.15]
 DUST_COVER_TRANSMISSION = 0.8
+# Aperture of the front layer's render: wide, so the leaf by the lens is a soft shape, not a cut-out.
+FRONT_FSTOP = 1.4
 # Shadow-sprite darkening below this is the catcher's noise, not the arm's shadow.
 SHADOW_FLOOR = 0.04
 MM = 1000.0
@@ -57,9 +64,9 @@ def parse_args():
     p.add_argument("--quick", action="store_true", help="small and few samples: the whole package in minutes")
     p.add_argument("--size", default=None, help="WxH (default 1920x1080, quick 320x180)")
     p.add_argument("--samples", type=int, default=None,
-                   help="samples of the light renders (default 64, quick 12); "
+                   help="samples of the light renders (default 32, quick 12); "
                         "the record's irradiance takes half, the arm a quarter")
-    p.add_argument("--framings", default="wide,mid")
+    p.add_argument("--framings", default="wide,mid,close,top")
     p.add_argument("--cache", default=None)
     p.add_argument("--threads", type=int, default=0, help="render threads (0: all cores)")
     p.add_argument("--scene-tool", default=None, help="turnelo-scene, to validate the package")
@@ -70,7 +77,10 @@ def parse_args():
     size = a.size or ("320x180" if a.quick else "1920x1080")
     a.width, a.height = (int(v) for v in size.lower().split("x"))
     if a.samples is None:
-        a.samples = 12 if a.quick else 64
+        # 32: the four framings within three hours on two cores. Timed at full size (close framing,
+        # CPU seconds): a light render 991 at 64 samples, an arm sprite 269 and the record's
+        # irradiance 37 at 32, the masks 211; the arm and record renders scale with their boxes.
+        a.samples = 12 if a.quick else 32
     a.framings = [f for f in a.framings.split(",") if f]
     a.cache = a.cache or a.out.rstrip("/") + ".cache"
     return a
@@ -78,7 +88,7 @@ def parse_args():
 
 # Bumped when a change here alters what a render produces (its settings and scene states); the
 # post-processing can change without rendering again.
-RENDER_VERSION = 3
+RENDER_VERSION = 4
 
 
 def source_hash():
@@ -217,12 +227,15 @@ class Pipeline:
 
     @staticmethod
     def clear_material(name, window):
-        """Fully transparent, so that coverage behind it is exact; the window keeps its AOVs."""
+        """Fully transparent, so that coverage behind it is exact; the window keeps its AOVs, the lid
+        marks where it stands."""
         mat = R.material(name)
         g = R.Nodes(mat)
         if window:
             g.aov("glass", 1.0)
             g.aov("glassdust", g.math('GREATER_THAN', g.n("ShaderNodeLightPath").outputs["Transparent Depth"], 0.5))
+        else:
+            g.aov("lid", 1.0)
         g.output(g.n("ShaderNodeBsdfTransparent", Color=(1, 1, 1, 1)))
         return mat
 
@@ -269,7 +282,7 @@ class Pipeline:
         for g in GROUPS + ["view"]:
             vl.lightgroups.add(name=g)
         for name, kind in (("cover", 'VALUE'), ("label", 'VALUE'), ("record", 'VALUE'), ("glass", 'VALUE'),
-                           ("glassdust", 'VALUE'), ("wall", 'VALUE'), ("strobe", 'COLOR'), ("stackuv", 'COLOR')):
+                           ("glassdust", 'VALUE'), ("wall", 'VALUE'), ("lid", 'VALUE'), ("strobe", 'COLOR'), ("stackuv", 'COLOR')):
             aov = vl.aovs.add()
             aov.name = name
             aov.type = kind
@@ -314,6 +327,11 @@ class Pipeline:
         sc.view_layers[0].cycles.use_pass_shadow_catcher = False
         self.room.coll["arm"].hide_render = True
         self.room.coll["outside"].hide_render = False
+        self.room.coll["front"].hide_render = True
+        for c in ("room", "turntable", "props", "lights"):
+            self.room.coll[c].hide_render = False
+        self.room.dust_cover.hide_render = False
+        sc.camera.data.dof.use_dof = False
         for o in bpy.data.objects:
             o.is_shadow_catcher = False
         self.room.record.data.materials[0] = self.materials["vinyl"]
@@ -340,7 +358,10 @@ class Pipeline:
         os.makedirs(a.out, exist_ok=True)
         yaws = self.yaw_samples()
         per_framing = 1 + 4 * 3 + len(PRESET_ORDER) * len(yaws)
-        self.total = per_framing * len(a.framings)
+        self.total = per_framing * len(a.framings) + sum(1 for f in a.framings if f in self.room.front_framings)
+        # The presets are fitted on the first framing and shared: the manifest has one set, and every
+        # framing's arm sprites must be lit as that set lights its plates.
+        self.fitted = None
         framings = {}
         presets = None
         noise = {}
@@ -352,7 +373,7 @@ class Pipeline:
             "sun_keys": ["morning", "noon", "evening"],
             "groups": GROUPS,
             "per_preset_groups": PER_PRESET,
-            "view": {"keys": ["tarde", "noite"]},
+            "view": {"keys": list(PRESET_ORDER)},
             "scenario": SCENARIO,
             "tonemap": {"contrast": 1.1, "offset": 0.0, "gamma": 1.0},
             "showcase": {"floor": 0.06, "max_gain": 3.0, "art_floor": 0.04, "dark_max_gain": 6.0},
@@ -424,7 +445,9 @@ class Pipeline:
         raw = {t: dict(layers) for t, layers in light.items()}
         if not a.no_denoise:
             for t, layers in light.items():
-                keys = [k for k in layers if k.startswith("Combined_")]
+                # The view is emission seen straight through the glass: nothing to filter, and the
+                # filter's guides (the glass's normal, the buildings' depth) would smear its windows.
+                keys = [k for k in layers if k.startswith("Combined_") and k != "Combined_view"]
                 # Diffuse and glossy colour: metal and vinyl are filtered too, along their reflections.
                 colour = layers["DiffCol"][:, :, :3] + layers["GlossCol"][:, :, :3]
                 clean = denoise.filter_plates([layers[k][:, :, :3] for k in keys], colour,
@@ -437,8 +460,7 @@ class Pipeline:
             if info["sun_key"]:
                 plates["sun_" + info["sun_key"]] = (t, "sun")
             plates["sky_" + t] = (t, "sky")
-        plates["view_tarde"] = ("tarde", "view")
-        plates["view_noite"] = ("noite", "view")
+            plates["view_" + t] = (t, "view")
         plates["lamp"] = ("noite", "lamp")
         plates["room"] = ("noite", "room")
 
@@ -446,10 +468,15 @@ class Pipeline:
             t, g = plates[p]
             return layers[t]["Combined_" + g][:, :, :3]
 
-        presets, recipes = self.presets(lambda p: plate(p, light), cam)
+        glass = masks["glass"] > 0.5
+        if self.fitted is None:
+            self.fitted = self.presets(lambda p: plate(p, light), glass)
+        presets = self.fitted
+        recipes = {n: self.recipe(n, d) for n, d in presets.items()}
         used = sorted({p for r in recipes.values() for p, _ in r})
         noise = {}
-        wall = self.wall_patch(m["wall"][:, :, 0])
+        # Plain wall, not seen through the lid: its acrylic's glints are not the light's noise.
+        wall = self.wall_patch(m["wall"][:, :, 0] * (m["lid"][:, :, 0] < 0.001))
         for p in used:
             img = plate(p, light)
             write_exr(os.path.join(fdir, "light", p + ".exr"), img, "dwaa")
@@ -522,6 +549,9 @@ class Pipeline:
                     self.scene.view_layers[0].cycles.use_pass_shadow_catcher = True
                     rm.coll["arm"].hide_render = False
                     rm.coll["outside"].hide_render = True
+                    # The open lid stands behind the arm and casts no shadow: as a catcher it
+                    # would only cut holes in the sprite's alpha.
+                    rm.dust_cover.hide_render = True
                     rm.set_arm_yaw(yaw)
                     # The arm is small and its shadow a ratio: half the samples and fewer bounces
                     # keep the twenty sprites of a framing within the render budget; the filter
@@ -537,34 +567,76 @@ class Pipeline:
                 out = self.render("%s/tonearm/%s/%02d" % (name, preset, n), job, setup_arm)
                 self.write_arm(fdir, preset, n, out, arm_box)
 
-        return self.framing_json(cam, masks, record_box, bounce_box, arm_box, yaws, presets), presets, noise
+        front_box = self.front(name, fdir, cam) if name in rm.front_framings else None
+        f = self.framing_json(cam, masks, record_box, bounce_box, arm_box, yaws, presets)
+        if front_box:
+            f["front"] = {"bbox": front_box}
+        return f, presets, noise
+
+    # -- front layer
+    def front(self, name, fdir, cam):
+        """The out-of-focus leaf across the framing's corner, alone over a transparent film, with the
+        depth of field of a lens focused on the record: a premultiplied sprite, the same at every hour."""
+        a = self.a
+        rm = self.room
+
+        def setup():
+            self.reset(name)
+            rm.set_time("dia")
+            for c in ("room", "turntable", "props", "outside", "lights"):
+                rm.coll[c].hide_render = True
+            rm.coll["front"].hide_render = False
+            self.scene.render.film_transparent = True
+            dof = self.scene.camera.data.dof
+            dof.use_dof = True
+            dof.focus_distance = (rm.front_focus - self.scene.camera.location).length
+            dof.aperture_fstop = FRONT_FSTOP
+        job = {"kind": "front", "framing": name, "s": a.samples, "fstop": FRONT_FSTOP}
+        out = self.render("%s/front" % name, job, setup)
+        rgba = out["Combined"].copy()
+        rgba[rgba[:, :, 3] < 0.002] = 0
+        cov = rgba[:, :, 3] > 0
+        if not cov.any():
+            return None
+        write_exr(os.path.join(fdir, "front", "leaf.exr"), rgba, "zip")
+        ys, xs = np.nonzero(cov)
+        return [int(xs.min()), int(ys.min()), int(xs.max() - xs.min() + 1), int(ys.max() - ys.min() + 1)]
 
     # -- presets and exposure
-    def presets(self, plate_of, cam):
-        out, recipes = {}, {}
+    def presets(self, plate_of, glass):
+        """The presets' recipes and exposures, fitted on one framing's plates: the room's light outside
+        the glass (so the window does not decide the room's exposure) to TARGET_KEY, then the view by
+        itself to VIEW_P90 inside the glass."""
+        out = {}
         for name in PRESET_ORDER:
             base = dict(PRESETS[name])
             t = R.TIMES[name]
             d = {}
             if t["sun_key"]:
                 d["sun_key"] = t["sun_key"]
-            for g in ("sun", "room", "lamp", "view"):
+            for g in ("sun", "room", "lamp"):
                 if g in base:
                     d[g] = base[g]
-            if name == "noite" or name == "tarde":
-                d["view_key"] = name
+            d["view"] = 0.0
+            d["view_key"] = name
             d["vignette"] = base["vignette"]
             d["grain"] = base["grain"]
-            recipe = self.recipe(name, d)
-            mix = sum(plate_of(p) * w for p, w in recipe)
-            lum = luminance(mix)
+            mix = sum(plate_of(p) * w for p, w in self.recipe(name, d))
+            lum = luminance(mix)[~glass] if (~glass).any() else luminance(mix)
             key = float(np.exp(np.mean(np.log(lum + 1e-4))))
             d["exposure"] = round(math.log2(TARGET_KEY[name] / key), 2)
+            gain = 2.0 ** d["exposure"]
+            view = 1.0
+            if name in VIEW_P90 and glass.any():
+                seen = luminance(plate_of("view_" + name))[glass]
+                top = float(np.percentile(seen, 90))
+                if top > 1e-6:
+                    view = VIEW_P90[name] / (top * gain)
+            d["view"] = round(view, 4)
             d["exposure_by_scenario"] = {SCENARIO: 0.0}
             d["record_light"] = self.record_light(name)
             out[name] = d
-            recipes[name] = recipe
-        return out, recipes
+        return out
 
     @staticmethod
     def recipe(name, d):
@@ -752,7 +824,6 @@ class Pipeline:
                 "plane_z": round(R.RECORD_TOP * MM, 3), "yaw_samples": yaws, "bbox": arm_box,
                 "shadow": True, "reflection": False,
             },
-            "steam": {"point_px": px(rm.cup_top)},
             "record": {
                 "corners": square(R.RECORD_R), "center_world": mm(c), "radius_mm": R.RECORD_R * MM,
                 "label_radius_mm": R.LABEL_R * MM, "groove_outer_mm": R.GROOVE_OUTER * MM,
@@ -765,6 +836,9 @@ class Pipeline:
                 "strobe": {"mask": "masks/strobe.png", "dots": R.STROBE_DOTS, "color": STROBE_COLOUR},
             },
         }
+        steam = px(rm.cup_top)
+        if 0 <= steam[0] < W and 0 <= steam[1] < H:
+            f["steam"] = {"point_px": steam}
         if "glass" in masks and masks["glass"].max() > 0.01:
             win = {"glass_mask": "masks/glass.png"}
             if masks["glassdust"].max() > 0.01:

@@ -47,8 +47,31 @@ TIMES = {
     "noite": {"sun_key": None, "elevation": -5.0, "azimuth": 120.0, "sun": 0.0, "sky": 0.4,
               "sun_colour": (1.0, 1.0, 1.0)},
 }
-# Strength of the city's own lights (lit windows, street glow) per time of day.
-CITY_LIGHTS = {"manha": 0.0, "dia": 0.0, "tarde": 0.25, "noite": 1.0}
+# The view through the window, per time of day: the sky's horizon and zenith, the ambient light and
+# the sun on the façades, the haze (its colour, the street lights' glow in it near the ground, and
+# the distance at which it takes two thirds of the light), clouds, the share of lit windows and the
+# strength of the city's lamps. Emission only (the "view" group): it lights nothing in the room.
+OUTSIDE = {
+    "manha": {"horizon": (1.0, 0.84, 0.66), "zenith": (0.42, 0.55, 0.75), "ambient": (0.2, 0.2, 0.23),
+              "sun_colour": (1.0, 0.78, 0.55), "haze_colour": (0.95, 0.84, 0.72), "glow_colour": (0.95, 0.84, 0.72),
+              "haze_distance": 260.0, "clouds": 0.35, "cloud_colour": (1.0, 0.88, 0.78), "sun_glow": 0.5,
+              "lit_share": 0.04, "window_light": 0.4, "street_light": 0.0},
+    "dia": {"horizon": (0.78, 0.86, 0.98), "zenith": (0.24, 0.43, 0.85), "ambient": (0.18, 0.2, 0.25),
+            "sun_colour": (1.0, 0.97, 0.92), "haze_colour": (0.75, 0.82, 0.92), "glow_colour": (0.75, 0.82, 0.92),
+            "haze_distance": 1400.0, "clouds": 0.6, "cloud_colour": (1.05, 1.05, 1.05), "sun_glow": 0.3,
+            "lit_share": 0.0, "window_light": 0.0, "street_light": 0.0},
+    "tarde": {"horizon": (1.0, 0.66, 0.40), "zenith": (0.32, 0.40, 0.66), "ambient": (0.19, 0.16, 0.18),
+              "sun_colour": (1.0, 0.58, 0.30), "haze_colour": (0.95, 0.68, 0.48), "glow_colour": (0.95, 0.68, 0.48),
+              "haze_distance": 600.0, "clouds": 0.45, "cloud_colour": (1.0, 0.7, 0.5), "sun_glow": 0.8,
+              "lit_share": 0.1, "window_light": 0.8, "street_light": 0.15},
+    "noite": {"horizon": (0.035, 0.05, 0.13), "zenith": (0.006, 0.01, 0.035), "ambient": (0.018, 0.022, 0.04),
+              "sun_colour": (0.0, 0.0, 0.0), "haze_colour": (0.03, 0.04, 0.09), "glow_colour": (0.22, 0.11, 0.04),
+              "haze_distance": 500.0, "clouds": 0.0, "cloud_colour": (0.05, 0.05, 0.08), "sun_glow": 0.0,
+              "lit_share": 0.38, "window_light": 2.2, "street_light": 1.0},
+}
+STREET_Z = -6.0            # the street, a floor and a half below the room
+STREET_LAMP_Y = 24.0       # the kerb on the far side of the street
+STREET_LAMP_STEP = 18.0
 LAMP_COLOUR = (1.0, 0.71, 0.42)
 
 
@@ -247,10 +270,13 @@ def brushed_metal(name, colour, roughness=0.28):
     mat = material(name)
     g = Nodes(mat)
     tc = g.n("ShaderNodeTexCoord")
-    streak = g.n("ShaderNodeTexNoise", Vector=g.n("ShaderNodeMapping", Vector=tc.outputs["Object"], Scale=(1.0, 900.0, 1.0)),
-                 Scale=4.0, Detail=2.0)
-    rough = g.math('MULTIPLY_ADD', streak.outputs["Fac"], 0.12, roughness - 0.06)
-    bsdf = g.n("ShaderNodeBsdfPrincipled", Metallic=1.0, **{"Base Color": (*colour, 1)}, Anisotropic=0.6)
+    # The brushing is kept a few pixels wide even in the nearest framing, with a gentle anisotropy:
+    # finer streaks and a stronger stretch turn each sample's roughness into a coin toss, which the
+    # plates show as grain on the metal wherever the sun glints in it.
+    streak = g.n("ShaderNodeTexNoise", Vector=g.n("ShaderNodeMapping", Vector=tc.outputs["Object"], Scale=(1.0, 120.0, 1.0)),
+                 Scale=4.0, Detail=1.0)
+    rough = g.math('MULTIPLY_ADD', streak.outputs["Fac"], 0.05, roughness - 0.02)
+    bsdf = g.n("ShaderNodeBsdfPrincipled", Metallic=1.0, **{"Base Color": (*colour, 1)}, Anisotropic=0.3)
     g.set(bsdf.inputs["Roughness"], rough)
     g.output(bsdf)
     return mat
@@ -312,39 +338,164 @@ def vinyl_material(name, mode="plate"):
     return mat
 
 
-def city_lights_material(name):
-    """Emission of the city at night: lit windows on the buildings' faces."""
+def _param(g, name, value):
+    """A named constant node that set_time() retunes: an RGB node for 3-tuples, a value node else."""
+    if name == "sun_dir":
+        node = g.n("ShaderNodeCombineXYZ", X=value[0], Y=value[1], Z=value[2])
+    elif isinstance(value, (tuple, list)):
+        node = g.n("ShaderNodeRGB")
+        node.outputs[0].default_value = (*value, 1.0)
+    else:
+        node = g.n("ShaderNodeValue")
+        node.outputs[0].default_value = value
+    node.name = name
+    node.label = name
+    return node.outputs[0]
+
+
+def _vec(g, a, b, op):
+    node = g.n("ShaderNodeVectorMath", _operation=op)
+    g.set(node.inputs[0], a)
+    if b is not None:
+        g.set(node.inputs[1], b)
+    return node.outputs["Value" if op in ('DOT_PRODUCT', 'LENGTH', 'DISTANCE') else "Vector"]
+
+
+def _mix(g, fac, a, b, blend='MIX'):
+    node = g.n("ShaderNodeMixRGB", _blend_type=blend)
+    g.set(node.inputs["Fac"], fac)
+    g.set(node.inputs["Color1"], a)
+    g.set(node.inputs["Color2"], b)
+    return node.outputs[0]
+
+
+def _haze(g, colour, pos_world):
+    """Aerial perspective: the farther, the more of the time's haze colour (denser near the street,
+    where at night the street lights glow in it)."""
+    dist = _vec(g, pos_world, None, 'LENGTH')
+    t = g.math('SUBTRACT', 1.0, g.math('EXPONENT', g.math('DIVIDE', g.math('MULTIPLY', dist, -1.0), _param(g, "haze_distance", 800.0))))
+    z = g.n("ShaderNodeSeparateXYZ", Vector=pos_world).outputs["Z"]
+    low = g.math('SUBTRACT', 1.0, g.math('DIVIDE', g.math('ADD', z, -STREET_Z), 70.0, clamp=True))
+    haze = _mix(g, g.math('MULTIPLY', low, low), _param(g, "haze_colour", (0.8, 0.85, 0.95)), _param(g, "glow_colour", (0.8, 0.85, 0.95)))
+    return _mix(g, t, colour, haze)
+
+
+def _emit_view(g, colour):
+    """Emission only: the view is seen by the camera through the glass and lights nothing."""
+    g.output(g.n("ShaderNodeEmission", Color=colour, Strength=1.0))
+
+
+def building_material(name):
+    """Façades seen from the window: the building's colour (the object's colour) under the time's sky and
+    sun, a grid of windows, some of them lit, and the haze of the distance. Emission only, since the
+    view is its own light group, exposed apart from the room."""
     mat = material(name)
     g = Nodes(mat)
     tc = g.n("ShaderNodeTexCoord")
-    brick = g.n("ShaderNodeTexBrick", Vector=tc.outputs["Object"], Scale=1.0, **{"Mortar Size": 0.45},
-                **{"Brick Width": 1.6, "Row Height": 1.2}, _offset=0.0)
-    cell = g.n("ShaderNodeTexWhiteNoise", _noise_dimensions='3D',
-               Vector=g.n("ShaderNodeVectorMath", _operation='SNAP', Vector=tc.outputs["Object"], i1=(1.6, 1.6, 1.2)))
-    lit = g.math('GREATER_THAN', cell.outputs["Value"], 0.78)
-    window = g.math('SUBTRACT', 1.0, brick.outputs["Fac"])
-    # Each lit window its own lamp: warm to cool, bright to dim.
-    warm = g.n("ShaderNodeMixRGB", Fac=cell.outputs["Color"], Color1=(1.0, 0.45, 0.16, 1), Color2=(0.75, 0.7, 0.62, 1))
-    dim = g.math('MULTIPLY_ADD', g.n("ShaderNodeSeparateRGB", Image=cell.outputs["Color"]).outputs["G"], 0.8, 0.2)
-    on = g.math('MULTIPLY', lit, window)
-    em = g.n("ShaderNodeEmission", Color=warm, Strength=1.0)
-    em.name = "city_emission"
-    g.set(em.inputs["Strength"], g.math('MULTIPLY', dim, 1.0))
-    # Clear where no window is lit, so the buildings show through.
-    g.output(g.n("ShaderNodeMixShader", Fac=on, i1=g.n("ShaderNodeBsdfTransparent"), i2=em))
+    info = g.n("ShaderNodeObjectInfo")
+    geo = g.n("ShaderNodeNewGeometry")
+    n = g.n("ShaderNodeSeparateXYZ", Vector=geo.outputs["Normal"])
+    p = g.n("ShaderNodeSeparateXYZ", Vector=tc.outputs["Object"])
+    # Face coordinates: across the face and up, whichever way the face looks.
+    u = g.math('ADD', g.math('MULTIPLY', p.outputs["X"], g.math('ABSOLUTE', n.outputs["Y"])),
+               g.math('MULTIPLY', p.outputs["Y"], g.math('ABSOLUTE', n.outputs["X"])))
+    v = p.outputs["Z"]
+    bay, floor_h = 3.0, 3.2
+    cu, cv = g.math('FLOOR', g.math('DIVIDE', u, bay)), g.math('FLOOR', g.math('DIVIDE', v, floor_h))
+    fu, fv = g.math('FRACT', g.math('DIVIDE', u, bay)), g.math('FRACT', g.math('DIVIDE', v, floor_h))
+    inside = g.math('MULTIPLY', g.math('MULTIPLY', g.math('GREATER_THAN', fu, 0.2), g.math('LESS_THAN', fu, 0.8)),
+                    g.math('MULTIPLY', g.math('GREATER_THAN', fv, 0.28), g.math('LESS_THAN', fv, 0.82)))
+    wall = g.math('LESS_THAN', g.math('ABSOLUTE', n.outputs["Z"]), 0.5)
+    window = g.math('MULTIPLY', inside, wall)
+    seed = g.n("ShaderNodeCombineXYZ", X=cu, Y=cv, Z=g.math('ADD', g.math('MULTIPLY', info.outputs["Random"], 977.0),
+                                                             g.math('MULTIPLY', n.outputs["X"], 3.0)))
+    cell = g.n("ShaderNodeTexWhiteNoise", _noise_dimensions='3D', Vector=seed)
+    # Light on the façade: the sky's ambient and the sun where the face turns to it.
+    sun = g.math('MAXIMUM', _vec(g, geo.outputs["Normal"], _param(g, "sun_dir", (0.0, 0.7, 0.7)), 'DOT_PRODUCT'), 0.0)
+    lit_by = _mix(g, 1.0, _param(g, "ambient", (0.3, 0.35, 0.45)),
+                  _mix(g, sun, (0, 0, 0, 1), _param(g, "sun_colour", (1.0, 0.95, 0.9))), 'ADD')
+    facade = _mix(g, 1.0, info.outputs["Color"], lit_by, 'MULTIPLY')
+    # Unlit windows: dark glass with a little of the sky in it, each pane a little different.
+    pane = _mix(g, g.math('MULTIPLY_ADD', cell.outputs["Value"], 0.25, 0.1), _mix(g, 0.25, facade, (0, 0, 0, 1)),
+                _param(g, "horizon", (0.7, 0.8, 0.95)))
+    share = _param(g, "lit_share", 0.0)
+    on = g.math('MULTIPLY', window, g.math('LESS_THAN', g.n("ShaderNodeSeparateRGB", Image=cell.outputs["Color"]).outputs["B"], share))
+    warm = _mix(g, cell.outputs["Value"], (1.0, 0.55, 0.22, 1), (0.85, 0.82, 0.75, 1))
+    lamp = g.math('MULTIPLY', g.math('MULTIPLY_ADD', g.n("ShaderNodeSeparateRGB", Image=cell.outputs["Color"]).outputs["G"], 0.8, 0.4),
+                  _param(g, "window_light", 0.0))
+    lit = _mix(g, 1.0, warm, g.n("ShaderNodeCombineXYZ", X=lamp, Y=lamp, Z=lamp).outputs[0], 'MULTIPLY')
+    col = _mix(g, window, facade, pane)
+    col = _mix(g, on, col, _mix(g, 1.0, pane, lit, 'ADD'))
+    _emit_view(g, _haze(g, col, geo.outputs["Position"]))
+    mat.cycles.sample_as_light = False
     return mat
 
 
-def building_material(name, colour):
+def street_material(name):
+    """The street below: asphalt under the time's light, and at night the pools of the street lamps."""
     mat = material(name)
     g = Nodes(mat)
-    tc = g.n("ShaderNodeTexCoord")
-    brick = g.n("ShaderNodeTexBrick", Vector=tc.outputs["Object"], Scale=1.0, **{"Mortar Size": 0.35},
-                **{"Brick Width": 1.6, "Row Height": 1.2}, _offset=0.0,
-                Color1=(0.05, 0.06, 0.07, 1), Color2=(0.08, 0.09, 0.1, 1), Mortar=(*colour, 1))
-    bsdf = g.n("ShaderNodeBsdfPrincipled", Roughness=0.6, Specular=0.4)
-    g.set(bsdf.inputs["Base Color"], brick.outputs["Color"])
-    g.output(bsdf)
+    geo = g.n("ShaderNodeNewGeometry")
+    p = g.n("ShaderNodeSeparateXYZ", Vector=geo.outputs["Position"])
+    lit_by = _mix(g, 1.0, _param(g, "ambient", (0.3, 0.35, 0.45)), _param(g, "sun_colour", (1.0, 0.95, 0.9)), 'ADD')
+    asphalt = _mix(g, 1.0, (0.09, 0.09, 0.095, 1), lit_by, 'MULTIPLY')
+    # Lamp pools every STREET_LAMP_STEP metres along the kerb.
+    fx = g.math('SUBTRACT', g.math('FRACT', g.math('DIVIDE', p.outputs["X"], STREET_LAMP_STEP)), 0.5)
+    dy = g.math('DIVIDE', g.math('SUBTRACT', p.outputs["Y"], STREET_LAMP_Y), STREET_LAMP_STEP)
+    d2 = g.math('ADD', g.math('MULTIPLY', fx, fx), g.math('MULTIPLY', dy, dy))
+    pool = g.math('MULTIPLY', g.math('EXPONENT', g.math('MULTIPLY', d2, -14.0)), _param(g, "street_light", 0.0))
+    col = _mix(g, 1.0, asphalt, g.n("ShaderNodeCombineXYZ", X=pool, Y=g.math('MULTIPLY', pool, 0.55),
+                                      Z=g.math('MULTIPLY', pool, 0.22)).outputs[0], 'ADD')
+    _emit_view(g, _haze(g, col, geo.outputs["Position"]))
+    mat.cycles.sample_as_light = False
+    return mat
+
+
+def lamp_head_material(name):
+    """The street lamps' heads: sodium-warm points at night, grey by day."""
+    mat = material(name)
+    g = Nodes(mat)
+    geo = g.n("ShaderNodeNewGeometry")
+    k = _param(g, "street_light", 0.0)
+    glow = g.n("ShaderNodeCombineXYZ", X=g.math('MULTIPLY', k, 12.0), Y=g.math('MULTIPLY', k, 7.0), Z=g.math('MULTIPLY', k, 3.0))
+    col = _mix(g, 1.0, _mix(g, 1.0, (0.15, 0.15, 0.15, 1), _param(g, "ambient", (0.3, 0.35, 0.45)), 'MULTIPLY'), glow.outputs[0], 'ADD')
+    _emit_view(g, _haze(g, col, geo.outputs["Position"]))
+    mat.cycles.sample_as_light = False
+    return mat
+
+
+def sky_material(name):
+    """The sky behind the city (a dome seen only through the window): horizon to zenith, a glow round
+    the sun, clouds by day; the colours are the time's."""
+    mat = material(name)
+    g = Nodes(mat)
+    geo = g.n("ShaderNodeNewGeometry")
+    d = _vec(g, geo.outputs["Position"], None, 'NORMALIZE')
+    ds = g.n("ShaderNodeSeparateXYZ", Vector=d)
+    el = g.math('MAXIMUM', ds.outputs["Z"], 0.0)
+    t = g.math('POWER', g.math('DIVIDE', el, 0.55, clamp=True), 0.6)
+    col = _mix(g, t, _param(g, "horizon", (0.7, 0.8, 0.95)), _param(g, "zenith", (0.25, 0.42, 0.8)))
+    # Clouds: noise on the sky's plane above, thinning towards the horizon's haze.
+    plane = g.n("ShaderNodeCombineXYZ", X=g.math('DIVIDE', ds.outputs["X"], g.math('ADD', ds.outputs["Z"], 0.12)),
+                Y=g.math('DIVIDE', ds.outputs["Y"], g.math('ADD', ds.outputs["Z"], 0.12)), Z=0.0)
+    noise = g.n("ShaderNodeTexNoise", Vector=g.n("ShaderNodeMapping", Vector=plane.outputs[0], Scale=(1.0, 2.5, 1.0)),
+                Scale=1.6, Detail=6.0, Roughness=0.55)
+    cover = g.math('MULTIPLY', g.n("ShaderNodeMapRange", Value=noise.outputs["Fac"], i1=0.48, i2=0.72).outputs[0],
+                   _param(g, "clouds", 0.0))
+    cover = g.math('MULTIPLY', cover, g.math('DIVIDE', el, 0.08, clamp=True))
+    col = _mix(g, cover, col, _param(g, "cloud_colour", (1.0, 1.0, 1.0)))
+    # The sun's glow (and its disc, which the blinds of the frame mostly hide).
+    cosang = _vec(g, d, _param(g, "sun_dir", (0.0, 0.7, 0.7)), 'DOT_PRODUCT')
+    glow = g.math('ADD', g.math('MULTIPLY', g.math('EXPONENT', g.math('MULTIPLY', g.math('SUBTRACT', cosang, 1.0), 40.0)), 0.6),
+                  g.math('MULTIPLY', g.math('GREATER_THAN', cosang, 0.99996), 6.0))
+    glow = g.math('MULTIPLY', glow, _param(g, "sun_glow", 0.0))
+    col = _mix(g, glow, col, _param(g, "sun_colour", (1.0, 0.95, 0.9)), 'ADD')
+    # Below the horizon (past the street's end) and close to it: the haze.
+    low = g.math('SUBTRACT', 1.0, g.math('DIVIDE', g.math('ADD', ds.outputs["Z"], 0.02), 0.06, clamp=True))
+    haze = _mix(g, 0.5, _param(g, "haze_colour", (0.8, 0.85, 0.95)), _param(g, "glow_colour", (0.8, 0.85, 0.95)))
+    col = _mix(g, low, col, haze)
+    _emit_view(g, col)
+    mat.cycles.sample_as_light = False
     return mat
 
 
@@ -376,7 +527,7 @@ class Room:
         self.scene.unit_settings.system = 'METRIC'
         root = self.scene.collection
         self.coll = {}
-        for name in ("room", "turntable", "arm", "props", "outside", "lights", "cameras"):
+        for name in ("room", "turntable", "arm", "props", "outside", "front", "lights", "cameras"):
             c = bpy.data.collections.new(name)
             root.children.link(c)
             self.coll[name] = c
@@ -397,6 +548,7 @@ class Room:
         self.build_outside()
         self.build_lights()
         self.build_cameras()
+        self.build_front()
 
     def build_room(self):
         c = self.coll["room"]
@@ -429,7 +581,7 @@ class Room:
         box("frame_t", (x1 - x0, fd, fw), ((x0 + x1) / 2, fy, z1 - fw / 2), c, frame, bevel=0.004)
         box("bar_v", (0.04, fd * 0.8, z1 - z0), ((x0 + x1) / 2, fy, (z0 + z1) / 2), c, frame, bevel=0.003)
         box("bar_h", (x1 - x0, fd * 0.8, 0.04), ((x0 + x1) / 2, fy, z0 + (z1 - z0) * 0.62), c, frame, bevel=0.003)
-        box("sill", (x1 - x0 + 0.12, 0.20, 0.03), ((x0 + x1) / 2, WALL_Y - 0.01, z0 - 0.015), c, frame, bevel=0.004)
+        box("sill", (x1 - x0 + 0.12, 0.15, 0.03), ((x0 + x1) / 2, WALL_Y + 0.005, z0 - 0.015), c, frame, bevel=0.004)
         # Window glass; "glass" marks it and "glassdust" marks it behind the turntable's dust cover.
         def behind_cover(g, lp):
             return g.math('GREATER_THAN', lp.outputs["Transparent Depth"], 0.5)
@@ -539,18 +691,31 @@ class Room:
             self.led_points[name] = p + Vector((0, 0, 0.001))
         box("pitch_slot", (0.008, 0.09, 0.002), (TT.x + w / 2 - 0.03, TT.y - d / 2 + 0.08, PLINTH_TOP), c, black)
         box("pitch_knob", (0.014, 0.01, 0.008), (TT.x + w / 2 - 0.03, TT.y - d / 2 + 0.08, PLINTH_TOP + 0.004), c, black, bevel=0.002)
-        # Dust cover, hinged at the back edge and open.
+        # Dust cover, hinged at the back edge and open a little past upright, so it stands between the
+        # turntable and the window: an open acrylic box (one sheet to look through, not two).
         acrylic = glass_material("acrylic", (0.80, 0.80, 0.82), 0.12, {})
         self.materials["acrylic"] = acrylic
         hinge = Vector((TT.x, TT.y + d / 2 + 0.004, PLINTH_TOP + 0.004))
         self.cover_hinge = hinge
-        self.cover_angle = math.radians(76)
+        self.cover_angle = math.radians(100)
         cover = box("dust_cover", (w + 0.004, d + 0.002, 0.072), (0, -(d + 0.002) / 2, 0.036), c, acrylic, bevel=0.003)
+        me = cover.data
+        bpy.context.view_layer.objects.active = cover
+        bpy.ops.object.mode_set(mode='EDIT')
+        bpy.ops.mesh.select_all(action='DESELECT')
+        bpy.ops.object.mode_set(mode='OBJECT')
+        bottom = [p.index for p in me.polygons if p.normal.z < -0.9]
+        for i in bottom:
+            me.polygons[i].select = True
+        bpy.ops.object.mode_set(mode='EDIT')
+        bpy.ops.mesh.delete(type='FACE')
+        bpy.ops.object.mode_set(mode='OBJECT')
         cover.visible_shadow = False
         pivot = bpy.data.objects.new("dust_cover_hinge", None)
         c.objects.link(pivot)
         pivot.location = hinge
-        pivot.rotation_euler = (self.cover_angle, 0, 0)
+        # A negative turn about x lifts the front edge (local -y) up and over towards the wall.
+        pivot.rotation_euler = (-self.cover_angle, 0, 0)
         cover.parent = pivot
         self.dust_cover = cover
         for sx in (-1, 1):
@@ -643,9 +808,11 @@ class Room:
         tilt = math.radians(11)
         base = Vector((0.45, WALL_Y - 0.012 - s * math.sin(tilt), DESK_Z))
         sl = box("sleeve_back", (s, 0.003, s), (0, 0, 0), c, card)
-        front = mesh_object("sleeve", lambda: bpy.ops.mesh.primitive_plane_add(size=1), c, sleeve, (0, -0.0016, 0),
+        # The printed face a millimetre clear of the card and a millimetre inside its edges: flush with
+        # them, the two surfaces fought along the top edge and drew a thin shadow line across it.
+        front = mesh_object("sleeve", lambda: bpy.ops.mesh.primitive_plane_add(size=1), c, sleeve, (0, -0.0025, 0),
                             (math.pi / 2, 0, 0))
-        front.scale = (s, s, 1)
+        front.scale = (s - 0.002, s - 0.002, 1)
         hold = bpy.data.objects.new("sleeve_pose", None)
         c.objects.link(hold)
         hold.location = base
@@ -780,32 +947,60 @@ class Room:
                 uv[li].uv = ((co.x - x0) / (x1 - x0), (co.y - y0) / (y1 - y0))
 
     def build_outside(self):
-        """Buildings across the street (lit by the sun and sky) and their lit windows (the "view" group)."""
+        """The city across the street, seen only through the window: three rows of buildings at growing
+        distance (the street's, a block behind, the skyline), the street with its lamps, and a sky dome.
+        All of it is emission in the "view" group, visible to the camera alone, so the room's light
+        stays the sky's and the sun's and the view can be exposed on its own."""
         c = self.coll["outside"]
-        lights_m = city_lights_material("city_lights")
-        self.materials["city_lights"] = lights_m
         rng = random.Random(11)
-        x = -40.0
-        self.city_lights = []
-        while x < 30:
-            w = rng.uniform(6, 14)
-            h = rng.uniform(12, 45)
-            y = rng.uniform(35, 70)
-            col = rng.choice([(0.55, 0.5, 0.45), (0.42, 0.38, 0.35), (0.6, 0.58, 0.55), (0.35, 0.33, 0.3)])
-            m = building_material("building", col)
-            b = box("building", (w, 10, h), (x + w / 2, y, h / 2 - 6), c, m)
-            # Lit windows sit a hair in front of the face, as a separate emissive shell.
-            lw = box("building_lights", (w, 0.02, h), (x + w / 2, y - 5.02, h / 2 - 6), c, lights_m)
-            lw.lightgroup = "view"
-            for o in (b, lw):
-                o.visible_shadow = False
-                o.visible_diffuse = False
-            self.city_lights.append(lw)
-            x += w + rng.uniform(0.5, 4)
-        ground = principled("street", (0.12, 0.12, 0.12), roughness=0.8)
-        g = box("street", (120, 80, 0.1), (0, 40, -6.05), c, ground)
-        g.visible_shadow = False
-        g.visible_diffuse = False
+        bm = building_material("building")
+        self.view_materials = [bm]
+        self.view_objects = []
+
+        def view_only(o):
+            o.lightgroup = "view"
+            o.visible_diffuse = False
+            o.visible_glossy = False
+            o.visible_transmission = False
+            o.visible_volume_scatter = False
+            o.visible_shadow = False
+            self.view_objects.append(o)
+            return o
+
+        palette = [(0.46, 0.41, 0.36), (0.34, 0.29, 0.26), (0.55, 0.52, 0.48), (0.28, 0.27, 0.26), (0.44, 0.33, 0.26),
+                   (0.5, 0.46, 0.4), (0.24, 0.26, 0.3)]
+        # (first x, last x, front y range, depth, height range, gap range)
+        # Low across the street, so the block behind and the skyline show above it.
+        rows = [(-70.0, 50.0, (28.0, 34.0), 14.0, (5.0, 13.0), (0.0, 8.0)),
+                (-260.0, 200.0, (110.0, 180.0), 30.0, (14.0, 42.0), (4.0, 30.0)),
+                (-1100.0, 800.0, (420.0, 820.0), 60.0, (40.0, 170.0), (5.0, 40.0))]
+        for x, x_end, (y0, y1), depth, (h0, h1), (g0, g1) in rows:
+            scale = depth / 14.0
+            while x < x_end:
+                w = rng.uniform(10, 22) * scale
+                h = rng.uniform(h0, h1)
+                y = rng.uniform(y0, y1)
+                o = box("building", (w, depth, h), (x + w / 2, y + depth / 2, STREET_Z + h / 2), c, bm)
+                o.color = (*rng.choice(palette), 1.0)
+                view_only(o)
+                x += w + rng.uniform(g0, g1)
+        street = street_material("street")
+        self.view_materials.append(street)
+        view_only(box("street", (3000, 3000, 0.1), (0, 1500, STREET_Z - 0.05), c, street))
+        heads = lamp_head_material("street_lamp")
+        self.view_materials.append(heads)
+        post = principled("street_post", (0.05, 0.05, 0.05), roughness=0.5)
+        x = -80.0
+        while x < 60:
+            view_only(mesh_object("street_lamp", lambda: bpy.ops.mesh.primitive_uv_sphere_add(radius=0.35, segments=12, ring_count=6),
+                                  c, heads, (x, STREET_LAMP_Y, STREET_Z + 6.0)))
+            view_only(cylinder("street_post", 0.08, STREET_Z, STREET_Z + 5.8, (x, STREET_LAMP_Y + 0.4), c, post, vertices=8))
+            x += STREET_LAMP_STEP
+        sky = sky_material("view_sky")
+        self.view_materials.append(sky)
+        dome = mesh_object("view_sky", lambda: bpy.ops.mesh.primitive_uv_sphere_add(radius=3000, segments=48, ring_count=24),
+                           c, sky, (0, 0, 0), smooth=True)
+        view_only(dome)
 
     def build_lights(self):
         c = self.coll["lights"]
@@ -899,22 +1094,33 @@ class Room:
         self.bulb.hide_render = max(f) <= 0
         glow = self.bulb.data.materials[0].node_tree.nodes["Emission"]
         glow.inputs["Strength"].default_value = 25.0 * max(f)
-        f = factor("view", 1.0)
-        city = CITY_LIGHTS[time] * max(f)
-        for lw in self.city_lights:
-            lw.hide_render = city <= 0
-        self._city_scale(city)
+        self._outside(time)
 
-    def _city_scale(self, k):
-        nt = self.materials["city_lights"].node_tree
-        scale = nt.nodes["city_emission"].inputs["Strength"].links[0].from_node
-        scale.inputs[1].default_value = 0.5 * k
+    def _outside(self, time):
+        """Retunes the view's materials to a time of day."""
+        o = dict(OUTSIDE[time])
+        o["sun_dir"] = tuple(self.sun_direction(time)) if TIMES[time]["sun_key"] else (0.0, 0.0, -1.0)
+        for m in self.view_materials:
+            for node in m.node_tree.nodes:
+                key = node.name.split(".")[0]
+                if key not in o:
+                    continue
+                v = o[key]
+                if node.type == 'COMBXYZ':
+                    for i in range(3):
+                        node.inputs[i].default_value = v[i]
+                else:
+                    node.outputs[0].default_value = (*v, 1.0) if node.type == 'RGB' else v
 
     def build_cameras(self):
         c = self.coll["cameras"]
         setups = {
             "wide": ((-0.30, -1.70, 1.36), (-0.25, 0.40, 1.02), 24.0),
             "mid": ((0.08, -1.02, 1.24), (-0.02, 0.32, 0.86), 32.0),
+            # Near the desk: the record, the arm and the sleeve, the lid and a corner of the window behind.
+            "close": ((0.17, -0.40, 1.07), (0.14, 0.30, 0.90), 26.0),
+            # From above, looking down on the turntable and the sleeve.
+            "top": ((0.10, -0.28, 1.72), (0.10, 0.25, 0.82), 28.0),
         }
         for name, (eye, target, lens) in setups.items():
             cam = bpy.data.cameras.new(name)
@@ -922,11 +1128,36 @@ class Room:
             cam.sensor_width = 36.0
             cam.sensor_fit = 'HORIZONTAL'
             cam.clip_start = 0.05
-            cam.clip_end = 300.0
+            cam.clip_end = 8000.0
             o = _link(bpy.data.objects.new(name, cam), c)
             o.location = eye
             o.rotation_euler = (Vector(target) - Vector(eye)).to_track_quat('-Z', 'Y').to_euler()
             self.cameras[name] = o
+
+
+    def build_front(self):
+        """A leaf of a plant beside the close camera, out of focus across the frame's lower left corner:
+        the close framing's front layer. A dark silhouette (seen against the light, it is the same
+        leaf at every hour), rendered alone; hidden from everything else."""
+        c = self.coll["front"]
+        c.hide_render = True
+        m = material("front_leaf")
+        g = Nodes(m)
+        vein = g.n("ShaderNodeTexWave", Scale=3.0, _wave_type='BANDS', _bands_direction='Y')
+        col = g.n("ShaderNodeMixRGB", Fac=g.math('MULTIPLY', vein.outputs["Fac"], 0.5), Color1=(0.004, 0.009, 0.003, 1),
+                  Color2=(0.012, 0.024, 0.008, 1))
+        g.output(g.n("ShaderNodeEmission", Color=col, Strength=1.0))
+        eye = self.cameras["close"].location
+        self.front_leaves = []
+        for off, size, rot in (((-0.09, 0.16, -0.12), (0.045, 0.018, 0.003), (1.3, 0.5, 0.9)),
+                               ((-0.13, 0.20, -0.11), (0.04, 0.016, 0.003), (1.2, -0.4, 0.3))):
+            leaf = mesh_object("front_leaf", lambda: bpy.ops.mesh.primitive_uv_sphere_add(radius=1, segments=24, ring_count=12),
+                               c, m, eye + Vector(off), rot, smooth=True)
+            leaf.scale = size
+            self.front_leaves.append(leaf)
+        tube("front_stem", eye + Vector((-0.16, 0.17, -0.2)), eye + Vector((-0.11, 0.18, -0.12)), 0.002, c, m, vertices=8)
+        self.front_focus = Vector((RECORD_CENTRE.x, RECORD_CENTRE.y, RECORD_TOP))
+        self.front_framings = ("close",)
 
 
 def main():
