@@ -87,23 +87,6 @@ TEST_F(SmallScene, AssemblesMatricesProbesAreaAndLight)
     EXPECT_EQ(u.mixWeights, (Float4{0.75f, 0.25f, 0, 0}));
 }
 
-TEST_F(SmallScene, MissingPassesAndSpritesSwitchTheirEffectOffWithALogLine)
-{
-    LoadedScene &s = load(manifest());
-    EXPECT_TRUE(readLog().contains("Disco ao vivo sem passes (sem pasta record): modo aproximado"));
-    ASSERT_TRUE(s.sprites);
-    s.sprites->ensureNow({"dia"}, 0, 10);
-    EXPECT_FALSE(s.sprites->pose(0, 0, {{"dia", 1.0}}));
-    SceneUniforms u;
-    SceneTextures t;
-    s.effects->fill(u, t, {{"dia", 1.0}}, 5.0, RecordSpin{}, true, {0.5, 0.5, 0.5}, 30, false);
-    EXPECT_EQ(u.recordRect[2], 0.0f);      // approximate record
-    EXPECT_EQ(u.recordLight[3], 1.0f);     // the live record is still on
-    EXPECT_EQ(u.recordMaskRect[2], 0.0f);  // no mask file: the analytic disc
-    EXPECT_EQ(u.led33[3], 1.0f);           // playing: the 33 LED is lit
-    EXPECT_EQ(u.bandCount, 4u);            // the made-up album's side A
-}
-
 TEST_F(SmallScene, OfflineRenderIsRepeatableAndShowsTheLight)
 {
     OfflineRender::Options o;

@@ -33,6 +33,21 @@ void setPresetKey(QJsonObject &root, const QString &preset, const QString &key, 
     root["presets"] = presets;
 }
 
+TEST_F(SmallScene, MissingPassesAndSpritesSwitchTheirEffectOffWithALogLine)
+{
+    LoadedScene &s = load(manifest());
+    EXPECT_TRUE(readLog().contains("Disco ao vivo sem passes (sem pasta record): modo aproximado"));
+    ASSERT_TRUE(s.sprites);
+    s.sprites->ensureNow({"dia"}, 0, 10);
+    EXPECT_FALSE(s.sprites->pose(0, 0, {{"dia", 1.0}}));
+    const SceneUniforms u = fillEffects(s, {{"dia", 1.0}}).u;
+    EXPECT_EQ(u.recordRect[2], 0.0f);      // approximate record
+    EXPECT_EQ(u.recordLight[3], 1.0f);     // the live record is still on
+    EXPECT_EQ(u.recordMaskRect[2], 0.0f);  // no mask file: the analytic disc
+    EXPECT_EQ(u.led33[3], 1.0f);           // playing: the 33 LED is lit
+    EXPECT_EQ(u.bandCount, 4u);            // the made-up album's side A
+}
+
 TEST_F(SmallScene, RecordLightAndSpeedLedColoursComeFromTheManifest)
 {
     LoadedScene &s = load(manifest([](QJsonObject &root, QJsonObject &wide) {
