@@ -24,13 +24,14 @@
 namespace rendertest {
 
 // Points the Vulkan loader at lavapipe unless the caller already chose a driver, and the log
-// at a private folder. Call before the first renderer and the first log line.
+// at a private folder: done by every test binary that includes this, before its first test.
 inline void useLavapipeAndPrivateLog()
 {
     if (!qEnvironmentVariableIsSet("VK_ICD_FILENAMES") && !testsupport::lavapipeIcd().isEmpty())
         qputenv("VK_ICD_FILENAMES", testsupport::lavapipeIcd().toUtf8());
     static const testsupport::LogTail privateLog;
 }
+inline const bool lavapipeAndPrivateLog = (useLavapipeAndPrivateLog(), true);
 
 inline uint16_t toHalf(float v)
 {
@@ -85,6 +86,35 @@ inline std::array<double, 3> agx(std::array<double, 3> v, double contrast, doubl
         out[r] = std::pow(std::clamp(s, 0.0, 1.0), gamma);
     }
     return out;
+}
+
+// Σ f(x, y) over the pixels of `area`: a count when f answers yes or no.
+template <typename F> inline double sumOver(const QRect &area, F f)
+{
+    double sum = 0;
+    for (int y = area.top(); y <= area.bottom(); ++y)
+        for (int x = area.left(); x <= area.right(); ++x) sum += f(x, y);
+    return sum;
+}
+
+// Mean grey level of the image over `area`, all of it by default.
+inline double meanGrey(const QImage &image, QRect area = {})
+{
+    if (area.isNull()) area = image.rect();
+    return sumOver(area, [&](int x, int y) { return qGray(image.pixel(x, y)); }) /
+           (double(area.width()) * area.height());
+}
+
+// Pixels where two images of one size differ by more than `tolerance` in some channel, alpha included.
+inline int differingPixels(const QImage &a, const QImage &b, int tolerance = 0)
+{
+    return int(sumOver(a.rect(), [&](int x, int y) {
+        const QRgb p = a.pixel(x, y), q = b.pixel(x, y);
+        int d = 0;
+        for (int shift = 0; shift < 32; shift += 8)
+            d = std::max(d, std::abs(int(p >> shift & 0xff) - int(q >> shift & 0xff)));
+        return d > tolerance;
+    }));
 }
 
 // 8-bit RGB of a pixel of an ARGB32 readback.

@@ -4,14 +4,17 @@
 #include <gtest/gtest.h>
 #include <map>
 
-// Light, tone curve and the finishing steps (vignette, grain, dither) of the composite shader,
-// and how a drawable with an origin agrees with the full-screen image.
+// The composite shader: light, tone curve and the finishing steps (vignette, grain, dither), how a
+// drawable with an origin agrees with the full-screen image, and each effect against values worked
+// out by hand from its formulas. Textures mapped 1:1 onto plate pixels are read at texel centres,
+// so filtering adds nothing.
 
 using namespace rendertest;
 
 namespace {
 
-const bool envReady = (useLavapipeAndPrivateLog(), true);
+Rgb times(Rgb a, double k) { return {a[0] * k, a[1] * k, a[2] * k}; }
+Rgb plus(Rgb a, Rgb b, double k) { return {a[0] + b[0] * k, a[1] + b[1] * k, a[2] + b[2] * k}; }
 
 class Composite : public RendererTest {
 protected:
@@ -151,18 +154,8 @@ TEST_F(Composite, ALayerMatchesTheSameRegionOfTheFullImage)
     const QImage part = render(layer, t, 24, 16), want = full.copy(20, 12, 24, 16);
     // The groove edges are anti-aliased over a screen-space derivative, which the software
     // rasterizer may round apart between two draws; a wrong origin moves every pixel instead.
-    int differing = 0, worst = 0;
-    for (int y = 0; y < 16; ++y)
-        for (int x = 0; x < 24; ++x) {
-            int d = 0;
-            for (int c = 0; c < 3; ++c)
-                d = std::max(
-                    d, std::abs(int(part.pixel(x, y) >> (8 * c) & 0xff) - int(want.pixel(x, y) >> (8 * c) & 0xff)));
-            differing += d > 0;
-            worst = std::max(worst, d);
-        }
-    EXPECT_LE(differing, 24 * 16 / 10);
-    EXPECT_LE(worst, 12);
+    EXPECT_LE(differingPixels(part, want), 24 * 16 / 10);
+    EXPECT_EQ(differingPixels(part, want, 12), 0);
     u.recordLight = {};
     layer.recordLight = {};
     EXPECT_TRUE(render(layer, t, 24, 16) == render(u, t, w, h).copy(20, 12, 24, 16));
@@ -201,6 +194,294 @@ TEST_F(Composite, AnLedAddsLightAtItsCentreAndFadesAway)
     expectLinear(out, 2, 60, {base, base + 2.0 * 0.03 * std::exp(-0.45 * 50 / 3.0), base}, "far corner");
     u.led45.at(3) = 0;  // level 0 is off
     expectLinear(render(u, t, 64, 64), 32, 20, {base, base, base}, "LED off");
+}
+
+TEST_F(Composite, SleeveArtCrossfadeMaskAndShowcaseGain)
+{
+    SceneUniforms u = plainUniforms(32, 32);
+    SceneTextures t;
+    const double l = light(u, t, {0.5, 0.5, 0.5})[0];
+    u.coverMaskRect = {0, 0, 32, 32};
+    u.coverInv = Float3x3::fromRows<float>({{{1 / 32.0f, 0, 0}, {0, 1 / 32.0f, 0}, {0, 0, 1}}});
+    t.coverMask = grey(128, 32, 32);
+    t.artOld = art(QColor(255, 128, 0));
+    t.artNew = art(QColor(0, 64, 255));
+    u.cover = {0.25f, 0, 0, 0};
+    // Showcase off (x = 0) whatever its other fields: gain 1.
+    u.showcase = {0, 8, 0.5f, 0};
+    u.tone.at(2) = 8;
+    // a = ¾ old + ¼ new; lin = l · mix(1, a, 128/255).
+    const Rgb a{0.75, 0.75 * srgbToLinear(128) + 0.25 * srgbToLinear(64), 0.25};
+    const double cm = 128 / 255.0;
+    Rgb want;
+    for (int c = 0; c < 3; ++c) want[c] = l * (1 - cm + cm * a[c]);
+    expectLinear(render(u, t, 32, 32), 16, 16, want, "crossfade under half a mask");
+
+    // White art, full mask, under 0.02 of light.
+    t.coverMask = grey(255, 32, 32);
+    t.artOld = t.artNew = art(QColor(255, 255, 255));
+    const double dim = light(u, t, {0.02, 0.02, 0.02})[0];
+    // Floor 0.1 for light art: gain 0.1 / 0.02 = 5, under the cap 8.
+    u.showcase = {0.1f, 8, 0, 0};
+    u.artMean = {1, 1, 1, 0};
+    expectLinear(render(u, t, 32, 32), 16, 16, {0.1, 0.1, 0.1}, "light-art floor");
+    // Dark art (luminance 0.05), floor 0.02: 0.02 / (0.02 · 0.05) = 20, capped by the dark cap
+    // max(tone.z = 10, showcase.y = 4) = 10, above the light-art gain min(5, 4).
+    u.showcase = {0.1f, 4, 0.02f, 0};
+    u.artMean = {0.05f, 0.05f, 0.05f, 0};
+    u.tone.at(2) = 10;
+    expectLinear(render(u, t, 32, 32), 16, 16, times({dim, dim, dim}, 10), "dark-art floor");
+}
+
+TEST_F(Composite, CoverBounceIsTintedByTheArt)
+{
+    SceneUniforms u = plainUniforms(32, 32);
+    SceneTextures t;
+    const double l = light(u, t, {0.3, 0.3, 0.3})[0];
+    u.bounceRect = {0, 0, 16, 32};
+    t.bounce[0] = constant({0.5f, 0.125f, 0.0625f, 1}, 16, 32);
+    t.bounce[1] = constant({0.25f, 0.25f, 0.25f, 1}, 16, 32);
+    u.bounceWeights = {1, 0.5f, 0, 0};
+    u.artMean = {0, 1, 0.5f, 0};
+    const QImage out = render(u, t, 32, 32);
+    // b = (0.625, 0.25, 0.1875): red loses 0.625 (clamped at 0), green keeps all, blue loses half.
+    expectLinear(out, 8, 16, {0, l, l - 0.1875 * 0.5}, "inside");
+    expectLinear(out, 24, 16, {l, l, l}, "outside the sprites");
+}
+
+TEST_F(Composite, TheLabelTurnsAndBlursWithTheRecord)
+{
+    SceneUniforms u = plainUniforms(64, 64);
+    SceneTextures t;
+    const double l = light(u, t, {0.5, 0.5, 0.5})[0];
+    // The label spans the plate, y up: q = (p.x/32 − 1, 1 − p.y/32).
+    u.labelInv = Float3x3::fromRows<float>({{{1 / 32.0f, 0, -1}, {0, -1 / 32.0f, 1}, {0, 0, 1}}});
+    u.labelMaskRect = {0, 0, 64, 64};
+    t.labelMask = grey(255, 64, 64);
+    // Black art with a white mark at its right middle (texels 12–15 × 6–9): at angle 0 it
+    // covers plate x 48–64, y 24–40.
+    QImage mark(16, 16, QImage::Format_RGBA8888);
+    mark.fill(Qt::black);
+    for (int y = 6; y < 10; ++y)
+        for (int x = 12; x < 16; ++x) mark.setPixelColor(x, y, Qt::white);
+    t.labelNew = art(mark);
+    t.labelOld = art(QColor(Qt::black));
+    u.cover = {1, 0, 0, 0};
+    const Rgb lit{l, l, l}, dark{0, 0, 0};
+    auto expectMarks = [&](const QImage &out, Rgb right, Rgb bottom, Rgb top, const std::string &what) {
+        expectLinear(out, 56, 32, right, what + ": right");
+        expectLinear(out, 32, 56, bottom, what + ": bottom");
+        expectLinear(out, 32, 8, top, what + ": top");
+        expectLinear(out, 8, 32, dark, what + ": left");
+    };
+    expectMarks(render(u, t, 64, 64), lit, dark, dark, "angle 0");
+    // l = R(π/2) q: the mark at l = (0.75, 0) shows at q = (0, −0.75), the bottom.
+    u.label = {float(M_PI / 2), 0, 0, 0};
+    expectMarks(render(u, t, 64, 64), dark, lit, dark, "angle π/2");
+    u.label = {float(M_PI / 2), 1, 1, 0};  // one sample: the exact angle, whatever the arc
+    expectMarks(render(u, t, 64, 64), dark, lit, dark, "one sample");
+    // Two samples over an arc of π: angles π/2 and −π/2, half the mark at the bottom and the top.
+    u.label = {0, float(M_PI), 2, 0};
+    expectMarks(render(u, t, 64, 64), dark, times(lit, 0.5), times(lit, 0.5), "blurred");
+}
+
+TEST_F(Composite, StrobeDotsSitWhereThePhasePutsThem)
+{
+    SceneUniforms u = plainUniforms(32, 32);
+    SceneTextures t;
+    const double l = light(u, t, {0.05, 0.05, 0.05})[0];
+    // Map: angle 1/16 turn on the left, 3/16 on the right; top rows full coverage and no
+    // across position, bottom rows half coverage at across position 0.25.
+    t.strobe = half(halfImage(32, 32, [](int x, int y) {
+        return std::array<float, 4>{x < 16 ? 0.0625f : 0.1875f, y < 16 ? 1.0f : 0.5f, y < 16 ? 0.0f : 0.25f, 1};
+    }));
+    u.strobeRect = {0, 0, 32, 32};
+    u.strobe = {4, float(M_PI / 8), 1, 0.8f};
+    u.strobeColor = {0.5f, 0.25f, 0.125f, 0};
+    const Rgb colour{0.5, 0.25, 0.125};
+    auto with = [&](double k) { return Rgb{l + colour[0] * k, l + colour[1] * k, l + colour[2] * k}; };
+    // Four dots, phase 1/16 turn: f = frac(4 · (1/16 + 1/16)) = 0.5 on the left (a dot's
+    // centre), frac(4 · (3/16 + 1/16)) = 0 on the right (between dots). Across 0.25 puts the
+    // point 0.55 from the centre: smoothstep(0.8, 0.5, 0.55) = 0.9259.
+    QImage out = render(u, t, 32, 32);
+    expectLinear(out, 8, 8, with(0.8), "sharp, on a dot");
+    expectLinear(out, 24, 8, with(0), "sharp, between dots");
+    expectLinear(out, 8, 24, with(0.9259 * 0.5 * 0.8), "sharp, off-centre, half coverage");
+    // Sharpness 0.25 blends towards an even 0.3.
+    u.strobe.at(2) = 0.25f;
+    out = render(u, t, 32, 32);
+    expectLinear(out, 8, 8, with((0.3 + 0.25 * 0.7) * 0.8), "soft, on a dot");
+    expectLinear(out, 24, 8, with(0.3 * 0.75 * 0.8), "soft, between dots");
+}
+
+TEST_F(Composite, RecordShadingWithAndWithoutPasses)
+{
+    // Record centred on a pixel centre, 60 px to the rim: 2.5 mm per pixel. Label to 40 mm,
+    // one band from 100 to 60 mm (24–40 px out). No sheen unless stated.
+    const int size = 128;
+    SceneUniforms u = plainUniforms(size, size);
+    SceneTextures t;
+    const Rgb l = light(u, t, {0.3, 0.2, 0.1});
+    u.recordInv = Float3x3::fromRows<float>({{{1 / 60.0f, 0, -64.5f / 60}, {0, 1 / 60.0f, -64.5f / 60}, {0, 0, 1}}});
+    u.recordGeo = {150, 40, 140, 50};
+    u.recordLight = {1, 0, 0, 1};
+    u.bands[0] = {100, 60, 0, 0};
+    u.bandCount = 1;
+    auto ring = [](const QImage &out, int r, Rgb want, const std::string &what) {  // right, left, down, up
+        for (auto [x, y] : {std::pair{64 + r, 64}, {64 - r, 64}, {64, 64 + r}, {64, 64 - r}})
+            expectLinear(out, x, y, want, what, 3);
+    };
+    // Approximate mode: the plate's vinyl, 0.8 of it in the grooves, untouched on the label.
+    QImage out = render(u, t, size, size);
+    ring(out, 32, times(l, 0.8), "approximate, grooved");
+    ring(out, 48, l, "approximate, smooth");
+    ring(out, 10, l, "approximate, label");
+
+    // Sheen along (1, 0) with a given colour: streak 1 ahead, 0.55 behind, none across; ripple
+    // 0.85 (a pixel is wider than 1/8 mm); grooves full, smooth vinyl 0.15.
+    u.recordLight = {1, 0, 0.5f, 1};
+    u.recordColor = {1, 0.8f, 0.6f, 1};
+    const Rgb lc{1, 0.8, 0.6};
+    out = render(u, t, size, size);
+    expectLinear(out, 96, 64, plus(times(l, 0.8), lc, 0.5 * 0.85), "sheen ahead", 3);
+    expectLinear(out, 32, 64, plus(times(l, 0.8), lc, 0.5 * 0.55 * 0.85), "sheen behind", 3);
+    expectLinear(out, 64, 96, times(l, 0.8), "sheen across", 3);
+    expectLinear(out, 112, 64, plus(l, lc, 0.5 * 0.15 * 0.85), "sheen on smooth vinyl", 3);
+    // Without a colour of its own the sheen is grey, 1.5 × the luminance of the label's light.
+    u.recordColor.at(3) = 0;
+    const double d = 0.2126 * l[0] + 0.7152 * l[1] + 0.0722 * l[2];
+    expectLinear(render(u, t, size, size), 96, 64, plus(times(l, 0.8), {1.5 * d, 1.5 * d, 1.5 * d}, 0.5 * 0.85),
+                 "grey sheen", 3);
+
+    // With passes: S = ¾ rec0 + ¼ rec1 (colour), D the same of their alphas.
+    u.recordLight = {1, 0, 0, 1};
+    const std::array<float, 4> r0{0.1f, 0.2f, 0.3f, 0.4f}, r1{0.3f, 0.1f, 0.1f, 0.2f};
+    t.record = {constant(r0), constant(r1)};
+    u.recordRect = {0, 0, float(size), float(size)};
+    u.recordMisc = {0.5f, 0.5f, 0.75f, 0.25f};
+    Rgb s;
+    for (int c = 0; c < 3; ++c) s[c] = 0.75 * halfRounded(r0[c]) + 0.25 * halfRounded(r1[c]);
+    const double dp = 0.75 * halfRounded(r0[3]) + 0.25 * halfRounded(r1[3]);
+    const Rgb grooved = plus(times(s, 0.5), {1, 1, 1}, 0.028 * dp),
+              smooth = plus(times(s, 0.85), {1, 1, 1}, 0.028 * dp);
+    out = render(u, t, size, size);
+    ring(out, 32, grooved, "passes, grooved");
+    ring(out, 48, smooth, "passes, smooth");
+    ring(out, 10, l, "passes, label");
+    // A mask replaces the analytic disc: half coverage everywhere, the label area included.
+    u.recordMaskRect = {0, 0, float(size), float(size)};
+    t.recordMask = grey(128, size, size);
+    const double cov = 128 / 255.0;
+    out = render(u, t, size, size);
+    ring(out, 10, plus(times(l, 1 - cov), smooth, cov), "masked, label");
+    ring(out, 32, plus(times(l, 1 - cov), grooved, cov), "masked, grooved");
+}
+
+TEST_F(Composite, TonearmShadowReflectionAndFrontLayers)
+{
+    // Plate 80×16 in columns of 8 px, lit grey 0.2. Slots 0 and 1 read the source plane at
+    // p + (100, 0), slot 2 at p + (200, 0); reflections are placed in plate pixels.
+    SceneUniforms u = plainUniforms(80, 16);
+    SceneTextures t;
+    light(u, t, {0.2, 0.2, 0.2});
+    u.armInv = {Float3x3::fromRows<float>({{{1, 0, 100}, {0, 1, 0}, {0, 0, 1}}}),
+                Float3x3::fromRows<float>({{{1, 0, 200}, {0, 1, 0}, {0, 0, 1}}})};
+    u.armCount = 3;
+    u.armWeights = {0.5f, 0.3f, 0.2f, 0};
+    u.armRects = {{{100, 0, 16, 16}, {300, 0, 16, 16}, {208, 0, 16, 16}, {}}};  // plate x 0–16, none, 8–24
+    t.arm[0] = constant({0.25f, 0.125f, 0, 0.5f}, 16, 16);
+    t.arm[2] = constant({0, 0, 0.25f, 0.625f}, 16, 16);
+    u.shadowRects = {{{132, 0, 16, 16}, {140, 0, 16, 16}, {}, {}}};  // plate x 32–48 and 40–56
+    t.shadows[0] = grey(102, 16, 16);                                // 0.4
+    t.shadows[1] = grey(51, 16, 16);                                 // 0.2
+    u.reflRects = {{{16, 0, 16, 16}, {}, {48, 0, 16, 16}, {}}};      // plate x 16–32 and 48–64
+    t.reflections[0] = constant({0.125f, 0, 0, 1}, 16, 16);
+    t.reflections[2] = constant({0.5f, 0.5f, 0, 1}, 16, 16);
+    u.frontCount = 2;
+    u.frontWeights = {1, 0.5f, 0, 0};
+    u.frontRects = {{{64, 0, 16, 16}, {72, 0, 8, 16}}};
+    t.fronts[0] = constant({0, 0.25f, 0, 0.5f}, 16, 16);
+    t.fronts[1] = constant({0.25f, 0, 0, 0.5f}, 8, 16);
+    // Shadow weight 0.8 (slots 0, 1), a slot outside its rectangle counts 1: the light is
+    // scaled by 1 − 0.8 + Σ shadow·weight. Reflections add before the arm goes over.
+    const std::array<Rgb, 10> want{{
+        {0.125 + 0.75 * 0.2, 0.0625 + 0.75 * 0.2, 0.75 * 0.2},            // arm 0: ½ of it over
+        {0.125 + 0.625 * 0.2, 0.0625 + 0.625 * 0.2, 0.05 + 0.625 * 0.2},  // arms 0 and 2
+        {0.875 * (0.2 + 0.0625), 0.875 * 0.2, 0.05 + 0.875 * 0.2},        // arm 2 over reflection 0
+        {0.2 + 0.0625, 0.2, 0.2},                                         // reflection 0
+        {0.2 * 0.7, 0.2 * 0.7, 0.2 * 0.7},                                // shadow 0: 0.2 + 0.4·0.5
+        {0.2 * 0.46, 0.2 * 0.46, 0.2 * 0.46},                             // both: 0.2 + 0.2 + 0.06
+        {0.2 * 0.76 + 0.1, 0.2 * 0.76 + 0.1, 0.2 * 0.76},                 // shadow 1, then reflection 2
+        {0.3, 0.3, 0.2},                                                  // reflection 2
+        {0.5 * 0.2, 0.25 + 0.5 * 0.2, 0.5 * 0.2},                         // front 0
+        {0.125 + 0.25 * 0.2, 0.25 + 0.25 * 0.2, 0.25 * 0.2},              // fronts 0 and ½ of 1
+    }};
+    const QImage out = render(u, t, 80, 16);
+    for (int i = 0; i < 10; ++i) expectLinear(out, 4 + 8 * i, 8, want[i], "column " + std::to_string(i));
+}
+
+TEST_F(Composite, RainOnTheGlassAndRainyDayLight)
+{
+    // Rainy-day light cools everything, drops or not: mix(l, (0.85 l + 0.15 lum) · tint, z).
+    SceneUniforms u = plainUniforms(16, 16);
+    SceneTextures t;
+    const Rgb warm = light(u, t, {0.4, 0.2, 0.1});
+    u.rain = {0, 0, 0.6f, 0};
+    const double m = 0.2126 * warm[0] + 0.7152 * warm[1] + 0.0722 * warm[2];
+    const Rgb tint{0.92, 0.97, 1.06};
+    Rgb cooled;
+    for (int c = 0; c < 3; ++c) cooled[c] = 0.4 * warm[c] + 0.6 * (0.85 * warm[c] + 0.15 * m) * tint[c];
+    expectLinear(render(u, t, 16, 16), 8, 8, cooled, "rainy light");
+
+    // Drops on a glass mask over the left 128 of 160 columns; cells are 1% of a plate 1024
+    // wide (11 px). Under even light a drop refracts the same light at 0.92, and wet glass
+    // is tinted by (0.93, 0.96, 1) at half the intensity.
+    const int w = 160, h = 96;
+    u = plainUniforms(1024, 512);
+    const double l = light(u, t, {0.3, 0.3, 0.3})[0];
+    u.glassRect = {0, 0, 128, float(h)};
+    t.glass = grey(255, 128, h);
+    const QImage dry = render(u, t, w, h);
+    auto wetFraction = [&](const QImage &img, double intensity) {
+        int wet = 0, changedOffGlass = 0, unexplained = 0;
+        for (int y = 0; y < h; ++y)
+            for (int x = 0; x < w; ++x) {
+                if (x >= 128) {  // off the glass nothing changes
+                    changedOffGlass += img.pixel(x, y) != dry.pixel(x, y);
+                    continue;
+                }
+                // Some drop strength k in [0, 1] must explain the pixel.
+                const auto got = rgbAt(img, x, y);
+                int best = 255, bestK = 0;
+                for (int k = 0; k <= 20; ++k) {
+                    const double s = l * (1 - 0.08 * k / 20.0);
+                    const Rgb want = agx({s * (1 - 0.035 * intensity), s * (1 - 0.02 * intensity), s}, 1, 0, 1);
+                    int err = 0;
+                    for (int c = 0; c < 3; ++c) err = std::max(err, int(std::lround(std::abs(got[c] - want[c] * 255))));
+                    if (err < best) best = err, bestK = k;
+                }
+                unexplained += best > 2;
+                wet += bestK >= 12;  // darker than the dither can make a dry pixel
+            }
+        EXPECT_EQ(changedOffGlass, 0) << "rain " << intensity;
+        EXPECT_EQ(unexplained, 0) << "rain " << intensity;
+        return double(wet) / (128 * h);
+    };
+    u.rain = {5, 1, 0, 1};
+    const QImage heavy = render(u, t, w, h);
+    const double heavyWet = wetFraction(heavy, 1);
+    u.rain = {5, 0.1f, 0, 1};
+    EXPECT_GT(heavyWet, 0.01);
+    EXPECT_LT(heavyWet, 0.5);
+    EXPECT_LT(wetFraction(render(u, t, w, h), 0.1), heavyWet);
+    // Running drops move with time.
+    u.rain = {6, 1, 0, 1};
+    EXPECT_GT(differingPixels(render(u, t, w, h), heavy), 20);
+    // Behind an opaque dust cover (transmission 0) the glass shows neither drops nor tint.
+    u.dust = {0, 1, 0, 0};
+    u.dustRect = {0, 0, float(w), float(h)};
+    t.dustCover = grey(255, w, h);
+    EXPECT_TRUE(render(u, t, w, h) == dry);
 }
 
 TEST(CompositeCreation, ABrokenShaderLeavesNoRendererAndIsLogged)

@@ -11,8 +11,6 @@ using namespace rendertest;
 
 namespace {
 
-const bool envReady = (useLavapipeAndPrivateLog(), true);
-
 TEST(DeviceChoice, HardwareBeatsTheSoftwareDeviceWhateverTheOrderAndTheChoiceIsLogged)
 {
     constexpr auto cpu = VK_PHYSICAL_DEVICE_TYPE_CPU, discrete = VK_PHYSICAL_DEVICE_TYPE_DISCRETE_GPU,

@@ -12,8 +12,6 @@ using namespace std::chrono_literals;
 
 namespace {
 
-const bool envReady = (useLavapipeAndPrivateLog(), true);
-
 class Mixes : public RendererTest {
 protected:
     void SetUp() override

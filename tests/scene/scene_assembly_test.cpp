@@ -18,8 +18,6 @@ using namespace std::chrono_literals;
 
 namespace {
 
-const bool envReady = (useLavapipeAndPrivateLog(), true);
-
 TEST(PlateGeometry, QuadMapsOntoArtAndDiscAndThePlateFillsTheScreenCentred)
 {
     const PlateManifest::Quad q{{{10, 20}, {110, 25}, {105, 90}, {12, 80}}};
@@ -89,36 +87,6 @@ TEST_F(SmallScene, AssemblesMatricesProbesAreaAndLight)
     EXPECT_EQ(u.mixWeights, (Float4{0.75f, 0.25f, 0, 0}));
 }
 
-TEST_F(SmallScene, MissingPassesAndSpritesSwitchTheirEffectOffWithALogLine)
-{
-    LoadedScene &s = load(manifest());
-    EXPECT_TRUE(readLog().contains("Disco ao vivo sem passes (sem pasta record): modo aproximado"));
-    ASSERT_TRUE(s.sprites);
-    s.sprites->ensureNow({"dia"}, 0, 10);
-    EXPECT_FALSE(s.sprites->pose(0, 0, {{"dia", 1.0}}));
-    SceneUniforms u;
-    SceneTextures t;
-    s.effects->fill(u, t, {{"dia", 1.0}}, 5.0, RecordSpin{}, true, {0.5, 0.5, 0.5}, 30, false);
-    EXPECT_EQ(u.recordRect[2], 0.0f);      // approximate record
-    EXPECT_EQ(u.recordLight[3], 1.0f);     // the live record is still on
-    EXPECT_EQ(u.recordMaskRect[2], 0.0f);  // no mask file: the analytic disc
-    EXPECT_EQ(u.led33[3], 1.0f);           // playing: the 33 LED is lit
-    EXPECT_EQ(u.bandCount, 4u);            // the made-up album's side A
-}
-
-TEST_F(SmallScene, AWrongSizedPlateFailsItsPresetOnly)
-{
-    writeExr(dir + "/light/lamp.exr", 32, 48, [](int, int) { return std::array<float, 4>{1, 1, 1, 1}; });
-    LoadedScene &s = load(manifest());
-    QStringList failures;
-    s.mixes->onFailure = [&](const QString &e) { failures << e; };
-    s.mixes->ensure({"dia", "noite"});
-    ASSERT_TRUE(testsupport::waitUntil([&] { return !s.mixes->building() && s.mixes->queue().empty(); }, 120s));
-    EXPECT_NE(s.mixes->ready("dia"), nullptr);
-    EXPECT_EQ(s.mixes->ready("noite"), nullptr);
-    EXPECT_EQ(failures, QStringList{QString::fromUtf8("lamp.exr tem 32×48, manifest diz 64×48")});
-}
-
 TEST_F(SmallScene, OfflineRenderIsRepeatableAndShowsTheLight)
 {
     OfflineRender::Options o;
@@ -154,25 +122,17 @@ TEST_F(SmallScene, SteamRisesOverTheCupAndNeverBelowIt)
     const QImage still = rendered(o, "still.png");
     ASSERT_EQ(steam.size(), still.size());
     // The cup sits at plate (10, 44), screen (80, 352); the steam only ever adds light above it.
-    int brighter = 0, darker = 0, changedBelow = 0;
-    for (int y = 0; y < steam.height(); ++y)
-        for (int x = 0; x < steam.width(); ++x) {
-            const int d = qRed(steam.pixel(x, y)) - qRed(still.pixel(x, y));
-            darker += d < 0;
-            brighter += d >= 2;
-            changedBelow += y > 354 && steam.pixel(x, y) != still.pixel(x, y);
-        }
-    EXPECT_EQ(darker, 0);
-    EXPECT_EQ(changedBelow, 0);
-    EXPECT_GT(brighter, 30);
+    const auto gain = [&](int x, int y) { return qRed(steam.pixel(x, y)) - qRed(still.pixel(x, y)); };
+    EXPECT_EQ(sumOver(steam.rect(), [&](int x, int y) { return gain(x, y) < 0; }), 0);
+    EXPECT_GT(sumOver(steam.rect(), [&](int x, int y) { return gain(x, y) >= 2; }), 30);
+    const QRect below(0, 355, 512, 29);
+    EXPECT_EQ(differingPixels(steam.copy(below), still.copy(below)), 0);
 }
 
 TEST_F(SmallScene, TheStackShowsTheCoverPlayedBefore)
 {
     const auto solid = [&](const QString &name, QRgb colour) {
-        QImage image(300, 300, QImage::Format_RGB32);
-        image.fill(colour);
-        image.save(root.filePath(name));
+        testsupport::solidImage(colour, 300, 300).save(root.filePath(name));
         return root.filePath(name);
     };
     OfflineRender::Options o = renderOf(128, 96, "dia");
@@ -192,30 +152,59 @@ TEST_F(SmallScene, TheStackShowsTheCoverPlayedBefore)
     EXPECT_EQ(red.pixel(20, 85), none.pixel(20, 85));
 }
 
-}  // namespace
+// The room's shared state over the small scene, with a settings file of its own, and a renderer.
+class SmallRoom : public SmallScene {
+protected:
+    void SetUp() override
+    {
+        SmallScene::SetUp();
+        gpu = SceneRenderer::create();
+        ASSERT_TRUE(gpu);
+    }
+    std::unique_ptr<RoomScene> roomScene()
+    {
+        return std::make_unique<RoomScene>(RoomScene::Services{&state, &status, &power, &settings, nullptr, nullptr,
+                                                               MediaClock([this] { return now; })},
+                                           gpu);
+    }
 
-namespace {
-
-struct Room {
-    Settings settings;
+    testsupport::ScopedEnv scenes{"TURNELO_SCENES_DIR", root.path().toUtf8()};
+    Settings settings{root.filePath("settings.json")};
     PlayerState state;
     SceneStatus status;
     PowerMonitor power{settings, nullptr};
-    std::optional<SceneStatus::Problem> problem;
+    std::shared_ptr<SceneRenderer> gpu;
+    double now = 1000;  // the media clock: tests move it
 };
 
-}  // namespace
+// A light chosen while the room shows another fades in once its mixes are built; until then the
+// old light stays on screen.
+TEST_F(SmallRoom, AChosenLightFadesInOnceItsMixesAreBuilt)
+{
+    manifest();
+    settings.setLightPreset("dia");
+    const auto room = roomScene();
+    room->load();
+    ASSERT_TRUE(testsupport::waitUntil([&] { return room->ready(); }, 60s));
+    room->advance(now += 10);
+    EXPECT_EQ(room->blend(), (Blend{{"dia", 1.0}}));
+    settings.setLightPreset("noite");
+    EXPECT_EQ(room->scene()->mixes->building().value_or(""), "noite") << "not built until the clock's next tick";
+    room->advance(now += 10);
+    EXPECT_EQ(room->blend(), (Blend{{"dia", 1.0}})) << "the old light went before the new one was built";
+    ASSERT_TRUE(testsupport::waitUntil([&] { return room->scene()->mixes->ready("noite") != nullptr; }, 60s));
+    room->advance(now += LightMixer::crossFadeSeconds / 2);
+    EXPECT_NEAR(room->blend().at("noite"), 0.5, 0.2);
+    room->advance(now += LightMixer::crossFadeSeconds / 2);
+    EXPECT_EQ(room->blend(), (Blend{{"noite", 1.0}}));
+    EXPECT_TRUE(room->describe().contains("luz noite 1.00")) << room->describe().toStdString();
+}
 
 // Plates that cannot be read, a device that runs out of memory or a thread that throws: the
 // room is unavailable with the reason, and the program goes on.
-TEST_F(SmallScene, WhateverFailsOnTheWayComesBackAsTheReason)
+TEST_F(SmallRoom, WhateverFailsOnTheWayComesBackAsTheReason)
 {
-    testsupport::ScopedEnv scenes("TURNELO_SCENES_DIR", root.path().toUtf8());
     manifest();
-    Room r;
-    std::shared_ptr<SceneRenderer> gpu = SceneRenderer::create();
-    ASSERT_TRUE(gpu);
-
     using Reason = SceneStatus::Reason;
     const std::vector<std::pair<std::function<void()>, Reason>> throws{
         {[] { throw VulkanError("vkAllocateMemory", VK_ERROR_OUT_OF_DEVICE_MEMORY); }, Reason::gpu},
@@ -224,7 +213,7 @@ TEST_F(SmallScene, WhateverFailsOnTheWayComesBackAsTheReason)
         {[] { throw SceneError(SceneError::Kind::badPlate, "room.exr: truncado"); }, Reason::damagedPlates},
     };
     for (const auto &[raise, reason] : throws) {
-        SceneLoader loader(*gpu, r.status, r.settings, [raise = raise](auto &&...) -> SceneLoader::Assembled {
+        SceneLoader loader(*gpu, status, settings, [raise = raise](auto &&...) -> SceneLoader::Assembled {
             raise();
             return QString();
         });
@@ -237,40 +226,37 @@ TEST_F(SmallScene, WhateverFailsOnTheWayComesBackAsTheReason)
 
     // A damaged light plate: the first light cannot be built and the room says why.
     writeExr(dir + "/light/lamp.exr", 32, 48, [](int, int) { return std::array<float, 4>{1, 1, 1, 1}; });
-    r.settings.setLightPreset("noite");
-    RoomScene room({&r.state, &r.status, &r.power, &r.settings, nullptr, nullptr, MediaClock()}, gpu);
-    QObject::connect(&room, &RoomScene::unavailable, [&](const SceneStatus::Problem &p) { r.problem = p; });
-    room.load();
-    ASSERT_TRUE(testsupport::waitUntil([&] { return r.problem.has_value(); }, 120s));
-    EXPECT_EQ(r.problem->reason, Reason::damagedPlates);
-    EXPECT_EQ(r.problem->detail, QString::fromUtf8("lamp.exr tem 32×48, manifest diz 64×48"));
-    EXPECT_EQ(r.status.problem(), r.problem);
-    EXPECT_FALSE(room.ready());
+    settings.setLightPreset("noite");
+    const auto room = roomScene();
+    std::optional<SceneStatus::Problem> problem;
+    QObject::connect(room.get(), &RoomScene::unavailable, [&](const SceneStatus::Problem &p) { problem = p; });
+    room->load();
+    ASSERT_TRUE(testsupport::waitUntil([&] { return problem.has_value(); }, 120s));
+    EXPECT_EQ(problem->reason, Reason::damagedPlates);
+    EXPECT_EQ(problem->detail, QString::fromUtf8("lamp.exr tem 32×48, manifest diz 64×48"));
+    EXPECT_EQ(status.problem(), problem);
+    EXPECT_FALSE(room->ready());
 }
 
 // A framing of the manifest whose files are not on disk is offered, not installed; asking for
 // it keeps the room on the framing it shows.
-TEST_F(SmallScene, AFramingNotOnDiskLeavesTheRoomAsItIs)
+TEST_F(SmallRoom, AFramingNotOnDiskLeavesTheRoomAsItIs)
 {
-    testsupport::ScopedEnv scenes("TURNELO_SCENES_DIR", root.path().toUtf8());
     manifest([](QJsonObject &json, QJsonObject &wide) {
         QJsonObject framings = json["framings"].toObject();
         framings["mid"] = wide;  // the same framing under another name, with no files of its own
         json["framings"] = framings;
     });
-    Room r;
-    std::shared_ptr<SceneRenderer> gpu = SceneRenderer::create();
-    ASSERT_TRUE(gpu);
-    r.settings.setFraming("wide");
-    SceneLoader loader(*gpu, r.status, r.settings);
+    settings.setFraming("wide");
+    SceneLoader loader(*gpu, status, settings);
     int loads = 0;
     loader.onLoaded = [&](std::unique_ptr<LoadedScene>, const QString &, double) { ++loads; };
     loader.load();
     ASSERT_TRUE(testsupport::waitUntil([&] { return loads == 1; }, 60s));
-    EXPECT_EQ(r.status.framings(), (QStringList{"wide", "mid"}));
-    EXPECT_EQ(r.status.installedFramings(), QStringList{"wide"});
+    EXPECT_EQ(status.framings(), (QStringList{"wide", "mid"}));
+    EXPECT_EQ(status.installedFramings(), QStringList{"wide"});
 
-    r.settings.setFraming("mid");
+    settings.setFraming("mid");
     const int generation = loader.generation();
     loader.framingChanged();
     EXPECT_EQ(loader.generation(), generation) << "a load started for a framing with no files";
@@ -280,29 +266,23 @@ TEST_F(SmallScene, AFramingNotOnDiskLeavesTheRoomAsItIs)
 }
 
 // The developer keys: "showcase" overrides the manifest's showcase light, "debugCoverArt" stands in
-// for the player's cover, with "rotulo.png" beside it as the label.
-TEST_F(SmallScene, DeveloperKeysReplaceTheShowcaseLightAndTheCover)
+// for the player's cover.
+TEST_F(SmallRoom, DeveloperKeysReplaceTheShowcaseLightAndTheCover)
 {
-    testsupport::ScopedEnv scenes("TURNELO_SCENES_DIR", root.path().toUtf8());
     manifest();
-    QImage red(32, 32, QImage::Format_RGB32);
-    red.fill(Qt::red);
-    ASSERT_TRUE(red.save(root.filePath("cover.png")));
-    Room r;
-    r.settings.setValue("showcase", QVariantMap{{"maxGain", 2.5}, {"floor", 0.25}});
-    r.settings.setValue("debugCoverArt", root.filePath("cover.png"));
-    std::shared_ptr<SceneRenderer> gpu = SceneRenderer::create();
-    ASSERT_TRUE(gpu);
-    RoomScene room({&r.state, &r.status, &r.power, &r.settings, nullptr, nullptr, MediaClock()}, gpu);
-    room.load();
-    ASSERT_TRUE(testsupport::waitUntil([&] { return room.scene() != nullptr; }, 60s));
-    EXPECT_EQ(room.scene()->showcase[0], 0.25);
-    EXPECT_EQ(room.scene()->showcase[1], 2.5);
-    EXPECT_EQ(room.scene()->showcase[2], 0.0) << "a key the setting lacks keeps the manifest's";
-    const CoverArt::Color mean = room.coverArt().current().mean;
+    ASSERT_TRUE(testsupport::solidImage(Qt::red).save(root.filePath("cover.png")));
+    settings.setValue("showcase", QVariantMap{{"maxGain", 2.5}, {"floor", 0.25}});
+    settings.setValue("debugCoverArt", root.filePath("cover.png"));
+    const auto room = roomScene();
+    room->load();
+    ASSERT_TRUE(testsupport::waitUntil([&] { return room->scene() != nullptr; }, 60s));
+    EXPECT_EQ(room->scene()->showcase[0], 0.25);
+    EXPECT_EQ(room->scene()->showcase[1], 2.5);
+    EXPECT_EQ(room->scene()->showcase[2], 0.0) << "a key the setting lacks keeps the manifest's";
+    const CoverArt::Color mean = room->coverArt().current().mean;
     EXPECT_GT(mean.r, 0.9);
     EXPECT_LT(mean.g, 0.05);
-    EXPECT_FALSE(room.coverArt().usesDefaultCover());
-    r.settings.remove("showcase");
-    r.settings.remove("debugCoverArt");
+    EXPECT_FALSE(room->coverArt().usesDefaultCover());
 }
+
+}  // namespace

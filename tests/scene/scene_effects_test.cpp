@@ -1,6 +1,7 @@
 #include "SmallScene.h"
 
 #include "core/turntable/TonearmMotion.h"
+#include "scene/PlateGeometry.h"
 #include "scene/TonearmSprites.h"
 
 #include <cmath>
@@ -10,8 +11,6 @@ using namespace scenetest;
 using namespace std::chrono_literals;
 
 namespace {
-
-const bool envReady = (useLavapipeAndPrivateLog(), true);
 
 // The uniforms of one frame of the effects, every switch on, a record playing.
 struct Filled {
@@ -32,6 +31,21 @@ void setPresetKey(QJsonObject &root, const QString &preset, const QString &key, 
     p[key] = value;
     presets[preset] = p;
     root["presets"] = presets;
+}
+
+TEST_F(SmallScene, MissingPassesAndSpritesSwitchTheirEffectOffWithALogLine)
+{
+    LoadedScene &s = load(manifest());
+    EXPECT_TRUE(readLog().contains("Disco ao vivo sem passes (sem pasta record): modo aproximado"));
+    ASSERT_TRUE(s.sprites);
+    s.sprites->ensureNow({"dia"}, 0, 10);
+    EXPECT_FALSE(s.sprites->pose(0, 0, {{"dia", 1.0}}));
+    const SceneUniforms u = fillEffects(s, {{"dia", 1.0}}).u;
+    EXPECT_EQ(u.recordRect[2], 0.0f);      // approximate record
+    EXPECT_EQ(u.recordLight[3], 1.0f);     // the live record is still on
+    EXPECT_EQ(u.recordMaskRect[2], 0.0f);  // no mask file: the analytic disc
+    EXPECT_EQ(u.led33[3], 1.0f);           // playing: the 33 LED is lit
+    EXPECT_EQ(u.bandCount, 4u);            // the made-up album's side A
 }
 
 TEST_F(SmallScene, RecordLightAndSpeedLedColoursComeFromTheManifest)
@@ -81,10 +95,8 @@ TEST_F(SmallScene, RainCoolsTheRoomWithoutWindowGlassUnlessTheSaverIsOn)
     const QImage rainy = rendered(o, "rainy.png");
     ASSERT_FALSE(dry.isNull() || rainy.isNull());
     auto coolness = [](const QImage &image) {
-        double sum = 0;
-        for (int y = 0; y < image.height(); ++y)
-            for (int x = 0; x < image.width(); ++x) sum += qBlue(image.pixel(x, y)) - qRed(image.pixel(x, y));
-        return sum / (image.width() * image.height());
+        return sumOver(image.rect(), [&](int x, int y) { return qBlue(image.pixel(x, y)) - qRed(image.pixel(x, y)); }) /
+               (image.width() * image.height());
     };
     EXPECT_GT(coolness(rainy), coolness(dry) + 3);
 }
@@ -202,13 +214,7 @@ protected:
         for (int i = 0; i < 3; ++i) r[i] = v[i] * c + cross[i] * s + axis[i] * dot * (1 - c);
         return r;
     }
-    std::array<double, 2> plate(const V3 &x) const
-    {
-        double h[3];
-        for (int r = 0; r < 3; ++r)
-            h[r] = camera.P[r][0] * x[0] + camera.P[r][1] * x[1] + camera.P[r][2] * x[2] + camera.P[r][3];
-        return {h[0] / h[2], h[1] / h[2]};
-    }
+    std::array<double, 2> plate(const V3 &x) const { return PlateGeometry::projectWorld(camera, x).value(); }
     static std::array<double, 2> project(const Float3x3 &m, std::array<double, 2> p)
     {
         double h[3];

@@ -1,9 +1,7 @@
-#include "LoopbackHttp.h"
 #include "NginxServer.h"
 #include "ScenePackages.h"
 #include "TestSupport.h"
 
-#include <QProcess>
 #include <QTemporaryDir>
 #include <gtest/gtest.h>
 
@@ -16,7 +14,8 @@ using namespace std::chrono_literals;
 namespace {
 
 // The exit status is the tool's answer to "is the offered scene installed now?": a failed run
-// must say so even when an older scene stays installed and the installer shows it as ready.
+// must say so even when an older scene stays installed and the installer shows it as ready. Why
+// each kind of run fails is the installer's own tests' business.
 TEST(TurneloSync, ExitsZeroOnlyWhenTheOfferedSceneIsInstalled)
 {
     QTemporaryDir tmp;
@@ -48,44 +47,9 @@ TEST(TurneloSync, ExitsZeroOnlyWhenTheOfferedSceneIsInstalled)
     writeCatalog(server.scenesDir(), {corrupt});
     expectFailure(sync(), "SHA-256 não confere em apt-2.zip");
 
-    writeCatalog(server.scenesDir(), {scenepackages::publishZip(server.scenesDir(), "climb.zip",
-                                                                {{"manifest.json", manifestJson("evil"), {}, false},
-                                                                 {"../escape.txt", "x", {}, false}},
-                                                                "climb")});
-    expectFailure(sync(), "\"..\" no caminho");
-
-    auto future = publishScene(server.scenesDir(), tmp.path(), "apt-9.zip", "future", 1000, 9);
-    future.minAppVersion = QStringLiteral("99");
-    writeCatalog(server.scenesDir(), {future});
-    expectFailure(sync(), "nenhuma cena compatível com");
-
     server.stop();
     expectFailure(sync(), "falha de rede ao buscar o catálogo");
-
     EXPECT_EQ(scenarioAt(root + "/Scenes"), QStringLiteral("first"));
-    EXPECT_FALSE(QFileInfo::exists(tmp.path() + "/escape.txt"));
-}
-
-// The tool runs the installer with its limits: a catalog without end fails the run at the cap.
-TEST(TurneloSync, GivesUpOnACatalogWithoutEnd)
-{
-    QTemporaryDir tmp;
-    LoopbackHttp server;
-    server.answer = [](const QString &) { return LoopbackHttp::Reply{"{", 200, 0, -1, 64 << 10, 0, -1}; };
-    QProcess sync;  // run beside the event loop, which the server needs
-    QStringList env = QProcess::systemEnvironment();
-    env << "XDG_STATE_HOME=" + tmp.path() + "/state"
-        << "XDG_DATA_HOME=" + tmp.path() + "/data";
-    sync.setEnvironment(env);
-    sync.start(builtTool("turnelo-sync"), {"--root", tmp.path() + "/support", "--url", server.url("/"), "--settings",
-                                           tmp.path() + "/settings.json"});
-    const bool ended = testsupport::waitUntil([&] { return sync.state() == QProcess::NotRunning; }, 20s);
-    if (!ended) sync.kill();
-    ASSERT_TRUE(ended);
-    EXPECT_EQ(sync.exitCode(), 1);
-    const QByteArray err = sync.readAllStandardError();
-    EXPECT_TRUE(err.startsWith("failed: ") && err.contains("8388608")) << err.constData();
-    EXPECT_LT(server.sent, 16 << 20);
 }
 
 }  // namespace

@@ -1,13 +1,9 @@
 // The tray popover: the room's state in the user's words, framing tiles over a real installer
-// fetching from nginx, and the light dial in the running application, where a choice reaches the
-// settings and the room's light.
+// fetching from nginx, and the light dial, where a choice reaches the settings.
 
 #include "NginxServer.h"
 #include "ScenePackages.h"
 #include "TestSupport.h"
-#include "app/AppDelegate.h"
-#include "core/app/AppIdentity.h"
-#include "core/app/Log.h"
 #include "core/app/Settings.h"
 #include "core/delivery/PackageDownload.h"
 #include "core/delivery/SceneInstaller.h"
@@ -18,7 +14,6 @@
 #include "ui/LightDial.h"
 #include "ui/PopoverWindow.h"
 
-#include <QProcess>
 #include <QTemporaryDir>
 #include <QTest>
 #include <gtest/gtest.h>
@@ -258,42 +253,26 @@ TEST(PopoverWindow, FramingTilesSayWhatIsOnDiskAndWhatTheCatalogOffers)
     EXPECT_FALSE(popover.isVisible());
 }
 
-TEST(PopoverWindow, LightDialReachesTheSettingsAndTheRoomsLight)
+// A quarter of the popover's dial writes its preset to the settings, the middle the clock. The
+// room's own tests show it following the setting.
+TEST(PopoverWindow, TheLightDialWritesTheChosenLight)
 {
-    if (lavapipeIcd().isEmpty()) GTEST_SKIP() << "no software Vulkan device (mesa-vulkan-drivers)";
     QTemporaryDir tmp;
-    const QString scene = tmp.filePath("scene");
-    const auto gen = runTool(builtTool("turnelo-gen-scene"),
-                             {"--out", scene, "--width", "320", "--height", "180", "--framings", "wide"}, {}, 300000);
-    ASSERT_EQ(gen.exitCode, 0) << gen.err.constData();
-    const ScopedEnv scenes("TURNELO_SCENES_DIR", scene.toUtf8());
-    const QString file = Settings::userFilePath(AppIdentity::isRelease());
-    {
-        Settings user(file);
-        user.setOnboardingDone(true);
-        user.setValue("perfLogInterval", 1.0);
-        user.setValue("debugIgnoreOcclusion", true);
-    }
-    auto logFrom = [](qsizetype from) { return QString::fromUtf8(readFile(Log::path())).mid(from); };
-    AppDelegate delegate({});
-    delegate.start();
-    ASSERT_TRUE(waitUntil([&] { return logFrom(0).contains("Cena pronta"); }, 180s)) << qPrintable(logFrom(0));
-
-    PopoverWindow &popover = delegate.popover();
+    Settings settings(tmp.filePath("settings.json"));
+    SceneStatus status;
+    UiServices services;
+    services.settings = &settings;
+    services.status = &status;
+    PopoverWindow popover(services);
     popover.popup({});
     ASSERT_TRUE(QTest::qWaitForWindowExposed(&popover));
     LightDial *dial = popover.lightDial();
     for (const QString preset : {"manha", "noite"}) {
-        const qsizetype from = readFile(Log::path()).size();
         QTest::mouseClick(dial, Qt::LeftButton, {}, dial->centerOf(preset).toPoint());
-        EXPECT_EQ(Settings(file).lightPreset(), preset);
-        // The performance line tells the light the room shows.
-        EXPECT_TRUE(waitUntil([&] { return logFrom(from).contains("luz " + preset + " 1.00"); }, 150s))
-            << qPrintable(preset) << "\n"
-            << qPrintable(logFrom(from));
+        EXPECT_EQ(settings.lightPreset(), preset);
     }
     QTest::mouseClick(dial, Qt::LeftButton, {}, dial->rect().center());
-    EXPECT_EQ(Settings(file).lightPreset(), "auto");
+    EXPECT_EQ(settings.lightPreset(), "auto");
 }
 
 }  // namespace

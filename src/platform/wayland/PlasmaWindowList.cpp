@@ -12,10 +12,7 @@
 namespace {
 
 // Events this list does not need; every event of the bound version needs a handler.
-template <typename... Args>
-void ignore(void *, Args...)
-{
-}
+template <typename... Args> void ignore(void *, Args...) {}
 
 }  // namespace
 
@@ -102,7 +99,7 @@ void PlasmaWindowList::add(org_kde_plasma_window *handle)
             auto *w = static_cast<Window *>(data);
             w->list->remove(w);
         },
-        ignore<org_kde_plasma_window *>,                          // initial state complete
+        ignore<org_kde_plasma_window *>,                           // initial state complete
         ignore<org_kde_plasma_window *, org_kde_plasma_window *>,  // parent
         [](void *data, org_kde_plasma_window *, int32_t x, int32_t y, uint32_t width, uint32_t height) {
             static_cast<Window *>(data)->geometry = QRect(x, y, int(width), int(height));
@@ -161,7 +158,8 @@ void PlasmaWindowList::addDesktop(const QString &id)
 
 bool PlasmaWindowList::shown(const Window &w) const
 {
-    if (w.state & (ORG_KDE_PLASMA_WINDOW_MANAGEMENT_STATE_MINIMIZED | ORG_KDE_PLASMA_WINDOW_MANAGEMENT_STATE_SKIPTASKBAR))
+    if (w.state &
+        (ORG_KDE_PLASMA_WINDOW_MANAGEMENT_STATE_MINIMIZED | ORG_KDE_PLASMA_WINDOW_MANAGEMENT_STATE_SKIPTASKBAR))
         return false;
     if (w.pid == uint32_t(::getpid()) || w.geometry.isEmpty()) return false;
     if (w.state & ORG_KDE_PLASMA_WINDOW_MANAGEMENT_STATE_ON_ALL_DESKTOPS || desktopList.empty()) return true;

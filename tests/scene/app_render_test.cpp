@@ -1,0 +1,171 @@
+#include "../render/RenderTestSupport.h"
+
+#include "TestSupport.h"
+#include "core/scene/SceneFiles.h"
+#include "scene/PlateGeometry.h"
+
+#include <QImage>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QStandardPaths>
+#include <QTemporaryDir>
+#include <gtest/gtest.h>
+
+#include <cmath>
+
+// The application's offline render of whole made scenes, in its own process so that a stall
+// fails the test instead of hanging the suite.
+
+using namespace rendertest;
+using namespace testsupport;
+
+namespace {
+
+// `turnelo render` of one framing at a local time, with private XDG folders under `root`; a
+// null picture when the run failed.
+QImage appRender(const QTemporaryDir &root, const QString &scene, const QString &framing, QSize size,
+                 const QString &time, const QStringList &extra = {})
+{
+    const QString out = root.filePath(framing + "-" + QString(time).remove(':') + ".png");
+    const QStringList env{"XDG_STATE_HOME=" + root.filePath("state"), "XDG_DATA_HOME=" + root.filePath("data"),
+                          "XDG_CONFIG_HOME=" + root.filePath("config")};
+    const ToolResult r =
+        runTool(QStringLiteral(TURNELO_BINARY_DIR) + "/turnelo",
+                QStringList{"render", scene, out, "--framing", framing, "--size",
+                            QStringLiteral("%1x%2").arg(size.width()).arg(size.height()), "--time", time} +
+                    extra,
+                env, 120000);
+    EXPECT_EQ(r.exitCode, 0) << time.toStdString() << ": " << r.err.toStdString();
+    const QImage image(out);
+    EXPECT_EQ(image.size(), size) << time.toStdString();
+    return image.size() == size ? image : QImage();
+}
+
+// Inside the glass mask (coverage over one half): the grey's mean and deviation (0…1) and the
+// share of pixels brighter than `level`.
+struct GlassView {
+    double mean = 0, deviation = 0, above = 0;
+};
+GlassView glassView(const QImage &image, const QImage &mask, double level)
+{
+    double sum = 0, squares = 0, count = 0, bright = 0;
+    for (int y = 0; y < image.height(); ++y)
+        for (int x = 0; x < image.width(); ++x) {
+            if (qGray(mask.pixel(x, y)) < 128) continue;
+            const double v = qGray(image.pixel(x, y)) / 255.0;
+            sum += v;
+            squares += v * v;
+            count += 1;
+            bright += v > level ? 1 : 0;
+        }
+    if (count == 0) return {};
+    const double mean = sum / count;
+    return {mean, std::sqrt(std::max(0.0, squares / count - mean * mean)), bright / count};
+}
+
+// The wide framing at half the plate size: the sleeve and label are seen small and steep, so
+// their art is sampled far down its mip chain. The software device once spun forever on exactly
+// this frame.
+TEST(WideFraming, ASmallTargetRendersByNightAndDayWithoutStalling)
+{
+    QTemporaryDir root;
+    const QString scene = root.filePath("scene");
+    const ToolResult made = runTool(builtTool("turnelo-gen-scene"),
+                                    {"--out", scene, "--width", "960", "--height", "540", "--framings", "wide"});
+    ASSERT_EQ(made.exitCode, 0) << made.err.toStdString();
+    const QImage night = appRender(root, scene, "wide", {480, 270}, "22:30"),
+                 day = appRender(root, scene, "wide", {480, 270}, "12:00");
+    ASSERT_FALSE(night.isNull() || day.isNull());
+    EXPECT_GT(meanGrey(night), 1.0) << "the night frame is black";
+    EXPECT_GT(meanGrey(day), meanGrey(night) * 1.2) << "day is not brighter than night";
+}
+
+// The authoring pipeline end to end in its quick mode: Blender models and renders the room in its
+// four framings, the package validates, its geometry sits on what was rendered, the window shows a
+// view by day and lights at night, and the application's offline render of it is darker at night,
+// with the lamp's pool of light, and holds the night until dawn.
+TEST(BlenderRoom, QuickPackageRendersAndLightsTheNight)
+{
+    const QString blender = QStandardPaths::findExecutable("blender");
+    if (blender.isEmpty()) GTEST_SKIP() << "Blender is not installed (scripts/install-deps.sh --authoring installs it)";
+    QTemporaryDir root;
+    const QString scene = root.filePath("room");
+    const ToolResult made =
+        runTool(blender,
+                {"-b", "--factory-startup", "-P", QStringLiteral(TURNELO_SOURCE_DIR) + "/tools/blender/render.py", "--",
+                 "--out", scene, "--quick", "--scene-tool", builtTool("turnelo-scene")},
+                {}, 40 * 60 * 1000);
+    ASSERT_EQ(made.exitCode, 0) << made.out.right(3000).toStdString() << made.err.right(3000).toStdString();
+    ASSERT_TRUE(made.out.contains("validate: ok")) << made.out.right(2000).toStdString();
+
+    const ToolResult checked = runTool(builtTool("turnelo-scene"), {"validate", scene});
+    ASSERT_EQ(checked.exitCode, 0) << checked.err.toStdString();
+    const QJsonObject report = QJsonDocument::fromJson(checked.out).object();
+    EXPECT_EQ(report["missing"].toArray(), QJsonArray{});
+    const QJsonObject framings = report["framings"].toObject();
+    for (const char *name : {"wide", "mid", "close", "top"}) {
+        ASSERT_TRUE(framings.contains(name)) << name << ": " << checked.out.toStdString();
+        for (const char *section : {"tonearm", "record", "bounce", "panel"})
+            EXPECT_TRUE(framings[name].toObject()["sections"].toArray().contains(section)) << name << ": " << section;
+    }
+    for (const char *section : {"window", "stack"})
+        EXPECT_TRUE(framings["mid"].toObject()["sections"].toArray().contains(section)) << section;
+    EXPECT_TRUE(framings["close"].toObject()["sections"].toArray().contains("front"));
+
+    // The view through the window is its own group in every preset, and the open lid stands in
+    // front of the window in the wide framing.
+    const QJsonObject json = QJsonDocument::fromJson(readFile(scene + "/manifest.json")).object();
+    EXPECT_EQ(json["view"].toObject()["keys"].toArray().size(), 4);
+    for (const char *preset : {"manha", "dia", "tarde", "noite"})
+        EXPECT_GT(json["presets"].toObject()[preset].toObject()["view"].toDouble(), 0.0) << preset;
+    const QJsonObject window = json["framings"].toObject()["wide"].toObject()["window"].toObject();
+    ASSERT_TRUE(window.contains("dust_cover_mask"));
+    EXPECT_GT(meanGrey(QImage(scene + "/wide/" + window["dust_cover_mask"].toString())), 0.0);
+
+    // The camera matrix puts the record's centre and the lamp where Blender drew them.
+    const PlateManifest manifest = PlateManifest::decode(readFile(scene + "/manifest.json"));
+    const PlateManifest::Framing &mid = manifest.framings.at("mid");
+    const auto plate = [&](const PlateGeometry::Vec3 &world) {
+        const auto p = PlateGeometry::projectWorld(mid.camera, world).value();
+        return QPointF(p[0], p[1]);
+    };
+    const QPointF centre = plate(mid.record->centerWorld);
+    const QImage mask(scene + "/" + SceneFiles::framingFile("mid", mid.label.mask));
+    const auto weight = [&](int x, int y) { return qGray(mask.pixel(x, y)) / 255.0; };
+    const double coverage = sumOver(mask.rect(), weight);
+    const QPointF drawn(sumOver(mask.rect(), [&](int x, int y) { return weight(x, y) * (x + 0.5); }) / coverage,
+                        sumOver(mask.rect(), [&](int x, int y) { return weight(x, y) * (y + 0.5); }) / coverage);
+    EXPECT_LT(QLineF(centre, drawn).length(), 1.0) << "label centre projected at " << centre.x() << "," << centre.y()
+                                                   << ", drawn at " << drawn.x() << "," << drawn.y();
+
+    const QSize size(int(mid.size[0]), int(mid.size[1]));
+    const QImage noon = appRender(root, scene, "mid", size, "12:00", {"--no-steam"}),
+                 evening = appRender(root, scene, "mid", size, "21:30", {"--no-steam"}),
+                 small = appRender(root, scene, "mid", size, "03:00", {"--no-steam"});
+    ASSERT_FALSE(noon.isNull() || evening.isNull() || small.isNull());
+    EXPECT_LT(meanGrey(evening), 0.6 * meanGrey(noon)) << "the night is not darker than noon";
+    EXPECT_NEAR(meanGrey(small), meanGrey(evening), 0.02 * meanGrey(evening) + 0.5)
+        << "the night does not hold until dawn";
+    // The desk under the lamp's shade against the desk between the stack and the turntable.
+    const int r = std::max(2, size.width() / 80);
+    const auto around = [&](const QPointF &p) {
+        return QRect(p.toPoint() - QPoint(r, r), QSize(2 * r + 1, 2 * r + 1));
+    };
+    const QRect pool = around(plate({520, -10, 750})), away = around(plate({-250, -170, 750}));
+    ASSERT_TRUE(evening.rect().contains(pool) && evening.rect().contains(away));
+    EXPECT_GT(meanGrey(evening, pool), 1.5 * meanGrey(evening, away)) << "no pool of lamp light at night";
+
+    // Through the wide framing's glass: buildings against the sky at noon, not a white sheet; lit
+    // windows and street lamps at night.
+    const QSize wide(int(manifest.framings.at("wide").size[0]), int(manifest.framings.at("wide").size[1]));
+    const QImage glass(scene + "/wide/" + window["glass_mask"].toString());
+    const GlassView day = glassView(appRender(root, scene, "wide", wide, "12:00", {"--no-steam"}), glass, 0.98);
+    const GlassView night = glassView(appRender(root, scene, "wide", wide, "21:30", {"--no-steam"}), glass, 0.3);
+    EXPECT_GE(day.deviation, 0.12) << "the noon view has no structure";
+    EXPECT_LT(day.above, 0.05) << "the noon view is blown out";
+    EXPECT_GE(night.above, 0.01) << "no lights in the night view";
+    EXPECT_LT(night.mean, day.mean);
+}
+
+}  // namespace
