@@ -65,7 +65,9 @@ TEST_F(Mixes, AlphaTermsAddLuminanceAndTheLightFormatDropsAlpha)
     EXPECT_NEAR(q[0], 0.75f, 0.01f);
     EXPECT_NEAR(q[1], 2.0f, 0.02f);
     EXPECT_NEAR(q[2], 0.125f, 0.005f);
-    if (t->format == VK_FORMAT_R16G16B16A16_SFLOAT) EXPECT_EQ(q[3], 0.0f);  // colour terms add no alpha
+    if (t->format == VK_FORMAT_R16G16B16A16_SFLOAT) {
+        EXPECT_EQ(q[3], 0.0f);  // colour terms add no alpha
+    }
 }
 
 TEST_F(Mixes, MissingPlatesAreSkippedUntilNoneIsLeftAndAWrongSizeFails)
