@@ -155,9 +155,18 @@ TEST_F(X11Desktop, UnderOpenboxTheRoomIsAStickyClickThroughDesktopWindowBelowAll
     };
     EXPECT_TRUE(soon([&] { return !viewable(other); })) << "the other desktop's window is still shown";
     EXPECT_TRUE(viewable(ours));
+}
 
-    // Opaque wallpaper and icons in one 24-bit window, as pcmanfm's under openbox (LXDE), mapped
-    // after the room.
+// Started before the icons, as at login: on its own desktop, where a desktop switch cannot race the
+// icon window's mapping.
+TEST_F(X11Desktop, UnderOpenboxRisesAboveAnOpaqueIconWindowMappedLater)
+{
+    START_OR_SKIP();
+    const Window ours = showRoom();
+    ASSERT_NE(ours, 0ul) << roomOutput().constData();
+    ASSERT_TRUE(soon([&] { return x->stackIndex(ours) >= 0; }));
+
+    // Opaque wallpaper and icons in one 24-bit window, as pcmanfm's under openbox (LXDE).
     const Window icons = x->makeWindow(QRect(0, 0, 1280, 800), false, "_NET_WM_WINDOW_TYPE_DESKTOP");
     XClassHint names{const_cast<char *>("pcmanfm"), const_cast<char *>("Pcmanfm")};
     XSetClassHint(x->d, icons, &names);
