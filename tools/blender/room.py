@@ -56,9 +56,9 @@ OUTSIDE = {
               "sun_colour": (1.0, 0.78, 0.55), "haze_colour": (0.95, 0.84, 0.72), "glow_colour": (0.95, 0.84, 0.72),
               "haze_distance": 260.0, "clouds": 0.35, "cloud_colour": (1.0, 0.88, 0.78), "sun_glow": 0.5,
               "lit_share": 0.04, "window_light": 0.4, "street_light": 0.0},
-    "dia": {"horizon": (0.78, 0.86, 0.98), "zenith": (0.24, 0.43, 0.85), "ambient": (0.18, 0.2, 0.25),
+    "dia": {"horizon": (0.78, 0.86, 0.98), "zenith": (0.24, 0.43, 0.85), "ambient": (0.08, 0.09, 0.12),
             "sun_colour": (1.0, 0.97, 0.92), "haze_colour": (0.75, 0.82, 0.92), "glow_colour": (0.75, 0.82, 0.92),
-            "haze_distance": 1400.0, "clouds": 0.6, "cloud_colour": (1.05, 1.05, 1.05), "sun_glow": 0.3,
+            "haze_distance": 2500.0, "clouds": 0.6, "cloud_colour": (1.05, 1.05, 1.05), "sun_glow": 0.3,
             "lit_share": 0.0, "window_light": 0.0, "street_light": 0.0},
     "tarde": {"horizon": (1.0, 0.66, 0.40), "zenith": (0.32, 0.40, 0.66), "ambient": (0.19, 0.16, 0.18),
               "sun_colour": (1.0, 0.58, 0.30), "haze_colour": (0.95, 0.68, 0.48), "glow_colour": (0.95, 0.68, 0.48),
@@ -72,6 +72,10 @@ OUTSIDE = {
 STREET_Z = -6.0            # the street, a floor and a half below the room
 STREET_LAMP_Y = 24.0       # the kerb on the far side of the street
 STREET_LAMP_STEP = 18.0
+NEAR_KERB_Y = 4.0          # the pavement below the window ends here
+NEAR_LAMP_Y = 4.6
+STREET_MID_Y = 14.0
+ZEBRA_X = (-11.0, -4.0)    # the crossing, where the top framing looks down through the glass
 LAMP_COLOUR = (1.0, 0.71, 0.42)
 
 
@@ -416,7 +420,7 @@ def building_material(name):
                   _mix(g, sun, (0, 0, 0, 1), _param(g, "sun_colour", (1.0, 0.95, 0.9))), 'ADD')
     facade = _mix(g, 1.0, info.outputs["Color"], lit_by, 'MULTIPLY')
     # Unlit windows: dark glass with a little of the sky in it, each pane a little different.
-    pane = _mix(g, g.math('MULTIPLY_ADD', cell.outputs["Value"], 0.25, 0.1), _mix(g, 0.25, facade, (0, 0, 0, 1)),
+    pane = _mix(g, g.math('MULTIPLY_ADD', cell.outputs["Value"], 0.45, 0.05), _mix(g, 0.25, facade, (0, 0, 0, 1)),
                 _param(g, "horizon", (0.7, 0.8, 0.95)))
     share = _param(g, "lit_share", 0.0)
     on = g.math('MULTIPLY', window, g.math('LESS_THAN', g.n("ShaderNodeSeparateRGB", Image=cell.outputs["Color"]).outputs["B"], share))
@@ -432,20 +436,47 @@ def building_material(name):
 
 
 def street_material(name):
-    """The street below: asphalt under the time's light, and at night the pools of the street lamps."""
+    """The street below: asphalt with its markings and the near pavement under the time's light, and at
+    night the pools of the street lamps on both kerbs. Seen from above (the top framing looks down
+    through the glass), the markings and the pools are what the view has to show."""
     mat = material(name)
     g = Nodes(mat)
     geo = g.n("ShaderNodeNewGeometry")
     p = g.n("ShaderNodeSeparateXYZ", Vector=geo.outputs["Position"])
+    x, y = p.outputs["X"], p.outputs["Y"]
     lit_by = _mix(g, 1.0, _param(g, "ambient", (0.3, 0.35, 0.45)), _param(g, "sun_colour", (1.0, 0.95, 0.9)), 'ADD')
-    asphalt = _mix(g, 1.0, (0.09, 0.09, 0.095, 1), lit_by, 'MULTIPLY')
-    # Lamp pools every STREET_LAMP_STEP metres along the kerb.
-    fx = g.math('SUBTRACT', g.math('FRACT', g.math('DIVIDE', p.outputs["X"], STREET_LAMP_STEP)), 0.5)
-    dy = g.math('DIVIDE', g.math('SUBTRACT', p.outputs["Y"], STREET_LAMP_Y), STREET_LAMP_STEP)
-    d2 = g.math('ADD', g.math('MULTIPLY', fx, fx), g.math('MULTIPLY', dy, dy))
-    pool = g.math('MULTIPLY', g.math('EXPONENT', g.math('MULTIPLY', d2, -14.0)), _param(g, "street_light", 0.0))
-    col = _mix(g, 1.0, asphalt, g.n("ShaderNodeCombineXYZ", X=pool, Y=g.math('MULTIPLY', pool, 0.55),
-                                      Z=g.math('MULTIPLY', pool, 0.22)).outputs[0], 'ADD')
+
+    def band(v, lo, hi):
+        return g.math('MULTIPLY', g.math('GREATER_THAN', v, lo), g.math('LESS_THAN', v, hi))
+
+    def stripes(v, period, duty):
+        return g.math('LESS_THAN', g.math('FRACT', g.math('DIVIDE', v, period)), duty)
+
+    road = band(y, NEAR_KERB_Y, STREET_LAMP_Y - 1.0)
+    # Paint: a zebra crossing (bands along the road's width, half a metre apart) and a dashed centre line.
+    zebra = g.math('MULTIPLY', band(x, *ZEBRA_X), stripes(x, 1.0, 0.5))
+    centre = g.math('MULTIPLY', band(y, STREET_MID_Y - 0.08, STREET_MID_Y + 0.08), stripes(x, 6.0, 0.5))
+    paint = g.math('MULTIPLY', road, g.math('MAXIMUM', zebra, centre))
+    pavement = g.math('SUBTRACT', 1.0, road)
+    # Paving slabs, dark with wear: a darker joint every metre and a half.
+    joints = g.math('MAXIMUM', stripes(x, 1.5, 0.06), stripes(y, 1.5, 0.06))
+    albedo = _mix(g, pavement, (0.09, 0.09, 0.095, 1), _mix(g, joints, (0.15, 0.145, 0.135, 1), (0.07, 0.07, 0.068, 1)))
+    albedo = _mix(g, paint, albedo, (0.72, 0.72, 0.7, 1))
+    surface = _mix(g, 1.0, albedo, lit_by, 'MULTIPLY')
+
+    # Lamp pools every STREET_LAMP_STEP metres along each kerb, the near row half a step along.
+    def pools(y_kerb, shift, falloff, strength):
+        fx = g.math('SUBTRACT', g.math('FRACT', g.math('DIVIDE', g.math('ADD', x, shift), STREET_LAMP_STEP)), 0.5)
+        dy = g.math('DIVIDE', g.math('SUBTRACT', y, y_kerb), STREET_LAMP_STEP)
+        d2 = g.math('ADD', g.math('MULTIPLY', fx, fx), g.math('MULTIPLY', dy, dy))
+        return g.math('MULTIPLY', g.math('EXPONENT', g.math('MULTIPLY', d2, -falloff)), strength)
+
+    # The near row is seen from close by: its pools spread wider and read brighter.
+    pool = g.math('MULTIPLY', g.math('ADD', pools(STREET_LAMP_Y, 0.0, 14.0, 1.0), pools(NEAR_LAMP_Y, STREET_LAMP_STEP / 2, 6.0, 1.5)),
+                  _param(g, "street_light", 0.0))
+    # The pools light the paint and the paving more than the asphalt.
+    glow = g.n("ShaderNodeCombineXYZ", X=pool, Y=g.math('MULTIPLY', pool, 0.55), Z=g.math('MULTIPLY', pool, 0.22)).outputs[0]
+    col = _mix(g, 1.0, surface, _mix(g, 1.0, glow, _mix(g, 1.0, albedo, (4.0, 4.0, 4.0, 1), 'MULTIPLY'), 'MULTIPLY'), 'ADD')
     _emit_view(g, _haze(g, col, geo.outputs["Position"]))
     mat.cycles.sample_as_light = False
     return mat
@@ -968,7 +999,7 @@ class Room:
             return o
 
         palette = [(0.46, 0.41, 0.36), (0.34, 0.29, 0.26), (0.55, 0.52, 0.48), (0.28, 0.27, 0.26), (0.44, 0.33, 0.26),
-                   (0.5, 0.46, 0.4), (0.24, 0.26, 0.3)]
+                   (0.5, 0.46, 0.4), (0.24, 0.26, 0.3), (0.7, 0.66, 0.6), (0.2, 0.14, 0.12)]
         # (first x, last x, front y range, depth, height range, gap range)
         # Low across the street, so the block behind and the skyline show above it.
         rows = [(-70.0, 50.0, (28.0, 34.0), 14.0, (5.0, 13.0), (0.0, 8.0)),
@@ -995,6 +1026,13 @@ class Room:
             view_only(mesh_object("street_lamp", lambda: bpy.ops.mesh.primitive_uv_sphere_add(radius=0.35, segments=12, ring_count=6),
                                   c, heads, (x, STREET_LAMP_Y, STREET_Z + 6.0)))
             view_only(cylinder("street_post", 0.08, STREET_Z, STREET_Z + 5.8, (x, STREET_LAMP_Y + 0.4), c, post, vertices=8))
+            x += STREET_LAMP_STEP
+        # The near row, half a step along: its heads stand a little below the window's sill.
+        x = -80.0 + STREET_LAMP_STEP / 2
+        while x < 60:
+            view_only(mesh_object("street_lamp", lambda: bpy.ops.mesh.primitive_uv_sphere_add(radius=0.35, segments=12, ring_count=6),
+                                  c, heads, (x, NEAR_LAMP_Y, STREET_Z + 6.0)))
+            view_only(cylinder("street_post", 0.08, STREET_Z, STREET_Z + 5.8, (x, NEAR_LAMP_Y - 0.4), c, post, vertices=8))
             x += STREET_LAMP_STEP
         sky = sky_material("view_sky")
         self.view_materials.append(sky)
@@ -1119,8 +1157,9 @@ class Room:
             "mid": ((0.08, -1.02, 1.24), (-0.02, 0.32, 0.86), 32.0),
             # Near the desk: the record, the arm and the sleeve, the lid and a corner of the window behind.
             "close": ((0.17, -0.40, 1.07), (0.14, 0.30, 0.90), 26.0),
-            # From above, looking down on the turntable and the sleeve.
-            "top": ((0.10, -0.28, 1.72), (0.10, 0.25, 0.82), 28.0),
+            # From above, looking down on the turntable and the sleeve, the window's lower part behind:
+            # through it, the street below.
+            "top": ((0.05, -0.42, 1.62), (0.0, 0.28, 0.88), 24.0),
         }
         for name, (eye, target, lens) in setups.items():
             cam = bpy.data.cameras.new(name)
