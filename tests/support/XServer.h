@@ -83,10 +83,21 @@ public:
             why = program + " is not installed";
             return false;
         }
-        QProcess &manager = launch(program, arguments);
-        if (!poll([&] { return !managerName().isEmpty() || manager.state() == QProcess::NotRunning; }) ||
-            manager.state() == QProcess::NotRunning) {
-            why = program + " did not start: " + QString::fromUtf8(output(manager));
+        QProcess *manager = &launch(program, arguments);
+        const auto started = [&] {
+            return poll([&] { return !managerName().isEmpty() || manager->state() == QProcess::NotRunning; }) &&
+                   manager->state() != QProcess::NotRunning;
+        };
+        bool running = started();
+        // On a loaded machine a manager has now and then failed to open a display that Xvfb had
+        // already announced; a second try has always found it.
+        if (!running && output(*manager).contains("Failed to open the display")) {
+            QThread::msleep(500);
+            manager = &launch(program, arguments);
+            running = started();
+        }
+        if (!running) {
+            why = program + " did not start: " + QString::fromUtf8(output(*manager));
             return false;
         }
         // A manager announces itself before it takes windows (openbox drops a window mapped in
