@@ -1021,19 +1021,14 @@ class Room:
         heads = lamp_head_material("street_lamp")
         self.view_materials.append(heads)
         post = principled("street_post", (0.05, 0.05, 0.05), roughness=0.5)
-        x = -80.0
-        while x < 60:
-            view_only(mesh_object("street_lamp", lambda: bpy.ops.mesh.primitive_uv_sphere_add(radius=0.35, segments=12, ring_count=6),
-                                  c, heads, (x, STREET_LAMP_Y, STREET_Z + 6.0)))
-            view_only(cylinder("street_post", 0.08, STREET_Z, STREET_Z + 5.8, (x, STREET_LAMP_Y + 0.4), c, post, vertices=8))
-            x += STREET_LAMP_STEP
-        # The near row, half a step along: its heads stand a little below the window's sill.
-        x = -80.0 + STREET_LAMP_STEP / 2
-        while x < 60:
-            view_only(mesh_object("street_lamp", lambda: bpy.ops.mesh.primitive_uv_sphere_add(radius=0.35, segments=12, ring_count=6),
-                                  c, heads, (x, NEAR_LAMP_Y, STREET_Z + 6.0)))
-            view_only(cylinder("street_post", 0.08, STREET_Z, STREET_Z + 5.8, (x, NEAR_LAMP_Y - 0.4), c, post, vertices=8))
-            x += STREET_LAMP_STEP
+        # Both kerbs, the near row half a step along: its heads stand a little below the window's sill.
+        for kerb, start, post_dy in ((STREET_LAMP_Y, -80.0, 0.4), (NEAR_LAMP_Y, -80.0 + STREET_LAMP_STEP / 2, -0.4)):
+            x = start
+            while x < 60:
+                view_only(mesh_object("street_lamp", lambda: bpy.ops.mesh.primitive_uv_sphere_add(radius=0.35, segments=12, ring_count=6),
+                                      c, heads, (x, kerb, STREET_Z + 6.0)))
+                view_only(cylinder("street_post", 0.08, STREET_Z, STREET_Z + 5.8, (x, kerb + post_dy), c, post, vertices=8))
+                x += STREET_LAMP_STEP
         sky = sky_material("view_sky")
         self.view_materials.append(sky)
         dome = mesh_object("view_sky", lambda: bpy.ops.mesh.primitive_uv_sphere_add(radius=3000, segments=48, ring_count=24),
