@@ -4,10 +4,11 @@
 
 #include <cstring>
 
-OffscreenTarget::OffscreenTarget(std::shared_ptr<VulkanContext> ctx, uint32_t width, uint32_t height)
-    : context(std::move(ctx))
+OffscreenTarget::OffscreenTarget(std::shared_ptr<VulkanContext> ctx, uint32_t width, uint32_t height,
+                                 VkFormat format, VkImageLayout finalLayout)
+    : context(std::move(ctx)), format(format), finalLayout(finalLayout)
 {
-    image = context->createTexture(VK_FORMAT_B8G8R8A8_UNORM, width, height,
+    image = context->createTexture(format, width, height,
                                    VK_IMAGE_USAGE_COLOR_ATTACHMENT_BIT | VK_IMAGE_USAGE_TRANSFER_SRC_BIT |
                                        VK_IMAGE_USAGE_TRANSFER_DST_BIT | VK_IMAGE_USAGE_SAMPLED_BIT);
 }
@@ -31,7 +32,8 @@ std::optional<TargetImage> OffscreenTarget::acquire()
     t.view = image->view;
     t.width = image->width;
     t.height = image->height;
-    t.finalLayout = VK_IMAGE_LAYOUT_TRANSFER_SRC_OPTIMAL;
+    t.format = format;
+    t.finalLayout = finalLayout;
     t.framebuffer = &framebuffer;
     t.copyable = true;
     return t;

@@ -12,6 +12,7 @@ struct TargetImage {
     VkImageView view = VK_NULL_HANDLE;
     uint32_t width = 0;
     uint32_t height = 0;
+    VkFormat format = VK_FORMAT_B8G8R8A8_UNORM;
     VkImageLayout finalLayout = VK_IMAGE_LAYOUT_TRANSFER_SRC_OPTIMAL;  // layout after the pass
     VkSemaphore acquired = VK_NULL_HANDLE;                             // waited on before drawing, when set
     VkSemaphore rendered = VK_NULL_HANDLE;  // signalled when the frame's commands complete, when set
@@ -21,9 +22,8 @@ struct TargetImage {
     bool copyable = false;  // it can be a transfer destination (a pass may copy pixels into it)
 };
 
-// Something the renderer draws into: an offscreen image now, a window's swapchain image
-// later. Colour format is always VK_FORMAT_B8G8R8A8_UNORM (the composite output is already
-// display-encoded). Main thread.
+// Something the renderer draws into: an offscreen image or a window's swapchain image. The
+// composite's output is display-encoded B8G8R8A8; only a layer's linear still is not. Main thread.
 class RenderTarget {
 public:
     virtual ~RenderTarget() = default;
@@ -33,17 +33,21 @@ public:
     virtual void present() {}
 };
 
-// A device image the renderer draws into and that can be read back. Readback waits for nothing:
-// call it after the renderer has finished the frame (SceneRenderer::waitIdle).
+// A device image the renderer draws into and that can be read back or sampled. Readback waits for
+// nothing: call it after the renderer has finished the frame (SceneRenderer::waitIdle).
 class OffscreenTarget : public RenderTarget {
 public:
-    OffscreenTarget(std::shared_ptr<VulkanContext> context, uint32_t width, uint32_t height);
+    // `finalLayout`: transfer source to copy or read it back, shader-read-only to sample it.
+    OffscreenTarget(std::shared_ptr<VulkanContext> context, uint32_t width, uint32_t height,
+                    VkFormat format = VK_FORMAT_B8G8R8A8_UNORM,
+                    VkImageLayout finalLayout = VK_IMAGE_LAYOUT_TRANSFER_SRC_OPTIMAL);
     ~OffscreenTarget() override;
     OffscreenTarget(const OffscreenTarget &) = delete;
     OffscreenTarget &operator=(const OffscreenTarget &) = delete;
 
     std::optional<TargetImage> acquire() override;
-    // Pixels as QImage::Format_ARGB32 (the bytes of B8G8R8A8 on a little-endian machine).
+    // Pixels as QImage::Format_ARGB32 (the bytes of B8G8R8A8 on a little-endian machine); only
+    // for a B8G8R8A8 target left as a transfer source.
     QImage readback();
     const TextureRef &texture() const { return image; }
     uint32_t width() const { return image->width; }
@@ -52,6 +56,8 @@ public:
 private:
     std::shared_ptr<VulkanContext> context;
     TextureRef image;
+    VkFormat format;
+    VkImageLayout finalLayout;
     VkFramebuffer framebuffer = VK_NULL_HANDLE;
     bool drawn = false;
 };

@@ -133,13 +133,22 @@ void SceneRenderer::makePipelines(const ShaderLibrary &shaders, const QString &p
     };
     const ShaderModuleHandle vert = module(shaders.fullscreen);
     const ShaderModuleHandle composited = module(shaders.composite), steamed = module(shaders.steam);
+    const ShaderModuleHandle still = module(shaders.compositeStill), toned = module(shaders.compositeTone);
+    const ShaderModuleHandle moving = module(shaders.compositeMoving), steamUp = module(shaders.steamUp);
     const ShaderModuleHandle accumulated = module(shaders.accumulate), alpha = module(shaders.accumulateAlpha);
     const ShaderModuleHandle converted = module(shaders.convertPlate);
 
-    VkRenderPass pass = targetPass(VK_IMAGE_LAYOUT_TRANSFER_SRC_OPTIMAL);
+    VkRenderPass pass = targetPass(VK_FORMAT_B8G8R8A8_UNORM, VK_IMAGE_LAYOUT_TRANSFER_SRC_OPTIMAL);
     *composite.out(device) = makePipeline(device, sceneLayout, pass, vert, composited, Blend::none);
+    *stillPipeline.out(device) =
+        makePipeline(device, sceneLayout,
+                     targetPass(VK_FORMAT_R16G16B16A16_SFLOAT, VK_IMAGE_LAYOUT_SHADER_READ_ONLY_OPTIMAL), vert, still,
+                     Blend::none);
+    *tonePipeline.out(device) = makePipeline(device, sceneLayout, pass, vert, toned, Blend::none);
+    *movingPipeline.out(device) = makePipeline(device, sceneLayout, pass, vert, moving, Blend::none);
     *steamPipeline.out(device) = makePipeline(device, sceneLayout, pass, vert, steamed, Blend::none);
     *steamOverPipeline.out(device) = makePipeline(device, sceneLayout, pass, vert, steamed, Blend::premultipliedOver);
+    *steamUpPipeline.out(device) = makePipeline(device, sceneLayout, pass, vert, steamUp, Blend::premultipliedOver);
 
     // The pre-mix passes: one source texture, four floats of push constants.
     MixBuilder::Resources mix;
@@ -257,15 +266,15 @@ SceneRenderer::~SceneRenderer()
     frameSlots.clear();
 }
 
-VkRenderPass SceneRenderer::targetPass(VkImageLayout finalLayout, bool loaded)
+VkRenderPass SceneRenderer::targetPass(VkFormat format, VkImageLayout finalLayout, bool loaded)
 {
-    auto it = targetPasses.find({finalLayout, loaded});
+    const auto key = std::tuple{format, finalLayout, loaded};
+    auto it = targetPasses.find(key);
     if (it != targetPasses.end()) return it->second;
     VkRenderPass pass =
-        makeRenderPass(context->device, VK_FORMAT_B8G8R8A8_UNORM,
-                       loaded ? VK_ATTACHMENT_LOAD_OP_LOAD : VK_ATTACHMENT_LOAD_OP_DONT_CARE,
+        makeRenderPass(context->device, format, loaded ? VK_ATTACHMENT_LOAD_OP_LOAD : VK_ATTACHMENT_LOAD_OP_DONT_CARE,
                        loaded ? VK_IMAGE_LAYOUT_COLOR_ATTACHMENT_OPTIMAL : VK_IMAGE_LAYOUT_UNDEFINED, finalLayout);
-    targetPasses.emplace(std::pair{finalLayout, loaded}, RenderPassHandle(context->device, pass));
+    targetPasses.emplace(key, RenderPassHandle(context->device, pass));
     return pass;
 }
 
@@ -361,24 +370,31 @@ void SceneRenderer::copyUnder(VkCommandBuffer cmd, const GpuTexture &base, int32
     transitionImage(cmd, image.image, VK_IMAGE_LAYOUT_TRANSFER_DST_OPTIMAL, VK_IMAGE_LAYOUT_COLOR_ATTACHMENT_OPTIMAL);
 }
 
-// One pass into `target`, its uniforms at the slot's next offset, with the steam laid over it
-// when `over` is given. A target with no image this frame is skipped.
-void SceneRenderer::encode(FrameSlot &slot, uint32_t &uniformIndex, RenderTarget *target, VkPipeline pipeline,
-                           VkDescriptorSet set, const void *bytes, size_t size, const SteamUniforms *over,
-                           const GpuTexture *under, VkRect2D shadedPart)
+// One pass into `step.target`, its uniforms at the slot's next offset, with the steam laid over it
+// when `step.over` is given. A target with no image this frame is skipped.
+void SceneRenderer::encode(FrameSlot &slot, uint32_t &uniformIndex, const Step &step)
 {
     VkDevice device = context->device;
-    if (!target) return;
-    std::optional<TargetImage> image = target->acquire();
+    if (!step.target) return;
+    std::optional<TargetImage> image = step.target->acquire();
     if (!image) return;  // no image this frame: the pass is skipped
     const uint32_t offset = uint32_t(uniformStride * uniformIndex++);
-    std::memcpy(static_cast<char *>(slot.uniforms->mapped) + offset, bytes, size);
-    const bool copied = under && over && image->copyable;
-    if (copied) {
-        const auto *origin = static_cast<const SceneUniforms *>(bytes);
-        copyUnder(slot.cmd, *under, int32_t(origin->origin[0]), int32_t(origin->origin[1]), *image);
+    char *uniforms = static_cast<char *>(slot.uniforms->mapped) + offset;
+    std::memcpy(uniforms, step.bytes, step.size);
+    const bool copied = step.under && image->copyable;
+    if (step.shadeOverCopy) {
+        // The moving parts' shader leaves alone what they do not reach only where the finished
+        // still was copied in first.
+        reinterpret_cast<SceneUniforms *>(uniforms)->origin[2] = copied ? 1.0f : 0.0f;
     }
-    const VkRenderPass renderPass = targetPass(image->finalLayout, copied);
+    if (copied) {
+        const auto *origin = static_cast<const SceneUniforms *>(step.bytes);
+        if (step.underIsScreen)
+            copyUnder(slot.cmd, *step.under, int32_t(origin->origin[0]), int32_t(origin->origin[1]), *image);
+        else
+            copyUnder(slot.cmd, *step.under, 0, 0, *image);
+    }
+    const VkRenderPass renderPass = targetPass(image->format, image->finalLayout, copied);
     VkFramebuffer fb = image->framebuffer ? *image->framebuffer : VK_NULL_HANDLE;
     if (!fb) {
         VkFramebufferCreateInfo fci{VK_STRUCTURE_TYPE_FRAMEBUFFER_CREATE_INFO};
@@ -403,29 +419,63 @@ void SceneRenderer::encode(FrameSlot &slot, uint32_t &uniformIndex, RenderTarget
     VkRect2D sc{{0, 0}, {image->width, image->height}};
     vkCmdSetViewport(slot.cmd, 0, 1, &vp);
     vkCmdSetScissor(slot.cmd, 0, 1, &sc);
-    const bool shadeAll = !copied;
-    if (shadeAll || (shadedPart.extent.width > 0 && shadedPart.extent.height > 0)) {
-        if (!shadeAll) vkCmdSetScissor(slot.cmd, 0, 1, &shadedPart);
-        vkCmdBindPipeline(slot.cmd, VK_PIPELINE_BIND_POINT_GRAPHICS, pipeline);
-        vkCmdBindDescriptorSets(slot.cmd, VK_PIPELINE_BIND_POINT_GRAPHICS, sceneLayout, 0, 1, &set, 1, &offset);
+    const bool shadeAll = !copied || step.shadeOverCopy;
+    const VkRect2D part = step.shadedPart;
+    if (shadeAll || (part.extent.width > 0 && part.extent.height > 0)) {
+        if (!shadeAll) vkCmdSetScissor(slot.cmd, 0, 1, &part);
+        vkCmdBindPipeline(slot.cmd, VK_PIPELINE_BIND_POINT_GRAPHICS, step.pipeline);
+        vkCmdBindDescriptorSets(slot.cmd, VK_PIPELINE_BIND_POINT_GRAPHICS, sceneLayout, 0, 1, &step.set, 1, &offset);
         vkCmdDraw(slot.cmd, 3, 1, 0, 0);
         if (!shadeAll) vkCmdSetScissor(slot.cmd, 0, 1, &sc);
     }
-    if (over) {
+    if (step.over) {
         const uint32_t steamOffset = uint32_t(uniformStride * uniformIndex++);
-        std::memcpy(static_cast<char *>(slot.uniforms->mapped) + steamOffset, over, sizeof(SteamUniforms));
-        vkCmdBindPipeline(slot.cmd, VK_PIPELINE_BIND_POINT_GRAPHICS, steamOverPipeline);
+        std::memcpy(static_cast<char *>(slot.uniforms->mapped) + steamOffset, step.over, sizeof(SteamUniforms));
+        vkCmdBindPipeline(slot.cmd, VK_PIPELINE_BIND_POINT_GRAPHICS, step.overPipeline);
         vkCmdBindDescriptorSets(slot.cmd, VK_PIPELINE_BIND_POINT_GRAPHICS, sceneLayout, 0, 1, &slot.sets[1], 1,
                                 &steamOffset);
         vkCmdDraw(slot.cmd, 3, 1, 0, 0);
     }
     vkCmdEndRenderPass(slot.cmd);
-    presented.push_back(target);
+    presented.push_back(step.target);
     if (image->acquired) {
         waits.push_back(image->acquired);
         waitStages.push_back(VK_PIPELINE_STAGE_COLOR_ATTACHMENT_OUTPUT_BIT);
     }
     if (image->rendered) doneSemaphores.push_back(image->rendered);
+}
+
+// A layer's passes: its still room first when it changed, its steam at half resolution, then the
+// layer itself.
+void SceneRenderer::encodeLayer(FrameSlot &slot, uint32_t &uniformIndex, const Pass &layer)
+{
+    const SteamUniforms *over = layer.steamOver ? &*layer.steamOver : nullptr;
+    SteamUniforms half;
+    if (over && layer.steamHalf) {
+        half = *over;
+        half.origin[2] = 2;  // each pixel of the half-size target covers two of the layer's
+        encode(slot, uniformIndex,
+               Step{layer.steamHalf, steamPipeline, slot.sets[1], &half, sizeof(SteamUniforms)});
+    }
+    const VkPipeline overPipeline = layer.steamHalf ? steamUpPipeline : steamOverPipeline;
+    if (!layer.still) {
+        Step step{layer.target, composite, slot.sets[0], &layer.uniforms, sizeof(SceneUniforms), over, overPipeline};
+        step.under = layer.under;
+        step.shadedPart = layer.shadedPart;
+        encode(slot, uniformIndex, step);
+        return;
+    }
+    if (layer.drawStill) {
+        encode(slot, uniformIndex,
+               Step{&layer.still->linear(), stillPipeline, slot.sets[0], &layer.uniforms, sizeof(SceneUniforms)});
+        encode(slot, uniformIndex,
+               Step{&layer.still->finished(), tonePipeline, slot.sets[0], &layer.uniforms, sizeof(SceneUniforms)});
+    }
+    Step step{layer.target, movingPipeline, slot.sets[0], &layer.uniforms, sizeof(SceneUniforms), over, overPipeline};
+    step.under = layer.still->finished().texture().get();
+    step.underIsScreen = false;
+    step.shadeOverCopy = true;
+    encode(slot, uniformIndex, step);
 }
 
 void SceneRenderer::draw(const std::optional<Pass> &base, const std::vector<Pass> &layers,
@@ -440,7 +490,8 @@ void SceneRenderer::draw(const std::optional<Pass> &base, const std::vector<Pass
     try {
         size_t passes = (base ? 1 : 0) + layers.size() + (steam ? 1 : 0);
         if (base && base->steamOver) ++passes;
-        for (const Pass &l : layers) passes += l.steamOver ? 1 : 0;
+        for (const Pass &l : layers)
+            passes += (l.steamOver ? 1 + (l.steamHalf ? 1 : 0) : 0) + (l.still && l.drawStill ? 2 : 0);
         if (slot.uniforms->size < uniformStride * passes) {
             slot.uniforms = context->createHostBuffer(uniformStride * passes, VK_BUFFER_USAGE_STORAGE_BUFFER_BIT);
             slot.boundUniforms = VK_NULL_HANDLE;
@@ -467,16 +518,14 @@ void SceneRenderer::draw(const std::optional<Pass> &base, const std::vector<Pass
         doneSemaphores.clear();
         waitStages.clear();
         uint32_t uniformIndex = 0;
-        auto steamOf = [](const Pass &p) { return p.steamOver ? &*p.steamOver : nullptr; };
         if (base)
-            encode(slot, uniformIndex, base->target, composite, slot.sets[0], &base->uniforms, sizeof(SceneUniforms),
-                   steamOf(*base));
-        for (const Pass &layer : layers)
-            encode(slot, uniformIndex, layer.target, composite, slot.sets[0], &layer.uniforms, sizeof(SceneUniforms),
-                   steamOf(layer), layer.under, layer.shadedPart);
+            encode(slot, uniformIndex,
+                   Step{base->target, composite, slot.sets[0], &base->uniforms, sizeof(SceneUniforms),
+                        base->steamOver ? &*base->steamOver : nullptr, steamOverPipeline});
+        for (const Pass &layer : layers) encodeLayer(slot, uniformIndex, layer);
         if (steam)
-            encode(slot, uniformIndex, steam->target, steamPipeline, slot.sets[1], &steam->uniforms,
-                   sizeof(SteamUniforms), nullptr);
+            encode(slot, uniformIndex,
+                   Step{steam->target, steamPipeline, slot.sets[1], &steam->uniforms, sizeof(SteamUniforms)});
 
         if (slot.queries) vkCmdWriteTimestamp(slot.cmd, VK_PIPELINE_STAGE_BOTTOM_OF_PIPE_BIT, slot.queries, 1);
         vkCheck(vkEndCommandBuffer(slot.cmd), "vkEndCommandBuffer");
@@ -496,5 +545,7 @@ void SceneRenderer::draw(const std::optional<Pass> &base, const std::vector<Pass
     } catch (const VulkanError &) {
         // No command buffer this frame: the frame is skipped and the next tick tries again.
         slot.releaseFramebuffers();
+        for (const Pass &layer : layers)
+            if (layer.still && layer.drawStill) layer.still->invalidate();
     }
 }

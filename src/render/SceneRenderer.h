@@ -1,6 +1,7 @@
 #pragma once
 
 #include "render/GPUClock.h"
+#include "render/LayerStill.h"
 #include "render/MixBuilder.h"
 #include "render/PipelineCache.h"
 #include "render/RenderTarget.h"
@@ -14,6 +15,7 @@
 #include <map>
 #include <memory>
 #include <optional>
+#include <tuple>
 #include <vector>
 
 // Owns the device, the queue, the pipelines of the composite, steam and pre-mix passes and the
@@ -34,6 +36,13 @@ public:
         // With `under`: the part of the layer, in its own pixels, that is shaded all the same
         // (where another moving layer reaches in and its pixels change); empty for none.
         VkRect2D shadedPart{};
+        // With `steamOver`: the steam is drawn here first, at half the layer's resolution (bound
+        // as SceneTextures::steam), and filtered up over the layer.
+        OffscreenTarget *steamHalf = nullptr;
+        // A layer over the record: only its moving parts are shaded each frame, over its still
+        // room (bound as SceneTextures::still), which is drawn first when `drawStill`.
+        LayerStill *still = nullptr;
+        bool drawStill = false;
     };
     struct SteamPass {
         RenderTarget *target = nullptr;  // not owned
@@ -76,12 +85,27 @@ private:
     struct FrameSlot;
     void harvest(FrameSlot &slot);
     void bindTextures(FrameSlot &slot, const SceneTextures &textures);
-    void encode(FrameSlot &slot, uint32_t &uniformIndex, RenderTarget *target, VkPipeline pipeline, VkDescriptorSet set,
-                const void *bytes, size_t size, const SteamUniforms *over, const GpuTexture *under = nullptr,
-                VkRect2D shadedPart = {});
+    struct Step {
+        RenderTarget *target = nullptr;
+        VkPipeline pipeline = VK_NULL_HANDLE;
+        VkDescriptorSet set = VK_NULL_HANDLE;
+        const void *bytes = nullptr;
+        size_t size = 0;
+        // Laid over in the same render pass with `overPipeline`.
+        const SteamUniforms *over = nullptr;
+        VkPipeline overPipeline = VK_NULL_HANDLE;
+        // Copied into the target first, at the pass's origin; then only `shadedPart` is shaded,
+        // or all of it with `shadeOverCopy` (a shader that leaves what it does not change).
+        const GpuTexture *under = nullptr;
+        bool underIsScreen = true;  // `under` covers the screen, else just the target
+        VkRect2D shadedPart{};
+        bool shadeOverCopy = false;
+    };
+    void encode(FrameSlot &slot, uint32_t &uniformIndex, const Step &step);
+    void encodeLayer(FrameSlot &slot, uint32_t &uniformIndex, const Pass &layer);
     void copyUnder(VkCommandBuffer cmd, const GpuTexture &base, int32_t x, int32_t y, const TargetImage &image);
     // `loaded`: the pass keeps what the image holds (copied in, in colour-attachment layout).
-    VkRenderPass targetPass(VkImageLayout finalLayout, bool loaded = false);
+    VkRenderPass targetPass(VkFormat format, VkImageLayout finalLayout, bool loaded = false);
 
     std::shared_ptr<VulkanContext> context;
     GPUClock clock;
@@ -91,10 +115,12 @@ private:
     SamplerHandle lin, art, sprite;
     SetLayoutHandle sceneSetLayout;
     PipelineLayoutHandle sceneLayout;
-    std::map<std::pair<VkImageLayout, bool>, RenderPassHandle> targetPasses;
+    std::map<std::tuple<VkFormat, VkImageLayout, bool>, RenderPassHandle> targetPasses;
     PipelineHandle composite;
+    PipelineHandle stillPipeline, tonePipeline, movingPipeline;
     PipelineHandle steamPipeline;
     PipelineHandle steamOverPipeline;
+    PipelineHandle steamUpPipeline;
     TextureRef empty, white;
 
     std::vector<std::unique_ptr<FrameSlot>> frameSlots;

@@ -22,5 +22,7 @@ const GpuTexture *SceneTextures::slot(int s) const
     if (s == 31) return get(labelNew);
     if (s == 32) return get(labelOld);
     if (s == 33) return get(dustCover);
+    if (s == 34) return get(still);
+    if (s == 35) return get(steam);
     return nullptr;
 }

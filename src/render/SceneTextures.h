@@ -4,7 +4,7 @@
 
 #include <array>
 
-// The textures of one composite draw, by the shader's fixed slots (0…33). Absent entries are
+// The textures of one composite draw, by the shader's fixed slots (0…35). Absent entries are
 // bound to the renderer's fallbacks: `emptySprite` (reads transparent black), `whiteMask` for
 // shadows (reads 1 = no shadow), the art itself for the labels.
 struct SceneTextures {
@@ -27,8 +27,10 @@ struct SceneTextures {
     TextureRef labelNew;                    // 31
     TextureRef labelOld;                    // 32
     TextureRef dustCover;                   // 33
+    TextureRef still;                       // 34: the moving layer's still room, linear (LayerStill)
+    TextureRef steam;                       // 35: the steam at half the layer's resolution
 
-    static constexpr int slotCount = 34;
+    static constexpr int slotCount = 36;
     // The texture in a slot, or null when absent.
     const GpuTexture *slot(int index) const;
 };

@@ -1,14 +1,14 @@
 #version 450
 // The whole shader library of the room, one source text. The build compiles it once per entry
-// point with one of FULLSCREEN, COMPOSITE, STEAM, ACCUMULATE, ACCUMULATE_ALPHA, CONVERT_PLATE
-// defined.
+// point with one of FULLSCREEN, COMPOSITE, COMPOSITE_STILL, COMPOSITE_TONE, COMPOSITE_MOVING,
+// STEAM, STEAM_UP, ACCUMULATE, ACCUMULATE_ALPHA, CONVERT_PLATE defined.
 //
 // Binding table of the composite and steam passes (descriptor set 0):
 //   0        read-only storage block (SceneUniforms / SteamUniforms), dynamic offset. Not a
 //            uniform block: Mesa's software driver compiles a new shader with the block's
 //            values folded in at every bind and never frees it (megabytes per frame).
 //   1, 2, 3  samplers lin, art, sprite
-//   4 + s    texture slot s (0…33) of SceneTextures
+//   4 + s    texture slot s (0…35) of SceneTextures
 // The pre-mix passes bind their source at 0 and take four floats as push constants.
 
 #ifdef FULLSCREEN
@@ -37,6 +37,10 @@ void main() {
 #endif
 #endif
 }
+#endif
+
+#if defined(COMPOSITE_STILL) || defined(COMPOSITE_TONE) || defined(COMPOSITE_MOVING) || defined(STEAM_UP)
+#define COMPOSITE
 #endif
 
 #if defined(COMPOSITE) || defined(STEAM)
@@ -153,6 +157,8 @@ layout(set = 0, binding = 34) uniform texture2D recordMask;
 layout(set = 0, binding = 35) uniform texture2D labelNew;
 layout(set = 0, binding = 36) uniform texture2D labelOld;
 layout(set = 0, binding = 37) uniform texture2D dustMask;
+layout(set = 0, binding = 38) uniform texture2D stillTex;
+layout(set = 0, binding = 39) uniform texture2D steamTex;
 
 vec4 spriteIn(texture2D t, vec4 rect, vec2 p) {
     return texture(sampler2D(t, sprite), (p - rect.xy) / rect.zw);
@@ -215,12 +221,30 @@ vec3 agx(vec3 v, float contrast, float offset, float gamma) {
     return pow(clamp(outset * v, 0.0, 1.0), vec3(gamma));
 }
 
-void main() {
-    // 0. Where this fragment lies on the screen and in the plate.
-    vec2 screen = gl_FragCoord.xy + U.origin.xy;
-    vec2 p = project(U.screenToPlate, screen);
-    vec2 uv = p * U.plateSize.zw;
+// A plate rectangle holding p, grown by a plate pixel for the linear filter's reach.
+bool near(vec4 rect, vec2 p) {
+    return rect.z > 0.0 && all(greaterThan(p, rect.xy - 1.0)) && all(lessThan(p, rect.xy + rect.zw + 1.0));
+}
 
+vec3 rainyDay(vec3 c) {
+    if (U.rain.z <= 0.0) return c;
+    float m = luminance(c);
+    return mix(c, mix(c, vec3(m), 0.15) * vec3(0.92, 0.97, 1.06), U.rain.z);
+}
+
+// The record's diffuse light at p: its own passes where the scene has them, else the room's.
+float recordDiffuse(vec2 p) {
+    if (U.recordRect.z > 0.0) {
+        vec2 ru = (p - U.recordRect.xy) / U.recordRect.zw;
+        return texture(sampler2D(rec0, sprite), ru).a * U.recordMisc.z + texture(sampler2D(rec1, sprite), ru).a * U.recordMisc.w;
+    }
+    return luminance(lightAt(U.recordMisc.xy));
+}
+
+// What holds still from one frame to the next while the record turns: the lit room, the bounce,
+// the sleeves, the record's sheen, the LEDs, the rainy day's colour. Alpha: the record's coverage,
+// where the turning specks are laid on later.
+vec4 stillRoom(vec2 p, vec2 uv) {
     // 1. Light.
     vec3 lin3 = lightAt(uv);
 
@@ -252,13 +276,13 @@ void main() {
         lin3 *= mix(vec3(1.0), a * showcaseGain(avg, artLum, U.tone.z), cm);
     }
 
-    // 5. Live record.
+    // 5. Live record: its grooves and sheen are the same at every turn.
+    float cov = 0.0;
     if (U.recordLight.w > 0.0) {
         vec2 q = project(U.recordInv, p);
         float R = U.recordGeo.x;
         float rmm = length(q) * R;
         float aa = max(fwidth(rmm), 0.02);
-        float cov;
         if (U.recordMaskRect.z > 0.0) {
             cov = spriteIn(recordMask, U.recordMaskRect, p).r;
         } else {
@@ -297,32 +321,13 @@ void main() {
                      + S * (passes ? mix(0.85, 0.5, groove) : mix(1.0, 0.8, groove))
                      + Lc * U.recordLight.z * streak * sheen;
             col += (S * 0.6 + Lc * U.recordLight.z * 0.15 * streak) * edge;
-            float a = atan(q.y, q.x) + U.label.x;
-            float h = hash(vec2(floor(rmm * 1.3), floor(fract(a / (2.0 * PI)) * 260.0)));
-            col += (vec3(D * 0.03) + Lc * 0.01) * step(0.9985, h);
             lin3 = mix(lin3, col, cov);
+        } else {
+            cov = 0.0;
         }
     }
 
-    // 6. Label, turning with the record, with an optional motion-blur arc.
-    float lm = spriteIn(labelMask, U.labelMaskRect, p).r;
-    if (lm > 0.001) {
-        vec2 q = project(U.labelInv, p);
-        int n = max(1, int(U.label.z));
-        vec3 acc = vec3(0.0);
-        for (int k = 0; k < n; ++k) {
-            float t = n > 1 ? float(k) / float(n - 1) - 0.5 : 0.0;
-            float ang = U.label.x - U.label.y * t;
-            float c = cos(ang), s = sin(ang);
-            vec2 l = vec2(q.x * c - q.y * s, q.x * s + q.y * c);
-            vec2 st = vec2(l.x * 0.5 + 0.5, 0.5 - l.y * 0.5);
-            acc += mix(texture(sampler2D(labelOld, art), st).rgb, texture(sampler2D(labelNew, art), st).rgb, U.cover.x);
-        }
-        float g = showcaseGain(lightAt(U.recordMisc.xy), U.tone.y, U.showcase.y);
-        lin3 *= mix(vec3(1.0), acc / float(n) * g, lm);
-    }
-
-    // 7. Speed LEDs: a core and a long faint glow.
+    // 6. Speed LEDs: a core and a long faint glow.
     for (int k = 0; k < 2; ++k) {
         vec4 L = k == 0 ? U.led33 : U.led45;
         vec3 color = k == 0 ? U.led33Color.rgb : U.led45Color.rgb;
@@ -332,23 +337,28 @@ void main() {
         }
     }
 
-    // 8. Platter strobe.
-    if (U.strobeRect.z > 0.0) {
-        vec4 s = spriteIn(strobeTex, U.strobeRect, p);
-        if (s.g > 0.001) {
-            float f = fract((s.r * 2.0 * PI + U.strobe.y) * U.strobe.x / (2.0 * PI));
-            vec2 dd = vec2((f - 0.5) * 2.2, s.b > 0.0 ? (s.b - 0.5) * 2.2 : 0.0);
-            float dotv = smoothstep(0.8, 0.5, length(dd));
-            lin3 += U.strobeColor.rgb * mix(0.3, dotv, U.strobe.z) * s.g * U.strobe.w;
-        }
-    }
+    // 7. Rainy-day light.
+    return vec4(rainyDay(lin3), cov);
+}
 
-    // 9. Rain on the window glass.
-    if (U.rain.w > 0.0 && U.glassRect.z > 0.0) {
+// What changes every frame, laid over the still room: the rain running down the glass, the
+// record's specks and label turning, the strobe, the tonearm and its shadow, and the front layers
+// over them. False where none of them reaches p, which is then the still room as it is.
+bool movingParts(vec2 screen, vec2 p, vec4 still, out vec3 result) {
+    // How the label's coordinates change from one screen pixel to the next.
+    vec2 q0 = project(U.labelInv, p);
+    mat2 labelGrad = mat2(project(U.labelInv, project(U.screenToPlate, screen + vec2(1.0, 0.0))) - q0,
+                          project(U.labelInv, project(U.screenToPlate, screen + vec2(0.0, 1.0))) - q0);
+    vec3 lin3 = still.rgb;
+    bool touched = false;
+
+    // 8. Rain on the window glass.
+    if (U.rain.w > 0.0 && near(U.glassRect, p)) {
         float gm = spriteIn(glassMask, U.glassRect, p).r;
         float dc = U.dust.y > 0.0 ? spriteIn(dustMask, U.dustRect, p).r : 0.0;
         float through = 1.0 - dc * (1.0 - U.dust.x);
         if (gm > 0.001) {
+            touched = true;
             float cellPx = U.plateSize.x * 0.011;
             vec2 g = (p + dc * vec2(0.18, 0.12) * cellPx) / cellPx;
             float t = U.rain.x;
@@ -392,65 +402,150 @@ void main() {
                     refr += (mixTap(k, ruv) + mixTap(k, ruv + vec2(spread, 0.0)) + mixTap(k, ruv - vec2(0.0, spread)))
                           / 3.0 * U.mixWeights[i];
                 }
-                lin3 = mix(lin3, refr * 0.92, dm * gm);
+                lin3 = mix(lin3, rainyDay(refr * 0.92), dm * gm);
             }
             lin3 = mix(lin3, lin3 * vec3(0.93, 0.96, 1.0), gm * through * U.rain.y * 0.5);
         }
     }
 
-    // 10. Rainy-day light.
-    if (U.rain.z > 0.0) {
-        float m = luminance(lin3);
-        lin3 = mix(lin3, mix(lin3, vec3(m), 0.15) * vec3(0.92, 0.97, 1.06), U.rain.z);
+    // 9. Specks on the record, turning with it.
+    if (still.a > 0.001) {
+        vec2 q = project(U.recordInv, p);
+        float rmm = length(q) * U.recordGeo.x;
+        float a = atan(q.y, q.x) + U.label.x;
+        float h = hash(vec2(floor(rmm * 1.3), floor(fract(a / (2.0 * PI)) * 260.0)));
+        if (h >= 0.9985) {
+            touched = true;
+            float D = recordDiffuse(p);
+            vec3 Lc = U.recordColor.w > 0.5 ? U.recordColor.rgb : vec3(D * 1.5);
+            lin3 += still.a * (vec3(D * 0.03) + Lc * 0.01);
+        }
     }
 
-    // 11. Tonearm: shadow, reflection in the dust cover, then the arm over everything below.
+    // 10. Label, turning with the record, with an optional motion-blur arc.
+    if (near(U.labelMaskRect, p)) {
+        float lm = spriteIn(labelMask, U.labelMaskRect, p).r;
+        if (lm > 0.001) {
+            touched = true;
+            vec2 q = project(U.labelInv, p);
+            int n = max(1, int(U.label.z));
+            vec3 acc = vec3(0.0);
+            for (int k = 0; k < n; ++k) {
+                float t = n > 1 ? float(k) / float(n - 1) - 0.5 : 0.0;
+                float ang = U.label.x - U.label.y * t;
+                mat2 turn = mat2(cos(ang), sin(ang), -sin(ang), cos(ang));
+                vec2 l = turn * q;
+                vec2 st = vec2(l.x * 0.5 + 0.5, 0.5 - l.y * 0.5);
+                // Gradients worked out here: implicit ones are undefined this deep in branches
+                // that differ from pixel to pixel (the software device gets them wrong).
+                vec2 gx = turn * labelGrad[0] * vec2(0.5, -0.5), gy = turn * labelGrad[1] * vec2(0.5, -0.5);
+                acc += mix(textureGrad(sampler2D(labelOld, art), st, gx, gy).rgb,
+                           textureGrad(sampler2D(labelNew, art), st, gx, gy).rgb, U.cover.x);
+            }
+            float g = showcaseGain(lightAt(U.recordMisc.xy), U.tone.y, U.showcase.y);
+            lin3 *= mix(vec3(1.0), acc / float(n) * g, lm);
+        }
+    }
+
+    // 11. Platter strobe.
+    if (near(U.strobeRect, p)) {
+        vec4 s = spriteIn(strobeTex, U.strobeRect, p);
+        if (s.g > 0.001) {
+            touched = true;
+            float f = fract((s.r * 2.0 * PI + U.strobe.y) * U.strobe.x / (2.0 * PI));
+            vec2 dd = vec2((f - 0.5) * 2.2, s.b > 0.0 ? (s.b - 0.5) * 2.2 : 0.0);
+            float dotv = smoothstep(0.8, 0.5, length(dd));
+            lin3 += U.strobeColor.rgb * mix(0.3, dotv, U.strobe.z) * s.g * U.strobe.w;
+        }
+    }
+
+    // 12. Tonearm: shadow, reflection in the dust cover, then the arm over everything below.
     if (U.armCount > 0u) {
         vec2 src[2] = vec2[2](project(U.armInv[0], p), project(U.armInv[1], p));
-        vec4 c = vec4(0.0);
-        float shade = 0.0, shadeW = 0.0;
+        bool reached = false;
         for (uint j = 0u; j < min(U.armCount, 4u); ++j) {
             vec2 s = src[j >> 1];
-            float w = U.armWeights[j];
-            c += armTap(int(j), (s - U.armRects[j].xy) / U.armRects[j].zw) * w;
-            vec4 sr = U.shadowRects[j];
-            if (sr.z > 0.0) {
-                vec2 su = (s - sr.xy) / sr.zw;
-                bool inside = all(greaterThanEqual(su, vec2(0.0))) && all(lessThanEqual(su, vec2(1.0)));
-                shade += (inside ? shadowTap(int(j), su) : 1.0) * w;
-                shadeW += w;
+            reached = reached || near(U.armRects[j], s) || near(U.shadowRects[j], s) || near(U.reflRects[j], p);
+        }
+        if (reached) {
+            touched = true;
+            vec4 c = vec4(0.0);
+            float shade = 0.0, shadeW = 0.0;
+            for (uint j = 0u; j < min(U.armCount, 4u); ++j) {
+                vec2 s = src[j >> 1];
+                float w = U.armWeights[j];
+                c += armTap(int(j), (s - U.armRects[j].xy) / U.armRects[j].zw) * w;
+                vec4 sr = U.shadowRects[j];
+                if (sr.z > 0.0) {
+                    vec2 su = (s - sr.xy) / sr.zw;
+                    bool inside = all(greaterThanEqual(su, vec2(0.0))) && all(lessThanEqual(su, vec2(1.0)));
+                    shade += (inside ? shadowTap(int(j), su) : 1.0) * w;
+                    shadeW += w;
+                }
             }
+            if (shadeW > 0.0) lin3 *= mix(1.0, shade / shadeW, shadeW);
+            for (uint j = 0u; j < min(U.armCount, 4u); ++j) {
+                vec4 rr = U.reflRects[j];
+                if (rr.z > 0.0) lin3 += reflTap(int(j), (p - rr.xy) / rr.zw) * U.armWeights[j];
+            }
+            lin3 = c.rgb + (1.0 - c.a) * lin3;
         }
-        if (shadeW > 0.0) lin3 *= mix(1.0, shade / shadeW, shadeW);
-        for (uint j = 0u; j < min(U.armCount, 4u); ++j) {
-            vec4 rr = U.reflRects[j];
-            if (rr.z > 0.0) lin3 += reflTap(int(j), (p - rr.xy) / rr.zw) * U.armWeights[j];
-        }
-        lin3 = c.rgb + (1.0 - c.a) * lin3;
     }
 
-    // 12. Front layers; nothing is drawn over them.
-    if (U.frontCount > 0u) {
+    // 13. Front layers; nothing is drawn over them.
+    if (U.frontCount > 0u && (near(U.frontRects[0], p) || (U.frontCount > 1u && near(U.frontRects[1], p)))) {
+        touched = true;
         vec4 c = spriteIn(front0, U.frontRects[0], p) * U.frontWeights.x;
         if (U.frontCount > 1u) c += spriteIn(front1, U.frontRects[1], p) * U.frontWeights.y;
         lin3 = c.rgb + (1.0 - c.a) * lin3;
     }
+    result = lin3;
+    return touched;
+}
 
-    // 13. Vignette, in plate pixels so it matches the offline renders.
+// Linear light to the screen's colour: vignette, grain, tone, dither.
+vec4 finish(vec3 lin3, vec2 p, vec2 screen) {
+    // Vignette, in plate pixels so it matches the offline renders.
     vec2 dv = (p - 0.5 * U.plateSize.xy) / (0.5 * U.plateSize.x);
     lin3 *= max(0.0, 1.0 - U.look.x * dot(dv, dv));
 
-    // 14. Grain fixed to the plate pixel, so base and layers agree.
+    // Grain fixed to the plate pixel, so base and layers agree.
     vec2 gp = floor(p);
     float gauss = (hash(gp + 3.1) + hash(gp + 7.7) + hash(gp + 11.3) - 1.5) * 2.0;
     lin3 += gauss * U.look.z * sqrt(max((lin3.r + lin3.g + lin3.b) / 3.0, 0.0) + 1e-4);
 
-    // 15. Tone.
     vec3 o = agx(lin3, U.look.y, U.look.w, U.tone.x);
 
-    // 16. Dither against banding.
+    // Dither against banding.
     o += (hash(screen) + hash(screen + 17.31) - 1.0) / 255.0;
-    outColor = vec4(o, 1.0);
+    return vec4(o, 1.0);
+}
+
+// The whole composite, or one of its halves for a moving layer: the still room into a linear
+// texture (redrawn only when it changes), that texture finished, and the moving parts over it.
+void main() {
+#if defined(STEAM_UP)
+    // The steam, drawn at half the layer's resolution, filtered up (premultiplied, so filtering
+    // it is exact).
+    outColor = texture(sampler2D(steamTex, lin), gl_FragCoord.xy * 0.5 / vec2(textureSize(sampler2D(steamTex, lin), 0)));
+#else
+    vec2 screen = gl_FragCoord.xy + U.origin.xy;
+    vec2 p = project(U.screenToPlate, screen);
+#if defined(COMPOSITE_STILL)
+    outColor = stillRoom(p, p * U.plateSize.zw);
+#elif defined(COMPOSITE_TONE)
+    outColor = finish(texelFetch(sampler2D(stillTex, lin), ivec2(gl_FragCoord.xy), 0).rgb, p, screen);
+#elif defined(COMPOSITE_MOVING)
+    vec3 lin3;
+    // origin.z: the finished still is in the target already, so untouched pixels are left alone.
+    if (!movingParts(screen, p, texelFetch(sampler2D(stillTex, lin), ivec2(gl_FragCoord.xy), 0), lin3) && U.origin.z > 0.5) discard;
+    outColor = finish(lin3, p, screen);
+#else
+    vec3 lin3;
+    movingParts(screen, p, stillRoom(p, p * U.plateSize.zw), lin3);
+    outColor = finish(lin3, p, screen);
+#endif
+#endif
 }
 #endif
 
