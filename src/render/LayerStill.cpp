@@ -28,8 +28,8 @@ SceneUniforms stillPart(const SceneUniforms &u)
 }  // namespace
 
 LayerStill::LayerStill(std::shared_ptr<VulkanContext> context, uint32_t width, uint32_t height)
-    : linearTarget(context, width, height, VK_FORMAT_R16G16B16A16_SFLOAT, VK_IMAGE_LAYOUT_SHADER_READ_ONLY_OPTIMAL),
-      finishedTarget(context, width, height)
+    : linearTarget(context, width, height, VK_FORMAT_R16G16B16A16_SFLOAT, VK_IMAGE_LAYOUT_SHADER_READ_ONLY_OPTIMAL)
+    , finishedTarget(context, width, height)
 {
 }
 
@@ -39,14 +39,16 @@ bool LayerStill::changed(const SceneUniforms &uniforms, const SceneTextures &tex
     // Only the textures the still room reads: the arm's, the labels', the strobe's and the front
     // layers' are the moving parts'.
     const auto same = [&](const TextureRef &a, const TextureRef &b) { return a.get() == b.get(); };
-    bool texturesSame = same(textures.coverMask, lastTextures.coverMask) && same(textures.artNew, lastTextures.artNew) &&
-                        same(textures.artOld, lastTextures.artOld) && same(textures.stackUV, lastTextures.stackUV) &&
-                        same(textures.stackArt, lastTextures.stackArt) && same(textures.glass, lastTextures.glass) &&
-                        same(textures.recordMask, lastTextures.recordMask) &&
-                        same(textures.dustCover, lastTextures.dustCover);
+    bool texturesSame =
+        same(textures.coverMask, lastTextures.coverMask) && same(textures.artNew, lastTextures.artNew) &&
+        same(textures.artOld, lastTextures.artOld) && same(textures.stackUV, lastTextures.stackUV) &&
+        same(textures.stackArt, lastTextures.stackArt) && same(textures.glass, lastTextures.glass) &&
+        same(textures.recordMask, lastTextures.recordMask) && same(textures.dustCover, lastTextures.dustCover);
     for (size_t i = 0; i < textures.mixes.size(); ++i) texturesSame &= same(textures.mixes[i], lastTextures.mixes[i]);
-    for (size_t i = 0; i < textures.bounce.size(); ++i) texturesSame &= same(textures.bounce[i], lastTextures.bounce[i]);
-    for (size_t i = 0; i < textures.record.size(); ++i) texturesSame &= same(textures.record[i], lastTextures.record[i]);
+    for (size_t i = 0; i < textures.bounce.size(); ++i)
+        texturesSame &= same(textures.bounce[i], lastTextures.bounce[i]);
+    for (size_t i = 0; i < textures.record.size(); ++i)
+        texturesSame &= same(textures.record[i], lastTextures.record[i]);
     // SceneUniforms is plain floats and integers with no padding of its own, so bytes compare.
     const bool result = !drawn || !texturesSame || std::memcmp(&still, &lastUniforms, sizeof still) != 0;
     lastUniforms = still;

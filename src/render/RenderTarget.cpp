@@ -4,9 +4,11 @@
 
 #include <cstring>
 
-OffscreenTarget::OffscreenTarget(std::shared_ptr<VulkanContext> ctx, uint32_t width, uint32_t height,
-                                 VkFormat format, VkImageLayout finalLayout)
-    : context(std::move(ctx)), format(format), finalLayout(finalLayout)
+OffscreenTarget::OffscreenTarget(std::shared_ptr<VulkanContext> ctx, uint32_t width, uint32_t height, VkFormat format,
+                                 VkImageLayout finalLayout)
+    : context(std::move(ctx))
+    , format(format)
+    , finalLayout(finalLayout)
 {
     image = context->createTexture(format, width, height,
                                    VK_IMAGE_USAGE_COLOR_ATTACHMENT_BIT | VK_IMAGE_USAGE_TRANSFER_SRC_BIT |

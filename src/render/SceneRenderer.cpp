@@ -140,10 +140,9 @@ void SceneRenderer::makePipelines(const ShaderLibrary &shaders, const QString &p
 
     VkRenderPass pass = targetPass(VK_FORMAT_B8G8R8A8_UNORM, VK_IMAGE_LAYOUT_TRANSFER_SRC_OPTIMAL);
     *composite.out(device) = makePipeline(device, sceneLayout, pass, vert, composited, Blend::none);
-    *stillPipeline.out(device) =
-        makePipeline(device, sceneLayout,
-                     targetPass(VK_FORMAT_R16G16B16A16_SFLOAT, VK_IMAGE_LAYOUT_SHADER_READ_ONLY_OPTIMAL), vert, still,
-                     Blend::none);
+    *stillPipeline.out(device) = makePipeline(
+        device, sceneLayout, targetPass(VK_FORMAT_R16G16B16A16_SFLOAT, VK_IMAGE_LAYOUT_SHADER_READ_ONLY_OPTIMAL), vert,
+        still, Blend::none);
     *tonePipeline.out(device) = makePipeline(device, sceneLayout, pass, vert, toned, Blend::none);
     *movingPipeline.out(device) = makePipeline(device, sceneLayout, pass, vert, moving, Blend::none);
     *steamPipeline.out(device) = makePipeline(device, sceneLayout, pass, vert, steamed, Blend::none);
@@ -454,8 +453,7 @@ void SceneRenderer::encodeLayer(FrameSlot &slot, uint32_t &uniformIndex, const P
     if (over && layer.steamHalf) {
         half = *over;
         half.origin[2] = 2;  // each pixel of the half-size target covers two of the layer's
-        encode(slot, uniformIndex,
-               Step{layer.steamHalf, steamPipeline, slot.sets[1], &half, sizeof(SteamUniforms)});
+        encode(slot, uniformIndex, Step{layer.steamHalf, steamPipeline, slot.sets[1], &half, sizeof(SteamUniforms)});
     }
     const VkPipeline overPipeline = layer.steamHalf ? steamUpPipeline : steamOverPipeline;
     if (!layer.still) {

@@ -21,10 +21,9 @@ template <std::size_t N> static std::vector<uint32_t> words(const uint32_t (&cod
 
 const ShaderLibrary &ShaderLibrary::embedded()
 {
-    static const ShaderLibrary library{words(spirv_fullscreen),      words(spirv_composite),
-                                       words(spirv_compositeStill),  words(spirv_compositeTone),
-                                       words(spirv_compositeMoving), words(spirv_steam),
-                                       words(spirv_steamUp),         words(spirv_accumulate),
-                                       words(spirv_accumulateAlpha), words(spirv_convertPlate)};
+    static const ShaderLibrary library{
+        words(spirv_fullscreen),      words(spirv_composite),   words(spirv_compositeStill), words(spirv_compositeTone),
+        words(spirv_compositeMoving), words(spirv_steam),       words(spirv_steamUp),        words(spirv_accumulate),
+        words(spirv_accumulateAlpha), words(spirv_convertPlate)};
     return library;
 }

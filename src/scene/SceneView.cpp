@@ -173,7 +173,8 @@ void SceneView::frame(double t)
         SceneRenderer::Pass pass{target, uniforms, std::nullopt};
         const QRect &r = layers->rect(Layer::moving);
         pass.uniforms.origin = {float(r.x()), float(r.y()), 0, 0};
-        if (!movingStill || movingStill->width() != uint32_t(r.width()) || movingStill->height() != uint32_t(r.height()))
+        if (!movingStill || movingStill->width() != uint32_t(r.width()) ||
+            movingStill->height() != uint32_t(r.height()))
             movingStill = std::make_unique<LayerStill>(renderer.vulkan(), uint32_t(r.width()), uint32_t(r.height()));
         textures.still = movingStill->linear().texture();
         pass.still = movingStill.get();
@@ -188,9 +189,9 @@ void SceneView::frame(double t)
             SceneFrame::steam(uniforms, *room.steamRect(), {float(r.x()), float(r.y()), 1, 0}, room.steamSeconds(t));
         const uint32_t halfWidth = uint32_t(r.width() + 1) / 2, halfHeight = uint32_t(r.height() + 1) / 2;
         if (!steamHalf || steamHalf->width() != halfWidth || steamHalf->height() != halfHeight)
-            steamHalf = std::make_unique<OffscreenTarget>(renderer.vulkan(), halfWidth, halfHeight,
-                                                          VK_FORMAT_B8G8R8A8_UNORM,
-                                                          VK_IMAGE_LAYOUT_SHADER_READ_ONLY_OPTIMAL);
+            steamHalf =
+                std::make_unique<OffscreenTarget>(renderer.vulkan(), halfWidth, halfHeight, VK_FORMAT_B8G8R8A8_UNORM,
+                                                  VK_IMAGE_LAYOUT_SHADER_READ_ONLY_OPTIMAL);
         textures.steam = steamHalf->texture();
         pass.steamHalf = steamHalf.get();
         // Under the steam the room is the finished base's, copied rather than shaded again, except
