@@ -118,7 +118,8 @@ int main(int argc, char **argv)
     const QCommandLineOption sceneOpt("scene", "Scene folder.", "dir", TURNELO_SOURCE_DIR "/scenes/room");
     const QCommandLineOption generatedOpt("generated", "The synthetic room at the screen's size.");
     const QCommandLineOption waylandOpt("wayland", "Under a headless sway instead of Xvfb.");
-    p.addOptions({secondsOpt, sizeOpt, sceneOpt, generatedOpt, waylandOpt});
+    const QCommandLineOption noSteamOpt("no-steam", "Steam off: the record and arm layer alone.");
+    p.addOptions({secondsOpt, sizeOpt, sceneOpt, generatedOpt, waylandOpt, noSteamOpt});
     p.addHelpOption();
     p.process(app);
     const int seconds = std::max(4, p.value(secondsOpt).toInt());
@@ -174,6 +175,7 @@ int main(int argc, char **argv)
     // About four performance lines a phase: a phase averages the lines that fall inside it, and
     // writing them costs little next to what a hidden room is meant to cost.
     run(built("tools/turnelo-defaults"), {"write", "perfLogInterval", "-float", QString::number(seconds / 4.0)});
+    if (p.isSet(noSteamOpt)) run(built("tools/turnelo-defaults"), {"write", "steam", "-bool", "false"});
 
     QProcess player;
     player.setProcessEnvironment(env);

@@ -117,12 +117,12 @@ void SceneRenderer::makePipelines(const ShaderLibrary &shaders, const QString &p
     VkDevice device = context->device;
     QElapsedTimer timer;
     timer.start();
-    PipelineCache cache(device, context->properties, pipelineCache);
+    cache = std::make_unique<PipelineCache>(device, context->properties, pipelineCache);
     int made = 0, cached = 0;
     const auto makePipeline = [&](VkDevice d, VkPipelineLayout layout, VkRenderPass pass, VkShaderModule vertex,
                                   VkShaderModule fragment, Blend blend) {
         bool hit = false;
-        VkPipeline p = VulkanPipelines::makePipeline(d, layout, pass, vertex, fragment, blend, cache.handle(),
+        VkPipeline p = VulkanPipelines::makePipeline(d, layout, pass, vertex, fragment, blend, cache->handle(),
                                                      context->hasCreationFeedback ? &hit : nullptr);
         ++made;
         cached += hit ? 1 : 0;
@@ -131,22 +131,18 @@ void SceneRenderer::makePipelines(const ShaderLibrary &shaders, const QString &p
     const auto module = [&](const std::vector<uint32_t> &spirv) {
         return ShaderModuleHandle(device, makeShader(device, spirv));
     };
-    const ShaderModuleHandle vert = module(shaders.fullscreen);
-    const ShaderModuleHandle composited = module(shaders.composite), steamed = module(shaders.steam);
-    const ShaderModuleHandle still = module(shaders.compositeStill), toned = module(shaders.compositeTone);
-    const ShaderModuleHandle moving = module(shaders.compositeMoving), steamUp = module(shaders.steamUp);
+    vertexShader = module(shaders.fullscreen);
+    compositeShader = module(shaders.composite);
+    stillShader = module(shaders.compositeStill);
+    movingShader = module(shaders.compositeMoving);
+    steamShader = module(shaders.steam);
+    const ShaderModuleHandle toned = module(shaders.compositeTone), steamUp = module(shaders.steamUp);
     const ShaderModuleHandle accumulated = module(shaders.accumulate), alpha = module(shaders.accumulateAlpha);
     const ShaderModuleHandle converted = module(shaders.convertPlate);
+    const VkShaderModule vert = vertexShader;
 
     VkRenderPass pass = targetPass(VK_FORMAT_B8G8R8A8_UNORM, VK_IMAGE_LAYOUT_TRANSFER_SRC_OPTIMAL);
-    *composite.out(device) = makePipeline(device, sceneLayout, pass, vert, composited, Blend::none);
-    *stillPipeline.out(device) = makePipeline(
-        device, sceneLayout, targetPass(VK_FORMAT_R16G16B16A16_SFLOAT, VK_IMAGE_LAYOUT_SHADER_READ_ONLY_OPTIMAL), vert,
-        still, Blend::none);
     *tonePipeline.out(device) = makePipeline(device, sceneLayout, pass, vert, toned, Blend::none);
-    *movingPipeline.out(device) = makePipeline(device, sceneLayout, pass, vert, moving, Blend::none);
-    *steamPipeline.out(device) = makePipeline(device, sceneLayout, pass, vert, steamed, Blend::none);
-    *steamOverPipeline.out(device) = makePipeline(device, sceneLayout, pass, vert, steamed, Blend::premultipliedOver);
     *steamUpPipeline.out(device) = makePipeline(device, sceneLayout, pass, vert, steamUp, Blend::premultipliedOver);
 
     // The pre-mix passes: one source texture, four floats of push constants.
@@ -188,7 +184,7 @@ void SceneRenderer::makePipelines(const ShaderLibrary &shaders, const QString &p
         *mix.convert[f].out(device) = makePipeline(device, mix.layout, mix.resultPass[f], vert, converted, Blend::none);
     }
     builder = std::make_shared<MixBuilder>(context, std::move(mix));
-    cache.save();
+    cache->save();
     Log::write(QStringLiteral("Vulkan: %1 pipelines em %2 s; %3")
                    .arg(made)
                    .arg(timer.elapsed() / 1000.0, 0, 'f', 2)
@@ -196,6 +192,37 @@ void SceneRenderer::makePipelines(const ShaderLibrary &shaders, const QString &p
                         : cached == made
                             ? QStringLiteral("todos do cache, nenhum compilado")
                             : QStringLiteral("%1 do cache, %2 compilados").arg(cached).arg(made - cached)));
+}
+
+VkPipeline SceneRenderer::pipeline(Program program, const ShaderVariant &variant)
+{
+    PipelineHandle &held = variants[{program, variant}];
+    if (held) return held;
+    VkDevice device = context->device;
+    QElapsedTimer timer;
+    timer.start();
+    const bool linear = program == Program::still;
+    VkRenderPass pass = linear ? targetPass(VK_FORMAT_R16G16B16A16_SFLOAT, VK_IMAGE_LAYOUT_SHADER_READ_ONLY_OPTIMAL)
+                               : targetPass(VK_FORMAT_B8G8R8A8_UNORM, VK_IMAGE_LAYOUT_TRANSFER_SRC_OPTIMAL);
+    const VkShaderModule fragment = program == Program::composite ? compositeShader.get()
+                                    : program == Program::still   ? stillShader.get()
+                                    : program == Program::moving  ? movingShader.get()
+                                                                  : steamShader.get();
+    const VkSpecializationInfo constants = variant.info();
+    bool hit = false;
+    *held.out(device) = makePipeline(device, sceneLayout, pass, vertexShader, fragment,
+                                     program == Program::steamOver ? Blend::premultipliedOver : Blend::none,
+                                     cache->handle(), context->hasCreationFeedback ? &hit : nullptr, &constants);
+    cache->save();
+    Log::write(QStringLiteral("Vulkan: pipeline %1 para %2 luzes, %3 braços, %4 frentes%5 em %6 ms%7")
+                   .arg(int(program))
+                   .arg(variant.mixes)
+                   .arg(variant.arms)
+                   .arg(variant.fronts)
+                   .arg(variant.rain ? QStringLiteral(", chuva") : QString())
+                   .arg(timer.elapsed())
+                   .arg(hit ? QStringLiteral(" (do cache)") : QString()));
+    return held;
 }
 
 void SceneRenderer::makeFallbacks()
@@ -453,11 +480,19 @@ void SceneRenderer::encodeLayer(FrameSlot &slot, uint32_t &uniformIndex, const P
     if (over && layer.steamHalf) {
         half = *over;
         half.origin[2] = 2;  // each pixel of the half-size target covers two of the layer's
-        encode(slot, uniformIndex, Step{layer.steamHalf, steamPipeline, slot.sets[1], &half, sizeof(SteamUniforms)});
+        encode(slot, uniformIndex,
+               Step{layer.steamHalf, pipeline(Program::steam, ShaderVariant::of(half)), slot.sets[1], &half,
+                    sizeof(SteamUniforms)});
     }
-    const VkPipeline overPipeline = layer.steamHalf ? steamUpPipeline : steamOverPipeline;
+    const VkPipeline overPipeline = !over             ? VK_NULL_HANDLE
+                                    : layer.steamHalf ? steamUpPipeline.get()
+                                                      : pipeline(Program::steamOver, ShaderVariant::of(*over));
+    const ShaderVariant variant = ShaderVariant::of(layer.uniforms);
     if (!layer.still) {
-        Step step{layer.target, composite, slot.sets[0], &layer.uniforms, sizeof(SceneUniforms), over, overPipeline};
+        Step step{layer.target,          pipeline(Program::composite, variant),
+                  slot.sets[0],          &layer.uniforms,
+                  sizeof(SceneUniforms), over,
+                  overPipeline};
         step.under = layer.under;
         step.shadedPart = layer.shadedPart;
         encode(slot, uniformIndex, step);
@@ -465,11 +500,14 @@ void SceneRenderer::encodeLayer(FrameSlot &slot, uint32_t &uniformIndex, const P
     }
     if (layer.drawStill) {
         encode(slot, uniformIndex,
-               Step{&layer.still->linear(), stillPipeline, slot.sets[0], &layer.uniforms, sizeof(SceneUniforms)});
+               Step{&layer.still->linear(), pipeline(Program::still, variant), slot.sets[0], &layer.uniforms,
+                    sizeof(SceneUniforms)});
         encode(slot, uniformIndex,
                Step{&layer.still->finished(), tonePipeline, slot.sets[0], &layer.uniforms, sizeof(SceneUniforms)});
     }
-    Step step{layer.target, movingPipeline, slot.sets[0], &layer.uniforms, sizeof(SceneUniforms), over, overPipeline};
+    Step step{
+        layer.target, pipeline(Program::moving, variant), slot.sets[0], &layer.uniforms, sizeof(SceneUniforms), over,
+        overPipeline};
     step.under = layer.still->finished().texture().get();
     step.underIsScreen = false;
     step.shadeOverCopy = true;
@@ -518,12 +556,15 @@ void SceneRenderer::draw(const std::optional<Pass> &base, const std::vector<Pass
         uint32_t uniformIndex = 0;
         if (base)
             encode(slot, uniformIndex,
-                   Step{base->target, composite, slot.sets[0], &base->uniforms, sizeof(SceneUniforms),
-                        base->steamOver ? &*base->steamOver : nullptr, steamOverPipeline});
+                   Step{base->target, pipeline(Program::composite, ShaderVariant::of(base->uniforms)), slot.sets[0],
+                        &base->uniforms, sizeof(SceneUniforms), base->steamOver ? &*base->steamOver : nullptr,
+                        base->steamOver ? pipeline(Program::steamOver, ShaderVariant::of(*base->steamOver))
+                                        : VK_NULL_HANDLE});
         for (const Pass &layer : layers) encodeLayer(slot, uniformIndex, layer);
         if (steam)
             encode(slot, uniformIndex,
-                   Step{steam->target, steamPipeline, slot.sets[1], &steam->uniforms, sizeof(SteamUniforms)});
+                   Step{steam->target, pipeline(Program::steam, ShaderVariant::of(steam->uniforms)), slot.sets[1],
+                        &steam->uniforms, sizeof(SteamUniforms)});
 
         if (slot.queries) vkCmdWriteTimestamp(slot.cmd, VK_PIPELINE_STAGE_BOTTOM_OF_PIPE_BIT, slot.queries, 1);
         vkCheck(vkEndCommandBuffer(slot.cmd), "vkEndCommandBuffer");

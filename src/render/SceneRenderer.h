@@ -8,6 +8,7 @@
 #include "render/SceneTextures.h"
 #include "render/SceneUniforms.h"
 #include "render/ShaderLibrary.h"
+#include "render/ShaderVariant.h"
 #include "render/VulkanContext.h"
 #include "render/VulkanHandle.h"
 
@@ -116,11 +117,13 @@ private:
     SetLayoutHandle sceneSetLayout;
     PipelineLayoutHandle sceneLayout;
     std::map<std::tuple<VkFormat, VkImageLayout, bool>, RenderPassHandle> targetPasses;
-    PipelineHandle composite;
-    PipelineHandle stillPipeline, tonePipeline, movingPipeline;
-    PipelineHandle steamPipeline;
-    PipelineHandle steamOverPipeline;
-    PipelineHandle steamUpPipeline;
+    // The composite and steam programs, compiled for a variant the first time a frame needs it.
+    enum class Program { composite, still, moving, steam, steamOver };
+    VkPipeline pipeline(Program program, const ShaderVariant &variant);
+    ShaderModuleHandle vertexShader, compositeShader, stillShader, movingShader, steamShader;
+    std::unique_ptr<PipelineCache> cache;
+    std::map<std::pair<Program, ShaderVariant>, PipelineHandle> variants;
+    PipelineHandle tonePipeline, steamUpPipeline;
     TextureRef empty, white;
 
     std::vector<std::unique_ptr<FrameSlot>> frameSlots;

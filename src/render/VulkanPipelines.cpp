@@ -67,7 +67,8 @@ VkShaderModule makeShader(VkDevice device, const std::vector<uint32_t> &spirv)
 }
 
 VkPipeline makePipeline(VkDevice device, VkPipelineLayout layout, VkRenderPass pass, VkShaderModule vertex,
-                        VkShaderModule fragment, Blend blendMode, VkPipelineCache cache, bool *fromCache)
+                        VkShaderModule fragment, Blend blendMode, VkPipelineCache cache, bool *fromCache,
+                        const VkSpecializationInfo *specialization)
 {
     VkPipelineShaderStageCreateInfo stages[2]{};
     stages[0].sType = VK_STRUCTURE_TYPE_PIPELINE_SHADER_STAGE_CREATE_INFO;
@@ -78,6 +79,7 @@ VkPipeline makePipeline(VkDevice device, VkPipelineLayout layout, VkRenderPass p
     stages[1].stage = VK_SHADER_STAGE_FRAGMENT_BIT;
     stages[1].module = fragment;
     stages[1].pName = "main";
+    stages[1].pSpecializationInfo = specialization;
     VkPipelineVertexInputStateCreateInfo vi{VK_STRUCTURE_TYPE_PIPELINE_VERTEX_INPUT_STATE_CREATE_INFO};
     VkPipelineInputAssemblyStateCreateInfo ia{VK_STRUCTURE_TYPE_PIPELINE_INPUT_ASSEMBLY_STATE_CREATE_INFO};
     ia.topology = VK_PRIMITIVE_TOPOLOGY_TRIANGLE_LIST;

@@ -55,6 +55,13 @@ layout(set = 0, binding = 7) uniform texture2D mix3;
 
 layout(location = 0) out vec4 outColor;
 
+// Fixed per pipeline, from the frame's counts: what a frame does not use is compiled out rather
+// than skipped at run time (a software device runs both sides of every branch).
+layout(constant_id = 0) const uint MIXES = 4u;
+layout(constant_id = 1) const uint ARMS = 4u;
+layout(constant_id = 2) const uint FRONTS = 2u;
+layout(constant_id = 3) const bool RAIN = true;
+
 const vec3 lumaWeights = vec3(0.2126, 0.7152, 0.0722);
 const float PI = 3.14159265358979;
 
@@ -166,7 +173,7 @@ vec4 spriteIn(texture2D t, vec4 rect, vec2 p) {
 
 vec3 lightAt(vec2 uv) {
     vec3 sum = vec3(0.0);
-    for (uint i = 0u; i < min(U.mixCount, 4u); ++i) sum += mixTap(int(i), uv) * U.mixWeights[i];
+    for (uint i = 0u; i < MIXES; ++i) sum += mixTap(int(i), uv) * U.mixWeights[i];
     return sum;
 }
 
@@ -353,7 +360,7 @@ bool movingParts(vec2 screen, vec2 p, vec4 still, out vec3 result) {
     bool touched = false;
 
     // 8. Rain on the window glass.
-    if (U.rain.w > 0.0 && near(U.glassRect, p)) {
+    if (RAIN && U.rain.w > 0.0 && near(U.glassRect, p)) {
         float gm = spriteIn(glassMask, U.glassRect, p).r;
         float dc = U.dust.y > 0.0 ? spriteIn(dustMask, U.dustRect, p).r : 0.0;
         float through = 1.0 - dc * (1.0 - U.dust.x);
@@ -397,7 +404,7 @@ bool movingParts(vec2 screen, vec2 p, vec4 still, out vec3 result) {
                 vec2 ruv = (p - offs * cellPx * 1.2) * U.plateSize.zw;
                 float spread = 0.0015 * (1.0 + 2.0 * dc);
                 vec3 refr = vec3(0.0);
-                for (uint i = 0u; i < min(U.mixCount, 4u); ++i) {
+                for (uint i = 0u; i < MIXES; ++i) {
                     int k = int(i);
                     refr += (mixTap(k, ruv) + mixTap(k, ruv + vec2(spread, 0.0)) + mixTap(k, ruv - vec2(0.0, spread)))
                           / 3.0 * U.mixWeights[i];
@@ -460,10 +467,10 @@ bool movingParts(vec2 screen, vec2 p, vec4 still, out vec3 result) {
     }
 
     // 12. Tonearm: shadow, reflection in the dust cover, then the arm over everything below.
-    if (U.armCount > 0u) {
+    if (ARMS > 0u) {
         vec2 src[2] = vec2[2](project(U.armInv[0], p), project(U.armInv[1], p));
         bool reached = false;
-        for (uint j = 0u; j < min(U.armCount, 4u); ++j) {
+        for (uint j = 0u; j < ARMS; ++j) {
             vec2 s = src[j >> 1];
             reached = reached || near(U.armRects[j], s) || near(U.shadowRects[j], s) || near(U.reflRects[j], p);
         }
@@ -471,7 +478,7 @@ bool movingParts(vec2 screen, vec2 p, vec4 still, out vec3 result) {
             touched = true;
             vec4 c = vec4(0.0);
             float shade = 0.0, shadeW = 0.0;
-            for (uint j = 0u; j < min(U.armCount, 4u); ++j) {
+            for (uint j = 0u; j < ARMS; ++j) {
                 vec2 s = src[j >> 1];
                 float w = U.armWeights[j];
                 c += armTap(int(j), (s - U.armRects[j].xy) / U.armRects[j].zw) * w;
@@ -484,7 +491,7 @@ bool movingParts(vec2 screen, vec2 p, vec4 still, out vec3 result) {
                 }
             }
             if (shadeW > 0.0) lin3 *= mix(1.0, shade / shadeW, shadeW);
-            for (uint j = 0u; j < min(U.armCount, 4u); ++j) {
+            for (uint j = 0u; j < ARMS; ++j) {
                 vec4 rr = U.reflRects[j];
                 if (rr.z > 0.0) lin3 += reflTap(int(j), (p - rr.xy) / rr.zw) * U.armWeights[j];
             }
@@ -493,10 +500,10 @@ bool movingParts(vec2 screen, vec2 p, vec4 still, out vec3 result) {
     }
 
     // 13. Front layers; nothing is drawn over them.
-    if (U.frontCount > 0u && (near(U.frontRects[0], p) || (U.frontCount > 1u && near(U.frontRects[1], p)))) {
+    if (FRONTS > 0u && (near(U.frontRects[0], p) || (FRONTS > 1u && near(U.frontRects[1], p)))) {
         touched = true;
         vec4 c = spriteIn(front0, U.frontRects[0], p) * U.frontWeights.x;
-        if (U.frontCount > 1u) c += spriteIn(front1, U.frontRects[1], p) * U.frontWeights.y;
+        if (FRONTS > 1u) c += spriteIn(front1, U.frontRects[1], p) * U.frontWeights.y;
         lin3 = c.rgb + (1.0 - c.a) * lin3;
     }
     result = lin3;
@@ -620,7 +627,7 @@ void main() {
 
     vec2 cupUV = vec2(S.rect.x + 0.5 * S.rect.z, S.rect.y + 0.8 * S.rect.w) * S.plateSize.zw;
     vec3 light = vec3(0.0);
-    for (uint i = 0u; i < min(S.mixCount, 4u); ++i) light += mixTap(int(i), cupUV) * S.mixWeights[i];
+    for (uint i = 0u; i < MIXES; ++i) light += mixTap(int(i), cupUV) * S.mixWeights[i];
     vec3 tint = sqrt(light / (1.0 + light));
     float L = luminance(light);
     float visible = clamp(0.03 / (L + 0.008), 0.04, 1.0);
