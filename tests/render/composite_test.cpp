@@ -161,64 +161,6 @@ TEST_F(Composite, ALayerMatchesTheSameRegionOfTheFullImage)
     EXPECT_TRUE(render(layer, t, 24, 16) == render(u, t, w, h).copy(20, 12, 24, 16));
 }
 
-TEST_F(Composite, AMovingLayerShadesItsTurningPartsOverItsStillAndMatchesTheFullImage)
-{
-    // A lit, vignetted plate with an LED and a label that turns: the layer's still room is drawn
-    // once, then each turn shades only the label over it; every frame must be the full image's
-    // region, and a change to the still room must draw it again.
-    const int w = 64, h = 48;
-    SceneUniforms u = plainUniforms(64, 48);
-    SceneTextures t;
-    t.mixes[0] = half(halfImage(16, 16, [](int x, int y) {
-        return std::array<float, 4>{0.05f + x * 0.02f, 0.1f + y * 0.02f, 0.2f, 1};
-    }));
-    u.mixCount = 1;
-    u.mixWeights = {1, 0, 0, 0};
-    u.look = {0.4f, 1, 0.05f, 0};
-    u.led33 = {40, 20, 4, 1};
-    u.led33Color = {1, 0.5f, 0, 0};
-    // The label fills plate x 16–48, y 8–40; its art is white on one half, black on the other.
-    u.labelInv = Float3x3::fromRows<float>({{{1 / 16.0f, 0, -2}, {0, -1 / 16.0f, 1.5f}, {0, 0, 1}}});
-    u.labelMaskRect = {16, 8, 32, 32};
-    t.labelMask = grey(255, 32, 32);
-    QImage halves(16, 16, QImage::Format_RGBA8888);
-    halves.fill(Qt::black);
-    for (int y = 0; y < 16; ++y)
-        for (int x = 8; x < 16; ++x) halves.setPixelColor(x, y, Qt::white);
-    t.labelNew = art(halves);
-    t.labelOld = art(QColor(Qt::black));
-    u.cover = {1, 0, 0, 0};
-
-    OffscreenTarget target(renderer->vulkan(), 32, 32);
-    LayerStill still(renderer->vulkan(), 32, 32);
-    auto layerFrame = [&](const SceneUniforms &frame, bool &drewStill) {
-        SceneUniforms lu = frame;
-        lu.origin = {12, 8, 0, 0};
-        SceneTextures lt = t;
-        lt.still = still.linear().texture();
-        SceneRenderer::Pass pass{&target, lu};
-        pass.still = &still;
-        pass.drawStill = drewStill = still.changed(lu, lt);
-        renderer->draw(std::nullopt, {pass}, std::nullopt, lt);
-        renderer->waitIdle();
-        return target.readback();
-    };
-    bool drewStill = false;
-    QImage previous;
-    for (float angle : {0.0f, 1.2f, 2.9f}) {
-        u.label = {angle, 0, 0, 0};
-        const QImage part = layerFrame(u, drewStill);
-        EXPECT_EQ(drewStill, angle == 0.0f) << "angle " << angle;
-        EXPECT_EQ(differingPixels(part, render(u, t, w, h).copy(12, 8, 32, 32), 1), 0) << "angle " << angle;
-        if (!previous.isNull()) EXPECT_GT(differingPixels(part, previous, 40), 50) << "the label did not turn";
-        previous = part;
-    }
-    u.led33[3] = 0.3f;
-    const QImage dimmer = layerFrame(u, drewStill);
-    EXPECT_TRUE(drewStill);
-    EXPECT_EQ(differingPixels(dimmer, render(u, t, w, h).copy(12, 8, 32, 32), 1), 0);
-}
-
 TEST_F(Composite, FramesWithChangingUniformsHoldTheirMemory)
 {
     // A driver that specialises the shader on the block's values per bind grows by megabytes a
@@ -341,6 +283,48 @@ TEST_F(Composite, TheLabelTurnsAndBlursWithTheRecord)
     // Two samples over an arc of π: angles π/2 and −π/2, half the mark at the bottom and the top.
     u.label = {0, float(M_PI), 2, 0};
     expectMarks(render(u, t, 64, 64), dark, times(lit, 0.5), times(lit, 0.5), "blurred");
+
+    // As a moving layer over its still room, lit unevenly, vignetted, with an LED: the still is
+    // drawn once, each turn shades the label over it, every frame is the full image's region, and
+    // a change to the still room draws it again.
+    t.mixes[0] = half(halfImage(16, 16, [](int x, int y) {
+        return std::array<float, 4>{0.05f + x * 0.02f, 0.1f + y * 0.02f, 0.2f, 1};
+    }));
+    u.mixCount = 1;
+    u.mixWeights = {1, 0, 0, 0};
+    u.look = {0.4f, 1, 0.05f, 0};
+    u.led33 = {40, 20, 4, 1};
+    u.led33Color = {1, 0.5f, 0, 0};
+    OffscreenTarget target(renderer->vulkan(), 48, 48);
+    LayerStill still(renderer->vulkan(), 48, 48);
+    auto layerFrame = [&](bool &drewStill) {
+        SceneUniforms lu = u;
+        lu.origin = {16, 16, 0, 0};
+        SceneTextures lt = t;
+        lt.still = still.linear().texture();
+        SceneRenderer::Pass pass{&target, lu};
+        pass.still = &still;
+        pass.drawStill = drewStill = still.changed(lu, lt);
+        renderer->draw(std::nullopt, {pass}, std::nullopt, lt);
+        renderer->waitIdle();
+        return target.readback();
+    };
+    bool drewStill = false;
+    QImage previous;
+    for (float angle : {0.0f, float(M_PI / 2), float(M_PI)}) {
+        u.label = {angle, 0, 0, 0};
+        const QImage part = layerFrame(drewStill);
+        EXPECT_EQ(drewStill, angle == 0.0f) << "angle " << angle;
+        EXPECT_EQ(differingPixels(part, render(u, t, 64, 64).copy(16, 16, 48, 48), 1), 0) << "angle " << angle;
+        if (!previous.isNull()) {
+            EXPECT_GT(differingPixels(part, previous, 40), 50) << "the label did not turn at " << angle;
+        }
+        previous = part;
+    }
+    u.led33[3] = 0.3f;
+    const QImage dimmer = layerFrame(drewStill);
+    EXPECT_TRUE(drewStill);
+    EXPECT_EQ(differingPixels(dimmer, render(u, t, 64, 64).copy(16, 16, 48, 48), 1), 0);
 }
 
 TEST_F(Composite, StrobeDotsSitWhereThePhasePutsThem)
