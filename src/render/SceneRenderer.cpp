@@ -447,7 +447,19 @@ void SceneRenderer::encode(FrameSlot &slot, uint32_t &uniformIndex, const Step &
     vkCmdSetScissor(slot.cmd, 0, 1, &sc);
     const bool shadeAll = !copied || step.shadeOverCopy;
     const VkRect2D part = step.shadedPart;
-    if (shadeAll || (part.extent.width > 0 && part.extent.height > 0)) {
+    if (step.byRegions && copied) {
+        vkCmdBindDescriptorSets(slot.cmd, VK_PIPELINE_BIND_POINT_GRAPHICS, sceneLayout, 0, 1, &step.set, 1, &offset);
+        const MovingRegions regions(*static_cast<const SceneUniforms *>(step.bytes), image->width, image->height);
+        for (const MovingRegions::Region &r : regions) {
+            ShaderVariant v = step.variant;
+            v.parts = r.parts;
+            vkCmdBindPipeline(slot.cmd, VK_PIPELINE_BIND_POINT_GRAPHICS, pipeline(Program::moving, v));
+            const VkRect2D rect{{r.x, r.y}, {r.width, r.height}};
+            vkCmdSetScissor(slot.cmd, 0, 1, &rect);
+            vkCmdDraw(slot.cmd, 3, 1, 0, 0);
+        }
+        vkCmdSetScissor(slot.cmd, 0, 1, &sc);
+    } else if (shadeAll || (part.extent.width > 0 && part.extent.height > 0)) {
         if (!shadeAll) vkCmdSetScissor(slot.cmd, 0, 1, &part);
         vkCmdBindPipeline(slot.cmd, VK_PIPELINE_BIND_POINT_GRAPHICS, step.pipeline);
         vkCmdBindDescriptorSets(slot.cmd, VK_PIPELINE_BIND_POINT_GRAPHICS, sceneLayout, 0, 1, &step.set, 1, &offset);
@@ -511,6 +523,8 @@ void SceneRenderer::encodeLayer(FrameSlot &slot, uint32_t &uniformIndex, const P
     step.under = layer.still->finished().texture().get();
     step.underIsScreen = false;
     step.shadeOverCopy = true;
+    step.byRegions = true;
+    step.variant = variant;
     encode(slot, uniformIndex, step);
 }
 

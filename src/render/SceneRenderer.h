@@ -2,6 +2,7 @@
 
 #include "render/GPUClock.h"
 #include "render/LayerStill.h"
+#include "render/MovingRegions.h"
 #include "render/MixBuilder.h"
 #include "render/PipelineCache.h"
 #include "render/RenderTarget.h"
@@ -101,6 +102,10 @@ private:
         bool underIsScreen = true;  // `under` covers the screen, else just the target
         VkRect2D shadedPart{};
         bool shadeOverCopy = false;
+        // Over a copy, instead of `pipeline`: only the regions the moving parts reach, each with
+        // the moving program of `variant` compiled for its parts.
+        bool byRegions = false;
+        ShaderVariant variant{};
     };
     void encode(FrameSlot &slot, uint32_t &uniformIndex, const Step &step);
     void encodeLayer(FrameSlot &slot, uint32_t &uniformIndex, const Pass &layer);

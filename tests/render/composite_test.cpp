@@ -1,4 +1,5 @@
 #include "RenderTestSupport.h"
+#include "render/MovingRegions.h"
 
 #include <QFile>
 #include <gtest/gtest.h>
@@ -159,6 +160,63 @@ TEST_F(Composite, ALayerMatchesTheSameRegionOfTheFullImage)
     u.recordLight = {};
     layer.recordLight = {};
     EXPECT_TRUE(render(layer, t, 24, 16) == render(u, t, w, h).copy(20, 12, 24, 16));
+}
+
+TEST(MovingRegions, EachPartsPixelsLieInOneRegionThatNamesItAndTheRestIsLeftAlone)
+{
+    // A 200×100 layer at screen (50, 20); the screen is the plate at twice its size. In layer
+    // pixels: the record's disc at (90, 40), radius 50; the label 70–110 × 20–60; the arm's
+    // sprite 140–160 × 0–80.
+    SceneUniforms u;
+    u.screenToPlate = Float3x3::fromRows<float>({{{0.5f, 0, 0}, {0, 0.5f, 0}, {0, 0, 1}}});
+    u.origin = {50, 20, 0, 0};
+    u.recordLight = {0, 0, 0, 1};
+    u.recordInv = Float3x3::fromRows<float>({{{1 / 25.0f, 0, -70 / 25.0f}, {0, 1 / 25.0f, -30 / 25.0f}, {0, 0, 1}}});
+    u.labelMaskRect = {60, 20, 20, 20};
+    u.armCount = 1;
+    u.armRects[0] = {95, 10, 10, 40};
+    const int w = 200, h = 100;
+    auto partsMap = [&](const MovingRegions &regions) {
+        std::vector<uint32_t> map(w * h, 0);
+        for (const MovingRegions::Region &r : regions)
+            for (int y = r.y; y < r.y + int(r.height); ++y)
+                for (int x = r.x; x < r.x + int(r.width); ++x) {
+                    EXPECT_EQ(map[y * w + x], 0u) << "regions overlap at " << x << "," << y;
+                    map[y * w + x] = r.parts;
+                }
+        return map;
+    };
+    const std::vector<uint32_t> map = partsMap(MovingRegions(u, w, h));
+    auto inDisc = [](double x, double y, double grow) { return std::hypot(x - 90, y - 40) <= 50 + grow; };
+    auto inBox = [](double x, double y, double x0, double y0, double x1, double y1, double grow) {
+        return x >= x0 - grow && x <= x1 + grow && y >= y0 - grow && y <= y1 + grow;
+    };
+    for (int y = 0; y < h; ++y)
+        for (int x = 0; x < w; ++x) {
+            const double cx = x + 0.5, cy = y + 0.5;
+            const uint32_t at = map[y * w + x];
+            const std::pair<bool, uint32_t> exact[] = {{inDisc(cx, cy, 0), ShaderVariant::specks},
+                                                       {inBox(cx, cy, 70, 20, 110, 60, 0), ShaderVariant::label},
+                                                       {inBox(cx, cy, 140, 0, 160, 80, 0), ShaderVariant::arm}};
+            for (const auto &[inside, part] : exact)
+                if (inside) ASSERT_TRUE(at & part) << "part " << part << " missing at " << x << "," << y;
+            // Beyond a few pixels of a part's box (the disc's box for the specks) it is not drawn.
+            const bool nearPart = ((at & ShaderVariant::specks) && inBox(cx, cy, 40, -10, 140, 90, 4)) ||
+                                  ((at & ShaderVariant::label) && inBox(cx, cy, 70, 20, 110, 60, 4)) ||
+                                  ((at & ShaderVariant::arm) && inBox(cx, cy, 140, 0, 160, 80, 4));
+            if (at) ASSERT_TRUE(nearPart) << "parts " << at << " drawn at " << x << "," << y;
+        }
+    EXPECT_EQ(map[40 * w + 90], ShaderVariant::specks | ShaderVariant::label);
+    EXPECT_EQ(map[40 * w + 50], ShaderVariant::specks);
+    EXPECT_EQ(map[70 * w + 150], ShaderVariant::arm);
+    EXPECT_EQ(map[95 * w + 10], 0u);
+    EXPECT_EQ(map[50 * w + 190], 0u);
+
+    // A map that cannot be inverted leaves no way to place the parts: all of them everywhere.
+    u.screenToPlate = Float3x3{};
+    const std::vector<uint32_t> all = partsMap(MovingRegions(u, w, h));
+    EXPECT_EQ(std::count(all.begin(), all.end(), ShaderVariant::specks | ShaderVariant::label | ShaderVariant::arm),
+              w * h);
 }
 
 TEST_F(Composite, FramesWithChangingUniformsHoldTheirMemory)

@@ -61,6 +61,9 @@ layout(constant_id = 0) const uint MIXES = 4u;
 layout(constant_id = 1) const uint ARMS = 4u;
 layout(constant_id = 2) const uint FRONTS = 2u;
 layout(constant_id = 3) const bool RAIN = true;
+// The moving parts a moving layer's region is shaded with (bits: drops 1, specks 2, label 4,
+// strobe 8, arm 16, front 32); parts outside a region cannot reach it.
+layout(constant_id = 4) const uint PARTS = 63u;
 
 const vec3 lumaWeights = vec3(0.2126, 0.7152, 0.0722);
 const float PI = 3.14159265358979;
@@ -360,7 +363,7 @@ bool movingParts(vec2 screen, vec2 p, vec4 still, out vec3 result) {
     bool touched = false;
 
     // 8. Rain on the window glass.
-    if (RAIN && U.rain.w > 0.0 && near(U.glassRect, p)) {
+    if (RAIN && (PARTS & 1u) != 0u && U.rain.w > 0.0 && near(U.glassRect, p)) {
         float gm = spriteIn(glassMask, U.glassRect, p).r;
         float dc = U.dust.y > 0.0 ? spriteIn(dustMask, U.dustRect, p).r : 0.0;
         float through = 1.0 - dc * (1.0 - U.dust.x);
@@ -416,7 +419,7 @@ bool movingParts(vec2 screen, vec2 p, vec4 still, out vec3 result) {
     }
 
     // 9. Specks on the record, turning with it.
-    if (still.a > 0.001) {
+    if ((PARTS & 2u) != 0u && still.a > 0.001) {
         vec2 q = project(U.recordInv, p);
         float rmm = length(q) * U.recordGeo.x;
         float a = atan(q.y, q.x) + U.label.x;
@@ -430,7 +433,7 @@ bool movingParts(vec2 screen, vec2 p, vec4 still, out vec3 result) {
     }
 
     // 10. Label, turning with the record, with an optional motion-blur arc.
-    if (near(U.labelMaskRect, p)) {
+    if ((PARTS & 4u) != 0u && near(U.labelMaskRect, p)) {
         float lm = spriteIn(labelMask, U.labelMaskRect, p).r;
         if (lm > 0.001) {
             touched = true;
@@ -455,7 +458,7 @@ bool movingParts(vec2 screen, vec2 p, vec4 still, out vec3 result) {
     }
 
     // 11. Platter strobe.
-    if (near(U.strobeRect, p)) {
+    if ((PARTS & 8u) != 0u && near(U.strobeRect, p)) {
         vec4 s = spriteIn(strobeTex, U.strobeRect, p);
         if (s.g > 0.001) {
             touched = true;
@@ -467,7 +470,7 @@ bool movingParts(vec2 screen, vec2 p, vec4 still, out vec3 result) {
     }
 
     // 12. Tonearm: shadow, reflection in the dust cover, then the arm over everything below.
-    if (ARMS > 0u) {
+    if (ARMS > 0u && (PARTS & 16u) != 0u) {
         vec2 src[2] = vec2[2](project(U.armInv[0], p), project(U.armInv[1], p));
         bool reached = false;
         for (uint j = 0u; j < ARMS; ++j) {
@@ -500,7 +503,7 @@ bool movingParts(vec2 screen, vec2 p, vec4 still, out vec3 result) {
     }
 
     // 13. Front layers; nothing is drawn over them.
-    if (FRONTS > 0u && (near(U.frontRects[0], p) || (FRONTS > 1u && near(U.frontRects[1], p)))) {
+    if (FRONTS > 0u && (PARTS & 32u) != 0u && (near(U.frontRects[0], p) || (FRONTS > 1u && near(U.frontRects[1], p)))) {
         touched = true;
         vec4 c = spriteIn(front0, U.frontRects[0], p) * U.frontWeights.x;
         if (FRONTS > 1u) c += spriteIn(front1, U.frontRects[1], p) * U.frontWeights.y;

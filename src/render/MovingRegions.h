@@ -1,0 +1,42 @@
+#pragma once
+
+#include "render/SceneUniforms.h"
+#include "render/ShaderVariant.h"
+
+#include <array>
+#include <cstdint>
+
+// Where in a moving layer each moving part can reach, as rectangles of the layer's pixels, each
+// with the parts that reach into it: the layer is shaded only there, each rectangle by a shader
+// compiled with just its parts, over the still room copied in first. A part that reaches a pixel
+// always has that pixel's rectangle in its set, so the rectangles may be drawn in any order.
+class MovingRegions {
+public:
+    struct Region {
+        int32_t x = 0, y = 0;
+        uint32_t width = 0, height = 0;
+        uint32_t parts = 0;
+    };
+
+    // The regions of a layer `width`×`height` whose uniforms are `u` (its origin included).
+    // Allocates nothing.
+    MovingRegions(const SceneUniforms &u, uint32_t width, uint32_t height);
+
+    const Region *begin() const { return regions.data(); }
+    const Region *end() const { return regions.data() + count; }
+    size_t size() const { return count; }
+
+    static constexpr size_t maxParts = 8;
+
+private:
+    struct Box {
+        int32_t x0, y0, x1, y1;
+        uint32_t part;
+    };
+    void cut();
+
+    std::array<Box, maxParts> boxes{};
+    size_t boxCount = 0;
+    std::array<Region, (2 * maxParts + 1) * (2 * maxParts + 1)> regions{};
+    size_t count = 0;
+};
