@@ -75,7 +75,31 @@ struct Bounds {
     }
 };
 
+struct Rect {
+    int32_t x0, y0, x1, y1;
+};
+
+// One pixel more each way than the bounds: the shader's tests and filtering reach that far.
+Rect pixelsAround(const Bounds &b, int32_t w, int32_t h, bool mapped)
+{
+    if (!mapped || b.whole) return {0, 0, w, h};
+    if (!(b.x1 >= b.x0)) return {0, 0, 0, 0};
+    return {std::clamp(int32_t(std::floor(b.x0)) - 1, 0, w), std::clamp(int32_t(std::floor(b.y0)) - 1, 0, h),
+            std::clamp(int32_t(std::ceil(b.x1)) + 1, 0, w), std::clamp(int32_t(std::ceil(b.y1)) + 1, 0, h)};
+}
+
 }  // namespace
+
+bool MovingRegions::speckCell(uint32_t ring, uint32_t sector)
+{
+    uint32_t h = (ring * 0x8da6b343u) ^ (sector * 0xd8163841u);
+    h ^= h >> 15;
+    h *= 0x2c1b3c6du;
+    h ^= h >> 12;
+    h *= 0x297a2d39u;
+    h ^= h >> 15;
+    return h % 10000u < 15u;
+}
 
 MovingRegions::MovingRegions(const SceneUniforms &u, uint32_t width, uint32_t height)
 {
@@ -89,19 +113,13 @@ MovingRegions::MovingRegions(const SceneUniforms &u, uint32_t width, uint32_t he
     const Rows plateToLayer = times(fromLayer, toScreen);
     const ShaderVariant v = ShaderVariant::of(u);
 
+    auto toBox = [&](const Bounds &b, uint32_t part) {
+        const Rect r = pixelsAround(b, w, h, mapped);
+        return Box{r.x0, r.y0, r.x1, r.y1, part};
+    };
     auto box = [&](const Bounds &b, uint32_t part) {
-        if (boxCount == boxes.size()) return;
-        if (!mapped || b.whole) {
-            boxes[boxCount++] = {0, 0, w, h, part};
-            return;
-        }
-        if (!(b.x1 >= b.x0)) return;
-        // One pixel more each way: the shader's tests and filtering reach that far.
-        const int32_t x0 = std::clamp(int32_t(std::floor(b.x0)) - 1, 0, w);
-        const int32_t x1 = std::clamp(int32_t(std::ceil(b.x1)) + 1, 0, w);
-        const int32_t y0 = std::clamp(int32_t(std::floor(b.y0)) - 1, 0, h);
-        const int32_t y1 = std::clamp(int32_t(std::ceil(b.y1)) + 1, 0, h);
-        if (x1 > x0 && y1 > y0) boxes[boxCount++] = {x0, y0, x1, y1, part};
+        const Box made = toBox(b, part);
+        if (boxCount < boxes.size() && made.x1 > made.x0 && made.y1 > made.y0) boxes[boxCount++] = made;
     };
     auto plateRect = [&](const Float4 &r, uint32_t part) {
         if (r[2] <= 0) return;
@@ -111,16 +129,44 @@ MovingRegions::MovingRegions(const SceneUniforms &u, uint32_t width, uint32_t he
     };
 
     if (v.rain) plateRect(u.glassRect, ShaderVariant::drops);
-    if (u.recordLight[3] > 0) {
-        // Specks only where the still room has the record's coverage: its mask, or the disc.
+    // The specks one by one; where that fails, the record's whole coverage: its mask, or the disc.
+    Rows recordToPlate{};
+    const bool recordMapped = invert(rowsOf(u.recordInv), recordToPlate);
+    bool specksFound = false;
+    if (u.recordLight[3] > 0 && recordMapped && mapped && u.recordGeo[0] > 0) {
+        const Rows m = times(plateToLayer, recordToPlate);
+        const float R = u.recordGeo[0];
+        const uint32_t firstRing = uint32_t(std::max(0.0f, std::floor(u.recordGeo[1] * ringsPerMm)));
+        const uint32_t lastRing = uint32_t(std::ceil(R * ringsPerMm));
+        specksFound = true;
+        for (uint32_t ring = firstRing; ring <= lastRing && specksFound; ++ring)
+            for (uint32_t sector = 0; sector < sectors; ++sector) {
+                if (!speckCell(ring, sector)) continue;
+                if (speckCount == speckBoxes.size()) {
+                    specksFound = false;
+                    speckCount = 0;
+                    break;
+                }
+                // The cell's corners and the middle of its outer arc, turned back by the record's angle.
+                Bounds b;
+                const float step = 2.0f * float(M_PI) / float(sectors);
+                for (float radius : {ring / ringsPerMm, (ring + 1) / ringsPerMm})
+                    for (float t : {0.0f, 0.5f, 1.0f}) {
+                        const float angle = (float(sector) + t) * step - u.label[0];
+                        b.add(m, radius / R * std::cos(angle), radius / R * std::sin(angle));
+                    }
+                const Box s = toBox(b, ShaderVariant::specks);
+                if (s.x1 > s.x0 && s.y1 > s.y0) speckBoxes[speckCount++] = s;
+            }
+    }
+    if (u.recordLight[3] > 0 && !specksFound) {
         if (u.recordMaskRect[2] > 0) {
             plateRect(u.recordMaskRect, ShaderVariant::specks);
         } else {
-            Rows toPlate{};
             Bounds b;
-            if (invert(rowsOf(u.recordInv), toPlate)) {
+            if (recordMapped) {
                 // The unit circle, inside a 32-gon around it.
-                const Rows m = times(plateToLayer, toPlate);
+                const Rows m = times(plateToLayer, recordToPlate);
                 const float r = 1.0f / std::cos(float(M_PI) / 32.0f);
                 for (int i = 0; i < 32; ++i)
                     b.add(m, r * std::cos(float(M_PI) * i / 16.0f), r * std::sin(float(M_PI) * i / 16.0f));
@@ -150,6 +196,14 @@ MovingRegions::MovingRegions(const SceneUniforms &u, uint32_t width, uint32_t he
     }
     for (uint32_t k = 0; k < v.fronts; ++k) plateRect(u.frontRects[k], ShaderVariant::front);
     cut();
+    for (size_t i = 0; i < speckCount; ++i) {
+        const Box &s = speckBoxes[i];
+        uint32_t parts = s.part;
+        for (size_t b = 0; b < boxCount; ++b)
+            if (boxes[b].x0 < s.x1 && s.x0 < boxes[b].x1 && boxes[b].y0 < s.y1 && s.y0 < boxes[b].y1)
+                parts |= boxes[b].part;
+        regions[count++] = {s.x0, s.y0, uint32_t(s.x1 - s.x0), uint32_t(s.y1 - s.y0), parts};
+    }
 }
 
 // The boxes' edges cut the layer into cells, each reached by the parts of the boxes that hold it;

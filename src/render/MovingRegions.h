@@ -8,8 +8,9 @@
 
 // Where in a moving layer each moving part can reach, as rectangles of the layer's pixels, each
 // with the parts that reach into it: the layer is shaded only there, each rectangle by a shader
-// compiled with just its parts, over the still room copied in first. A part that reaches a pixel
-// always has that pixel's rectangle in its set, so the rectangles may be drawn in any order.
+// compiled with just its parts, over the still room copied in first. The record's specks are
+// found one by one and come last, each with every part that reaches its rectangle; drawn in order,
+// the last rectangle over a pixel has every part that reaches it.
 class MovingRegions {
 public:
     struct Region {
@@ -27,6 +28,13 @@ public:
     size_t size() const { return count; }
 
     static constexpr size_t maxParts = 8;
+    // More specks than this in view: the whole record is shaded for them instead.
+    static constexpr size_t maxSpecks = 160;
+    // The record's cells (rings per millimetre, sectors), and whether one holds a speck: as the
+    // shader's speckCell.
+    static constexpr float ringsPerMm = 1.3f;
+    static constexpr uint32_t sectors = 260;
+    static bool speckCell(uint32_t ring, uint32_t sector);
 
 private:
     struct Box {
@@ -37,6 +45,8 @@ private:
 
     std::array<Box, maxParts> boxes{};
     size_t boxCount = 0;
-    std::array<Region, (2 * maxParts + 1) * (2 * maxParts + 1)> regions{};
+    std::array<Box, maxSpecks> speckBoxes{};
+    size_t speckCount = 0;
+    std::array<Region, (2 * maxParts + 1) * (2 * maxParts + 1) + maxSpecks> regions{};
     size_t count = 0;
 };

@@ -214,14 +214,16 @@ VkPipeline SceneRenderer::pipeline(Program program, const ShaderVariant &variant
                                      program == Program::steamOver ? Blend::premultipliedOver : Blend::none,
                                      cache->handle(), context->hasCreationFeedback ? &hit : nullptr, &constants);
     cache->save();
-    Log::write(QStringLiteral("Vulkan: pipeline %1 para %2 luzes, %3 braços, %4 frentes%5 em %6 ms%7")
-                   .arg(int(program))
+    static const char *const names[] = {"composição", "quadro parado", "partes móveis", "vapor", "vapor por cima"};
+    Log::write(QStringLiteral("Vulkan: pipeline %1 (luzes %2, braços %3, frentes %4, chuva %5, partes %6) em %7 ms%8")
+                   .arg(QString::fromUtf8(names[int(program)]))
                    .arg(variant.mixes)
                    .arg(variant.arms)
                    .arg(variant.fronts)
-                   .arg(variant.rain ? QStringLiteral(", chuva") : QString())
+                   .arg(variant.rain ? QStringLiteral("sim") : QStringLiteral("não"))
+                   .arg(variant.parts)
                    .arg(timer.elapsed())
-                   .arg(hit ? QStringLiteral(" (do cache)") : QString()));
+                   .arg(hit ? QStringLiteral(", do cache") : QString()));
     return held;
 }
 

@@ -351,6 +351,18 @@ vec4 stillRoom(vec2 p, vec2 uv) {
     return vec4(rainyDay(lin3), cov);
 }
 
+// Whether a cell of the record (ring of 1/1.3 mm, one of 260 sectors) holds a speck: about one in
+// 670. Integers, exact on every device, so the moving layer's regions know the specks beforehand.
+bool speckCell(uvec2 c) {
+    uint h = (c.x * 0x8da6b343u) ^ (c.y * 0xd8163841u);
+    h ^= h >> 15;
+    h *= 0x2c1b3c6du;
+    h ^= h >> 12;
+    h *= 0x297a2d39u;
+    h ^= h >> 15;
+    return h % 10000u < 15u;
+}
+
 // What changes every frame, laid over the still room: the rain running down the glass, the
 // record's specks and label turning, the strobe, the tonearm and its shadow, and the front layers
 // over them. False where none of them reaches p, which is then the still room as it is.
@@ -423,8 +435,7 @@ bool movingParts(vec2 screen, vec2 p, vec4 still, out vec3 result) {
         vec2 q = project(U.recordInv, p);
         float rmm = length(q) * U.recordGeo.x;
         float a = atan(q.y, q.x) + U.label.x;
-        float h = hash(vec2(floor(rmm * 1.3), floor(fract(a / (2.0 * PI)) * 260.0)));
-        if (h >= 0.9985) {
+        if (speckCell(uvec2(floor(rmm * 1.3), floor(fract(a / (2.0 * PI)) * 260.0)))) {
             touched = true;
             float D = recordDiffuse(p);
             vec3 Lc = U.recordColor.w > 0.5 ? U.recordColor.rgb : vec3(D * 1.5);
