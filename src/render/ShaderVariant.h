@@ -21,6 +21,7 @@ struct ShaderVariant {
     uint32_t fronts = 2;
     VkBool32 rain = VK_TRUE;
     uint32_t parts = allParts;  // of the moving layer's shader; the others draw them all
+    VkBool32 wrap = VK_FALSE;   // steam within its first seconds, blended with the period before
 
     static ShaderVariant of(const SceneUniforms &u)
     {
@@ -28,9 +29,12 @@ struct ShaderVariant {
                 u.rain[3] > 0.0f && u.glassRect[2] > 0.0f ? VK_TRUE : VK_FALSE, allParts};
     }
     // Steam reads the light only.
-    static ShaderVariant of(const SteamUniforms &u) { return {std::min(u.mixCount, 4u), 0, 0, VK_FALSE, 0}; }
+    static ShaderVariant of(const SteamUniforms &u)
+    {
+        return {std::min(u.mixCount, 4u), 0, 0, VK_FALSE, 0, u.params[0] < 10.0f ? VK_TRUE : VK_FALSE};
+    }
 
-    // Valid while this variant lives: constant_id 0…4 of the shader.
+    // Valid while this variant lives: constant_id 0…5 of the shader.
     VkSpecializationInfo info() const;
 
     auto operator<=>(const ShaderVariant &) const = default;
@@ -38,12 +42,13 @@ struct ShaderVariant {
 
 inline VkSpecializationInfo ShaderVariant::info() const
 {
-    static constexpr std::array<VkSpecializationMapEntry, 5> entries{{
+    static constexpr std::array<VkSpecializationMapEntry, 6> entries{{
         {0, offsetof(ShaderVariant, mixes), sizeof(uint32_t)},
         {1, offsetof(ShaderVariant, arms), sizeof(uint32_t)},
         {2, offsetof(ShaderVariant, fronts), sizeof(uint32_t)},
         {3, offsetof(ShaderVariant, rain), sizeof(VkBool32)},
         {4, offsetof(ShaderVariant, parts), sizeof(uint32_t)},
+        {5, offsetof(ShaderVariant, wrap), sizeof(VkBool32)},
     }};
     return {uint32_t(entries.size()), entries.data(), sizeof(ShaderVariant), this};
 }

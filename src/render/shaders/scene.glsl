@@ -64,6 +64,8 @@ layout(constant_id = 3) const bool RAIN = true;
 // The moving parts a moving layer's region is shaded with (bits: drops 1, specks 2, label 4,
 // strobe 8, arm 16, front 32); parts outside a region cannot reach it.
 layout(constant_id = 4) const uint PARTS = 63u;
+// Steam in the first seconds of its period, blended with the end of the one before.
+layout(constant_id = 5) const bool WRAP = true;
 
 const vec3 lumaWeights = vec3(0.2126, 0.7152, 0.0722);
 const float PI = 3.14159265358979;
@@ -637,7 +639,7 @@ void main() {
     }
     float t = S.params.x;
     float dens = steamDensity(q, t);
-    if (t < 10.0) dens = mix(steamDensity(q, t + S.params.z), dens, t / 10.0);
+    if (WRAP && t < 10.0) dens = mix(steamDensity(q, t + S.params.z), dens, t / 10.0);
 
     vec2 cupUV = vec2(S.rect.x + 0.5 * S.rect.z, S.rect.y + 0.8 * S.rect.w) * S.plateSize.zw;
     vec3 light = vec3(0.0);
