@@ -82,8 +82,8 @@ struct Rect {
 // One pixel more each way than the bounds: the shader's tests and filtering reach that far.
 Rect pixelsAround(const Bounds &b, int32_t w, int32_t h, bool mapped)
 {
+    if (!b.whole && !(b.x1 >= b.x0)) return {0, 0, 0, 0};  // nothing added
     if (!mapped || b.whole) return {0, 0, w, h};
-    if (!(b.x1 >= b.x0)) return {0, 0, 0, 0};
     return {std::clamp(int32_t(std::floor(b.x0)) - 1, 0, w), std::clamp(int32_t(std::floor(b.y0)) - 1, 0, h),
             std::clamp(int32_t(std::ceil(b.x1)) + 1, 0, w), std::clamp(int32_t(std::ceil(b.y1)) + 1, 0, h)};
 }
@@ -178,31 +178,32 @@ MovingRegions::MovingRegions(const SceneUniforms &u, uint32_t width, uint32_t he
     }
     plateRect(u.labelMaskRect, ShaderVariant::label);
     plateRect(u.strobeRect, ShaderVariant::strobe);
-    if (v.arms > 0) {
-        // The sprites, shadows and reflections of every pose, as one box.
-        Bounds b;
-        for (uint32_t j = 0; j < v.arms; ++j) {
-            Rows toPlate{};
-            if (!invert(rowsOf(u.armInv[j >> 1]), toPlate)) {
-                b.whole = true;
-                continue;
-            }
-            const Rows m = times(plateToLayer, toPlate);
-            if (u.armRects[j][2] > 0) b.addRect(m, u.armRects[j]);
-            if (u.shadowRects[j][2] > 0) b.addRect(m, u.shadowRects[j]);
-            if (u.reflRects[j][2] > 0) b.addRect(plateToLayer, u.reflRects[j]);
+    // The arm's sprites, shadows and reflections, each kind as one box over the poses that weigh.
+    Bounds sprites, shadows, reflections;
+    for (uint32_t j = 0; j < v.arms; ++j) {
+        if (u.armWeights[j] == 0) continue;
+        Rows toPlate{};
+        if (!invert(rowsOf(u.armInv[j >> 1]), toPlate)) {
+            sprites.whole = shadows.whole = true;
+            continue;
         }
-        box(b, ShaderVariant::arm);
+        const Rows m = times(plateToLayer, toPlate);
+        if (u.armRects[j][2] > 0) sprites.addRect(m, u.armRects[j]);
+        if (u.shadowRects[j][2] > 0) shadows.addRect(m, u.shadowRects[j]);
+        if (u.reflRects[j][2] > 0) reflections.addRect(plateToLayer, u.reflRects[j]);
     }
+    box(sprites, ShaderVariant::arm);
+    box(shadows, ShaderVariant::armShadow);
+    box(reflections, ShaderVariant::armReflection);
     for (uint32_t k = 0; k < v.fronts; ++k) plateRect(u.frontRects[k], ShaderVariant::front);
     cut();
+    // Every speck with every part of the layer: small rectangles, and one shader for all of them
+    // however the specks turn through the other parts.
+    uint32_t everyPart = ShaderVariant::specks;
+    for (size_t b = 0; b < boxCount; ++b) everyPart |= boxes[b].part;
     for (size_t i = 0; i < speckCount; ++i) {
         const Box &s = speckBoxes[i];
-        uint32_t parts = s.part;
-        for (size_t b = 0; b < boxCount; ++b)
-            if (boxes[b].x0 < s.x1 && s.x0 < boxes[b].x1 && boxes[b].y0 < s.y1 && s.y0 < boxes[b].y1)
-                parts |= boxes[b].part;
-        regions[count++] = {s.x0, s.y0, uint32_t(s.x1 - s.x0), uint32_t(s.y1 - s.y0), parts};
+        regions[count++] = {s.x0, s.y0, uint32_t(s.x1 - s.x0), uint32_t(s.y1 - s.y0), everyPart};
     }
 }
 

@@ -9,8 +9,8 @@
 // Where in a moving layer each moving part can reach, as rectangles of the layer's pixels, each
 // with the parts that reach into it: the layer is shaded only there, each rectangle by a shader
 // compiled with just its parts, over the still room copied in first. The record's specks are
-// found one by one and come last, each with every part that reaches its rectangle; drawn in order,
-// the last rectangle over a pixel has every part that reaches it.
+// found one by one and come last, each with every part of the layer; drawn in order, the last
+// rectangle over a pixel has every part that reaches it.
 class MovingRegions {
 public:
     struct Region {
@@ -27,7 +27,7 @@ public:
     const Region *end() const { return regions.data() + count; }
     size_t size() const { return count; }
 
-    static constexpr size_t maxParts = 8;
+    static constexpr size_t maxParts = 10;
     // More specks than this in view: the whole record is shaded for them instead.
     static constexpr size_t maxSpecks = 160;
     // The record's cells (rings per millimetre, sectors), and whether one holds a speck: as the

@@ -14,7 +14,17 @@
 // parts a frame does not use are compiled out, since a software device runs every branch.
 struct ShaderVariant {
     // The moving parts, bits of `parts`.
-    enum Part : uint32_t { drops = 1, specks = 2, label = 4, strobe = 8, arm = 16, front = 32, allParts = 63 };
+    enum Part : uint32_t {
+        drops = 1,
+        specks = 2,
+        label = 4,
+        strobe = 8,
+        arm = 16,
+        front = 32,
+        armShadow = 64,
+        armReflection = 128,
+        allParts = 255
+    };
 
     uint32_t mixes = 4;
     uint32_t arms = 4;

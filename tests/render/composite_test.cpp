@@ -19,6 +19,35 @@ Rgb plus(Rgb a, Rgb b, double k) { return {a[0] + b[0] * k, a[1] + b[1] * k, a[2
 
 class Composite : public RendererTest {
 protected:
+    // A moving layer w×h at (x, y) of the screen: its still room, drawn when it changed, then the
+    // moving parts over it, only where they reach.
+    struct MovingLayer {
+        MovingLayer(int x, int y, int w, int h)
+            : x(x)
+            , y(y)
+            , target(renderer->vulkan(), uint32_t(w), uint32_t(h))
+            , still(renderer->vulkan(), uint32_t(w), uint32_t(h))
+        {
+        }
+        QImage draw(const SceneUniforms &u, const SceneTextures &t, bool *drewStill = nullptr)
+        {
+            SceneUniforms lu = u;
+            lu.origin = {float(x), float(y), 0, 0};
+            SceneTextures lt = t;
+            lt.still = still.linear().texture();
+            SceneRenderer::Pass pass{&target, lu};
+            pass.still = &still;
+            pass.drawStill = still.changed(lu, lt);
+            if (drewStill) *drewStill = pass.drawStill;
+            renderer->draw(std::nullopt, {pass}, std::nullopt, lt);
+            renderer->waitIdle();
+            return target.readback();
+        }
+        int x, y;
+        OffscreenTarget target;
+        LayerStill still;
+    };
+
     // Per pixel of a grey image, the grain's normal deviate recovered from the 8-bit green:
     // (linear − l) / (strength · √l).
     static std::vector<double> grainOf(const QImage &image, double l, double strength)
@@ -183,20 +212,9 @@ TEST_F(Composite, AMovingLayerFindsTheRecordsTurningSpecksOneByOne)
     const QImage full = render(u, t, w, h);
     EXPECT_GT(differingPixels(full, render(dull, t, w, h), 40), 10) << "too few specks to check";
 
-    SceneUniforms layer = u;
-    layer.origin = {14, 14, 0, 0};
-    OffscreenTarget target(renderer->vulkan(), 100, 100);
-    LayerStill still(renderer->vulkan(), 100, 100);
-    SceneTextures lt = t;
-    lt.still = still.linear().texture();
-    SceneRenderer::Pass pass{&target, layer};
-    pass.still = &still;
-    pass.drawStill = still.changed(layer, lt);
-    renderer->draw(std::nullopt, {pass}, std::nullopt, lt);
-    renderer->waitIdle();
     // A pixel on a speck cell's edge may fall either side in two compilations; a missed speck
     // loses all of its pixels.
-    EXPECT_LE(differingPixels(target.readback(), full.copy(14, 14, 100, 100), 12), 2);
+    EXPECT_LE(differingPixels(MovingLayer(14, 14, 100, 100).draw(u, t), full.copy(14, 14, 100, 100), 12), 2);
 }
 
 TEST(MovingRegions, EachPartsPixelsLieInARegionThatNamesItAndTheRestIsLeftAlone)
@@ -210,8 +228,9 @@ TEST(MovingRegions, EachPartsPixelsLieInARegionThatNamesItAndTheRestIsLeftAlone)
     u.recordLight = {0, 0, 0, 1};
     u.recordInv = Float3x3::fromRows<float>({{{1 / 25.0f, 0, -70 / 25.0f}, {0, 1 / 25.0f, -30 / 25.0f}, {0, 0, 1}}});
     u.labelMaskRect = {60, 20, 20, 20};
-    u.armCount = 1;
-    u.armRects[0] = {95, 10, 10, 40};
+    u.armCount = 2;
+    u.armWeights = {1, 0, 0, 0};  // the second pose weighs nothing: it is not drawn
+    u.armRects = {{{95, 10, 10, 40}, {0, 0, 100, 100}, {}, {}}};
     const int w = 200, h = 100;
     // The parts each pixel is shaded with last, drawing the regions in order.
     auto partsMap = [&](const MovingRegions &regions) {
@@ -408,25 +427,12 @@ TEST_F(Composite, TheLabelTurnsAndBlursWithTheRecord)
     u.look = {0.4f, 1, 0.05f, 0};
     u.led33 = {40, 20, 4, 1};
     u.led33Color = {1, 0.5f, 0, 0};
-    OffscreenTarget target(renderer->vulkan(), 48, 48);
-    LayerStill still(renderer->vulkan(), 48, 48);
-    auto layerFrame = [&](bool &drewStill) {
-        SceneUniforms lu = u;
-        lu.origin = {16, 16, 0, 0};
-        SceneTextures lt = t;
-        lt.still = still.linear().texture();
-        SceneRenderer::Pass pass{&target, lu};
-        pass.still = &still;
-        pass.drawStill = drewStill = still.changed(lu, lt);
-        renderer->draw(std::nullopt, {pass}, std::nullopt, lt);
-        renderer->waitIdle();
-        return target.readback();
-    };
+    MovingLayer layer(16, 16, 48, 48);
     bool drewStill = false;
     QImage previous;
     for (float angle : {0.0f, float(M_PI / 2), float(M_PI)}) {
         u.label = {angle, 0, 0, 0};
-        const QImage part = layerFrame(drewStill);
+        const QImage part = layer.draw(u, t, &drewStill);
         EXPECT_EQ(drewStill, angle == 0.0f) << "angle " << angle;
         EXPECT_EQ(differingPixels(part, render(u, t, 64, 64).copy(16, 16, 48, 48), 1), 0) << "angle " << angle;
         if (!previous.isNull()) {
@@ -435,7 +441,7 @@ TEST_F(Composite, TheLabelTurnsAndBlursWithTheRecord)
         previous = part;
     }
     u.led33[3] = 0.3f;
-    const QImage dimmer = layerFrame(drewStill);
+    const QImage dimmer = layer.draw(u, t, &drewStill);
     EXPECT_TRUE(drewStill);
     EXPECT_EQ(differingPixels(dimmer, render(u, t, 64, 64).copy(16, 16, 48, 48), 1), 0);
 }
@@ -573,6 +579,9 @@ TEST_F(Composite, TonearmShadowReflectionAndFrontLayers)
     }};
     const QImage out = render(u, t, 80, 16);
     for (int i = 0; i < 10; ++i) expectLinear(out, 4 + 8 * i, 8, want[i], "column " + std::to_string(i));
+    // The same as a moving layer, the arm's sprites, shadows, reflections and the front layers
+    // each shaded only where they reach.
+    EXPECT_EQ(differingPixels(MovingLayer(8, 0, 72, 16).draw(u, t), out.copy(8, 0, 72, 16), 1), 0);
 }
 
 TEST_F(Composite, RainOnTheGlassAndRainyDayLight)

@@ -62,8 +62,9 @@ layout(constant_id = 1) const uint ARMS = 4u;
 layout(constant_id = 2) const uint FRONTS = 2u;
 layout(constant_id = 3) const bool RAIN = true;
 // The moving parts a moving layer's region is shaded with (bits: drops 1, specks 2, label 4,
-// strobe 8, arm 16, front 32); parts outside a region cannot reach it.
-layout(constant_id = 4) const uint PARTS = 63u;
+// strobe 8, arm 16, front 32, the arm's shadow 64 and reflection 128); parts outside a region
+// cannot reach it.
+layout(constant_id = 4) const uint PARTS = 255u;
 // Steam in the first seconds of its period, blended with the end of the one before.
 layout(constant_id = 5) const bool WRAP = true;
 
@@ -483,7 +484,7 @@ bool movingParts(vec2 screen, vec2 p, vec4 still, out vec3 result) {
     }
 
     // 12. Tonearm: shadow, reflection in the dust cover, then the arm over everything below.
-    if (ARMS > 0u && (PARTS & 16u) != 0u) {
+    if (ARMS > 0u && (PARTS & (16u | 64u | 128u)) != 0u) {
         vec2 src[2] = vec2[2](project(U.armInv[0], p), project(U.armInv[1], p));
         bool reached = false;
         for (uint j = 0u; j < ARMS; ++j) {
@@ -497,9 +498,9 @@ bool movingParts(vec2 screen, vec2 p, vec4 still, out vec3 result) {
             for (uint j = 0u; j < ARMS; ++j) {
                 vec2 s = src[j >> 1];
                 float w = U.armWeights[j];
-                c += armTap(int(j), (s - U.armRects[j].xy) / U.armRects[j].zw) * w;
+                if ((PARTS & 16u) != 0u) c += armTap(int(j), (s - U.armRects[j].xy) / U.armRects[j].zw) * w;
                 vec4 sr = U.shadowRects[j];
-                if (sr.z > 0.0) {
+                if ((PARTS & 64u) != 0u && sr.z > 0.0) {
                     vec2 su = (s - sr.xy) / sr.zw;
                     bool inside = all(greaterThanEqual(su, vec2(0.0))) && all(lessThanEqual(su, vec2(1.0)));
                     shade += (inside ? shadowTap(int(j), su) : 1.0) * w;
@@ -509,7 +510,7 @@ bool movingParts(vec2 screen, vec2 p, vec4 still, out vec3 result) {
             if (shadeW > 0.0) lin3 *= mix(1.0, shade / shadeW, shadeW);
             for (uint j = 0u; j < ARMS; ++j) {
                 vec4 rr = U.reflRects[j];
-                if (rr.z > 0.0) lin3 += reflTap(int(j), (p - rr.xy) / rr.zw) * U.armWeights[j];
+                if ((PARTS & 128u) != 0u && rr.z > 0.0) lin3 += reflTap(int(j), (p - rr.xy) / rr.zw) * U.armWeights[j];
             }
             lin3 = c.rgb + (1.0 - c.a) * lin3;
         }
