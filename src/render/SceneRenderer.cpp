@@ -131,17 +131,15 @@ void SceneRenderer::makePipelines(const ShaderLibrary &shaders, const QString &p
     const auto module = [&](const std::vector<uint32_t> &spirv) {
         return ShaderModuleHandle(device, makeShader(device, spirv));
     };
-    vertexShader = module(shaders.fullscreen);
-    compositeShader = module(shaders.composite);
-    stillShader = module(shaders.compositeStill);
-    movingShader = module(shaders.compositeMoving);
-    steamShader = module(shaders.steam);
+    const ShaderModuleHandle vert = module(shaders.fullscreen);
     const ShaderModuleHandle toned = module(shaders.compositeTone), steamUp = module(shaders.steamUp);
     const ShaderModuleHandle accumulated = module(shaders.accumulate), alpha = module(shaders.accumulateAlpha);
     const ShaderModuleHandle converted = module(shaders.convertPlate);
-    const VkShaderModule vert = vertexShader;
 
     VkRenderPass pass = targetPass(VK_FORMAT_B8G8R8A8_UNORM, VK_IMAGE_LAYOUT_TRANSFER_SRC_OPTIMAL);
+    variants = std::make_unique<ProgramVariants>(
+        device, sceneLayout, pass, targetPass(VK_FORMAT_R16G16B16A16_SFLOAT, VK_IMAGE_LAYOUT_SHADER_READ_ONLY_OPTIMAL),
+        shaders, *cache, context->hasCreationFeedback);
     *tonePipeline.out(device) = makePipeline(device, sceneLayout, pass, vert, toned, Blend::none);
     *steamUpPipeline.out(device) = makePipeline(device, sceneLayout, pass, vert, steamUp, Blend::premultipliedOver);
 
@@ -192,39 +190,6 @@ void SceneRenderer::makePipelines(const ShaderLibrary &shaders, const QString &p
                         : cached == made
                             ? QStringLiteral("todos do cache, nenhum compilado")
                             : QStringLiteral("%1 do cache, %2 compilados").arg(cached).arg(made - cached)));
-}
-
-VkPipeline SceneRenderer::pipeline(Program program, const ShaderVariant &variant)
-{
-    PipelineHandle &held = variants[{program, variant}];
-    if (held) return held;
-    VkDevice device = context->device;
-    QElapsedTimer timer;
-    timer.start();
-    const bool linear = program == Program::still;
-    VkRenderPass pass = linear ? targetPass(VK_FORMAT_R16G16B16A16_SFLOAT, VK_IMAGE_LAYOUT_SHADER_READ_ONLY_OPTIMAL)
-                               : targetPass(VK_FORMAT_B8G8R8A8_UNORM, VK_IMAGE_LAYOUT_TRANSFER_SRC_OPTIMAL);
-    const VkShaderModule fragment = program == Program::composite ? compositeShader.get()
-                                    : program == Program::still   ? stillShader.get()
-                                    : program == Program::moving  ? movingShader.get()
-                                                                  : steamShader.get();
-    const VkSpecializationInfo constants = variant.info();
-    bool hit = false;
-    *held.out(device) = makePipeline(device, sceneLayout, pass, vertexShader, fragment,
-                                     program == Program::steamOver ? Blend::premultipliedOver : Blend::none,
-                                     cache->handle(), context->hasCreationFeedback ? &hit : nullptr, &constants);
-    cache->save();
-    static const char *const names[] = {"composição", "quadro parado", "partes móveis", "vapor", "vapor por cima"};
-    Log::write(QStringLiteral("Vulkan: pipeline %1 (luzes %2, braços %3, frentes %4, chuva %5, partes %6) em %7 ms%8")
-                   .arg(QString::fromUtf8(names[int(program)]))
-                   .arg(variant.mixes)
-                   .arg(variant.arms)
-                   .arg(variant.fronts)
-                   .arg(variant.rain ? QStringLiteral("sim") : QStringLiteral("não"))
-                   .arg(variant.parts)
-                   .arg(timer.elapsed())
-                   .arg(hit ? QStringLiteral(", do cache") : QString()));
-    return held;
 }
 
 void SceneRenderer::makeFallbacks()
@@ -455,7 +420,7 @@ void SceneRenderer::encode(FrameSlot &slot, uint32_t &uniformIndex, const Step &
         for (const MovingRegions::Region &r : regions) {
             ShaderVariant v = step.variant;
             v.parts = r.parts;
-            vkCmdBindPipeline(slot.cmd, VK_PIPELINE_BIND_POINT_GRAPHICS, pipeline(Program::moving, v));
+            vkCmdBindPipeline(slot.cmd, VK_PIPELINE_BIND_POINT_GRAPHICS, variants->get(Program::moving, v));
             const VkRect2D rect{{r.x, r.y}, {r.width, r.height}};
             vkCmdSetScissor(slot.cmd, 0, 1, &rect);
             vkCmdDraw(slot.cmd, 3, 1, 0, 0);
@@ -495,15 +460,15 @@ void SceneRenderer::encodeLayer(FrameSlot &slot, uint32_t &uniformIndex, const P
         half = *over;
         half.origin[2] = 2;  // each pixel of the half-size target covers two of the layer's
         encode(slot, uniformIndex,
-               Step{layer.steamHalf, pipeline(Program::steam, ShaderVariant::of(half)), slot.sets[1], &half,
+               Step{layer.steamHalf, variants->get(Program::steam, ShaderVariant::of(half)), slot.sets[1], &half,
                     sizeof(SteamUniforms)});
     }
     const VkPipeline overPipeline = !over             ? VK_NULL_HANDLE
                                     : layer.steamHalf ? steamUpPipeline.get()
-                                                      : pipeline(Program::steamOver, ShaderVariant::of(*over));
+                                                      : variants->get(Program::steamOver, ShaderVariant::of(*over));
     const ShaderVariant variant = ShaderVariant::of(layer.uniforms);
     if (!layer.still) {
-        Step step{layer.target,          pipeline(Program::composite, variant),
+        Step step{layer.target,          variants->get(Program::composite, variant),
                   slot.sets[0],          &layer.uniforms,
                   sizeof(SceneUniforms), over,
                   overPipeline};
@@ -514,14 +479,15 @@ void SceneRenderer::encodeLayer(FrameSlot &slot, uint32_t &uniformIndex, const P
     }
     if (layer.drawStill) {
         encode(slot, uniformIndex,
-               Step{&layer.still->linear(), pipeline(Program::still, variant), slot.sets[0], &layer.uniforms,
+               Step{&layer.still->linear(), variants->get(Program::still, variant), slot.sets[0], &layer.uniforms,
                     sizeof(SceneUniforms)});
         encode(slot, uniformIndex,
                Step{&layer.still->finished(), tonePipeline, slot.sets[0], &layer.uniforms, sizeof(SceneUniforms)});
     }
-    Step step{
-        layer.target, pipeline(Program::moving, variant), slot.sets[0], &layer.uniforms, sizeof(SceneUniforms), over,
-        overPipeline};
+    Step step{layer.target,          variants->get(Program::moving, variant),
+              slot.sets[0],          &layer.uniforms,
+              sizeof(SceneUniforms), over,
+              overPipeline};
     step.under = layer.still->finished().texture().get();
     step.underIsScreen = false;
     step.shadeOverCopy = true;
@@ -572,14 +538,15 @@ void SceneRenderer::draw(const std::optional<Pass> &base, const std::vector<Pass
         uint32_t uniformIndex = 0;
         if (base)
             encode(slot, uniformIndex,
-                   Step{base->target, pipeline(Program::composite, ShaderVariant::of(base->uniforms)), slot.sets[0],
-                        &base->uniforms, sizeof(SceneUniforms), base->steamOver ? &*base->steamOver : nullptr,
-                        base->steamOver ? pipeline(Program::steamOver, ShaderVariant::of(*base->steamOver))
+                   Step{base->target, variants->get(Program::composite, ShaderVariant::of(base->uniforms)),
+                        slot.sets[0], &base->uniforms, sizeof(SceneUniforms),
+                        base->steamOver ? &*base->steamOver : nullptr,
+                        base->steamOver ? variants->get(Program::steamOver, ShaderVariant::of(*base->steamOver))
                                         : VK_NULL_HANDLE});
         for (const Pass &layer : layers) encodeLayer(slot, uniformIndex, layer);
         if (steam)
             encode(slot, uniformIndex,
-                   Step{steam->target, pipeline(Program::steam, ShaderVariant::of(steam->uniforms)), slot.sets[1],
+                   Step{steam->target, variants->get(Program::steam, ShaderVariant::of(steam->uniforms)), slot.sets[1],
                         &steam->uniforms, sizeof(SteamUniforms)});
 
         if (slot.queries) vkCmdWriteTimestamp(slot.cmd, VK_PIPELINE_STAGE_BOTTOM_OF_PIPE_BIT, slot.queries, 1);

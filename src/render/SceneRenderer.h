@@ -5,6 +5,7 @@
 #include "render/MovingRegions.h"
 #include "render/MixBuilder.h"
 #include "render/PipelineCache.h"
+#include "render/ProgramVariants.h"
 #include "render/RenderTarget.h"
 #include "render/SceneTextures.h"
 #include "render/SceneUniforms.h"
@@ -122,12 +123,9 @@ private:
     SetLayoutHandle sceneSetLayout;
     PipelineLayoutHandle sceneLayout;
     std::map<std::tuple<VkFormat, VkImageLayout, bool>, RenderPassHandle> targetPasses;
-    // The composite and steam programs, compiled for a variant the first time a frame needs it.
-    enum class Program { composite, still, moving, steam, steamOver };
-    VkPipeline pipeline(Program program, const ShaderVariant &variant);
-    ShaderModuleHandle vertexShader, compositeShader, stillShader, movingShader, steamShader;
+    using Program = ProgramVariants::Program;
     std::unique_ptr<PipelineCache> cache;
-    std::map<std::pair<Program, ShaderVariant>, PipelineHandle> variants;
+    std::unique_ptr<ProgramVariants> variants;
     PipelineHandle tonePipeline, steamUpPipeline;
     TextureRef empty, white;
 
