@@ -286,6 +286,32 @@ TEST(MovingRegions, EachPartsPixelsLieInARegionThatNamesItAndTheRestIsLeftAlone)
     flat.recordInv = Float3x3{};
     const std::vector<uint32_t> whole = partsMap(MovingRegions(flat, w, h));
     EXPECT_EQ(std::count_if(whole.begin(), whole.end(), [](uint32_t p) { return p & ShaderVariant::specks; }), w * h);
+    // A turned, foreshortened screen map and one front layer of two: each pixel whose centre the
+    // map takes into the label or the front carries it, and the unused second front is nowhere.
+    SceneUniforms turned;
+    turned.screenToPlate = Float3x3::fromRows<float>({{{0, 0.5f, 0}, {0.5f, 0, 0}, {0.002f, 0.004f, 1}}});
+    turned.labelMaskRect = {10, 20, 15, 20};
+    turned.frontCount = 1;
+    turned.frontWeights = {1, 1, 0, 0};
+    turned.frontRects = {{{5, 5, 10, 10}, {0, 0, 500, 500}}};
+    const std::vector<uint32_t> seen = partsMap(MovingRegions(turned, w, h));
+    int labelled = 0, inLabel = 0;
+    for (int y = 0; y < h; ++y)
+        for (int x = 0; x < w; ++x) {
+            const double sx = x + 0.5, sy = y + 0.5, d = 0.002 * sx + 0.004 * sy + 1;
+            const double px = 0.5 * sy / d, py = 0.5 * sx / d;
+            const uint32_t at = seen[y * w + x];
+            labelled += (at & ShaderVariant::label) ? 1 : 0;
+            if (px >= 10 && px <= 25 && py >= 20 && py <= 40) {
+                ++inLabel;
+                ASSERT_TRUE(at & ShaderVariant::label) << x << "," << y;
+            }
+            if (px >= 5 && px <= 15 && py >= 5 && py <= 15) ASSERT_TRUE(at & ShaderVariant::front) << x << "," << y;
+            if (px > 20 || py > 20) ASSERT_FALSE(at & ShaderVariant::front) << x << "," << y;
+        }
+    EXPECT_GT(inLabel, 100);
+    EXPECT_LT(labelled, inLabel * 2);
+
     // A screen map that cannot be inverted leaves no way to place the parts: all of them everywhere.
     u.screenToPlate = Float3x3{};
     const std::vector<uint32_t> all = partsMap(MovingRegions(u, w, h));
