@@ -428,7 +428,9 @@ void SceneRenderer::encode(FrameSlot &slot, uint32_t &uniformIndex, const Step &
         vkCmdSetScissor(slot.cmd, 0, 1, &sc);
     } else if (shadeAll || (part.extent.width > 0 && part.extent.height > 0)) {
         if (!shadeAll) vkCmdSetScissor(slot.cmd, 0, 1, &part);
-        vkCmdBindPipeline(slot.cmd, VK_PIPELINE_BIND_POINT_GRAPHICS, step.pipeline);
+        // A moving layer that could not take its still's copy is shaded whole, with every part.
+        const VkPipeline whole = step.byRegions ? variants->get(Program::moving, step.variant) : step.pipeline;
+        vkCmdBindPipeline(slot.cmd, VK_PIPELINE_BIND_POINT_GRAPHICS, whole);
         vkCmdBindDescriptorSets(slot.cmd, VK_PIPELINE_BIND_POINT_GRAPHICS, sceneLayout, 0, 1, &step.set, 1, &offset);
         vkCmdDraw(slot.cmd, 3, 1, 0, 0);
         if (!shadeAll) vkCmdSetScissor(slot.cmd, 0, 1, &sc);
@@ -484,10 +486,7 @@ void SceneRenderer::encodeLayer(FrameSlot &slot, uint32_t &uniformIndex, const P
         encode(slot, uniformIndex,
                Step{&layer.still->finished(), tonePipeline, slot.sets[0], &layer.uniforms, sizeof(SceneUniforms)});
     }
-    Step step{layer.target,          variants->get(Program::moving, variant),
-              slot.sets[0],          &layer.uniforms,
-              sizeof(SceneUniforms), over,
-              overPipeline};
+    Step step{layer.target, VK_NULL_HANDLE, slot.sets[0], &layer.uniforms, sizeof(SceneUniforms), over, overPipeline};
     step.under = layer.still->finished().texture().get();
     step.underIsScreen = false;
     step.shadeOverCopy = true;

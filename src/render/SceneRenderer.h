@@ -103,8 +103,8 @@ private:
         bool underIsScreen = true;  // `under` covers the screen, else just the target
         VkRect2D shadedPart{};
         bool shadeOverCopy = false;
-        // Over a copy, instead of `pipeline`: only the regions the moving parts reach, each with
-        // the moving program of `variant` compiled for its parts.
+        // Instead of `pipeline`, the moving program of `variant`: over a copy, only the regions the
+        // moving parts reach, each compiled for its parts; without one, all of it with every part.
         bool byRegions = false;
         ShaderVariant variant{};
     };

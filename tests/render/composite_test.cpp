@@ -19,6 +19,16 @@ Rgb plus(Rgb a, Rgb b, double k) { return {a[0] + b[0] * k, a[1] + b[1] * k, a[2
 
 class Composite : public RendererTest {
 protected:
+    // One light that grows across and down the plate, vignette and grain on.
+    static void lightUnevenly(SceneUniforms &u, SceneTextures &t)
+    {
+        t.mixes[0] = half(halfImage(16, 16, [](int x, int y) {
+            return std::array<float, 4>{0.05f + x * 0.02f, 0.1f + y * 0.02f, 0.2f, 1};
+        }));
+        u.mixCount = 1;
+        u.mixWeights = {1, 0, 0, 0};
+        u.look = {0.4f, 1, 0.05f, 0};
+    }
     // A moving layer w×h at (x, y) of the screen: its still room, drawn when it changed, then the
     // moving parts over it, only where they reach.
     struct MovingLayer {
@@ -164,12 +174,7 @@ TEST_F(Composite, ALayerMatchesTheSameRegionOfTheFullImage)
     SceneUniforms u = plainUniforms(100, 75);
     u.screenToPlate = Float3x3::fromRows<float>({{{1.5f, 0, 2}, {0, 1.5f, 1}, {0, 0, 1}}});
     SceneTextures t;
-    t.mixes[0] = half(halfImage(16, 16, [](int x, int y) {
-        return std::array<float, 4>{0.05f + x * 0.02f, 0.1f + y * 0.02f, 0.2f, 1};
-    }));
-    u.mixCount = 1;
-    u.mixWeights = {1, 0, 0, 0};
-    u.look = {0.4f, 1, 0.05f, 0};
+    lightUnevenly(u, t);
     u.led33 = {50, 40, 4, 1};
     u.led33Color = {1, 0.5f, 0, 0};
     u.recordInv = Float3x3::fromRows<float>({{{1 / 30.0f, 0, -50 / 30.0f}, {0, 1 / 30.0f, -37.5f / 30.0f}, {0, 0, 1}}});
@@ -445,12 +450,7 @@ TEST_F(Composite, TheLabelTurnsAndBlursWithTheRecord)
     // As a moving layer over its still room, lit unevenly, vignetted, with an LED: the still is
     // drawn once, each turn shades the label over it, every frame is the full image's region, and
     // a change to the still room draws it again.
-    t.mixes[0] = half(halfImage(16, 16, [](int x, int y) {
-        return std::array<float, 4>{0.05f + x * 0.02f, 0.1f + y * 0.02f, 0.2f, 1};
-    }));
-    u.mixCount = 1;
-    u.mixWeights = {1, 0, 0, 0};
-    u.look = {0.4f, 1, 0.05f, 0};
+    lightUnevenly(u, t);
     u.led33 = {40, 20, 4, 1};
     u.led33Color = {1, 0.5f, 0, 0};
     MovingLayer layer(16, 16, 48, 48);
