@@ -3,7 +3,7 @@
 // per second and process CPU while the record turns, while a window covers the room and while the
 // screen is locked, and resident memory. Figures only; nothing here passes or fails.
 //
-//   desktop_bench [--seconds N] [--size WxH] [--scene DIR | --generated] [--wayland]
+//   desktop_bench [--seconds N] [--size WxH] [--scene DIR | --generated] [--wayland] [--shot FILE]
 // The room that ships (scenes/room) unless told otherwise; --generated paints the synthetic room
 // at the screen's size in a temporary folder first (a minute or two).
 
@@ -14,6 +14,7 @@
 #include <QCommandLineParser>
 #include <QCoreApplication>
 #include <QFile>
+#include <QImage>
 #include <QRegularExpression>
 #include <QTemporaryDir>
 #include <QThread>
@@ -119,7 +120,8 @@ int main(int argc, char **argv)
     const QCommandLineOption generatedOpt("generated", "The synthetic room at the screen's size.");
     const QCommandLineOption waylandOpt("wayland", "Under a headless sway instead of Xvfb.");
     const QCommandLineOption noSteamOpt("no-steam", "Steam off: the record and arm layer alone.");
-    p.addOptions({secondsOpt, sizeOpt, sceneOpt, generatedOpt, waylandOpt, noSteamOpt});
+    const QCommandLineOption shotOpt("shot", "Save the screen as PNG at the end of the animating phase.", "file");
+    p.addOptions({secondsOpt, sizeOpt, sceneOpt, generatedOpt, waylandOpt, noSteamOpt, shotOpt});
     p.addHelpOption();
     p.process(app);
     const int seconds = std::max(4, p.value(secondsOpt).toInt());
@@ -176,6 +178,8 @@ int main(int argc, char **argv)
     // writing them costs little next to what a hidden room is meant to cost.
     run(built("tools/turnelo-defaults"), {"write", "perfLogInterval", "-float", QString::number(seconds / 4.0)});
     if (p.isSet(noSteamOpt)) run(built("tools/turnelo-defaults"), {"write", "steam", "-bool", "false"});
+    // The welcome would stand over the room.
+    run(built("tools/turnelo-defaults"), {"write", "onboardingDone", "-bool", "true"});
 
     QProcess player;
     player.setProcessEnvironment(env);
@@ -251,6 +255,10 @@ int main(int argc, char **argv)
     std::printf("%s on a %s screen (%s), %d s per phase, device %s\n", qPrintable(scene), qPrintable(size),
                 wayland ? "sway" : "Xvfb", seconds, env.contains("VK_ICD_FILENAMES") ? "lavapipe" : "default");
     const Phase animating = measure("animating");
+    if (p.isSet(shotOpt)) {
+        const QImage shot = wayland ? sway.screenshot() : x.screenshot();
+        if (!shot.save(p.value(shotOpt))) std::fprintf(stderr, "could not save %s\n", qPrintable(p.value(shotOpt)));
+    }
     if (!desktop.cover() || waitFor("coberta por janelas", 0, 30) < 0)
         std::fprintf(stderr, "the covering window did not pause the room\n");
     const Phase covered = measure("covered");

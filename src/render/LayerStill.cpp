@@ -27,8 +27,10 @@ SceneUniforms stillPart(const SceneUniforms &u)
 
 }  // namespace
 
-LayerStill::LayerStill(std::shared_ptr<VulkanContext> context, uint32_t width, uint32_t height)
-    : linearTarget(context, width, height, VK_FORMAT_R16G16B16A16_SFLOAT, VK_IMAGE_LAYOUT_SHADER_READ_ONLY_OPTIMAL)
+LayerStill::LayerStill(std::shared_ptr<VulkanContext> context, int32_t x, int32_t y, uint32_t width, uint32_t height)
+    : left(x)
+    , top(y)
+    , linearTarget(context, width, height, VK_FORMAT_R16G16B16A16_SFLOAT, VK_IMAGE_LAYOUT_SHADER_READ_ONLY_OPTIMAL)
     , finishedTarget(context, width, height)
 {
 }

@@ -6,14 +6,19 @@
 
 #include <memory>
 
-// What a moving layer shows that holds still while the record turns: the room there in linear
+// What the moving layers show that holds still while the record turns: the room there in linear
 // light (with the record's coverage in alpha), and the same finished for the screen. Drawn again
-// only when what it is made of changes; each frame starts from the finished copy and shades only
-// the pixels a moving part reaches. Main thread.
+// only when what it is made of changes; each frame a layer starts from its part of the finished
+// copy and shades only the pixels a moving part reaches. One still may serve several layers that
+// overlap (the steam's and the record's): it covers a rectangle of the screen that holds them.
+// Main thread.
 class LayerStill {
 public:
-    LayerStill(std::shared_ptr<VulkanContext> context, uint32_t width, uint32_t height);
+    // x, y: its top-left on the screen, in the pixels of the layers' origins.
+    LayerStill(std::shared_ptr<VulkanContext> context, int32_t x, int32_t y, uint32_t width, uint32_t height);
 
+    int32_t x() const { return left; }
+    int32_t y() const { return top; }
     uint32_t width() const { return linearTarget.width(); }
     uint32_t height() const { return linearTarget.height(); }
     OffscreenTarget &linear() { return linearTarget; }
@@ -26,6 +31,7 @@ public:
     void invalidate() { drawn = false; }
 
 private:
+    int32_t left = 0, top = 0;
     OffscreenTarget linearTarget;
     OffscreenTarget finishedTarget;
     SceneUniforms lastUniforms;

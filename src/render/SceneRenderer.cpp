@@ -380,13 +380,7 @@ void SceneRenderer::encode(FrameSlot &slot, uint32_t &uniformIndex, const Step &
         // still was copied in first.
         reinterpret_cast<SceneUniforms *>(uniforms)->origin[2] = copied ? 1.0f : 0.0f;
     }
-    if (copied) {
-        const auto *origin = static_cast<const SceneUniforms *>(step.bytes);
-        if (step.underIsScreen)
-            copyUnder(slot.cmd, *step.under, int32_t(origin->origin[0]), int32_t(origin->origin[1]), *image);
-        else
-            copyUnder(slot.cmd, *step.under, 0, 0, *image);
-    }
+    if (copied) copyUnder(slot.cmd, *step.under, step.underAt.x, step.underAt.y, *image);
     const VkRenderPass renderPass = targetPass(image->format, image->finalLayout, copied);
     VkFramebuffer fb = image->framebuffer ? *image->framebuffer : VK_NULL_HANDLE;
     if (!fb) {
@@ -412,8 +406,6 @@ void SceneRenderer::encode(FrameSlot &slot, uint32_t &uniformIndex, const Step &
     VkRect2D sc{{0, 0}, {image->width, image->height}};
     vkCmdSetViewport(slot.cmd, 0, 1, &vp);
     vkCmdSetScissor(slot.cmd, 0, 1, &sc);
-    const bool shadeAll = !copied || step.shadeOverCopy;
-    const VkRect2D part = step.shadedPart;
     if (step.byRegions && copied) {
         vkCmdBindDescriptorSets(slot.cmd, VK_PIPELINE_BIND_POINT_GRAPHICS, sceneLayout, 0, 1, &step.set, 1, &offset);
         const MovingRegions regions(*static_cast<const SceneUniforms *>(step.bytes), image->width, image->height);
@@ -426,14 +418,12 @@ void SceneRenderer::encode(FrameSlot &slot, uint32_t &uniformIndex, const Step &
             vkCmdDraw(slot.cmd, 3, 1, 0, 0);
         }
         vkCmdSetScissor(slot.cmd, 0, 1, &sc);
-    } else if (shadeAll || (part.extent.width > 0 && part.extent.height > 0)) {
-        if (!shadeAll) vkCmdSetScissor(slot.cmd, 0, 1, &part);
+    } else if (!copied || step.shadeOverCopy) {
         // A moving layer that could not take its still's copy is shaded whole, with every part.
         const VkPipeline whole = step.byRegions ? variants->get(Program::moving, step.variant) : step.pipeline;
         vkCmdBindPipeline(slot.cmd, VK_PIPELINE_BIND_POINT_GRAPHICS, whole);
         vkCmdBindDescriptorSets(slot.cmd, VK_PIPELINE_BIND_POINT_GRAPHICS, sceneLayout, 0, 1, &step.set, 1, &offset);
         vkCmdDraw(slot.cmd, 3, 1, 0, 0);
-        if (!shadeAll) vkCmdSetScissor(slot.cmd, 0, 1, &sc);
     }
     if (step.over) {
         const uint32_t steamOffset = uint32_t(uniformStride * uniformIndex++);
@@ -469,26 +459,32 @@ void SceneRenderer::encodeLayer(FrameSlot &slot, uint32_t &uniformIndex, const P
                                     : layer.steamHalf ? steamUpPipeline.get()
                                                       : variants->get(Program::steamOver, ShaderVariant::of(*over));
     const ShaderVariant variant = ShaderVariant::of(layer.uniforms);
+    const int32_t x = int32_t(layer.uniforms.origin[0]), y = int32_t(layer.uniforms.origin[1]);
     if (!layer.still) {
         Step step{layer.target,          variants->get(Program::composite, variant),
                   slot.sets[0],          &layer.uniforms,
                   sizeof(SceneUniforms), over,
                   overPipeline};
         step.under = layer.under;
-        step.shadedPart = layer.shadedPart;
+        step.underAt = {x, y};
         encode(slot, uniformIndex, step);
         return;
     }
+    // The still is drawn at its own place on the screen, which may reach beyond this layer.
+    SceneUniforms onStill = layer.uniforms;
+    onStill.stillOrigin = {float(layer.still->x()), float(layer.still->y()), 0, 0};
     if (layer.drawStill) {
+        SceneUniforms still = onStill;
+        still.origin = {onStill.stillOrigin[0], onStill.stillOrigin[1], 0, 0};
         encode(slot, uniformIndex,
-               Step{&layer.still->linear(), variants->get(Program::still, variant), slot.sets[0], &layer.uniforms,
+               Step{&layer.still->linear(), variants->get(Program::still, variant), slot.sets[0], &still,
                     sizeof(SceneUniforms)});
         encode(slot, uniformIndex,
-               Step{&layer.still->finished(), tonePipeline, slot.sets[0], &layer.uniforms, sizeof(SceneUniforms)});
+               Step{&layer.still->finished(), tonePipeline, slot.sets[0], &still, sizeof(SceneUniforms)});
     }
-    Step step{layer.target, VK_NULL_HANDLE, slot.sets[0], &layer.uniforms, sizeof(SceneUniforms), over, overPipeline};
+    Step step{layer.target, VK_NULL_HANDLE, slot.sets[0], &onStill, sizeof(SceneUniforms), over, overPipeline};
     step.under = layer.still->finished().texture().get();
-    step.underIsScreen = false;
+    step.underAt = {x - layer.still->x(), y - layer.still->y()};
     step.shadeOverCopy = true;
     step.byRegions = true;
     step.variant = variant;

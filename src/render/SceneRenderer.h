@@ -36,14 +36,12 @@ public:
         // the screen, in transfer-source layout) at the pass's origin instead of being shaded, so
         // only the steam costs shading. A target that cannot take a copy is shaded as usual.
         const GpuTexture *under = nullptr;
-        // With `under`: the part of the layer, in its own pixels, that is shaded all the same
-        // (where another moving layer reaches in and its pixels change); empty for none.
-        VkRect2D shadedPart{};
         // With `steamOver`: the steam is drawn here first, at half the layer's resolution (bound
         // as SceneTextures::steam), and filtered up over the layer.
         OffscreenTarget *steamHalf = nullptr;
-        // A layer over the record: only its moving parts are shaded each frame, over its still
-        // room (bound as SceneTextures::still), which is drawn first when `drawStill`.
+        // A layer over the record: only its moving parts are shaded each frame, over its part of
+        // the still room (bound as SceneTextures::still, which holds the layer), which is drawn
+        // first when `drawStill`.
         LayerStill *still = nullptr;
         bool drawStill = false;
     };
@@ -97,11 +95,10 @@ private:
         // Laid over in the same render pass with `overPipeline`.
         const SteamUniforms *over = nullptr;
         VkPipeline overPipeline = VK_NULL_HANDLE;
-        // Copied into the target first, at the pass's origin; then only `shadedPart` is shaded,
-        // or all of it with `shadeOverCopy` (a shader that leaves what it does not change).
+        // Copied into the target first from `underAt` in it; then nothing is shaded, or all of it
+        // with `shadeOverCopy` (a shader that leaves what it does not change).
         const GpuTexture *under = nullptr;
-        bool underIsScreen = true;  // `under` covers the screen, else just the target
-        VkRect2D shadedPart{};
+        VkOffset2D underAt{};
         bool shadeOverCopy = false;
         // Instead of `pipeline`, the moving program of `variant`: over a copy, only the regions the
         // moving parts reach, each compiled for its parts; without one, all of it with every part.

@@ -77,6 +77,8 @@ struct SceneUniforms {
     std::array<Float4, 3> probes{};
     Float4 dustRect{};
     Float4 dust{};
+    // The still room's top-left on the screen (xy): a layer drawn over a still reads it there.
+    Float4 stillOrigin{};
     uint32_t mixCount = 0;
     uint32_t armCount = 0;
     uint32_t frontCount = 0;
@@ -97,7 +99,7 @@ struct SteamUniforms {
 };
 
 static_assert(sizeof(Float3x3) == 48);
-static_assert(sizeof(SceneUniforms) == 1232);
+static_assert(sizeof(SceneUniforms) == 1248);
 static_assert(offsetof(SceneUniforms, screenToPlate) == 0);
 static_assert(offsetof(SceneUniforms, coverInv) == 48);
 static_assert(offsetof(SceneUniforms, labelInv) == 96);
@@ -142,10 +144,11 @@ static_assert(offsetof(SceneUniforms, showcase) == 1120);
 static_assert(offsetof(SceneUniforms, probes) == 1136);
 static_assert(offsetof(SceneUniforms, dustRect) == 1184);
 static_assert(offsetof(SceneUniforms, dust) == 1200);
-static_assert(offsetof(SceneUniforms, mixCount) == 1216);
-static_assert(offsetof(SceneUniforms, armCount) == 1220);
-static_assert(offsetof(SceneUniforms, frontCount) == 1224);
-static_assert(offsetof(SceneUniforms, bandCount) == 1228);
+static_assert(offsetof(SceneUniforms, stillOrigin) == 1216);
+static_assert(offsetof(SceneUniforms, mixCount) == 1232);
+static_assert(offsetof(SceneUniforms, armCount) == 1236);
+static_assert(offsetof(SceneUniforms, frontCount) == 1240);
+static_assert(offsetof(SceneUniforms, bandCount) == 1244);
 
 static_assert(sizeof(SteamUniforms) == 144);
 static_assert(offsetof(SteamUniforms, screenToPlate) == 0);

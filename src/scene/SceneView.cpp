@@ -10,6 +10,7 @@
 
 #include <QWindow>
 #include <cmath>
+#include <utility>
 
 namespace {
 
@@ -169,20 +170,38 @@ void SceneView::frame(double t)
 
     using Layer = LayerStack::Layer;
     layerPasses.clear();
-    if (SwapchainTarget *target = layers->target(Layer::moving)) {
-        SceneRenderer::Pass pass{target, uniforms, std::nullopt};
-        const QRect &r = layers->rect(Layer::moving);
-        pass.uniforms.origin = {float(r.x()), float(r.y()), 0, 0};
-        if (!movingStill || movingStill->width() != uint32_t(r.width()) ||
-            movingStill->height() != uint32_t(r.height()))
-            movingStill = std::make_unique<LayerStill>(renderer.vulkan(), uint32_t(r.width()), uint32_t(r.height()));
-        textures.still = movingStill->linear().texture();
-        pass.still = movingStill.get();
-        pass.drawStill = movingStill->changed(pass.uniforms, textures);
+    SwapchainTarget *moving = layers->target(Layer::moving);
+    SwapchainTarget *steam = room.steamShown() ? layers->target(Layer::steam) : nullptr;
+    const QRect movingRect = moving ? layers->rect(Layer::moving) : QRect();
+    // Where the steam's layer overlaps the record's, it shows the record's moving parts too; there,
+    // or with no base to copy, it takes its room from the same still instead of shading it.
+    const bool steamOnStill = steam && (!base || layers->rect(Layer::steam).intersects(movingRect));
+    const QRect wanted = steamOnStill ? movingRect.united(layers->rect(Layer::steam)) : movingRect;
+    bool drawStill = false;
+    if (!wanted.isEmpty()) {
+        if (!still || stillRect != wanted) {
+            still = std::make_unique<LayerStill>(renderer.vulkan(), wanted.x(), wanted.y(), uint32_t(wanted.width()),
+                                                 uint32_t(wanted.height()));
+            stillRect = wanted;
+        }
+        textures.still = still->linear().texture();
+        SceneUniforms at = uniforms;
+        at.origin = {float(wanted.x()), float(wanted.y()), 0, 0};
+        drawStill = still->changed(at, textures);
+    }
+    // The first layer on the still draws it.
+    const auto onStill = [&](SceneRenderer::Pass &pass) {
+        pass.still = still.get();
+        pass.drawStill = std::exchange(drawStill, false);
+    };
+    if (moving) {
+        SceneRenderer::Pass pass{moving, uniforms, std::nullopt};
+        pass.uniforms.origin = {float(movingRect.x()), float(movingRect.y()), 0, 0};
+        onStill(pass);
         layerPasses.push_back(pass);
     }
-    if (SwapchainTarget *target = layers->target(Layer::steam); target && room.steamShown()) {
-        SceneRenderer::Pass pass{target, uniforms, std::nullopt};
+    if (steam) {
+        SceneRenderer::Pass pass{steam, uniforms, std::nullopt};
         const QRect &r = layers->rect(Layer::steam);
         pass.uniforms.origin = {float(r.x()), float(r.y()), 0, 0};
         pass.steamOver =
@@ -194,14 +213,11 @@ void SceneView::frame(double t)
                                                   VK_IMAGE_LAYOUT_SHADER_READ_ONLY_OPTIMAL);
         textures.steam = steamHalf->texture();
         pass.steamHalf = steamHalf.get();
-        // Under the steam the room is the finished base's, copied rather than shaded again, except
-        // where the record's layer reaches in (the steam's layer lies above it there).
-        if (base) {
+        // Elsewhere the room under the steam is the finished base's, copied rather than shaded again.
+        if (steamOnStill)
+            onStill(pass);
+        else
             pass.under = base->shownImage();
-            const QRect live = r.intersected(layers->rect(Layer::moving)).translated(-r.topLeft());
-            if (!live.isEmpty())
-                pass.shadedPart = {{live.x(), live.y()}, {uint32_t(live.width()), uint32_t(live.height())}};
-        }
         layerPasses.push_back(pass);
     }
     const bool rain = room.rainDrawn();

@@ -72,9 +72,10 @@ private:
     double baseFade = -1;      // the cover cross-fade the base shows
     bool drewFirstFrame = false;
 
-    // The record layer's still room and the steam at half size, made again when their layer's
-    // size changes.
-    std::unique_ptr<LayerStill> movingStill;
+    // The moving layers' still room and the steam at half size, made again when their layers
+    // move or change size.
+    std::unique_ptr<LayerStill> still;
+    QRect stillRect;
     std::unique_ptr<OffscreenTarget> steamHalf;
 
     // Reused every frame so that a steady frame allocates nothing.

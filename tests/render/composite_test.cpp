@@ -30,13 +30,14 @@ protected:
         u.look = {0.4f, 1, 0.05f, 0};
     }
     // A moving layer w×h at (x, y) of the screen: its still room, drawn when it changed, then the
-    // moving parts over it, only where they reach.
+    // moving parts over it, only where they reach. The still reaches beyond the layer, as one
+    // shared with the steam's layer does.
     struct MovingLayer {
         MovingLayer(int x, int y, int w, int h)
             : x(x)
             , y(y)
             , target(renderer->vulkan(), uint32_t(w), uint32_t(h))
-            , still(renderer->vulkan(), uint32_t(w), uint32_t(h))
+            , still(renderer->vulkan(), x - 3, y - 2, uint32_t(w + 5), uint32_t(h + 4))
         {
         }
         QImage draw(const SceneUniforms &u, const SceneTextures &t, bool *drewStill = nullptr)

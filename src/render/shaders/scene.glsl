@@ -134,6 +134,7 @@ layout(set = 0, binding = 0, std430) readonly buffer Uniforms {
     vec4 probes[3];
     vec4 dustRect;
     vec4 dust;
+    vec4 stillOrigin;
     uint mixCount;
     uint armCount;
     uint frontCount;
@@ -562,7 +563,7 @@ void main() {
 #elif defined(COMPOSITE_MOVING)
     vec3 lin3;
     // origin.z: the finished still is in the target already, so untouched pixels are left alone.
-    if (!movingParts(screen, p, texelFetch(sampler2D(stillTex, lin), ivec2(gl_FragCoord.xy), 0), lin3) && U.origin.z > 0.5) discard;
+    if (!movingParts(screen, p, texelFetch(sampler2D(stillTex, lin), ivec2(screen - U.stillOrigin.xy), 0), lin3) && U.origin.z > 0.5) discard;
     outColor = finish(lin3, p, screen);
 #else
     vec3 lin3;
