@@ -16,6 +16,9 @@ namespace {
 
 int megabytes(size_t bytes) { return int(bytes / (1024 * 1024)); }
 
+// The share of a core the software device may take: it draws on the processor the user works on.
+constexpr double kSoftwareShare = 0.5;
+
 }  // namespace
 
 SceneView::SceneView(RoomScene &r, const Services &services, QWindow *host, QObject *parent)
@@ -237,7 +240,10 @@ void SceneView::frame(double t)
         if (paced && paced->presentedCount() == presentedBefore) layers->frameDropped();
         layers->showDrawn();
     }
-    scheduler->setRate(FrameScheduler::nextRate(room.moving(), rain, room.baseFps(), room.eco()));
+    int rate = FrameScheduler::nextRate(room.moving(), rain, room.baseFps(), room.eco());
+    if (renderer.vulkan()->properties.deviceType == VK_PHYSICAL_DEVICE_TYPE_CPU)
+        rate = FrameScheduler::sustainedRate(rate, renderer.gpuClock().recent(), kSoftwareShare);
+    scheduler->setRate(rate);
 }
 
 QString SceneView::describeState() const

@@ -116,6 +116,16 @@ int FrameScheduler::nextRate(bool moving, bool rainDrawn, int baseFps, bool ecoA
     return rainDrawn ? 20 : 15;
 }
 
+int FrameScheduler::sustainedRate(int wanted, double deviceSecondsPerFrame, double share)
+{
+    if (!(deviceSecondsPerFrame > 0)) return wanted;
+    const double most = share / deviceSecondsPerFrame;
+    if (wanted <= most) return wanted;
+    for (int step : {60, 48, 40, 30, 24, 20, 15, 12, 10, 8, 6, 5, 4, 3, 2})
+        if (step <= most && step < wanted) return step;
+    return 1;
+}
+
 void FrameScheduler::update()
 {
     if (!attached) return;

@@ -94,6 +94,12 @@ public:
     // The rate for the next frames: the base rate while anything moves (15 under battery
     // saver); when still, 20 while rain is drawn on the glass (its drops keep running), else 15.
     static int nextRate(bool moving, bool rainDrawn, int baseFps, bool ecoActive);
+    // A device that draws on the processor (the software rasteriser, one thread) takes a core's
+    // time for every second of its work. The rate at most `wanted` at which frames of
+    // `deviceSecondsPerFrame` keep it to `share` of a core, on steps (60, 48, 40, 30, 24, 20, 15,
+    // 12, 10, 8, 6, 5, 4, 3, 2, 1) so that a cost that wavers does not move it every frame. No
+    // figure yet (0 or less): `wanted`.
+    static int sustainedRate(int wanted, double deviceSecondsPerFrame, double share);
 
 private:
     void update();

@@ -278,6 +278,13 @@ TEST_F(FrameSchedulerTest, TheRateSetsTheTickAndTheSameRateDoesNotRestartIt)
         {false, true, 60, true, 20},  {false, false, 60, true, 15}};
     for (const auto &[moving, rain, base, eco, expected] : cases)
         EXPECT_EQ(FrameScheduler::nextRate(moving, rain, base, eco), expected) << moving << rain << base << eco;
+
+    // A software device's frames at half a core: wanted rate, seconds a frame → rate.
+    const std::tuple<int, double, int> software[] = {
+        {30, 0.010, 30}, {30, 0.016, 30}, {30, 0.029, 15}, {30, 0.0249, 20}, {15, 0.029, 15}, {60, 0.010, 48},
+        {20, 0.040, 12}, {30, 0.3, 1},    {30, 2.0, 1},    {30, 0.0, 30},    {30, -1.0, 30}};
+    for (const auto &[wanted, seconds, expected] : software)
+        EXPECT_EQ(FrameScheduler::sustainedRate(wanted, seconds, 0.5), expected) << wanted << " " << seconds;
 }
 
 TEST_F(FrameSchedulerTest, PerformanceLine)
