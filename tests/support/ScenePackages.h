@@ -128,7 +128,7 @@ inline std::vector<ZipEntry> entriesOf(const QString &folder, const QString &pre
     for (const QString &n : names) {
         QFile f(folder + QLatin1Char('/') + n);
         f.open(QIODevice::ReadOnly);
-        out.push_back({prefix.isEmpty() ? n : prefix + QLatin1Char('/') + n, f.readAll(), {}, false});
+        out.push_back({prefix.isEmpty() ? n : prefix + QLatin1Char('/') + n, f.readAll()});
     }
     return out;
 }

@@ -276,7 +276,7 @@ TEST_F(SceneInstallerTest, BadPackagesLeaveTheInstalledSceneAndBackOff)
     EXPECT_FALSE(QFileInfo::exists(root() + "/Downloads/apt-2.zip.part"));
     EXPECT_EQ(scenarioAt(scenes()), QStringLiteral("kept"));
 
-    serve({publishZip("nomanifest.zip", {{"wide/light/sun_noon.exr", "x", {}, false}}, "nomanifest")});
+    serve({publishZip("nomanifest.zip", {{"wide/light/sun_noon.exr", "x"}}, "nomanifest")});
     fireRetry();
     EXPECT_EQ(installer->phase().kind, Phase::ready);
     EXPECT_TRUE(newLog().contains("Cenas: falhou: pacote sem manifest.json"));
@@ -333,35 +333,22 @@ TEST_F(SceneInstallerTest, HostileOrBrokenArchivesAreRefusedAndDeletedWhileTheRo
         const char *logged;
     };
     const std::vector<Case> cases = {
-        {"dotdot.zip",
-         {{"manifest.json", manifest, {}, false}, {"../escape.txt", "x", {}, false}},
-         "\"..\" no caminho"},
-        {"deep-dotdot.zip",
-         {{"manifest.json", manifest, {}, false}, {"wide/../../escape.txt", "x", {}, false}},
-         "\"..\" no caminho"},
-        {"absolute.zip",
-         {{"manifest.json", manifest, {}, false}, {outside + "/abs.txt", "x", {}, false}},
-         "caminho absoluto"},
-        {"link-out.zip",
-         {{"manifest.json", manifest, {}, false}, {"wide/out", {}, outside, false}},
-         "link para fora da pasta"},
-        {"link-up.zip",
-         {{"manifest.json", manifest, {}, false}, {"wide/up", {}, "../../outside", false}},
-         "link para fora da pasta"},
+        {"dotdot.zip", {{"manifest.json", manifest}, {"../escape.txt", "x"}}, "\"..\" no caminho"},
+        {"deep-dotdot.zip", {{"manifest.json", manifest}, {"wide/../../escape.txt", "x"}}, "\"..\" no caminho"},
+        {"absolute.zip", {{"manifest.json", manifest}, {outside + "/abs.txt", "x"}}, "caminho absoluto"},
+        {"link-out.zip", {{"manifest.json", manifest}, {"wide/out", {}, outside}}, "link para fora da pasta"},
+        {"link-up.zip", {{"manifest.json", manifest}, {"wide/up", {}, "../../outside"}}, "link para fora da pasta"},
         {"link-through-link.zip",
-         {{"manifest.json", manifest, {}, false}, {"here", {}, ".", false}, {"up", {}, "here/..", false}},
+         {{"manifest.json", manifest}, {"here", {}, "."}, {"up", {}, "here/.."}},
          "link para fora da pasta"},
         {"write-through-link.zip",
-         {{"manifest.json", manifest, {}, false},
-          {"inner", {}, "wide", false},
-          {"wide/x", "x", {}, false},
-          {"inner/y", "y", {}, false}},
+         {{"manifest.json", manifest}, {"inner", {}, "wide"}, {"wide/x", "x"}, {"inner/y", "y"}},
          "descompactação falhou"},
         // A later copy of a name would replace the checked one on disk.
-        {"second-manifest.zip", plus(whole, {"manifest.json", "{junk", {}, false}), "entrada repetida"},
-        {"junk-manifest.zip", plus({whole.begin() + 1, whole.end()}, {"manifest.json", "{junk", {}, false}),
+        {"second-manifest.zip", plus(whole, {"manifest.json", "{junk"}), "entrada repetida"},
+        {"junk-manifest.zip", plus({whole.begin() + 1, whole.end()}, {"manifest.json", "{junk"}),
          "manifest.json inválido"},
-        {"no-plates.zip", {{"manifest.json", manifest, {}, false}}, "enquadramento completo"},
+        {"no-plates.zip", {{"manifest.json", manifest}}, "enquadramento completo"},
     };
     for (const Case &c : cases) {
         SCOPED_TRACE(c.file);
@@ -380,7 +367,7 @@ TEST_F(SceneInstallerTest, HostileOrBrokenArchivesAreRefusedAndDeletedWhileTheRo
     // A deflate bomb that claims its size honestly still claims too much for its package: refused
     // before a byte of it is fetched, let alone unpacked.
     const QString bombZip = server.scenesDir() + "/bomb.zip";
-    const auto bombEntries = plus(whole, {"wide/filler.exr", QByteArray(64 << 20, '\0'), {}, false});
+    const auto bombEntries = plus(whole, {"wide/filler.exr", QByteArray(64 << 20, '\0')});
     ASSERT_TRUE(writeZip(bombZip, bombEntries, false));
     SceneCatalog::Entry bomb = entryFor(bombZip, "bomb", "bomb");
     bomb.unpackedSize = 0;
@@ -395,9 +382,9 @@ TEST_F(SceneInstallerTest, HostileOrBrokenArchivesAreRefusedAndDeletedWhileTheRo
 TEST_F(SceneInstallerTest, UnpackerKeepsInnerLinksAndEnforcesItsBounds)
 {
     const QString zip = tmp.path() + "/inner.zip";
-    ASSERT_TRUE(writeZip(zip, {{"manifest.json", "{}", {}, false},
-                               {"wide/light/sun_noon.exr", QByteArray(1000, 's'), {}, false},
-                               {"wide/sun-alias.exr", {}, "light/sun_noon.exr", false}}));
+    ASSERT_TRUE(writeZip(zip, {{"manifest.json", "{}"},
+                               {"wide/light/sun_noon.exr", QByteArray(1000, 's')},
+                               {"wide/sun-alias.exr", {}, "light/sun_noon.exr"}}));
     const QString into = tmp.path() + "/into";
     QDir().mkpath(into);
     EXPECT_EQ(SceneUnpacker::unpack(zip, into, 1002), 1002);
@@ -427,7 +414,7 @@ TEST_F(SceneInstallerTest, UnpackerKeepsInnerLinksAndEnforcesItsBounds)
         }
         return QString();
     };
-    ASSERT_TRUE(writeZip(tmp.path() + "/twice.zip", {{"wide/x", "1", {}, false}, {"./wide//x", "2", {}, false}}));
+    ASSERT_TRUE(writeZip(tmp.path() + "/twice.zip", {{"wide/x", "1"}, {"./wide//x", "2"}}));
     EXPECT_TRUE(refusal(tmp.path() + "/twice.zip", 10).contains("wide/x"));
     EXPECT_TRUE(refusal(zip, 3).isEmpty());
     EXPECT_FALSE(refusal(zip, 2).isEmpty());
@@ -435,8 +422,7 @@ TEST_F(SceneInstallerTest, UnpackerKeepsInnerLinksAndEnforcesItsBounds)
     // A claim below what the archive really holds: refused once passed, with no more than the
     // claim written.
     const QString bomb = tmp.path() + "/bomb.zip";
-    ASSERT_TRUE(writeZip(bomb, {{"a", randomBytes(1 << 20, 3), {}, false}, {"b", QByteArray(8 << 20, '\0'), {}, false}},
-                         false));
+    ASSERT_TRUE(writeZip(bomb, {{"a", randomBytes(1 << 20, 3)}, {"b", QByteArray(8 << 20, '\0')}}, false));
     SceneCatalog::Entry claimed = entryFor(bomb, "bomb", "bomb");
     claimed.unpackedSize = 2 << 20;
     QDir(into).removeRecursively();
@@ -518,19 +504,15 @@ TEST_F(SceneInstallerTest, FramingsInstallBesideTheBaseAndFailAlone)
         e.base = false;
         return e;
     };
-    const auto close1 =
-        framing(publishZip("close-1.zip",
-                           {{"close/light/a.exr", "A", {}, false}, {"__MACOSX/close/light/._a.exr", "junk", {}, false}},
-                           "close1"),
-                "close");
-    const auto close2 = framing(publishZip("close-2.zip", {{"close/light/b.exr", "B", {}, false}}, "close2"), "close");
-    const auto top = framing(publishZip("top.zip",
-                                        {{"__MACOSX/._wrap", "junk", {}, false},
-                                         {".DS_Store", "junk", {}, false},
-                                         {"wrap/top/light/t.exr", "T", {}, false}},
-                                        "top"),
-                             "top");
-    const auto mid = framing(publishZip("mid.zip", {{"elsewhere/light/m.exr", "M", {}, false}}, "mid"), "mid");
+    const auto close1 = framing(
+        publishZip("close-1.zip", {{"close/light/a.exr", "A"}, {"__MACOSX/close/light/._a.exr", "junk"}}, "close1"),
+        "close");
+    const auto close2 = framing(publishZip("close-2.zip", {{"close/light/b.exr", "B"}}, "close2"), "close");
+    const auto top =
+        framing(publishZip("top.zip",
+                           {{"__MACOSX/._wrap", "junk"}, {".DS_Store", "junk"}, {"wrap/top/light/t.exr", "T"}}, "top"),
+                "top");
+    const auto mid = framing(publishZip("mid.zip", {{"elsewhere/light/m.exr", "M"}}, "mid"), "mid");
     serve({base, close1, top, close2, mid});
     make();
     syncAndWait();

@@ -165,14 +165,12 @@ TEST_F(HistoryStoreTest, ACorruptIndexIsAnEmptyStackRewrittenOnTheNextRecord)
     ASSERT_EQ(doc.array().size(), 1);
     EXPECT_EQ(doc.array()[0].toObject()["album"].toString(), "B");
 
-    // Well-formed JSON of the wrong shape is no better.
-    writeFile(dir() + "/index.json", "[{\"album\": 3, \"file\": \"x.jpg\"}]");
-    EXPECT_TRUE(HistoryStore(settings, dir()).entries().isEmpty());
-    writeFile(dir() + "/index.json", "{\"album\": \"A\"}");
-    EXPECT_TRUE(HistoryStore(settings, dir()).entries().isEmpty());
-    // A name that leads out of the folder is no entry either.
-    writeFile(dir() + "/index.json", "[{\"album\": \"A\", \"file\": \"../../cover.jpg\"}]");
-    EXPECT_TRUE(HistoryStore(settings, dir()).entries().isEmpty());
+    // Well-formed JSON of the wrong shape is no better, nor is a name that leads out of the folder.
+    for (const char *index : {R"([{"album": 3, "file": "x.jpg"}])", R"({"album": "A"})",
+                              R"([{"album": "A", "file": "../../cover.jpg"}])"}) {
+        writeFile(dir() + "/index.json", index);
+        EXPECT_TRUE(HistoryStore(settings, dir()).entries().isEmpty()) << index;
+    }
 }
 
 TEST_F(HistoryStoreTest, APlayersHostileAlbumNameIsStoredOnOneLineAndCut)
