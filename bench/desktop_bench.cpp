@@ -4,6 +4,7 @@
 // screen is locked, and resident memory. Figures only; nothing here passes or fails.
 //
 //   desktop_bench [--seconds N] [--size WxH] [--scene DIR | --generated] [--wayland] [--shot FILE]
+//       [--cache DIR]
 // The room that ships (scenes/room) unless told otherwise; --generated paints the synthetic room
 // at the screen's size in a temporary folder first (a minute or two).
 
@@ -13,6 +14,10 @@
 
 #include <QCommandLineParser>
 #include <QCoreApplication>
+#include <QDir>
+#include <QElapsedTimer>
+#include <QDir>
+#include <QElapsedTimer>
 #include <QFile>
 #include <QImage>
 #include <QRegularExpression>
@@ -121,7 +126,11 @@ int main(int argc, char **argv)
     const QCommandLineOption waylandOpt("wayland", "Under a headless sway instead of Xvfb.");
     const QCommandLineOption noSteamOpt("no-steam", "Steam off: the record and arm layer alone.");
     const QCommandLineOption shotOpt("shot", "Save the screen as PNG at the end of the animating phase.", "file");
-    p.addOptions({secondsOpt, sizeOpt, sceneOpt, generatedOpt, waylandOpt, noSteamOpt, shotOpt});
+    const QCommandLineOption cacheOpt("cache",
+                                      "Keep the program's caches (pipelines, the driver's shaders) in this folder, so "
+                                      "that a second run starts warm.",
+                                      "dir");
+    p.addOptions({secondsOpt, sizeOpt, sceneOpt, generatedOpt, waylandOpt, noSteamOpt, shotOpt, cacheOpt});
     p.addHelpOption();
     p.process(app);
     const int seconds = std::max(4, p.value(secondsOpt).toInt());
@@ -164,6 +173,7 @@ int main(int argc, char **argv)
     for (const char *key : {"DBUS_SESSION_BUS_ADDRESS", "DBUS_SYSTEM_BUS_ADDRESS"})
         env.insert(key, bus.env().value(key));
     env.insert("TURNELO_SCENES_DIR", scene);
+    if (p.isSet(cacheOpt)) env.insert("XDG_CACHE_HOME", QDir(p.value(cacheOpt)).absolutePath());
     if (!env.contains("VK_ICD_FILENAMES") && !lavapipeIcd().isEmpty() &&
         !qEnvironmentVariableIsSet("TURNELO_BENCH_GPU"))
         env.insert("VK_ICD_FILENAMES", lavapipeIcd());
@@ -188,6 +198,8 @@ int main(int argc, char **argv)
     QProcess room;
     room.setProcessEnvironment(env);
     room.setProcessChannelMode(QProcess::ForwardedErrorChannel);
+    QElapsedTimer sinceStart;
+    sinceStart.start();
     room.start(built("turnelo"), {"--music-setup-done"});
     if (!room.waitForStarted(10000)) return 1;
     const qint64 pid = room.processId();
@@ -208,6 +220,7 @@ int main(int argc, char **argv)
         std::fprintf(stderr, "the room did not come up:\n%s\n", qPrintable(log()));
         return 1;
     }
+    const double toRoom = sinceStart.elapsed() / 1000.0;
     // The software device compiles its shaders at the first frames: wait for frames to flow.
     static const QRegularExpression perf(
         QStringLiteral("Perf \\d+s: ([0-9.]+) fps, CPU [0-9.]+%, GPU ([0-9.]+) ms/quadro \\([0-9.]+% ocupada\\), "
@@ -254,6 +267,7 @@ int main(int argc, char **argv)
 
     std::printf("%s on a %s screen (%s), %d s per phase, device %s\n", qPrintable(scene), qPrintable(size),
                 wayland ? "sway" : "Xvfb", seconds, env.contains("VK_ICD_FILENAMES") ? "lavapipe" : "default");
+    std::printf("start to the room on screen (\"Cena pronta\"): %.1f s\n", toRoom);
     const Phase animating = measure("animating");
     if (p.isSet(shotOpt)) {
         const QImage shot = wayland ? sway.screenshot() : x.screenshot();

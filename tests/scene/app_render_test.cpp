@@ -168,4 +168,35 @@ TEST(BlenderRoom, QuickPackageRendersAndLightsTheNight)
     EXPECT_LT(night.mean, day.mean);
 }
 
+// The room that ships, at each framing's full size: through the glass a city with structure by day
+// that is not blown out, and lit windows at night.
+TEST(ShippedRoom, EveryWindowShowsTheCityByDayAndItsLightsAtNight)
+{
+    const QString scene = QStringLiteral(TURNELO_SOURCE_DIR) + "/scenes/room";
+    const QJsonObject framings =
+        QJsonDocument::fromJson(readFile(scene + "/manifest.json")).object()["framings"].toObject();
+    ASSERT_FALSE(framings.isEmpty());
+    QTemporaryDir root;
+    int windows = 0;
+    for (auto it = framings.begin(); it != framings.end(); ++it) {
+        const QJsonObject framing = it.value().toObject();
+        const QString mask = framing["window"].toObject()["glass_mask"].toString();
+        if (mask.isEmpty()) continue;
+        ++windows;
+        const QImage glass(scene + "/" + it.key() + "/" + mask);
+        const QJsonArray size = framing["size"].toArray();
+        const QSize full(size[0].toInt(), size[1].toInt());
+        ASSERT_EQ(glass.size(), full) << it.key().toStdString();
+        const GlassView day = glassView(appRender(root, scene, it.key(), full, "12:00", {"--no-steam"}), glass, 0.98);
+        const GlassView night = glassView(appRender(root, scene, it.key(), full, "21:30", {"--no-steam"}), glass, 0.3);
+        std::printf("%s: noon deviation %.3f, above 0.98 %.3f; 21:30 above 0.3 %.3f, mean %.3f (noon %.3f)\n",
+                    qPrintable(it.key()), day.deviation, day.above, night.above, night.mean, day.mean);
+        EXPECT_GE(day.deviation, 0.12) << it.key().toStdString() << ": the noon view has no structure";
+        EXPECT_LT(day.above, 0.05) << it.key().toStdString() << ": the noon view is blown out";
+        EXPECT_GE(night.above, 0.01) << it.key().toStdString() << ": no lights in the night view";
+        EXPECT_LT(night.mean, day.mean) << it.key().toStdString();
+    }
+    EXPECT_GE(windows, 1) << "no framing sees the window";
+}
+
 }  // namespace
