@@ -524,9 +524,9 @@ class Pipeline:
             diff[t] = self.render("%s/record_diffuse/%s" % (name, t), job, setup_diff)
         record_px, cover_px = masks["record"], masks["cover"]
         for p in used:
-            write_exr(os.path.join(fdir, "record", p + "_spec.exr"), crop(plate(p, specular), record_box), "zip")
+            write_exr(os.path.join(fdir, "record", p + "_spec.exr"), crop(plate(p, specular), record_box), "dwaa")
             irradiance = crop(plate(p, diff) * math.pi, record_box)
-            write_exr(os.path.join(fdir, "record", p + "_diffuse.exr"), irradiance, "zip")
+            write_exr(os.path.join(fdir, "record", p + "_diffuse.exr"), irradiance, "dwaa")
             # Only the light the sleeve throws around it: its own face is the cover's, drawn with the art.
             b = np.clip(plate(p, raw) - plate(p, specular), 0, None) * (1 - record_px[:, :, None]) * (1 - cover_px[:, :, None])
             b = crop(b, bounce_box)
@@ -535,7 +535,7 @@ class Pipeline:
                 g = {k: crop(raw[plates[p][0]][k], bounce_box) for k in ("DiffCol", "GlossCol", "Normal", "Depth")}
                 b, = denoise.filter_plates([b], g["DiffCol"][:, :, :3] + g["GlossCol"][:, :, :3],
                                            g["Normal"][:, :, :3], g["Depth"][:, :, 0])
-            write_exr(os.path.join(fdir, "bounce", p + ".exr"), b, "zip")
+            write_exr(os.path.join(fdir, "bounce", p + ".exr"), b, "dwaa")
 
         # Tonearm sprites and shadows, per preset, over the room as a shadow catcher.
         arm_box = self.arm_bounds(cam, yaws)
@@ -598,7 +598,7 @@ class Pipeline:
         cov = rgba[:, :, 3] > 0
         if not cov.any():
             return None
-        write_exr(os.path.join(fdir, "front", "leaf.exr"), rgba, "zip")
+        write_exr(os.path.join(fdir, "front", "leaf.exr"), rgba, "dwaa")
         ys, xs = np.nonzero(cov)
         return [int(xs.min()), int(ys.min()), int(xs.max() - xs.min() + 1), int(ys.max() - ys.min() + 1)]
 
@@ -730,7 +730,7 @@ class Pipeline:
                                            g["Normal"][:, :, :3], np.where(solid, g["Depth"][:, :, 0], 1e6))
             rgba[:, :, :3] = np.where(solid[..., None], clean, rgba[:, :, :3])
         rgba[rgba[:, :, 3] < 0.002] = 0
-        write_exr(os.path.join(fdir, "tonearm", preset, "arm_%02d.exr" % n), rgba, "zip")
+        write_exr(os.path.join(fdir, "tonearm", preset, "arm_%02d.exr" % n), rgba, "dwaa")
         shadow = np.clip(luminance(crop(out["Shadow Catcher"], box)[:, :, :3]), 0, 1)
         covered = rgba[:, :, 3] > 0.02
         if not self.a.no_denoise:
