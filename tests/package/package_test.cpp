@@ -105,7 +105,8 @@ TEST(Package, HoldsTheProgramsTheirPagesTheLauncherTheIconsAndTheRoom)
     const auto validated = runTool(root.filePath("usr/bin/turnelo-scene"), {"validate", room});
     ASSERT_EQ(validated.exitCode, 0) << validated.err.constData();
     const QJsonObject summary = QJsonDocument::fromJson(validated.out).object();
-    EXPECT_EQ(summary.value("framings").toObject().keys(), QStringList({"close", "mid", "top", "wide"})) << validated.out.constData();
+    EXPECT_EQ(summary.value("framings").toObject().keys(), QStringList({"close", "mid", "top", "wide"}))
+        << validated.out.constData();
     EXPECT_TRUE(summary.value("missing").toArray().isEmpty()) << validated.out.constData();
 
     // A first start as a new user would make it: a fresh home, the package's data folder, no
