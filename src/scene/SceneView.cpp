@@ -242,7 +242,7 @@ void SceneView::frame(double t)
     }
     int rate = FrameScheduler::nextRate(room.moving(), rain, room.baseFps(), room.eco());
     if (renderer.vulkan()->properties.deviceType == VK_PHYSICAL_DEVICE_TYPE_CPU)
-        rate = FrameScheduler::sustainedRate(rate, renderer.gpuClock().recent(), kSoftwareShare);
+        rate = FrameScheduler::sustainedRate(rate, renderer.gpuClock().recent(), kSoftwareShare, scheduler->rate());
     scheduler->setRate(rate);
 }
 

@@ -116,14 +116,18 @@ int FrameScheduler::nextRate(bool moving, bool rainDrawn, int baseFps, bool ecoA
     return rainDrawn ? 20 : 15;
 }
 
-int FrameScheduler::sustainedRate(int wanted, double deviceSecondsPerFrame, double share)
+int FrameScheduler::sustainedRate(int wanted, double deviceSecondsPerFrame, double share, int current)
 {
     if (!(deviceSecondsPerFrame > 0)) return wanted;
     const double most = share / deviceSecondsPerFrame;
-    if (wanted <= most) return wanted;
-    for (int step : {60, 48, 40, 30, 24, 20, 15, 12, 10, 8, 6, 5, 4, 3, 2})
-        if (step <= most && step < wanted) return step;
-    return 1;
+    const auto within = [wanted](double limit) {
+        if (wanted <= limit) return wanted;
+        for (int step : {60, 48, 40, 30, 24, 20, 15, 12, 10, 8, 6, 5, 4, 3, 2})
+            if (step <= limit && step < wanted) return step;
+        return 1;
+    };
+    if (current >= 1 && current <= wanted && current <= most * 1.1) return std::max(current, within(most * 0.8));
+    return within(most);
 }
 
 void FrameScheduler::update()

@@ -97,9 +97,11 @@ public:
     // A device that draws on the processor (the software rasteriser, one thread) takes a core's
     // time for every second of its work. The rate at most `wanted` at which frames of
     // `deviceSecondsPerFrame` keep it to `share` of a core, on steps (60, 48, 40, 30, 24, 20, 15,
-    // 12, 10, 8, 6, 5, 4, 3, 2, 1) so that a cost that wavers does not move it every frame. No
-    // figure yet (0 or less): `wanted`.
-    static int sustainedRate(int wanted, double deviceSecondsPerFrame, double share);
+    // 12, 10, 8, 6, 5, 4, 3, 2, 1). A cost that wavers around a step must not move the rate
+    // every frame (each change restarts the tick): the `current` rate stays while it costs at
+    // most a tenth over the share, and rises only to a step that fits with a fifth to spare.
+    // No figure yet (0 or less): `wanted`.
+    static int sustainedRate(int wanted, double deviceSecondsPerFrame, double share, int current);
 
 private:
     void update();

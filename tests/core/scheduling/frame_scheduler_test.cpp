@@ -279,12 +279,17 @@ TEST_F(FrameSchedulerTest, TheRateSetsTheTickAndTheSameRateDoesNotRestartIt)
     for (const auto &[moving, rain, base, eco, expected] : cases)
         EXPECT_EQ(FrameScheduler::nextRate(moving, rain, base, eco), expected) << moving << rain << base << eco;
 
-    // A software device's frames at half a core: wanted rate, seconds a frame → rate.
-    const std::tuple<int, double, int> software[] = {
-        {30, 0.010, 30}, {30, 0.016, 30}, {30, 0.029, 15}, {30, 0.0249, 20}, {15, 0.029, 15}, {60, 0.010, 48},
-        {20, 0.040, 12}, {30, 0.3, 1},    {30, 2.0, 1},    {30, 0.0, 30},    {30, -1.0, 30}};
-    for (const auto &[wanted, seconds, expected] : software)
-        EXPECT_EQ(FrameScheduler::sustainedRate(wanted, seconds, 0.5), expected) << wanted << " " << seconds;
+    // A software device's frames at half a core: wanted rate, seconds a frame, current rate → rate.
+    // From {30, 0.034, 15}: a cost wavering about a step's edge leaves the rate where it is, both
+    // ways; clearly over, or with room to spare, it moves.
+    const std::tuple<int, double, int, int> software[] = {
+        {30, 0.010, 0, 30},   {30, 0.016, 0, 30},  {30, 0.029, 0, 15},  {30, 0.0249, 0, 20}, {15, 0.029, 0, 15},
+        {60, 0.010, 0, 48},   {20, 0.040, 0, 12},  {30, 0.3, 0, 1},     {30, 2.0, 0, 1},     {30, 0.0, 15, 30},
+        {30, -1.0, 15, 30},   {30, 0.034, 15, 15}, {30, 0.032, 15, 15}, {30, 0.030, 12, 12}, {30, 0.034, 12, 12},
+        {30, 0.0375, 15, 12}, {30, 0.026, 12, 15}, {30, 0.010, 15, 30}, {15, 0.010, 30, 15}};
+    for (const auto &[wanted, seconds, current, expected] : software)
+        EXPECT_EQ(FrameScheduler::sustainedRate(wanted, seconds, 0.5, current), expected)
+            << wanted << " " << seconds << " " << current;
 }
 
 TEST_F(FrameSchedulerTest, PerformanceLine)
