@@ -24,11 +24,26 @@ public:
     OffscreenTarget &linear() { return linearTarget; }
     OffscreenTarget &finished() { return finishedTarget; }
 
-    // Whether a layer drawn with these uniforms and textures needs the still drawn again: true
-    // the first time and whenever anything but the moving parts differs from the last call.
-    bool changed(const SceneUniforms &uniforms, const SceneTextures &textures);
-    // The next changed() answers true (the still was not drawn after all).
-    void invalidate() { drawn = false; }
+    // As many passes as the redraw takes.
+    enum class Redraw { none = 0, finished = 1, all = 2 };
+    // What of the still a layer drawn with these uniforms and textures needs drawn again: all of
+    // it the first time and whenever anything but the moving parts differs from the last call;
+    // the finished copy alone when the arm comes to stand, or leaves where it stood in it.
+    Redraw changed(const SceneUniforms &uniforms, const SceneTextures &textures);
+    // Whether the finished copy holds the arm (its sprites, shadow and reflection) where it
+    // stands: frames then draw it as held there (holdArm) and shade it only where another moving
+    // part reaches. An arm that stands moves less than `standing` sprite pixels from one frame to
+    // the next; one that creeps on through a track is drawn again once it is that far from where
+    // it is held.
+    bool holdsArm() const { return held; }
+    void holdArm(SceneUniforms &uniforms) const;
+    static constexpr float standing = 0.2f;
+    // The next changed() answers `all` (the still was not drawn after all).
+    void invalidate()
+    {
+        drawn = false;
+        held = false;
+    }
 
 private:
     int32_t left = 0, top = 0;
@@ -37,4 +52,17 @@ private:
     SceneUniforms lastUniforms;
     SceneTextures lastTextures;
     bool drawn = false;
+    // The arm as the last call had it, and as the finished copy holds it.
+    struct Arm {
+        SceneUniforms uniforms;
+        std::array<TextureRef, 4> sprites, shadows, reflections;
+        Arm() = default;
+        Arm(const SceneUniforms &u, const SceneTextures &t);
+        // Drawn the same to within `standing`.
+        bool near(const Arm &other) const;
+        // Anything of it is drawn.
+        bool drawn() const;
+    };
+    Arm lastArm, heldArm;
+    bool held = false;
 };

@@ -101,7 +101,7 @@ bool MovingRegions::speckCell(uint32_t ring, uint32_t sector)
     return h % 10000u < 15u;
 }
 
-MovingRegions::MovingRegions(const SceneUniforms &u, uint32_t width, uint32_t height)
+MovingRegions::MovingRegions(const SceneUniforms &u, uint32_t width, uint32_t height, uint32_t only, uint32_t held)
 {
     const int32_t w = int32_t(width), h = int32_t(height);
     Rows toScreen{}, fromLayer{};
@@ -119,7 +119,8 @@ MovingRegions::MovingRegions(const SceneUniforms &u, uint32_t width, uint32_t he
     };
     auto box = [&](const Bounds &b, uint32_t part) {
         const Box made = toBox(b, part);
-        if (boxCount < boxes.size() && made.x1 > made.x0 && made.y1 > made.y0) boxes[boxCount++] = made;
+        if ((only & part) && boxCount < boxes.size() && made.x1 > made.x0 && made.y1 > made.y0)
+            boxes[boxCount++] = made;
     };
     auto plateRect = [&](const Float4 &r, uint32_t part) {
         if (r[2] <= 0) return;
@@ -133,7 +134,7 @@ MovingRegions::MovingRegions(const SceneUniforms &u, uint32_t width, uint32_t he
     Rows recordToPlate{};
     const bool recordMapped = invert(rowsOf(u.recordInv), recordToPlate);
     bool specksFound = false;
-    if (u.recordLight[3] > 0 && recordMapped && mapped && u.recordGeo[0] > 0) {
+    if ((only & ShaderVariant::specks) && u.recordLight[3] > 0 && recordMapped && mapped && u.recordGeo[0] > 0) {
         const Rows m = times(plateToLayer, recordToPlate);
         const float R = u.recordGeo[0];
         const uint32_t firstRing = uint32_t(std::max(0.0f, std::floor(u.recordGeo[1] * ringsPerMm)));
@@ -196,7 +197,7 @@ MovingRegions::MovingRegions(const SceneUniforms &u, uint32_t width, uint32_t he
     box(shadows, ShaderVariant::armShadow);
     box(reflections, ShaderVariant::armReflection);
     for (uint32_t k = 0; k < v.fronts; ++k) plateRect(u.frontRects[k], ShaderVariant::front);
-    cut();
+    cut(held);
     // Every speck with every part of the layer: small rectangles, and one shader for all of them
     // however the specks turn through the other parts.
     uint32_t everyPart = ShaderVariant::specks;
@@ -209,7 +210,7 @@ MovingRegions::MovingRegions(const SceneUniforms &u, uint32_t width, uint32_t he
 
 // The boxes' edges cut the layer into cells, each reached by the parts of the boxes that hold it;
 // runs of cells with the same parts become one region, across and then down.
-void MovingRegions::cut()
+void MovingRegions::cut(uint32_t held)
 {
     std::array<int32_t, 2 * maxParts> xs{}, ys{};
     size_t nx = 0, ny = 0;
@@ -236,7 +237,7 @@ void MovingRegions::cut()
             const uint32_t parts = partsAt(i);
             size_t end = i + 1;
             while (end + 1 < nx && partsAt(end) == parts) ++end;
-            if (parts != 0) {
+            if ((parts & ~held) != 0) {
                 const Region run{xs[i], ys[j], uint32_t(xs[end] - xs[i]), uint32_t(ys[j + 1] - ys[j]), parts};
                 // The same run just above grows down instead.
                 Region *above = nullptr;

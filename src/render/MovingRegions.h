@@ -19,9 +19,11 @@ public:
         uint32_t parts = 0;
     };
 
-    // The regions of a layer `width`×`height` whose uniforms are `u` (its origin included).
-    // Allocates nothing.
-    MovingRegions(const SceneUniforms &u, uint32_t width, uint32_t height);
+    // The regions of a layer `width`×`height` whose uniforms are `u` (its origin included), for
+    // the parts in `only`. The `held` parts are in the still already: they join the regions of
+    // the other parts they overlap, and make none of their own. Allocates nothing.
+    MovingRegions(const SceneUniforms &u, uint32_t width, uint32_t height, uint32_t only = ShaderVariant::allParts,
+                  uint32_t held = 0);
 
     const Region *begin() const { return regions.data(); }
     const Region *end() const { return regions.data() + count; }
@@ -41,7 +43,7 @@ private:
         int32_t x0, y0, x1, y1;
         uint32_t part;
     };
-    void cut();
+    void cut(uint32_t held);
 
     std::array<Box, maxParts> boxes{};
     size_t boxCount = 0;

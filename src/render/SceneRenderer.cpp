@@ -408,7 +408,8 @@ void SceneRenderer::encode(FrameSlot &slot, uint32_t &uniformIndex, const Step &
     vkCmdSetScissor(slot.cmd, 0, 1, &sc);
     if (step.byRegions && copied) {
         vkCmdBindDescriptorSets(slot.cmd, VK_PIPELINE_BIND_POINT_GRAPHICS, sceneLayout, 0, 1, &step.set, 1, &offset);
-        const MovingRegions regions(*static_cast<const SceneUniforms *>(step.bytes), image->width, image->height);
+        const MovingRegions regions(*static_cast<const SceneUniforms *>(step.bytes), image->width, image->height,
+                                    ShaderVariant::allParts, step.heldParts);
         for (const MovingRegions::Region &r : regions) {
             ShaderVariant v = step.variant;
             v.parts = r.parts;
@@ -424,6 +425,20 @@ void SceneRenderer::encode(FrameSlot &slot, uint32_t &uniformIndex, const Step &
         vkCmdBindPipeline(slot.cmd, VK_PIPELINE_BIND_POINT_GRAPHICS, whole);
         vkCmdBindDescriptorSets(slot.cmd, VK_PIPELINE_BIND_POINT_GRAPHICS, sceneLayout, 0, 1, &step.set, 1, &offset);
         vkCmdDraw(slot.cmd, 3, 1, 0, 0);
+    }
+    if (step.armOver) {
+        // Uniforms with origin.z 0: every pixel of a region is written, the arm or the room.
+        const MovingRegions regions(*static_cast<const SceneUniforms *>(step.bytes), image->width, image->height,
+                                    ShaderVariant::armParts);
+        for (const MovingRegions::Region &r : regions) {
+            ShaderVariant v = step.variant;
+            v.parts = r.parts;
+            vkCmdBindPipeline(slot.cmd, VK_PIPELINE_BIND_POINT_GRAPHICS, variants->get(Program::moving, v));
+            const VkRect2D rect{{r.x, r.y}, {r.width, r.height}};
+            vkCmdSetScissor(slot.cmd, 0, 1, &rect);
+            vkCmdDraw(slot.cmd, 3, 1, 0, 0);
+        }
+        vkCmdSetScissor(slot.cmd, 0, 1, &sc);
     }
     if (step.over) {
         const uint32_t steamOffset = uint32_t(uniformStride * uniformIndex++);
@@ -473,14 +488,19 @@ void SceneRenderer::encodeLayer(FrameSlot &slot, uint32_t &uniformIndex, const P
     // The still is drawn at its own place on the screen, which may reach beyond this layer.
     SceneUniforms onStill = layer.uniforms;
     onStill.stillOrigin = {float(layer.still->x()), float(layer.still->y()), 0, 0};
-    if (layer.drawStill) {
+    using Redraw = LayerStill::Redraw;
+    const uint32_t held = layer.still->holdsArm() ? uint32_t(ShaderVariant::armParts) : 0u;
+    if (layer.redrawStill != Redraw::none) {
         SceneUniforms still = onStill;
         still.origin = {onStill.stillOrigin[0], onStill.stillOrigin[1], 0, 0};
-        encode(slot, uniformIndex,
-               Step{&layer.still->linear(), variants->get(Program::still, variant), slot.sets[0], &still,
-                    sizeof(SceneUniforms)});
-        encode(slot, uniformIndex,
-               Step{&layer.still->finished(), tonePipeline, slot.sets[0], &still, sizeof(SceneUniforms)});
+        if (layer.redrawStill == Redraw::all)
+            encode(slot, uniformIndex,
+                   Step{&layer.still->linear(), variants->get(Program::still, variant), slot.sets[0], &still,
+                        sizeof(SceneUniforms)});
+        Step finished{&layer.still->finished(), tonePipeline, slot.sets[0], &still, sizeof(SceneUniforms)};
+        finished.armOver = held != 0;
+        finished.variant = variant;
+        encode(slot, uniformIndex, finished);
     }
     Step step{layer.target, VK_NULL_HANDLE, slot.sets[0], &onStill, sizeof(SceneUniforms), over, overPipeline};
     step.under = layer.still->finished().texture().get();
@@ -488,6 +508,7 @@ void SceneRenderer::encodeLayer(FrameSlot &slot, uint32_t &uniformIndex, const P
     step.shadeOverCopy = true;
     step.byRegions = true;
     step.variant = variant;
+    step.heldParts = held;
     encode(slot, uniformIndex, step);
 }
 
@@ -504,7 +525,7 @@ void SceneRenderer::draw(const std::optional<Pass> &base, const std::vector<Pass
         size_t passes = (base ? 1 : 0) + layers.size() + (steam ? 1 : 0);
         if (base && base->steamOver) ++passes;
         for (const Pass &l : layers)
-            passes += (l.steamOver ? 1 + (l.steamHalf ? 1 : 0) : 0) + (l.still && l.drawStill ? 2 : 0);
+            passes += (l.steamOver ? 1 + (l.steamHalf ? 1 : 0) : 0) + (l.still ? int(l.redrawStill) : 0);
         if (slot.uniforms->size < uniformStride * passes) {
             slot.uniforms = context->createHostBuffer(uniformStride * passes, VK_BUFFER_USAGE_STORAGE_BUFFER_BIT);
             slot.boundUniforms = VK_NULL_HANDLE;
@@ -563,6 +584,6 @@ void SceneRenderer::draw(const std::optional<Pass> &base, const std::vector<Pass
         // No command buffer this frame: the frame is skipped and the next tick tries again.
         slot.releaseFramebuffers();
         for (const Pass &layer : layers)
-            if (layer.still && layer.drawStill) layer.still->invalidate();
+            if (layer.still && layer.redrawStill != LayerStill::Redraw::none) layer.still->invalidate();
     }
 }

@@ -41,9 +41,10 @@ public:
         OffscreenTarget *steamHalf = nullptr;
         // A layer over the record: only its moving parts are shaded each frame, over its part of
         // the still room (bound as SceneTextures::still, which holds the layer), which is drawn
-        // first when `drawStill`.
+        // first as `redrawStill` says. The still may hold the arm (its uniforms must then be the
+        // held arm's).
         LayerStill *still = nullptr;
-        bool drawStill = false;
+        LayerStill::Redraw redrawStill = LayerStill::Redraw::none;
     };
     struct SteamPass {
         RenderTarget *target = nullptr;  // not owned
@@ -102,8 +103,13 @@ private:
         bool shadeOverCopy = false;
         // Instead of `pipeline`, the moving program of `variant`: over a copy, only the regions the
         // moving parts reach, each compiled for its parts; without one, all of it with every part.
+        // `heldParts` are in the copy already.
         bool byRegions = false;
         ShaderVariant variant{};
+        uint32_t heldParts = 0;
+        // After `pipeline`, the regions of the arm's parts drawn over with the moving program of
+        // `variant` (a finished still that holds the arm).
+        bool armOver = false;
     };
     void encode(FrameSlot &slot, uint32_t &uniformIndex, const Step &step);
     void encodeLayer(FrameSlot &slot, uint32_t &uniformIndex, const Pass &layer);

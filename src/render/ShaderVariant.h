@@ -23,7 +23,8 @@ struct ShaderVariant {
         front = 32,
         armShadow = 64,
         armReflection = 128,
-        allParts = 255
+        allParts = 255,
+        armParts = arm | armShadow | armReflection
     };
 
     uint32_t mixes = 4;

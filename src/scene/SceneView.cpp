@@ -180,7 +180,7 @@ void SceneView::frame(double t)
     // or with no base to copy, it takes its room from the same still instead of shading it.
     const bool steamOnStill = steam && (!base || layers->rect(Layer::steam).intersects(movingRect));
     const QRect wanted = steamOnStill ? movingRect.united(layers->rect(Layer::steam)) : movingRect;
-    bool drawStill = false;
+    LayerStill::Redraw redrawStill = LayerStill::Redraw::none;
     if (!wanted.isEmpty()) {
         if (!still || stillRect != wanted) {
             still = std::make_unique<LayerStill>(renderer.vulkan(), wanted.x(), wanted.y(), uint32_t(wanted.width()),
@@ -190,12 +190,13 @@ void SceneView::frame(double t)
         textures.still = still->linear().texture();
         SceneUniforms at = uniforms;
         at.origin = {float(wanted.x()), float(wanted.y()), 0, 0};
-        drawStill = still->changed(at, textures);
+        redrawStill = still->changed(at, textures);
+        if (still->holdsArm()) still->holdArm(uniforms);
     }
     // The first layer on the still draws it.
     const auto onStill = [&](SceneRenderer::Pass &pass) {
         pass.still = still.get();
-        pass.drawStill = std::exchange(drawStill, false);
+        pass.redrawStill = std::exchange(redrawStill, LayerStill::Redraw::none);
     };
     if (moving) {
         SceneRenderer::Pass pass{moving, uniforms, std::nullopt};

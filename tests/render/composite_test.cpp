@@ -40,7 +40,7 @@ protected:
             , still(renderer->vulkan(), x - 3, y - 2, uint32_t(w + 5), uint32_t(h + 4))
         {
         }
-        QImage draw(const SceneUniforms &u, const SceneTextures &t, bool *drewStill = nullptr)
+        QImage draw(const SceneUniforms &u, const SceneTextures &t, LayerStill::Redraw *redrew = nullptr)
         {
             SceneUniforms lu = u;
             lu.origin = {float(x), float(y), 0, 0};
@@ -48,8 +48,9 @@ protected:
             lt.still = still.linear().texture();
             SceneRenderer::Pass pass{&target, lu};
             pass.still = &still;
-            pass.drawStill = still.changed(lu, lt);
-            if (drewStill) *drewStill = pass.drawStill;
+            pass.redrawStill = still.changed(lu, lt);
+            if (still.holdsArm()) still.holdArm(pass.uniforms);
+            if (redrew) *redrew = pass.redrawStill;
             renderer->draw(std::nullopt, {pass}, std::nullopt, lt);
             renderer->waitIdle();
             return target.readback();
@@ -286,6 +287,18 @@ TEST(MovingRegions, EachPartsPixelsLieInARegionThatNamesItAndTheRestIsLeftAlone)
     EXPECT_EQ(map[70 * w + 150], ShaderVariant::arm);
     EXPECT_EQ(map[95 * w + 10], 0u);
     EXPECT_EQ(map[50 * w + 190], 0u);
+    // The arm held in the still: drawn only where another part reaches too, and there as before.
+    // The arm's parts alone: as if the others were not there.
+    const std::vector<uint32_t> held =
+        partsMap(MovingRegions(u, w, h, ShaderVariant::allParts, ShaderVariant::armParts));
+    SceneUniforms armAlone = u;
+    armAlone.recordLight = {};
+    armAlone.labelMaskRect = {};
+    EXPECT_EQ(partsMap(MovingRegions(u, w, h, ShaderVariant::armParts)), partsMap(MovingRegions(armAlone, w, h)));
+    for (int i = 0; i < w * h; ++i) {
+        ASSERT_EQ(held[i], (map[i] & ~ShaderVariant::armParts) ? map[i] : 0u) << i % w << "," << i / w;
+    }
+    EXPECT_GT(std::count(map.begin(), map.end(), ShaderVariant::arm), 1000);
 
     // A record map that cannot be inverted: the specks over the whole disc's box instead.
     SceneUniforms flat = u;
@@ -455,12 +468,12 @@ TEST_F(Composite, TheLabelTurnsAndBlursWithTheRecord)
     u.led33 = {40, 20, 4, 1};
     u.led33Color = {1, 0.5f, 0, 0};
     MovingLayer layer(16, 16, 48, 48);
-    bool drewStill = false;
+    LayerStill::Redraw redrew{};
     QImage previous;
     for (float angle : {0.0f, float(M_PI / 2), float(M_PI)}) {
         u.label = {angle, 0, 0, 0};
-        const QImage part = layer.draw(u, t, &drewStill);
-        EXPECT_EQ(drewStill, angle == 0.0f) << "angle " << angle;
+        const QImage part = layer.draw(u, t, &redrew);
+        EXPECT_EQ(redrew, angle == 0.0f ? LayerStill::Redraw::all : LayerStill::Redraw::none) << "angle " << angle;
         EXPECT_EQ(differingPixels(part, render(u, t, 64, 64).copy(16, 16, 48, 48), 1), 0) << "angle " << angle;
         if (!previous.isNull()) {
             EXPECT_GT(differingPixels(part, previous, 40), 50) << "the label did not turn at " << angle;
@@ -468,8 +481,8 @@ TEST_F(Composite, TheLabelTurnsAndBlursWithTheRecord)
         previous = part;
     }
     u.led33[3] = 0.3f;
-    const QImage dimmer = layer.draw(u, t, &drewStill);
-    EXPECT_TRUE(drewStill);
+    const QImage dimmer = layer.draw(u, t, &redrew);
+    EXPECT_EQ(redrew, LayerStill::Redraw::all);
     EXPECT_EQ(differingPixels(dimmer, render(u, t, 64, 64).copy(16, 16, 48, 48), 1), 0);
 }
 
@@ -607,8 +620,27 @@ TEST_F(Composite, TonearmShadowReflectionAndFrontLayers)
     const QImage out = render(u, t, 80, 16);
     for (int i = 0; i < 10; ++i) expectLinear(out, 4 + 8 * i, 8, want[i], "column " + std::to_string(i));
     // The same as a moving layer, the arm's sprites, shadows, reflections and the front layers
-    // each shaded only where they reach.
-    EXPECT_EQ(differingPixels(MovingLayer(8, 0, 72, 16).draw(u, t), out.copy(8, 0, 72, 16), 1), 0);
+    // each shaded only where they reach. Once the arm stands it is drawn into the still, and the
+    // frames after leave it there; moved on by less than LayerStill::standing it stays where it
+    // is held, by more it is shaded each frame until it stands again.
+    using Redraw = LayerStill::Redraw;
+    MovingLayer layer(8, 0, 72, 16);
+    Redraw redrew{};
+    for (Redraw expected : {Redraw::all, Redraw::finished, Redraw::none}) {
+        EXPECT_EQ(differingPixels(layer.draw(u, t, &redrew), out.copy(8, 0, 72, 16), 1), 0) << int(expected);
+        EXPECT_EQ(redrew, expected);
+    }
+    SceneUniforms crept = u, moved = u;
+    crept.armInv[0] = Float3x3::fromRows<float>({{{1, 0, 100.1f}, {0, 1, 0}, {0, 0, 1}}});
+    moved.armInv[0] = Float3x3::fromRows<float>({{{1, 0, 104}, {0, 1, 0}, {0, 0, 1}}});
+    EXPECT_EQ(differingPixels(layer.draw(crept, t, &redrew), out.copy(8, 0, 72, 16), 1), 0);
+    EXPECT_EQ(redrew, Redraw::none);
+    const QImage there = render(moved, t, 80, 16).copy(8, 0, 72, 16);
+    EXPECT_GT(differingPixels(there, out.copy(8, 0, 72, 16), 1), 50);
+    for (Redraw expected : {Redraw::finished, Redraw::finished, Redraw::none}) {
+        EXPECT_EQ(differingPixels(layer.draw(moved, t, &redrew), there, 1), 0) << int(expected);
+        EXPECT_EQ(redrew, expected);
+    }
 }
 
 TEST_F(Composite, RainOnTheGlassAndRainyDayLight)

@@ -117,7 +117,7 @@ TEST_F(Steam, UnderTheSteamACopyOfTheBaseOrOfTheSharedStillStandsForTheShadedRoo
     OffscreenTarget recordLayer(renderer->vulkan(), 40, 40), steamLayer(renderer->vulkan(), 64, 96);
     SceneRenderer::Pass first{&recordLayer, record}, second{&steamLayer, at, s};
     first.still = second.still = &still;
-    first.drawStill = true;
+    first.redrawStill = LayerStill::Redraw::all;
     renderer->draw(std::nullopt, {first, second}, std::nullopt, onStill);
     renderer->waitIdle();
     EXPECT_EQ(differingPixels(a, steamLayer.readback(), 1), 0);
