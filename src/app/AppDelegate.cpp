@@ -24,6 +24,7 @@
 #include "platform/linux/UPowerPowerSource.h"
 #include "platform/linux/X11DesktopStacking.h"
 #include "platform/linux/X11DesktopWindow.h"
+#include "platform/linux/X11WindowBackground.h"
 #include "platform/linux/X11WindowList.h"
 #include "platform/linux/XdgAutostart.h"
 #include "platform/wayland/WaylandConnection.h"
@@ -308,6 +309,7 @@ std::unique_ptr<DesktopPresence> AppDelegate::makeDesktop()
     };
     platform.added = [stack](QWindow *w) { stack->add(w); };
     platform.removed = [stack](QWindow *w) { stack->remove(w); };
+    platform.paintBackground = X11WindowBackground::paint;
     return std::make_unique<DesktopWindowController>(services, platform);
 }
 

@@ -164,7 +164,14 @@ void DesktopWindowController::attach(Surface &surface)
     }
     surface.fallback.reset();
     SceneView::Services perScreen{services.windows, services.session, services.room.clock};
-    surface.scene = std::make_unique<SceneView>(*room.scene(), perScreen, surface.window.get());
+    if (platform.paintBackground &&
+        room.scene()->renderer().vulkan()->properties.deviceType == VK_PHYSICAL_DEVICE_TYPE_CPU)
+        surface.scene =
+            std::make_unique<SceneView>(*room.scene(), perScreen,
+                                        std::make_unique<WindowLayerStack>(
+                                            room.scene()->renderer(), surface.window.get(), platform.paintBackground));
+    else
+        surface.scene = std::make_unique<SceneView>(*room.scene(), perScreen, surface.window.get());
     if (surface.scene->failed()) {
         Log::write(QStringLiteral("Cena indisponível: sem superfície Vulkan para a janela da tela ") +
                    surface.screenName);

@@ -4,6 +4,7 @@
 #include "app/DesktopRoom.h"
 #include "scene/RoomScene.h"
 #include "scene/SceneView.h"
+#include "scene/WindowLayerStack.h"
 
 #include <QObject>
 #include <QPointer>
@@ -28,6 +29,9 @@ public:
         std::function<void(QWindow *)> prepare;  // before the window is first shown
         std::function<void(QWindow *)> added;    // the window is shown (keep it in the stack)
         std::function<void(QWindow *)> removed;  // the window is about to be destroyed
+        // Where set, a software device shows the still room as a window's background (the window
+        // system keeps it) instead of through a swapchain that would hold copies of it here.
+        WindowLayerStack::BackgroundPainter paintBackground;
     };
 
     using Services = DesktopServices;

@@ -51,6 +51,8 @@ QImage OffscreenTarget::readback()
     const VkDeviceSize bytes = VkDeviceSize(image->width) * image->height * 4;
     auto buffer = context->createHostBuffer(bytes, VK_BUFFER_USAGE_TRANSFER_DST_BIT);
     context->runOnce([&](VkCommandBuffer cmd) {
+        // After the passes submitted before it, which may still be drawing the image.
+        transitionImage(cmd, image->image, VK_IMAGE_LAYOUT_TRANSFER_SRC_OPTIMAL, VK_IMAGE_LAYOUT_TRANSFER_SRC_OPTIMAL);
         VkBufferImageCopy region{};
         region.imageSubresource = {VK_IMAGE_ASPECT_COLOR_BIT, 0, 0, 1};
         region.imageExtent = {image->width, image->height, 1};

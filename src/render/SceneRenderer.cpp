@@ -481,7 +481,7 @@ void SceneRenderer::encodeLayer(FrameSlot &slot, uint32_t &uniformIndex, const P
                   sizeof(SceneUniforms), over,
                   overPipeline};
         step.under = layer.under;
-        step.underAt = {x, y};
+        step.underAt = {x - layer.underX, y - layer.underY};
         encode(slot, uniformIndex, step);
         return;
     }

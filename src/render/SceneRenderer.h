@@ -36,6 +36,7 @@ public:
         // the screen, in transfer-source layout) at the pass's origin instead of being shaded, so
         // only the steam costs shading. A target that cannot take a copy is shaded as usual.
         const GpuTexture *under = nullptr;
+        int32_t underX = 0, underY = 0;  // where `under`'s top-left lies on the screen
         // With `steamOver`: the steam is drawn here first, at half the layer's resolution (bound
         // as SceneTextures::steam), and filtered up over the layer.
         OffscreenTarget *steamHalf = nullptr;

@@ -2,7 +2,9 @@
 
 #include "render/SwapchainTarget.h"
 
+#include <QtConcurrent>
 #include <stdexcept>
+#include <utility>
 
 BaseSurface::BaseSurface(std::shared_ptr<VulkanContext> ctx, SwapchainTarget *w, QObject *parent)
     : QObject(parent)
@@ -14,10 +16,27 @@ BaseSurface::BaseSurface(std::shared_ptr<VulkanContext> ctx, SwapchainTarget *w,
     connect(&releaseTimer, &QTimer::timeout, this, [this] { spare.reset(); });
 }
 
-BaseSurface::~BaseSurface() = default;
+BaseSurface::BaseSurface(std::shared_ptr<VulkanContext> ctx, Painter paint, QObject *parent)
+    : BaseSurface(std::move(ctx), static_cast<SwapchainTarget *>(nullptr), parent)
+{
+    painter = std::move(paint);
+    connect(&reading, &QFutureWatcher<QImage>::finished, this, [this] {
+        if (!std::exchange(readPending, false)) return;
+        const QImage pixels = reading.future().resultCount() ? reading.result() : QImage();
+        reading.setFuture(QFuture<QImage>());  // its copy of the picture goes
+        releaseTimer.start();
+        if (!pixels.isNull() && painter(pixels))
+            painted = true;
+        else if (onPaintFailed)
+            onPaintFailed();
+    });
+}
+
+BaseSurface::~BaseSurface() { reading.waitForFinished(); }
 
 OffscreenTarget *BaseSurface::nextTarget(uint32_t width, uint32_t height)
 {
+    if (readPending) return nullptr;  // the spare is being read
     if (shown && (shown->width() != width || shown->height() != height)) {
         shown.reset();
         spare.reset();
@@ -36,6 +55,22 @@ OffscreenTarget *BaseSurface::nextTarget(uint32_t width, uint32_t height)
 bool BaseSurface::present()
 {
     if (!spare) return false;
+    if (painter) {
+        // The spare stays to render the next base into until the release. The read waits for the
+        // device to finish the base: a software device takes a while at a large size.
+        if (readPending) return false;
+        readPending = true;
+        releaseTimer.stop();
+        OffscreenTarget *target = spare.get();
+        reading.setFuture(QtConcurrent::run([target]() -> QImage {
+            try {
+                return target->readback();
+            } catch (const std::exception &) {
+                return {};
+            }
+        }));
+        return true;
+    }
     std::swap(shown, spare);
     releaseTimer.start();
     return reshow();
@@ -43,11 +78,12 @@ bool BaseSurface::present()
 
 bool BaseSurface::reshow()
 {
+    if (painter) return painted;  // the window system repaints it
     if (!shown || !window) return false;
     return window->show(*shown->texture(), VK_IMAGE_LAYOUT_TRANSFER_SRC_OPTIMAL);
 }
 
-bool BaseSurface::canPresent() const { return window && !window->copyPending(); }
+bool BaseSurface::canPresent() const { return painter ? !readPending : window && !window->copyPending(); }
 
 size_t BaseSurface::memoryBytes() const
 {

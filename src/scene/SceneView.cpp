@@ -33,6 +33,7 @@ SceneView::SceneView(RoomScene &r, const Services &services, std::unique_ptr<Lay
     , layers(std::move(stack))
 {
     SceneRenderer &renderer = room.renderer();
+    if (BaseSurface *base = layers->baseSurface()) base->onPaintFailed = [this] { baseDirty = true; };
     layers->onBaseExposed = [this] {
         BaseSurface *base = layers->baseSurface();
         if (base && base->hasShown() && !baseDirty)
@@ -87,6 +88,7 @@ void SceneView::teardown()
     if (scheduler) scheduler->invalidate();
     for (const auto &c : observations) disconnect(c);
     observations.clear();
+    if (BaseSurface *base = layers->baseSurface()) base->onPaintFailed = nullptr;
     layers->onBaseExposed = nullptr;
     layers->onLayerExposed = nullptr;
     layers->onResized = nullptr;
@@ -161,9 +163,26 @@ void SceneView::frame(double t)
 
     BaseSurface *base = layers->baseSurface();
     if (base && base->hasShown() && base->canPresent()) room.basePresented();  // its copy is on screen
+    using Layer = LayerStack::Layer;
+    layerPasses.clear();
     if (baseDirty && base && base->canPresent()) {
         if (OffscreenTarget *target = base->nextTarget(uint32_t(screenSize.width()), uint32_t(screenSize.height()))) {
-            renderer.draw(SceneRenderer::Pass{target, uniforms, std::nullopt}, {}, std::nullopt, textures);
+            // A base that keeps no image leaves the room under the steam's layer for it to copy.
+            const QRect steamRect = room.steamShown() ? layers->rect(Layer::steam) : QRect();
+            steamUnderRect = base->keepsImage() ? QRect() : steamRect;
+            if (steamUnderRect.isEmpty()) {
+                steamUnder.reset();
+            } else {
+                if (!steamUnder || steamUnder->width() != uint32_t(steamRect.width()) ||
+                    steamUnder->height() != uint32_t(steamRect.height()))
+                    steamUnder = std::make_unique<OffscreenTarget>(renderer.vulkan(), uint32_t(steamRect.width()),
+                                                                   uint32_t(steamRect.height()));
+                SceneRenderer::Pass keep{steamUnder.get(), uniforms, std::nullopt, target->texture().get()};
+                keep.uniforms.origin = {float(steamRect.x()), float(steamRect.y()), 0, 0};
+                layerPasses.push_back(keep);
+            }
+            renderer.draw(SceneRenderer::Pass{target, uniforms, std::nullopt}, layerPasses, std::nullopt, textures);
+            layerPasses.clear();
             baseDirty = !base->present();
             baseBlend = blend;
             baseFade = room.coverFade();
@@ -171,14 +190,17 @@ void SceneView::frame(double t)
         }
     }
 
-    using Layer = LayerStack::Layer;
-    layerPasses.clear();
     SwapchainTarget *moving = layers->target(Layer::moving);
     SwapchainTarget *steam = room.steamShown() ? layers->target(Layer::steam) : nullptr;
     const QRect movingRect = moving ? layers->rect(Layer::moving) : QRect();
     // Where the steam's layer overlaps the record's, it shows the record's moving parts too; there,
-    // or with no base to copy, it takes its room from the same still instead of shading it.
-    const bool steamOnStill = steam && (!base || layers->rect(Layer::steam).intersects(movingRect));
+    // or with no base image to copy, it takes its room from the same still instead of shading it.
+    const GpuTexture *steamRoom = !base                ? nullptr
+                                  : base->shownImage() ? base->shownImage()
+                                  : steamUnder && steamUnderRect == layers->rect(Layer::steam)
+                                      ? steamUnder->texture().get()
+                                      : nullptr;
+    const bool steamOnStill = steam && (!steamRoom || layers->rect(Layer::steam).intersects(movingRect));
     const QRect wanted = steamOnStill ? movingRect.united(layers->rect(Layer::steam)) : movingRect;
     LayerStill::Redraw redrawStill = LayerStill::Redraw::none;
     if (!wanted.isEmpty()) {
@@ -217,11 +239,16 @@ void SceneView::frame(double t)
                                                   VK_IMAGE_LAYOUT_SHADER_READ_ONLY_OPTIMAL);
         textures.steam = steamHalf->texture();
         pass.steamHalf = steamHalf.get();
-        // Elsewhere the room under the steam is the finished base's, copied rather than shaded again.
+        // Elsewhere the room under the steam is the finished base's (or what was kept of it),
+        // copied rather than shaded again.
         if (steamOnStill)
             onStill(pass);
         else
-            pass.under = base->shownImage();
+            pass.under = steamRoom;
+        if (steamUnder && pass.under == steamUnder->texture().get()) {
+            pass.underX = r.x();
+            pass.underY = r.y();
+        }
         layerPasses.push_back(pass);
     }
     const bool rain = room.rainDrawn();

@@ -76,6 +76,9 @@ private:
     // move or change size.
     std::unique_ptr<LayerStill> still;
     QRect stillRect;
+    // The room under the steam's layer, kept from the last base where the base keeps no image.
+    std::unique_ptr<OffscreenTarget> steamUnder;
+    QRect steamUnderRect;
     std::unique_ptr<OffscreenTarget> steamHalf;
 
     // Reused every frame so that a steady frame allocates nothing.

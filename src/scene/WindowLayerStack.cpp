@@ -9,7 +9,7 @@
 #include <QWindow>
 #include <cmath>
 
-WindowLayerStack::WindowLayerStack(SceneRenderer &r, QWindow *hostWindow)
+WindowLayerStack::WindowLayerStack(SceneRenderer &r, QWindow *hostWindow, BackgroundPainter paintBackground)
     : renderer(r)
     , host(hostWindow)
 {
@@ -31,6 +31,12 @@ WindowLayerStack::WindowLayerStack(SceneRenderer &r, QWindow *hostWindow)
     hostConnections.push_back(QObject::connect(host, &QWindow::visibleChanged, [this](bool shown) {
         if (onShownChanged) onShownChanged(shown);
     }));
+    if (paintBackground) {
+        base = std::make_unique<BaseSurface>(vk, [this, paint = std::move(paintBackground)](const QImage &pixels) {
+            return paint(baseWindow.get(), pixels);
+        });
+        return;
+    }
     VkSurfaceKHR surface = QVulkanInstance::surfaceForWindow(baseWindow.get());
     if (!surface) return;
     baseTarget = std::make_unique<SwapchainTarget>(vk, surface, uint32_t(host->width()), uint32_t(host->height()));

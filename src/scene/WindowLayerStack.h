@@ -5,11 +5,13 @@
 #include <QMetaObject>
 #include <QPointer>
 #include <array>
+#include <functional>
 #include <memory>
 #include <vector>
 
 class LayerWindow;
 class QVulkanInstance;
+class QImage;
 class QWindow;
 class SceneRenderer;
 
@@ -19,8 +21,13 @@ class SceneRenderer;
 // of the screen. Main thread.
 class WindowLayerStack : public LayerStack {
 public:
-    // `host`: the desktop window (not owned; outlives the stack).
-    WindowLayerStack(SceneRenderer &renderer, QWindow *host);
+    // Paints a window's background, which the window system repaints by itself; false when it
+    // could not.
+    using BackgroundPainter = std::function<bool(QWindow *, const QImage &)>;
+
+    // `host`: the desktop window (not owned; outlives the stack). With `paintBackground`, the
+    // still room is the base window's background rather than a swapchain's image.
+    WindowLayerStack(SceneRenderer &renderer, QWindow *host, BackgroundPainter paintBackground = {});
     ~WindowLayerStack() override;
     WindowLayerStack(const WindowLayerStack &) = delete;
     WindowLayerStack &operator=(const WindowLayerStack &) = delete;

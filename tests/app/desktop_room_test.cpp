@@ -102,6 +102,8 @@ TEST_F(DesktopRoom, ShowsTheRoomAndPausesWhenNobodyCanSeeIt)
     EXPECT_GT(whole.first, 8) << "the desktop is black";
     EXPECT_GT(whole.second, 6) << "the desktop is one flat colour";
     EXPECT_GT(moved.first, 8) << "the moving layer is black";
+    EXPECT_GT(greyLevels(shot, layers().back().intersected(shot.rect())).first, 8) << "the steam's layer is black";
+    const double shown = brightness();
 
     // A window over the whole moving area pauses the frames; moved away, they resume.
     XClient blocker(x.display());  // plain opaque windows of another program
@@ -120,6 +122,9 @@ TEST_F(DesktopRoom, ShowsTheRoomAndPausesWhenNobodyCanSeeIt)
     EXPECT_EQ(room->log().indexOf("coberta por janelas", at), -1) << "paused with a sample point in sight";
     blocker.close(below);
     blocker.close(over);
+    // Where they were, the room comes back.
+    EXPECT_TRUE(waitUntil([&] { return std::abs(brightness() - shown) < 3; }, std::chrono::seconds(10)))
+        << "after the windows closed the desktop's brightness is " << brightness() << ", not " << shown;
 
     // The screen saver locks the screen.
     for (const bool active : {true, false}) {

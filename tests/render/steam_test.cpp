@@ -106,6 +106,16 @@ TEST_F(Steam, UnderTheSteamACopyOfTheBaseOrOfTheSharedStillStandsForTheShadedRoo
     const QImage a = shaded.readback();
     EXPECT_EQ(differingPixels(a, copied.readback(), 1), 0);
     EXPECT_GT(differingPixels(a, base.readback().copy(32, 16, 64, 96)), 100) << "the steam shows over the room";
+    // Where no base image is kept, the layer's part of it, copied out when the base was drawn,
+    // stands for it as well.
+    OffscreenTarget kept(renderer->vulkan(), 64, 96), overKept(renderer->vulkan(), 64, 96);
+    renderer->draw(std::nullopt, {SceneRenderer::Pass{&kept, at, std::nullopt, base.texture().get()}}, std::nullopt, t);
+    SceneRenderer::Pass fromKept{&overKept, at, s, kept.texture().get()};
+    fromKept.underX = 32;
+    fromKept.underY = 16;
+    renderer->draw(std::nullopt, {fromKept}, std::nullopt, t);
+    renderer->waitIdle();
+    EXPECT_EQ(differingPixels(a, overKept.readback(), 1), 0);
 
     // Where it overlaps a record's layer, the steam's layer and that one take their room from one
     // still that holds both, each at its own offset; the still is drawn once, by the first.
