@@ -6,6 +6,17 @@
 
 namespace {
 
+// The arm's part of the uniforms, from one to the other.
+void copyArm(const SceneUniforms &from, SceneUniforms &to)
+{
+    to.armInv = from.armInv;
+    to.armRects = from.armRects;
+    to.shadowRects = from.shadowRects;
+    to.reflRects = from.reflRects;
+    to.armWeights = from.armWeights;
+    to.armCount = from.armCount;
+}
+
 // The uniforms with the parts that move every frame (the record's turn, the arm, the strobe, the
 // rain's time, the front layers laid over them) set to their defaults.
 SceneUniforms stillPart(const SceneUniforms &u)
@@ -13,16 +24,11 @@ SceneUniforms stillPart(const SceneUniforms &u)
     const SceneUniforms none;
     SceneUniforms s = u;
     s.label = none.label;
-    s.armInv = none.armInv;
-    s.armRects = none.armRects;
-    s.shadowRects = none.shadowRects;
-    s.armWeights = none.armWeights;
-    s.reflRects = none.reflRects;
+    copyArm(none, s);
     s.frontRects = none.frontRects;
     s.frontWeights = none.frontWeights;
     s.strobe = none.strobe;
     s.rain[0] = 0;
-    s.armCount = 0;
     s.frontCount = 0;
     return s;
 }
@@ -121,13 +127,4 @@ LayerStill::Redraw LayerStill::changed(const SceneUniforms &uniforms, const Scen
     return redraw;
 }
 
-void LayerStill::holdArm(SceneUniforms &u) const
-{
-    const SceneUniforms &h = heldArm.uniforms;
-    u.armInv = h.armInv;
-    u.armRects = h.armRects;
-    u.shadowRects = h.shadowRects;
-    u.reflRects = h.reflRects;
-    u.armWeights = h.armWeights;
-    u.armCount = h.armCount;
-}
+void LayerStill::holdArm(SceneUniforms &u) const { copyArm(heldArm.uniforms, u); }

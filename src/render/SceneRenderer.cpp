@@ -406,30 +406,20 @@ void SceneRenderer::encode(FrameSlot &slot, uint32_t &uniformIndex, const Step &
     VkRect2D sc{{0, 0}, {image->width, image->height}};
     vkCmdSetViewport(slot.cmd, 0, 1, &vp);
     vkCmdSetScissor(slot.cmd, 0, 1, &sc);
-    if (step.byRegions && copied) {
-        vkCmdBindDescriptorSets(slot.cmd, VK_PIPELINE_BIND_POINT_GRAPHICS, sceneLayout, 0, 1, &step.set, 1, &offset);
-        const MovingRegions regions(*static_cast<const SceneUniforms *>(step.bytes), image->width, image->height,
-                                    ShaderVariant::allParts, step.heldParts);
-        for (const MovingRegions::Region &r : regions) {
-            ShaderVariant v = step.variant;
-            v.parts = r.parts;
-            vkCmdBindPipeline(slot.cmd, VK_PIPELINE_BIND_POINT_GRAPHICS, variants->get(Program::moving, v));
-            const VkRect2D rect{{r.x, r.y}, {r.width, r.height}};
-            vkCmdSetScissor(slot.cmd, 0, 1, &rect);
-            vkCmdDraw(slot.cmd, 3, 1, 0, 0);
-        }
-        vkCmdSetScissor(slot.cmd, 0, 1, &sc);
-    } else if (!copied || step.shadeOverCopy) {
+    const bool byRegions = step.byRegions && copied;
+    if (!byRegions && (!copied || step.shadeOverCopy)) {
         // A moving layer that could not take its still's copy is shaded whole, with every part.
         const VkPipeline whole = step.byRegions ? variants->get(Program::moving, step.variant) : step.pipeline;
         vkCmdBindPipeline(slot.cmd, VK_PIPELINE_BIND_POINT_GRAPHICS, whole);
         vkCmdBindDescriptorSets(slot.cmd, VK_PIPELINE_BIND_POINT_GRAPHICS, sceneLayout, 0, 1, &step.set, 1, &offset);
         vkCmdDraw(slot.cmd, 3, 1, 0, 0);
     }
-    if (step.armOver) {
-        // Uniforms with origin.z 0: every pixel of a region is written, the arm or the room.
+    if (byRegions || step.armOver) {
+        // Over a finished still, with origin.z 0: every pixel of a region is written, the arm or
+        // the room.
+        vkCmdBindDescriptorSets(slot.cmd, VK_PIPELINE_BIND_POINT_GRAPHICS, sceneLayout, 0, 1, &step.set, 1, &offset);
         const MovingRegions regions(*static_cast<const SceneUniforms *>(step.bytes), image->width, image->height,
-                                    ShaderVariant::armParts);
+                                    step.armOver ? ShaderVariant::armParts : ShaderVariant::allParts, step.heldParts);
         for (const MovingRegions::Region &r : regions) {
             ShaderVariant v = step.variant;
             v.parts = r.parts;

@@ -22,8 +22,8 @@ bool paint(QWindow *window, const QImage &picture)
     XWindowAttributes attributes;
     if (!XGetWindowAttributes(display, id, &attributes) || (attributes.depth != 24 && attributes.depth != 32))
         return false;
-    const Pixmap pixmap = XCreatePixmap(display, id, unsigned(pixels.width()), unsigned(pixels.height()),
-                                        unsigned(attributes.depth));
+    const Pixmap pixmap =
+        XCreatePixmap(display, id, unsigned(pixels.width()), unsigned(pixels.height()), unsigned(attributes.depth));
     // The server's 32-bit pixels in this machine's byte order are the image's own: no conversion.
     XImage *image = XCreateImage(display, attributes.visual, unsigned(attributes.depth), ZPixmap, 0,
                                  const_cast<char *>(reinterpret_cast<const char *>(pixels.constBits())),
