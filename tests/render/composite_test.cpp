@@ -227,14 +227,15 @@ TEST_F(Composite, AMovingLayerFindsTheRecordsTurningSpecksOneByOne)
 TEST(MovingRegions, EachPartsPixelsLieInARegionThatNamesItAndTheRestIsLeftAlone)
 {
     // A 200×100 layer at screen (50, 20); the screen is the plate at twice its size. In layer
-    // pixels: the record's disc at (90, 40), radius 50 (150 mm); the label 70–110 × 20–60; the
-    // arm's sprite 140–160 × 0–80.
+    // pixels: the record's disc at (90, 40), radius 50 (150 mm); the label 70–110 × 20–60 and the
+    // strobe right under it, 70–110 × 60–80; the arm's sprite 140–160 × 0–80.
     SceneUniforms u;
     u.screenToPlate = Float3x3::fromRows<float>({{{0.5f, 0, 0}, {0, 0.5f, 0}, {0, 0, 1}}});
     u.origin = {50, 20, 0, 0};
     u.recordLight = {0, 0, 0, 1};
     u.recordInv = Float3x3::fromRows<float>({{{1 / 25.0f, 0, -70 / 25.0f}, {0, 1 / 25.0f, -30 / 25.0f}, {0, 0, 1}}});
     u.labelMaskRect = {60, 20, 20, 20};
+    u.strobeRect = {60, 40, 20, 10};
     u.armCount = 2;
     u.armWeights = {1, 0, 0, 0};  // the second pose weighs nothing: it is not drawn
     u.armRects = {{{95, 10, 10, 40}, {0, 0, 100, 100}, {}, {}}};
@@ -274,12 +275,14 @@ TEST(MovingRegions, EachPartsPixelsLieInARegionThatNamesItAndTheRestIsLeftAlone)
             const double cx = x + 0.5, cy = y + 0.5;
             const uint32_t at = map[y * w + x];
             const std::pair<bool, uint32_t> exact[] = {{inBox(cx, cy, 70, 20, 110, 60, 0), ShaderVariant::label},
+                                                       {inBox(cx, cy, 70, 60, 110, 80, 0), ShaderVariant::strobe},
                                                        {inBox(cx, cy, 140, 0, 160, 80, 0), ShaderVariant::arm}};
             for (const auto &[inside, part] : exact)
                 if (inside) ASSERT_TRUE(at & part) << "part " << part << " missing at " << x << "," << y;
             // Beyond a few pixels of a part's box (the disc's box for the specks) it is not drawn.
             const bool nearPart = ((at & ShaderVariant::specks) && inBox(cx, cy, 40, -10, 140, 90, 4)) ||
                                   ((at & ShaderVariant::label) && inBox(cx, cy, 70, 20, 110, 60, 4)) ||
+                                  ((at & ShaderVariant::strobe) && inBox(cx, cy, 70, 60, 110, 80, 4)) ||
                                   ((at & ShaderVariant::arm) && inBox(cx, cy, 140, 0, 160, 80, 4));
             if (at) ASSERT_TRUE(nearPart) << "parts " << at << " drawn at " << x << "," << y;
         }
@@ -294,6 +297,7 @@ TEST(MovingRegions, EachPartsPixelsLieInARegionThatNamesItAndTheRestIsLeftAlone)
     SceneUniforms armAlone = u;
     armAlone.recordLight = {};
     armAlone.labelMaskRect = {};
+    armAlone.strobeRect = {};
     EXPECT_EQ(partsMap(MovingRegions(u, w, h, ShaderVariant::armParts)), partsMap(MovingRegions(armAlone, w, h)));
     for (int i = 0; i < w * h; ++i) {
         ASSERT_EQ(held[i], (map[i] & ~ShaderVariant::armParts) ? map[i] : 0u) << i % w << "," << i / w;
@@ -334,7 +338,8 @@ TEST(MovingRegions, EachPartsPixelsLieInARegionThatNamesItAndTheRestIsLeftAlone)
     // A screen map that cannot be inverted leaves no way to place the parts: all of them everywhere.
     u.screenToPlate = Float3x3{};
     const std::vector<uint32_t> all = partsMap(MovingRegions(u, w, h));
-    EXPECT_EQ(std::count(all.begin(), all.end(), ShaderVariant::specks | ShaderVariant::label | ShaderVariant::arm),
+    EXPECT_EQ(std::count(all.begin(), all.end(),
+                         ShaderVariant::specks | ShaderVariant::label | ShaderVariant::strobe | ShaderVariant::arm),
               w * h);
 }
 
@@ -631,7 +636,11 @@ TEST_F(Composite, TonearmShadowReflectionAndFrontLayers)
         EXPECT_EQ(redrew, expected);
     }
     SceneUniforms crept = u, moved = u;
-    crept.armInv[0] = Float3x3::fromRows<float>({{{1, 0, 100.1f}, {0, 1, 0}, {0, 0, 1}}});
+    // Turned by 0.0012 about (200, 8), amid the corners of the sprites and shadows it warps: they
+    // move 0.15 px at most.
+    const double a = 0.0012, c = std::cos(a), s = std::sin(a);
+    crept.armInv[0] =
+        Float3x3::fromRows<double>({{{c, -s, 200 - c * 200 + s * 8 + 100}, {s, c, 8 - s * 200 - c * 8}, {0, 0, 1}}});
     moved.armInv[0] = Float3x3::fromRows<float>({{{1, 0, 104}, {0, 1, 0}, {0, 0, 1}}});
     EXPECT_EQ(differingPixels(layer.draw(crept, t, &redrew), out.copy(8, 0, 72, 16), 1), 0);
     EXPECT_EQ(redrew, Redraw::none);
