@@ -22,12 +22,15 @@ ProgramVariants::ProgramVariants(VkDevice device, VkPipelineLayout layout, VkRen
     , moving(device, makeShader(device, shaders.compositeMoving))
     , steam(device, makeShader(device, shaders.steam))
 {
+    // One at a time: a software device's compiles take the cores the frames need.
+    workers.setMaxThreadCount(1);
 }
 
-VkPipeline ProgramVariants::get(Program program, const ShaderVariant &variant)
+ProgramVariants::~ProgramVariants() { workers.waitForDone(); }
+
+PipelineHandle ProgramVariants::make(const Key &key)
 {
-    PipelineHandle &held = made[{program, variant}];
-    if (held) return held;
+    const auto &[program, variant] = key;
     QElapsedTimer timer;
     timer.start();
     const VkShaderModule fragment = program == Program::composite ? composite.get()
@@ -36,10 +39,10 @@ VkPipeline ProgramVariants::get(Program program, const ShaderVariant &variant)
                                                                   : steam.get();
     const VkSpecializationInfo constants = variant.info();
     bool hit = false;
-    *held.out(device) = makePipeline(device, layout, program == Program::still ? linearPass : colourPass, vertex,
-                                     fragment, program == Program::steamOver ? Blend::premultipliedOver : Blend::none,
-                                     cache.handle(), creationFeedback ? &hit : nullptr, &constants);
-    cache.save();
+    PipelineHandle handle;
+    *handle.out(device) = makePipeline(device, layout, program == Program::still ? linearPass : colourPass, vertex,
+                                       fragment, program == Program::steamOver ? Blend::premultipliedOver : Blend::none,
+                                       cache.handle(), creationFeedback ? &hit : nullptr, &constants);
     static const char *const names[] = {"composição", "quadro parado", "partes móveis", "vapor", "vapor por cima"};
     Log::write(QStringLiteral("Vulkan: pipeline %1 (luzes %2, braços %3, frentes %4, chuva %5, partes %6) em %7 ms%8")
                    .arg(QString::fromUtf8(names[int(program)]))
@@ -50,5 +53,45 @@ VkPipeline ProgramVariants::get(Program program, const ShaderVariant &variant)
                    .arg(variant.parts)
                    .arg(timer.elapsed())
                    .arg(hit ? QStringLiteral(", do cache") : QString()));
-    return held;
+    return handle;
+}
+
+// The first one made for a key stays; one made meanwhile elsewhere goes.
+VkPipeline ProgramVariants::keep(const Key &key, PipelineHandle handle)
+{
+    std::lock_guard<std::mutex> held(lock);
+    pending.erase(key);
+    auto [at, added] = made.try_emplace(key, std::move(handle));
+    if (added) cache.save();
+    return at->second;
+}
+
+VkPipeline ProgramVariants::get(Program program, const ShaderVariant &variant)
+{
+    const Key key{program, variant};
+    {
+        std::lock_guard<std::mutex> held(lock);
+        const auto at = made.find(key);
+        if (at != made.end()) return at->second;
+    }
+    return keep(key, make(key));
+}
+
+bool ProgramVariants::ready(Program program, const ShaderVariant &variant)
+{
+    const Key key{program, variant};
+    std::lock_guard<std::mutex> held(lock);
+    if (made.count(key) || failed.count(key)) return true;
+    if (pending.insert(key).second)
+        workers.start([this, key] {
+            try {
+                keep(key, make(key));
+            } catch (const std::exception &) {
+                // get() compiles it again and reports the failure where a frame needs it.
+                std::lock_guard<std::mutex> again(lock);
+                pending.erase(key);
+                failed.insert(key);
+            }
+        });
+    return false;
 }

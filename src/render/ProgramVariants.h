@@ -5,12 +5,17 @@
 #include "render/ShaderVariant.h"
 #include "render/VulkanHandle.h"
 
+#include <QThreadPool>
 #include <map>
 #include <memory>
+#include <mutex>
+#include <set>
 #include <utility>
 
 // The composite and steam programs, each compiled for a ShaderVariant the first time a frame
-// needs it and kept (and written to the pipeline cache). Thread of the renderer.
+// needs it and kept (and written to the pipeline cache). A frame asks first whether its programs
+// are made (ready), so that they are compiled on a worker thread while the frame waits, rather
+// than on the thread that draws. Any thread.
 class ProgramVariants {
 public:
     enum class Program { composite, still, moving, steam, steamOver };
@@ -20,15 +25,27 @@ public:
     ProgramVariants(VkDevice device, VkPipelineLayout layout, VkRenderPass colourPass, VkRenderPass linearPass,
                     const ShaderLibrary &shaders, PipelineCache &cache, bool creationFeedback);
 
-    // Throws VulkanError when the pipeline cannot be made.
+    ~ProgramVariants();
+
+    // Throws VulkanError when the pipeline cannot be made; compiles it here when it is not made.
     VkPipeline get(Program program, const ShaderVariant &variant);
+    // Whether the pipeline is made. When it is not, it is compiled on a worker thread (once),
+    // and a later call answers true; one that fails to compile is left to get() to report.
+    bool ready(Program program, const ShaderVariant &variant);
 
 private:
+    using Key = std::pair<Program, ShaderVariant>;
+    PipelineHandle make(const Key &key);
+    VkPipeline keep(const Key &key, PipelineHandle handle);
+
     VkDevice device;
     VkPipelineLayout layout;
     VkRenderPass colourPass, linearPass;
     PipelineCache &cache;
     bool creationFeedback;
     ShaderModuleHandle vertex, composite, still, moving, steam;
-    std::map<std::pair<Program, ShaderVariant>, PipelineHandle> made;
+    std::mutex lock;  // over `made`, `pending` and the cache file
+    std::map<Key, PipelineHandle> made;
+    std::set<Key> pending, failed;
+    QThreadPool workers;
 };

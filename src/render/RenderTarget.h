@@ -31,6 +31,9 @@ public:
     virtual std::optional<TargetImage> acquire() = 0;
     // Called after the frame's command buffer was submitted, in the order acquired.
     virtual void present() {}
+    // The size of its images.
+    virtual uint32_t width() const = 0;
+    virtual uint32_t height() const = 0;
 };
 
 // A device image the renderer draws into and that can be read back or sampled. Readback waits for
@@ -50,8 +53,8 @@ public:
     // for a B8G8R8A8 target left as a transfer source.
     QImage readback();
     const TextureRef &texture() const { return image; }
-    uint32_t width() const { return image->width; }
-    uint32_t height() const { return image->height; }
+    uint32_t width() const override { return image->width; }
+    uint32_t height() const override { return image->height; }
 
 private:
     std::shared_ptr<VulkanContext> context;

@@ -64,6 +64,10 @@ public:
     // window, sees its pixels, so the caller need not wait to show a base.
     void draw(const std::optional<Pass> &base, const std::vector<Pass> &layers, const std::optional<SteamPass> &steam,
               const SceneTextures &textures);
+    // Whether every pipeline the draw of these passes uses is made; those that are not are
+    // compiled on a worker thread meanwhile, so a caller that skips the frame until then never
+    // waits for a compile. Allocates nothing once they are made.
+    bool ready(const std::optional<Pass> &base, const std::vector<Pass> &layers, const std::optional<SteamPass> &steam);
     // A draw now would first wait for the device to finish an earlier frame.
     bool busy() const;
     // Waits for every submitted frame and books its GPU time.

@@ -34,8 +34,8 @@ public:
     // Images handed to the window system so far.
     quint64 presentedCount() const { return presented; }
 
-    uint32_t width() const { return extent.width; }
-    uint32_t height() const { return extent.height; }
+    uint32_t width() const override { return extent.width; }
+    uint32_t height() const override { return extent.height; }
 
 private:
     bool recreate();

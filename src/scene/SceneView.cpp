@@ -181,12 +181,16 @@ void SceneView::frame(double t)
                 keep.uniforms.origin = {float(steamRect.x()), float(steamRect.y()), 0, 0};
                 layerPasses.push_back(keep);
             }
-            renderer.draw(SceneRenderer::Pass{target, uniforms, std::nullopt}, layerPasses, std::nullopt, textures);
+            // A pipeline still compiling on its worker: the next tick tries again.
+            const std::optional<SceneRenderer::Pass> basePass = SceneRenderer::Pass{target, uniforms, std::nullopt};
+            if (renderer.ready(basePass, layerPasses, std::nullopt)) {
+                renderer.draw(basePass, layerPasses, std::nullopt, textures);
+                baseDirty = !base->present();
+                baseBlend = blend;
+                baseFade = room.coverFade();
+                baseRevision = room.revision();
+            }
             layerPasses.clear();
-            baseDirty = !base->present();
-            baseBlend = blend;
-            baseFade = room.coverFade();
-            baseRevision = room.revision();
         }
     }
 
@@ -258,7 +262,11 @@ void SceneView::frame(double t)
         pass.uniforms.origin = {float(r.x()), float(r.y()), 0, 0};
         layerPasses.push_back(pass);
     }
-    if (!layerPasses.empty()) {
+    if (!layerPasses.empty() && !renderer.ready(std::nullopt, layerPasses, std::nullopt)) {
+        // Skipped until its pipelines are made; the still it was to draw is drawn then.
+        for (const SceneRenderer::Pass &pass : layerPasses)
+            if (pass.still && pass.redrawStill != LayerStill::Redraw::none) pass.still->invalidate();
+    } else if (!layerPasses.empty()) {
         // The frame callback rides on the moving layer's commit; a frame that presents nothing
         // there must not leave the next one waiting for a callback that never comes.
         SwapchainTarget *paced = layers->target(Layer::moving);

@@ -716,6 +716,28 @@ TEST_F(Composite, RainOnTheGlassAndRainyDayLight)
     EXPECT_TRUE(render(u, t, w, h) == dry);
 }
 
+TEST_F(Composite, AFramesPipelinesAreMadeOnAWorkerBeforeItIsDrawn)
+{
+    // A variant no other test draws: three lights, one front layer, rain.
+    SceneUniforms u = plainUniforms(16, 16);
+    SceneTextures t;
+    light(u, t, {0.2, 0.2, 0.2});
+    u.mixCount = 3;
+    u.frontCount = 1;
+    u.rain = {0, 0.5f, 0, 1};
+    u.glassRect = {0, 0, 8, 8};
+    OffscreenTarget target(renderer->vulkan(), 16, 16);
+    const std::optional<SceneRenderer::Pass> pass = SceneRenderer::Pass{&target, u, std::nullopt};
+    EXPECT_FALSE(renderer->ready(pass, {}, std::nullopt));
+    EXPECT_TRUE(
+        testsupport::waitUntil([&] { return renderer->ready(pass, {}, std::nullopt); }, std::chrono::minutes(2)));
+    testsupport::LogTail log;
+    renderer->draw(pass, {}, std::nullopt, t);
+    renderer->waitIdle();
+    EXPECT_TRUE(log.messages().filter("Vulkan: pipeline").isEmpty())
+        << "the draw compiled: " << log.messages().join('\n').toStdString();
+}
+
 TEST(CompositeCreation, ABrokenShaderLeavesNoRendererAndIsLogged)
 {
     ShaderLibrary broken = ShaderLibrary::embedded();
