@@ -168,9 +168,8 @@ void SceneView::frame(double t)
     if (baseDirty && base && base->canPresent()) {
         if (OffscreenTarget *target = base->nextTarget(uint32_t(screenSize.width()), uint32_t(screenSize.height()))) {
             // A base that keeps no image leaves the room under the steam's layer for it to copy.
-            const QRect steamRect = room.steamShown() ? layers->rect(Layer::steam) : QRect();
-            steamUnderRect = base->keepsImage() ? QRect() : steamRect;
-            if (steamUnderRect.isEmpty()) {
+            const QRect steamRect = room.steamShown() && !base->keepsImage() ? layers->rect(Layer::steam) : QRect();
+            if (steamRect.isEmpty()) {
                 steamUnder.reset();
             } else {
                 if (!steamUnder || steamUnder->width() != uint32_t(steamRect.width()) ||
@@ -185,6 +184,7 @@ void SceneView::frame(double t)
             const std::optional<SceneRenderer::Pass> basePass = SceneRenderer::Pass{target, uniforms, std::nullopt};
             if (renderer.ready(basePass, layerPasses, std::nullopt)) {
                 renderer.draw(basePass, layerPasses, std::nullopt, textures);
+                steamUnderRect = steamRect;
                 baseDirty = !base->present();
                 baseBlend = blend;
                 baseFade = room.coverFade();
