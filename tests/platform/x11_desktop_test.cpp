@@ -415,7 +415,9 @@ TEST_F(X11Desktop, UnderI3BypassesTheManagerAndLiesUnderEveryWindow)
     writeFile(config.filePath("i3.conf"), "font pango:monospace 8\n");
     START_OR_SKIP("i3", {"-c", config.filePath("i3.conf")});
     const Window other = x->makeWindow(QRect(60, 60, 320, 200));
-    ASSERT_TRUE(soon([&] { return !x->values(x->root(), "_NET_CLIENT_LIST").empty(); }));
+    // Listed, and tiled over the screen (i3 frames a window a moment after it lists it).
+    ASSERT_TRUE(
+        soon([&] { return !x->values(x->root(), "_NET_CLIENT_LIST").empty() && x->outerFrame(other).width() > 320; }));
     const QRect otherFrame = x->outerFrame(other);
 
     const Window ours = showRoom();
