@@ -7,6 +7,7 @@
 #include <QDir>
 #include <QImage>
 #include <QProcess>
+#include <QThread>
 #include <gtest/gtest.h>
 #include <algorithm>
 #include <csignal>
@@ -415,10 +416,15 @@ TEST_F(X11Desktop, UnderI3BypassesTheManagerAndLiesUnderEveryWindow)
     writeFile(config.filePath("i3.conf"), "font pango:monospace 8\n");
     START_OR_SKIP("i3", {"-c", config.filePath("i3.conf")});
     const Window other = x->makeWindow(QRect(60, 60, 320, 200));
-    // Listed, and tiled over the screen (i3 frames a window a moment after it lists it).
-    ASSERT_TRUE(
-        soon([&] { return !x->values(x->root(), "_NET_CLIENT_LIST").empty() && x->outerFrame(other).width() > 320; }));
-    const QRect otherFrame = x->outerFrame(other);
+    // Listed, and its frame settled: i3 tiles and decorates a window in steps after it lists it.
+    ASSERT_TRUE(soon([&] { return !x->values(x->root(), "_NET_CLIENT_LIST").empty(); }));
+    QRect otherFrame;
+    ASSERT_TRUE(soon([&] {
+        const QRect before = x->outerFrame(other);
+        QThread::msleep(300);
+        otherFrame = x->outerFrame(other);
+        return otherFrame == before && otherFrame.width() > 320;
+    }));
 
     const Window ours = showRoom();
     ASSERT_NE(ours, 0ul) << roomOutput().constData();
