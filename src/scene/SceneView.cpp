@@ -282,10 +282,13 @@ void SceneView::frame(double t)
     scheduler->setRate(rate);
 }
 
+int SceneView::rate() const { return scheduler->rate(); }
+
 QString SceneView::describeState() const
 {
     QString text = room.describe();
-    text += scheduler->isRunning() ? QStringLiteral(", visível") : QStringLiteral(", oculta/bloqueada");
+    text += scheduler->isRunning() ? QStringLiteral(", visível a %1 fps").arg(scheduler->rate())
+                                   : QStringLiteral(", oculta/bloqueada");
     BaseSurface *base = layers->baseSurface();
     text += QStringLiteral(", base %1 MB, Vulkan total %2 MB")
                 .arg(megabytes(base ? base->memoryBytes() : 0))

@@ -50,6 +50,8 @@ public:
 
     // The moving area on the screen, global pixels; none before a scene is loaded.
     std::optional<QRect> animatedArea() const;
+    // Frames a second now: the wanted rate, lowered to what a software device sustains.
+    int rate() const;
     QString describeState() const;
 
 private:

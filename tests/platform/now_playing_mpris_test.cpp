@@ -15,9 +15,8 @@
 #include <QBuffer>
 #include <QDBusObjectPath>
 #include <QFileInfo>
-#include <QImage>
 #include <QStandardPaths>
-#include <QDataStream>
+#include <QtEndian>
 #include <gtest/gtest.h>
 #include <map>
 #include <sys/stat.h>
@@ -29,12 +28,9 @@ namespace {
 
 QByteArray pngOf(QColor color)
 {
-    QImage image(8, 8, QImage::Format_RGB32);
-    image.fill(color);
     QByteArray bytes;
     QBuffer buffer(&bytes);
-    buffer.open(QIODevice::WriteOnly);
-    image.save(&buffer, "PNG");
+    solidImage(color, 8, 8).save(&buffer, "PNG");
     return bytes;
 }
 
@@ -66,6 +62,8 @@ struct NowPlayingMprisTest : ::testing::Test {
     std::vector<std::unique_ptr<QProcess>> players;
     PlayerState state;
     MprisPlayerBackend backend{bus.bus()};
+    double clock = 1000;  // the media clock, where a test gives it to a monitor
+    NowPlayingMonitor monitor{state, backend};
 
     void SetUp() override
     {
@@ -81,6 +79,10 @@ struct NowPlayingMprisTest : ::testing::Test {
     }
 
     QString logged() const { return log.lines().join('\n'); }
+    bool coverFailed(const QString &what)
+    {
+        return waitUntil([&] { return logged().contains("Capa Spotify: falhou " + what); }, 10s);
+    }
 
     // A player's answer, waited for.
     std::optional<PlayerSourceBackend::Snapshot> ask(const PlayerSource &source)
@@ -95,22 +97,14 @@ struct NowPlayingMprisTest : ::testing::Test {
         EXPECT_TRUE(waitUntil([&] { return done; }, 5s));
         return answer;
     }
-    // The monitor's look at every player, started with `look` (start() or refreshAll()), settled.
-    void settled(NowPlayingMonitor &monitor, const std::function<void()> &look)
+    // The monitor's look at every player, its first (start()) or a fresh one, settled.
+    void look(NowPlayingMonitor &m)
     {
         bool done = false;
-        const auto c = QObject::connect(&monitor, &NowPlayingMonitor::refreshed, [&] { done = true; });
-        look();
+        const auto c = QObject::connect(&m, &NowPlayingMonitor::refreshed, [&] { done = true; });
+        m.isStarted() ? m.refreshAll() : m.start();
         EXPECT_TRUE(waitUntil([&] { return done; }, 5s));
         QObject::disconnect(c);
-    }
-    void begin(NowPlayingMonitor &m)
-    {
-        settled(m, [&] { m.start(); });
-    }
-    void lookAgain(NowPlayingMonitor &m)
-    {
-        settled(m, [&] { m.refreshAll(); });
     }
 
     QProcess &startProcess(const QString &program, const QStringList &args)
@@ -138,26 +132,25 @@ struct NowPlayingMprisTest : ::testing::Test {
     }
 
     // A method of a player's Player interface, as a remote control calls it.
-    QDBusMessage call(const QString &name, const QString &method, const QVariantList &args = {},
-                      const QString &interface = "org.mpris.MediaPlayer2.Player")
+    static QDBusMessage message(const QString &name, const QString &method, const QVariantList &args = {},
+                                const QString &interface = "org.mpris.MediaPlayer2.Player")
     {
-        QDBusMessage message = QDBusMessage::createMethodCall(
-            name.contains('.') ? name : "org.mpris.MediaPlayer2." + name, "/org/mpris/MediaPlayer2", interface, method);
-        message.setArguments(args);
-        return bus.bus().call(message, QDBus::Block, 5000);
+        QDBusMessage m = QDBusMessage::createMethodCall(name.contains('.') ? name : "org.mpris.MediaPlayer2." + name,
+                                                        "/org/mpris/MediaPlayer2", interface, method);
+        m.setArguments(args);
+        return m;
     }
     void control(const QString &name, const QString &method, const QVariantList &args = {})
     {
-        ASSERT_TRUE(isReply(call(name, method, args)));
+        ASSERT_TRUE(isReply(bus.bus().call(message(name, method, args), QDBus::Block, 5000)));
     }
     // Without waiting for the player, which may be stuck.
-    void poke(const QString &name, const QString &method)
-    {
-        bus.bus().asyncCall(QDBusMessage::createMethodCall("org.mpris.MediaPlayer2." + name, "/org/mpris/MediaPlayer2",
-                                                           "org.mpris.MediaPlayer2.Player", method));
-    }
+    void poke(const QString &name, const QString &method) { bus.bus().asyncCall(message(name, method)); }
     // A player may leave before it answers.
-    void quit(const QString &name) { call(name, "Quit", {}, "org.mpris.MediaPlayer2"); }
+    void quit(const QString &name)
+    {
+        bus.bus().call(message(name, "Quit", {}, "org.mpris.MediaPlayer2"), QDBus::Block, 5000);
+    }
     void next(const QString &expectedTitle)
     {
         control("spotify", "Next");
@@ -173,98 +166,74 @@ TEST_F(NowPlayingMprisTest, SourcesListSpotifyFirstThenByNameAndQueryMapsMetadat
     startPlayer("spotify", "Spotify", "Playing",
                 {{"Song", "One;Two", "Record", 215.5, 4, "https://example.invalid/a.jpg"}}, 30);
     startPlayer("aplayer.instance42", "Ay", "Paused", {{"a", "A", "Aalbum"}});
+    const PlayerSource spotify{"org.mpris.MediaPlayer2.spotify", "Spotify", "Spotify"};
     const QList<PlayerSource> sources = backend.sources();
-    ASSERT_EQ(sources.size(), 3);
-    EXPECT_EQ(sources[0].id, "org.mpris.MediaPlayer2.spotify");
-    EXPECT_EQ(sources[1].id, "org.mpris.MediaPlayer2.aplayer.instance42");
-    EXPECT_EQ(sources[2].id, "org.mpris.MediaPlayer2.zplayer");
-    EXPECT_EQ(sources[1].logName, "Ay") << "the player's Identity";
-    EXPECT_TRUE(backend.isRunning(sources[2]));
+    EXPECT_EQ(sources, (QList<PlayerSource>{spotify,
+                                            {"org.mpris.MediaPlayer2.aplayer.instance42", "Ay", "Ay"},
+                                            {"org.mpris.MediaPlayer2.zplayer", "Zed", "Zed"}}));
+    EXPECT_TRUE(backend.isRunning({"org.mpris.MediaPlayer2.zplayer", "Zed", "Zed"}));
     EXPECT_FALSE(backend.isRunning({"org.mpris.MediaPlayer2.absent", "x", "x"}));
 
-    const auto snapshot = ask(sources[0]);
+    const auto snapshot = ask(spotify);
     ASSERT_TRUE(snapshot.has_value());
-    EXPECT_EQ(snapshot->track.title, "Song");
-    EXPECT_EQ(snapshot->track.artist, "One, Two");
-    EXPECT_EQ(snapshot->track.album, "Record");
-    EXPECT_DOUBLE_EQ(snapshot->track.duration, 215.5);
-    EXPECT_EQ(snapshot->track.trackNumber, 4);
-    EXPECT_EQ(snapshot->track.source.logName, "Spotify");
+    EXPECT_EQ(snapshot->track, (Track{"Song", "One, Two", "Record", 215.5, spotify, 4, 0}));
     EXPECT_TRUE(snapshot->isPlaying);
     EXPECT_GE(snapshot->position, 30.0);
     EXPECT_LT(snapshot->position, 40.0);
     EXPECT_EQ(snapshot->artworkURL.value_or(QUrl()).toString(), "https://example.invalid/a.jpg");
 
     control("spotify", "Stop");
-    EXPECT_FALSE(ask(sources[0]).has_value()) << "stopped is nothing";
+    EXPECT_FALSE(ask(spotify).has_value()) << "stopped is nothing";
 }
 
 TEST_F(NowPlayingMprisTest, ReadingNeverStartsAPlayer)
 {
     // An activatable player: the first message to its name would run it, which leaves a mark.
     const QString mark = bus.dir.filePath("started");
-    writeFile(bus.serviceDir() + "/org.mpris.MediaPlayer2.sleeper.service",
-              QStringLiteral("[D-BUS Service]\nName=org.mpris.MediaPlayer2.sleeper\n"
-                             "Exec=/usr/bin/touch %1\n")
-                  .arg(mark)
-                  .toUtf8());
     const PlayerSource sleeper{"org.mpris.MediaPlayer2.sleeper", "sleeper", "sleeper"};
-    NowPlayingMonitor monitor(state, backend);
-    begin(monitor);
+    writeFile(bus.serviceDir() + "/" + sleeper.id + ".service",
+              QStringLiteral("[D-BUS Service]\nName=%1\nExec=/usr/bin/touch %2\n").arg(sleeper.id, mark).toUtf8());
+    look(monitor);
     monitor.refresh(sleeper);
     EXPECT_FALSE(backend.isRunning(sleeper));
     EXPECT_FALSE(ask(sleeper).has_value()) << "not even a direct query starts it";
     spin(500ms);
     EXPECT_FALSE(QFile::exists(mark));
-    EXPECT_FALSE(state.track().has_value());
 
     // The same message with auto-start does start it: the setup above is live.
-    bus.bus().call(
-        QDBusMessage::createMethodCall(sleeper.id, "/org/mpris/MediaPlayer2", "org.freedesktop.DBus.Peer", "Ping"),
-        QDBus::Block, 2000);
+    bus.bus().call(message(sleeper.id, "Ping", {}, "org.freedesktop.DBus.Peer"), QDBus::Block, 2000);
     EXPECT_TRUE(waitUntil([&] { return QFile::exists(mark); }, 5s));
 }
 
 TEST_F(NowPlayingMprisTest, ChoiceAmongPlayersBackgroundPauseAndQuitting)
 {
     startPlayer("vlc", "VLC media player", "Playing", {{"Vlc song", "V", "Valbum"}});
-    startPlayer("spotify", "Spotify", "Playing", {{"Spotify song", "S", "Salbum"}});
-    NowPlayingMonitor monitor(state, backend);
-    begin(monitor);
-    // Both play: Spotify's track.
+    startPlayer("spotify", "Spotify", "Paused", {{"Spotify song", "S", "Salbum"}});
+    look(monitor);
+    EXPECT_EQ(titleOf(state), "Vlc song") << "one that plays wins over the order";
+    // Nobody plays: the first source in order (Spotify) wins.
+    control("vlc", "Pause");
+    ASSERT_TRUE(waitUntil([&] { return !state.isPlaying(); }, 5s));
+    look(monitor);
     EXPECT_EQ(titleOf(state), "Spotify song");
-    EXPECT_TRUE(state.isPlaying());
+
+    // A player that starts playing takes the room; of two that play, a fresh look takes the first.
+    control("spotify", "Play");
+    ASSERT_TRUE(waitUntil([&] { return state.isPlaying(); }, 5s));
+    control("vlc", "Play");
+    ASSERT_TRUE(waitUntil([&] { return titleOf(state) == "Vlc song"; }, 5s));
+    look(monitor);
+    EXPECT_EQ(titleOf(state), "Spotify song");
 
     // The other player pausing in the background changes nothing.
     int trackSignals = 0;
     QObject::connect(&state, &PlayerState::trackChanged, [&] { ++trackSignals; });
     control("vlc", "Pause");
     spin(300ms);
-    EXPECT_EQ(titleOf(state), "Spotify song");
     EXPECT_TRUE(state.isPlaying());
-
-    // A player that starts playing takes the room; Spotify's pause meanwhile is ignored...
-    control("vlc", "Play");
-    ASSERT_TRUE(waitUntil([&] { return titleOf(state) == "Vlc song"; }, 5s));
-    control("spotify", "Pause");
-    spin(300ms);
-    EXPECT_EQ(titleOf(state), "Vlc song");
-    EXPECT_TRUE(state.isPlaying());
-    EXPECT_EQ(trackSignals, 1);
-    // ...and a fresh look at every player still prefers the one that plays.
-    lookAgain(monitor);
-    EXPECT_EQ(titleOf(state), "Vlc song");
-
-    // Nobody plays: the first source in order (Spotify) wins.
-    control("vlc", "Pause");
-    ASSERT_TRUE(waitUntil([&] { return !state.isPlaying(); }, 5s));
-    lookAgain(monitor);
-    EXPECT_EQ(titleOf(state), "Spotify song");
-    EXPECT_FALSE(state.isPlaying());
+    EXPECT_EQ(trackSignals, 0);
 
     // The background player quitting leaves the room alone; the shown one quitting clears it.
-    control("spotify", "Play");
-    ASSERT_TRUE(waitUntil([&] { return state.isPlaying(); }, 5s));
     const LogTail sinceQuit;
     quit("vlc");
     ASSERT_TRUE(waitUntil([&] { return !bus.hasOwner("org.mpris.MediaPlayer2.vlc"); }, 5s));
@@ -300,32 +269,29 @@ TEST_F(NowPlayingMprisTest, ArtworkFromFilesAndOncePerAlbumLateCoversDropped)
                 {{"File", "Band", "From file", 200, 1, QUrl::fromLocalFile(cover).toString()},
                  {"Junk", "Band", "Junk file", 200, 1, QUrl::fromLocalFile(junk).toString()},
                  {"Missing", "Band", "Missing", 200, 1, http.url("/none.png")},
-                 {"Bare", "Band", "No art", 200, 1, ""},
                  {"One", "Band", "Album A", 200, 1, http.url("/a.png")},
                  {"Two", "Band", "Album A", 180, 2, http.url("/a.png")},
+                 {"Bare", "Band", "No art", 200, 1, ""},
                  {"Three", "Band", "Album B", 190, 1, http.url("/slow.png")},
                  {"Four", "Band", "Album C", 170, 1, http.url("/c.png")}});
-    NowPlayingMonitor monitor(state, backend);
-    begin(monitor);
+    look(monitor);
     const auto colour = [&] { return state.artwork().isNull() ? QColor() : state.artwork().pixelColor(0, 0); };
     EXPECT_TRUE(waitUntil([&] { return colour() == QColor(Qt::yellow); }, 5s));
 
     next("Junk");
     EXPECT_TRUE(waitUntil([&] { return state.artwork().isNull(); }, 5s));
     next("Missing");
-    ASSERT_TRUE(waitUntil([&] { return logged().contains("Capa Spotify: falhou " + http.url("/none.png")); }, 5s));
-    EXPECT_TRUE(state.artwork().isNull());
+    ASSERT_TRUE(coverFailed(http.url("/none.png")));
     EXPECT_EQ(titleOf(state), "Missing") << "a failed cover leaves the track in place";
-    next("Bare");
-    EXPECT_TRUE(state.artwork().isNull());
 
     next("One");
     ASSERT_TRUE(waitUntil([&] { return colour() == QColor(Qt::red); }, 5s));
-    // Next track on the same album: no new fetch.
     next("Two");
     spin(300ms);
     EXPECT_EQ(http.targets.count("/a.png"), 1);
     EXPECT_EQ(colour(), QColor(Qt::red));
+    next("Bare");
+    EXPECT_TRUE(state.artwork().isNull()) << "a track without a cover shows none";
 
     // Album B's cover is slow; album C comes before it arrives. B's cover must not win.
     control("spotify", "Next");
@@ -334,37 +300,31 @@ TEST_F(NowPlayingMprisTest, ArtworkFromFilesAndOncePerAlbumLateCoversDropped)
     ASSERT_TRUE(waitUntil([&] { return colour() == QColor(Qt::blue); }, 5s));
     spin(900ms);  // the slow answer has come and gone
     EXPECT_EQ(colour(), QColor(Qt::blue));
-
-    EXPECT_TRUE(logged().contains("[Spotify] ▶ Band — Two (Album A)")) << qPrintable(logged());
     EXPECT_FALSE(logged().contains(http.url("/slow.png"))) << "a late cover is not even logged";
 }
 
-TEST_F(NowPlayingMprisTest, PositionExtrapolatesWhilePlayingAndHoldsWhilePaused)
+// Each reading of the position is dated on the monitor's clock (extrapolation is PlayerState's).
+TEST_F(NowPlayingMprisTest, PositionReadingsAreDatedOnTheMonitorsClock)
 {
     startPlayer("spotify", "Spotify", "Paused", {{"Song", "Band", "Album", 300, 1}}, 30);
-    double clock = 1000;
-    PlayerState timed(clock);
-    NowPlayingMonitor monitor(timed, backend);
     monitor.setClock([&] { return clock; });
-    begin(monitor);
-    ASSERT_TRUE(timed.track().has_value());
-    EXPECT_FALSE(timed.isPlaying());
-    EXPECT_DOUBLE_EQ(timed.position(), 30.0);
-    EXPECT_DOUBLE_EQ(timed.positionDate(), 1000.0);
-    EXPECT_DOUBLE_EQ(timed.currentPosition(1010), 30.0) << "paused: the position holds";
+    look(monitor);
+    ASSERT_TRUE(state.track().has_value());
+    EXPECT_FALSE(state.isPlaying());
+    EXPECT_DOUBLE_EQ(state.position(), 30.0);
+    EXPECT_DOUBLE_EQ(state.positionDate(), 1000.0);
 
     clock = 2000;
     control("spotify", "Play");
-    ASSERT_TRUE(waitUntil([&] { return timed.isPlaying(); }, 5s));
-    EXPECT_DOUBLE_EQ(timed.positionDate(), 2000.0);
-    EXPECT_NEAR(timed.currentPosition(2010) - timed.position(), 10.0, 1e-9);
-    EXPECT_NEAR(timed.position(), 30.0, 2.0);
+    ASSERT_TRUE(waitUntil([&] { return state.isPlaying(); }, 5s));
+    EXPECT_DOUBLE_EQ(state.positionDate(), 2000.0);
+    EXPECT_NEAR(state.position(), 30.0, 2.0);
 
     // A seek is a notification of its own: the reading follows it.
     clock = 3000;
     control("spotify", "SetPosition", {QVariant::fromValue(QDBusObjectPath("/track/0")), qlonglong(120'000'000)});
-    ASSERT_TRUE(waitUntil([&] { return timed.positionDate() == 3000.0; }, 5s));
-    EXPECT_NEAR(timed.position(), 120.0, 2.0);
+    ASSERT_TRUE(waitUntil([&] { return state.positionDate() == 3000.0; }, 5s));
+    EXPECT_NEAR(state.position(), 120.0, 2.0);
 }
 
 // A real player: mpv with the MPRIS plugin playing a generated, tagged file.
@@ -376,30 +336,22 @@ TEST_F(NowPlayingMprisTest, MpvWithMprisPluginIsSeen)
         GTEST_SKIP() << "mpv and mpv-mpris are not installed (scripts/install-deps.sh installs them)";
 
     // 30 s of silence, 8 kHz mono 16-bit PCM, with RIFF INFO tags.
-    auto le = [](auto... values) {
-        QByteArray out;
-        QDataStream stream(&out, QIODevice::WriteOnly);
-        stream.setByteOrder(QDataStream::LittleEndian);
-        (stream << ... << values);
-        return out;
-    };
-    auto chunk = [&](const char *id, QByteArray body) {
-        const QByteArray head = QByteArray(id, 4) + le(quint32(body.size()));
-        return head + (body.size() % 2 ? body + '\0' : body);
+    auto chunk = [](const char *id, QByteArray body) {
+        const quint32 size = qToLittleEndian(quint32(body.size()));
+        return QByteArray(id, 4) + QByteArray(reinterpret_cast<const char *>(&size), 4) +
+               (body.size() % 2 ? body + '\0' : body);
     };
     auto tag = [&](const char *id, const char *s) { return chunk(id, QByteArray(s) + '\0'); };
     const QByteArray info = "INFO" + tag("INAM", "Quiet Groove") + tag("IART", "Test Band") +
                             tag("IPRD", "Silent Album") + tag("IPRT", "3");
-    // PCM, mono, rate, bytes per second, block align, bits per sample.
-    const QByteArray fmt = le(quint16(1), quint16(1), quint32(8000), quint32(16000), quint16(2), quint16(16));
+    // Little-endian: PCM, mono, 8000 Hz, 16000 bytes a second, 2-byte frames of 16 bits.
+    const QByteArray fmt = QByteArray::fromHex("01000100401f0000803e000002001000");
     QTemporaryDir dir;
     const QString file = dir.filePath("tagged.wav");
     writeFile(file, chunk("RIFF", "WAVE" + chunk("fmt ", fmt) + chunk("LIST", info) +
                                       chunk("data", QByteArray(8000 * 2 * 30, '\0'))));
 
-    NowPlayingMonitor monitor(state, backend);
-    begin(monitor);
-    EXPECT_FALSE(state.track().has_value());
+    look(monitor);
     QProcess &player = startProcess(
         mpv, {"--no-config", "--script=" + plugin, "--ao=null", "--no-video", "--really-quiet", "--idle=no", file});
     // mpv first announces the file by its name, then its tags once they are read.
@@ -410,7 +362,6 @@ TEST_F(NowPlayingMprisTest, MpvWithMprisPluginIsSeen)
     EXPECT_EQ(state.track()->artist, "Test Band");
     EXPECT_NEAR(state.track()->duration, 30.0, 0.5);
     EXPECT_TRUE(state.track()->source.id.startsWith("org.mpris.MediaPlayer2.mpv"));
-    EXPECT_TRUE(logged().contains("] ▶ Test Band — Quiet Groove (Silent Album)"));
 
     // Pausing it through MPRIS is seen through its PropertiesChanged; quitting clears the room.
     control(state.track()->source.id, "Pause");
@@ -425,10 +376,8 @@ TEST_F(NowPlayingMprisTest, PlayersThatStallFloodOrNameHostileCoversNeverHoldThe
     QTemporaryDir dir;
     const QString fifo = dir.filePath("cover.fifo"), huge = dir.filePath("huge.jpg"), good = dir.filePath("good.png");
     ASSERT_EQ(::mkfifo(QFile::encodeName(fifo).constData(), 0600), 0);
-    {
-        QFile file(huge);
-        ASSERT_TRUE(file.open(QIODevice::WriteOnly) && file.resize(qint64(2) << 30)) << "a sparse 2 GB file";
-    }
+    writeFile(huge, {});
+    ASSERT_TRUE(QFile::resize(huge, qint64(2) << 30)) << "a sparse 2 GB file";
     writeFile(good, pngOf(Qt::yellow));
     LoopbackHttp http;
     http.answer = [](const QString &) { return LoopbackHttp::Reply{"\x89PNG", 200, 0, -1, 64 * 1024}; };
@@ -446,38 +395,31 @@ TEST_F(NowPlayingMprisTest, PlayersThatStallFloodOrNameHostileCoversNeverHoldThe
                  {longTitle, "B", "A5", 200, 1, file(good)}},
                 0, {"--flood", "400,3"});
     MprisPlayerBackend quick(bus.bus(), 400);
-    double clock = 1000;
-    NowPlayingMonitor monitor(state, quick);
-    monitor.setClock([&] { return clock; });
+    NowPlayingMonitor guarded(state, quick);
+    guarded.setClock([&] { return clock; });
     TransferLimits limits = CoverLoader::httpLimits;
     limits.maxBytes = 1 << 20;
-    monitor.covers().setHttpLimits(limits);
+    guarded.covers().setHttpLimits(limits);
     Heartbeat beat;
     const int footprint = ProcessUsage::footprintMegabytes();
-    begin(monitor);
+    look(guarded);
     EXPECT_EQ(titleOf(state), "Fifo") << "the one that answered";
     EXPECT_EQ(log.messages().filter("[Slow] não respondeu").size(), 1);
 
-    const auto failed = [&](const QString &what) {
-        return waitUntil([&] { return logged().contains("Capa Spotify: falhou " + what); }, 10s);
-    };
-    EXPECT_TRUE(failed(fifo));
+    EXPECT_TRUE(coverFailed(fifo));
     next("Random");
-    EXPECT_TRUE(failed("/dev/urandom"));
+    EXPECT_TRUE(coverFailed("/dev/urandom"));
     next("Huge");
-    EXPECT_TRUE(failed(huge));
+    EXPECT_TRUE(coverFailed(huge));
     next("Endless");
-    EXPECT_TRUE(failed(http.url("/endless.png")));
+    EXPECT_TRUE(coverFailed(http.url("/endless.png")));
     EXPECT_LT(http.sent, 16 << 20);
-    EXPECT_TRUE(state.artwork().isNull());
 
     // A title far longer than any sleeve is cut; the cover after all that still arrives.
     control("spotify", "Next");
     ASSERT_TRUE(waitUntil([&] { return !state.artwork().isNull(); }, 5s));
     EXPECT_EQ(titleOf(state).size(), SafeText::fieldLength);
     EXPECT_TRUE(titleOf(state).startsWith("Line break[31mevilwww")) << qPrintable(titleOf(state).left(40));
-    // One line per message in the log, whatever the title held.
-    for (const QString &line : log.lines()) EXPECT_TRUE(line.startsWith("20")) << qPrintable(line.left(80));
 
     // The stalled player is left alone while quiet: its notifications cost nothing.
     for (int i = 0; i < 5; ++i) poke("slow", "Next");

@@ -19,6 +19,14 @@ namespace scenetest {
 
 using namespace rendertest;
 
+// `o` with o[path[0]][path[1]]… set to `value`.
+inline QJsonObject with(QJsonObject o, QStringList path, const QJsonValue &value)
+{
+    const QString key = path.takeFirst();
+    o[key] = path.isEmpty() ? value : QJsonValue(with(o[key].toObject(), path, value));
+    return o;
+}
+
 // 64×48 plates, one preset per light, a record without passes, a tonearm whose sprites are
 // missing, a panel with one LED and a strobe map in the bottom-left corner, a stack.
 class SmallScene : public ::testing::Test {
@@ -83,9 +91,7 @@ protected:
         if (edit) {
             QJsonObject wide = json["framings"].toObject()["wide"].toObject();
             edit(json, wide);
-            QJsonObject framings = json["framings"].toObject();
-            framings["wide"] = wide;
-            json["framings"] = framings;
+            json = with(json, {"framings", "wide"}, wide);
         }
         const QByteArray bytes = QJsonDocument(json).toJson();
         testsupport::writeFile(root.filePath("manifest.json"), bytes);
@@ -96,10 +102,7 @@ protected:
     {
         manifest();
         OfflineRender::Options o;
-        o.sceneDir = root.path();
-        o.width = width;
-        o.height = height;
-        o.preset = preset;
+        std::tie(o.sceneDir, o.width, o.height, o.preset) = std::tuple(root.path(), width, height, preset);
         return o;
     }
     // Renders to `name` in the scene folder and reads the picture back (null when the render failed).

@@ -189,8 +189,6 @@ TEST(ShippedRoom, EveryWindowShowsTheCityByDayAndItsLightsAtNight)
         ASSERT_EQ(glass.size(), full) << it.key().toStdString();
         const GlassView day = glassView(appRender(root, scene, it.key(), full, "12:00", {"--no-steam"}), glass, 0.98);
         const GlassView night = glassView(appRender(root, scene, it.key(), full, "21:30", {"--no-steam"}), glass, 0.3);
-        std::printf("%s: noon deviation %.3f, above 0.98 %.3f; 21:30 above 0.3 %.3f, mean %.3f (noon %.3f)\n",
-                    qPrintable(it.key()), day.deviation, day.above, night.above, night.mean, day.mean);
         EXPECT_GE(day.deviation, 0.12) << it.key().toStdString() << ": the noon view has no structure";
         EXPECT_LT(day.above, 0.05) << it.key().toStdString() << ": the noon view is blown out";
         EXPECT_GE(night.above, 0.01) << it.key().toStdString() << ": no lights in the night view";

@@ -62,8 +62,7 @@ TEST(SceneViewOnScreen, SteadyFramesOfTheShippedRoomAllocateNothing)
     double now = 1000;
     const MediaClock clock([&now] { return now; });
     PlayerState state;
-    Track track{"Side A", "Turnelo", "Demo", 600, PlayerSource{"bench", "Bench", "Bench"}, 2, 5};
-    state.setTrack(track);
+    state.setTrack(Track{"Side A", "Turnelo", "Demo", 600, PlayerSource{"bench", "Bench", "Bench"}, 2, 5});
     state.setPosition(120);
     state.setPositionDate(now);
     state.setPlaying(true);
@@ -72,12 +71,10 @@ TEST(SceneViewOnScreen, SteadyFramesOfTheShippedRoomAllocateNothing)
 
     QWindow host;
     host.setGeometry(0, 0, 640, 360);
-    host.create();
     host.show();
-    std::shared_ptr<SceneRenderer> renderer = SceneRenderer::create();
-    ASSERT_TRUE(renderer);
-    SceneRenderer *gpu = renderer.get();
-    RoomScene room({&state, &status, &power, &settings, nullptr, nullptr, clock}, renderer);
+    std::shared_ptr<SceneRenderer> gpu = SceneRenderer::create();
+    ASSERT_TRUE(gpu);
+    RoomScene room({&state, &status, &power, &settings, nullptr, nullptr, clock}, gpu);
     SceneView view(room, {nullptr, nullptr, clock}, &host);
     room.load();
     testsupport::waitUntil(
@@ -103,15 +100,24 @@ TEST(SceneViewOnScreen, SteadyFramesOfTheShippedRoomAllocateNothing)
     gpu->waitIdle();
     gpu->gpuClock().take();
 
-    counting = true;
-    frames(30);
-    counting = false;
-    gpu->waitIdle();
-    const auto [seconds, drawn] = gpu->gpuClock().take();
+    // A loaded machine can push the software device below the wanted rate, and a change of
+    // rate restarts the tick (which allocates): only a round whose rate held is a steady one.
+    long long drawn = 0;
+    for (int round = 0; round < 3; ++round) {
+        const int rate = view.rate();
+        allocations = 0;
+        counting = true;
+        frames(30);
+        counting = false;
+        gpu->waitIdle();
+        drawn = gpu->gpuClock().take().second;
+        if (view.rate() == rate) break;
+        ASSERT_LT(round, 2) << "the rate never held for 30 frames";
+    }
     EXPECT_EQ(allocations, 0);
     EXPECT_GT(room.scene()->sprites->memoryBytes(), 0u) << "the arm's sprites never came";
     EXPECT_GE(drawn, 30) << "each frame draws its layers in one command buffer";
-    EXPECT_TRUE(log.messages().filter("Cena: clima → chuva").size() == 1);
+    EXPECT_EQ(log.messages().filter("Cena: clima → chuva").size(), 1);
 
     // A minute of the track at 30 frames a second, no player signal: the goal drifts inwards
     // with the position and the arm follows it needle down.

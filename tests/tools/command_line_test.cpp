@@ -15,12 +15,6 @@ using namespace testsupport;
 
 namespace {
 
-struct Outcome {
-    int exitCode = -1;
-    QString out;
-    QString err;
-};
-
 // Files under `dir`, relative to it.
 QStringList filesUnder(const QString &dir)
 {
@@ -43,19 +37,16 @@ TEST(CommandLine, EveryProgramAnswersHelpAndVersionWithoutADisplayOrABus)
         environment.insert(QString::fromLatin1(name), home.filePath(QString::fromLatin1(name)));
     // A room to draw: "turnelo" without a display renders it into its working folder instead.
     environment.insert("TURNELO_SCENES_DIR", QStringLiteral(TURNELO_SOURCE_DIR "/scenes/room"));
+    // Exit status (-1 for none), standard output and standard error.
     const auto run = [&](const QString &program, const QStringList &arguments) {
         QProcess process;
         process.setProcessEnvironment(environment);
         process.setWorkingDirectory(work.path());
         process.start(program, arguments);
-        Outcome result;
-        if (process.waitForFinished(120000) && process.exitStatus() == QProcess::NormalExit)
-            result.exitCode = process.exitCode();
-        else
-            process.kill();
-        result.out = QString::fromUtf8(process.readAllStandardOutput());
-        result.err = QString::fromUtf8(process.readAllStandardError());
-        return result;
+        const bool exited = process.waitForFinished(120000) && process.exitStatus() == QProcess::NormalExit;
+        if (!exited) process.kill();
+        return std::tuple(exited ? process.exitCode() : -1, QString::fromUtf8(process.readAllStandardOutput()),
+                          QString::fromUtf8(process.readAllStandardError()));
     };
 
     struct Program {
@@ -80,22 +71,20 @@ TEST(CommandLine, EveryProgramAnswersHelpAndVersionWithoutADisplayOrABus)
     ASSERT_TRUE(QRegularExpression(R"(^\d+\.\d+\.\d+$)").match(AppIdentity::version()).hasMatch());
     for (const Program &p : programs) {
         SCOPED_TRACE(p.name.toStdString());
-        const Outcome help = run(p.path, p.before + QStringList{"--help"});
-        EXPECT_EQ(help.exitCode, 0) << qPrintable(help.err);
-        EXPECT_TRUE(help.out.startsWith("Usage: " + p.name + " [options]")) << qPrintable(help.out);
-        EXPECT_TRUE(help.out.contains(p.usage)) << qPrintable(help.out);
-        EXPECT_TRUE(help.out.contains("--version")) << qPrintable(help.out);
-
-        const Outcome version = run(p.path, p.before + QStringList{"--version"});
-        EXPECT_EQ(version.exitCode, 0) << qPrintable(version.err);
-        EXPECT_EQ(version.out, p.name + ' ' + AppIdentity::version() + '\n');
+        const auto [helpStatus, help, helpErr] = run(p.path, p.before + QStringList{"--help"});
+        EXPECT_EQ(helpStatus, 0) << qPrintable(helpErr);
+        EXPECT_TRUE(help.startsWith("Usage: " + p.name + " [options]")) << qPrintable(help);
+        EXPECT_TRUE(help.contains(p.usage) && help.contains("--version")) << qPrintable(help);
+        const auto [versionStatus, version, versionErr] = run(p.path, p.before + QStringList{"--version"});
+        EXPECT_EQ(versionStatus, 0) << qPrintable(versionErr);
+        EXPECT_EQ(version, p.name + ' ' + AppIdentity::version() + '\n');
     }
 
     // A word it does not know is reported, not taken for a start without a display.
-    const Outcome bad = run(turnelo, {"--no-such-option"});
-    EXPECT_EQ(bad.exitCode, 1);
-    EXPECT_TRUE(bad.err.contains("no-such-option")) << qPrintable(bad.err);
-    EXPECT_TRUE(bad.out.isEmpty()) << qPrintable(bad.out);
+    const auto [badStatus, badOut, badErr] = run(turnelo, {"--no-such-option"});
+    EXPECT_EQ(badStatus, 1);
+    EXPECT_TRUE(badErr.contains("no-such-option")) << qPrintable(badErr);
+    EXPECT_TRUE(badOut.isEmpty()) << qPrintable(badOut);
 
     // Nothing drawn, nothing written.
     EXPECT_EQ(filesUnder(work.path()), QStringList());

@@ -208,7 +208,6 @@ TEST_F(GeneratedScene, GeometryProjectsOntoThePlate)
         const GrayImage recordMask =
             ImageDecoder::decodeGray(root() + "/" + SceneFiles::framingFile(name, f.record->mask));
         EXPECT_GT(recordMask.pixels[size_t(int(centre[1]) * recordMask.width + int(centre[0]))], 0);
-        // Record plane and pivot.
         ASSERT_TRUE(f.tonearm->planeZ.has_value());
         EXPECT_DOUBLE_EQ(*f.tonearm->planeZ, f.record->centerWorld[2]);
         EXPECT_DOUBLE_EQ(f.tonearm->pivot[2], f.record->centerWorld[2]);
@@ -216,13 +215,11 @@ TEST_F(GeneratedScene, GeometryProjectsOntoThePlate)
         const double pivotDistance =
             std::hypot(f.tonearm->pivot[0] - f.record->centerWorld[0], f.tonearm->pivot[1] - f.record->centerWorld[1]);
         EXPECT_GT(pivotDistance, f.record->radiusMm);
-        // Samples cover rest to run-out, in order.
         const auto &arm = *f.tonearm;
         EXPECT_TRUE(std::is_sorted(arm.yawSamples.begin(), arm.yawSamples.end()));
         EXPECT_LT(arm.yawRest, arm.yawLeadIn);
         EXPECT_LT(arm.yawLeadIn, arm.yawRunOut);
         EXPECT_TRUE(arm.yawSamples.front() <= arm.yawRest && arm.yawSamples.back() >= arm.yawRunOut);
-        // LEDs, steam and the sleeve lie on the plate.
         for (const auto &p : {f.panel->led33->centerPx, f.panel->led45->centerPx, f.steam->pointPx})
             EXPECT_TRUE(inside(p, plate));
         EXPECT_GT(f.panel->led33->radiusPx, 0);

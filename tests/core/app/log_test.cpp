@@ -20,14 +20,11 @@ TEST(Log, AppendsTimestampedLinesCreatingTheFolder)
     EXPECT_EQ(Log::path(), env->home.filePath("fresh/state") + "/Turnelo Dev.log");
     Log::write("Cena: carregando sala");
     Log::write("Capa “Álbum” ▶ ok");
-    const QStringList lines = QString::fromUtf8(testsupport::readFile(Log::path())).split('\n');
-    ASSERT_EQ(lines.size(), 3);  // two lines and the empty rest after the last line feed
-    EXPECT_EQ(lines[2], "");
-    const QRegularExpression stamp(R"(^\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z (.*)$)");
-    const auto first = stamp.match(lines[0]);
-    ASSERT_TRUE(first.hasMatch()) << lines[0].toStdString();
-    EXPECT_EQ(first.captured(1), "Cena: carregando sala");
-    EXPECT_EQ(stamp.match(lines[1]).captured(1), "Capa “Álbum” ▶ ok");
+    const QString stamp = R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z )";
+    const QRegularExpression whole(
+        QRegularExpression::anchoredPattern(stamp + "Cena: carregando sala\n" + stamp + "Capa “Álbum” ▶ ok\n"));
+    const QString text = QString::fromUtf8(testsupport::readFile(Log::path()));
+    EXPECT_TRUE(whole.match(text).hasMatch()) << text.toStdString();
 }
 
 TEST(Log, UnwritableLogIsIgnoredSilently)
@@ -48,10 +45,8 @@ TEST(Log, TextFromOutsideStaysOneEscapedLineAndAFloodRotates)
     // A title that would forge a line, colour a terminal and reverse what follows it.
     Log::write(QString::fromUtf8("Faixa: A\nB\r\x1b[31m\u202Eevil\u2066 \u200F\x7f\u0085\u2028"));
     const QByteArray one = testsupport::readFile(Log::path());
-    EXPECT_EQ(one.count('\n'), 1);
-    EXPECT_TRUE(
-        one.endsWith(" Faixa: A\\u{a}B\\u{d}\\u{1b}[31m\\u{202e}evil\\u{2066} \\u{200f}\\u{7f}\\u{85}\\u{2028}\n"))
-        << one.constData();
+    EXPECT_EQ(one.mid(one.indexOf(' ') + 1),
+              "Faixa: A\\u{a}B\\u{d}\\u{1b}[31m\\u{202e}evil\\u{2066} \\u{200f}\\u{7f}\\u{85}\\u{2028}\n");
     // A megabyte in one message is one line, cut.
     Log::write("Faixa: " + QString(1 << 20, 'x'));
     const QStringList lines = QString::fromUtf8(testsupport::readFile(Log::path())).split('\n', Qt::SkipEmptyParts);
@@ -73,8 +68,7 @@ TEST(Log, TextFromOutsideStaysOneEscapedLineAndAFloodRotates)
     const QList<int> current = numbers(Log::path()), previous = numbers(older);
     EXPECT_LE(QFileInfo(Log::path()).size(), Log::maxBytes);
     EXPECT_LE(QFileInfo(older).size(), Log::maxBytes);
-    ASSERT_FALSE(current.isEmpty());
-    ASSERT_FALSE(previous.isEmpty());
+    ASSERT_TRUE(!current.isEmpty() && !previous.isEmpty());
     EXPECT_EQ(current.last(), 2599);
     EXPECT_EQ(previous.last() + 1, current.first());
     EXPECT_GT(previous.first(), 0) << "the first rotated part was replaced";

@@ -25,7 +25,17 @@ const QString kConfigHome = [] {
 struct SettingsTest : ::testing::Test {
     QTemporaryDir dir;
     QString path() const { return dir.filePath("turnelo.json"); }
+    // turnelo-defaults on this file: another process reading and writing it.
+    ToolResult defaults(const QStringList &args) const
+    {
+        return runTool(builtTool("turnelo-defaults"), QStringList{"--file", path()} + args);
+    }
 };
+
+void setAll(Settings &s, const QVariantMap &values)
+{
+    for (auto it = values.cbegin(); it != values.cend(); ++it) s.setValue(it.key(), it.value());
+}
 
 }  // namespace
 
@@ -33,34 +43,17 @@ TEST_F(SettingsTest, WrongTypesAndRangesFallBack)
 {
     Settings s(path());
     // Only a real Boolean counts: text or a number leaves the default on.
-    for (const auto &[key, value] : std::initializer_list<std::pair<const char *, QVariant>>{{"steam", "no"},
-                                                                                             {"fxPanel", 0},
-                                                                                             {"fxRecord", false},
-                                                                                             {"showTurntable", "false"},
-                                                                                             {"ecoMode", 0},
-                                                                                             {"perfLogInterval", "60"},
-                                                                                             {"stackLimit", 0},
-                                                                                             {"fps", 5},
-                                                                                             {"ecoTrigger", "whenever"},
-                                                                                             {"screens", "everything"}})
-        s.setValue(key, value);
-    EXPECT_TRUE(s.steam());
-    EXPECT_TRUE(s.fxPanel());
-    EXPECT_FALSE(s.fxRecord());
-    EXPECT_TRUE(s.showTurntable());
-    EXPECT_TRUE(s.ecoMode());
-    EXPECT_EQ(s.perfLogInterval(), 300.0);
-    EXPECT_EQ(s.stackLimit(), 1);
-    EXPECT_EQ(s.fps(), 15);
+    setAll(s, {{"steam", "no"}, {"fxPanel", 0}, {"fxRecord", false}, {"showTurntable", "false"}, {"ecoMode", 0}});
+    setAll(s, {{"perfLogInterval", "60"}, {"stackLimit", 0}, {"fps", 5}, {"ecoTrigger", "whenever"}});
+    s.setValue("screens", "everything");
+    EXPECT_EQ((std::array{s.steam(), s.fxPanel(), s.fxRecord(), s.showTurntable(), s.ecoMode(), s.allScreens()}),
+              (std::array{true, true, false, true, true, false}));
+    EXPECT_EQ(std::tuple(s.perfLogInterval(), s.stackLimit(), s.fps()), std::tuple(300.0, 1, 15));
     EXPECT_EQ(s.ecoTrigger(), Settings::EcoTrigger::battery);
-    EXPECT_FALSE(s.allScreens());
 
-    for (const auto &[key, value] : std::initializer_list<std::pair<const char *, QVariant>>{
-             {"perfLogInterval", 60}, {"stackLimit", -4}, {"fps", 120}, {"ecoTrigger", "lowPower"}})
-        s.setValue(key, value);
-    EXPECT_EQ(s.perfLogInterval(), 60.0);
-    EXPECT_EQ(s.stackLimit(), 1);
-    EXPECT_EQ(s.fps(), 60);
+    // Integer keys also take text that reads as an integer.
+    setAll(s, {{"perfLogInterval", 60}, {"stackLimit", "9"}, {"fps", 120}, {"ecoTrigger", "lowPower"}});
+    EXPECT_EQ(std::tuple(s.perfLogInterval(), s.stackLimit(), s.fps()), std::tuple(60.0, 9, 60));
     EXPECT_EQ(s.ecoTrigger(), Settings::EcoTrigger::lowPower);
     s.setAllScreens(true);
     EXPECT_TRUE(s.allScreens());
@@ -70,29 +63,21 @@ TEST_F(SettingsTest, ValueTypesSurviveARestart)
 {
     {
         Settings s(path());
-        s.setValue("flag", true);
-        s.setValue("count", 7);
-        s.setValue("whole", 6.0);  // integral double must come back as a double
-        s.setValue("ratio", 0.25);
-        s.setValue("name", "noite");
+        // "whole", an integral double, must come back as a double.
+        setAll(s, {{"flag", true}, {"count", 7}, {"whole", 6.0}, {"ratio", 0.25}, {"name", "noite"}});
         s.setDesktopSnapshot(QVariantMap{{"CreateDesktop", true}, {"zoom", 2.0}, {"n", 3}});
     }
     // Another process reads the file afresh: the types must come from the file itself.
-    const auto typeOf = [&](const char *key) {
-        return runTool(builtTool("turnelo-defaults"), {"--file", path(), "read-type", key}).out.trimmed();
-    };
-    for (const auto &[key, type] : {std::pair{"flag", "boolean"},
-                                    {"count", "integer"},
-                                    {"whole", "float"},
-                                    {"ratio", "float"},
-                                    {"name", "string"},
-                                    {"desktopSnapshot", "dictionary"}})
-        EXPECT_EQ(typeOf(key), QByteArray("Type is ") + type) << key;
-    const auto read = runTool(builtTool("turnelo-defaults"), {"--file", path(), "read", "desktopSnapshot"});
-    EXPECT_EQ(read.out.trimmed(), R"({"CreateDesktop":true,"n":3,"zoom":{"$real":2}})");
+    QByteArray types;
+    for (const char *key : {"flag", "count", "whole", "ratio", "name", "desktopSnapshot"})
+        types += defaults({"read-type", key}).out;
+    EXPECT_EQ(types,
+              "Type is boolean\nType is integer\nType is float\nType is float\nType is string\nType is dictionary\n");
+    EXPECT_EQ(defaults({"read", "desktopSnapshot"}).out.trimmed(),
+              R"({"CreateDesktop":true,"n":3,"zoom":{"$real":2}})");
 
     Settings s(path());
-    EXPECT_EQ(s.value("whole").toDouble(), 6.0);
+    EXPECT_EQ(s.value("whole").typeId(), QMetaType::Double);
     ASSERT_TRUE(s.desktopSnapshot().has_value());
     s.setDesktopSnapshot(std::nullopt);
     EXPECT_FALSE(s.contains("desktopSnapshot"));
@@ -105,7 +90,6 @@ TEST_F(SettingsTest, ADamagedFileOrAnOwnerlessLockDoesNotStopTheNextStart)
     writeFile(path(), damaged);
     {
         Settings s(path());
-        EXPECT_EQ(s.framing(), "mid");
         EXPECT_EQ(s.fps(), 45);
         EXPECT_EQ(readFile(path() + ".bad"), damaged) << "the damaged file is kept aside";
         EXPECT_TRUE(log.messages().contains("Estado: turnelo.json danificado (JSON ilegível no byte 45); lido até o "
@@ -113,7 +97,7 @@ TEST_F(SettingsTest, ADamagedFileOrAnOwnerlessLockDoesNotStopTheNextStart)
             << log.messages().join('\n').toStdString();
         s.setStackLimit(3);
     }
-    EXPECT_EQ(runTool(builtTool("turnelo-defaults"), {"--file", path(), "read", "framing"}).out.trimmed(), "\"mid\"");
+    EXPECT_EQ(defaults({"read", "framing"}).out.trimmed(), "\"mid\"");
 
     // A lock file that a killed process left empty goes at start; one a live process holds stays.
     writeFile(path() + ".lock", {});
@@ -141,17 +125,14 @@ TEST_F(SettingsTest, RealChangesSignalFromThisOrAnotherProcess)
     EXPECT_EQ(framing.count(), 1);
 
     QSignalSpy preset(&s, &Settings::lightPresetChanged);
-    const auto tool = builtTool("turnelo-defaults");
-    const auto r = runTool(tool, {"--file", path(), "write", "lightPreset", "-string", "noite"});
+    const auto r = defaults({"write", "lightPreset", "-string", "noite"});
     ASSERT_EQ(r.exitCode, 0) << r.err.constData();
     EXPECT_TRUE(waitUntil([&] { return preset.count() > 0; }, 5s));
     EXPECT_EQ(s.lightPreset(), "noite");
 
-    const auto typed = runTool(tool, {"--file", path(), "write", "fps", "-int", "45"});
-    ASSERT_EQ(typed.exitCode, 0);
-    const auto type = runTool(tool, {"--file", path(), "read-type", "fps"});
-    EXPECT_EQ(type.out.trimmed(), "Type is integer");
-    const auto bad = runTool(tool, {"--file", path(), "write", "fps", "-int", "fast"});
+    ASSERT_EQ(defaults({"write", "fps", "-int", "45"}).exitCode, 0);
+    EXPECT_EQ(defaults({"read-type", "fps"}).out.trimmed(), "Type is integer");
+    const auto bad = defaults({"write", "fps", "-int", "fast"});
     EXPECT_EQ(bad.exitCode, 1);
     EXPECT_FALSE(bad.err.isEmpty());
 }
@@ -185,10 +166,9 @@ TEST_F(SettingsTest, ALinkAtThePathIsReplacedNotWrittenThroughAndAFailedWriteIsL
     }
     EXPECT_EQ(readFile(dir.filePath("elsewhere.json")), theirs) << "the link's target is untouched";
     EXPECT_FALSE(QFileInfo(path()).isSymLink());
-    const QJsonObject saved = QJsonDocument::fromJson(readFile(path())).object();
-    EXPECT_EQ(saved.value("framing"), "mid");
-    EXPECT_EQ(saved.value("fps"), 45) << "what the settings held is kept";
-    EXPECT_EQ(saved.value("stackLimit"), 3);
+    // What the settings held ("fps") is kept beside the changes.
+    EXPECT_EQ(QJsonDocument::fromJson(readFile(path())).object(),
+              (QJsonObject{{"framing", "mid"}, {"fps", 45}, {"stackLimit", 3}}));
     EXPECT_EQ(log.messages().filter("era um link").size(), 1) << log.messages().join('\n').toStdString();
 
     // A folder where the file should be: each change that cannot be written says so.

@@ -37,13 +37,10 @@ TEST(CoverArt, FadeAndLabelLuminance)
 {
     CoverArt art(nullptr);
     art.set(solidImage(Qt::red), QImage(), 10.0);
-    EXPECT_DOUBLE_EQ(art.fadeStart(), 10.0);
-    EXPECT_DOUBLE_EQ(art.fade(9.0), 0.0);
-    EXPECT_DOUBLE_EQ(art.fade(10.0), 0.0);
-    EXPECT_NEAR(art.fade(10.175), 0.15625, 1e-12);  // t = 0.25
-    EXPECT_NEAR(art.fade(10.35), 0.5, 1e-12);
-    EXPECT_DOUBLE_EQ(art.fade(10.7), 1.0);
-    EXPECT_DOUBLE_EQ(art.fade(99.0), 1.0);
+    // Smoothstep over 0.7 s: at a quarter of it, 0.15625.
+    for (const auto &[time, fade] :
+         {std::pair{9.0, 0.0}, {10.0, 0.0}, {10.175, 0.15625}, {10.35, 0.5}, {10.7, 1.0}, {99.0, 1.0}})
+        EXPECT_NEAR(art.fade(time), fade, 1e-12) << time;
 
     // Label luminance comes from the label, or without one from the cover.
     art.set(solidImage(Qt::white), solidImage(Qt::black), 20.0);
@@ -75,8 +72,7 @@ TEST(CoverArt, MeanColourIsLinearAndCrossFades)
     art.set(solidImage(Qt::blue), QImage(), 100.0);
     EXPECT_NEAR(art.mean(100.0).r, 1.0, 1e-9);
     EXPECT_NEAR(art.mean(100.35).r, 0.5, 1e-9);
-    EXPECT_NEAR(art.mean(101.0).b, 1.0, 1e-9);
-    EXPECT_NEAR(art.mean(101.0).r, 0.0, 1e-9);
+    EXPECT_EQ(art.mean(101.0), (CoverArt::Color{0, 0, 1}));
 }
 
 TEST(CoverArt, PreviousTexturesLiveUntilTheFadeIsOver)
@@ -149,7 +145,6 @@ TEST(CoverArt, ImagePreparation)
     EXPECT_EQ(label.pixelColor(253, 128), QColor(Qt::blue));
 
     const QImage placeholder = CoverArt::placeholderCover();
-    EXPECT_FALSE(placeholder.isNull());
     EXPECT_EQ(placeholder.width(), placeholder.height());
     const CoverArt::Color pm = CoverArt::meanLinear(placeholder);
     EXPECT_GT(pm.r, 0.0);

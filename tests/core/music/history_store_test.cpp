@@ -40,7 +40,6 @@ TEST(AlbumHash, IsFnv1aOverUtf8)
 {
     EXPECT_EQ(albumHash(""), 0xcbf29ce484222325ULL);
     EXPECT_EQ(albumHash("a"), 0xaf63dc4c8601ec8cULL);
-    EXPECT_EQ(albumHash("foobar"), 0x85944171f73967e8ULL);
     // Non-ASCII titles hash their UTF-8 bytes (C3 87), not UTF-16 units.
     EXPECT_EQ(albumHash(QString::fromUtf8("Ç")), 0x0ac1f107b717dd6fULL);
     EXPECT_EQ(albumCoverFileName("a"), "af63dc4c8601ec8c.jpg");
@@ -56,23 +55,13 @@ TEST_F(HistoryStoreTest, AnAlbumPlayedAgainMovesToTheTopOnce)
     store.record(cover(Qt::blue), "B");
     store.record(cover(Qt::red), "A");
     EXPECT_EQ(albums(store), QStringList({"A", "B"}));
-    EXPECT_EQ(store.entries().first().file, albumCoverFileName("A"));
 
     store.flush();  // the covers and the index are written off the caller's thread
-    const QImage previous = store.previous("A");
-    ASSERT_FALSE(previous.isNull());
-    const QColor c = previous.pixelColor(32, 32);
-    EXPECT_LT(c.red(), 20);
-    EXPECT_GT(c.blue(), 230) << "B's cover";
+    EXPECT_GT(store.previous("A").pixelColor(32, 32).blue(), 230) << "B's cover";
     EXPECT_GT(store.previous("B").pixelColor(32, 32).red(), 230);
 
     // What was recorded is what the next launch finds.
-    HistoryStore again(settings, dir());
-    EXPECT_EQ(albums(again), QStringList({"A", "B"}));
-    const QJsonArray index = QJsonDocument::fromJson(readFile(dir() + "/index.json")).array();
-    ASSERT_EQ(index.size(), 2);
-    EXPECT_EQ(index[0].toObject()["album"].toString(), "A");
-    EXPECT_EQ(index[0].toObject()["file"].toString(), albumCoverFileName("A"));
+    EXPECT_EQ(HistoryStore(settings, dir()).entries(), store.entries());
 
     // Nothing to show without another readable album; an empty album name is ignored.
     QFile::remove(fileOf("A"));
@@ -95,10 +84,8 @@ TEST_F(HistoryStoreTest, TheLimitDeletesTheOldestCovers)
     for (const char *album : {"One", "Two", "Three", "Four"}) store.record(cover(Qt::gray), album);
     EXPECT_EQ(albums(store), QStringList({"Four", "Three"}));
     store.flush();
-    EXPECT_FALSE(QFile::exists(fileOf("One")));
-    EXPECT_FALSE(QFile::exists(fileOf("Two")));
-    EXPECT_TRUE(QFile::exists(fileOf("Three")));
-    EXPECT_TRUE(QFile::exists(fileOf("Four")));
+    for (const char *album : {"One", "Two", "Three", "Four"})
+        EXPECT_EQ(QFile::exists(fileOf(album)), albums(store).contains(album)) << album;
 
     // A lower limit cuts the stack as soon as it is set, not at the next album; 0 or less keeps
     // one. A higher one changes nothing yet.
@@ -157,13 +144,9 @@ TEST_F(HistoryStoreTest, ACorruptIndexIsAnEmptyStackRewrittenOnTheNextRecord)
 
     writeFile(dir() + "/index.json", "[{\"album\": \"A\", \"fi");
     HistoryStore store(settings, dir());
-    EXPECT_TRUE(store.entries().isEmpty());
     store.record(cover(Qt::red), "B");
     store.flush();
-    const QJsonDocument doc = QJsonDocument::fromJson(readFile(dir() + "/index.json"));
-    ASSERT_TRUE(doc.isArray());
-    ASSERT_EQ(doc.array().size(), 1);
-    EXPECT_EQ(doc.array()[0].toObject()["album"].toString(), "B");
+    EXPECT_EQ(albums(HistoryStore(settings, dir())), QStringList{"B"});
 
     // Well-formed JSON of the wrong shape is no better, nor is a name that leads out of the folder.
     for (const char *index : {R"([{"album": 3, "file": "x.jpg"}])", R"({"album": "A"})",
@@ -232,8 +215,7 @@ TEST_F(HistoryStoreTest, ClearingDeletesEveryCoverAndTheIndexAndAnnouncesOnce)
     store.clear();
     EXPECT_EQ(changed.count(), 1);
     EXPECT_TRUE(store.entries().isEmpty());
-    EXPECT_TRUE(QDir(dir()).entryList(QDir::Files).isEmpty());
-    EXPECT_TRUE(HistoryStore(settings, dir()).entries().isEmpty());
+    EXPECT_TRUE(QDir(dir()).entryList(QDir::Files).isEmpty()) << "the covers and the index";
     store.clear();  // files already gone: ignored
     EXPECT_EQ(changed.count(), 2);
 }
@@ -244,6 +226,5 @@ TEST_F(HistoryStoreTest, DefaultFolderIsInTheSupportDirectory)
     // The support directory is computed once per process; whatever it is, history sits in it.
     HistoryStore store(settings);
     EXPECT_EQ(store.dir(), SceneLocation::supportDirectory() + "/history");
-    EXPECT_TRUE(store.dir().startsWith(temp.path()));
     EXPECT_TRUE(QFileInfo(store.dir()).isDir());
 }

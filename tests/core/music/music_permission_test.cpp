@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 using Status = MusicPermission::Status;
+using Player = MusicPermission::Player;
 
 // A player table, a later answer to a consent request, and the setup flag that starts the
 // monitor once.
@@ -13,33 +14,28 @@ TEST(MusicPermission, TableRequestAndSetup)
 {
     QTemporaryDir dir;
     Settings settings(dir.filePath("settings.json"));
-    const PlayerSource spotify{"com.spotify.client", "Spotify", "Spotify"};
-    const PlayerSource music{"com.apple.Music", "Music", "Music"};
+    const PlayerSource spotify{"com.spotify.client", "Spotify", "Spotify"}, music{"com.apple.Music", "Music", "Music"};
     Status spotifyNow = Status::notDetermined;
     std::function<void(Status)> pending;
-    MusicPermission permission(settings,
-                               {[&] {
-                                    return QList<PlayerSource>{spotify, music};
-                                },
-                                [&](const PlayerSource &s) { return s == spotify ? spotifyNow : Status::notRunning; },
-                                [&](const PlayerSource &, std::function<void(Status)> answer) { pending = answer; }});
-    ASSERT_EQ(permission.players().size(), 2);
-    EXPECT_EQ(permission.players()[0].status, Status::notDetermined);
-    EXPECT_EQ(permission.players()[1].status, Status::notRunning);
+    MusicPermission::Probe probe;
+    probe.players = [&] { return QList<PlayerSource>{spotify, music}; };
+    probe.status = [&](const PlayerSource &s) { return s == spotify ? spotifyNow : Status::notRunning; };
+    probe.request = [&](const PlayerSource &, std::function<void(Status)> answer) { pending = answer; };
+    MusicPermission permission(settings, probe);
+    EXPECT_EQ(permission.players(), (QList<Player>{{spotify, Status::notDetermined}, {music, Status::notRunning}}));
 
     QSignalSpy changed(&permission, &MusicPermission::changed);
     std::optional<Status> told;
     permission.request(spotify, [&](Status s) { told = s; });
     EXPECT_FALSE(told) << "the system answers later";
-    ASSERT_TRUE(pending);
     pending(Status::granted);
     EXPECT_EQ(told, Status::granted);
-    EXPECT_EQ(permission.players()[0].status, Status::granted);
+    EXPECT_EQ(permission.players(), (QList<Player>{{spotify, Status::granted}, {music, Status::notRunning}}));
     EXPECT_EQ(changed.count(), 1);
     // A refresh reads the system again: consent withdrawn in the system's settings shows.
     spotifyNow = Status::denied;
     permission.refresh();
-    EXPECT_EQ(permission.players()[0].status, Status::denied);
+    EXPECT_EQ(permission.players(), (QList<Player>{{spotify, Status::denied}, {music, Status::notRunning}}));
 
     QSignalSpy finished(&permission, &MusicPermission::setupFinished);
     EXPECT_FALSE(permission.setupDone());

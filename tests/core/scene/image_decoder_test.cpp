@@ -20,7 +20,7 @@ namespace {
 // value(x, y, channel). The data window defaults to the display window.
 struct Exr {
     Imath::Box2i display{{0, 0}, {3, 2}};
-    std::optional<Imath::Box2i> data;
+    std::optional<Imath::Box2i> data{};
     Imf::PixelType type = Imf::HALF;
     Imf::Compression compression = Imf::ZIP_COMPRESSION;
     bool alpha = true;
@@ -56,6 +56,12 @@ struct Exr {
         file.setFrameBuffer(fb);
         file.writePixels(height);
     }
+    // Writes the file and decodes it back.
+    HalfImage decoded(const QString &path) const
+    {
+        write(path);
+        return decodeEXR(path);
+    }
 };
 
 uint16_t bits(float f) { return half(f).bits(); }
@@ -83,36 +89,24 @@ std::string failureOf(const std::function<void()> &f)
 TEST(ImageDecoder, DecodesHalfRgbaAndRgbInEveryCompression)
 {
     QTemporaryDir dir;
-    Exr rgba;
-    rgba.write(dir.filePath("rgba.exr"));
-    const HalfImage a = decodeEXR(dir.filePath("rgba.exr"));
-    ASSERT_EQ(a.width, 4);
-    ASSERT_EQ(a.height, 3);
-    ASSERT_EQ(a.pixels.size(), 4u * 3u * 4u);
+    const HalfImage a = Exr().decoded(dir.filePath("rgba.exr"));
+    ASSERT_EQ(std::tuple(a.width, a.height, a.pixels.size()), std::tuple(4, 3, 4u * 3u * 4u));
     // Row 2, column 3, channel B: 3 + 20 + 0.5, bit for bit, top row first.
     EXPECT_EQ(a.pixels[(2 * 4 + 3) * 4 + 2], bits(23.5f));
     EXPECT_EQ(a.pixels[3], bits(0.75f));
 
-    Exr rgb = rgba;
-    rgb.alpha = false;
-    rgb.compression = Imf::PIZ_COMPRESSION;
-    rgb.write(dir.filePath("rgb.exr"));
-    const HalfImage b = decodeEXR(dir.filePath("rgb.exr"));
+    const HalfImage b = Exr{.compression = Imf::PIZ_COMPRESSION, .alpha = false}.decoded(dir.filePath("rgb.exr"));
     EXPECT_EQ(b.pixels[(1 * 4 + 2) * 4 + 0], bits(12.0f));
     for (size_t i = 3; i < b.pixels.size(); i += 4) ASSERT_EQ(b.pixels[i], 0x3C00);
 
     // DWA is lossy on colour and lossless on alpha.
     for (const auto compression : {Imf::DWAA_COMPRESSION, Imf::DWAB_COMPRESSION}) {
-        Exr dwa = rgba;
-        dwa.display = {{0, 0}, {39, 33}};
-        dwa.compression = compression;
-        dwa.value = [](int x, int y, int c) {
+        const auto value = [](int x, int y, int c) {
             return c == 3 ? 0.003f * float(x * y % 97) : 0.01f * (x + y) + 0.1f * c;
         };
-        dwa.write(dir.filePath("dwa.exr"));
-        const HalfImage d = decodeEXR(dir.filePath("dwa.exr"));
-        ASSERT_EQ(d.width, 40);
-        ASSERT_EQ(d.height, 34);
+        const HalfImage d = Exr{.display = {{0, 0}, {39, 33}}, .compression = compression, .value = value}.decoded(
+            dir.filePath("dwa.exr"));
+        ASSERT_EQ(std::tuple(d.width, d.height), std::tuple(40, 34));
         const size_t at = (20 * 40 + 30) * 4;
         EXPECT_NEAR(float(half(half::FromBits, d.pixels[at + 1])), 0.6f, 0.02f);
         for (int y = 0; y < 34; ++y)
@@ -125,17 +119,12 @@ TEST(ImageDecoder, DataWindowIsPlacedInTheDisplayWindow)
 {
     QTemporaryDir dir;
     // A 64×64 plate whose file holds only (16, 24)–(47, 55), opaque at (30, 40).
-    Exr inner;
-    inner.display = {{0, 0}, {63, 63}};
-    inner.data = Imath::Box2i{{16, 24}, {47, 55}};
-    inner.value = [](int x, int y, int c) { return c == 3 ? float(x == 30 && y == 40) : 2.0f; };
-    inner.write(dir.filePath("inner.exr"));
-    const HalfImage a = decodeEXR(dir.filePath("inner.exr"));
-    ASSERT_EQ(a.width, 64);
-    ASSERT_EQ(a.height, 64);
-    const auto sprite = cropSprite(a);
-    ASSERT_TRUE(sprite);
-    EXPECT_EQ(sprite->rect, (std::array<float, 4>{29, 39, 3, 3}));
+    const auto opaqueAt3040 = [](int x, int y, int c) { return c == 3 ? float(x == 30 && y == 40) : 2.0f; };
+    const HalfImage a =
+        Exr{.display = {{0, 0}, {63, 63}}, .data = Imath::Box2i{{16, 24}, {47, 55}}, .value = opaqueAt3040}.decoded(
+            dir.filePath("inner.exr"));
+    ASSERT_EQ(std::tuple(a.width, a.height), std::tuple(64, 64));
+    EXPECT_EQ(cropSprite(a).value().rect, (std::array<float, 4>{29, 39, 3, 3}));
     EXPECT_EQ(a.pixels[(24 * 64 + 16) * 4], bits(2.0f));
     EXPECT_EQ(a.pixels[(55 * 64 + 47) * 4], bits(2.0f));
     // Outside the data window: transparent black, all four halves zero.
@@ -144,21 +133,19 @@ TEST(ImageDecoder, DataWindowIsPlacedInTheDisplayWindow)
 
     // A data window reaching past the display window on three sides, of an RGB file: what lies
     // outside is dropped, and only the covered pixels gain an opaque alpha.
-    Exr outer;
-    outer.display = {{0, 0}, {31, 15}};
-    outer.data = Imath::Box2i{{-5, 10}, {40, 20}};
-    outer.alpha = false;
-    outer.compression = Imf::PIZ_COMPRESSION;
-    outer.value = [](int x, int y, int) { return float(x + 100 * y); };
-    outer.write(dir.filePath("outer.exr"));
-    const HalfImage b = decodeEXR(dir.filePath("outer.exr"));
-    ASSERT_EQ(b.width, 32);
-    ASSERT_EQ(b.height, 16);
+    const auto position = [](int x, int y, int) { return float(x + 100 * y); };
+    const HalfImage b = Exr{.display = {{0, 0}, {31, 15}},
+                            .data = Imath::Box2i{{-5, 10}, {40, 20}},
+                            .compression = Imf::PIZ_COMPRESSION,
+                            .alpha = false,
+                            .value = position}
+                            .decoded(dir.filePath("outer.exr"));
+    ASSERT_EQ(std::tuple(b.width, b.height), std::tuple(32, 16));
     EXPECT_EQ(b.pixels[(10 * 32 + 0) * 4], bits(1000.0f));
     EXPECT_EQ(b.pixels[(15 * 32 + 31) * 4], bits(1531.0f));
     EXPECT_EQ(b.pixels[(15 * 32 + 31) * 4 + 3], 0x3C00);
     EXPECT_EQ(b.pixels[(9 * 32 + 31) * 4 + 3], 0);
-    EXPECT_EQ(cropByChannel(b, 3)->rect, (std::array<float, 4>{0, 9, 32, 7}));
+    EXPECT_EQ(cropByChannel(b, 3).value().rect, (std::array<float, 4>{0, 9, 32, 7}));
 }
 
 TEST(ImageDecoder, FailureTexts)
@@ -168,27 +155,18 @@ TEST(ImageDecoder, FailureTexts)
     EXPECT_EQ(failureOf([&] { decodeEXR(missing); }), ("não achei " + missing).toStdString());
     EXPECT_EQ(failureOf([&] { decodeGray(missing); }), ("não achei " + missing).toStdString());
 
-    Exr wide;
-    wide.type = Imf::FLOAT;
-    wide.write(dir.filePath("float.exr"));
+    Exr{.type = Imf::FLOAT}.write(dir.filePath("float.exr"));
     EXPECT_EQ(failureOf([&] { decodeEXR(dir.filePath("float.exr")); }), "float.exr: precisa ser EXR half RGB(A)");
 
-    Exr good;
-    good.display = {{0, 0}, {63, 63}};
-    good.write(dir.filePath("good.exr"));
+    Exr{.display = {{0, 0}, {63, 63}}}.write(dir.filePath("good.exr"));
     const QByteArray whole = testsupport::readFile(dir.filePath("good.exr"));
     testsupport::writeFile(dir.filePath("cut.exr"), whole.left(whole.size() / 2));
     testsupport::writeFile(dir.filePath("junk.exr"), QByteArray(500, 'x'));
     testsupport::writeFile(dir.filePath("junk.png"), QByteArray("\x89PNG\r\n\x1a\n garbage"));
     // Rows wider than any texture are damage, not a reason to allocate for them.
-    Exr overscan;
-    overscan.data = Imath::Box2i{{-20000, 0}, {20000, 0}};
-    overscan.write(dir.filePath("overscan.exr"));
+    Exr{.data = Imath::Box2i{{-20000, 0}, {20000, 0}}}.write(dir.filePath("overscan.exr"));
     // So is a small file claiming more pixels than an 8K frame, each side within bounds.
-    Exr huge;
-    huge.display = {{0, 0}, {8999, 7999}};
-    huge.data = Imath::Box2i{{0, 0}, {31, 31}};
-    huge.write(dir.filePath("huge.exr"));
+    Exr{.display = {{0, 0}, {8999, 7999}}, .data = Imath::Box2i{{0, 0}, {31, 31}}}.write(dir.filePath("huge.exr"));
     for (const QString file : {"cut.exr", "junk.exr", "overscan.exr", "huge.exr", "junk.png"}) {
         const auto decode = [&] {
             file.endsWith(".png") ? void(decodeGray(dir.filePath(file))) : void(decodeEXR(dir.filePath(file)));
@@ -207,8 +185,7 @@ TEST(ImageDecoder, GreyMasksFromGreyAndColourPngs)
         for (int x = 0; x < 5; ++x) grey.scanLine(y)[x] = uchar(x * 50 + y);
     ASSERT_TRUE(grey.save(dir.filePath("grey.png")));
     const GrayImage g = decodeGray(dir.filePath("grey.png"));
-    ASSERT_EQ(g.width, 5);
-    ASSERT_EQ(g.pixels.size(), 10u);
+    ASSERT_EQ(std::tuple(g.width, g.pixels.size()), std::tuple(5, 10u));
     EXPECT_EQ(g.pixels[4], 200);
     EXPECT_EQ(g.pixels[5 + 4], 201);
 
@@ -244,10 +221,9 @@ TEST(ImageDecoder, CropThresholdsPerKindAndBoxes)
     // Additive sprites ignore alpha.
     EXPECT_FALSE(cropAdditive(alphaImage(8, 8, 1.0f, {}, 3)).has_value());
 
-    const float inf = std::numeric_limits<float>::infinity();
     EXPECT_FALSE(cropSprite(alphaImage(8, 8, -1.0f, {})).has_value());
     EXPECT_FALSE(cropSprite(alphaImage(8, 8, std::nanf(""), {})).has_value());
-    EXPECT_TRUE(cropSprite(alphaImage(8, 8, inf, {})).has_value());
+    EXPECT_TRUE(cropSprite(alphaImage(8, 8, std::numeric_limits<float>::infinity(), {})).has_value());
 
     // The box has a one-pixel margin, is clamped to the image and placed at the origin.
     HalfImage image = alphaImage(10, 8, 0, {{4, 3, 1.0f}, {6, 5, 0.5f}});
@@ -255,13 +231,11 @@ TEST(ImageDecoder, CropThresholdsPerKindAndBoxes)
     const auto crop = cropSprite(image, {100, 200});
     ASSERT_TRUE(crop);
     EXPECT_EQ(crop->rect, (std::array<float, 4>{103, 202, 5, 5}));
-    ASSERT_EQ(crop->image.width, 5);
-    ASSERT_EQ(crop->image.height, 5);
+    ASSERT_EQ(std::tuple(crop->image.width, crop->image.height), std::tuple(5, 5));
     EXPECT_EQ(crop->image.pixels[(3 * 5 + 3) * 4 + 0], bits(7.0f));  // (6,5) → (3,3)
 
-    const auto edge = cropSprite(alphaImage(10, 8, 0, {{0, 0, 1.0f}, {9, 7, 1.0f}}));
-    ASSERT_TRUE(edge);
-    EXPECT_EQ(edge->rect, (std::array<float, 4>{0, 0, 10, 8}));
+    EXPECT_EQ(cropSprite(alphaImage(10, 8, 0, {{0, 0, 1.0f}, {9, 7, 1.0f}})).value().rect,
+              (std::array<float, 4>{0, 0, 10, 8}));
 
     GrayImage shadow{6, 4, std::vector<uint8_t>(24, 255)};
     shadow.pixels[1 * 6 + 5] = 251;
@@ -274,5 +248,5 @@ TEST(ImageDecoder, CropThresholdsPerKindAndBoxes)
     GrayImage mask{6, 4, std::vector<uint8_t>(24, 0)};
     EXPECT_FALSE(cropMask(mask).has_value());
     mask.pixels[3 * 6 + 0] = 1;
-    EXPECT_EQ(cropMask(mask)->rect, (std::array<float, 4>{0, 2, 2, 2}));
+    EXPECT_EQ(cropMask(mask).value().rect, (std::array<float, 4>{0, 2, 2, 2}));
 }

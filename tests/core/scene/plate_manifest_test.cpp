@@ -11,6 +11,14 @@ namespace {
 QJsonObject minimal() { return QJsonDocument::fromJson(testsupport::minimalManifest()).object(); }
 QByteArray bytes(const QJsonObject &o) { return QJsonDocument(o).toJson(); }
 
+// `o` with o[path[0]][path[1]]… set to `value`.
+QJsonObject with(QJsonObject o, QStringList path, const QJsonValue &value)
+{
+    const QString key = path.takeFirst();
+    o[key] = path.isEmpty() ? value : QJsonValue(with(o[key].toObject(), path, value));
+    return o;
+}
+
 std::string errorOf(const QByteArray &json)
 {
     try {
@@ -45,24 +53,16 @@ const char *fullFraming = R"({
 
 TEST(PlateManifest, SnakeAndCamelCaseDecodeAlikeAndMapKeysStayVerbatim)
 {
-    QJsonObject snake = minimal();
-    snake["per_preset_groups"] = QJsonArray{"lamp"};
-    QJsonObject presets = snake["presets"].toObject();
-    presets["dia"] = QJsonObject{{"exposure_by_scenario", QJsonObject{{"living_room", 0.5}}}, {"sun_key", "noon"}};
-    snake["presets"] = presets;
-    QJsonObject framings = snake["framings"].toObject();
-    framings["living_room"] = QJsonDocument::fromJson(fullFraming).object();
-    snake["framings"] = framings;
+    QJsonObject snake = with(minimal(), {"per_preset_groups"}, QJsonArray{"lamp"});
+    snake = with(snake, {"presets", "dia"},
+                 QJsonObject{{"exposure_by_scenario", QJsonObject{{"living_room", 0.5}}}, {"sun_key", "noon"}});
+    snake = with(snake, {"framings", "living_room"}, QJsonDocument::fromJson(fullFraming).object());
 
     QByteArray camelText = bytes(snake);
-    const std::pair<const char *, const char *> renames[] = {{"per_preset_groups", "perPresetGroups"},
-                                                             {"sun_keys", "sunKeys"},
-                                                             {"yaw_axis", "yawAxis"},
-                                                             {"center_world", "centerWorld"},
-                                                             {"glass_mask", "glassMask"},
-                                                             {"art_uv", "artUv"},
-                                                             {"point_px", "pointPx"}};
-    for (const auto &[from, to] : renames) camelText.replace(from, to);
+    const char *renames[] = {"per_preset_groups", "perPresetGroups", "sun_keys",   "sunKeys",   "yaw_axis", "yawAxis",
+                             "center_world",      "centerWorld",     "glass_mask", "glassMask", "art_uv",   "artUv",
+                             "point_px",          "pointPx"};
+    for (size_t i = 0; i < std::size(renames); i += 2) camelText.replace(renames[i], renames[i + 1]);  // snake → camel
     ASSERT_TRUE(camelText.contains("glassMask"));
 
     const PlateManifest a = PlateManifest::decode(bytes(snake));
@@ -95,38 +95,30 @@ TEST(PlateManifest, SnakeAndCamelCaseDecodeAlikeAndMapKeysStayVerbatim)
 
 TEST(PlateManifest, JSONValueCasesInOrder)
 {
+    using Kind = JSONValue::Kind;
     const auto decode = [](const char *text) {
         return JSONValue::decode(QJsonDocument::fromJson(QByteArray("[") + text + "]").array().at(0));
     };
-    EXPECT_EQ(decode("2.5").kind(), JSONValue::Kind::number);
-    EXPECT_EQ(decode("[1, 2, 3]").kind(), JSONValue::Kind::vector);
-    EXPECT_EQ(decode("{\"a\": 1}").kind(), JSONValue::Kind::object);
-    EXPECT_EQ(decode("{\"a\": {\"b\": 1}}").kind(), JSONValue::Kind::nested);
-    const JSONValue mixed = decode("{\"n\": 1, \"s\": \"x\"}");
-    ASSERT_EQ(mixed.kind(), JSONValue::Kind::nested);
+    const std::pair<const char *, Kind> kinds[] = {{"2.5", Kind::number},         {"[1, 2, 3]", Kind::vector},
+                                                   {R"({"a": 1})", Kind::object}, {R"({"a": {"b": 1}})", Kind::nested},
+                                                   {R"("noon")", Kind::text},     {"true", Kind::other},
+                                                   {"null", Kind::other},         {R"([1, "a"])", Kind::other}};
+    for (const auto &[text, kind] : kinds) EXPECT_EQ(decode(text).kind(), kind) << text;
+    const JSONValue mixed = decode(R"({"n": 1, "s": "x"})");
+    ASSERT_EQ(mixed.kind(), Kind::nested);
     EXPECT_TRUE(mixed.nested().at("n").isNumber());
     EXPECT_TRUE(mixed.nested().at("s").isText());
-    EXPECT_EQ(decode("\"noon\"").kind(), JSONValue::Kind::text);
-    EXPECT_EQ(decode("true").kind(), JSONValue::Kind::other);
-    EXPECT_EQ(decode("null").kind(), JSONValue::Kind::other);
-    EXPECT_EQ(decode("[1, \"a\"]").kind(), JSONValue::Kind::other);
 
-    QJsonObject m = minimal();
-    QJsonObject presets = m["presets"].toObject();
-    presets["dia"] = QJsonObject{{"room", true}};  // not an error
-    m["presets"] = presets;
-    EXPECT_EQ(PlateManifest::decode(bytes(m)).presets.at("dia").at("room").kind(), JSONValue::Kind::other);
+    const QJsonObject odd = with(minimal(), {"presets", "dia"}, QJsonObject{{"room", true}});  // not an error
+    EXPECT_EQ(PlateManifest::decode(bytes(odd)).presets.at("dia").at("room").kind(), Kind::other);
 }
 
 TEST(PlateManifest, PresetOrderDisplayNamesAndAStillRoom)
 {
-    QJsonObject m = minimal();
-    m["presets"] = QJsonObject{{"noite", QJsonObject{}},
-                               {"manha", QJsonObject{}},
-                               {"zz", QJsonObject{}},
-                               {"aa", QJsonObject{}},
-                               {"Zulu", QJsonObject{}}};
-    EXPECT_EQ(PlateManifest::decode(bytes(m)).presetOrder(), (QStringList{"manha", "noite", "Zulu", "aa", "zz"}));
+    QJsonObject presets;
+    for (const char *name : {"noite", "manha", "zz", "aa", "Zulu"}) presets[name] = QJsonObject();
+    EXPECT_EQ(PlateManifest::decode(bytes(with(minimal(), {"presets"}, presets))).presetOrder(),
+              (QStringList{"manha", "noite", "Zulu", "aa", "zz"}));
     EXPECT_EQ(PlateManifest::framingDisplayName("top"), "Top-down");
     EXPECT_EQ(PlateManifest::framingDisplayName("desk corner"), "Desk Corner");
     EXPECT_EQ(PlateManifest::framingDisplayName("LOFT"), "Loft");
@@ -143,29 +135,15 @@ TEST(PlateManifest, PresetOrderDisplayNamesAndAStillRoom)
 
 TEST(PlateManifest, InvalidInputIsRejectedWholeNamingTheField)
 {
+    EXPECT_EQ(errorOf(bytes(with(minimal(), {"contract"}, "1"))), "contract: esperava inteiro, achei texto");
+    EXPECT_NE(errorOf(bytes(with(minimal(), {"contract"}, 1.5))).find("contract"), std::string::npos);
     QJsonObject m = minimal();
-    m["contract"] = "1";
-    EXPECT_EQ(errorOf(bytes(m)), "contract: esperava inteiro, achei texto");
-    m["contract"] = 1.5;
-    EXPECT_NE(errorOf(bytes(m)).find("contract"), std::string::npos);
-
-    m = minimal();
     m.remove("clock");
     EXPECT_EQ(errorOf(bytes(m)), "clock: campo obrigatório ausente");
-
-    m = minimal();
-    QJsonObject framings = m["framings"].toObject();
-    QJsonObject mid = framings["mid"].toObject();
-    mid["record"] = QJsonObject{{"corners", QJsonArray{}}};
-    framings["mid"] = mid;
-    m["framings"] = framings;
-    EXPECT_EQ(errorOf(bytes(m)), "framings.mid.record.corners: esperava 4 pontos, achei 0");
-
-    m = minimal();
-    mid = m["framings"].toObject()["mid"].toObject();
-    mid["size"] = QJsonArray{64};
-    m["framings"] = QJsonObject{{"mid", mid}};
-    EXPECT_EQ(errorOf(bytes(m)), "framings.mid.size: esperava 2 números, achei 1");
+    EXPECT_EQ(errorOf(bytes(with(minimal(), {"framings", "mid", "record"}, QJsonObject{{"corners", QJsonArray{}}}))),
+              "framings.mid.record.corners: esperava 4 pontos, achei 0");
+    EXPECT_EQ(errorOf(bytes(with(minimal(), {"framings", "mid", "size"}, QJsonArray{64}))),
+              "framings.mid.size: esperava 2 números, achei 1");
 
     const QByteArray full = testsupport::minimalManifest();
     EXPECT_NE(errorOf(full.left(full.size() / 2)).find("JSON ilegível"), std::string::npos);

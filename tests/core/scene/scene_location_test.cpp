@@ -35,13 +35,33 @@ void setModified(const QString &path, int secondsAhead)
     ASSERT_TRUE(f.setFileTime(QDateTime::currentDateTime().addSecs(secondsAhead), QFileDevice::FileModificationTime));
 }
 
+// The root SceneLocation::resolve() picks, or "none".
+QString resolvedRoot()
+{
+    const auto resolved = SceneLocation::resolve();
+    return resolved ? resolved->root : QStringLiteral("none");
+}
+
+struct PlatesWatcherTest : ::testing::Test {
+    // Writes a manifest into `root` and watches it; a change settles after `debounceMs` of quiet.
+    void watch(int debounceMs)
+    {
+        writeFile(manifest, minimalManifest());
+        watcher.emplace(root.path(), count, debounceMs);
+    }
+    QTemporaryDir root;
+    const QString manifest = root.filePath("manifest.json");
+    int calls = 0;  // the reloads announced
+    const std::function<void()> count = [this] { ++calls; };
+    std::optional<PlatesWatcher> watcher;
+};
+
 }  // namespace
 
 TEST(SceneLocation, FoldersAndDevelopmentRoot)
 {
     EXPECT_EQ(SceneLocation::supportDirectory(), env->home.filePath("data") + "/Turnelo Dev");
     EXPECT_EQ(SceneLocation::installedRoot(), env->home.filePath("data") + "/Turnelo Dev/Scenes");
-    EXPECT_EQ(Log::path(), env->home.filePath("state") + "/Turnelo Dev.log");
     const auto roots = [] {
         QStringList list;
         for (const auto &c : SceneLocation::candidates()) list << c.root;
@@ -75,20 +95,16 @@ TEST(SceneLocation, ResolvePrefersAValidDevelopmentSceneAndLogsInvalidOnes)
 
     // No manifest in the development folder: silently falls through.
     EXPECT_FALSE(SceneLocation::usesDevelopmentScenes());
-    auto resolved = SceneLocation::resolve();
-    ASSERT_TRUE(resolved);
-    EXPECT_EQ(resolved->root, installed);
+    EXPECT_EQ(resolvedRoot(), installed);
 
     writeFile(dev.filePath("manifest.json"), "{\"contract\": \"1\"}");
-    resolved = SceneLocation::resolve();
-    ASSERT_TRUE(resolved);
-    EXPECT_EQ(resolved->root, installed);
+    EXPECT_EQ(resolvedRoot(), installed);
     EXPECT_TRUE(logText().contains("Cena: manifest inválido em " + dev.path().toUtf8() +
                                    ": contract: esperava inteiro, achei texto\n"));
 
     writeFile(dev.filePath("manifest.json"), minimalManifest());
     EXPECT_TRUE(SceneLocation::usesDevelopmentScenes());
-    EXPECT_EQ(SceneLocation::resolve()->root, dev.path());
+    EXPECT_EQ(resolvedRoot(), dev.path());
 
     // The room that ships comes last, and not at all beside a development folder; the installed
     // one wins over it, and it is read where it lies.
@@ -102,26 +118,19 @@ TEST(SceneLocation, ResolvePrefersAValidDevelopmentSceneAndLogsInvalidOnes)
     qunsetenv("TURNELO_SCENES_DIR");
     EXPECT_EQ(SceneLocation::resolve()->origin, SceneLocation::Origin::installed);
     QFile::remove(installed + "/manifest.json");
-    resolved = SceneLocation::resolve();
-    ASSERT_TRUE(resolved);
-    EXPECT_EQ(resolved->root, shipped);
-    EXPECT_EQ(resolved->origin, SceneLocation::Origin::bundled);
+    ASSERT_EQ(resolvedRoot(), shipped);
+    EXPECT_EQ(SceneLocation::resolve()->origin, SceneLocation::Origin::bundled);
     EXPECT_EQ(SceneLocation::bundledRoom(), shipped);
 
     QFile::remove(shipped + "/manifest.json");
-    EXPECT_FALSE(SceneLocation::resolve().has_value());
+    EXPECT_EQ(resolvedRoot(), "none");
     EXPECT_FALSE(SceneLocation::bundledRoom().has_value());
 }
 
 // The quiet interval is shortened so the test takes seconds; the logic is the same.
-TEST(PlatesWatcher, BurstOfWritesSettlesOnce)
+TEST_F(PlatesWatcherTest, BurstOfWritesSettlesOnce)
 {
-    QTemporaryDir root;
-    const QString manifest = root.filePath("manifest.json");
-    writeFile(manifest, minimalManifest());
-    int calls = 0;
-    PlatesWatcher watcher(
-        root.path(), [&] { ++calls; }, 400);
+    watch(400);
     spin(50ms);
     QFile f(manifest);
     for (int i = 0; i < 6; ++i) {
@@ -143,14 +152,9 @@ TEST(PlatesWatcher, BurstOfWritesSettlesOnce)
     EXPECT_EQ(calls, 1);
 }
 
-TEST(PlatesWatcher, AtomicReplacementsAreNoticedEachTime)
+TEST_F(PlatesWatcherTest, AtomicReplacementsAreNoticedEachTime)
 {
-    QTemporaryDir root;
-    const QString manifest = root.filePath("manifest.json");
-    writeFile(manifest, minimalManifest());
-    int calls = 0;
-    PlatesWatcher watcher(
-        root.path(), [&] { ++calls; }, 200);
+    watch(200);
     for (int round = 1; round <= 2; ++round) {
         const QString incoming = root.filePath("incoming.json");
         writeFile(incoming, minimalManifest());
@@ -164,7 +168,7 @@ TEST(PlatesWatcher, AtomicReplacementsAreNoticedEachTime)
     writeFile(manifest, minimalManifest());
     EXPECT_TRUE(waitUntil([&] { return calls == 4; }, 3s));
 
-    watcher.stop();
+    watcher->stop();
     writeFile(manifest, "{}");
     setModified(manifest, 99);
     spin(500ms);
@@ -172,19 +176,16 @@ TEST(PlatesWatcher, AtomicReplacementsAreNoticedEachTime)
 }
 
 // The installer's swap: the new scene comes in beside the old one and two renames exchange them.
-TEST(PlatesWatcher, RootSwappedByRenamesIsNoticedEveryTimeFromTheFirstInstall)
+TEST_F(PlatesWatcherTest, RootSwappedByRenamesIsNoticedEveryTimeFromTheFirstInstall)
 {
-    QTemporaryDir support;
-    const QString root = support.filePath("Scenes"), incoming = root + ".incoming", old = root + ".old";
-    int calls = 0;
-    PlatesWatcher watcher(
-        root, [&] { ++calls; }, 200);
+    const QString scenes = root.filePath("Scenes"), incoming = scenes + ".incoming", old = scenes + ".old";
+    PlatesWatcher watcher(scenes, count, 200);
     for (int round = 1; round <= 3; ++round) {
         writeFile(incoming + "/manifest.json", minimalManifest());
         setModified(incoming + "/manifest.json", 10 * round);
         QDir(old).removeRecursively();
-        ASSERT_TRUE(!QFileInfo::exists(root) || QDir().rename(root, old));
-        ASSERT_TRUE(QDir().rename(incoming, root));
+        ASSERT_TRUE(!QFileInfo::exists(scenes) || QDir().rename(scenes, old));
+        ASSERT_TRUE(QDir().rename(incoming, scenes));
         EXPECT_TRUE(waitUntil([&] { return calls == round; }, 3s)) << "install " << round;
     }
 }

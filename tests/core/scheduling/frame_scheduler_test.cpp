@@ -60,6 +60,8 @@ private:
 // The animated area and the sample points inside it: x and y at 150, 250, …, 550.
 const QRect kArea(100, 100, 500, 500);
 const std::vector<ListedWindow> kOverAll{{QRect(0, 0, 800, 800), 1.0}};
+constexpr auto locked = &SessionSignals::lockedChanged, asleep = &SessionSignals::asleepChanged,
+               active = &SessionSignals::activeChanged;
 
 class FrameSchedulerTest : public ::testing::Test {
 protected:
@@ -74,101 +76,95 @@ protected:
     FrameScheduler &make(int fps = 60, bool withArea = true)
     {
         scheduler = std::make_unique<FrameScheduler>(
-            fps, MediaClock([this] { return clockNow; }), [this] { return gpu(); },
-            [this](double t) {
-                ++ticks;
-                times.push_back(t);
-            });
+            fps, MediaClock([this] { return clockNow; }), [this] { return gpuTime; },
+            [this](double t) { ticks.push_back(t); });
         if (withArea) scheduler->animatedArea = [] { return std::optional<QRect>(kArea); };
         scheduler->attach(&windows, &session);
         scheduler->setWantsFrames(true);
         return *scheduler;
     }
-    // `seconds` of coverage probes.
-    void probeFor(double seconds)
+    void probeForASecond()
     {
-        for (int n = 0; n < int(seconds * 4); ++n) scheduler->probeTick();
+        for (int n = 0; n < 4; ++n) scheduler->probeTick();
     }
-    // Lines that report a change of the room's visibility ("Cena: … → renderiza|pausa").
+    // Sends one change of the session and tells whether frames run after it.
+    bool runsAfter(void (SessionSignals::*change)(bool), bool value)
+    {
+        (session.*change)(value);
+        return scheduler->isRunning();
+    }
+    // Lines that report a change of the room's visibility, from the `from`th.
     QStringList visibilityLines(int from = 0) const
     {
-        QStringList out;
-        for (const QString &line : log.messages())
-            if (line.startsWith("Cena: ") && (line.endsWith(" → pausa") || line.endsWith(" → renderiza"))) out << line;
-        return out.mid(from);
+        return log.messages().filter(QRegularExpression("^Cena: .* → (pausa|renderiza)$")).mid(from);
     }
 
-    std::function<std::pair<double, long long>()> gpu = [] { return std::pair<double, long long>{0.0, 0}; };
+    std::pair<double, long long> gpuTime{0.0, 0};  // GPU seconds and command buffers since the last line
     FixedWindowList windows;
     SessionSignals session;
     std::unique_ptr<FrameScheduler> scheduler;
-    int ticks = 0;
-    std::vector<double> times;
+    std::vector<double> ticks;  // the media time each tick carried
     double clockNow = 0;
 };
 
 TEST_F(FrameSchedulerTest, RunsOnlyWhenAttachedWantedAndExposedAndEachTickCarriesTheMediaTime)
 {
-    auto s = std::make_unique<FrameScheduler>(60, MediaClock(), nullptr, [this](double) { ++ticks; });
-    s->setWantsFrames(true);
-    EXPECT_FALSE(s->isRunning()) << "no tick before the view is attached";
-    s->attach(nullptr, nullptr);
-    EXPECT_TRUE(s->isRunning());
-    s->setWantsFrames(false);
-    EXPECT_FALSE(s->isRunning());
-    s->setWantsFrames(true);
-    s->setOccluded(true);
-    EXPECT_FALSE(s->isRunning());
-    s->setOccluded(false);
-    EXPECT_TRUE(s->isRunning());
-    s->invalidate();
+    FrameScheduler s(60, MediaClock(), nullptr, nullptr);
+    s.setWantsFrames(true);
+    EXPECT_FALSE(s.isRunning()) << "no tick before the view is attached";
+    s.attach(nullptr, nullptr);
+    EXPECT_TRUE(s.isRunning());
+    s.setWantsFrames(false);
+    EXPECT_FALSE(s.isRunning());
+    s.setWantsFrames(true);
+    s.setOccluded(true);
+    EXPECT_FALSE(s.isRunning());
+    s.setOccluded(false);
+    EXPECT_TRUE(s.isRunning());
 
     // The real timer delivers ticks, each with the media clock's time.
     clockNow = 42.5;
     make();
-    ASSERT_TRUE(waitUntil([&] { return ticks >= 3; }, 10s));
-    EXPECT_EQ(times.back(), 42.5);
+    ASSERT_TRUE(waitUntil([&] { return ticks.size() >= 3; }, 10s));
+    EXPECT_EQ(ticks.back(), 42.5);
 }
 
 TEST_F(FrameSchedulerTest, OnlyOpaqueWindowsOverEverySamplePointStopTheTicks)
 {
     auto &s = make();
+    // Covered pauses the ticks.
+    const auto state = [](const FrameScheduler &f) { return std::pair(f.isCovered(), f.isRunning()); };
+    const std::pair covered(true, false), shown(false, true);
 
     // Rows 0–3 whole, row 4 up to but not including the last point: 24 of 25. The second
     // window's right edge ends one pixel before x = 550.
     windows.set({{QRect(0, 0, 800, 500), 1.0}, {QRect(0, 500, 550, 300), 1.0}});
-    EXPECT_FALSE(s.isCovered());
+    EXPECT_EQ(state(s), shown);
     windows.set({{QRect(0, 0, 800, 800), 0.99}});  // the room shows through
-    EXPECT_FALSE(s.isCovered());
-    EXPECT_TRUE(s.isRunning());
-    EXPECT_TRUE(visibilityLines().isEmpty()) << log.lines().join('\n').toStdString();
+    EXPECT_EQ(state(s), shown);
 
     windows.set({{QRect(90, 90, 520, 520), 1.0}});
-    EXPECT_TRUE(s.isCovered());
-    EXPECT_FALSE(s.isRunning());
-    probeFor(1);  // several probes while covered say it once
+    EXPECT_EQ(state(s), covered);
+    probeForASecond();  // several probes while covered say it once
     windows.set({});
-    EXPECT_FALSE(s.isCovered());
-    EXPECT_TRUE(s.isRunning());
+    EXPECT_EQ(state(s), shown);
     EXPECT_EQ(visibilityLines(), QStringList({kCovered, kVisible}));
 
     // Two windows side by side, each alone leaving points open.
     windows.set({{QRect(100, 100, 250, 500), 1.0}, {QRect(350, 100, 250, 500), 1.0}});
-    EXPECT_TRUE(s.isCovered());
+    EXPECT_EQ(state(s), covered);
     windows.set({});
 
     // Without the stacking notice the periodic probe finds the cover within a second (it asks
     // the list only once a second while the room is visible), and the uncover at the next beat.
     const int before = windows.queries;
     windows.set(kOverAll, false);
-    probeFor(1);
+    probeForASecond();
     EXPECT_EQ(windows.queries - before, 1);
-    EXPECT_TRUE(s.isCovered());
-    EXPECT_FALSE(s.isRunning());
+    EXPECT_EQ(state(s), covered);
     windows.set({}, false);
     s.probeTick();
-    EXPECT_FALSE(s.isCovered());
-    EXPECT_TRUE(s.isRunning());
+    EXPECT_EQ(state(s), shown);
 
     // Covered from the start: no frame runs before the first probe.
     windows.set(kOverAll, false);
@@ -177,40 +173,30 @@ TEST_F(FrameSchedulerTest, OnlyOpaqueWindowsOverEverySamplePointStopTheTicks)
     // No animated area: nothing to cover.
     auto &noArea = make(60, false);
     windows.set(kOverAll);
-    EXPECT_FALSE(noArea.isCovered());
-    EXPECT_TRUE(noArea.isRunning());
+    EXPECT_EQ(state(noArea), shown);
 }
 
 TEST_F(FrameSchedulerTest, LockSleepSessionSwitchAndDarkScreensPauseEachOnTheirOwn)
 {
     auto &s = make();
-    const auto expectLines = [&](int from, const QStringList &expected) {
-        EXPECT_EQ(visibilityLines(from).join('\n').toStdString(), expected.join('\n').toStdString());
-    };
-
-    emit session.lockedChanged(true);
-    EXPECT_FALSE(s.isRunning());
+    EXPECT_FALSE(runsAfter(locked, true));
     // Unlocking while covered is no visibility change.
     windows.set(kOverAll);
     ASSERT_TRUE(s.isCovered());
-    emit session.lockedChanged(false);
-    EXPECT_FALSE(s.isRunning());
-    expectLines(0, {"Cena: screenIsLocked → pausa", kCovered});
+    EXPECT_FALSE(runsAfter(locked, false));
+    EXPECT_EQ(visibilityLines(), QStringList({"Cena: screenIsLocked → pausa", kCovered}));
     windows.set({});
     EXPECT_TRUE(s.isRunning());
 
-    emit session.asleepChanged(true);
-    EXPECT_FALSE(s.isRunning());
+    EXPECT_FALSE(runsAfter(asleep, true));
     emit session.activeChanged(false);  // already hidden: nothing to say
-    emit session.asleepChanged(false);  // screens wake, but the session is still away
-    EXPECT_FALSE(s.isRunning());
+    EXPECT_FALSE(runsAfter(asleep, false)) << "the screens woke, but the session is still away";
+    EXPECT_TRUE(runsAfter(active, true));
+    EXPECT_FALSE(runsAfter(active, false));
     emit session.activeChanged(true);
-    EXPECT_TRUE(s.isRunning());
-    emit session.activeChanged(false);
-    EXPECT_FALSE(s.isRunning());
-    emit session.activeChanged(true);
-    expectLines(3, {"Cena: screensDidSleep → pausa", "Cena: sessionDidBecomeActive → renderiza",
-                    "Cena: sessionDidResignActive → pausa", "Cena: sessionDidBecomeActive → renderiza"});
+    EXPECT_EQ(visibilityLines(3),
+              QStringList({"Cena: screensDidSleep → pausa", "Cena: sessionDidBecomeActive → renderiza",
+                           "Cena: sessionDidResignActive → pausa", "Cena: sessionDidBecomeActive → renderiza"}));
 
     // Screens powered down: paused, and while off the probe asks only about the screens.
     const QString off = QStringLiteral("Cena: monitor desligado → pausa");
@@ -218,7 +204,7 @@ TEST_F(FrameSchedulerTest, LockSleepSessionSwitchAndDarkScreensPauseEachOnTheirO
     windows.setScreensOff(true);
     EXPECT_FALSE(s.isRunning());
     const int queries = windows.queries;
-    probeFor(1);
+    probeForASecond();
     EXPECT_EQ(windows.queries, queries);
     // Without the notice the probe notices them coming back at its next beat.
     windows.setScreensOff(false, false);
@@ -233,11 +219,10 @@ TEST_F(FrameSchedulerTest, LockSleepSessionSwitchAndDarkScreensPauseEachOnTheirO
     // Locked meanwhile: the screens going off or on changes nothing anyone sees.
     emit session.lockedChanged(true);
     windows.setScreensOff(true);
-    emit session.lockedChanged(false);
-    EXPECT_FALSE(s.isRunning());
+    EXPECT_FALSE(runsAfter(locked, false));
     windows.setScreensOff(false);
     EXPECT_TRUE(s.isRunning());
-    expectLines(7, {off, on, off, kCovered, kVisible, "Cena: screenIsLocked → pausa", on});
+    EXPECT_EQ(visibilityLines(7), QStringList({off, on, off, kCovered, kVisible, "Cena: screenIsLocked → pausa", on}));
 }
 
 TEST_F(FrameSchedulerTest, IgnoringOcclusionRunsBehindWindowsButNotWhenLockedOrAsleep)
@@ -250,12 +235,9 @@ TEST_F(FrameSchedulerTest, IgnoringOcclusionRunsBehindWindowsButNotWhenLockedOrA
     windows.set(kOverAll);
     s.setOccluded(true);
     EXPECT_TRUE(s.isRunning());
-    emit session.lockedChanged(true);
-    EXPECT_FALSE(s.isRunning());
-    emit session.lockedChanged(false);
-    EXPECT_TRUE(s.isRunning());
-    emit session.asleepChanged(true);
-    EXPECT_FALSE(s.isRunning());
+    EXPECT_FALSE(runsAfter(locked, true));
+    EXPECT_TRUE(runsAfter(locked, false));
+    EXPECT_FALSE(runsAfter(asleep, true));
 }
 
 TEST_F(FrameSchedulerTest, TheRateSetsTheTickAndTheSameRateDoesNotRestartIt)
@@ -269,7 +251,7 @@ TEST_F(FrameSchedulerTest, TheRateSetsTheTickAndTheSameRateDoesNotRestartIt)
     QTimer again;
     QObject::connect(&again, &QTimer::timeout, [&] { s.setRate(20); });
     again.start(10);
-    EXPECT_TRUE(waitUntil([&] { return ticks >= 2; }, 10s));
+    EXPECT_TRUE(waitUntil([&] { return ticks.size() >= 2; }, 10s));
 
     // moving, rain drawn, base rate, battery saver → rate
     const std::tuple<bool, bool, int, bool, int> cases[] = {
@@ -283,10 +265,9 @@ TEST_F(FrameSchedulerTest, TheRateSetsTheTickAndTheSameRateDoesNotRestartIt)
     // From {30, 0.034, 15}: a cost wavering about a step's edge leaves the rate where it is, both
     // ways; clearly over, or with room to spare, it moves.
     const std::tuple<int, double, int, int> software[] = {
-        {30, 0.010, 0, 30},   {30, 0.016, 0, 30},  {30, 0.029, 0, 15},  {30, 0.0249, 0, 20}, {15, 0.029, 0, 15},
-        {60, 0.010, 0, 48},   {20, 0.040, 0, 12},  {30, 0.3, 0, 1},     {30, 2.0, 0, 1},     {30, 0.0, 15, 30},
-        {30, -1.0, 15, 30},   {30, 0.034, 15, 15}, {30, 0.032, 15, 15}, {30, 0.030, 12, 12}, {30, 0.034, 12, 12},
-        {30, 0.0375, 15, 12}, {30, 0.026, 12, 15}, {30, 0.010, 15, 30}, {15, 0.010, 30, 15}};
+        {30, 0.010, 0, 30},  {30, 0.029, 0, 15},   {30, 0.0249, 0, 20}, {60, 0.010, 0, 48},  {20, 0.040, 0, 12},
+        {30, 0.3, 0, 1},     {30, 0.0, 15, 30},    {30, -1.0, 15, 30},  {30, 0.034, 15, 15}, {30, 0.030, 12, 12},
+        {30, 0.034, 12, 12}, {30, 0.0375, 15, 12}, {30, 0.026, 12, 15}, {30, 0.010, 15, 30}, {15, 0.010, 30, 15}};
     for (const auto &[wanted, seconds, current, expected] : software)
         EXPECT_EQ(FrameScheduler::sustainedRate(wanted, seconds, 0.5, current), expected)
             << wanted << " " << seconds << " " << current;
@@ -304,7 +285,7 @@ TEST_F(FrameSchedulerTest, PerformanceLine)
 
     // Each line covers 2 s of the media clock. 0.1 GPU seconds over 4 command buffers: 25 ms a
     // frame, 5 % busy.
-    gpu = [] { return std::pair<double, long long>{0.1, 4}; };
+    gpuTime = {0.1, 4};
     clockNow = 100;
     const std::clock_t cpuAtStart = std::clock();
     auto &s = make(60);
@@ -347,7 +328,7 @@ TEST_F(FrameSchedulerTest, PerformanceLine)
     EXPECT_NEAR(second.captured(3).toInt(), rssKb / 1024, slackMb);
 
     // No command buffer completed: no time per frame.
-    gpu = [] { return std::pair<double, long long>{0.0, 0}; };
+    gpuTime = {0.0, 0};
     clockNow += 2;
     s.writePerfLine();
     EXPECT_TRUE(perfLines()[2].contains("GPU 0.000 ms/quadro (0.00% ocupada)")) << perfLines()[2].toStdString();
@@ -365,7 +346,7 @@ TEST_F(FrameSchedulerTest, InvalidateStopsTicksProbesSignalsAndTheLine)
     s.setWantsFrames(true);
     s.probeTick();
     testsupport::spin(300ms);  // the timers, had they kept running, would probe and write meanwhile
-    EXPECT_EQ(ticks, 0);
+    EXPECT_TRUE(ticks.empty());
     EXPECT_EQ(windows.queries, queries);
     EXPECT_TRUE(log.lines().isEmpty()) << log.lines().join('\n').toStdString();
     s.attach(&windows, &session);

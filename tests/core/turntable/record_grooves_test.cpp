@@ -8,15 +8,12 @@ namespace {
 
 TEST(RecordGrooves, SidesSplitTheAlbumInHalves)
 {
-    auto s = RecordGrooves::side(7, 10, "x");
-    ASSERT_TRUE(s);
-    EXPECT_EQ(s->first, 'B');
-    EXPECT_EQ(s->second, 2);
-    EXPECT_EQ(RecordGrooves::side(5, 9, "x")->first, 'A');
-    EXPECT_EQ(RecordGrooves::side(6, 9, "x")->first, 'B');
+    EXPECT_EQ(RecordGrooves::side(7, 10, "x"), std::pair(QChar('B'), 2));
+    EXPECT_EQ(RecordGrooves::side(5, 9, "x"), std::pair(QChar('A'), 5));
+    EXPECT_EQ(RecordGrooves::side(6, 9, "x"), std::pair(QChar('B'), 1));
     EXPECT_FALSE(RecordGrooves::side(0, 9, "x"));
     // Number above the count: total 12, half 6.
-    EXPECT_EQ(RecordGrooves::side(12, 10, "x")->second, 6);
+    EXPECT_EQ(RecordGrooves::side(12, 10, "x"), std::pair(QChar('B'), 6));
 }
 
 TEST(RecordGrooves, BandsFillTheGrooveAreaInProportionToLength)
@@ -71,9 +68,7 @@ TEST(RecordSpin, AngleFollowsTheEasedSpeed)
     EXPECT_NEAR(s.angle(10.16), w * 0.16 / M_E, 1e-12);  // spin-up, tau 0.16
     EXPECT_NEAR(s.speed(10.16), w * (1 - 1 / M_E), 1e-12);
     EXPECT_NEAR(s.angle(13), wrap(w * (3 - 0.16)), 1e-7);  // steady (e^(−18.75) left), w·0.16 behind
-    EXPECT_NEAR(s.angle(14.8), s.angle(13), 1e-7);
-    EXPECT_NEAR(s.angle(13.45), wrap(s.angle(13) + M_PI / 2), 1e-7);
-    s.set(true, 12);  // same target: nothing changes
+    s.set(true, 12);                                       // same target: nothing changes
     EXPECT_EQ(s.t0, 10);
     s.set(false, 20);  // spin-down, tau 0.22: coasts w·0.22 further
     const double stopAt = wrap(w * (10 - 0.16));
