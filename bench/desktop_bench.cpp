@@ -14,6 +14,7 @@
 
 #include <QCommandLineParser>
 #include <QCoreApplication>
+#include <QDateTime>
 #include <QDir>
 #include <QElapsedTimer>
 #include <QFile>
@@ -22,6 +23,7 @@
 #include <QTemporaryDir>
 #include <QThread>
 #include <cstdio>
+#include <cstdlib>
 #include <functional>
 #include <unistd.h>
 
@@ -128,7 +130,11 @@ int main(int argc, char **argv)
                                       "Keep the program's caches (pipelines, the driver's shaders) in this folder, so "
                                       "that a second run starts warm.",
                                       "dir");
-    p.addOptions({secondsOpt, sizeOpt, sceneOpt, generatedOpt, waylandOpt, noSteamOpt, shotOpt, cacheOpt});
+    const QCommandLineOption timeOpt("time",
+                                     "The program's local clock reads this time (through its time zone), for "
+                                     "example 18:40, where the afternoon and night lights blend.",
+                                     "HH:MM");
+    p.addOptions({secondsOpt, sizeOpt, sceneOpt, generatedOpt, waylandOpt, noSteamOpt, shotOpt, cacheOpt, timeOpt});
     p.addHelpOption();
     p.process(app);
     const int seconds = std::max(4, p.value(secondsOpt).toInt());
@@ -172,6 +178,21 @@ int main(int argc, char **argv)
         env.insert(key, bus.env().value(key));
     env.insert("TURNELO_SCENES_DIR", scene);
     if (p.isSet(cacheOpt)) env.insert("XDG_CACHE_HOME", QDir(p.value(cacheOpt)).absolutePath());
+    if (p.isSet(timeOpt)) {
+        const QTime wanted = QTime::fromString(p.value(timeOpt), "HH:mm");
+        if (!wanted.isValid()) {
+            std::fprintf(stderr, "--time takes HH:MM\n");
+            return 1;
+        }
+        const QTime utc = QDateTime::currentDateTimeUtc().time();
+        // Local time is UTC plus this many minutes; a POSIX zone's offset has the other sign.
+        int ahead = (wanted.msecsSinceStartOfDay() / 60000 - utc.msecsSinceStartOfDay() / 60000 + 1440) % 1440;
+        if (ahead > 720) ahead -= 1440;
+        env.insert("TZ", QStringLiteral("BENCH%1%2:%3")
+                             .arg(ahead > 0 ? '-' : '+')
+                             .arg(std::abs(ahead) / 60)
+                             .arg(std::abs(ahead) % 60, 2, 10, QLatin1Char('0')));
+    }
     if (!env.contains("VK_ICD_FILENAMES") && !lavapipeIcd().isEmpty() &&
         !qEnvironmentVariableIsSet("TURNELO_BENCH_GPU"))
         env.insert("VK_ICD_FILENAMES", lavapipeIcd());
