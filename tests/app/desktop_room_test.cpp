@@ -1,14 +1,12 @@
-// The real program on a real X server with a real window manager, a private bus with mocked
-// UPower, logind and screen saver, and the software Vulkan device: the room comes up on the
-// desktop, pauses when covered or locked, and follows power, screens and the scene on disk.
+// The real program on X with the software Vulkan device. Under openbox, with mocked UPower, logind
+// and screen saver, the room shows, pauses when covered or locked, follows power, screens and disk.
+// Under KDE Plasma (kwin_x11 compositing on software GL, plasmashell painting its wallpaper into a
+// 32-bit desktop window) it shows above that window, below the panel.
 
 #include "PrivateBus.h"
 #include "RoomProcess.h"
-#include "TestSupport.h"
 #include "XServer.h"
 
-#include <QDBusMessage>
-#include <QDir>
 #include <QElapsedTimer>
 #include <QFile>
 #include <QThread>
@@ -17,8 +15,23 @@
 #include "XClient.h"  // last: Xlib's macros clash with gtest's templates
 
 using namespace testsupport;
+using namespace std::chrono_literals;
 
 namespace {
+
+// The managed windows of `type` whose class is `program`.
+std::vector<Window> clientsOf(XClient &c, const char *program, const char *type)
+{
+    std::vector<Window> found;
+    for (const unsigned long w : c.values(c.root(), "_NET_CLIENT_LIST")) {
+        XClassHint names{};
+        const bool named = XGetClassHint(c.d, w, &names);
+        if (named && QByteArray(names.res_class) == program && c.has(w, "_NET_WM_WINDOW_TYPE", type))
+            found.push_back(w);
+        if (named) XFree(names.res_name), XFree(names.res_class);
+    }
+    return found;
+}
 
 class DesktopRoom : public ::testing::Test {
 protected:
@@ -36,8 +49,7 @@ protected:
         room.emplace(x.environment(), bus.address);
     }
 
-    // The program's windows smaller than the screen: its moving layers, largest first (the
-    // record and arm, then the steam).
+    // The program's windows smaller than the screen: its moving layers, largest (record and arm) first.
     std::vector<QRect> layers()
     {
         const QString tree = QString::fromUtf8(x.run("xwininfo", {"-root", "-tree"}));
@@ -73,20 +85,17 @@ TEST_F(DesktopRoom, ShowsTheRoomAndPausesWhenNobodyCanSeeIt)
     ASSERT_TRUE(room->makeScene(scene));
     room->set("perfLogInterval", "-float", "1");
     room->set("lightPreset", "-string", "dia");
-    // A weather service that refuses at once: every fetch leaves a line.
-    room->set("weatherServiceURL", "-string", "http://127.0.0.1:9/");
+    room->set("weatherServiceURL", "-string", "http://127.0.0.1:9/");  // refuses at once: a line per fetch
     ASSERT_TRUE(room->start());
     qsizetype at = room->waitForLine("Cena pronta", 0, 180);
     ASSERT_FALSE(HasFailure());
-    // The line comes once the room is on the screen, not before.
     EXPECT_GT(brightness(), 8) << "\"Cena pronta\" over a black desktop";
-    // Frames run (the software device compiles its shaders at the first one, which takes a while).
     EXPECT_TRUE(room->animatesAfter(at)) << "the room does not animate";
-    ASSERT_TRUE(waitUntil([&] { return layers().size() == 2; }, std::chrono::seconds(30)))
+    ASSERT_TRUE(waitUntil([&] { return layers().size() == 2; }, 30s))
         << "the record and the steam move in windows of their own; layers: " << layers().size();
     const QRect layer = layers().front();
 
-    // What a person sees: the room over the whole root window, the moving layer drawn too.
+    // The room over the whole root window, its moving layers drawn too.
     QImage shot;
     std::pair<double, double> whole, moved;
     waitUntil(
@@ -97,7 +106,7 @@ TEST_F(DesktopRoom, ShowsTheRoomAndPausesWhenNobodyCanSeeIt)
             moved = greyLevels(shot, layer.intersected(shot.rect()));
             return whole.first > 8 && whole.second > 6 && moved.first > 8;
         },
-        std::chrono::seconds(60));
+        60s);
     shot.save(QStringLiteral(TURNELO_BINARY_DIR "/desktop-room.png"));
     EXPECT_GT(whole.first, 8) << "the desktop is black";
     EXPECT_GT(whole.second, 6) << "the desktop is one flat colour";
@@ -122,11 +131,9 @@ TEST_F(DesktopRoom, ShowsTheRoomAndPausesWhenNobodyCanSeeIt)
     EXPECT_EQ(room->log().indexOf("coberta por janelas", at), -1) << "paused with a sample point in sight";
     blocker.close(below);
     blocker.close(over);
-    // Where they were, the room comes back.
-    EXPECT_TRUE(waitUntil([&] { return std::abs(brightness() - shown) < 3; }, std::chrono::seconds(10)))
+    EXPECT_TRUE(waitUntil([&] { return std::abs(brightness() - shown) < 3; }, 10s))
         << "after the windows closed the desktop's brightness is " << brightness() << ", not " << shown;
 
-    // The screen saver locks the screen.
     for (const bool active : {true, false}) {
         ASSERT_TRUE(isReply(screensaver->callMock("/ScreenSaver", "EmitSignal",
                                                   {QString(), "ActiveChanged", "b", QVariantList{active}})));
@@ -147,14 +154,10 @@ TEST_F(DesktopRoom, ShowsTheRoomAndPausesWhenNobodyCanSeeIt)
     const qsizetype battery = room->waitForLine("Energia: bateria", at);
     at = room->waitForLine("Cena: modo economia ligado (15 fps, sem vapor e chuva)", at);
     EXPECT_EQ(room->log().indexOf("Energia: bateria", battery), -1) << "the battery line came twice";
-    // The saver holds the steam still: its layer goes away.
-    EXPECT_TRUE(waitUntil([&] { return layers().size() == 1; }, std::chrono::seconds(20)))
-        << "layers left: " << layers().size();
+    EXPECT_TRUE(waitUntil([&] { return layers().size() == 1; }, 20s)) << "still steam; layers: " << layers().size();
 
-    // A light change fades once the night is built: no picture on the way is darker than both
-    // the day before and the night after. The software device compiles the fade's programs
-    // first, which takes a varying while, so the picture is followed until it has changed and
-    // then held for two seconds.
+    // A light change fades once the night is built: no picture on the way darker than both ends.
+    // The fade's programs compile for a varying while: followed until changed, then still for 2 s.
     const double day = brightness();
     room->set("lightPreset", "-string", "noite");
     std::vector<double> seen{day};
@@ -172,16 +175,14 @@ TEST_F(DesktopRoom, ShowsTheRoomAndPausesWhenNobodyCanSeeIt)
     EXPECT_GE(*std::min_element(seen.begin(), seen.end()), std::min(day, night) - 2.0)
         << "a picture darker than both ends on the way from " << day << " to " << night;
 
-    // A light plate damaged on disk: the reload ends in the plain turntable and the reason, and
-    // the program goes on.
+    // A light plate damaged on disk: the reload ends in the plain turntable and the reason.
     QFile plate(scene + "/wide/light/room.exr");
     ASSERT_TRUE(plate.open(QIODevice::ReadWrite) && plate.resize(plate.size() / 2));
     plate.close();
     QFile manifest(scene + "/manifest.json");  // the same bytes again: a change to notice
     ASSERT_TRUE(manifest.open(QIODevice::ReadWrite));
     const QByteArray body = manifest.readAll();
-    manifest.seek(0);
-    manifest.write(body);
+    ASSERT_TRUE(manifest.seek(0) && manifest.write(body) == body.size());
     manifest.close();
     at = room->waitForLine("Cena: carregando", at, 60);
     QElapsedTimer failing;
@@ -203,27 +204,15 @@ TEST_F(DesktopRoom, AllScreensGetAWindowAndMainKeepsTheFirst)
     ASSERT_TRUE(room->start());
     room->waitForLine("Cena pronta", 0, 180);
     ASSERT_FALSE(HasFailure());
-    // The program's desktop windows.
     XClient c(x.display());
-    auto ours = [&] {
-        std::vector<unsigned long> list;
-        for (const unsigned long w : c.values(c.root(), "_NET_CLIENT_LIST"))
-            if (c.values(w, "_NET_WM_PID") ==
-                    std::vector<unsigned long>{static_cast<unsigned long>(room->app.processId())} &&
-                c.has(w, "_NET_WM_WINDOW_TYPE", "_NET_WM_WINDOW_TYPE_DESKTOP"))
-                list.push_back(w);
-        return list;
-    };
-    std::vector<unsigned long> windows;
-    waitUntil([&] { return (windows = ours()).size() == 2; }, std::chrono::seconds(30));
-    ASSERT_EQ(windows.size(), 2u);
+    auto ours = [&] { return clientsOf(c, "turnelo", "_NET_WM_WINDOW_TYPE_DESKTOP"); };  // of any room
+    std::vector<Window> windows, after;
+    ASSERT_TRUE(waitUntil([&] { return (windows = ours()).size() == 2; }, 30s)) << windows.size() << " windows";
     // Both screens on one device, the framing loaded once for both.
     EXPECT_EQ(room->log().count("Vulkan: dispositivo"), 1);
     EXPECT_EQ(room->log().count("montando presets"), 1);
     room->set("screens", "-string", "main");
-    std::vector<unsigned long> after;
-    waitUntil([&] { return (after = ours()).size() == 1; }, std::chrono::seconds(30));
-    ASSERT_EQ(after.size(), 1u);
+    ASSERT_TRUE(waitUntil([&] { return (after = ours()).size() == 1; }, 30s)) << after.size() << " windows";
     EXPECT_NE(std::find(windows.begin(), windows.end(), after.front()), windows.end())
         << "the kept window was made anew";
     EXPECT_FALSE(room->log().contains("Cena indisponível"));
@@ -241,7 +230,7 @@ TEST_F(DesktopRoom, AllScreensGetAWindowAndMainKeepsTheFirst)
         [&] {
             return !x.run("xdotool", {"search", "--name", "Turnelo Settings"}).trimmed().isEmpty();
         },
-        std::chrono::seconds(20)))
+        20s))
         << "no settings window";
 }
 
@@ -250,24 +239,22 @@ TEST_F(DesktopRoom, WithoutASceneThePlainTurntableShowsAndTheTrayMenuHidesIt)
     // A system tray of the kind bare window managers use (XEmbed).
     if (!XServer::installed("trayer")) GTEST_SKIP() << "trayer is not installed";
     x.launch("trayer", {"--edge", "top", "--align", "right", "--widthtype", "request", "--height", "24"});
-    // Neither a development scene nor an installed one.
     room->env.insert("TURNELO_SCENES_DIR", dir.path());
     ASSERT_TRUE(room->start());
-    room->waitForLine("Cena indisponível: nenhuma cena instalada em", 0, 120);
+    room->waitForLine("Cena indisponível: nenhuma cena instalada em", 0, 120);  // no scene at all
     ASSERT_FALSE(HasFailure());
-    // The plain turntable is drawn by the painter: its plinth and record show on the desktop.
+    // The painter's plain turntable: its plinth and record show on the desktop.
     QImage shot;
     ASSERT_TRUE(waitUntil(
         [&] {
             shot = x.screenshot();
             return !shot.isNull() && qGray(shot.pixel(shot.width() / 2, shot.height() / 2)) != qGray(shot.pixel(4, 4));
         },
-        std::chrono::seconds(30)))
+        30s))
         << "nothing drawn on the desktop";
     shot.save(QStringLiteral(TURNELO_BINARY_DIR "/desktop-turntable.png"));
 
-    // The tray icon sits in the tray; its menu's first entry hides the room.
-    // Where the icon sits: the first window of ours under the tray's panel, absolute corner.
+    // The tray icon (our first window under trayer's panel) opens a menu whose first entry hides the room.
     auto trayIcon = [&]() -> std::optional<QPoint> {
         const QStringList tree = QString::fromUtf8(x.run("xwininfo", {"-root", "-tree"})).split('\n');
         static const QRegularExpression corner("\\+(\\d+)\\+(\\d+)\\s*$");
@@ -280,14 +267,120 @@ TEST_F(DesktopRoom, WithoutASceneThePlainTurntableShowsAndTheTrayMenuHidesIt)
         return std::nullopt;
     };
     std::optional<QPoint> icon;
-    ASSERT_TRUE(waitUntil([&] { return (icon = trayIcon()).has_value(); }, std::chrono::seconds(30)))
+    ASSERT_TRUE(waitUntil([&] { return (icon = trayIcon()).has_value(); }, 30s))
         << "no tray icon in the tray:\n"
         << x.run("xwininfo", {"-root", "-tree"}).toStdString();
     x.run("xdotool", {"mousemove", QString::number(icon->x() + 8), QString::number(icon->y() + 8), "click", "3"});
     QThread::msleep(1000);
     x.run("xdotool", {"key", "Down", "Return"});
-    EXPECT_TRUE(waitUntil([&] { return room->setting("showTurntable") == "false"; }, std::chrono::seconds(20)))
+    EXPECT_TRUE(waitUntil([&] { return room->setting("showTurntable") == "false"; }, 20s))
         << "the menu did not hide the room";
+}
+
+// Mean absolute difference of the grey levels of two pictures over `r`, every fourth pixel.
+double difference(const QImage &a, const QImage &b, const QRect &r)
+{
+    double sum = 0;
+    int n = 0;
+    for (int y = r.top(); y <= r.bottom(); y += 4)
+        for (int x = r.left(); x <= r.right(); x += 4, ++n)
+            sum += std::abs(qGray(a.pixel(x, y)) - qGray(b.pixel(x, y)));
+    return n ? sum / n : 255;
+}
+
+// One test for both: plasmashell starts slowly.
+TEST(PlasmaDesktop, TheRoomShowsAbovePlasmasDesktopAndPausesUnderAnOpaqueDesktopWindowAboveIt)
+{
+    for (const char *program : {"kwin_x11", "plasmashell"})
+        if (!XServer::installed(program)) GTEST_SKIP() << program << " is not installed";
+    const ScopedEnv compose("KWIN_COMPOSE", "O2");  // OpenGL compositing, here on llvmpipe
+    XServer x("1280x720x24");
+    QString why;
+    ASSERT_TRUE(x.start(why) && x.startSessionBus(why)) << qPrintable(why);
+    ASSERT_TRUE(x.startManager("kwin_x11", {"--replace"}, why)) << qPrintable(why);
+    XClient c(x.display());
+    ASSERT_TRUE(c.d);
+    ASSERT_TRUE(waitUntil([&] { return XGetSelectionOwner(c.d, c.atom("_NET_WM_CM_S0")) != 0; }, 60s))
+        << "KWin does not composite";
+
+    QProcess &plasma = x.launch("plasmashell", {});
+    auto clientOf = [&](const char *program, const char *type) {
+        const auto all = clientsOf(c, program, type);
+        return all.empty() ? Window(0) : all.front();
+    };
+    const QRect desk(0, 0, 1280, 600);  // above Plasma's panel
+    Window plasmaDesktop = 0, panel = 0;
+    QImage wallpaper;
+    ASSERT_TRUE(waitUntil(
+                    [&] {
+                        plasmaDesktop = clientOf("plasmashell", "_NET_WM_WINDOW_TYPE_DESKTOP");
+                        panel = clientOf("plasmashell", "_NET_WM_WINDOW_TYPE_DOCK");
+                        wallpaper = x.screenshot();
+                        return (plasmaDesktop && panel && !wallpaper.isNull() &&
+                                qGray(wallpaper.pixel(640, 300)) > 8) ||
+                               plasma.state() == QProcess::NotRunning;
+                    },
+                    120s) &&
+                plasma.state() == QProcess::Running)
+        << "no painted Plasma desktop and panel:\n"
+        << XServer::output(plasma).right(3000).constData();
+    XWindowAttributes attributes;
+    ASSERT_TRUE(XGetWindowAttributes(c.d, plasmaDesktop, &attributes));
+    EXPECT_EQ(attributes.depth, 32) << "Plasma's desktop window is no longer the 32-bit one this test is about";
+
+    QTemporaryDir dir;
+    RoomProcess room(x.environment(), x.environment().value("DBUS_SESSION_BUS_ADDRESS"));
+    ASSERT_TRUE(room.makeScene(dir.filePath("scene")));
+    room.set("perfLogInterval", "-float", "1");
+    ASSERT_TRUE(room.start());
+    qsizetype at = room.waitForLine("Cena pronta", 0, 180);
+    ASSERT_FALSE(HasFailure());
+    const Window ours = clientOf("turnelo", "_NET_WM_WINDOW_TYPE_DESKTOP");
+    ASSERT_NE(ours, 0ul);
+
+    // Above Plasma's desktop, below its panel, and what the screen shows is the room.
+    EXPECT_TRUE(waitUntil([&] { return c.stackIndex(ours) > c.stackIndex(plasmaDesktop); }, 30s))
+        << "ours at " << c.stackIndex(ours) << ", Plasma's desktop at " << c.stackIndex(plasmaDesktop);
+    EXPECT_GT(c.stackIndex(panel), c.stackIndex(ours));
+    QImage screen, drawn;
+    waitUntil(
+        [&] {
+            screen = x.screenshot();
+            drawn = x.screenshot(QString::number(ours));
+            return !screen.isNull() && drawn.size() == screen.size() && difference(screen, drawn, desk) < 6;
+        },
+        30s);
+    screen.save(QStringLiteral(TURNELO_BINARY_DIR "/plasma-desktop-room.png"));
+    ASSERT_EQ(drawn.size(), screen.size());
+    EXPECT_LT(difference(screen, drawn, desk), 6) << "the screen does not show the room's window";
+    EXPECT_GT(difference(screen, wallpaper, desk), 20) << "the screen still shows Plasma's wallpaper";
+    const QStringList told = room.log().split('\n').filter("Mesa:");
+    ASSERT_FALSE(told.isEmpty());
+    EXPECT_TRUE(told.first().contains("(plasmashell) é opaca")) << told.first().toStdString();
+    EXPECT_TRUE(room.animatesAfter(at, 60)) << "the room does not animate";
+
+    // Another program's opaque desktop window that puts itself back on top each time the room rises
+    // above it (until it has stayed there 3 s): the room leaves it there and stops drawing for nobody.
+    at = room.log().size();
+    const Window other = c.makeWindow(QRect(0, 0, 1280, 720), false, "_NET_WM_WINDOW_TYPE_DESKTOP");
+    QElapsedTimer onTop;
+    waitUntil(
+        [&] {
+            if (c.stackIndex(other) >= 0 && c.stackIndex(other) < c.stackIndex(ours)) {
+                c.restack(other, Above);
+                onTop.invalidate();
+            } else if (!onTop.isValid()) {
+                onTop.start();
+            }
+            return (onTop.isValid() && onTop.elapsed() > 3000) || room.app.state() != QProcess::Running;
+        },
+        60s);
+    at = room.waitForLine("Cena: área animada coberta por janelas → pausa", at);
+    EXPECT_GT(c.stackIndex(other), c.stackIndex(ours));
+    EXPECT_EQ(room.log().count("Mesa: a janela de desktop (?) volta sempre para cima da sala"), 1) << "said once";
+    EXPECT_EQ(room.fpsOfAWholeIntervalAfter(at), 0.0) << "frames while covered";
+    c.close(other);
+    room.waitForLine("Cena: área animada à vista → renderiza", at);
 }
 
 }  // namespace

@@ -1,14 +1,8 @@
-// A start of the room reduced to its single-instance check, for single_instance_test, which runs
-// many at once. Prints one line per event:
-//
-//   instance_probe [--as UID] start         "ready"; on a line "go", "won <socket>" then "shown" per
-//                                           knock, or "running"
-//   instance_probe [--as UID] listen PATH   a bare socket: "listening", then per connection
-//                                           "shown" (it said show) or "silent"
-//   instance_probe [--as UID] knock PATH    says show at PATH: "knocked" or "refused"
-//
-// "start" and "listen" stay until their standard input closes. --as (root only) runs it as
-// another user, the way a stranger on the same machine would.
+// A start of the room reduced to its single-instance check, for single_instance_test. One line per event:
+//   [--as UID] start        "ready"; after a line "go", "won <socket>" then "shown" per knock, or "running"
+//   [--as UID] listen PATH  a bare socket: "listening", then per connection "shown" (said show) or "silent"
+//   [--as UID] knock PATH   says show at PATH: "knocked" or "refused"
+// start and listen stay until standard input closes; --as (root only) plays a stranger on the machine.
 
 #include "app/SingleInstance.h"
 
@@ -55,8 +49,7 @@ int main(int argc, char **argv)
     const QString path = argc > first + 1 ? QString::fromLocal8Bit(argv[first + 1]) : QString();
 
     if (mode == "start") {
-        // Both of a pair are loaded and waiting before either looks: a start at the same moment.
-        say("ready");
+        say("ready");  // a pair loaded and waiting before either looks: a start at the same moment
         for (char c = 0; c != '\n';)
             if (::read(STDIN_FILENO, &c, 1) != 1) return 1;
         SingleInstance instance(SingleInstance::defaultName());

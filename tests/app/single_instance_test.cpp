@@ -1,6 +1,5 @@
 // Starts of the room reduced to their single-instance check (instance_probe), as real processes:
-// pairs started at the same moment, leftovers of a crashed run, and sockets and folders someone
-// else made first.
+// pairs at the same moment, leftovers of a crash, and sockets and folders others made first.
 
 #include "TestSupport.h"
 
@@ -9,7 +8,6 @@
 #include <QFileInfo>
 #include <QLocalServer>
 #include <QProcess>
-#include <QTemporaryDir>
 #include <gtest/gtest.h>
 #include <memory>
 #include <pwd.h>
@@ -49,8 +47,7 @@ struct Probe {
         return waitUntil([&] { return lines(true).contains("ready"); }, 10s);
     }
     void go() { process.write("go\n"); }
-    // The first line after "ready", once there is one.
-    QString verdict()
+    QString verdict()  // the first line after "ready", once there is one
     {
         waitUntil([&] { return !lines().isEmpty() || process.state() == QProcess::NotRunning; }, 10s);
         return lines().value(0);
@@ -81,8 +78,8 @@ TEST_F(SingleInstanceTest, OfPairsStartedTogetherExactlyOneWinsWhateverOthersMad
     // Someone listening first at the name the room once used in /tmp, answering every knock.
     QLocalServer squatter;
     ASSERT_TRUE(squatter.listen(temp.filePath(QStringLiteral("turnelo-dev-%1--7").arg(getuid()))));
-    // Without XDG_RUNTIME_DIR, someone else made /tmp/runtime-<user> first (a link to a folder all
-    // may write): the room keeps to a private folder of its own in the cache.
+    // Without XDG_RUNTIME_DIR, someone made /tmp/runtime-<user> first, a link to a folder all may
+    // write: the room keeps to a private folder in the cache.
     QTemporaryDir others;
     ASSERT_TRUE(
         QFile::link(others.path(), temp.filePath("runtime-" + QString::fromLocal8Bit(getpwuid(geteuid())->pw_name))));
@@ -98,18 +95,16 @@ TEST_F(SingleInstanceTest, OfPairsStartedTogetherExactlyOneWinsWhateverOthersMad
          {Case{{}, runtime.path() + '/', 20}, Case{{"XDG_RUNTIME_DIR=", "XDG_CACHE_HOME=" + cache}, cache + '/', 3}}) {
         for (int round = 0; round < c.rounds && !HasFailure(); ++round) {
             SCOPED_TRACE(c.folder.toStdString() + ", round " + std::to_string(round));
-            // Both loaded before either is let go: a start at the same moment.
             Probe a({"start"}, env + c.env), b({"start"}, env + c.env);
             ASSERT_TRUE(a.ready() && b.ready());
-            a.go();
+            a.go();  // both loaded before either goes: a start at the same moment
             b.go();
             QStringList verdicts{a.verdict(), b.verdict()};
             Probe &winner = verdicts[0].startsWith("won ") ? a : b;
             verdicts.sort();
             EXPECT_EQ(verdicts.value(0), "running");
             EXPECT_TRUE(verdicts.value(1).startsWith("won " + c.folder)) << verdicts.join(", ").toStdString();
-            // The loser's knock reached the winner and was believed.
-            EXPECT_TRUE(winner.shownOnce());
+            EXPECT_TRUE(winner.shownOnce()) << "the loser's knock did not reach the winner";
         }
     }
     EXPECT_TRUE(QDir(others.path()).isEmpty());
@@ -126,11 +121,11 @@ TEST_F(SingleInstanceTest, LeftoversAndWhatStrangersMadeDoNotStopTheRoom)
     ASSERT_TRUE(room->verdict().startsWith("won "));
     const QString socket = room->verdict().section(' ', 1);
 
-    // Another user's process, as far as root can play one: its knock is not believed, and its
-    // socket where ours would be is not taken for a running room.
+    // Another user's process, as root can play one: its knock is not believed, and its socket
+    // where ours would be is not taken for a running room.
     if (geteuid() != 0) GTEST_SKIP() << "only root can run a probe as another user";
     const QString stranger = QString::number(65534);
-    // Opened to everyone after the start, as only a mistake or an attack would leave it.
+    // Opened to everyone after the start, as only a mistake or an attack would.
     ASSERT_EQ(::chmod(runtime.path().toLocal8Bit(), 0711), 0);
     ASSERT_EQ(::chmod(socket.toLocal8Bit(), 0777), 0);
     EXPECT_EQ(start({"--as", stranger, "knock", socket})->verdict(), "knocked");

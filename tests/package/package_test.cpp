@@ -1,23 +1,18 @@
-// The Debian package that CPack makes from this build tree, unpacked: what lands where, lintian's
-// verdict, and the programs run from where the package puts them: the room comes up on a desktop
-// from the packaged room alone, with no network.
+// The Debian package CPack makes from this build tree, unpacked: what lands where, lintian's
+// verdict, and the programs run from there, the room up on a desktop from the package alone, offline.
 
+#include "RoomProcess.h"  // greyLevels
 #include "TestSupport.h"
 #include "XServer.h"
 
 #include <QDir>
 #include <QDirIterator>
 #include <QFileInfo>
-#include <QImage>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
-#include <QRegularExpression>
-#include <QProcess>
 #include <QSettings>
 #include <QStandardPaths>
-#include <QTemporaryDir>
-#include <cmath>
 #include <gtest/gtest.h>
 #include <iostream>
 
@@ -56,9 +51,7 @@ TEST(Package, HoldsTheProgramsTheirPagesTheLauncherTheIconsAndTheRoom)
     EXPECT_TRUE(depends.contains("libvulkan1") && depends.contains("libqt6gui6")) << qPrintable(depends);
 
     if (const QString lintian = QStandardPaths::findExecutable("lintian"); !lintian.isEmpty()) {
-        const auto check = runTool(lintian, {deb});
-        const QStringList errors = QString::fromUtf8(check.out).split('\n').filter(QRegularExpression("^E: "));
-        EXPECT_EQ(errors, QStringList());
+        const auto check = runTool(lintian, {deb});  // fails on errors, its "E:" lines
         EXPECT_EQ(check.exitCode, 0) << check.out.constData() << check.err.constData();
     }
 
@@ -66,14 +59,11 @@ TEST(Package, HoldsTheProgramsTheirPagesTheLauncherTheIconsAndTheRoom)
     ASSERT_EQ(runTool("dpkg-deb", {"-x", deb, root.path()}).exitCode, 0);
     const QStringList programs{"turnelo",         "turnelo-defaults", "turnelo-gen-scene",
                                "turnelo-publish", "turnelo-scene",    "turnelo-sync"};
-    // The test helpers stay out.
-    EXPECT_EQ(QDir(root.filePath("usr/bin")).entryList(QDir::Files, QDir::Name), programs);
+    EXPECT_EQ(QDir(root.filePath("usr/bin")).entryList(QDir::Files, QDir::Name), programs) << "test helpers stay out";
     for (const QString &program : programs) {
         SCOPED_TRACE(program.toStdString());
-        const QString path = root.filePath("usr/bin/" + program);
-        EXPECT_TRUE(QFileInfo(path).isExecutable());
         EXPECT_TRUE(readFile(root.filePath("usr/share/man/man1/" + program + ".1.gz")).startsWith("\x1f\x8b"));
-        const auto answer = runTool(path, {"--version"});
+        const auto answer = runTool(root.filePath("usr/bin/" + program), {"--version"});
         EXPECT_EQ(answer.exitCode, 0) << answer.err.constData();
         EXPECT_EQ(QString::fromUtf8(answer.out), program + ' ' + version + '\n');
     }
@@ -83,7 +73,6 @@ TEST(Package, HoldsTheProgramsTheirPagesTheLauncherTheIconsAndTheRoom)
     const QString launcher = root.filePath("usr/share/applications/turnelo.desktop");
     QSettings entry(launcher, QSettings::IniFormat);
     entry.beginGroup("Desktop Entry");
-    EXPECT_EQ(entry.value("Type").toString(), "Application");
     EXPECT_EQ(entry.value("Icon").toString(), "turnelo");
     // The program where the package puts it, by the path KWin matches a running program to.
     EXPECT_EQ(entry.value("Exec").toString(), "/usr/bin/turnelo");
@@ -109,8 +98,7 @@ TEST(Package, HoldsTheProgramsTheirPagesTheLauncherTheIconsAndTheRoom)
         << validated.out.constData();
     EXPECT_TRUE(summary.value("missing").toArray().isEmpty()) << validated.out.constData();
 
-    // A first start as a new user would make it: a fresh home, the package's data folder, no
-    // development folder and a content service that does not answer.
+    // A new user's first start: a fresh home, the package's data folder, no service answering.
     if (!XServer::installed("openbox") || lavapipeIcd().isEmpty()) {
         std::cout << "openbox or lavapipe missing: the packaged program is not started\n";
         return;
@@ -140,7 +128,7 @@ TEST(Package, HoldsTheProgramsTheirPagesTheLauncherTheIconsAndTheRoom)
     const auto log = [&] { return QString::fromUtf8(readFile(x.stateHome() + "/Turnelo Dev.log")); };
     const bool ready = waitUntil([&] { return log().contains("Cena pronta") || app.state() != QProcess::Running; },
                                  std::chrono::seconds(240));
-    const QImage shot = QImage::fromData(x.run("import", {"-window", "root", "png:-"}), "PNG");
+    const QImage shot = x.screenshot();
     app.terminate();
     if (!app.waitForFinished(10000)) app.kill();
     ASSERT_TRUE(ready && log().contains("Cena pronta")) << log().toStdString() << app.readAll().toStdString();
@@ -151,16 +139,8 @@ TEST(Package, HoldsTheProgramsTheirPagesTheLauncherTheIconsAndTheRoom)
     EXPECT_FALSE(log().contains("Cena indisponível")) << log().toStdString();
     // The room fills the desktop: not one flat colour, not black.
     ASSERT_FALSE(shot.isNull());
-    double sum = 0, sum2 = 0;
-    int n = 0;
-    for (int y = 0; y < shot.height(); y += 8)
-        for (int x = 0; x < shot.width(); x += 8, ++n) {
-            const double v = qGray(shot.pixel(x, y));
-            sum += v;
-            sum2 += v * v;
-        }
-    const double mean = sum / n;
-    EXPECT_GT(mean, 8) << "a black desktop";
-    EXPECT_GT(std::sqrt(sum2 / n - mean * mean), 6) << "one flat colour";
     shot.save(QStringLiteral(TURNELO_BINARY_DIR "/packaged-room.png"));
+    const auto [mean, spread] = greyLevels(shot, shot.rect());
+    EXPECT_GT(mean, 8) << "a black desktop";
+    EXPECT_GT(spread, 6) << "one flat colour";
 }

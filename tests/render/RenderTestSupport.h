@@ -1,7 +1,6 @@
 #pragma once
 
-// Shared by the GPU tests: they run on Mesa's software device (lavapipe) so that pixels are
-// the same on every machine, and they read pixels back.
+// Shared by the GPU tests: they run on Mesa's software device (lavapipe), so that pixels are the same on every machine.
 
 #include "core/app/Log.h"
 #include "core/scene/PlateImages.h"
@@ -19,43 +18,36 @@
 #include <array>
 #include <cmath>
 #include <cstring>
+#include <utility>
 #include <gtest/gtest.h>
 
 namespace rendertest {
 
-// Points the Vulkan loader at lavapipe unless the caller already chose a driver, and the log
-// at a private folder: done by every test binary that includes this, before its first test.
-inline void useLavapipeAndPrivateLog()
-{
+// Before each including binary's first test: lavapipe unless the caller chose a driver, and a private log folder.
+inline const bool lavapipeAndPrivateLog = [] {
     if (!qEnvironmentVariableIsSet("VK_ICD_FILENAMES") && !testsupport::lavapipeIcd().isEmpty())
         qputenv("VK_ICD_FILENAMES", testsupport::lavapipeIcd().toUtf8());
     static const testsupport::LogTail privateLog;
-}
-inline const bool lavapipeAndPrivateLog = (useLavapipeAndPrivateLog(), true);
+    return true;
+}();
 
-inline uint16_t toHalf(float v)
-{
-    qfloat16 h(v);
-    uint16_t bits;
-    std::memcpy(&bits, &h, 2);
-    return bits;
-}
+using Rgb = std::array<double, 3>;
+
+inline Rgb rgb(double grey) { return {grey, grey, grey}; }
 
 // What a float becomes once stored as a half: predictions start from the stored value.
 inline double halfRounded(double v) { return double(qfloat16(float(v))); }
+inline Rgb halfRounded(Rgb v) { return {halfRounded(v[0]), halfRounded(v[1]), halfRounded(v[2])}; }
 
 // A half RGBA raster whose pixel (x, y) is f(x, y).
 template <typename F> inline HalfImage halfImage(int w, int h, F f)
 {
-    HalfImage img;
-    img.width = w;
-    img.height = h;
-    img.pixels.resize(size_t(w) * h * 4);
+    std::vector<float> v;
     for (int y = 0; y < h; ++y)
-        for (int x = 0; x < w; ++x) {
-            const std::array<float, 4> v = f(x, y);
-            for (int c = 0; c < 4; ++c) img.pixels[(size_t(y) * w + x) * 4 + c] = toHalf(v[c]);
-        }
+        for (int x = 0; x < w; ++x)
+            for (float c : f(x, y)) v.push_back(c);
+    HalfImage img{w, h, std::vector<uint16_t>(v.size())};
+    qFloatToFloat16(reinterpret_cast<qfloat16 *>(img.pixels.data()), v.data(), qsizetype(v.size()));
     return img;
 }
 
@@ -133,10 +125,7 @@ inline SceneUniforms plainUniforms(int w, int h)
     return u;
 }
 
-using Rgb = std::array<double, 3>;
-
-// Expects the pixel to be linear light `l` through the plain curve (contrast 1, gamma 1), within
-// `tolerance` 8-bit steps (the dither alone moves a pixel by up to one).
+// Expects linear light `l` through the plain curve, within `tolerance` 8-bit steps (the dither alone moves one).
 inline void expectLinear(const QImage &image, int x, int y, Rgb l, const std::string &what, int tolerance = 2)
 {
     const Rgb want = agx(l, 1, 0, 1);
@@ -152,8 +141,7 @@ inline double srgbToLinear(int v)
     return c <= 0.04045 ? c / 12.92 : std::pow((c + 0.055) / 1.055, 2.4);
 }
 
-// The linear grey whose tone-mapped 8-bit green (contrast 1, no offset, gamma 1) is `level`,
-// by bisection of the curve above (monotonic for grey).
+// The linear grey whose 8-bit green through the plain curve is `level`, by bisection (monotonic for grey).
 inline double greyForLevel(double level)
 {
     double lo = 1e-6, hi = 64;
@@ -168,11 +156,7 @@ inline double greyForLevel(double level)
 class RendererTest : public ::testing::Test {
 protected:
     static void SetUpTestSuite() { renderer = SceneRenderer::create().release(); }
-    static void TearDownTestSuite()
-    {
-        delete renderer;
-        renderer = nullptr;
-    }
+    static void TearDownTestSuite() { delete std::exchange(renderer, nullptr); }
     void SetUp() override { ASSERT_NE(renderer, nullptr) << "no Vulkan renderer on this machine"; }
 
     static QImage render(const SceneUniforms &u, const SceneTextures &t, int w, int h)
@@ -182,14 +166,13 @@ protected:
         renderer->waitIdle();
         return target.readback();
     }
-    // Lights the uniforms with one constant light texture of colour l, weight 1; returns the
-    // light as stored (halves).
+    // Lights the uniforms with one constant light of colour l, weight 1; returns it as stored (halves).
     static Rgb light(SceneUniforms &u, SceneTextures &t, Rgb l)
     {
         u.mixCount = 1;
         u.mixWeights = {1, 0, 0, 0};
         t.mixes[0] = constant({float(l[0]), float(l[1]), float(l[2]), 1});
-        return {halfRounded(l[0]), halfRounded(l[1]), halfRounded(l[2])};
+        return halfRounded(l);
     }
     static TextureRef half(const HalfImage &image) { return TextureUpload::half(*renderer->vulkan(), image); }
     static TextureRef constant(std::array<float, 4> rgba, int w = 8, int h = 8)
@@ -206,11 +189,7 @@ protected:
     // An 8-bit mask or shadow of one value everywhere.
     static TextureRef grey(uint8_t value, int w = 4, int h = 4)
     {
-        GrayImage g;
-        g.width = w;
-        g.height = h;
-        g.pixels.assign(size_t(w) * h, value);
-        return TextureUpload::gray(*renderer->vulkan(), g);
+        return TextureUpload::gray(*renderer->vulkan(), GrayImage{w, h, std::vector<uint8_t>(size_t(w) * h, value)});
     }
 
     static inline SceneRenderer *renderer = nullptr;
@@ -220,32 +199,16 @@ protected:
 template <typename F> inline void writeExr(const QString &path, int w, int h, F f)
 {
     QDir().mkpath(QFileInfo(path).absolutePath());
-    std::vector<Imf::Rgba> px(size_t(w) * h);
+    std::vector<Imf::Rgba> px;
     for (int y = 0; y < h; ++y)
         for (int x = 0; x < w; ++x) {
-            std::array<float, 4> v = f(x, y);
-            px[size_t(y) * w + x] = Imf::Rgba(v[0], v[1], v[2], v[3]);
+            const std::array<float, 4> v = f(x, y);
+            px.emplace_back(v[0], v[1], v[2], v[3]);
         }
     Imf::RgbaOutputFile file(QFile::encodeName(path).constData(), w, h, Imf::WRITE_RGBA, 1, Imath::V2f(0, 0), 1,
                              Imf::INCREASING_Y, Imf::ZIP_COMPRESSION);
     file.setFrameBuffer(px.data(), 1, size_t(w));
     file.writePixels(h);
-}
-
-inline float fromHalfBits(uint16_t bits)
-{
-    qfloat16 h;
-    std::memcpy(&h, &bits, 2);
-    return float(h);
-}
-
-// Unsigned small float of the packed B10G11R11 format.
-inline float fromSmallFloat(uint32_t bits, int mantissaBits)
-{
-    const uint32_t exponent = bits >> mantissaBits, mantissa = bits & ((1u << mantissaBits) - 1);
-    const float m = float(mantissa) / float(1u << mantissaBits);
-    if (exponent == 0) return std::ldexp(m, -14);
-    return std::ldexp(1.0f + m, int(exponent) - 15);
 }
 
 // Every texel of a shader-read-only texture as RGBA floats (alpha 1 for B10G11R11).
@@ -261,15 +224,19 @@ inline std::vector<std::array<float, 4>> readTexture(VulkanContext &ctx, const G
         vkCmdCopyImageToBuffer(cmd, t.image, VK_IMAGE_LAYOUT_TRANSFER_SRC_OPTIMAL, buffer->buffer, 1, &region);
         transitionImage(cmd, t.image, VK_IMAGE_LAYOUT_TRANSFER_SRC_OPTIMAL, VK_IMAGE_LAYOUT_SHADER_READ_ONLY_OPTIMAL);
     });
+    // An unsigned small float of B10G11R11: five bits of exponent over `m` of mantissa.
+    const auto small = [](uint32_t bits, int m) {
+        const uint32_t exponent = bits >> m;
+        const float mantissa = float(bits & ((1u << m) - 1)) / float(1u << m);
+        return exponent == 0 ? std::ldexp(mantissa, -14) : std::ldexp(1.0f + mantissa, int(exponent) - 15);
+    };
     std::vector<std::array<float, 4>> out(size_t(t.width) * t.height);
     for (size_t i = 0; i < out.size(); ++i) {
         if (bpp == 8) {
-            const uint16_t *p = static_cast<const uint16_t *>(buffer->mapped) + i * 4;
-            out[i] = {fromHalfBits(p[0]), fromHalfBits(p[1]), fromHalfBits(p[2]), fromHalfBits(p[3])};
+            qFloatFromFloat16(out[i].data(), static_cast<const qfloat16 *>(buffer->mapped) + i * 4, 4);
         } else {
             const uint32_t v = static_cast<const uint32_t *>(buffer->mapped)[i];
-            out[i] = {fromSmallFloat(v & 0x7ff, 6), fromSmallFloat((v >> 11) & 0x7ff, 6),
-                      fromSmallFloat((v >> 22) & 0x3ff, 5), 1.0f};
+            out[i] = {small(v & 0x7ff, 6), small(v >> 11 & 0x7ff, 6), small(v >> 22, 5), 1.0f};
         }
     }
     return out;

@@ -1,6 +1,5 @@
 #include "RenderTestSupport.h"
 
-#include "TestSupport.h"
 #include "core/scene/ImageDecoder.h"
 #include "render/PresetMixes.h"
 
@@ -11,6 +10,8 @@ using namespace rendertest;
 using namespace std::chrono_literals;
 
 namespace {
+
+constexpr VkFormat rgba16 = VK_FORMAT_R16G16B16A16_SFLOAT;
 
 class Mixes : public RendererTest {
 protected:
@@ -34,11 +35,10 @@ TEST_F(Mixes, WeightedPlatesAreSummedInBandsOf256Rows)
         return std::array<float, 4>{x * 0.125f, y / 512.0f, 0.5f, 1};
     });
     MixBuilder::Stats stats;
-    TextureRef t = builder().build({{"room", {1, 2, 0.5}, false}, {"lamp", {3, 3, 3}, false}}, dir, w, h,
-                                   VK_FORMAT_R16G16B16A16_SFLOAT, &stats);
+    const auto px =
+        pixels(builder().build({{"room", {1, 2, 0.5}, false}, {"lamp", {3, 3, 3}, false}}, dir, w, h, rgba16, &stats));
     EXPECT_EQ(stats.termsDrawn, 2);
     EXPECT_EQ(stats.bands, 4);  // two bands per plate
-    const auto px = pixels(t);
     for (int y : {0, 1, 128, 255, 256})
         for (int x : {0, 3, 7}) {
             SCOPED_TRACE(testing::Message() << x << "," << y);
@@ -52,36 +52,32 @@ TEST_F(Mixes, WeightedPlatesAreSummedInBandsOf256Rows)
 
 TEST_F(Mixes, AlphaTermsAddLuminanceAndTheLightFormatDropsAlpha)
 {
-    writeExr(dir + "/x_spec.exr", 4, 4, [](int, int) { return std::array<float, 4>{0.2f, 0.2f, 0.2f, 1}; });
+    writeExr(dir + "/x_gloss.exr", 4, 4, [](int, int) { return std::array<float, 4>{0.2f, 0.2f, 0.2f, 1}; });
     writeExr(dir + "/x_diffuse.exr", 4, 4, [](int, int) { return std::array<float, 4>{1.0f, 0.5f, 0.25f, 0.5f}; });
-    TextureRef t = builder().build({{"x_spec", {2, 2, 2}, false}, {"x_diffuse", {1, 2, 4}, true}}, dir, 4, 4,
-                                   VK_FORMAT_R16G16B16A16_SFLOAT);
-    const auto p = pixels(t)[5];
+    const auto p =
+        pixels(builder().build({{"x_gloss", {2, 2, 2}, false}, {"x_diffuse", {1, 2, 4}, true}}, dir, 4, 4, rgba16))[5];
     EXPECT_NEAR(p[0], 0.4f, 0.002f);
-    EXPECT_NEAR(p[3], 0.2126f * 1.0f + 0.7152f * 1.0f + 0.0722f * 1.0f, 0.003f);
-    t = builder().build({{"x_diffuse", {0.75, 4, 0.5}, false}}, dir, 4, 4, renderer->lightFormat());
+    EXPECT_NEAR(p[3], 1.0f, 0.003f);  // the luminance of (1, 0.5, 0.25) · (1, 2, 4)
+    const TextureRef t = builder().build({{"x_diffuse", {0.75, 4, 0.5}, false}}, dir, 4, 4, renderer->lightFormat());
     EXPECT_EQ(t->format, renderer->lightFormat());
     const auto q = pixels(t)[0];
-    EXPECT_NEAR(q[0], 0.75f, 0.01f);
-    EXPECT_NEAR(q[1], 2.0f, 0.02f);
-    EXPECT_NEAR(q[2], 0.125f, 0.005f);
-    if (t->format == VK_FORMAT_R16G16B16A16_SFLOAT) {
-        EXPECT_EQ(q[3], 0.0f);  // colour terms add no alpha
-    }
+    const std::array<float, 3> want{0.75f, 2.0f, 0.125f}, tolerance{0.01f, 0.02f, 0.005f};
+    for (int c = 0; c < 3; ++c) EXPECT_NEAR(q[c], want[c], tolerance[c]) << "channel " << c;
+    EXPECT_TRUE(t->format != rgba16 || q[3] == 0.0f) << "colour terms add no alpha";
 }
 
 TEST_F(Mixes, MissingPlatesAreSkippedUntilNoneIsLeftAndAWrongSizeFails)
 {
     writeExr(dir + "/room.exr", 4, 4, [](int, int) { return std::array<float, 4>{1, 1, 1, 1}; });
     MixBuilder::Stats stats;
-    TextureRef t = builder().build({{"gone", {1, 1, 1}, false}, {"room", {0.5, 0.5, 0.5}, false}}, dir, 4, 4,
-                                   VK_FORMAT_R16G16B16A16_SFLOAT, &stats);
+    const TextureRef t =
+        builder().build({{"gone", {1, 1, 1}, false}, {"room", {0.5, 0.5, 0.5}, false}}, dir, 4, 4, rgba16, &stats);
     EXPECT_EQ(stats.termsDrawn, 1);
     EXPECT_NEAR(pixels(t)[0][0], 0.5f, 0.002f);
     EXPECT_TRUE(readLog().contains("Cena: sem light/gone.exr (parcela apagada)"));
     auto failure = [&](const std::vector<MixBuilder::Term> &terms, int size) {
         try {
-            builder().build(terms, dir, size, size, VK_FORMAT_R16G16B16A16_SFLOAT);
+            builder().build(terms, dir, size, size, rgba16);
         } catch (const SceneError &e) {
             return e.description();
         }
@@ -92,7 +88,7 @@ TEST_F(Mixes, MissingPlatesAreSkippedUntilNoneIsLeftAndAWrongSizeFails)
     EXPECT_EQ(failure({{"room", {1, 1, 1}, false}}, 8), QString::fromUtf8("room.exr tem 4×4, manifest diz 8×8"));
 }
 
-// Presets "dia", "noite", "tarde": one plate each, plus "vazio" whose plate does not exist.
+// Presets "dia" and "noite" of one plate each, "tarde" of both, "vazio" of one that does not exist.
 LightMixer lights()
 {
     LightMixer m;
@@ -113,14 +109,7 @@ protected:
         mixes.onReady = [&](const QString &p) { ready << p; };
         mixes.onFailure = [&](const QString &e) { failures << e; };
     }
-    PresetMixes mixes{"luz",
-                      renderer->mixBuilder(),
-                      dir,
-                      lights(),
-                      16,
-                      8,
-                      VK_FORMAT_R16G16B16A16_SFLOAT,
-                      PresetMixes::TermRule::asIs};
+    PresetMixes mixes{"luz", renderer->mixBuilder(), dir, lights(), 16, 8, rgba16, PresetMixes::TermRule::asIs};
     QStringList ready, failures;
 };
 
@@ -160,13 +149,15 @@ TEST_F(Families, ADroppedBuildIsDiscardedAndAFailedOneReportedWhileTheQueueGoesO
 
 TEST_F(Mixes, TheRecordFamilyPairsSpecularAndDiffusePasses)
 {
-    PresetMixes mixes("disco", renderer->mixBuilder(), tmp.filePath("record"), lights(), 4, 4,
-                      VK_FORMAT_R16G16B16A16_SFLOAT, PresetMixes::TermRule::recordPasses);
-    const auto &terms = mixes.recipes().at("tarde");
-    ASSERT_EQ(terms.size(), 4u);
-    EXPECT_EQ(std::tuple(terms[0].file, terms[0].toAlpha), std::tuple(QString("sun_a_spec"), false));
-    EXPECT_EQ(std::tuple(terms[1].file, terms[1].toAlpha), std::tuple(QString("sun_a_diffuse"), true));
-    EXPECT_EQ(terms[3].weight, (std::array<double, 3>{0.5, 0.5, 0.5}));
+    const PresetMixes mixes("disco", renderer->mixBuilder(), tmp.filePath("record"), lights(), 4, 4, rgba16,
+                            PresetMixes::TermRule::recordPasses);
+    using Term = std::tuple<QString, bool, std::array<double, 3>>;
+    std::vector<Term> terms;
+    for (const MixBuilder::Term &t : mixes.recipes().at("tarde")) terms.emplace_back(t.file, t.toAlpha, t.weight);
+    const std::array<double, 3> w{0.5, 0.5, 0.5};
+    const std::vector<Term> want{
+        {"sun_a_spec", false, w}, {"sun_a_diffuse", true, w}, {"lamp_spec", false, w}, {"lamp_diffuse", true, w}};
+    EXPECT_EQ(terms, want);
 }
 
 }  // namespace

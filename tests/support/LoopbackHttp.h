@@ -1,8 +1,7 @@
 #pragma once
 
-// An HTTP server on loopback whose answer to each request the test decides: a body with its
-// status, optionally late, or a connection dropped without a byte of answer; or a hostile one that
-// never ends, trickles, or sends more than it announced.
+// An HTTP server on loopback whose answer to each request the test decides: a body, late or not, a dropped
+// connection, or a hostile answer that never ends, trickles, or sends more than it announced.
 
 #include <QByteArray>
 #include <QHostAddress>
@@ -18,13 +17,10 @@ class LoopbackHttp : public QObject {
 public:
     struct Reply {
         QByteArray body;  // null: the connection is dropped
-        int status = 200;
-        int delayMs = 0;
-        // After the body: `more` bytes of filler (-1: without end), `chunk` bytes every
-        // `intervalMs`. Content-Length says body + more unless `announced` says otherwise (-1:
-        // none, for a body without end).
-        qint64 more = 0;
-        qint64 chunk = 64 * 1024;
+        int status = 200, delayMs = 0;
+        // Then `more` bytes of filler (-1: no end), `chunk` every `intervalMs`; Content-Length: body + more,
+        // or `announced` (-1: none).
+        qint64 more = 0, chunk = 64 * 1024;
         int intervalMs = 0;
         qint64 announced = -2;
     };

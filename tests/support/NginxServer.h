@@ -1,28 +1,17 @@
 #pragma once
 
-// A private nginx on a free loopback port, for tests and benchmarks of the content service
-// client. It runs in the foreground as the current user with every path (pid, logs, temp files,
-// document root) inside its own temporary folder, and is killed by stop() or the destructor.
-//
-// Document root: docRoot() + "/v1/scenes/…". Besides plain static files, file names select
-// behaviours by prefix:
-//   "slow-…"    sent at `slowRate` bytes per second (limit_rate)
-//   "noetag-…"  sent without an ETag, also at `slowRate`
-//   "shifted-…" answered 206 from byte 10 whatever the Range asked (a misbehaving server)
-//   "missing-…" 404 with a 100 KB body and "Retry-After: 120"
-//   "moved302-…", "moved308-…" redirect to the same name without the prefix
-//   "refused-…" always 412 (precondition failed)
+// A private nginx on a free loopback port for the content service client, every path in its own folder.
+// In scenesDir(), name prefixes select behaviours: "slow-" and "noetag-" (no ETag) come at `slowRate`;
+// "shifted-" is a 206 from byte 10 whatever the Range; "missing-" a 404 with 100 KB and "Retry-After:
+// 120"; "moved302-" and "moved308-" redirect to the name without prefix; "refused-" is always a 412.
 
-#include <QByteArray>
+#include "ServerProcess.h"
+
 #include <QDir>
-#include <QFile>
-#include <QProcess>
-#include <QStringList>
 #include <QTcpServer>
 #include <QTcpSocket>
 #include <QTemporaryDir>
-#include <QThread>
-
+#include <cstdio>
 #include <signal.h>
 
 class NginxServer {
@@ -30,36 +19,58 @@ public:
     explicit NginxServer(QString slowRate = QStringLiteral("1m"))
         : rate(std::move(slowRate))
     {
-        QTcpServer probe;
-        probe.listen(QHostAddress::LocalHost, 0);
-        port = probe.serverPort();
-        probe.close();
-        QDir().mkpath(docRoot() + QStringLiteral("/v1/scenes"));
-        QDir().mkpath(dir.path() + QStringLiteral("/tmp"));
-        QFile err(docRoot() + QStringLiteral("/errbody.html"));
-        err.open(QIODevice::WriteOnly);
-        err.write(QByteArray(100 * 1024, 'E'));
-        writeConfig();
+        if (QTcpServer probe; probe.listen(QHostAddress::LocalHost, 0)) port = probe.serverPort();  // a free port
+        QDir().mkpath(scenesDir());
+        QDir().mkpath(dir.path() + "/tmp");
+        QFile err(docRoot() + "/errbody.html");
+        if (err.open(QIODevice::WriteOnly)) err.write(QByteArray(100 * 1024, 'E'));
+        const QString conf = QStringLiteral(R"(daemon off; master_process off; worker_processes 1;
+pid %1/nginx.pid; error_log %1/error.log info;
+events { worker_connections 64; }
+http {
+    log_format probe '$request_method $request_uri $status $body_bytes_sent range="$http_range" ifrange="$http_if_range" inm="$http_if_none_match" ua="$http_user_agent" ae="$http_accept_encoding"';
+    access_log %1/access.log probe;
+    client_body_temp_path %1/tmp/body; proxy_temp_path %1/tmp/proxy; fastcgi_temp_path %1/tmp/fastcgi;
+    uwsgi_temp_path %1/tmp/uwsgi; scgi_temp_path %1/tmp/scgi;
+    types { application/zip zip; } default_type application/octet-stream; sendfile on;
+    server {
+        listen 127.0.0.1:%2; root %1/www;
+        location = /v1/scenes/manifest { default_type application/json; }
+        location ~ ^/v1/scenes/slow- { limit_rate %3; sendfile off; output_buffers 1 32k; }
+        location ~ ^/v1/scenes/noetag- { etag off; limit_rate %3; sendfile off; output_buffers 1 32k; }
+        location ~ ^/v1/scenes/shifted-(.*)$ {
+            proxy_pass http://127.0.0.1:%2/raw/shifted-$1;
+            proxy_set_header Range "bytes=10-";
+            proxy_set_header If-Range "";
+        }
+        location /raw/ { alias %1/www/v1/scenes/; }
+        location ~ ^/v1/scenes/missing- { error_page 404 /errbody.html; }
+        location ~ ^/v1/scenes/moved302-(.*)$ { return 302 /v1/scenes/$1; }
+        location ~ ^/v1/scenes/moved308-(.*)$ { return 308 /v1/scenes/$1; }
+        location ~ ^/v1/scenes/refused- { return 412; }
+        location = /errbody.html { internal; add_header Retry-After 120 always; }
+    }
+}
+)")
+                                 .arg(dir.path(), QString::number(port), rate);
+        QFile f(dir.path() + "/nginx.conf");
+        if (f.open(QIODevice::WriteOnly)) f.write(conf.toUtf8());
     }
     ~NginxServer() { stop(); }
 
+    // Whether it answers on its port; if not, why is on standard error.
     bool start()
     {
-        process.setProgram(QStringLiteral("/usr/sbin/nginx"));
-        process.setArguments({QStringLiteral("-p"), dir.path(), QStringLiteral("-c"),
-                              dir.path() + QStringLiteral("/nginx.conf"), QStringLiteral("-e"),
-                              dir.path() + QStringLiteral("/error.log")});
-        process.setProcessChannelMode(QProcess::MergedChannels);
-        process.start();
-        if (!process.waitForStarted(5000)) return false;
-        for (int i = 0; i < 500; ++i) {
+        const QString d = dir.path();
+        process.launch("/usr/sbin/nginx", {"-p", d, "-c", d + "/nginx.conf", "-e", d + "/error.log"}, d + "/nginx.log");
+        QString why;
+        const bool up = process.waitReady("nginx", std::chrono::seconds(10), why, [&] {
             QTcpSocket socket;
             socket.connectToHost(QHostAddress::LocalHost, port);
-            if (socket.waitForConnected(100)) return true;
-            if (process.state() == QProcess::NotRunning) return false;
-            QThread::msleep(10);
-        }
-        return false;
+            return socket.waitForConnected(100);
+        });
+        if (!up) std::fprintf(stderr, "%s\n", qPrintable(why));
+        return up;
     }
 
     // SIGKILL: open connections drop mid-transfer, as with a vanished server.
@@ -93,55 +104,7 @@ public:
     quint16 port = 0;
 
 private:
-    void writeConfig()
-    {
-        const QString d = dir.path();
-        const QString conf = QStringLiteral(R"(daemon off;
-master_process off;
-worker_processes 1;
-pid %1/nginx.pid;
-error_log %1/error.log info;
-events { worker_connections 64; }
-http {
-    log_format probe '$request_method $request_uri $status $body_bytes_sent range="$http_range" ifrange="$http_if_range" inm="$http_if_none_match" ua="$http_user_agent" ae="$http_accept_encoding"';
-    access_log %1/access.log probe;
-    client_body_temp_path %1/tmp/body;
-    proxy_temp_path %1/tmp/proxy;
-    fastcgi_temp_path %1/tmp/fastcgi;
-    uwsgi_temp_path %1/tmp/uwsgi;
-    scgi_temp_path %1/tmp/scgi;
-    types { application/zip zip; }
-    default_type application/octet-stream;
-    sendfile on;
-    server {
-        listen 127.0.0.1:%2;
-        root %1/www;
-        location = /v1/scenes/manifest { default_type application/json; }
-        location ~ ^/v1/scenes/slow- { limit_rate %3; sendfile off; output_buffers 1 32k; }
-        location ~ ^/v1/scenes/noetag- { etag off; limit_rate %3; sendfile off; output_buffers 1 32k; }
-        location ~ ^/v1/scenes/shifted-(.*)$ {
-            proxy_pass http://127.0.0.1:%2/raw/shifted-$1;
-            proxy_set_header Range "bytes=10-";
-            proxy_set_header If-Range "";
-        }
-        location /raw/ { alias %1/www/v1/scenes/; }
-        location ~ ^/v1/scenes/missing- { error_page 404 /errbody.html; }
-        location ~ ^/v1/scenes/moved302-(.*)$ { return 302 /v1/scenes/$1; }
-        location ~ ^/v1/scenes/moved308-(.*)$ { return 308 /v1/scenes/$1; }
-        location ~ ^/v1/scenes/refused- { return 412; }
-        location = /errbody.html { internal; add_header Retry-After 120 always; }
-    }
-}
-)")
-                                 .arg(d)
-                                 .arg(port)
-                                 .arg(rate);
-        QFile f(d + QStringLiteral("/nginx.conf"));
-        f.open(QIODevice::WriteOnly);
-        f.write(conf.toUtf8());
-    }
-
     QTemporaryDir dir;
     QString rate;
-    QProcess process;
+    ServerProcess process;
 };

@@ -1,9 +1,9 @@
 #pragma once
 
-// A dbus-daemon of the test's own, and system services on it played by python3-dbusmock.
-// One private bus can stand in for both the session and the system bus: code under test takes
-// the connection, and child processes get both addresses from env().
+// A dbus-daemon of the test's own, standing in for both the session and the system bus, and system
+// services on it played by python3-dbusmock.
 
+#include "ServerProcess.h"
 #include "TestSupport.h"
 
 #include <QDBusConnection>
@@ -11,12 +11,8 @@
 #include <QDBusMessage>
 #include <QDBusVariant>
 #include <QDir>
-#include <QProcess>
 #include <QProcessEnvironment>
-#include <QString>
-#include <QStringList>
 #include <QTemporaryDir>
-#include <chrono>
 #include <gtest/gtest.h>
 #include <memory>
 
@@ -35,25 +31,21 @@ public:
     PrivateBus()
     {
         QDir().mkpath(serviceDir());
-        const QString config = dir.filePath("bus.conf");
-        writeFile(config,
-                  QStringLiteral("<!DOCTYPE busconfig PUBLIC \"-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN\"\n"
-                                 " \"http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd\">\n"
-                                 "<busconfig>\n"
-                                 "  <type>session</type>\n"
-                                 "  <listen>unix:path=%1</listen>\n"
-                                 "  <auth>EXTERNAL</auth>\n"
-                                 "  <servicedir>%2</servicedir>\n"
-                                 "  <policy context=\"default\">\n"
-                                 "    <allow send_destination=\"*\" eavesdrop=\"true\"/>\n"
-                                 "    <allow eavesdrop=\"true\"/>\n"
-                                 "    <allow own=\"*\"/>\n"
-                                 "  </policy>\n"
-                                 "</busconfig>\n")
-                      .arg(dir.filePath("bus"), serviceDir())
-                      .toUtf8());
-        daemon.start("dbus-daemon", {"--config-file=" + config, "--nofork", "--print-address=1"});
-        if (!daemon.waitForStarted(10000) || !daemon.waitForReadyRead(10000)) return;
+        const QString config = dir.filePath("bus.conf"),
+                      text = R"(<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN"
+ "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
+<busconfig><type>session</type><listen>unix:path=%1</listen><auth>EXTERNAL</auth><servicedir>%2</servicedir>
+  <policy context="default"><allow send_destination="*" eavesdrop="true"/><allow eavesdrop="true"/><allow own="*"/>
+  </policy></busconfig>
+)";
+        writeFile(config, text.arg(dir.filePath("bus"), serviceDir()).toUtf8());
+        // The address comes on standard output, the rest in the log.
+        daemon.launch("dbus-daemon", {"--config-file=" + config, "--nofork", "--print-address=1"},
+                      dir.filePath("bus.log"), true);
+        if (!daemon.waitReady("dbus-daemon", std::chrono::seconds(20), why, [&] {
+                return daemon.canReadLine() || (daemon.waitForReadyRead(200) && daemon.canReadLine());
+            }))
+            return;
         address = QString::fromUtf8(daemon.readLine()).trimmed();
         name = QStringLiteral("private-bus-%1").arg(++counter);
         connection = std::make_unique<QDBusConnection>(QDBusConnection::connectToBus(address, name));
@@ -62,14 +54,14 @@ public:
     {
         connection.reset();
         QDBusConnection::disconnectFromBus(name);
-        daemon.terminate();
-        if (!daemon.waitForFinished(5000)) {
-            daemon.kill();
-            daemon.waitForFinished();
-        }
     }
 
-    bool ok() const { return connection && connection->isConnected(); }
+    // Connected, or a failure saying why.
+    ::testing::AssertionResult ok() const
+    {
+        if (connection && connection->isConnected()) return ::testing::AssertionSuccess();
+        return ::testing::AssertionFailure() << (why.isEmpty() ? "no connection to " + address : why).toStdString();
+    }
     // Activatable services: "<name>.service" files here start on the first message to the name.
     QString serviceDir() const { return dir.filePath("services"); }
     // The test's own connection.
@@ -83,27 +75,22 @@ public:
     QProcessEnvironment env() const
     {
         QProcessEnvironment e = QProcessEnvironment::systemEnvironment();
-        e.insert("DBUS_SESSION_BUS_ADDRESS", address);
-        e.insert("DBUS_SYSTEM_BUS_ADDRESS", address);
+        for (const char *bus : {"DBUS_SESSION_BUS_ADDRESS", "DBUS_SYSTEM_BUS_ADDRESS"}) e.insert(bus, address);
         return e;
     }
     bool hasOwner(const QString &busName) { return bus().interface()->isServiceRegistered(busName).value(); }
 
     QTemporaryDir dir;
-    QProcess daemon;
-    QString address;
-    QString name;
+    ServerProcess daemon;
+    QString address, name, why;
     std::unique_ptr<QDBusConnection> connection;
     static inline int counter = 0;
 };
 
-// A service played by python3-dbusmock (the system python's) on a private bus: from one of its
-// templates, or a bare object that the test fills through the mock interface. Stopped with
-// the object.
+// A service played by python3-dbusmock on a private bus, from a template or a bare object. Stopped with the object.
 class DbusMock {
 public:
-    // `python3 -m dbusmock --template <name> [-p <parameters>]`; `busName` is the name the
-    // template claims, waited for.
+    // `python3 -m dbusmock --template <name> [-p <parameters>]`, waited for until it owns `busName`.
     static std::unique_ptr<DbusMock> fromTemplate(PrivateBus &bus, const QString &templateName, const QString &busName,
                                                   const QString &parametersJson = {})
     {
@@ -118,18 +105,9 @@ public:
         return std::unique_ptr<DbusMock>(new DbusMock(bus, busName, {busName, path, interface}));
     }
 
-    ~DbusMock()
-    {
-        process.terminate();
-        if (!process.waitForFinished(5000)) {
-            process.kill();
-            process.waitForFinished();
-        }
-    }
-
-    // Whether the service owns its name on the bus.
-    bool ok() const { return ready; }
-    QString errors() { return QString::fromUtf8(process.readAllStandardError()); }
+    // Whether the service owns its name on the bus; if not, errors() says why.
+    bool ok() const { return why.isEmpty(); }
+    QString errors() const { return why; }
 
     // A method call on one of the service's objects; the reply, or the error as its text.
     QDBusMessage call(const QString &path, const QString &interface, const QString &method,
@@ -159,17 +137,15 @@ private:
     {
         process.setProcessEnvironment(bus.env());
         // Whatever the template says, the service goes on the private bus, which is both.
-        const QStringList module{"-m", "dbusmock", "--session"};
-        process.start("/usr/bin/python3", module + args);
-        ready = process.waitForStarted(10000) &&
-                waitUntil([&] { return bus.hasOwner(busName) || process.state() == QProcess::NotRunning; },
-                          std::chrono::seconds(30)) &&
-                process.state() == QProcess::Running;
+        process.launch("/usr/bin/python3", QStringList{"-m", "dbusmock", "--session"} + args,
+                       bus.dir.filePath(QStringLiteral("mock-%1.log").arg(++mocks)));
+        process.waitReady("dbusmock " + busName, std::chrono::seconds(30), why, [&] { return bus.hasOwner(busName); });
     }
 
     PrivateBus &bus;
-    QProcess process;
-    bool ready = false;
+    ServerProcess process;
+    QString why;  // empty once it owns its name
+    static inline int mocks = 0;
 };
 
 }  // namespace testsupport

@@ -1,15 +1,15 @@
 #pragma once
 
-// A temporary HOME with its XDG folders for a test's private display server and the programs on
-// it, so that no user setting leaks in or out: what the X, sway and weston servers share.
+// A temporary HOME and XDG folders for a private display server and its programs: no user setting leaks in or out.
+
+#include "ServerProcess.h"
 
 #include <QDir>
-#include <QFile>
-#include <QProcess>
 #include <QProcessEnvironment>
 #include <QStandardPaths>
 #include <QTemporaryDir>
 #include <sys/stat.h>
+#include <utility>
 
 class PrivateHome {
 public:
@@ -25,9 +25,9 @@ public:
     QString home() const { return path("home"); }
     QString stateHome() const { return path("state"); }
 
-    // This process's environment with the private folders, and without its display, session
-    // bus and Qt platform.
-    QProcessEnvironment clientEnvironment() const
+    // This environment with the private folders and `extra`, without its display, session bus and Qt platform.
+    using Vars = QList<std::pair<QString, QString>>;
+    QProcessEnvironment clientEnvironment(const Vars &extra = {}) const
     {
         QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
         for (const char *gone :
@@ -37,27 +37,39 @@ public:
         env.insert("XDG_RUNTIME_DIR", path("client-run"));
         for (const char *sub : {"config", "cache", "data", "state"})
             env.insert(QStringLiteral("XDG_%1_HOME").arg(QString::fromLatin1(sub).toUpper()), path(sub));
+        for (const auto &[key, value] : extra) env.insert(key, value);
         return env;
     }
-    // What a server itself gets: PATH, the private HOME and the server's runtime folder.
-    QProcessEnvironment serverEnvironment() const
+    // What a server itself gets: PATH, the private HOME, the server's runtime folder and `extra`.
+    QProcessEnvironment serverEnvironment(const Vars &extra = {}) const
     {
         QProcessEnvironment env;
         env.insert("PATH", qEnvironmentVariable("PATH"));
         env.insert("HOME", home());
         env.insert("XDG_RUNTIME_DIR", path("run"));
+        for (const auto &[key, value] : extra) env.insert(key, value);
         return env;
     }
 
     static bool installed(const QString &program) { return !QStandardPaths::findExecutable(program).isEmpty(); }
-
-    // Asks a process to end, then kills it.
-    static void stop(QProcess &process)
+    // The same, with `why` saying what is missing.
+    static bool installed(const QString &program, QString &why)
     {
-        if (process.state() == QProcess::NotRunning) return;
-        process.terminate();
-        if (!process.waitForFinished(5000)) process.kill();
-        process.waitForFinished(5000);
+        if (installed(program)) return true;
+        why = program + " is not installed";
+        return false;
+    }
+    static void stop(QProcess &process) { ServerProcess::stop(process); }
+
+    // A client's standard output once it ends; empty when it failed.
+    static QByteArray outputOf(const QProcessEnvironment &env, const QString &program, const QStringList &arguments,
+                               int timeoutMs = 60000)
+    {
+        QProcess process;
+        process.setProcessEnvironment(env);
+        process.start(program, arguments);
+        const bool done = process.waitForFinished(timeoutMs) && process.exitStatus() == QProcess::NormalExit;
+        return done && process.exitCode() == 0 ? process.readAllStandardOutput() : QByteArray();
     }
 
 protected:

@@ -1,9 +1,7 @@
 #pragma once
 
-// The real program as the app tests start it on a private display server: a private bus for
-// both the session and the system bus, the software Vulkan device, optionally a small generated
-// scene, its settings through turnelo-defaults, and its log, waited on line by line (a line never
-// comes once the program has ended). The destructor stops it, showing its log when the test failed.
+// The real program on a test's private display server and bus (both session and system), on the
+// software Vulkan device, with its settings and log. Stopped with the object; its log shown on failure.
 
 #include "TestSupport.h"
 
@@ -14,14 +12,14 @@
 #include <cmath>
 #include <gtest/gtest.h>
 #include <iostream>
+#include <optional>
 
 class RoomProcess {
 public:
     RoomProcess(QProcessEnvironment display, const QString &busAddress)
         : env(std::move(display))
     {
-        env.insert("DBUS_SESSION_BUS_ADDRESS", busAddress);
-        env.insert("DBUS_SYSTEM_BUS_ADDRESS", busAddress);
+        for (const char *bus : {"DBUS_SESSION_BUS_ADDRESS", "DBUS_SYSTEM_BUS_ADDRESS"}) env.insert(bus, busAddress);
         env.insert("VK_ICD_FILENAMES", testsupport::lavapipeIcd());
         env.remove("QT_QPA_PLATFORM");  // the program picks its own
     }
@@ -47,14 +45,10 @@ public:
     }
     void set(const QString &key, const QString &type, const QString &value)
     {
-        EXPECT_TRUE(defaults({"write", key, type, value})) << key.toStdString();
+        EXPECT_TRUE(defaults({"write", key, type, value}).has_value()) << key.toStdString();
     }
     // A setting as turnelo-defaults prints it; empty when it is not set.
-    QByteArray setting(const QString &key)
-    {
-        QByteArray out;
-        return defaults({"read", key}, &out) ? out.trimmed() : QByteArray();
-    }
+    QByteArray setting(const QString &key) { return defaults({"read", key}).value_or(QByteArray()).trimmed(); }
     // Starts it as a user past the welcome, whose window would stand in front of the room.
     bool start(const QStringList &args = {"--music-setup-done"})
     {
@@ -69,16 +63,13 @@ public:
     {
         return QString::fromUtf8(testsupport::readFile(env.value("XDG_STATE_HOME") + "/Turnelo Dev.log"));
     }
-    // Waits for a line holding `line` after `from` characters of the log; its end offset (or
-    // `from`, with a test failure, when it never came).
+    // Waits for `line` after `from` characters of the log; its end offset, or `from` and a failure.
     qsizetype waitForLine(const QString &line, qsizetype from = 0, int seconds = 60) const
     {
         qsizetype at = -1;
+        // A line never comes once the program has ended.
         testsupport::waitUntil(
-            [&] {
-                at = log().indexOf(line, from);
-                return at >= 0 || app.state() != QProcess::Running;
-            },
+            [&] { return (at = log().indexOf(line, from)) >= 0 || app.state() != QProcess::Running; },
             std::chrono::seconds(seconds));
         if (at < 0)
             ADD_FAILURE() << "no line \"" << line.toStdString() << "\"; log:\n" << log().mid(from).toStdString();
@@ -107,19 +98,18 @@ public:
     QProcess app;
 
 private:
-    bool defaults(const QStringList &args, QByteArray *out = nullptr)
+    // What turnelo-defaults printed; none when it failed.
+    std::optional<QByteArray> defaults(const QStringList &args)
     {
         QProcess tool;
         tool.setProcessEnvironment(env);
         tool.start(testsupport::builtTool("turnelo-defaults"), args);
-        const bool ok = tool.waitForFinished(30000) && tool.exitCode() == 0;
-        if (out) *out = tool.readAllStandardOutput();
-        return ok;
+        if (!tool.waitForFinished(30000) || tool.exitCode() != 0) return std::nullopt;
+        return tool.readAllStandardOutput();
     }
 };
 
-// The mean and the spread of the grey level over `r` of a picture, every fourth pixel: a flat
-// colour has no spread, the room plenty.
+// The mean and spread of the grey level over `r`, every fourth pixel: a flat colour has no spread.
 inline std::pair<double, double> greyLevels(const QImage &image, const QRect &r)
 {
     double sum = 0, sum2 = 0;

@@ -1,7 +1,6 @@
 #pragma once
 
-// Builders for scene folders, zip packages (including hostile ones) and catalogs, shared by the
-// delivery tests and benchmarks. Zips are written with libarchive, as the publisher does.
+// Builders for scene folders, zip packages (hostile ones too, by libarchive as the publisher) and catalogs.
 
 #include "core/delivery/SceneCatalog.h"
 #include "core/scene/PlateManifest.h"
@@ -21,8 +20,7 @@
 
 namespace scenepackages {
 
-// A manifest that the decoder accepts: one framing "wide", one preset; `scenario` tells
-// installed versions apart.
+// A manifest that the decoder accepts: framing "wide", one preset; `scenario` tells installs apart.
 inline QByteArray manifestJson(const QString &scenario, const QStringList &framings = {QStringLiteral("wide")})
 {
     QByteArray framingJson;
@@ -50,19 +48,15 @@ inline void put(const QString &path, const QByteArray &bytes)
 {
     QDir().mkpath(QFileInfo(path).absolutePath());
     QFile f(path);
-    f.open(QIODevice::WriteOnly | QIODevice::Truncate);
-    f.write(bytes);
+    if (f.open(QIODevice::WriteOnly | QIODevice::Truncate)) f.write(bytes);
 }
 
-// A base scene folder with every file its framing names: manifest, masks, and
-// "wide/light/sun_noon.exr" holding `plateBytes` random bytes (incompressible, so the package is about
-// that size).
+// A base scene folder; its plate holds `plateBytes` incompressible bytes, so the package is about that size.
 inline void makeSceneFolder(const QString &dir, const QString &scenario, qint64 plateBytes, quint32 seed = 1)
 {
     put(dir + QStringLiteral("/manifest.json"), manifestJson(scenario));
     put(dir + QStringLiteral("/wide/light/sun_noon.exr"), randomBytes(plateBytes, seed));
-    put(dir + QStringLiteral("/wide/cover_mask.png"), QByteArray(64, '\x7f'));
-    put(dir + QStringLiteral("/wide/label_mask.png"), QByteArray(64, '\x7f'));
+    for (const char *mask : {"/wide/cover_mask.png", "/wide/label_mask.png"}) put(dir + mask, QByteArray(64, '\x7f'));
 }
 
 // The "scenario" of the manifest in `sceneRoot`, or none when it is missing or does not decode.
@@ -80,7 +74,7 @@ inline std::optional<QString> scenarioAt(const QString &sceneRoot)
 struct ZipEntry {
     QString name;
     QByteArray data;
-    QString symlink;  // set: a symbolic link to this target
+    QString symlink = {};  // set: a symbolic link to this target
     bool directory = false;
 };
 
@@ -96,18 +90,11 @@ inline bool writeZip(const QString &path, const std::vector<ZipEntry> &entries, 
     for (const ZipEntry &z : entries) {
         archive_entry *e = archive_entry_new();
         archive_entry_copy_pathname(e, z.name.toUtf8().constData());
-        if (!z.symlink.isEmpty()) {
-            archive_entry_set_filetype(e, AE_IFLNK);
-            archive_entry_copy_symlink(e, z.symlink.toUtf8().constData());
-            archive_entry_set_perm(e, 0777);
-        } else if (z.directory) {
-            archive_entry_set_filetype(e, AE_IFDIR);
-            archive_entry_set_perm(e, 0755);
-        } else {
-            archive_entry_set_filetype(e, AE_IFREG);
-            archive_entry_set_perm(e, 0644);
-            archive_entry_set_size(e, z.data.size());
-        }
+        const bool link = !z.symlink.isEmpty(), file = !link && !z.directory;
+        archive_entry_set_filetype(e, link ? AE_IFLNK : file ? AE_IFREG : AE_IFDIR);
+        archive_entry_set_perm(e, link ? 0777 : file ? 0644 : 0755);
+        if (link) archive_entry_copy_symlink(e, z.symlink.toUtf8().constData());
+        if (file) archive_entry_set_size(e, z.data.size());
         archive_write_header(a, e);
         if (!z.data.isEmpty()) archive_write_data(a, z.data.constData(), size_t(z.data.size()));
         archive_entry_free(e);
@@ -128,35 +115,28 @@ inline std::vector<ZipEntry> entriesOf(const QString &folder, const QString &pre
     for (const QString &n : names) {
         QFile f(folder + QLatin1Char('/') + n);
         f.open(QIODevice::ReadOnly);
-        out.push_back({prefix.isEmpty() ? n : prefix + QLatin1Char('/') + n, f.readAll()});
+        out.push_back({prefix.isEmpty() ? n : prefix + QLatin1Char('/') + n, f.readAll(), QString()});
     }
     return out;
-}
-
-inline QString sha256File(const QString &path)
-{
-    QFile f(path);
-    f.open(QIODevice::ReadOnly);
-    QCryptographicHash h(QCryptographicHash::Sha256);
-    h.addData(&f);
-    return QString::fromLatin1(h.result().toHex());
 }
 
 // A catalog entry describing the package file at `path`.
 inline SceneCatalog::Entry entryFor(const QString &path, const QString &id, const QString &title)
 {
+    QFile f(path);
+    f.open(QIODevice::ReadOnly);
+    QCryptographicHash h(QCryptographicHash::Sha256);
+    h.addData(&f);
     SceneCatalog::Entry e;
     e.id = id;
     e.title = title;
     e.file = QFileInfo(path).fileName();
     e.size = QFileInfo(path).size();
-    e.sha256 = sha256File(path);
+    e.sha256 = QString::fromLatin1(h.result().toHex());
     return e;
 }
 
-// Writes the catalog "manifest" into `scenesDir`. nginx's entity tag is modification second and
-// size, so each new catalog gets a later second than the one it replaces: two catalogs written
-// within one second never share a tag.
+// The catalog "manifest" in `scenesDir`, a second after the last: nginx's ETag is its second and size.
 inline void writeCatalog(const QString &scenesDir, const QList<SceneCatalog::Entry> &entries)
 {
     const QString path = scenesDir + QStringLiteral("/manifest");
@@ -182,8 +162,7 @@ inline SceneCatalog::Entry publishZip(const QString &scenesDir, const QString &f
     return e;
 }
 
-// A base scene (makeSceneFolder under `workDir`) published as `scenesDir/file`: id `scenario`,
-// title "Apartment <scenario>", scene "apt".
+// makeSceneFolder() under `workDir` as `scenesDir/file`: id `scenario`, scene "apt", title "Apartment <scenario>".
 inline SceneCatalog::Entry publishScene(const QString &scenesDir, const QString &workDir, const QString &file,
                                         const QString &scenario, qint64 plateBytes, quint32 seed = 1)
 {

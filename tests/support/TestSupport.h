@@ -2,10 +2,10 @@
 
 #include "core/environment/ProcessLauncher.h"
 
-#include <QByteArray>
 #include <QColor>
+#include <QDir>
+#include <QFileInfo>
 #include <QImage>
-#include <QString>
 #include <QStringList>
 #include <QTemporaryDir>
 #include <chrono>
@@ -21,35 +21,54 @@ namespace testsupport {
 bool waitUntil(const std::function<bool()> &done, std::chrono::milliseconds timeout);
 
 // Runs the event loop for `span`.
-void spin(std::chrono::milliseconds span);
+inline void spin(std::chrono::milliseconds span)
+{
+    waitUntil([] { return false; }, span);
+}
 
-QByteArray readFile(const QString &path);
-void writeFile(const QString &path, const QByteArray &bytes);
+inline QByteArray readFile(const QString &path)
+{
+    QFile f(path);
+    return f.open(QIODevice::ReadOnly) ? f.readAll() : QByteArray();
+}
+inline void writeFile(const QString &path, const QByteArray &bytes)
+{
+    QDir().mkpath(QFileInfo(path).absolutePath());
+    QFile f(path);
+    if (f.open(QIODevice::WriteOnly | QIODevice::Truncate)) f.write(bytes);
+}
 
 // An RGB32 image of one colour.
-QImage solidImage(const QColor &color, int width = 32, int height = 32);
+inline QImage solidImage(const QColor &color, int width = 32, int height = 32)
+{
+    QImage image(width, height, QImage::Format_RGB32);
+    image.fill(color);
+    return image;
+}
 
 // A built executable of this project, by target name.
-QString builtTool(const QString &name);
+inline QString builtTool(const QString &name) { return QStringLiteral(TURNELO_BINARY_DIR "/tools/") + name; }
 
 struct ToolResult {
     int exitCode = -1;
-    QByteArray out;
-    QByteArray err;
+    QByteArray out, err;
 };
 ToolResult runTool(const QString &program, const QStringList &args, const QStringList &extraEnv = {},
                    int timeoutMs = 120000);
 
 // The ICD file of Mesa's software Vulkan device (lavapipe); empty when it is not installed.
-QString lavapipeIcd();
+inline QString lavapipeIcd()
+{
+    for (const char *dir : {"/usr/share/vulkan/icd.d", "/etc/vulkan/icd.d"})
+        for (const QFileInfo &found : QDir(dir).entryInfoList({"lvp_icd*.json"}, QDir::Files))
+            return found.absoluteFilePath();
+    return {};
+}
 
-// A small valid manifest.json: presets manha/dia/tarde/noite on one "room" group, a clock, and
-// one framing "mid" of 64×48 with only the required sections.
+// A small valid manifest.json: presets manha/dia/tarde/noite on group "room", framing "mid" of 64×48.
 QByteArray minimalManifest();
 
-// What the application log received since the object was made. The log's folder is fixed at its
-// first use in a process: the first LogTail points XDG_STATE_HOME at a private folder, so make
-// one before anything logs.
+// The application log since the object was made; make one before anything logs (it sets XDG_STATE_HOME).
 class LogTail {
 public:
     LogTail();
@@ -65,8 +84,14 @@ private:
 // Sets an environment variable for the life of the object, restoring the old value after.
 class ScopedEnv {
 public:
-    ScopedEnv(const char *name, const QByteArray &value);
-    ~ScopedEnv();
+    ScopedEnv(const char *name, const QByteArray &value)
+        : name(name)
+        , old(qgetenv(name))
+        , had(qEnvironmentVariableIsSet(name))
+    {
+        qputenv(name, value);
+    }
+    ~ScopedEnv() { had ? qputenv(name, old) : qunsetenv(name); }
     ScopedEnv(const ScopedEnv &) = delete;
     ScopedEnv &operator=(const ScopedEnv &) = delete;
 
@@ -76,9 +101,7 @@ private:
     bool had;
 };
 
-// GNOME's Desktop Icons extension schema ("org.gnome.shell.extensions.ding"), installed and
-// compiled under `dataHome` the way GNOME Shell extensions keep theirs per user; gives its
-// folder for gsettings --schemadir, or an empty string when it could not be compiled.
+// GNOME's Desktop Icons schema compiled under `dataHome`; its folder for gsettings --schemadir, or empty.
 QString installDesktopIconsSchema(const QString &dataHome);
 
 // Records the commands the desktop cleaner would run instead of restarting real desktop processes.

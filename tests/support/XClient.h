@@ -1,7 +1,6 @@
 #pragma once
 
-// A test's own view of an X server through plain Xlib, independent of the code under test:
-// properties, the manager's stacking list, and windows of "another program".
+// A test's own view of an X server through plain Xlib, independent of the code under test.
 // Include it last: Xlib's macros (None, Bool, Status) clash with Qt's and gtest's names.
 
 #include <QByteArray>
@@ -60,8 +59,7 @@ public:
 
     bool has(Window window, const char *property, const char *item)
     {
-        const auto all = values(window, property);
-        return std::find(all.begin(), all.end(), atom(item)) != all.end();
+        return std::ranges::count(values(window, property), atom(item)) > 0;
     }
 
     int stackIndex(Window window)
@@ -71,8 +69,7 @@ public:
         return found == stack.end() ? -1 : int(found - stack.begin());
     }
 
-    // An ordinary top-level window at `geometry` (user-placed, so the manager keeps it there);
-    // a 32-bit ARGB one (transparent, as a see-through desktop icon window is) when `argb`.
+    // A user-placed top-level window at `geometry` (kept there); a transparent 32-bit ARGB one when `argb`.
     Window makeWindow(const QRect &geometry, bool argb = false, const char *type = nullptr)
     {
         XSetWindowAttributes attributes{};

@@ -1,18 +1,11 @@
 #pragma once
 
-// A private X server for tests: Xvfb on a display number it picks itself (-displayfd), window
-// managers and desktop programs on it, each with a temporary HOME and XDG folders so no user
-// setting leaks in, and an optional session bus of its own. The destructor kills everything,
-// the server last.
+// A private Xvfb with window managers, programs and optionally a session bus on it. Stopped with the object.
 
 #include "PrivateHome.h"
 #include "TestSupport.h"
 
-#include <QByteArray>
-#include <QElapsedTimer>
 #include <QImage>
-#include <QThread>
-#include <functional>
 #include <memory>
 #include <vector>
 
@@ -26,26 +19,15 @@ public:
 
     bool start(QString &why)
     {
-        if (!installed("Xvfb")) {
-            why = "Xvfb is not installed (package xvfb)";
+        if (!installed("Xvfb", why)) return false;
+        // Only the display number on standard output: a full pipe of xkbcomp's warnings would stall it.
+        server.launch("Xvfb", {"-displayfd", "1", "-screen", "0", screenGeometry, "-nolisten", "tcp"},
+                      dir.filePath("Xvfb.log"), true);
+        if (!server.waitReady("Xvfb", kWait, why, [&] {
+                return server.canReadLine() || (server.waitForReadyRead(200) && server.canReadLine());
+            }))
             return false;
-        }
-        // Only the display number comes on standard output: an unread pipe full of xkbcomp's
-        // warnings would stall the server and all its clients.
-        server.setStandardErrorFile(dir.filePath("Xvfb.log"));
-        server.start("Xvfb", {"-displayfd", "1", "-screen", "0", screenGeometry, "-nolisten", "tcp"});
-        QByteArray number;
-        poll([&] {
-            server.waitForReadyRead(200);
-            number += server.readAllStandardOutput();
-            return number.contains('\n') || server.state() != QProcess::Running;
-        });
-        if (!number.contains('\n')) {
-            const QByteArray log = testsupport::readFile(dir.filePath("Xvfb.log"));
-            why = "Xvfb gave no display number: " + QString::fromUtf8(log);
-            return false;
-        }
-        name = ':' + number.trimmed();
+        name = ':' + server.readLine().trimmed();
         return true;
     }
 
@@ -54,104 +36,66 @@ public:
     // DISPLAY, Qt on it, the private folders, and the private session bus once there is one.
     QProcessEnvironment environment() const
     {
-        QProcessEnvironment env = clientEnvironment();
-        env.insert("DISPLAY", QString::fromUtf8(name));
-        env.insert("QT_QPA_PLATFORM", "xcb");
+        QProcessEnvironment env = clientEnvironment({{"DISPLAY", QString::fromUtf8(name)}, {"QT_QPA_PLATFORM", "xcb"}});
         if (!busAddress.isEmpty()) env.insert("DBUS_SESSION_BUS_ADDRESS", busAddress);
         return env;
     }
 
-    // A standard session bus, so services such as xfconfd start on demand from the system's
-    // service folders.
+    // A standard session bus, so services such as xfconfd start on demand from the system's folders.
     bool startSessionBus(QString &why)
     {
-        QProcess &bus = launch("dbus-daemon", {"--session", "--nofork", "--print-address=1"});
-        QByteArray address;
-        poll([&] {
-            address = output(bus);
-            return address.contains('\n') || bus.state() == QProcess::NotRunning;
-        });
-        busAddress = QString::fromUtf8(address.left(address.indexOf('\n')).trimmed());
-        why = "dbus-daemon gave no address";
-        return !busAddress.isEmpty();
+        ServerProcess &bus = launch("dbus-daemon", {"--session", "--nofork", "--print-address=1"});
+        const bool up = bus.waitReady("dbus-daemon", kWait, why, [&] { return bus.log().contains('\n'); });
+        busAddress = up ? QString::fromUtf8(bus.log().split('\n').first().trimmed()) : QString();
+        return up;
     }
 
     // Starts a window manager and waits until it takes windows.
     bool startManager(const QString &program, const QStringList &arguments, QString &why)
     {
-        if (!installed(program)) {
-            why = program + " is not installed";
-            return false;
-        }
-        QProcess *manager = &launch(program, arguments);
-        const auto started = [&] {
-            return poll([&] { return !managerName().isEmpty() || manager->state() == QProcess::NotRunning; }) &&
-                   manager->state() != QProcess::NotRunning;
-        };
-        bool running = started();
-        // On a loaded machine a manager has now and then failed to open a display that Xvfb had
-        // already announced; a second try has always found it.
-        if (!running && output(*manager).contains("Failed to open the display")) {
+        if (!installed(program, why)) return false;
+        // Under load a manager has failed to open a display Xvfb had announced; a second try finds it.
+        for (int attempt = 0;; ++attempt) {
+            ServerProcess &manager = launch(program, arguments);
+            if (manager.waitReady(program, kWait, why, [&] { return !managerName().isEmpty(); })) break;
+            if (attempt > 0 || !manager.log().contains("Failed to open the display")) return false;
             QThread::msleep(500);
-            manager = &launch(program, arguments);
-            running = started();
         }
-        if (!running) {
-            why = program + " did not start: " + QString::fromUtf8(output(*manager));
-            return false;
-        }
-        // A manager announces itself before it takes windows (openbox drops a window mapped in
-        // between): it is ready once a probe window shows up in its client list.
-        const bool managed = poll([&] {
-            QProcess probe;
-            probe.setProcessEnvironment(environment());
-            probe.setStandardOutputFile(QProcess::nullDevice());
-            probe.setStandardErrorFile(QProcess::nullDevice());
-            probe.start("xmessage", {"-name", "xserver-probe", "probe"});
-            bool seen = false;
-            for (int i = 0; i < 40 && !seen && probe.state() != QProcess::NotRunning; ++i) {
-                QThread::msleep(50);
-                seen = !rootItems("_NET_CLIENT_LIST").isEmpty();
-            }
-            probe.kill();
-            probe.waitForFinished(5000);
-            return seen;
-        });
-        poll([&] { return rootItems("_NET_CLIENT_LIST").isEmpty(); });
+        // Announced is not ready (openbox drops windows in between): wait for a probe in its client list.
+        const bool managed = ServerProcess::poll(
+            [&] {
+                ServerProcess probe;
+                probe.setProcessEnvironment(environment());
+                probe.launch("xmessage", {"-name", "xserver-probe", "probe"}, QProcess::nullDevice());
+                bool seen = false;
+                for (int i = 0; i < 40 && !seen && probe.state() != QProcess::NotRunning; ++i) {
+                    QThread::msleep(50);
+                    seen = !rootItems("_NET_CLIENT_LIST").isEmpty();
+                }
+                return seen;
+            },
+            kWait);
+        ServerProcess::poll([&] { return rootItems("_NET_CLIENT_LIST").isEmpty(); }, kWait);
         why = program + " did not start managing windows";
         return managed;
     }
 
-    // Starts another program on the server; its output goes to a file (output()), never to a
-    // pipe that may fill.
-    QProcess &launch(const QString &program, const QStringList &arguments)
+    // Starts another program on the server; its output goes to a file (output()), not a pipe that may fill.
+    ServerProcess &launch(const QString &program, const QStringList &arguments)
     {
-        auto process = std::make_unique<QProcess>();
-        const QString log = dir.filePath(QStringLiteral("output-%1.log").arg(processes.size()));
-        process->setProcessEnvironment(environment());
-        process->setProcessChannelMode(QProcess::MergedChannels);
-        process->setStandardOutputFile(log);
-        process->setObjectName(log);
-        process->start(program, arguments);
-        processes.push_back(std::move(process));
-        return *processes.back();
+        ServerProcess &process = *processes.emplace_back(std::make_unique<ServerProcess>());
+        process.setProcessEnvironment(environment());
+        process.launch(program, arguments, dir.filePath(QStringLiteral("output-%1.log").arg(processes.size())));
+        return process;
     }
 
     // What a launched program wrote so far.
-    static QByteArray output(const QProcess &process)
-    {
-        QFile file(process.objectName());
-        return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-    }
+    static QByteArray output(const QProcess &process) { return ServerProcess::log(process); }
 
     // Runs an X client (xprop, xdotool, import) to its end; its standard output.
     QByteArray run(const QString &program, const QStringList &arguments) const
     {
-        QProcess process;
-        process.setProcessEnvironment(environment());
-        process.start(program, arguments);
-        process.waitForFinished(60000);
-        return process.readAllStandardOutput();
+        return outputOf(environment(), program, arguments);
     }
     // A screenshot of the root window or of one window, by its id; null when it failed.
     QImage screenshot(const QString &window = "root") const
@@ -171,23 +115,13 @@ public:
 
     void stop()
     {
-        for (auto it = processes.rbegin(); it != processes.rend(); ++it) PrivateHome::stop(**it);
+        for (auto it = processes.rbegin(); it != processes.rend(); ++it) (*it)->stop();
         processes.clear();
-        PrivateHome::stop(server);
+        server.stop();
     }
 
 private:
-    // Polls for up to a minute (the machines are shared and slow); whether `done` came true.
-    static bool poll(const std::function<bool()> &done)
-    {
-        QElapsedTimer timer;
-        timer.start();
-        while (!done()) {
-            if (timer.elapsed() > 60000) return false;
-            QThread::msleep(50);
-        }
-        return true;
-    }
+    static constexpr std::chrono::seconds kWait{60};  // for each step: the machines are shared and slow
 
     // A root window property as xprop prints its items, empty when unset.
     QByteArray rootItems(const char *property) const
@@ -198,8 +132,8 @@ private:
     }
 
     QString screenGeometry;
-    QProcess server;
+    ServerProcess server;
     QByteArray name;
     QString busAddress;
-    std::vector<std::unique_ptr<QProcess>> processes;
+    std::vector<std::unique_ptr<ServerProcess>> processes;
 };

@@ -1,6 +1,5 @@
-// The windows' tests run as a person would see them: a private X server for the whole process,
-// Qt on its xcb platform, private XDG folders and HOME (settings, log, autostart), and a private
-// bus standing in for the session and the system bus.
+// The windows' tests as a person sees them: a private X server for the process, Qt on xcb, private
+// HOME and XDG folders, and a private bus standing in for the session and the system bus.
 #include "PrivateBus.h"
 #include "XServer.h"
 

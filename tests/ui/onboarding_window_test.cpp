@@ -1,6 +1,5 @@
-// Onboarding in the running application: it opens on the first start, shows the players open
-// on the bus and the desk as the desktop's settings have it, and going through it marks music
-// setup done, which starts the now-playing monitor that then reads the player.
+// Onboarding in the running application: it opens on the first start, shows the players on the bus
+// and the desk as the desktop has it, and going through it starts the now-playing monitor.
 
 #include "TestSupport.h"
 #include "app/AppDelegate.h"

@@ -22,7 +22,6 @@ using namespace testsupport;
 using namespace scenepackages;
 using namespace std::chrono_literals;
 using Kind = PopoverModel::Tile::Kind;
-using Tile = PopoverModel::Tile;
 
 namespace {
 
@@ -38,27 +37,10 @@ void keep(PopoverWindow &popover, const QString &file)
     popover.grab().save(QStringLiteral(TURNELO_BINARY_DIR "/") + file);
 }
 
-// Each quarter of the dial picks its own preset (morning at the top, then clockwise), the middle
-// picks the clock, and a preset the scene lacks picks nothing.
-TEST(LightDialGeometry, EachQuarterPicksItsPreset)
-{
-    LightDial dial;
-    dial.resize(300, 200);
-    dial.setState({"manha", "dia", "tarde", "noite"}, "auto", "dia", 0.4);
-    const QPointF c(150, 100);
-    EXPECT_EQ(dial.modeAt(c), "auto");
-    EXPECT_EQ(dial.modeAt(c + QPointF(0, -50)), "manha");
-    EXPECT_EQ(dial.modeAt(c + QPointF(50, 0)), "dia");
-    EXPECT_EQ(dial.modeAt(c + QPointF(0, 50)), "tarde");
-    EXPECT_EQ(dial.modeAt(c + QPointF(-50, 0)), "noite");
-    for (const QString preset : {"manha", "dia", "tarde", "noite"})
-        EXPECT_EQ(dial.modeAt(dial.centerOf(preset)), preset);
-    dial.setState({"dia", "noite"}, "auto", "dia", std::nullopt);
-    EXPECT_EQ(dial.modeAt(c + QPointF(0, -50)), "");
-}
-
-// The words of the header, the status line and the now-playing section, from the shared state.
-TEST(PopoverModel, SaysWhereTheRoomIsWhatPlaysAndWhatWentWrong)
+// The words of the header, the status line and the now-playing section from the shared state, and
+// the light dial: each quarter picks its own preset (morning at the top, then clockwise), the middle
+// the clock, a preset the scene lacks nothing, and a click writes the choice.
+TEST(PopoverWindow, TellsTheRoomsStateAndTheDialWritesTheChosenLight)
 {
     QTemporaryDir tmp;
     Settings settings(tmp.filePath("settings.json"));
@@ -68,8 +50,29 @@ TEST(PopoverModel, SaysWhereTheRoomIsWhatPlaysAndWhatWentWrong)
     services.settings = &settings;
     services.state = &state;
     services.status = &status;
-    PopoverModel model(services);
+    PopoverWindow popover(services);
+    popover.popup({});
+    ASSERT_TRUE(QTest::qWaitForWindowExposed(&popover));
+    LightDial *inPopover = popover.lightDial();
+    for (const QString preset : {"manha", "noite"}) {
+        QTest::mouseClick(inPopover, Qt::LeftButton, {}, inPopover->centerOf(preset).toPoint());
+        EXPECT_EQ(settings.lightPreset(), preset);
+    }
+    QTest::mouseClick(inPopover, Qt::LeftButton, {}, inPopover->rect().center());
+    EXPECT_EQ(settings.lightPreset(), "auto");
+    LightDial dial;
+    dial.resize(300, 200);
+    dial.setState({"manha", "dia", "tarde", "noite"}, "auto", "dia", 0.4);
+    const QPointF c(150, 100);
+    const std::pair<QPointF, QString> quarters[] = {
+        {{0, 0}, "auto"}, {{0, -50}, "manha"}, {{50, 0}, "dia"}, {{0, 50}, "tarde"}, {{-50, 0}, "noite"}};
+    for (const auto &[offset, mode] : quarters) EXPECT_EQ(dial.modeAt(c + offset), mode);
+    for (const QString preset : {"manha", "dia", "tarde", "noite"})
+        EXPECT_EQ(dial.modeAt(dial.centerOf(preset)), preset);
+    dial.setState({"dia", "noite"}, "auto", "dia", std::nullopt);
+    EXPECT_EQ(dial.modeAt(c + QPointF(0, -50)), "");
 
+    PopoverModel &model = popover.model();
     EXPECT_EQ(model.header(), "On the desk · Main display");
     settings.setAllScreens(true);
     EXPECT_EQ(model.header(), "On the desk · All displays");
@@ -99,8 +102,7 @@ TEST(PopoverModel, SaysWhereTheRoomIsWhatPlaysAndWhatWentWrong)
     settings.setMusicSetupDone(true);
     EXPECT_EQ(model.nowPlaying().emptyText, "Play something in Spotify or Music.");
     Track track;
-    track.title = "Wave";
-    track.album = "Wave";
+    track.title = track.album = "Wave";
     track.trackNumber = 9;
     track.trackCount = 14;
     track.source = {"org.mpris.MediaPlayer2.spotify", "Spotify", "Spotify"};
@@ -220,7 +222,7 @@ TEST(PopoverWindow, FramingTilesSayWhatIsOnDiskAndWhatTheCatalogOffers)
     QString framingWhileDownloading;
     EXPECT_TRUE(waitUntil(
         [&] {
-            const Tile t = tileNamed(popover, "close")->tile();
+            const auto t = tileNamed(popover, "close")->tile();
             framingWhileDownloading = settings.framing();
             return t.kind == Kind::downloading && t.progress > 0.2 && t.progress < 0.9;
         },
@@ -239,7 +241,7 @@ TEST(PopoverWindow, FramingTilesSayWhatIsOnDiskAndWhatTheCatalogOffers)
     ASSERT_TRUE(waitUntil([&] { return !installer.framingRunning(); }, 30s));
     FramingTile *topTile = tileNamed(popover, "top");
     EXPECT_EQ(topTile->tile().kind, Kind::failed);
-    EXPECT_EQ(topTile->tile().text, QString::fromUtf8(SceneInstaller::kFramingFailedText));
+    EXPECT_EQ(topTile->tile().text, "Couldn’t download this framing. Click to try again.");
     EXPECT_EQ(settings.framing(), "close");
     keep(popover, "popover-framing-failed.png");
     // A click on the failure tries again.
@@ -251,28 +253,6 @@ TEST(PopoverWindow, FramingTilesSayWhatIsOnDiskAndWhatTheCatalogOffers)
 
     QTest::keyClick(&popover, Qt::Key_Escape);
     EXPECT_FALSE(popover.isVisible());
-}
-
-// A quarter of the popover's dial writes its preset to the settings, the middle the clock. The
-// room's own tests show it following the setting.
-TEST(PopoverWindow, TheLightDialWritesTheChosenLight)
-{
-    QTemporaryDir tmp;
-    Settings settings(tmp.filePath("settings.json"));
-    SceneStatus status;
-    UiServices services;
-    services.settings = &settings;
-    services.status = &status;
-    PopoverWindow popover(services);
-    popover.popup({});
-    ASSERT_TRUE(QTest::qWaitForWindowExposed(&popover));
-    LightDial *dial = popover.lightDial();
-    for (const QString preset : {"manha", "noite"}) {
-        QTest::mouseClick(dial, Qt::LeftButton, {}, dial->centerOf(preset).toPoint());
-        EXPECT_EQ(settings.lightPreset(), preset);
-    }
-    QTest::mouseClick(dial, Qt::LeftButton, {}, dial->rect().center());
-    EXPECT_EQ(settings.lightPreset(), "auto");
 }
 
 }  // namespace

@@ -1,12 +1,10 @@
-// The settings window over a real settings file: its controls write each key with the key's
-// type, show what another process (turnelo-defaults) writes, and the login switch makes and
-// removes the autostart entry.
+// The settings window over a real settings file: its controls write their keys typed, follow what
+// turnelo-defaults writes, tell the room's state, and the login switch makes the autostart entry.
 
 #include "TestSupport.h"
 #include "core/app/Settings.h"
 #include "core/app/SettingsTable.h"
 #include "core/environment/DesktopCleaner.h"
-#include "core/environment/ProcessLauncher.h"
 #include "core/environment/PowerMonitor.h"
 #include "core/scene/SceneStatus.h"
 #include "platform/linux/LinuxDesktopPreferences.h"
@@ -18,7 +16,6 @@
 #include <QFile>
 #include <QLabel>
 #include <QSpinBox>
-#include <QTemporaryDir>
 #include <QTest>
 #include <gtest/gtest.h>
 
@@ -33,6 +30,8 @@ struct SettingsWindowTest : ::testing::Test {
     Settings settings{file};
     PowerMonitor power{settings, nullptr};
     SceneStatus status;
+    RecordingLauncher launcher;  // as on Plasma, where the cleaner has nothing to change
+    DesktopCleaner cleaner{settings, linuxDesktopPreferences("KDE"), launcher};
     std::unique_ptr<SettingsWindow> window;
 
     void SetUp() override
@@ -41,6 +40,8 @@ struct SettingsWindowTest : ::testing::Test {
         s.settings = &settings;
         s.power = &power;
         s.status = &status;
+        s.cleaner = &cleaner;
+        cleaner.setUnavailableNote(linuxDesktopCleanerNote("KDE"));
         s.launchAtLogin = [] { return XdgAutostart::isEnabled(); };
         s.setLaunchAtLogin = [](bool on) { return XdgAutostart::setEnabled(on, "/opt/Turnelo Test/turnelo"); };
         window = std::make_unique<SettingsWindow>(s);
@@ -109,10 +110,18 @@ TEST_F(SettingsWindowTest, ControlsWriteTheirKeysTypedAndFollowOutsideWrites)
     EXPECT_TRUE(waitUntil([&] { return control<QCheckBox>("fxStack")->isChecked(); }, 10s));
 }
 
-// Only framings on disk can be picked; an unavailable room is told in the popover's words, and
-// About adds the log's detail for a report.
-TEST_F(SettingsWindowTest, SceneAndAboutTellTheRoomsStateInTheUsersWords)
+// On Plasma the Desktop tab says where the icons are; only framings on disk can be picked; an
+// unavailable room is told in the popover's words, and About adds the log's detail for a report.
+TEST_F(SettingsWindowTest, DesktopSceneAndAboutTellTheStateInTheUsersWords)
 {
+    window->show(SettingsWindow::Tab::desktop);
+    QLabel *why = control<QLabel>("cleanerStatus");
+    ASSERT_TRUE(why);
+    EXPECT_TRUE(why->isVisible());
+    EXPECT_TRUE(why->text().contains("Folder View")) << why->text().toStdString();
+    EXPECT_FALSE(control<QCheckBox>("hideIcons")) << "a switch that could not work";
+    window->grab().save(QStringLiteral(TURNELO_BINARY_DIR "/settings-desktop-plasma.png"));
+
     settings.setFraming("wide");
     status.setScene({"wide", "mid"}, {"wide"}, "wide", "/scenes", PlateManifest{});
     QComboBox *framing = control<QComboBox>("framing");
@@ -127,28 +136,6 @@ TEST_F(SettingsWindowTest, SceneAndAboutTellTheRoomsStateInTheUsersWords)
     const QString about = control<QLabel>("scene")->text();
     EXPECT_TRUE(about.contains(problem->text() + "\nTechnical detail: sem superfície Vulkan para a janela"))
         << qPrintable(about);
-}
-
-// On Plasma the cleaner has nothing to change: the Desktop tab says where the icons are instead.
-TEST_F(SettingsWindowTest, DesktopTabTellsPlasmaUsersWhereTheirIconsAre)
-{
-    SystemProcessLauncher launcher;
-    DesktopCleaner cleaner(settings, linuxDesktopPreferences("KDE"), launcher);
-    cleaner.setUnavailableNote(linuxDesktopCleanerNote("KDE"));
-    UiServices s;
-    s.settings = &settings;
-    s.power = &power;
-    s.status = &status;
-    s.cleaner = &cleaner;
-    SettingsWindow plasma(s);
-    plasma.show(SettingsWindow::Tab::desktop);
-    ASSERT_TRUE(QTest::qWaitForWindowExposed(&plasma));
-    QLabel *why = plasma.findChild<QLabel *>("cleanerStatus");
-    ASSERT_TRUE(why);
-    EXPECT_TRUE(why->isVisible());
-    EXPECT_TRUE(why->text().contains("Folder View")) << why->text().toStdString();
-    EXPECT_FALSE(plasma.findChild<QCheckBox *>("hideIcons")) << "a switch that could not work";
-    plasma.grab().save(QStringLiteral(TURNELO_BINARY_DIR "/settings-desktop-plasma.png"));
 }
 
 TEST_F(SettingsWindowTest, LaunchAtLoginMakesAndRemovesTheAutostartEntry)
