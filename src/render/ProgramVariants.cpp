@@ -4,6 +4,10 @@
 #include "render/VulkanPipelines.h"
 
 #include <QElapsedTimer>
+#include <chrono>
+#ifdef __GLIBC__
+#include <malloc.h>
+#endif
 
 using namespace VulkanPipelines;
 
@@ -24,6 +28,18 @@ ProgramVariants::ProgramVariants(VkDevice device, VkPipelineLayout layout, VkRen
 {
     // One at a time: a software device's compiles take the cores the frames need.
     workers.setMaxThreadCount(1);
+    setClock({});
+}
+
+void ProgramVariants::setClock(std::function<double()> seconds)
+{
+    if (!seconds)
+        seconds = [] {
+            return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
+        };
+    std::lock_guard<std::mutex> held(lock);
+    clock = std::move(seconds);
+    lastSweep = clock();
 }
 
 ProgramVariants::~ProgramVariants() { workers.waitForDone(); }
@@ -61,9 +77,9 @@ VkPipeline ProgramVariants::keep(const Key &key, PipelineHandle handle)
 {
     std::lock_guard<std::mutex> held(lock);
     pending.erase(key);
-    auto [at, added] = made.try_emplace(key, std::move(handle));
+    auto [at, added] = made.try_emplace(key, Made{std::move(handle), clock()});
     if (added) cache.save();
-    return at->second;
+    return at->second.handle;
 }
 
 VkPipeline ProgramVariants::get(Program program, const ShaderVariant &variant)
@@ -72,7 +88,10 @@ VkPipeline ProgramVariants::get(Program program, const ShaderVariant &variant)
     {
         std::lock_guard<std::mutex> held(lock);
         const auto at = made.find(key);
-        if (at != made.end()) return at->second;
+        if (at != made.end()) {
+            at->second.used = clock();
+            return at->second.handle;
+        }
     }
     return keep(key, make(key));
 }
@@ -81,7 +100,11 @@ bool ProgramVariants::ready(Program program, const ShaderVariant &variant)
 {
     const Key key{program, variant};
     std::lock_guard<std::mutex> held(lock);
-    if (made.count(key) || failed.count(key)) return true;
+    if (const auto at = made.find(key); at != made.end()) {
+        at->second.used = clock();
+        return true;
+    }
+    if (failed.count(key)) return true;
     if (pending.insert(key).second)
         workers.start([this, key] {
             try {
@@ -94,4 +117,28 @@ bool ProgramVariants::ready(Program program, const ShaderVariant &variant)
             }
         });
     return false;
+}
+
+void ProgramVariants::evictIdle()
+{
+    int gone = 0;
+    {
+        std::lock_guard<std::mutex> held(lock);
+        const double now = clock();
+        if (now - lastSweep < 10) return;
+        lastSweep = now;
+        gone = int(std::erase_if(made, [now](const auto &entry) { return now - entry.second.used >= idleSeconds; }));
+    }
+    if (!gone) return;
+#ifdef __GLIBC__
+    // What the driver freed sits in the allocator's arenas, among blocks still in use, until handed back.
+    malloc_trim(0);
+#endif
+    Log::write(QStringLiteral("Vulkan: %1 pipelines sem uso liberados").arg(gone));
+}
+
+size_t ProgramVariants::count() const
+{
+    std::lock_guard<std::mutex> held(lock);
+    return made.size();
 }

@@ -6,6 +6,7 @@
 #include "render/VulkanHandle.h"
 
 #include <QThreadPool>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -13,9 +14,10 @@
 #include <utility>
 
 // The composite and steam programs, each compiled for a ShaderVariant the first time a frame
-// needs it and kept (and written to the pipeline cache). A frame asks first whether its programs
-// are made (ready), so that they are compiled on a worker thread while the frame waits, rather
-// than on the thread that draws. Any thread.
+// needs it and kept (and written to the pipeline cache) until no frame has asked for it in
+// idleSeconds. A frame asks first whether its programs are made (ready), so that they are
+// compiled on a worker thread while the frame waits, rather than on the thread that draws.
+// Any thread.
 class ProgramVariants {
 public:
     enum class Program { composite, still, moving, steam, steamOver };
@@ -33,8 +35,23 @@ public:
     // and a later call answers true; one that fails to compile is left to get() to report.
     bool ready(Program program, const ShaderVariant &variant);
 
+    // A software device holds megabytes of compiled code per program, and a light change leaves
+    // the programs of its fade behind: those no frame asked for in this long go. Longer than a
+    // track, so that the base's programs stay from one cover to the next.
+    static constexpr double idleSeconds = 600;
+    // Destroys the programs idle for idleSeconds, looking at most every few seconds. Between
+    // frames: a program that goes must be in no command buffer that is still to run.
+    void evictIdle();
+    size_t count() const;
+    // Seconds on a monotonic clock; the steady clock unless a test sets one.
+    void setClock(std::function<double()> seconds);
+
 private:
     using Key = std::pair<Program, ShaderVariant>;
+    struct Made {
+        PipelineHandle handle;
+        double used = 0;  // when a frame last asked for it
+    };
     PipelineHandle make(const Key &key);
     VkPipeline keep(const Key &key, PipelineHandle handle);
 
@@ -44,8 +61,10 @@ private:
     PipelineCache &cache;
     bool creationFeedback;
     ShaderModuleHandle vertex, composite, still, moving, steam;
-    std::mutex lock;  // over `made`, `pending` and the cache file
-    std::map<Key, PipelineHandle> made;
+    mutable std::mutex lock;  // over `made`, `pending`, `clock` and the cache file
+    std::map<Key, Made> made;
+    std::function<double()> clock;
+    double lastSweep = 0;
     std::set<Key> pending, failed;
     QThreadPool workers;
 };

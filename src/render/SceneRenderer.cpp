@@ -506,6 +506,7 @@ void SceneRenderer::draw(const std::optional<Pass> &base, const std::vector<Pass
                          const std::optional<SteamPass> &steam, const SceneTextures &textures)
 {
     if (!base && layers.empty() && !steam) return;
+    variants->evictIdle();
     VkDevice device = context->device;
     FrameSlot &slot = *frameSlots[nextSlot];
     nextSlot = (nextSlot + 1) % frameSlots.size();

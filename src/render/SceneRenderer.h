@@ -74,6 +74,8 @@ public:
     void waitIdle();
 
     GPUClock &gpuClock() { return clock; }
+    // The composite and steam programs compiled and kept now; those idle for long go as frames are drawn.
+    ProgramVariants &programs() { return *variants; }
     const std::shared_ptr<VulkanContext> &vulkan() const { return context; }
     const std::shared_ptr<MixBuilder> &mixBuilder() const { return builder; }
     const TextureRef &emptySprite() const { return empty; }

@@ -631,7 +631,7 @@ TEST_F(Composite, RainOnTheGlassAndRainyDayLight)
     EXPECT_TRUE(render(w, h) == dry);
 }
 
-TEST_F(Composite, AFramesPipelinesAreMadeOnAWorkerBeforeItIsDrawn)
+TEST_F(Composite, AFramesPipelinesAreMadeOnAWorkerBeforeItIsDrawnAndGoWhenIdle)
 {
     // A variant no other test draws: three lights, one front layer, rain.
     lit(16, 16, rgb(0.2));
@@ -649,6 +649,24 @@ TEST_F(Composite, AFramesPipelinesAreMadeOnAWorkerBeforeItIsDrawn)
     renderer->waitIdle();
     EXPECT_TRUE(log.messages().filter("Vulkan: pipeline").isEmpty())
         << "the draw compiled: " << log.messages().join('\n').toStdString();
+
+    // Programs no frame asked for in a while go; one needed again is made again, the same.
+    ProgramVariants &programs = renderer->programs();
+    double now = 1e9;  // after any steady-clock reading: the programs other draws made are old
+    programs.setClock([&now] { return now; });
+    const QImage three = render(16, 16);
+    const SceneUniforms threeLights = u;
+    u.mixCount = 1;
+    now += ProgramVariants::idleSeconds / 2;
+    render(16, 16);
+    EXPECT_EQ(programs.count(), 2u) << "only the two lately drawn are kept";
+    now += ProgramVariants::idleSeconds / 2 + 1;
+    render(16, 16);
+    EXPECT_EQ(programs.count(), 1u) << "the three lights' program stayed idle for long";
+    u = threeLights;
+    EXPECT_TRUE(render(16, 16) == three);
+    EXPECT_EQ(programs.count(), 2u);
+    programs.setClock({});
 }
 
 TEST(CompositeCreation, ABrokenShaderLeavesNoRendererAndIsLogged)
