@@ -1,5 +1,5 @@
-// The desktop cleaner on the Linux desktops' own settings stores: xfconf through a private
-// xfconfd, and GNOME's Desktop Icons extension through real gsettings on its key-file back end.
+// The desktop cleaner on xfconf through a private xfconfd, and on GNOME's Desktop Icons extension through
+// real gsettings on its key-file back end.
 
 #include "core/app/Settings.h"
 #include "core/environment/DesktopCleaner.h"
@@ -26,14 +26,13 @@ struct DesktopCleanerTest : ::testing::Test {
     RecordingLauncher launcher;
 };
 
-// xfconfd started on demand on a private bus, keeping its channels in a folder of the test's.
-// dbus-monitor records every call to it, so a test can tell "wrote the same value" from "wrote
-// nothing".
+// xfconfd started on demand on a private bus, keeping its channels in a folder of the test's; dbus-monitor
+// records every call to it, telling "wrote the same value" from "wrote nothing".
 struct DesktopCleanerXfconfTest : DesktopCleanerTest {
     const QString stylePath = "/desktop-icons/style";
     const QString reload = "xfdesktop --reload";
     PrivateBus bus;
-    QProcess monitor;
+    ServerProcess monitor;  // stopped with the test
     std::unique_ptr<ScopedEnv> busEnv;
     std::unique_ptr<DesktopCleaner> cleaner;
     QByteArray seen;
@@ -56,15 +55,10 @@ struct DesktopCleanerXfconfTest : DesktopCleanerTest {
         ASSERT_TRUE(monitor.waitForStarted()) << "dbus-monitor did not start";
         busEnv = std::make_unique<ScopedEnv>("DBUS_SESSION_BUS_ADDRESS", bus.address.toUtf8());
     }
-    void TearDown() override
-    {
-        monitor.kill();
-        monitor.waitForFinished();
-    }
 
     void makeCleaner()
     {
-        auto prefs = linuxDesktopPreferences("XFCE");
+        auto prefs = linuxDesktopPreferences("Xubuntu:XFCE");
         ASSERT_NE(prefs, nullptr);
         cleaner = std::make_unique<DesktopCleaner>(settings, std::move(prefs), launcher);
     }
@@ -108,9 +102,12 @@ struct DesktopCleanerXfconfTest : DesktopCleanerTest {
 
 }  // namespace
 
-TEST_F(DesktopCleanerXfconfTest, HidingAndRestoringPutsTheKeyBackAndWhatIsAlreadySetIsNotWritten)
+TEST_F(DesktopCleanerXfconfTest, HidingAndRestoringPutsTheFirstSnapshotBackAndWhatIsAlreadySetIsNotWritten)
 {
     ASSERT_NO_FATAL_FAILURE(makeCleaner());
+    EXPECT_TRUE(cleaner->statusText().isEmpty());
+    EXPECT_TRUE(cleaner->supports(DesktopPreferences::Control::hideIcons));
+    EXPECT_FALSE(cleaner->supports(DesktopPreferences::Control::hideWidgets)) << "Xfce has no widgets";
     // Never set (icons show by default), minimised-application icons (a way of showing icons),
     // file icons, hidden by the user.
     for (const std::optional<int> before :
@@ -135,67 +132,43 @@ TEST_F(DesktopCleanerXfconfTest, HidingAndRestoringPutsTheKeyBackAndWhatIsAlread
         cleaner->apply(hide());
         EXPECT_EQ(style(), "0");
         EXPECT_EQ(launcher.commands, QStringList{reload});
+        // Showing again writes the default style, not the saved one; hiding again keeps the first snapshot.
+        cleaner->apply(show());
+        EXPECT_EQ(style(), "2");
+        cleaner->apply(hide());
+        EXPECT_EQ(style(), "0");
         EXPECT_EQ(snapshotEntry().value("exists").toBool(), before.has_value());
+        EXPECT_EQ(snapshotEntry().value("value").toInt(), before.value_or(0));
 
         cleaner->restore();
         EXPECT_EQ(style(), was);
-        EXPECT_EQ(launcher.commands, (QStringList{reload, reload}));
+        EXPECT_EQ(launcher.commands, QStringList(4, reload));
         // Nothing left to put back.
         cleaner->restore();
-        EXPECT_EQ(launcher.commands.size(), 2);
+        EXPECT_EQ(launcher.commands.size(), 4);
+        if (!before) continue;
+        // The restored value keeps its type, so xfdesktop still reads it.
+        const auto typed = query({"-p", stylePath, "-n", "-t", "int", "-s", QString::number(*before)});
+        EXPECT_EQ(typed.exitCode, 0) << typed.err.toStdString();
     }
 }
 
-TEST_F(DesktopCleanerXfconfTest, LaterAppliesKeepTheFirstSnapshot)
+// The extension's schema installed per user, as GNOME Shell extensions keep theirs: found without a system one.
+TEST_F(DesktopCleanerTest, WithoutABackEndNothingIsTouchedAndGnomeHidesTheExtensionsIconsAndPutsThemBack)
 {
-    setStyle(1);
-    ASSERT_NO_FATAL_FAILURE(makeCleaner());
-    cleaner->apply(hide());
-    ASSERT_EQ(snapshotEntry().value("value").toInt(), 1);
-
-    // Showing again writes the default style, not the saved one; the snapshot stays as it was.
-    cleaner->apply(show());
-    EXPECT_EQ(style(), "2");
-    cleaner->apply(hide());
-    EXPECT_EQ(style(), "0");
-    EXPECT_EQ(snapshotEntry().value("value").toInt(), 1);
-    EXPECT_EQ(launcher.commands.size(), 3);
-
-    cleaner->restore();
-    EXPECT_EQ(style(), "1");
-    // The restored value keeps its type, so xfdesktop still reads it.
-    const auto typed = query({"-p", stylePath, "-n", "-t", "int", "-s", "1"});
-    EXPECT_EQ(typed.exitCode, 0) << typed.err.toStdString();
-}
-
-TEST_F(DesktopCleanerXfconfTest, OnlyXfceAndGnomeHaveABackEnd)
-{
-    EXPECT_NE(linuxDesktopPreferences("Xubuntu:XFCE"), nullptr);
+    // Without a back end the cleaner says so and touches nothing; on Plasma it tells where the icons are.
     EXPECT_EQ(linuxDesktopPreferences(""), nullptr);
-
-    // Without a back end the cleaner says so and touches nothing; on Plasma it tells where the
-    // icons are.
     DesktopCleaner none(settings, linuxDesktopPreferences("KDE"), launcher);
     EXPECT_FALSE(none.available());
     EXPECT_TRUE(linuxDesktopCleanerNote("XFCE").isEmpty());
     none.setUnavailableNote(linuxDesktopCleanerNote("Plasma:KDE"));
     EXPECT_TRUE(none.statusText().contains("Folder View")) << none.statusText().toStdString();
     EXPECT_FALSE(none.supports(DesktopPreferences::Control::hideIcons));
-    none.apply(hide());
+    none.apply({true, false, false});
     none.restore();
     EXPECT_FALSE(settings.desktopSnapshot().has_value());
     EXPECT_TRUE(launcher.commands.isEmpty());
 
-    ASSERT_NO_FATAL_FAILURE(makeCleaner());
-    EXPECT_TRUE(cleaner->statusText().isEmpty());
-    EXPECT_TRUE(cleaner->supports(DesktopPreferences::Control::hideIcons));
-    EXPECT_FALSE(cleaner->supports(DesktopPreferences::Control::hideWidgets));
-}
-
-// Real gsettings on its key-file back end, with the extension's schema installed per user the
-// way GNOME Shell extensions keep theirs: found without a system-wide install.
-TEST_F(DesktopCleanerTest, GnomeHidesTheExtensionsIconsAndPutsTheUsersChoiceBack)
-{
     ScopedEnv backend{"GSETTINGS_BACKEND", "keyfile"};
     ScopedEnv config{"XDG_CONFIG_HOME", home.filePath("config").toUtf8()};
     ScopedEnv data{"XDG_DATA_HOME", home.filePath("data").toUtf8()};
@@ -221,13 +194,11 @@ TEST_F(DesktopCleanerTest, GnomeHidesTheExtensionsIconsAndPutsTheUsersChoiceBack
     EXPECT_TRUE(launcher.commands.isEmpty());
 
     cleaner.restore();
-    EXPECT_EQ(gsettings({"get", "show-home"}), "true");
-    EXPECT_EQ(gsettings({"get", "show-trash"}), "false");
-    EXPECT_EQ(gsettings({"get", "show-volumes"}), "true");
+    for (const auto &[key, was] : {std::pair{"show-home", "true"}, {"show-trash", "false"}, {"show-volumes", "true"}})
+        EXPECT_EQ(gsettings({"get", key}), was) << key;
     EXPECT_FALSE(cleaner.current().hideIcons);
 
-    // Showing icons shows all three, the trash too; once so, nothing is written again (the
-    // key file would be rewritten even for an equal value).
+    // Showing shows all three, the trash too; then nothing is written again (not even an equal value).
     cleaner.apply({false, false, false});
     EXPECT_EQ(gsettings({"get", "show-trash"}), "true");
     const QString keyfile = home.filePath("config/glib-2.0/settings/keyfile");

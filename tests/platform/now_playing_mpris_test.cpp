@@ -1,6 +1,5 @@
-// The now-playing monitor against real MPRIS players on a private session bus: scriptable test
-// players (turnelo-mpris-player) for the choice rules and artwork, and mpv with its MPRIS plugin
-// as a real player.
+// The now-playing monitor against real MPRIS players on a private session bus: scriptable test players
+// (turnelo-mpris-player) for the choice rules and artwork, and mpv with its MPRIS plugin as a real player.
 
 #include "core/app/SafeText.h"
 #include "core/music/CoverLoader.h"
@@ -43,23 +42,10 @@ struct TrackArg {
 
 QString titleOf(const PlayerState &state) { return state.track() ? state.track()->title : QString(); }
 
-// The longest the main thread went without running its event loop, from a 20 ms timer.
-struct Heartbeat {
-    QTimer timer;
-    QElapsedTimer since;
-    qint64 longest = 0;
-    Heartbeat()
-    {
-        since.start();
-        QObject::connect(&timer, &QTimer::timeout, [this] { longest = std::max(longest, since.restart()); });
-        timer.start(20);
-    }
-};
-
 struct NowPlayingMprisTest : ::testing::Test {
     LogTail log;
     PrivateBus bus;
-    std::vector<std::unique_ptr<QProcess>> players;
+    std::vector<std::unique_ptr<ServerProcess>> players;  // stopped with the test
     PlayerState state;
     MprisPlayerBackend backend{bus.bus()};
     double clock = 1000;  // the media clock, where a test gives it to a monitor
@@ -69,13 +55,6 @@ struct NowPlayingMprisTest : ::testing::Test {
     {
         ASSERT_TRUE(bus.ok()) << "no private dbus-daemon";
         ASSERT_TRUE(QFileInfo(builtTool("turnelo-mpris-player")).isExecutable());
-    }
-    void TearDown() override
-    {
-        for (auto &p : players) {
-            p->kill();
-            p->waitForFinished();
-        }
     }
 
     QString logged() const { return log.lines().join('\n'); }
@@ -109,7 +88,7 @@ struct NowPlayingMprisTest : ::testing::Test {
 
     QProcess &startProcess(const QString &program, const QStringList &args)
     {
-        players.push_back(std::make_unique<QProcess>());
+        players.push_back(std::make_unique<ServerProcess>());
         players.back()->setProcessEnvironment(bus.env());
         players.back()->start(program, args);
         return *players.back();
@@ -160,8 +139,13 @@ struct NowPlayingMprisTest : ::testing::Test {
 
 }  // namespace
 
-TEST_F(NowPlayingMprisTest, SourcesListSpotifyFirstThenByNameAndQueryMapsMetadata)
+TEST_F(NowPlayingMprisTest, SourcesListSpotifyFirstThenByNameQueryMapsMetadataAndReadingStartsNoPlayer)
 {
+    // An activatable player: the first message to its name would run it, which leaves a mark.
+    const QString mark = bus.dir.filePath("started");
+    const PlayerSource sleeper{"org.mpris.MediaPlayer2.sleeper", "sleeper", "sleeper"};
+    writeFile(bus.serviceDir() + "/" + sleeper.id + ".service",
+              QStringLiteral("[D-BUS Service]\nName=%1\nExec=/usr/bin/touch %2\n").arg(sleeper.id, mark).toUtf8());
     startPlayer("zplayer", "Zed", "Paused", {{"z", "Z", "Zalbum"}});
     startPlayer("spotify", "Spotify", "Playing",
                 {{"Song", "One;Two", "Record", 215.5, 4, "https://example.invalid/a.jpg"}}, 30);
@@ -172,7 +156,7 @@ TEST_F(NowPlayingMprisTest, SourcesListSpotifyFirstThenByNameAndQueryMapsMetadat
                                             {"org.mpris.MediaPlayer2.aplayer.instance42", "Ay", "Ay"},
                                             {"org.mpris.MediaPlayer2.zplayer", "Zed", "Zed"}}));
     EXPECT_TRUE(backend.isRunning({"org.mpris.MediaPlayer2.zplayer", "Zed", "Zed"}));
-    EXPECT_FALSE(backend.isRunning({"org.mpris.MediaPlayer2.absent", "x", "x"}));
+    EXPECT_FALSE(backend.isRunning(sleeper));
 
     const auto snapshot = ask(spotify);
     ASSERT_TRUE(snapshot.has_value());
@@ -184,31 +168,24 @@ TEST_F(NowPlayingMprisTest, SourcesListSpotifyFirstThenByNameAndQueryMapsMetadat
 
     control("spotify", "Stop");
     EXPECT_FALSE(ask(spotify).has_value()) << "stopped is nothing";
-}
 
-TEST_F(NowPlayingMprisTest, ReadingNeverStartsAPlayer)
-{
-    // An activatable player: the first message to its name would run it, which leaves a mark.
-    const QString mark = bus.dir.filePath("started");
-    const PlayerSource sleeper{"org.mpris.MediaPlayer2.sleeper", "sleeper", "sleeper"};
-    writeFile(bus.serviceDir() + "/" + sleeper.id + ".service",
-              QStringLiteral("[D-BUS Service]\nName=%1\nExec=/usr/bin/touch %2\n").arg(sleeper.id, mark).toUtf8());
     look(monitor);
     monitor.refresh(sleeper);
-    EXPECT_FALSE(backend.isRunning(sleeper));
+    EXPECT_FALSE(backend.isRunning(sleeper)) << "while watching the bus";
     EXPECT_FALSE(ask(sleeper).has_value()) << "not even a direct query starts it";
     spin(500ms);
     EXPECT_FALSE(QFile::exists(mark));
-
     // The same message with auto-start does start it: the setup above is live.
     bus.bus().call(message(sleeper.id, "Ping", {}, "org.freedesktop.DBus.Peer"), QDBus::Block, 2000);
     EXPECT_TRUE(waitUntil([&] { return QFile::exists(mark); }, 5s));
 }
 
-TEST_F(NowPlayingMprisTest, ChoiceAmongPlayersBackgroundPauseAndQuitting)
+// Each reading of the position is dated on the monitor's clock (extrapolation is PlayerState's).
+TEST_F(NowPlayingMprisTest, ChoiceAmongPlayersDatedPositionsBackgroundPauseAndQuitting)
 {
     startPlayer("vlc", "VLC media player", "Playing", {{"Vlc song", "V", "Valbum"}});
-    startPlayer("spotify", "Spotify", "Paused", {{"Spotify song", "S", "Salbum"}});
+    startPlayer("spotify", "Spotify", "Paused", {{"Spotify song", "S", "Salbum"}}, 30);
+    monitor.setClock([&] { return clock; });
     look(monitor);
     EXPECT_EQ(titleOf(state), "Vlc song") << "one that plays wins over the order";
     // Nobody plays: the first source in order (Spotify) wins.
@@ -216,10 +193,21 @@ TEST_F(NowPlayingMprisTest, ChoiceAmongPlayersBackgroundPauseAndQuitting)
     ASSERT_TRUE(waitUntil([&] { return !state.isPlaying(); }, 5s));
     look(monitor);
     EXPECT_EQ(titleOf(state), "Spotify song");
+    EXPECT_DOUBLE_EQ(state.position(), 30.0);
+    EXPECT_DOUBLE_EQ(state.positionDate(), 1000.0);
 
-    // A player that starts playing takes the room; of two that play, a fresh look takes the first.
+    // A player that starts playing takes the room; a seek is a notification of its own.
+    clock = 2000;
     control("spotify", "Play");
     ASSERT_TRUE(waitUntil([&] { return state.isPlaying(); }, 5s));
+    EXPECT_DOUBLE_EQ(state.positionDate(), 2000.0);
+    EXPECT_NEAR(state.position(), 30.0, 2.0);
+    clock = 3000;
+    control("spotify", "SetPosition", {QVariant::fromValue(QDBusObjectPath("/track/0")), qlonglong(120'000'000)});
+    ASSERT_TRUE(waitUntil([&] { return state.positionDate() == 3000.0; }, 5s));
+    EXPECT_NEAR(state.position(), 120.0, 2.0);
+
+    // Of two that play, the one that started last takes the room; a fresh look takes the first.
     control("vlc", "Play");
     ASSERT_TRUE(waitUntil([&] { return titleOf(state) == "Vlc song"; }, 5s));
     look(monitor);
@@ -303,30 +291,6 @@ TEST_F(NowPlayingMprisTest, ArtworkFromFilesAndOncePerAlbumLateCoversDropped)
     EXPECT_FALSE(logged().contains(http.url("/slow.png"))) << "a late cover is not even logged";
 }
 
-// Each reading of the position is dated on the monitor's clock (extrapolation is PlayerState's).
-TEST_F(NowPlayingMprisTest, PositionReadingsAreDatedOnTheMonitorsClock)
-{
-    startPlayer("spotify", "Spotify", "Paused", {{"Song", "Band", "Album", 300, 1}}, 30);
-    monitor.setClock([&] { return clock; });
-    look(monitor);
-    ASSERT_TRUE(state.track().has_value());
-    EXPECT_FALSE(state.isPlaying());
-    EXPECT_DOUBLE_EQ(state.position(), 30.0);
-    EXPECT_DOUBLE_EQ(state.positionDate(), 1000.0);
-
-    clock = 2000;
-    control("spotify", "Play");
-    ASSERT_TRUE(waitUntil([&] { return state.isPlaying(); }, 5s));
-    EXPECT_DOUBLE_EQ(state.positionDate(), 2000.0);
-    EXPECT_NEAR(state.position(), 30.0, 2.0);
-
-    // A seek is a notification of its own: the reading follows it.
-    clock = 3000;
-    control("spotify", "SetPosition", {QVariant::fromValue(QDBusObjectPath("/track/0")), qlonglong(120'000'000)});
-    ASSERT_TRUE(waitUntil([&] { return state.positionDate() == 3000.0; }, 5s));
-    EXPECT_NEAR(state.position(), 120.0, 2.0);
-}
-
 // A real player: mpv with the MPRIS plugin playing a generated, tagged file.
 TEST_F(NowPlayingMprisTest, MpvWithMprisPluginIsSeen)
 {
@@ -383,9 +347,8 @@ TEST_F(NowPlayingMprisTest, PlayersThatStallFloodOrNameHostileCoversNeverHoldThe
     http.answer = [](const QString &) { return LoopbackHttp::Reply{"\x89PNG", 200, 0, -1, 64 * 1024}; };
     const auto file = [](const QString &path) { return QUrl::fromLocalFile(path).toString(); };
     const QString longTitle = "Line\nbreak\x1b[31m\u202Eevil" + QString(100'000, QChar('w'));
-    // One player answers its state 1.5 s late, well past the time-out; the other names covers
-    // that would block or sink a reader, then changes album 400 times a second for 3 s once it
-    // plays.
+    // One player answers 1.5 s late, past the time-out; the other names covers that would block or sink a
+    // reader, then changes album 400 times a second for 3 s once it plays.
     startPlayer("slow", "Slow", "Playing", {{"Slow song", "S", "Slow album"}}, 0, {"--slow", "1500"});
     startPlayer("spotify", "Spotify", "Paused",
                 {{"Fifo", "B", "A1", 200, 1, file(fifo)},
@@ -400,7 +363,13 @@ TEST_F(NowPlayingMprisTest, PlayersThatStallFloodOrNameHostileCoversNeverHoldThe
     TransferLimits limits = CoverLoader::httpLimits;
     limits.maxBytes = 1 << 20;
     guarded.covers().setHttpLimits(limits);
-    Heartbeat beat;
+    // The longest the main thread went without running its event loop, from a 20 ms timer.
+    QElapsedTimer since;
+    qint64 longest = 0;
+    QTimer beat;
+    QObject::connect(&beat, &QTimer::timeout, [&] { longest = std::max(longest, since.restart()); });
+    since.start();
+    beat.start(20);
     const int footprint = ProcessUsage::footprintMegabytes();
     look(guarded);
     EXPECT_EQ(titleOf(state), "Fifo") << "the one that answered";
@@ -440,6 +409,6 @@ TEST_F(NowPlayingMprisTest, PlayersThatStallFloodOrNameHostileCoversNeverHoldThe
     poke("slow", "Next");
     EXPECT_TRUE(waitUntil([&] { return log.messages().filter("[Slow] não respondeu").size() == 2; }, 5s));
     EXPECT_EQ(titleOf(state), "Flood 1200");
-    EXPECT_LT(beat.longest, 500) << "the main thread stood still";
+    EXPECT_LT(longest, 500) << "the main thread stood still";
     EXPECT_LT(ProcessUsage::footprintMegabytes() - footprint, 100);
 }

@@ -1,6 +1,5 @@
-// The power monitor and the lock, sleep and session signals against real D-Bus services on a
-// private bus that plays both the session and the system bus: UPower, power-profiles-daemon,
-// logind and the screen savers, each played by python3-dbusmock.
+// The power monitor and the lock, sleep and session signals against UPower, power-profiles-daemon, logind
+// and the screen savers played by python3-dbusmock on a private bus that is both session and system bus.
 
 #include "core/app/Settings.h"
 #include "core/environment/PowerMonitor.h"
@@ -41,10 +40,6 @@ struct PowerSessionTest : ::testing::Test {
         EXPECT_TRUE(mock->ok()) << mock->errors().toStdString();
         return mock;
     }
-    std::unique_ptr<DbusMock> upower(const QString &parameters = {})
-    {
-        return started(DbusMock::fromTemplate(bus, "upower", kUPower, parameters));
-    }
     static QDBusMessage addBattery(DbusMock &mock, const QString &name)
     {
         return mock.callMock(kUPowerPath, "AddDischargingBattery", {name, "Battery", 80.0, qlonglong(3600)});
@@ -55,71 +50,54 @@ struct PowerSessionTest : ::testing::Test {
     }
 };
 
-TEST_F(PowerSessionTest, UnpluggingOnUPowerLogsOnceAndEngagesTheSaver)
+TEST_F(PowerSessionTest, UPowerReadingsAndThePowerSaverProfileEngageTheSaver)
 {
     // Without UPower there is no power information.
     UPowerPowerSource none(bus.connect("none"));
     EXPECT_FALSE(none.read().has_value());
     EXPECT_FALSE(none.lowPowerMode());
 
-    auto service = upower();
+    // On battery at start; neither the mains nor a battery that does not power the machine (a UPS
+    // seen through USB, say) counts as a battery.
+    auto service = started(DbusMock::fromTemplate(bus, "upower", kUPower, R"({"OnBattery": true})"));
     ASSERT_TRUE(isReply(service->callMock(kUPowerPath, "AddAC", {"ac", "Mains"})));
-    ASSERT_TRUE(isReply(addBattery(*service, "bat0")));
-    UPowerPowerSource source(bus.connect("app"));
-    PowerMonitor monitor(settings, &source);
-    EXPECT_TRUE(monitor.hasBattery());
-    std::vector<bool> flips;
-    QObject::connect(&monitor, &PowerMonitor::ecoActiveChanged, [&](bool active) { flips.push_back(active); });
-
-    ASSERT_TRUE(isReply(setOnBattery(*service, true)));
-    ASSERT_TRUE(waitUntil([&] { return monitor.onBattery(); }, 10s));
-    // The same reading again, then back on mains; signals of one service arrive in order, so
-    // the mains line proves the second reading was handled.
-    setOnBattery(*service, true);
-    setOnBattery(*service, false);
-    ASSERT_TRUE(waitUntil([&] { return !monitor.onBattery(); }, 10s));
-    EXPECT_EQ(log.messages(), (QStringList{"Energia: bateria", "Energia: tomada"}));
-    EXPECT_EQ(flips, (std::vector<bool>{true, false}));
-}
-
-TEST_F(PowerSessionTest, BatteriesCountWhenTheyPowerTheMachine)
-{
-    // On battery at start: the first reading is a change from the initial mains state.
-    auto service = upower(QStringLiteral(R"({"OnBattery": true})"));
-    // A battery-kind device that does not power the machine (a UPS seen through USB, say).
     ASSERT_TRUE(isReply(addBattery(*service, "ups")));
     ASSERT_TRUE(isReply(service->callMock(
         kUPowerPath, "SetDeviceProperties",
         {QVariant::fromValue(QDBusObjectPath(kUPowerPath + "/devices/ups")), QVariantMap{{"PowerSupply", false}}})));
-
     UPowerPowerSource source(bus.connect("app"));
     PowerMonitor monitor(settings, &source);
     EXPECT_TRUE(monitor.onBattery());
     EXPECT_FALSE(monitor.hasBattery());
-    EXPECT_EQ(log.messages(), QStringList{"Energia: bateria"});
-
-    addBattery(*service, "bat0");
-    EXPECT_TRUE(waitUntil([&] { return monitor.hasBattery(); }, 10s));
-}
-
-TEST_F(PowerSessionTest, PowerSaverProfileIsLowPowerModeUnderEitherServiceName)
-{
-    auto service = upower();
-    settings.setEcoTrigger(Settings::EcoTrigger::lowPower);
-    const QString hadess = "net.hadess.PowerProfiles";
-    auto profiles = started(DbusMock::fromTemplate(bus, "power_profiles_daemon", hadess));
-    UPowerPowerSource source(bus.connect("app"));
-    PowerMonitor monitor(settings, &source);
     std::vector<bool> flips;
     QObject::connect(&monitor, &PowerMonitor::ecoActiveChanged, [&](bool active) { flips.push_back(active); });
+    ASSERT_TRUE(isReply(addBattery(*service, "bat0")));
+    ASSERT_TRUE(waitUntil([&] { return monitor.hasBattery(); }, 10s));
 
+    // Plugged in, unplugged, the same reading again, plugged in: one line and one flip a change.
+    // Signals of one service arrive in order, so the last line proves the repeat was handled.
+    ASSERT_TRUE(isReply(setOnBattery(*service, false)));
+    ASSERT_TRUE(waitUntil([&] { return !monitor.onBattery(); }, 10s));
+    ASSERT_TRUE(isReply(setOnBattery(*service, true)));
+    ASSERT_TRUE(waitUntil([&] { return monitor.onBattery(); }, 10s));
+    setOnBattery(*service, true);
+    setOnBattery(*service, false);
+    ASSERT_TRUE(waitUntil([&] { return !monitor.onBattery(); }, 10s));
+    EXPECT_EQ(log.messages(),
+              (QStringList{"Energia: bateria", "Energia: tomada", "Energia: bateria", "Energia: tomada"}));
+    EXPECT_EQ(flips, (std::vector<bool>{false, true, false}));
+
+    // The power-saver profile is Low Power Mode, under either name of power-profiles-daemon.
+    flips.clear();
+    monitor.setTrigger(PowerMonitor::Trigger::lowPower);
+    const QString hadess = "net.hadess.PowerProfiles";
+    auto profiles = started(DbusMock::fromTemplate(bus, "power_profiles_daemon", hadess));
     ASSERT_TRUE(isReply(profiles->setProperty("/net/hadess/PowerProfiles", hadess, "ActiveProfile", "power-saver")));
-    ASSERT_TRUE(waitUntil([&] { return monitor.ecoActive(); }, 10s));
+    ASSERT_TRUE(waitUntil([&] { return monitor.ecoActive(); }, 10s)) << "under its older name";
     EXPECT_TRUE(monitor.lowPowerMode());
-
     // The daemon going away takes its profile with it.
     profiles.reset();
-    ASSERT_TRUE(waitUntil([&] { return !monitor.ecoActive(); }, 10s));
+    ASSERT_TRUE(waitUntil([&] { return !monitor.ecoActive(); }, 10s)) << "the daemon left";
 
     // The current name, on a service that gains the property after it appeared.
     const QString current = "org.freedesktop.UPower.PowerProfiles";
@@ -129,7 +107,7 @@ TEST_F(PowerSessionTest, PowerSaverProfileIsLowPowerModeUnderEitherServiceName)
         currentPath, "AddProperty", {QString(), "ActiveProfile", QVariant::fromValue(QDBusVariant("balanced"))})));
     ASSERT_TRUE(isReply(renamed->callMock(currentPath, "UpdateProperties",
                                           {QString(), QVariantMap{{"ActiveProfile", "power-saver"}}})));
-    ASSERT_TRUE(waitUntil([&] { return monitor.ecoActive(); }, 10s));
+    ASSERT_TRUE(waitUntil([&] { return monitor.ecoActive(); }, 10s)) << "under its current name";
     EXPECT_EQ(flips, (std::vector<bool>{true, false, true}));
 }
 
@@ -153,7 +131,6 @@ struct SessionSignalsTest : PowerSessionTest {
             return ::testing::AssertionSuccess();
         return ::testing::AssertionFailure() << "seen: " << seen.join(", ").toStdString();
     }
-    void startLogind() { logind = started(DbusMock::fromTemplate(bus, "logind", kLogind)); }
     QString addSession(const QString &id)
     {
         const QDBusMessage reply =
@@ -170,9 +147,26 @@ struct SessionSignalsTest : PowerSessionTest {
 
 TEST_F(SessionSignalsTest, EveryLockerAndLogindReportOneLockSleepAndSessionSwitch)
 {
-    ScopedEnv sessionId("XDG_SESSION_ID", "c1");
-    startLogind();
+    ScopedEnv sessionId("XDG_SESSION_ID", "");
+    {
+        // No logind at all: no session, and nothing waits long for one.
+        LinuxSessionSignals lonely(connection, connection);
+        EXPECT_TRUE(lonely.sessionPath().isEmpty());
+    }
+    logind = started(DbusMock::fromTemplate(bus, "logind", kLogind));
     const QString ours = addSession("c1"), other = addSession("c2");
+    mock(*logind, kLogindPath, "AddMethod",
+         {kManager, "GetSessionByPID", "u", "o",
+          QStringLiteral("if args[0] != %1: raise dbus.exceptions.DBusException('no session', "
+                         "name='org.freedesktop.login1.NoSessionForPID')\n"
+                         "ret = '%2'")
+              .arg(QCoreApplication::applicationPid())
+              .arg(ours)});
+    {
+        // XDG_SESSION_ID names the session first; without it, logind is asked for this process's.
+        ScopedEnv named("XDG_SESSION_ID", "c2");
+        EXPECT_EQ(LinuxSessionSignals(connection, connection).sessionPath(), other);
+    }
     auto gnome = started(DbusMock::fromTemplate(bus, "gnome_screensaver", "org.gnome.ScreenSaver"));
     const QString freedesktop = "org.freedesktop.ScreenSaver";
     auto xfce = started(DbusMock::bare(bus, freedesktop, "/ScreenSaver", freedesktop));
@@ -209,30 +203,7 @@ TEST_F(SessionSignalsTest, EveryLockerAndLogindReportOneLockSleepAndSessionSwitc
     lockedHint(other, true);  // not ours
     ASSERT_TRUE(isReply(logind->setProperty(ours, kSession, "Active", false)));
     ASSERT_TRUE(saw({"locked 1", "asleep 1", "asleep 0", "locked 0", "active 0"}));
-}
 
-TEST_F(SessionSignalsTest, WithoutXdgSessionIdLogindIsAskedForThisProcesssSession)
-{
-    ScopedEnv sessionId("XDG_SESSION_ID", "");
-    {
-        // No logind at all: no session, and nothing waits long for one.
-        LinuxSessionSignals lonely(connection, connection);
-        EXPECT_TRUE(lonely.sessionPath().isEmpty());
-    }
-
-    startLogind();
-    const QString ours = addSession("c7");
-    mock(*logind, kLogindPath, "AddMethod",
-         {kManager, "GetSessionByPID", "u", "o",
-          QStringLiteral("if args[0] != %1: raise dbus.exceptions.DBusException('no session', "
-                         "name='org.freedesktop.login1.NoSessionForPID')\n"
-                         "ret = '%2'")
-              .arg(QCoreApplication::applicationPid())
-              .arg(ours)});
-
-    LinuxSessionSignals session(connection, connection);
-    EXPECT_EQ(session.sessionPath(), ours);
-    watch(session);
     // A service may only name the property that changed; its value is then asked for.
     mock(*logind, ours, "AddMethod",
          {kSession, "LockQuietly", QString(), QString(),
@@ -241,7 +212,7 @@ TEST_F(SessionSignalsTest, WithoutXdgSessionIdLogindIsAskedForThisProcesssSessio
     mock(*logind, ours, "EmitSignal",
          {"org.freedesktop.DBus.Properties", "PropertiesChanged", "sa{sv}as",
           QVariantList{kSession, QVariantMap{}, QStringList{"LockedHint"}}});
-    EXPECT_TRUE(saw({"locked 1"}));
+    EXPECT_TRUE(saw({"locked 1", "asleep 1", "asleep 0", "locked 0", "active 0", "locked 1"}));
 }
 
 }  // namespace

@@ -34,12 +34,12 @@ struct X11Desktop : ::testing::Test {
     QProcess *room = nullptr;  // the room window in its own process, on Qt's xcb platform
     ~X11Desktop() override { signalRoom(SIGCONT); }
 
-    // The server with a window manager; false with the reason when it cannot be had.
+    // The server with a window manager (none when empty); false with the reason when it cannot be had.
     bool start(QString &why, const QString &manager = "openbox", const QStringList &arguments = {"--sm-disable"},
                bool sessionBus = false)
     {
         if (!server.start(why) || (sessionBus && !server.startSessionBus(why)) ||
-            !server.startManager(manager, arguments, why))
+            (!manager.isEmpty() && !server.startManager(manager, arguments, why)))
             return false;
         x = std::make_unique<XClient>(server.display());
         why = "no Xlib connection";
@@ -123,8 +123,7 @@ TEST_F(X11Desktop, UnderOpenboxTheRoomIsAStickyClickThroughDesktopWindowBelowAll
     EXPECT_EQ(x->values(ours, "_NET_WM_WINDOW_TYPE"),
               std::vector<unsigned long>{x->atom("_NET_WM_WINDOW_TYPE_DESKTOP")});
     EXPECT_EQ(x->values(ours, "_NET_WM_DESKTOP"), std::vector<unsigned long>{0xFFFFFFFFul});
-    // The manager rewrites the state once it manages the window, keeping what it supports
-    // (openbox has no sticky state: the desktop number says "every desktop").
+    // The states the manager supports (openbox has no sticky: the desktop number says "every desktop").
     for (const char *state :
          {"_NET_WM_STATE_STICKY", "_NET_WM_STATE_SKIP_TASKBAR", "_NET_WM_STATE_SKIP_PAGER", "_NET_WM_STATE_BELOW"})
         if (x->has(x->root(), "_NET_SUPPORTED", state)) {
@@ -252,42 +251,37 @@ TEST_F(X11Desktop, WindowListUnderOpenboxListsOtherProgramsWindowsShownOnThisDes
     ASSERT_TRUE(soon([&] { return listed(list, secondFrame); })) << "a window on every desktop is left out";
 }
 
-TEST_F(X11Desktop, BlankedScreensPauseTheRoomUntilTheyShowAgain)
+// Without a window manager: the window server's own blanking, and the alpha a compositing manager shows.
+TEST_F(X11Desktop, BlankedScreensPauseTheRoomAndThirtyTwoBitWindowsAreJudgedByTheAlphaTheyShow)
 {
-    // The window server's own blanking, as on a desktop without a screen-saver service (openbox,
-    // i3). Xvfb has no DPMS; powering the monitors down blanks them the same way first.
     QTemporaryDir config;  // the scheduler reads its settings from here, not from the user's
     const ScopedEnv privateConfig("XDG_CONFIG_HOME", config.path().toUtf8());
-    QString why;
-    if (!server.start(why)) GTEST_SKIP() << qPrintable(why);
-    X11WindowList list(server.display());
-    ASSERT_TRUE(list.connected());
-    int changes = 0;
-    QObject::connect(&list, &WindowList::changed, [&] { ++changes; });
-    FrameScheduler scheduler(30, MediaClock(), nullptr, nullptr);
-    scheduler.attach(&list, nullptr);
-    scheduler.setWantsFrames(true);
-    ASSERT_TRUE(scheduler.isRunning());
-    EXPECT_FALSE(list.screensOff());
+    START_OR_SKIP("");
+    {
+        // As without a screen-saver service (openbox, i3); Xvfb has no DPMS, which blanks the same way first.
+        X11WindowList list(server.display());
+        ASSERT_TRUE(list.connected());
+        int changes = 0;
+        QObject::connect(&list, &WindowList::changed, [&] { ++changes; });
+        FrameScheduler scheduler(30, MediaClock(), nullptr, nullptr);
+        scheduler.attach(&list, nullptr);
+        scheduler.setWantsFrames(true);
+        ASSERT_TRUE(scheduler.isRunning());
+        EXPECT_FALSE(list.screensOff());
 
-    server.run("xset", {"s", "activate"});
-    ASSERT_TRUE(soon([&] { return !scheduler.isRunning(); }));
-    EXPECT_TRUE(list.screensOff());
-    EXPECT_GT(changes, 0) << "no notice from the server: only the periodic probe saw it";
+        server.run("xset", {"s", "activate"});
+        ASSERT_TRUE(soon([&] { return !scheduler.isRunning(); }));
+        EXPECT_TRUE(list.screensOff());
+        EXPECT_GT(changes, 0) << "no notice from the server: only the periodic probe saw it";
 
-    changes = 0;
-    server.run("xset", {"s", "reset"});
-    ASSERT_TRUE(soon([&] { return scheduler.isRunning(); }));
-    EXPECT_FALSE(list.screensOff());
-    EXPECT_GT(changes, 0);
-}
+        changes = 0;
+        server.run("xset", {"s", "reset"});
+        ASSERT_TRUE(soon([&] { return scheduler.isRunning(); }));
+        EXPECT_FALSE(list.screensOff());
+        EXPECT_GT(changes, 0);
+    }
 
-TEST_F(X11Desktop, ThirtyTwoBitWindowsAreJudgedByTheAlphaTheyShow)
-{
-    if (!XServer::installed("xcompmgr")) GTEST_SKIP() << "xcompmgr is not installed";
-    QString why;
-    ASSERT_TRUE(server.start(why)) << qPrintable(why);
-    x = std::make_unique<XClient>(server.display());
+    if (!XServer::installed("xcompmgr")) GTEST_SKIP() << "xcompmgr is not installed (blanking passed)";
     // Transparent between a few icons (GNOME's desktop icons); a wallpaper painted into a 32-bit
     // window (Plasma's desktop) with one small see-through corner; a plain 24-bit window.
     const Window clear = x->makeWindow(QRect(0, 0, 640, 400), true);
@@ -320,8 +314,7 @@ TEST_F(X11Desktop, StaysBelowASeeThroughIconWindowAndLowersItselfAgain)
 {
     if (!XServer::installed("xcompmgr")) GTEST_SKIP() << "xcompmgr is not installed";
     START_OR_SKIP();
-    // Transparent between its icons, as GNOME's desktop icons are, under a compositing manager
-    // as GNOME always has one (without it the window would hide everything below it).
+    // See-through between its icons as GNOME's are, under a compositing manager as GNOME always has.
     ASSERT_TRUE(compositing());
     const Window icons = x->makeWindow(QRect(0, 0, 1280, 800), true, "_NET_WM_WINDOW_TYPE_DESKTOP");
     ASSERT_NE(icons, 0ul) << "no 32-bit visual";
@@ -332,8 +325,7 @@ TEST_F(X11Desktop, StaysBelowASeeThroughIconWindowAndLowersItselfAgain)
     const auto below = [&] { return x->stackIndex(ours) >= 0 && x->stackIndex(ours) < x->stackIndex(icons); };
     // Mapped later, openbox puts it on top of the desktop layer; it must go below the icons.
     ASSERT_TRUE(soon(below));
-    // The icon program lowers itself (as Nemo does on every map) while ours cannot answer: ours
-    // goes below the icons again once it can.
+    // The icons lower themselves (as Nemo does on every map) while ours cannot answer: below again once it can.
     whileStopped([&] { x->restack(icons, Below); }, [&] { return !below(); });
     ASSERT_TRUE(soon(below));
     EXPECT_TRUE(logLines("Mesa:").isEmpty());
@@ -344,16 +336,12 @@ TEST_F(X11Desktop, SitsAboveXfdesktopsOpaqueIconWindowAndSaysSo)
     if (!XServer::installed("xfdesktop")) GTEST_SKIP() << "xfdesktop is not installed";
     START_OR_SKIP("xfwm4", {"--compositor=off"}, true);
 
-    // The room starts first, as a login's autostart race may have it. (xfwm4 keeps its own
-    // order among desktop windows and ignores requests to change it; the restacking itself is
-    // exercised under openbox.)
+    // The room starts first, as a login's autostart race may have it (xfwm4 ignores requests to
+    // restack desktop windows: the restacking itself is exercised under openbox).
     const Window ours = showRoom();
     ASSERT_NE(ours, 0ul) << roomOutput().constData();
     // xfwm4 publishes the stacking list only from its second client on.
-    ASSERT_TRUE(soon([&] {
-        const auto clients = x->values(x->root(), "_NET_CLIENT_LIST");
-        return std::find(clients.begin(), clients.end(), ours) != clients.end();
-    }));
+    ASSERT_TRUE(soon([&] { return std::ranges::count(x->values(x->root(), "_NET_CLIENT_LIST"), ours) > 0; }));
 
     QProcess &xfdesktop = server.launch("xfdesktop", {});
     Window icons = 0;

@@ -1,8 +1,6 @@
-// Kills a process that writes every kind of Turnelo state (settings, desktop snapshot, history
-// index and covers, catalog cache and its tag, partial-download records, an installation) with
-// SIGKILL at random moments of each write, a hundred times each, and checks after each what the next
-// start finds: every file reads, nothing acknowledged is lost, and the installer's recovery leaves
-// one whole scene.
+// Kills a process that writes every kind of Turnelo state (settings, desktop snapshot, history, catalog
+// cache and its tag, partial downloads, an installation) with SIGKILL at random moments of each write, a
+// hundred times each; after each, every file reads, nothing acknowledged is lost and one whole scene is installed.
 
 #include "core/app/Settings.h"
 #include "core/delivery/SceneInstaller.h"
@@ -20,9 +18,10 @@
 #include <QTemporaryDir>
 #include <QThread>
 #include <gtest/gtest.h>
-#include <iostream>
+#include <filesystem>
 #include <map>
 
+using namespace std::chrono_literals;
 using namespace testsupport;
 
 namespace {
@@ -30,8 +29,7 @@ namespace {
 // One scene package as the server offers it, and what it unpacks to.
 struct Offer {
     SceneCatalog::Entry entry;
-    QByteArray package;
-    QByteArray catalog;
+    QByteArray package, catalog;
     QString etag;
     std::map<QString, QByteArray> files;
 };
@@ -39,22 +37,40 @@ struct Offer {
 // What the writer has acknowledged, and what it had begun but not acknowledged when killed.
 struct Expected {
     std::map<QString, qint64> settings;
-    std::optional<std::pair<QString, qint64>> pendingSetting;
-    std::optional<qint64> snapshot, pendingSnapshot;
+    std::optional<qint64> snapshot;
     QStringList albums;  // oldest first
-    std::optional<QString> pendingAlbum;
-    std::optional<int> installed, pendingInstall;
+    std::optional<int> installed;
+    struct {
+        std::optional<std::pair<QString, qint64>> setting;
+        std::optional<qint64> snapshot;
+        std::optional<QString> album;
+        std::optional<int> install;
+    } pending;
 };
 
 constexpr int stackLimit = 4;
-const QStringList kinds{"settings", "snapshot", "history", "catalog", "download", "install"};
 
-QStringList filesUnder(const QString &dir)
+// Each write path, with the writer's lines that begin and end it.
+struct Path {
+    QString kind, from, to;
+};
+const std::vector<Path> paths{
+    {"settings", "begin settings", "ack settings"},
+    {"snapshot", "begin snapshot", "ack snapshot"},
+    {"history", "begin history", "ack history"},
+    {"catalog", "begin catalog", "begin download"},
+    {"download", "begin download", "begin verify"},
+    {"install", "begin verify", "ack install"},  // hashing, unpacking and the swap
+};
+
+std::map<QString, QByteArray> filesUnder(const QString &dir)
 {
-    QStringList out;
+    std::map<QString, QByteArray> out;
     QDirIterator it(dir, QDir::Files | QDir::Hidden, QDirIterator::Subdirectories);
-    while (it.hasNext()) out.append(QDir(dir).relativeFilePath(it.next()));
-    out.sort();
+    while (it.hasNext()) {
+        const QString path = it.next();
+        out[QDir(dir).relativeFilePath(path)] = readFile(path);
+    }
     return out;
 }
 
@@ -77,33 +93,37 @@ struct CrashStateTest : ::testing::Test {
                                                   QStringLiteral("scene%1").arg(i), 3'000'000, quint32(7 + i));
             scenepackages::writeCatalog(scenes, {o.entry});
             // The two catalogs are as long as each other: a day apart, their tags differ.
-            QFile catalog(scenes + "/manifest");
-            catalog.open(QIODevice::ReadWrite);
-            catalog.setFileTime(QDateTime::currentDateTime().addDays(-i), QFileDevice::FileModificationTime);
-            catalog.close();
+            std::filesystem::last_write_time((scenes + "/manifest").toStdString(),
+                                             std::filesystem::file_time_type::clock::now() - i * 24h);
             o.package = readFile(scenes + "/apt.zip");
             o.catalog = readFile(scenes + "/manifest");
             // nginx's tag: modification time and length in hexadecimal.
             const QFileInfo info(scenes + "/manifest");
             o.etag =
                 QStringLiteral("\"%1-%2\"").arg(info.lastModified().toSecsSinceEpoch(), 0, 16).arg(info.size(), 0, 16);
-            for (const auto &z : scenepackages::entriesOf(temp.filePath("work/src/scene%1").arg(i)))
-                o.files[z.name] = z.data;
+            o.files = filesUnder(temp.filePath("work/src/scene%1").arg(i));
         }
         QDir().mkpath(root());
         Settings(root() + "/settings.json").setStackLimit(stackLimit);
     }
 
-    QString url(int i) const { return server.baseURL() + QString::number(i) + "/"; }
-
-    QProcess *startWriter(int firstRound, bool once = false)
+    // The offer whose package has this digest.
+    std::optional<int> offerWith(const QString &sha256) const
     {
-        auto *p = new QProcess;
+        for (int i = 0; i < 2; ++i)
+            if (offers[i].entry.sha256 == sha256) return i;
+        return std::nullopt;
+    }
+
+    std::unique_ptr<QProcess> startWriter(int firstRound, bool once = false)
+    {
+        auto p = std::make_unique<QProcess>();
         QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
         env.insert("XDG_STATE_HOME", temp.filePath("logs"));
         p->setProcessEnvironment(env);
         p->setProgram(STATE_WRITER);
-        QStringList args{root(), QString::number(firstRound), url(0), url(1)};
+        QStringList args{root(), QString::number(firstRound)};
+        for (int i = 0; i < 2; ++i) args << server.baseURL() + QString::number(i) + "/";
         if (once) args << "once";
         p->setArguments(args);
         p->setProcessChannelMode(QProcess::ForwardedErrorChannel);
@@ -118,25 +138,25 @@ struct CrashStateTest : ::testing::Test {
         const QString what = w.value(0), kind = w.value(1);
         if (what == "begin" && kind == "settings") {
             round = w[3].toInt();
-            e.pendingSetting = {w[2], w[3].toLongLong()};
+            e.pending.setting = {w[2], w[3].toLongLong()};
         } else if (what == "ack" && kind == "settings") {
             e.settings[w[2]] = w[3].toLongLong();
-            e.pendingSetting.reset();
+            e.pending.setting.reset();
         } else if (kind == "snapshot") {
-            (what == "begin" ? e.pendingSnapshot : e.snapshot) = w[2].toLongLong();
-            if (what == "ack") e.pendingSnapshot.reset();
+            (what == "begin" ? e.pending.snapshot : e.snapshot) = w[2].toLongLong();
+            if (what == "ack") e.pending.snapshot.reset();
         } else if (kind == "history") {
             if (what == "begin") {
-                e.pendingAlbum = "Album " + w[2];
+                e.pending.album = "Album " + w[2];
             } else {
                 e.albums.append("Album " + w[2]);
-                e.pendingAlbum.reset();
+                e.pending.album.reset();
             }
         } else if (what == "begin" && kind == "catalog") {
-            e.pendingInstall = round % 2;
+            e.pending.install = round % 2;
         } else if (what == "ack" && kind == "install") {
             e.installed = w[2].toInt();
-            e.pendingInstall.reset();
+            e.pending.install.reset();
         }
     }
 
@@ -147,20 +167,17 @@ struct CrashStateTest : ::testing::Test {
         SCOPED_TRACE(when.toStdString());
         Settings settings(root() + "/settings.json");
         EXPECT_EQ(settings.stackLimit(), stackLimit);
-        for (auto &[key, value] : e.settings) {
-            const qint64 now = settings.value(key).toLongLong();
-            if (e.pendingSetting && e.pendingSetting->first == key && now == e.pendingSetting->second) value = now;
-            EXPECT_EQ(now, value) << key.toStdString();
-        }
-        if (e.pendingSetting && !e.settings.count(e.pendingSetting->first) &&
-            settings.contains(e.pendingSetting->first)) {
-            EXPECT_EQ(settings.value(e.pendingSetting->first).toLongLong(), e.pendingSetting->second);
-            e.settings[e.pendingSetting->first] = e.pendingSetting->second;
-        }
+        // A key new to the file must hold the pending value; a known one holds its old value or that.
+        if (const auto &p = e.pending.setting;
+            p && settings.contains(p->first) &&
+            (!e.settings.count(p->first) || settings.value(p->first).toLongLong() == p->second))
+            e.settings[p->first] = p->second;
+        for (const auto &[key, value] : e.settings)
+            EXPECT_EQ(settings.value(key).toLongLong(), value) << key.toStdString();
         const auto snapshot = settings.desktopSnapshot();
         const std::optional<qint64> round =
             snapshot ? std::optional<qint64>(snapshot->value("round").toLongLong()) : std::nullopt;
-        if (round && e.pendingSnapshot && *round == *e.pendingSnapshot) e.snapshot = round;
+        if (round && round == e.pending.snapshot) e.snapshot = round;
         EXPECT_EQ(round, e.snapshot);
 
         {
@@ -170,12 +187,11 @@ struct CrashStateTest : ::testing::Test {
                 found.prepend(entry.album);
                 EXPECT_FALSE(QImage(history.dir() + "/" + entry.file).isNull()) << entry.album.toStdString();
             }
+            const auto top = [](const QStringList &l) { return l.mid(std::max<qsizetype>(0, l.size() - stackLimit)); };
             QStringList withPending = e.albums;
-            if (e.pendingAlbum) withPending.append(*e.pendingAlbum);
-            if (found == withPending.mid(std::max<qsizetype>(0, withPending.size() - stackLimit)))
-                e.albums = withPending;
-            EXPECT_EQ(found.join(", ").toStdString(),
-                      e.albums.mid(std::max<qsizetype>(0, e.albums.size() - stackLimit)).join(", ").toStdString());
+            if (e.pending.album) withPending.append(*e.pending.album);
+            if (found == top(withPending)) e.albums = withPending;
+            EXPECT_EQ(found, top(e.albums));
         }
 
         SceneInstaller::Options options;
@@ -184,20 +200,16 @@ struct CrashStateTest : ::testing::Test {
         SceneInstaller installer(settings, options);  // recovers what an install left half done
         EXPECT_TRUE(QDir(support()).entryList({"*.incoming", "*.old"}, QDir::AllEntries | QDir::Hidden).isEmpty());
         const QJsonObject record = QJsonDocument::fromJson(readFile(support() + "/Scenes/.installed.json")).object();
-        std::optional<int> installed;
-        for (int i = 0; i < 2; ++i)
-            if (record.value("sha256").toString() == offers[i].entry.sha256) installed = i;
+        const std::optional<int> installed = offerWith(record.value("sha256").toString());
         EXPECT_EQ(installer.hasInstalledScene(), installed.has_value());
-        if (installed && installed == e.pendingInstall) e.installed = installed;
+        if (installed && installed == e.pending.install) e.installed = installed;
         EXPECT_EQ(installed, e.installed);
         if (installed) {
-            QStringList expected;
-            for (const auto &[name, data] : offers[*installed].files) expected << name;
-            expected << ".installed.json";
-            expected.sort();
-            EXPECT_EQ(filesUnder(support() + "/Scenes"), expected);
-            for (const auto &[name, data] : offers[*installed].files)
-                EXPECT_TRUE(readFile(support() + "/Scenes/" + name) == data) << name.toStdString();
+            auto found = filesUnder(support() + "/Scenes");
+            found.erase(".installed.json");
+            QStringList names;
+            for (const auto &[name, data] : found) names << name;
+            EXPECT_TRUE(found == offers[*installed].files) << names.join(' ').toStdString();
         }
 
         // The catalog cache is a whole catalog, and a tag names the one it holds.
@@ -214,18 +226,12 @@ struct CrashStateTest : ::testing::Test {
         // A partial download is a prefix of the package its record names.
         for (const QString &name : QDir(support() + "/Downloads").entryList({"*.part.json"})) {
             const QJsonObject record = QJsonDocument::fromJson(readFile(support() + "/Downloads/" + name)).object();
-            const QString sha = record.value("sha256").toString();
-            const int which = sha == offers[0].entry.sha256 ? 0 : sha == offers[1].entry.sha256 ? 1 : -1;
-            ASSERT_NE(which, -1) << name.toStdString();
-            const QByteArray part = readFile(support() + "/Downloads/" + name.chopped(5));
-            EXPECT_LE(part.size(), offers[which].package.size());
-            EXPECT_TRUE(offers[which].package.startsWith(part)) << "partial file differs from the package";
+            const std::optional<int> which = offerWith(record.value("sha256").toString());
+            ASSERT_TRUE(which) << name.toStdString();
+            EXPECT_TRUE(offers[*which].package.startsWith(readFile(support() + "/Downloads/" + name.chopped(5))))
+                << "partial file differs from the package";
         }
-        // The writer is gone: nothing of it is under way any more.
-        e.pendingSetting.reset();
-        e.pendingSnapshot.reset();
-        e.pendingAlbum.reset();
-        e.pendingInstall.reset();
+        e.pending = {};  // the writer is gone: nothing of it is under way any more
     }
 };
 
@@ -234,90 +240,61 @@ struct CrashStateTest : ::testing::Test {
 TEST_F(CrashStateTest, AHundredKillsInEveryWritePathLoseNothingAcknowledged)
 {
     Expected expected;
-    // How long each path took when it was not killed, in milliseconds; a kill falls at a random
-    // moment of one of those spans, so that it lands inside the path as often as not.
+    // How long each path took when not killed (ms): a kill falls at a random moment of such a span,
+    // so that it lands inside the path as often as not.
     std::map<QString, std::vector<double>> windowMs;
-    std::map<QString, int> kills, inside;
     QRandomGenerator random(20261123);
     int round = 0;
 
-    for (int run = 0; run < 100 * int(kinds.size()); ++run) {
-        const QString target = kinds[run % kinds.size()];
-        std::unique_ptr<QProcess> writer(startWriter(run * 1000));
+    for (int run = 0; run < 100 * int(paths.size()); ++run) {
+        const QString target = paths[run % paths.size()].kind;
+        const std::unique_ptr<QProcess> writer = startWriter(run * 1000);
         ASSERT_TRUE(writer->waitForStarted(10000));
         QElapsedTimer clock;
         clock.start();
         std::map<QString, qint64> began;
         std::optional<qint64> killAt;
-        QString phase;  // the installer's last phase
         QByteArray pending;
-        bool killed = false, closed = false;
-        while (!killed) {
+        while (!killAt) {
             ASSERT_LT(clock.elapsed(), 120000) << "no " << target.toStdString() << " write in two minutes";
-            if (killAt) {
-                // Sleeps to the moment rather than polling, for paths shorter than a millisecond.
-                const qint64 left = *killAt - clock.nsecsElapsed();
-                if (left > 0) QThread::usleep(quint64(left / 1000));
-                ::kill(pid_t(writer->processId()), SIGKILL);
-                killed = true;
-                break;
-            }
-            if (!writer->waitForReadyRead(100) && writer->state() == QProcess::NotRunning) {
-                closed = true;
-                break;
-            }
+            ASSERT_TRUE(writer->waitForReadyRead(100) || writer->state() != QProcess::NotRunning)
+                << "the writer stopped by itself";
             pending += writer->readAllStandardOutput();
             for (qsizetype nl; (nl = pending.indexOf('\n')) >= 0;) {
                 const QString line = QString::fromUtf8(pending.left(nl));
                 pending.remove(0, nl + 1);
                 follow(line, expected, round);
                 ASSERT_FALSE(line.startsWith("failed")) << line.toStdString();
-                const QStringList w = line.split(' ');
+                const QString head = line.section(' ', 0, 1);
                 const qint64 now = clock.nsecsElapsed();
-                // Where each path ends: its ack, or the next phase of the installer.
-                QString ended = w[0] == "ack" ? w[1] : QString();
-                if (w[0] == "begin" && w[1] == "download") ended = "catalog";
-                if (w[0] == "begin" && w[1] == "verify") {
-                    ended = "download";
-                    began["install"] = now;  // hashing, unpacking and the swap count as the install
-                }
-                if (!ended.isEmpty() && began.count(ended)) windowMs[ended].push_back(double(now - began[ended]) / 1e6);
-                if (w[0] == "begin" && QStringList{"catalog", "download", "verify", "install"}.contains(w[1]))
-                    phase = w[1];
-                if (w[0] == "begin" && kinds.contains(w[1]) && w[1] != "install") began[w[1]] = now;
-                if (!killAt && w[0] == "begin" && (w[1] == target || (target == "install" && w[1] == "verify"))) {
-                    const std::vector<double> &seen = windowMs[target];
-                    const double span = seen.empty() ? 1.0 : seen[random.bounded(int(seen.size()))];
-                    killAt = now + qint64(random.bounded(span) * 1e6);
+                for (const Path &p : paths) {
+                    if (head == p.to && began.count(p.kind))
+                        windowMs[p.kind].push_back(double(now - began[p.kind]) / 1e6);
+                    if (head != p.from) continue;
+                    began[p.kind] = now;
+                    if (!killAt && p.kind == target) {
+                        const std::vector<double> &seen = windowMs[target];
+                        const double span = seen.empty() ? 1.0 : seen[random.bounded(int(seen.size()))];
+                        killAt = now + qint64(random.bounded(span) * 1e6);
+                    }
                 }
             }
         }
-        ASSERT_FALSE(closed) << "the writer stopped by itself";
+        // Sleeps to the moment rather than polling, for paths shorter than a millisecond.
+        if (const qint64 left = *killAt - clock.nsecsElapsed(); left > 0) QThread::usleep(quint64(left / 1000));
+        ::kill(pid_t(writer->processId()), SIGKILL);
         writer->waitForFinished(10000);
-        ++kills[target];
-        // The kill fell inside the path when it came before the path's end was reported.
-        const QByteArray rest = pending + writer->readAllStandardOutput();
-        for (const QByteArray &l : rest.split('\n'))
+        for (const QByteArray &l : (pending + writer->readAllStandardOutput()).split('\n'))
             if (!l.isEmpty()) follow(QString::fromUtf8(l), expected, round);
-        const bool installing = expected.pendingInstall.has_value();
-        inside[target] += target == "settings"   ? expected.pendingSetting.has_value()
-                          : target == "snapshot" ? expected.pendingSnapshot.has_value()
-                          : target == "history"  ? expected.pendingAlbum.has_value()
-                          : target == "install"  ? installing && (phase == "verify" || phase == "install")
-                                                 : installing && phase == target;
         verify(expected, QStringLiteral("after kill %1 (%2)").arg(run + 1).arg(target));
         if (HasFailure()) return;
     }
 
     // After all that the writer still gets its work done.
-    std::unique_ptr<QProcess> writer(startWriter(100000, true));
+    const std::unique_ptr<QProcess> writer = startWriter(100000, true);
     ASSERT_TRUE(writer->waitForFinished(60000));
     const QString out = QString::fromUtf8(writer->readAllStandardOutput());
     for (const QString &line : out.split('\n', Qt::SkipEmptyParts)) follow(line, expected, round);
     EXPECT_TRUE(out.contains("ack install")) << out.toStdString();
     verify(expected, "after a run to the end");
-
-    std::cout << "kills (inside the path):";
-    for (const QString &k : kinds) std::cout << ' ' << k.toStdString() << ' ' << kills[k] << " (" << inside[k] << ")";
-    std::cout << std::endl;
 }

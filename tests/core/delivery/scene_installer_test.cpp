@@ -4,7 +4,6 @@
 #include "TestSupport.h"
 #include "core/app/Log.h"
 #include "core/delivery/PackageDownload.h"
-#include "core/scene/PlateManifest.h"
 #include "core/scene/PlatesWatcher.h"
 #include "core/delivery/SceneInstaller.h"
 #include "core/scene/SceneLocation.h"
@@ -22,14 +21,12 @@
 using namespace std::chrono_literals;
 using namespace scenepackages;
 using testsupport::readFile;
-using testsupport::spin;
 using testsupport::waitUntil;
 using Phase = SceneInstaller::Phase;
 
 namespace {
 
-// Support folder, log and settings of this process live in a private folder, set before any
-// of them is first computed.
+// Support folder, log and settings of this process live in a private folder, set before first use.
 const std::string kHome = [] {
     char pattern[] = "/tmp/turnelo-installer-test-XXXXXX";
     const std::string dir = mkdtemp(pattern);
@@ -88,10 +85,6 @@ protected:
     {
         return publishScene(server.scenesDir(), tmp.path(), file, scenario, plateBytes, seed);
     }
-    SceneCatalog::Entry publishZip(const QString &file, const std::vector<ZipEntry> &entries, const QString &id)
-    {
-        return scenepackages::publishZip(server.scenesDir(), file, entries, id);
-    }
     void serve(const QList<SceneCatalog::Entry> &entries) { writeCatalog(server.scenesDir(), entries); }
 
     // Kills the server once the download of the running sync has reached half its size.
@@ -137,7 +130,6 @@ TEST_F(SceneInstallerTest, FirstSyncInstallsAndReloadsSecondCostsOneNotModified)
     const auto resolved = SceneLocation::resolve();
     ASSERT_TRUE(resolved);
     EXPECT_EQ(resolved->root, SceneLocation::installedRoot());
-    EXPECT_EQ(resolved->manifest.scenario, QStringLiteral("first"));
     EXPECT_EQ(readFile(resolved->root + "/wide/light/sun_noon.exr"), randomBytes(200000, 1));
     const QJsonObject record = QJsonDocument::fromJson(readFile(resolved->root + "/.installed.json")).object();
     EXPECT_EQ(SceneCatalog::Entry::fromJson(record), v1);
@@ -160,7 +152,6 @@ TEST_F(SceneInstallerTest, FirstSyncInstallsAndReloadsSecondCostsOneNotModified)
         EXPECT_TRUE(line.contains("ua=\"Turnelo/0.1.0\"")) << line.toStdString();
 
     // A new package on the server replaces the scene and the watcher reloads again.
-    spin(1100ms);  // a distinct modification second for the manifest
     const auto v2 = publishBase("apt-2.zip", "second", 100000, 2);
     serve({v2});
     syncAndWait();
@@ -195,7 +186,6 @@ TEST_F(SceneInstallerTest, DroppedDownloadResumesWithARangeUnlessTheFileChanged)
     EXPECT_TRUE(last.contains("ifrange=\"\\x22")) << last.toStdString();
     EXPECT_EQ(readFile(scenes() + "/wide/light/sun_noon.exr"), randomBytes(3 << 20, 1));
     EXPECT_FALSE(QFileInfo::exists(part) || QFileInfo::exists(part + ".json"));
-    EXPECT_EQ(installer->attempts(), 0);
 
     // The next package is touched on the server mid-download: same bytes, new modification
     // time, so nginx's entity tag changes, If-Range no longer matches and the file comes whole.
@@ -205,7 +195,6 @@ TEST_F(SceneInstallerTest, DroppedDownloadResumesWithARangeUnlessTheFileChanged)
                                      std::filesystem::file_time_type::clock::now() + 1h);
     ASSERT_TRUE(server.start());
     fireRetry();
-    EXPECT_EQ(scenarioAt(scenes()), QStringLiteral("touched"));
     const QString whole = packageLines("slow-touched.zip").last();
     EXPECT_EQ(NginxServer::statusOf(whole), "200") << whole.toStdString();
     EXPECT_TRUE(whole.contains("range=\"bytes=")) << whole.toStdString();
@@ -270,7 +259,7 @@ TEST_F(SceneInstallerTest, BadPackagesAreRefusedAndDeletedWhileTheRoomStaysAndRe
         const char *logged;
     };
     const auto zip = [&](const char *file, const std::vector<ZipEntry> &entries) {
-        return publishZip(file, entries, file);
+        return scenepackages::publishZip(server.scenesDir(), file, entries, file);
     };
     const std::vector<Case> cases = {
         {corrupt, "Cenas: falhou: SHA-256 não confere em apt-2.zip"},
@@ -332,17 +321,15 @@ TEST_F(SceneInstallerTest, BadPackagesAreRefusedAndDeletedWhileTheRoomStaysAndRe
     EXPECT_EQ(installer->phase().kind, Phase::ready);
     EXPECT_TRUE(newLog().contains("Cenas: falhou: falha de rede ao buscar o catálogo"));
 
-    // A stale retry does nothing once a newer run has started and scheduled its own.
+    // A stale retry does nothing once a newer run has started and scheduled its own (a run sets its phase at once).
     ASSERT_TRUE(server.start());
     serve({publishBase("apt-3.zip", "third", 50000, 4)});
     auto stale = scheduled[1].second;
     fireRetry();
     EXPECT_EQ(scenarioAt(scenes()), QStringLiteral("third"));
     EXPECT_EQ(installer->attempts(), 0);
-    const int catalogRequests = server.accessLinesFor("/v1/scenes/manifest").size();
     stale();
-    spin(300ms);
-    EXPECT_EQ(server.accessLinesFor("/v1/scenes/manifest").size(), catalogRequests);
+    EXPECT_EQ(installer->phase().kind, Phase::ready) << "the stale retry started a run";
 }
 
 TEST_F(SceneInstallerTest, UnpackerKeepsInnerLinksAndEnforcesItsBounds)
@@ -446,14 +433,14 @@ TEST_F(SceneInstallerTest, WithoutAnInstalledSceneFailuresShowTheirText)
     EXPECT_TRUE(installer->hasRoom());
     EXPECT_FALSE(installer->lastRunError().isEmpty());
     ASSERT_EQ(scheduled.size(), 1u);
-    EXPECT_EQ(scheduled.back().first, SceneInstaller::retryDelay(1));
+    EXPECT_EQ(scheduled.back().first, 120s);
 }
 
 TEST_F(SceneInstallerTest, FramingsInstallBesideTheBaseAndFailAlone)
 {
     const auto base = publishBase("apt-1.zip", "base", 10000);
     const auto framing = [&](const char *name, const char *file, const std::vector<ZipEntry> &entries) {
-        SceneCatalog::Entry e = publishZip(file, entries, file);
+        SceneCatalog::Entry e = scenepackages::publishZip(server.scenesDir(), file, entries, file);
         e.framing = name;
         e.base = false;
         return e;
@@ -492,8 +479,8 @@ TEST_F(SceneInstallerTest, FramingsInstallBesideTheBaseAndFailAlone)
     EXPECT_TRUE(log.contains("Cenas: baixando enquadramento close (0.0 MB em 2 pacote(s))"));
     EXPECT_TRUE(log.contains("Cenas: enquadramento close instalado"));
     EXPECT_TRUE(log.contains("pacote sem a pasta mid"));
-    EXPECT_FALSE(QFileInfo::exists(root() + "/Framing.incoming"));
-    EXPECT_FALSE(QFileInfo::exists(root() + "/Framing.old"));
+    for (const char *left : {"/Framing.incoming", "/Framing.old"})
+        EXPECT_FALSE(QFileInfo::exists(root() + left)) << left;
     EXPECT_TRUE(scheduled.empty());  // framing failures are the tile's business, not retried
 
     // A name that would lead out of "Scenes" is refused as such, before any download.
@@ -565,7 +552,7 @@ TEST(SceneInstallerServers, HostileAnswersFailTheAttemptQuicklyHavingReadLittle)
         EXPECT_TRUE(installer.lastRunError().contains(c.number)) << installer.lastRunError().toStdString();
         EXPECT_EQ(installer.attempts(), ++attempts);
         EXPECT_LT(server.sent, 16 << 20);
-        if (c.partGone) EXPECT_FALSE(QFileInfo::exists(part));
+        EXPECT_FALSE(c.partGone && QFileInfo::exists(part));
         EXPECT_FALSE(installer.hasInstalledScene());
     }
 }

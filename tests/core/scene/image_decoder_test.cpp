@@ -16,8 +16,7 @@ using namespace ImageDecoder;
 
 namespace {
 
-// A half (or float) RGB(A) OpenEXR file whose pixel (x, y), in the file's own coordinates, is
-// value(x, y, channel). The data window defaults to the display window.
+// A half (or float) RGB(A) OpenEXR file whose pixel (x, y), in the file's own coordinates, is value(x, y, channel).
 struct Exr {
     Imath::Box2i display{{0, 0}, {3, 2}};
     std::optional<Imath::Box2i> data{};
@@ -35,15 +34,11 @@ struct Exr {
         const int channels = alpha ? 4 : 3;
         for (int c = 0; c < channels; ++c) header.channels().insert(names[c], Imf::Channel(type));
         const int width = box.max.x - box.min.x + 1, height = box.max.y - box.min.y + 1;
-        std::vector<half> halves(size_t(width) * height * 4);
-        std::vector<float> floats(halves.size());
+        std::vector<float> floats(size_t(width) * height * 4);
         for (int y = 0; y < height; ++y)
             for (int x = 0; x < width; ++x)
-                for (int c = 0; c < 4; ++c) {
-                    const float v = value(box.min.x + x, box.min.y + y, c);
-                    halves[(y * width + x) * 4 + c] = half(v);
-                    floats[(y * width + x) * 4 + c] = v;
-                }
+                for (int c = 0; c < 4; ++c) floats[(y * width + x) * 4 + c] = value(box.min.x + x, box.min.y + y, c);
+        std::vector<half> halves(floats.begin(), floats.end());
         const size_t px = type == Imf::HALF ? sizeof(half) : sizeof(float);
         char *first =
             type == Imf::HALF ? reinterpret_cast<char *>(halves.data()) : reinterpret_cast<char *>(floats.data());
@@ -190,9 +185,8 @@ TEST(ImageDecoder, GreyMasksFromGreyAndColourPngs)
     EXPECT_EQ(g.pixels[5 + 4], 201);
 
     QImage colour(3, 1, QImage::Format_RGB888);
-    colour.setPixel(0, 0, qRgb(255, 255, 255));
-    colour.setPixel(1, 0, qRgb(0, 0, 0));
-    colour.setPixel(2, 0, qRgb(0, 255, 0));
+    for (int x = 0; const QRgb rgb : {qRgb(255, 255, 255), qRgb(0, 0, 0), qRgb(0, 255, 0)})
+        colour.setPixel(x++, 0, rgb);
     ASSERT_TRUE(colour.save(dir.filePath("colour.png")));
     const GrayImage c = decodeGray(dir.filePath("colour.png"));
     EXPECT_EQ(c.pixels[0], 255);
@@ -205,9 +199,7 @@ TEST(ImageDecoder, CropThresholdsPerKindAndBoxes)
 {
     // The smallest counting bit patterns: 0x181A (≈0.0020), 0x141A (≈0.0010), 0x101A (≈0.0005).
     const auto withBits = [](uint16_t pattern, int channel) {
-        HalfImage image{8, 8, std::vector<uint16_t>(8 * 8 * 4, 0)};
-        image.pixels[(3 * 8 + 4) * 4 + channel] = pattern;
-        return image;
+        return alphaImage(8, 8, 0, {{4, 3, float(half(half::FromBits, pattern))}}, channel);
     };
     EXPECT_FALSE(cropSprite(withBits(0x1819, 3)).has_value());
     EXPECT_TRUE(cropSprite(withBits(0x181A, 3)).has_value());
