@@ -77,6 +77,13 @@ TEST(CoverArt, MeanColourIsLinearAndCrossFades)
 
 TEST(CoverArt, PreviousTexturesLiveUntilTheFadeIsOver)
 {
+    // The placeholder reads as a record: a dark hole in the middle, a lighter ring around it.
+    const QImage placeholder = CoverArt::placeholderCover();
+    const int c = placeholder.width() / 2;
+    const int sleeve = qGray(placeholder.pixel(4, 4));
+    EXPECT_LT(qGray(placeholder.pixel(c, c)), sleeve - 10);
+    EXPECT_GT(qGray(placeholder.pixel(c + int(0.585 * c), c)), sleeve + 30);
+
     Uploads uploads;
     CoverArt art(uploads.maker());
     EXPECT_TRUE(art.usesDefaultCover());
