@@ -16,6 +16,7 @@
 #include <QCoreApplication>
 #include <QDateTime>
 #include <QDir>
+#include <QDirIterator>
 #include <QElapsedTimer>
 #include <QFile>
 #include <QImage>
@@ -60,6 +61,17 @@ Resident resident(qint64 pid)
         if (line.startsWith("RssFile:")) r.files = mb;
     }
     return r;
+}
+
+// Files in the software driver's own shader cache: it writes one for each shader it compiles,
+// so a start that adds none compiled nothing. -1 where there is no such cache (another driver).
+int driverCacheEntries(const QString &cacheHome)
+{
+    const QDir dir(cacheHome + "/mesa_shader_cache");
+    if (!dir.exists()) return -1;
+    int n = 0;
+    for (QDirIterator it(dir.path(), QDir::Files, QDirIterator::Subdirectories); it.hasNext(); it.next()) ++n;
+    return n;
 }
 
 struct Phase {
@@ -134,7 +146,9 @@ int main(int argc, char **argv)
                                      "The program's local clock reads this time (through its time zone), for "
                                      "example 18:40, where the afternoon and night lights blend.",
                                      "HH:MM");
-    p.addOptions({secondsOpt, sizeOpt, sceneOpt, generatedOpt, waylandOpt, noSteamOpt, shotOpt, cacheOpt, timeOpt});
+    const QCommandLineOption logOpt("log", "Copy the program's log to this file at the end.", "file");
+    p.addOptions(
+        {secondsOpt, sizeOpt, sceneOpt, generatedOpt, waylandOpt, noSteamOpt, shotOpt, cacheOpt, timeOpt, logOpt});
     p.addHelpOption();
     p.process(app);
     const int seconds = std::max(4, p.value(secondsOpt).toInt());
@@ -217,6 +231,8 @@ int main(int argc, char **argv)
     QProcess room;
     room.setProcessEnvironment(env);
     room.setProcessChannelMode(QProcess::ForwardedErrorChannel);
+    const QString cacheHome = env.value("XDG_CACHE_HOME", env.value("HOME") + "/.cache");
+    const int cachedAtStart = std::max(0, driverCacheEntries(cacheHome));
     QElapsedTimer sinceStart;
     sinceStart.start();
     room.start(built("turnelo"), {"--music-setup-done"});
@@ -240,6 +256,7 @@ int main(int argc, char **argv)
         return 1;
     }
     const double toRoom = sinceStart.elapsed() / 1000.0;
+    const int cachedAtRoom = driverCacheEntries(cacheHome);
     // The software device compiles its shaders at the first frames: wait for frames to flow.
     static const QRegularExpression perf(
         QStringLiteral("Perf \\d+s: ([0-9.]+) fps, CPU [0-9.]+%, GPU ([0-9.]+) ms/quadro \\([0-9.]+% ocupada\\), "
@@ -288,6 +305,10 @@ int main(int argc, char **argv)
                 wayland ? "sway" : "Xvfb", seconds, env.contains("VK_ICD_FILENAMES") ? "lavapipe" : "default");
     std::printf("start to the room on screen (\"Cena pronta\"): %.1f s\n", toRoom);
     const Phase animating = measure("animating");
+    if (const int cachedNow = driverCacheEntries(cacheHome); cachedNow >= 0)
+        std::printf("shaders the driver compiled (new entries in its cache): %d by the room on screen, %d by the end "
+                    "of animating\n",
+                    cachedAtRoom - cachedAtStart, cachedNow - cachedAtStart);
     if (p.isSet(shotOpt)) {
         const QImage shot = wayland ? sway.screenshot() : x.screenshot();
         if (!shot.save(p.value(shotOpt))) std::fprintf(stderr, "could not save %s\n", qPrintable(p.value(shotOpt)));
@@ -307,6 +328,11 @@ int main(int argc, char **argv)
                 animating.cpu > 0 ? locked.cpu / animating.cpu : 0);
     room.terminate();
     room.waitForFinished(10000);
+    if (p.isSet(logOpt)) {
+        QFile out(p.value(logOpt));
+        if (!out.open(QIODevice::WriteOnly) || out.write(log().toUtf8()) < 0)
+            std::fprintf(stderr, "could not write %s\n", qPrintable(p.value(logOpt)));
+    }
     player.terminate();
     player.waitForFinished(5000);
     return 0;
