@@ -5,7 +5,7 @@
 #include "core/scene/PlateImages.h"
 #include "render/MixBuilder.h"
 #include "render/SceneRenderer.h"
-#include "render/TextureUpload.h"
+#include "vulkan/TextureUpload.h"
 
 #include <ImfRgbaFile.h>
 #include <QDir>

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "render/RenderTarget.h"
+#include "vulkan/RenderTarget.h"
 #include "render/SceneTextures.h"
 #include "render/SceneUniforms.h"
 

@@ -2,7 +2,7 @@
 
 #include "core/scene/ImageDecoder.h"
 #include "core/app/Log.h"
-#include "render/VulkanCheck.h"
+#include "vulkan/VulkanCheck.h"
 
 #include <QDir>
 #include <QFileInfo>

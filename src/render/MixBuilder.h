@@ -1,7 +1,7 @@
 #pragma once
 
-#include "render/VulkanContext.h"
-#include "render/VulkanHandle.h"
+#include "vulkan/VulkanContext.h"
+#include "vulkan/VulkanHandle.h"
 
 #include <QString>
 #include <array>

@@ -1,7 +1,7 @@
 #include "render/ProgramVariants.h"
 
 #include "core/app/Log.h"
-#include "render/VulkanPipelines.h"
+#include "vulkan/VulkanPipelines.h"
 
 #include <QElapsedTimer>
 #include <chrono>

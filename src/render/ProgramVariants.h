@@ -1,9 +1,9 @@
 #pragma once
 
-#include "render/PipelineCache.h"
+#include "vulkan/PipelineCache.h"
 #include "render/ShaderLibrary.h"
 #include "render/ShaderVariant.h"
-#include "render/VulkanHandle.h"
+#include "vulkan/VulkanHandle.h"
 
 #include <QThreadPool>
 #include <functional>

@@ -1,9 +1,9 @@
 #include "render/SceneRenderer.h"
 
 #include "core/app/Log.h"
-#include "render/VulkanCheck.h"
-#include "render/VulkanHandle.h"
-#include "render/VulkanPipelines.h"
+#include "vulkan/VulkanCheck.h"
+#include "vulkan/VulkanHandle.h"
+#include "vulkan/VulkanPipelines.h"
 
 #include <QElapsedTimer>
 #include <cstring>

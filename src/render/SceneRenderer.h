@@ -1,18 +1,18 @@
 #pragma once
 
-#include "render/GPUClock.h"
+#include "vulkan/GPUClock.h"
 #include "render/LayerStill.h"
 #include "render/MovingRegions.h"
 #include "render/MixBuilder.h"
-#include "render/PipelineCache.h"
+#include "vulkan/PipelineCache.h"
 #include "render/ProgramVariants.h"
-#include "render/RenderTarget.h"
+#include "vulkan/RenderTarget.h"
 #include "render/SceneTextures.h"
 #include "render/SceneUniforms.h"
 #include "render/ShaderLibrary.h"
 #include "render/ShaderVariant.h"
-#include "render/VulkanContext.h"
-#include "render/VulkanHandle.h"
+#include "vulkan/VulkanContext.h"
+#include "vulkan/VulkanHandle.h"
 
 #include <array>
 #include <map>

@@ -1,6 +1,6 @@
 #include "scene/BaseSurface.h"
 
-#include "render/SwapchainTarget.h"
+#include "vulkan/SwapchainTarget.h"
 
 #include <QtConcurrent>
 #include <stdexcept>

@@ -2,7 +2,7 @@
 
 #include "core/scene/ImageDecoder.h"
 #include "core/app/Log.h"
-#include "render/TextureUpload.h"
+#include "vulkan/TextureUpload.h"
 
 #include <QDir>
 #include <QFileInfo>

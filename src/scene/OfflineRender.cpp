@@ -5,7 +5,7 @@
 #include "core/music/PlayerState.h"
 #include "core/turntable/RecordGrooves.h"
 #include "core/turntable/TonearmMotion.h"
-#include "render/TextureUpload.h"
+#include "vulkan/TextureUpload.h"
 #include "scene/LoadedScene.h"
 #include "scene/SceneFrame.h"
 

@@ -8,7 +8,7 @@
 #include "core/music/PlayerState.h"
 #include "core/scheduling/SessionSignals.h"
 #include "render/SceneRenderer.h"
-#include "render/TextureUpload.h"
+#include "vulkan/TextureUpload.h"
 #include "scene/LoadedScene.h"
 #include "scene/SceneFrame.h"
 #include "scene/SceneLoader.h"

@@ -5,7 +5,7 @@
 #include "core/scene/ImageDecoder.h"
 #include "core/scene/SceneFiles.h"
 #include "core/scene/SceneLocation.h"
-#include "render/VulkanCheck.h"
+#include "vulkan/VulkanCheck.h"
 #include "scene/LoadedScene.h"
 
 #include <QElapsedTimer>

@@ -1,7 +1,7 @@
 #include "scene/SceneView.h"
 
 #include "core/scheduling/FrameScheduler.h"
-#include "render/SwapchainTarget.h"
+#include "vulkan/SwapchainTarget.h"
 #include "scene/BaseSurface.h"
 #include "scene/WindowLayerStack.h"
 #include "scene/LoadedScene.h"

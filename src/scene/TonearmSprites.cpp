@@ -3,7 +3,7 @@
 #include "core/scene/ImageDecoder.h"
 #include "core/app/Log.h"
 #include "core/turntable/TonearmMotion.h"
-#include "render/TextureUpload.h"
+#include "vulkan/TextureUpload.h"
 
 #include <QDir>
 #include <QFileInfo>

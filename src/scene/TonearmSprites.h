@@ -5,7 +5,7 @@
 #include "core/turntable/TonearmMotion.h"
 #include "render/SceneTextures.h"
 #include "render/SceneUniforms.h"
-#include "render/VulkanContext.h"
+#include "vulkan/VulkanContext.h"
 #include "scene/PlateGeometry.h"
 
 #include <QFuture>

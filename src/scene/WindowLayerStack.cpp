@@ -1,7 +1,7 @@
 #include "scene/WindowLayerStack.h"
 
 #include "render/SceneRenderer.h"
-#include "render/SwapchainTarget.h"
+#include "vulkan/SwapchainTarget.h"
 #include "scene/BaseSurface.h"
 #include "scene/LayerWindow.h"
 

@@ -5,7 +5,7 @@
 #include "core/app/Log.h"
 #include "core/scene/PlateImages.h"
 #include "render/SceneRenderer.h"
-#include "render/TextureUpload.h"
+#include "vulkan/TextureUpload.h"
 #include "TestSupport.h"
 
 #include <ImfRgbaFile.h>

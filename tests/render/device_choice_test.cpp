@@ -1,7 +1,7 @@
 #include "RenderTestSupport.h"
 
-#include "render/PipelineCache.h"
-#include "render/VulkanContext.h"
+#include "vulkan/PipelineCache.h"
+#include "vulkan/VulkanContext.h"
 
 #include <QTemporaryDir>
 

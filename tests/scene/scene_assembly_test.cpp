@@ -5,7 +5,7 @@
 #include "core/music/PlayerState.h"
 #include "core/scene/ImageDecoder.h"
 #include "core/scene/SceneStatus.h"
-#include "render/VulkanCheck.h"
+#include "vulkan/VulkanCheck.h"
 #include "scene/PlateGeometry.h"
 #include "scene/RoomScene.h"
 #include "scene/SceneLoader.h"

@@ -3,7 +3,7 @@
 #include "core/app/Log.h"
 #include "platform/wayland/WaylandConnection.h"
 #include "render/SceneRenderer.h"
-#include "render/SwapchainTarget.h"
+#include "vulkan/SwapchainTarget.h"
 #include "scene/BaseSurface.h"
 
 #include "fractional-scale-v1-client-protocol.h"

@@ -1,8 +1,8 @@
-#include "render/PipelineCache.h"
+#include "vulkan/PipelineCache.h"
 
 #include "core/app/Log.h"
 #include "core/app/StateFile.h"
-#include "render/VulkanCheck.h"
+#include "vulkan/VulkanCheck.h"
 
 #include <QDir>
 #include <QFile>

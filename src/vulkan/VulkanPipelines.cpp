@@ -1,6 +1,6 @@
-#include "render/VulkanPipelines.h"
+#include "vulkan/VulkanPipelines.h"
 
-#include "render/VulkanCheck.h"
+#include "vulkan/VulkanCheck.h"
 
 namespace VulkanPipelines {
 

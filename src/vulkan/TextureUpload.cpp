@@ -1,4 +1,4 @@
-#include "render/TextureUpload.h"
+#include "vulkan/TextureUpload.h"
 
 #include <algorithm>
 #include <cmath>

@@ -1,6 +1,6 @@
-#include "render/RenderTarget.h"
+#include "vulkan/RenderTarget.h"
 
-#include "render/VulkanCheck.h"
+#include "vulkan/VulkanCheck.h"
 
 #include <cstring>
 

@@ -1,7 +1,7 @@
-#include "render/SwapchainTarget.h"
+#include "vulkan/SwapchainTarget.h"
 
 #include "core/app/Log.h"
-#include "render/VulkanCheck.h"
+#include "vulkan/VulkanCheck.h"
 
 #include <algorithm>
 

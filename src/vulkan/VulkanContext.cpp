@@ -1,7 +1,7 @@
-#include "render/VulkanContext.h"
+#include "vulkan/VulkanContext.h"
 
 #include "core/app/Log.h"
-#include "render/VulkanCheck.h"
+#include "vulkan/VulkanCheck.h"
 
 #include <cstring>
 #include <stdexcept>

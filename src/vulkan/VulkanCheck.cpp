@@ -1,4 +1,4 @@
-#include "render/VulkanCheck.h"
+#include "vulkan/VulkanCheck.h"
 
 #include <string>
 

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "render/VulkanContext.h"
+#include "vulkan/VulkanContext.h"
 
 #include <QImage>
 #include <memory>

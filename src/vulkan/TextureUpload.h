@@ -1,7 +1,7 @@
 #pragma once
 
 #include "core/scene/PlateImages.h"
-#include "render/VulkanContext.h"
+#include "vulkan/VulkanContext.h"
 
 #include <QImage>
 
