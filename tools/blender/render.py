@@ -443,15 +443,22 @@ class Pipeline:
             job = {"kind": "light", "framing": name, "time": t, "s": a.samples}
             light[t] = self.render("%s/light/%s" % (name, t), job, setup)
         raw = {t: dict(layers) for t, layers in light.items()}
+        # Seen through the lid, a light render's guides are the acrylic's (no diffuse colour, one
+        # flat normal), which left that whole rectangle unfiltered and grainy: there the guides are
+        # those of the masks render, whose lid is clear, so what stands behind it.
+        lid = m["lid"][:, :, :1] > 0.5
+
+        def guide(layers, k):
+            return np.where(lid, m[k][:, :, :3], layers[k][:, :, :3])
         if not a.no_denoise:
             for t, layers in light.items():
                 # The view is emission seen straight through the glass: nothing to filter, and the
                 # filter's guides (the glass's normal, the buildings' depth) would smear its windows.
                 keys = [k for k in layers if k.startswith("Combined_") and k != "Combined_view"]
                 # Diffuse and glossy colour: metal and vinyl are filtered too, along their reflections.
-                colour = layers["DiffCol"][:, :, :3] + layers["GlossCol"][:, :, :3]
+                colour = guide(layers, "DiffCol") + guide(layers, "GlossCol")
                 clean = denoise.filter_plates([layers[k][:, :, :3] for k in keys], colour,
-                                              layers["Normal"][:, :, :3], layers["Depth"][:, :, 0])
+                                              guide(layers, "Normal"), guide(layers, "Depth")[:, :, 0])
                 for k, img in zip(keys, clean):
                     layers[k] = img
 
@@ -475,15 +482,21 @@ class Pipeline:
         recipes = {n: self.recipe(n, d) for n, d in presets.items()}
         used = sorted({p for r in recipes.values() for p, _ in r})
         noise = {}
-        # Plain wall, not seen through the lid: its acrylic's glints are not the light's noise.
+        # Plain wall in the open, and plain wall seen through the lid (where the acrylic's glints add
+        # to the light's grain).
         wall = self.wall_patch(m["wall"][:, :, 0] * (m["lid"][:, :, 0] < 0.001))
+        behind = self.wall_patch(m["wall"][:, :, 0] * (m["lid"][:, :, 0] > 0.5))
+
+        def figure(n):
+            return "-" if n is None else "%.4f" % n
         for p in used:
             img = plate(p, light)
             write_exr(os.path.join(fdir, "light", p + ".exr"), img, "dwaa")
             noise[p] = self.noise(img, wall)
-            before = self.noise(plate(p, raw), wall)
-            print("%s: ruído %s = %s (antes do filtro %s)" % (name, p, "-" if noise[p] is None else "%.4f" % noise[p],
-                                                            "-" if before is None else "%.4f" % before), flush=True)
+            noise["lid:" + p] = self.noise(img, behind)
+            print("%s: ruído %s = %s (antes do filtro %s), atrás da tampa %s (antes %s)"
+                  % (name, p, figure(noise[p]), figure(self.noise(plate(p, raw), wall)),
+                     figure(noise["lid:" + p]), figure(self.noise(plate(p, raw), behind))), flush=True)
 
         # The same figure for each preset's whole light, as the composite sums it.
         for preset, recipe in recipes.items():
