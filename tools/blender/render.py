@@ -446,10 +446,13 @@ class Pipeline:
         # Seen through the lid, a light render's guides are the acrylic's (no diffuse colour, one
         # flat normal), which left that whole rectangle unfiltered and grainy: there the guides are
         # those of the masks render, whose lid is clear, so what stands behind it.
+        # Through the lid and in the open are two layers that must not be averaged together (the
+        # acrylic tints and reflects): the depth through it is scaled, which keeps its relative
+        # steps and makes every neighbour across its edge one of another depth.
         lid = m["lid"][:, :, :1] > 0.5
 
         def guide(layers, k):
-            return np.where(lid, m[k][:, :, :3], layers[k][:, :, :3])
+            return np.where(lid, m[k][:, :, :3] * (4.0 if k == "Depth" else 1.0), layers[k][:, :, :3])
         if not a.no_denoise:
             for t, layers in light.items():
                 # The view is emission seen straight through the glass: nothing to filter, and the
