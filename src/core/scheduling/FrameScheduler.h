@@ -74,6 +74,9 @@ public:
     // while visible, on every tick (4 Hz) while covered or while the screens are off.
     void probeCoverage(bool force);
     bool isCovered() const { return covered; }
+    // Whether the probe timer beats: not while the session is locked, asleep or switched away,
+    // when nothing shows whatever covers the room; coming back, a probe runs at once.
+    bool isProbing() const { return probeTimer.isActive(); }
 
     // Whether frames are being produced now.
     bool isRunning() const { return tick.isActive(); }

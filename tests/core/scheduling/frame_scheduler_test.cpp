@@ -213,6 +213,16 @@ TEST_F(FrameSchedulerTest, LockSleepSessionSwitchAndDarkScreensPauseEachOnTheirO
     windows.setScreensOff(false);
     EXPECT_TRUE(s.isRunning());
     EXPECT_EQ(visibilityLines(7), QStringList({off, on, off, kCovered, kVisible, "Cena: screenIsLocked → pausa", on}));
+
+    // Away, the probe rests; a window that came over the room unannounced meanwhile is seen on the
+    // way back, before a frame is drawn behind it.
+    emit session.lockedChanged(true);
+    EXPECT_FALSE(s.isProbing());
+    windows.set(kOverAll, false);
+    EXPECT_FALSE(runsAfter(locked, false));
+    EXPECT_TRUE(s.isProbing());
+    windows.set({});
+    EXPECT_EQ(visibilityLines(14), QStringList({"Cena: screenIsLocked → pausa", kCovered, kVisible}));
 }
 
 TEST_F(FrameSchedulerTest, IgnoringOcclusionRunsBehindWindowsButNotWhenLockedOrAsleep)
