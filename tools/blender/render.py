@@ -443,11 +443,11 @@ class Pipeline:
             job = {"kind": "light", "framing": name, "time": t, "s": a.samples}
             light[t] = self.render("%s/light/%s" % (name, t), job, setup)
         raw = {t: dict(layers) for t, layers in light.items()}
-        # Seen through the lid, a light render's guides are the acrylic's (no diffuse colour, one
-        # flat normal), which left that whole rectangle unfiltered and grainy: there the guides are
-        # those of the masks render, whose lid is clear, so what stands behind it.
-        # Through the lid and in the open are two layers that must not be averaged together (the
-        # acrylic tints and reflects): the depth through it is scaled, which keeps its relative
+        # Seen through the lid, a light render's guides mix, sample by sample, the acrylic's colour,
+        # normal and depth with those of what stands behind it: neighbours never looked alike and the
+        # filter left that rectangle grainy. There the guides are the masks render's, whose lid is
+        # clear. Through the lid and in the open are two layers that must not be averaged together
+        # (the acrylic tints and reflects): the depth through it is scaled, which keeps its relative
         # steps and makes every neighbour across its edge one of another depth.
         lid = m["lid"][:, :, :1] > 0.5
 
