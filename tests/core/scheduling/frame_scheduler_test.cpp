@@ -117,6 +117,15 @@ TEST_F(FrameSchedulerTest, RunsOnlyWhenAttachedWantedAndExposed)
     EXPECT_FALSE(s.isRunning());
     s.setOccluded(false);
     EXPECT_TRUE(s.isRunning());
+
+    // Exposed again, the window system's word is checked against the windows at once, between
+    // the probe's beats: one that came over the room unannounced keeps it paused.
+    auto &listed = make();
+    listed.probeTick();
+    windows.set(kOverAll, false);
+    listed.setOccluded(true);
+    listed.setOccluded(false);
+    EXPECT_FALSE(listed.isRunning());
 }
 
 TEST_F(FrameSchedulerTest, OnlyOpaqueWindowsOverEverySamplePointStopTheTicks)
