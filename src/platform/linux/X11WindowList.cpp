@@ -36,9 +36,7 @@ X11WindowList::X11WindowList(const QByteArray &displayName, QObject *parent)
         XScreenSaverSelectInput(d, x.root(), ScreenSaverNotifyMask);
         XFlush(d);
         connect(&x, &X11Connection::otherEvent, this, [this](int type) {
-            if (type != saverNotify) return;
-            offAsked.invalidate();
-            emit changed();
+            if (type == saverNotify) emit changed();
         });
     }
 }
@@ -46,10 +44,8 @@ X11WindowList::X11WindowList(const QByteArray &displayName, QObject *parent)
 bool X11WindowList::screensOff()
 {
     if (!x.isOpen()) return false;
-    if (offAsked.isValid() && offAsked.elapsed() < 1000) return off;
-    offAsked.start();
     Display *d = x.xdisplay();
-    off = false;
+    bool off = false;
     if (dpms) {
         CARD16 level = DPMSModeOn;
         BOOL enabled = False;
@@ -69,20 +65,17 @@ void X11WindowList::removeOwnWindow(WId window) { own.remove(window); }
 
 void X11WindowList::rootPropertyChanged(unsigned long atom)
 {
-    const bool listed = atom == x.atom("_NET_CLIENT_LIST_STACKING") || atom == x.atom("_NET_CURRENT_DESKTOP");
-    if (listed) rootRead = false;
-    if (listed || atom == x.atom("_NET_ACTIVE_WINDOW")) emit changed();
+    if (atom == x.atom("_NET_CLIENT_LIST_STACKING") || atom == x.atom("_NET_ACTIVE_WINDOW") ||
+        atom == x.atom("_NET_CURRENT_DESKTOP"))
+        emit changed();
 }
 
 std::vector<ListedWindow> X11WindowList::windows()
 {
     std::vector<ListedWindow> out;
     if (!x.isOpen()) return out;
-    if (!rootRead) {
-        currentDesktop = x.value(x.root(), x.atom("_NET_CURRENT_DESKTOP"));
-        stacking = x.values(x.root(), x.atom("_NET_CLIENT_LIST_STACKING"));
-        rootRead = true;
-    }
+    const std::optional<unsigned long> currentDesktop = x.value(x.root(), x.atom("_NET_CURRENT_DESKTOP"));
+    const std::vector<unsigned long> stacking = x.values(x.root(), x.atom("_NET_CLIENT_LIST_STACKING"));
     const unsigned long hidden = x.atom("_NET_WM_STATE_HIDDEN");
     const unsigned long desktopType = x.atom("_NET_WM_WINDOW_TYPE_DESKTOP");
     const unsigned long dockType = x.atom("_NET_WM_WINDOW_TYPE_DOCK");

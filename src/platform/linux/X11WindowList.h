@@ -4,11 +4,8 @@
 #include "platform/linux/X11Connection.h"
 #include "platform/linux/X11WindowTransparency.h"
 
-#include <QElapsedTimer>
 #include <QSet>
 #include <QWindow>
-#include <optional>
-#include <vector>
 
 // Other programs' windows from the EWMH stacking list (_NET_CLIENT_LIST_STACKING), bottom to
 // top, each as its frame on the root window (decorations from _NET_FRAME_EXTENTS included).
@@ -44,12 +41,4 @@ private:
     QSet<WId> own;
     bool dpms = false;     // the server can power its monitors down
     int saverNotify = -1;  // the event type of the screen saver's notices; -1 without the extension
-    // A covered room asks four times a second. The root's lists are read again only after the
-    // server says they changed; the screens' power state at most once a second unless the saver
-    // says it changed.
-    std::optional<unsigned long> currentDesktop;
-    std::vector<unsigned long> stacking;
-    bool rootRead = false;
-    bool off = false;
-    QElapsedTimer offAsked;
 };
