@@ -135,10 +135,9 @@ void FrameScheduler::update()
     if (!attached) return;
     // A locked, sleeping or absent session shows nothing: the probe's round trips to the window
     // server would be all a hidden room costs.
-    const bool away = locked || asleep || inactive;
-    if (away && probeTimer.isActive())
+    if (away() && probeTimer.isActive())
         probeTimer.stop();
-    else if (!away && !probeTimer.isActive())
+    else if (!away() && !probeTimer.isActive())
         probeTimer.start();
     const bool run = wantsFramesFlag && !locked && (ignoreOcclusion || (!occluded && !covered)) && !asleep &&
                      !inactive && !screensOff && !held;
@@ -156,10 +155,10 @@ bool FrameScheduler::visible() const
 void FrameScheduler::applySessionEvent(bool &flag, bool value, const char *onName, const char *offName)
 {
     const bool before = visible();
-    const bool wasAway = locked || asleep || inactive;
+    const bool wasAway = away();
     flag = value;
     // Back from away, what covers the room now is asked at once: the probe rested meanwhile.
-    if (wasAway && !(locked || asleep || inactive)) probeCoverage(true);
+    if (wasAway && !away()) probeCoverage(true);
     const bool after = visible();
     if (before != after)
         Log::write(QStringLiteral("Cena: ") + QLatin1String(value ? onName : offName) + QStringLiteral(" → ") +

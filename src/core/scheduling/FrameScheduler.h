@@ -107,6 +107,8 @@ public:
     static int sustainedRate(int wanted, double deviceSecondsPerFrame, double share, int current);
 
 private:
+    // Locked, asleep or switched away: nothing shows, whatever covers the room.
+    bool away() const { return locked || asleep || inactive; }
     void update();
     bool visible() const;
     void setCovered(bool value);
