@@ -126,6 +126,18 @@ TEST_F(FrameSchedulerTest, RunsOnlyWhenAttachedWantedAndExposed)
     listed.setOccluded(true);
     listed.setOccluded(false);
     EXPECT_FALSE(listed.isRunning());
+
+    // A compositor that has not shown the last frame holds the tick; taking frames again draws one at once.
+    windows.set({});
+    bool takes = false;
+    listed.mayDraw = [&takes] { return takes; };
+    listed.frameTick();
+    EXPECT_TRUE(ticks.empty());
+    EXPECT_FALSE(listed.isRunning()) << "a refused tick stops until released";
+    takes = true;
+    listed.release();
+    EXPECT_EQ(ticks.size(), 1u);
+    EXPECT_TRUE(listed.isRunning());
 }
 
 TEST_F(FrameSchedulerTest, OnlyOpaqueWindowsOverEverySamplePointStopTheTicks)
