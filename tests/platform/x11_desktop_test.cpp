@@ -279,6 +279,18 @@ TEST_F(X11Desktop, BlankedScreensPauseTheRoomAndThirtyTwoBitWindowsAreJudgedByTh
         ASSERT_TRUE(soon([&] { return scheduler.isRunning(); }));
         EXPECT_FALSE(list.screensOff());
         EXPECT_GT(changes, 0);
+
+        // A manager that keeps other desktops' windows mapped (as pagers of viewports do): the
+        // window's desktop alone leaves it out.
+        const Window away = x->makeWindow(QRect(0, 0, 200, 200));
+        x->setValues(x->root(), "_NET_CURRENT_DESKTOP", XA_CARDINAL, {0});
+        x->setValues(x->root(), "_NET_CLIENT_LIST_STACKING", XA_WINDOW, {away});
+        x->setValues(away, "_NET_WM_DESKTOP", XA_CARDINAL, {1});
+        EXPECT_TRUE(list.windows().empty());
+        x->setValues(away, "_NET_WM_DESKTOP", XA_CARDINAL, {0});
+        EXPECT_EQ(list.windows().size(), 1u);
+        x->setValues(x->root(), "_NET_CLIENT_LIST_STACKING", XA_WINDOW, {});
+        x->close(away);
     }
 
     if (!XServer::installed("xcompmgr")) GTEST_SKIP() << "xcompmgr is not installed (blanking passed)";
