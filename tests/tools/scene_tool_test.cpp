@@ -15,7 +15,8 @@ namespace {
 
 ToolResult scene(const QStringList &args) { return runTool(builtTool("turnelo-scene"), args); }
 
-QJsonObject json(const ToolResult &r) { return QJsonDocument::fromJson(r.out).object(); }
+// Const, so that reading a key the tool left out gives Undefined instead of inserting a Null.
+const QJsonObject json(const ToolResult &r) { return QJsonDocument::fromJson(r.out).object(); }
 
 void writeRgba(const QString &path, int w, int h, const std::function<Imf::Rgba(int, int)> &pixel)
 {
@@ -49,7 +50,8 @@ TEST(SceneTool, ValidateListsSectionsAndMissingFiles)
     ASSERT_TRUE(mask.save(dir.filePath("mid/masks/cover.png")));
     ASSERT_TRUE(mask.save(dir.filePath("mid/masks/label.png")));
     r = scene({"validate", dir.path()});
-    EXPECT_EQ(json(r)["missing"].toArray(), QJsonArray{});
+    ASSERT_EQ(r.exitCode, 0) << r.err.constData();
+    EXPECT_EQ(json(r)["missing"], QJsonArray{});
 }
 
 TEST(SceneTool, BlendAtALocalTime)
@@ -87,7 +89,8 @@ TEST(SceneTool, CropKinds)
     QImage shadow(16, 16, QImage::Format_Grayscale8);
     shadow.fill(255);
     ASSERT_TRUE(shadow.save(dir.filePath("shadow.png")));
-    EXPECT_TRUE(json(scene({"crop", dir.filePath("shadow.png"), "--kind", "shadow"}))["rect"].isNull());
+    EXPECT_EQ(json(scene({"crop", dir.filePath("shadow.png"), "--kind", "shadow"}))["rect"], QJsonValue::Null)
+        << "no shadow: no rectangle";
     EXPECT_EQ(scene({"crop", sprite, "--kind", "channel:7"}).exitCode, 1);
 }
 

@@ -119,10 +119,10 @@ TEST(LightMixer, CrossFadeTicksAndModes)
     EXPECT_EQ(mixer.value(201.5), (Blend{{"noite", 1.0}}));
     EXPECT_EQ(mixer.wantedPresets("noite", at(12, 0)), (QStringList{"dia", "noite"}));
 
-    // Auto mode wants the presets of ten minutes ahead: 09:55 → dia's keyframe at 10:00.
-    LightMixer autoMixer(manifestWith({}));
+    // Auto mode wants the presets of ten minutes ahead: at 09:55, noite's keyframe at 10:05.
+    LightMixer autoMixer(manifestWith({{"clock", clock({{"06:00", "manha"}, {"10:00", "dia"}, {"10:05", "noite"}})}}));
     autoMixer.tick(at(9, 55));
-    EXPECT_TRUE(autoMixer.wantedPresets("auto", at(9, 55)).contains("dia"));
+    EXPECT_TRUE(autoMixer.wantedPresets("auto", at(9, 55)).contains("noite"));
 
     // Drift of at most 0.002 is not applied.
     LightMixer drift(manifestWith({}));
