@@ -4,12 +4,14 @@
 
 #include <QColor>
 #include <QDir>
+#include <QDirIterator>
 #include <QFileInfo>
 #include <QImage>
 #include <QStringList>
 #include <QTemporaryDir>
 #include <chrono>
 #include <functional>
+#include <map>
 #include <ostream>
 
 // QStrings in assertion failures read as text, not as bytes.
@@ -36,6 +38,18 @@ inline void writeFile(const QString &path, const QByteArray &bytes)
     QDir().mkpath(QFileInfo(path).absolutePath());
     QFile f(path);
     if (f.open(QIODevice::WriteOnly | QIODevice::Truncate)) f.write(bytes);
+}
+
+// Every file under `dir`, hidden ones too, by its path relative to `dir`, with its contents.
+inline std::map<QString, QByteArray> filesUnder(const QString &dir)
+{
+    std::map<QString, QByteArray> out;
+    QDirIterator it(dir, QDir::Files | QDir::Hidden, QDirIterator::Subdirectories);
+    while (it.hasNext()) {
+        const QString path = it.next();
+        out[QDir(dir).relativeFilePath(path)] = readFile(path);
+    }
+    return out;
 }
 
 // An RGB32 image of one colour.

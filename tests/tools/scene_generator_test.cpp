@@ -8,8 +8,6 @@
 #include <ImfChannelList.h>
 #include <ImfHeader.h>
 #include <ImfInputFile.h>
-#include <QCryptographicHash>
-#include <QDirIterator>
 #include <QImage>
 #include <QJsonDocument>
 #include <QJsonObject>
@@ -30,18 +28,6 @@ ToolResult generate(const QString &out, const QStringList &extra = {})
 {
     const QStringList size{"--width", QString::number(plateW), "--height", QString::number(plateH)};
     return runTool(builtTool("turnelo-gen-scene"), QStringList{"--out", out} + size + extra, {}, 600000);
-}
-
-std::map<QString, QByteArray> hashes(const QString &root)
-{
-    std::map<QString, QByteArray> out;
-    QDirIterator it(root, QDir::Files, QDirIterator::Subdirectories);
-    while (it.hasNext()) {
-        const QString path = it.next();
-        out[QDir(root).relativeFilePath(path)] =
-            QCryptographicHash::hash(readFile(path), QCryptographicHash::Sha256).toHex();
-    }
-    return out;
 }
 
 std::array<double, 2> project(const PlateManifest::Framing &f, const std::array<double, 3> &w)
@@ -133,7 +119,7 @@ TEST_F(GeneratedScene, ManifestHasEverySectionAndEveryFileItNamesHasItsSizeAndFo
             << name.toStdString();
     }
     const QJsonObject summary = QJsonDocument::fromJson(result.out).object();
-    EXPECT_EQ(summary["files"].toInt(), int(hashes(root()).size()));
+    EXPECT_EQ(summary["files"].toInt(), int(filesUnder(root()).size()));
     ASSERT_EQ(manifest.framings.size(), 2u);
     int exrs = 0;
     for (const auto &[name, f] : manifest.framings) {
@@ -271,14 +257,14 @@ TEST_F(GeneratedScene, SameOptionsGiveTheSameBytesAndTheSeedChangesThem)
 {
     QTemporaryDir again;
     ASSERT_EQ(generate(again.filePath("same"), {"--framings", "wide,mid", "--seed", "7"}).exitCode, 0);
-    const auto first = hashes(root()), same = hashes(again.filePath("same"));
+    const auto first = filesUnder(root()), same = filesUnder(again.filePath("same"));
     ASSERT_GT(first.size(), 100u);
-    EXPECT_EQ(same, first);
+    EXPECT_TRUE(same == first);
 
     ASSERT_EQ(generate(again.filePath("other"), {"--framings", "wide,mid", "--seed", "8"}).exitCode, 0);
-    const auto other = hashes(again.filePath("other"));
+    const auto other = filesUnder(again.filePath("other"));
     ASSERT_EQ(other.size(), first.size());
-    EXPECT_NE(other.at("mid/light/view_dia.exr"), first.at("mid/light/view_dia.exr"));
+    EXPECT_TRUE(other.at("mid/light/view_dia.exr") != first.at("mid/light/view_dia.exr"));
     EXPECT_EQ(other.at("manifest.json"), first.at("manifest.json"));
 }
 

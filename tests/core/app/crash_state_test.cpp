@@ -9,7 +9,6 @@
 #include "ScenePackages.h"
 #include "TestSupport.h"
 
-#include <QDirIterator>
 #include <QElapsedTimer>
 #include <QJsonDocument>
 #include <QJsonObject>
@@ -62,17 +61,6 @@ const std::vector<Path> paths{
     {"download", "begin download", "begin verify"},
     {"install", "begin verify", "ack install"},  // hashing, unpacking and the swap
 };
-
-std::map<QString, QByteArray> filesUnder(const QString &dir)
-{
-    std::map<QString, QByteArray> out;
-    QDirIterator it(dir, QDir::Files | QDir::Hidden, QDirIterator::Subdirectories);
-    while (it.hasNext()) {
-        const QString path = it.next();
-        out[QDir(dir).relativeFilePath(path)] = readFile(path);
-    }
-    return out;
-}
 
 struct CrashStateTest : ::testing::Test {
     QTemporaryDir temp;
