@@ -220,6 +220,12 @@ TEST_F(X11Desktop, WindowListUnderOpenboxListsOtherProgramsWindowsShownOnThisDes
         return std::min({x->stackIndex(mine), x->stackIndex(dock), x->stackIndex(desktop)}) >= 0;
     }));
     EXPECT_EQ(list.windows().size(), 2u) << "only the plain and the second window";
+    // A move is announced, so a covered room need not look for it.
+    ASSERT_TRUE(list.announcesMoves());
+    testsupport::spin(300ms);  // the notices of the maps above
+    changes = 0;
+    x->move(mine, QRect(710, 60, 120, 90));
+    EXPECT_TRUE(soon([&] { return changes > 0; })) << "no change on a move";
     // Another program's opaque desktop window over one of ours hides it: listed.
     const Window ownDesktop = x->makeWindow(QRect(0, 0, 1280, 800), false, "_NET_WM_WINDOW_TYPE_DESKTOP");
     ASSERT_TRUE(soon([&] { return x->stackIndex(ownDesktop) >= 0; }));

@@ -175,7 +175,10 @@ void FrameScheduler::probeTick()
 void FrameScheduler::probeCoverage(bool force)
 {
     if (invalidated) return;
-    if (!force && !covered && !screensOff && probeTicks % kProbeEvery != 0) return;
+    // A covered room is probed on every beat to resume at once, unless the list announces the
+    // moves that would uncover it; dark screens always, as their waking is announced nowhere.
+    const bool quick = screensOff || (covered && !(windows && windows->announcesMoves()));
+    if (!force && !quick && probeTicks % kProbeEvery != 0) return;
 
     // Dark screens show nothing, so their windows need no listing. Coming back on, the coverage
     // is settled first, so that the line about the screens tells whether the room now shows.

@@ -71,7 +71,8 @@ public:
 
     // Asks the window list whether the screens are off, and while they are on recomputes whether
     // the animated area is hidden. Unforced, it follows the probe timer's cadence: once a second
-    // while visible, on every tick (4 Hz) while covered or while the screens are off.
+    // while visible, on every tick (4 Hz) while the screens are off or while covered (once a
+    // second there too when the window list announces moves).
     void probeCoverage(bool force);
     bool isCovered() const { return covered; }
     // Whether the probe timer beats: not while the session is locked, asleep or switched away,

@@ -25,8 +25,12 @@ public:
     // or off) or the window server blanked them. False when the server cannot tell.
     virtual bool screensOff() { return false; }
 
+    // Whether changed() also comes when a window is mapped, unmapped, moved or resized, so that
+    // only what it does not announce (a window's opacity) is left to the periodic probe.
+    virtual bool announcesMoves() const { return false; }
+
 signals:
-    // The stacking, the active window, the current desktop or the screens' blanking changed:
-    // worth probing at once.
+    // The stacking, the active window, the current desktop or the screens' blanking changed
+    // (and, where announcesMoves(), a window's place): worth probing at once.
     void changed();
 };

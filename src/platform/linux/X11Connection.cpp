@@ -135,11 +135,11 @@ QByteArray X11Connection::managerName()
     return bytes(*check, atom("_NET_WM_NAME"));
 }
 
-void X11Connection::watchRoot()
+void X11Connection::watchRoot(long extraMask)
 {
     if (!display || !owned) return;
     XWindowAttributes attributes;
-    long mask = PropertyChangeMask;
+    long mask = PropertyChangeMask | extraMask;
     if (XGetWindowAttributes(display, rootWindow, &attributes)) mask |= attributes.your_event_mask;
     XSelectInput(display, rootWindow, mask);
     XFlush(display);

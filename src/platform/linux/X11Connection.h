@@ -46,8 +46,9 @@ public:
     // no EWMH manager runs.
     QByteArray managerName();
 
-    // PropertyNotify of the root window arrives as rootPropertyChanged.
-    void watchRoot();
+    // PropertyNotify of the root window arrives as rootPropertyChanged; the events of `extraMask`
+    // (X event mask bits) as otherEvent.
+    void watchRoot(long extraMask = 0);
 
     // Sends buffered requests and waits until the server has handled them.
     void sync();

@@ -26,7 +26,12 @@ X11WindowList::X11WindowList(const QByteArray &displayName, QObject *parent)
 {
     if (!x.isOpen()) return;
     connect(&x, &X11Connection::rootPropertyChanged, this, &X11WindowList::rootPropertyChanged);
-    x.watchRoot();
+    // Top-level windows (managers' frames) mapped, unmapped, moved or resized; a dragged window's
+    // stream of moves is told at most every 50 ms.
+    x.watchRoot(SubstructureNotifyMask);
+    moved.setSingleShot(true);
+    moved.setInterval(50);
+    connect(&moved, &QTimer::timeout, this, &WindowList::changed);
 
     Display *d = x.xdisplay();
     int eventBase = 0, errorBase = 0;
@@ -35,10 +40,14 @@ X11WindowList::X11WindowList(const QByteArray &displayName, QObject *parent)
         saverNotify = eventBase + ScreenSaverNotify;
         XScreenSaverSelectInput(d, x.root(), ScreenSaverNotifyMask);
         XFlush(d);
-        connect(&x, &X11Connection::otherEvent, this, [this](int type) {
-            if (type == saverNotify) emit changed();
-        });
     }
+    connect(&x, &X11Connection::otherEvent, this, [this](int type) {
+        if (type == saverNotify)
+            emit changed();
+        else if ((type == MapNotify || type == UnmapNotify || type == ConfigureNotify || type == DestroyNotify) &&
+                 !moved.isActive())
+            moved.start();
+    });
 }
 
 bool X11WindowList::screensOff()

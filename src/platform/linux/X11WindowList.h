@@ -5,6 +5,7 @@
 #include "platform/linux/X11WindowTransparency.h"
 
 #include <QSet>
+#include <QTimer>
 #include <QWindow>
 
 // Other programs' windows from the EWMH stacking list (_NET_CLIENT_LIST_STACKING), bottom to
@@ -16,7 +17,8 @@
 // is seen by nobody. It keeps its own X connection; without an X server the list is empty.
 // The screens are off while the server's DPMS power level is standby, suspend or off, or while
 // its screen saver (MIT-SCREEN-SAVER) blanks them; powering down blanks them too, so the saver's
-// notices announce both. Main thread only.
+// notices announce both. Top-level windows mapped, unmapped, moved or resized are announced as
+// changes too. Main thread only.
 class X11WindowList : public WindowList {
     Q_OBJECT
 public:
@@ -25,6 +27,7 @@ public:
 
     std::vector<ListedWindow> windows() override;
     bool screensOff() override;
+    bool announcesMoves() const override { return x.isOpen(); }
 
     // Windows of ours that a program other than this one may have created (or whose
     // _NET_WM_PID is unreliable); never listed.
@@ -39,6 +42,7 @@ private:
     X11Connection x;
     X11WindowTransparency transparency{x};
     QSet<WId> own;
+    QTimer moved;          // a window's place changed: changed() when it times out
     bool dpms = false;     // the server can power its monitors down
     int saverNotify = -1;  // the event type of the screen saver's notices; -1 without the extension
 };

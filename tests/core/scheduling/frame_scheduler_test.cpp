@@ -38,6 +38,7 @@ struct FixedWindowList : WindowList {
         return list;
     }
     bool screensOff() override { return off; }
+    bool announcesMoves() const override { return moves; }
     void set(std::vector<ListedWindow> windows, bool announce = true)
     {
         list = std::move(windows);
@@ -49,7 +50,7 @@ struct FixedWindowList : WindowList {
         if (announce) emit changed();
     }
     std::vector<ListedWindow> list;
-    bool off = false;
+    bool off = false, moves = false;
     int queries = 0;
 };
 
@@ -176,6 +177,17 @@ TEST_F(FrameSchedulerTest, OnlyOpaqueWindowsOverEverySamplePointStopTheTicks)
     windows.set({}, false);
     s.probeTick();
     EXPECT_EQ(state(s), shown);
+
+    // Covered, it is asked on every beat, once a second where the list announces the moves
+    // that could uncover the room.
+    windows.set(kOverAll);
+    for (const bool announced : {false, true}) {
+        windows.moves = announced;
+        const int coveredBefore = windows.queries;
+        probeForASecond();
+        EXPECT_EQ(windows.queries - coveredBefore, announced ? 1 : 4) << announced;
+    }
+    windows.set({});
 
     // Covered from the start: no frame runs before the first probe.
     windows.set(kOverAll, false);
