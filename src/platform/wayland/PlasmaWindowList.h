@@ -28,6 +28,8 @@ public:
     static bool offered(const WaylandConnection &connection);
 
     std::vector<ListedWindow> windows() override;
+    // Everything it lists, geometry included, comes from KWin's events, each told as a change.
+    bool announcesMoves() const override { return true; }
 
 private:
     struct Window {

@@ -25,6 +25,8 @@ public:
     ~WaylandWindowList() override;
 
     std::vector<ListedWindow> windows() override;
+    // Everything it lists comes from the compositor's events, each told as a change.
+    bool announcesMoves() const override { return true; }
     bool available() const { return manager != nullptr; }
 
 private:
