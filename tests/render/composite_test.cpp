@@ -215,7 +215,8 @@ TEST_F(Composite, AMovingLayerFindsTheRecordsTurningSpecksOneByOne)
 TEST(MovingRegions, EachPartsPixelsLieInARegionThatNamesItAndTheRestIsLeftAlone)
 {
     // A 200×100 layer at screen (50, 20), the screen the plate at twice its size. In layer pixels: the record's disc
-    // at (90, 40), radius 50 (150 mm); the label 70–110 × 20–60, the strobe 70–110 × 60–80, the arm 140–160 × 0–80.
+    // at (90, 40), radius 50 (150 mm); the label 70–110 × 20–60, the strobe 70–110 × 60–80, the arm 140–160 × 0–80,
+    // its shadow 150–170 × 70–80.
     using V = ShaderVariant;
     SceneUniforms u;
     u.screenToPlate = Float3x3::fromRows<float>({{{0.5f, 0, 0}, {0, 0.5f, 0}, {0, 0, 1}}});
@@ -229,6 +230,7 @@ TEST(MovingRegions, EachPartsPixelsLieInARegionThatNamesItAndTheRestIsLeftAlone)
     u.armCount = 2;
     u.armWeights = {1, 0, 0, 0};  // the second pose weighs nothing: it is not drawn
     u.armRects = {{{95, 10, 10, 40}, {0, 0, 100, 100}, {}, {}}};
+    u.shadowRects = {{{100, 45, 10, 5}, {}, {}, {}}};
     const int w = 200, h = 100;
     // The parts each pixel is shaded with last, drawing the regions in order.
     auto partsMap = [&](const MovingRegions &regions) {
@@ -257,7 +259,8 @@ TEST(MovingRegions, EachPartsPixelsLieInARegionThatNamesItAndTheRestIsLeftAlone)
     const std::pair<uint32_t, QRectF> boxes[] = {{V::specks, {40, -10, 100, 100}},
                                                  {V::label, {70, 20, 40, 40}},
                                                  {V::strobe, {70, 60, 40, 20}},
-                                                 {V::arm, {140, 0, 20, 80}}};
+                                                 {V::arm, {140, 0, 20, 80}},
+                                                 {V::armShadow, {150, 70, 20, 10}}};
     for (int y = 0; y < h; ++y)
         for (int x = 0; x < w; ++x) {
             const QPointF c(x + 0.5, y + 0.5);
@@ -270,7 +273,11 @@ TEST(MovingRegions, EachPartsPixelsLieInARegionThatNamesItAndTheRestIsLeftAlone)
             }
             ASSERT_TRUE(near) << "parts " << at << " drawn at " << x << "," << y;
         }
-    EXPECT_GT(std::count(map.begin(), map.end(), V::arm), 1000);  // the arm's box alone is shaded for the arm alone
+    // The arm's box alone is shaded for the arm alone, with its shadow: one program for the two, not one for each
+    // and one for both.
+    EXPECT_GT(std::count(map.begin(), map.end(), V::arm | V::armShadow), 1000);
+    EXPECT_EQ(std::count_if(map.begin(), map.end(), [](uint32_t p) { return !(p & V::arm) != !(p & V::armShadow); }),
+              0);
     // Held in the still, the arm is drawn only where another part reaches, as before; its parts alone: as if alone.
     const std::vector<uint32_t> held = partsMap(MovingRegions(u, w, h, V::allParts, V::armParts));
     SceneUniforms armAlone = u;
@@ -311,7 +318,7 @@ TEST(MovingRegions, EachPartsPixelsLieInARegionThatNamesItAndTheRestIsLeftAlone)
     // A screen map that cannot be inverted leaves no way to place the parts: all of them everywhere.
     u.screenToPlate = Float3x3{};
     const std::vector<uint32_t> all = partsMap(MovingRegions(u, w, h));
-    EXPECT_EQ(std::count(all.begin(), all.end(), V::specks | V::label | V::strobe | V::arm), w * h);
+    EXPECT_EQ(std::count(all.begin(), all.end(), V::specks | V::label | V::strobe | V::arm | V::armShadow), w * h);
 }
 
 TEST_F(Composite, FramesWithChangingUniformsHoldTheirMemory)
