@@ -90,7 +90,7 @@ struct SteamUniforms {
     Float4 plateSize{};
     Float4 origin{};
     Float4 rect{};
-    Float4 params{};
+    Float4 params{};  // seconds into the hour, strength, the hour, 1 once an hour was shown
     Float4 mixWeights{};
     uint32_t mixCount = 0;
     uint32_t pad0 = 0;

@@ -32,7 +32,7 @@ struct ShaderVariant {
     uint32_t fronts = 2;
     VkBool32 rain = VK_TRUE;
     uint32_t parts = allParts;  // of the moving layer's shader; the others draw them all
-    VkBool32 wrap = VK_FALSE;   // steam within its first seconds, blended with the period before
+    VkBool32 wrap = VK_FALSE;   // steam within an hour's first seconds, blended with the hour before
 
     static ShaderVariant of(const SceneUniforms &u)
     {
@@ -42,7 +42,8 @@ struct ShaderVariant {
     // Steam reads the light only.
     static ShaderVariant of(const SteamUniforms &u)
     {
-        return {std::min(u.mixCount, 4u), 0, 0, VK_FALSE, 0, u.params[0] < 10.0f ? VK_TRUE : VK_FALSE};
+        return {
+            std::min(u.mixCount, 4u), 0, 0, VK_FALSE, 0, u.params[0] < 10.0f && u.params[3] > 0 ? VK_TRUE : VK_FALSE};
     }
 
     // Valid while this variant lives: constant_id 0…5 of the shader.

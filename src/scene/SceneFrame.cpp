@@ -63,7 +63,9 @@ SteamUniforms steam(const SceneUniforms &u, const Float4 &rect, const Float4 &or
     s.plateSize = u.plateSize;
     s.origin = origin;
     s.rect = rect;
-    s.params = {float(std::fmod(std::max(seconds, 0.0), 3600.0)), 0.3f, 3600, 0};
+    // The loop's first seconds blend with the end of the hour before only once an hour was shown:
+    // the program that blends is not needed at a start.
+    s.params = {float(std::fmod(std::max(seconds, 0.0), 3600.0)), 0.3f, 3600, seconds >= 3600.0 ? 1.0f : 0.0f};
     s.mixWeights = u.mixWeights;
     s.mixCount = u.mixCount;
     return s;

@@ -9,13 +9,13 @@ namespace {
 class Steam : public RendererTest {
 protected:
     // A 128×128 plate, steam region (32, 16, 64, 96): the cup at (64, 112).
-    SteamUniforms uniforms(float t)
+    SteamUniforms uniforms(float t, float hourShown = 0)
     {
         SteamUniforms s;
         s.plateSize = {128, 128, 1 / 128.0f, 1 / 128.0f};
         s.origin = {0, 0, 1, 0};
         s.rect = {32, 16, 64, 96};
-        s.params = {t, 0.3f, 3600, 0};
+        s.params = {t, 0.3f, 3600, hourShown};
         s.mixWeights = {1, 0, 0, 0};
         s.mixCount = 1;
         return s;
@@ -50,8 +50,10 @@ TEST_F(Steam, RisesAboveTheCupAtNightDaylightHidesItAndTheHourWrapsSeamlessly)
         return sumOver(img.rect(), [&](int x, int y) { return qRed(img.pixel(x, y)); });
     };
     EXPECT_NEAR(red(render(uniforms(42.0f), 0.3f)) / red(night), 0.38, 0.08);
-    // The hourly wrap is seamless, up to the float rounding of a large time.
-    EXPECT_LT(differingPixels(render(uniforms(0.0f), 0.04f), render(uniforms(3600.0f), 0.04f), 2), 20);
+    // The hourly wrap is seamless, up to the float rounding of a large time; a start needs none.
+    const QImage hourEnd = render(uniforms(3600.0f), 0.04f);
+    EXPECT_LT(differingPixels(render(uniforms(0.0f, 1), 0.04f), hourEnd, 2), 20);
+    EXPECT_GT(differingPixels(render(uniforms(0.0f), 0.04f), hourEnd, 2), 20);
 }
 
 TEST_F(Steam, LayersAndSteamShareOneCommandBuffer)
