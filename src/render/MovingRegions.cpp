@@ -206,13 +206,19 @@ MovingRegions::MovingRegions(const SceneUniforms &u, uint32_t width, uint32_t he
         const Box &s = speckBoxes[i];
         regions[count++] = {s.x0, s.y0, uint32_t(s.x1 - s.x0), uint32_t(s.y1 - s.y0), everyPart};
     }
-    // The arm's parts go together: a region one of them reaches is shaded with all the layer has.
-    // Each combination of parts is a program of its own, which a software device keeps at about
-    // 4 MB, and the arm's sprite and shadow apart doubled them; together they cost little more, as
-    // the arm crosses few pixels. (The label and the strobe together cost a quarter more a frame.)
-    const uint32_t armHere = everyPart & ShaderVariant::armParts;
-    for (size_t i = 0; i < count; ++i)
+    // Fewer combinations of parts, each a program of its own that a software device keeps at a few
+    // MB: the arm's parts go together (a region one of them reaches is shaded with all of them, and
+    // the sprite and its shadow always as a pair), and the label's regions take the strobe too.
+    // Both cost little, as the arm and the label cross few pixels; the strobe's regions do not take
+    // the label, which costs a quarter more a frame.
+    uint32_t armHere = everyPart & ShaderVariant::armParts;
+    if (armHere & (ShaderVariant::arm | ShaderVariant::armShadow))
+        armHere |= ShaderVariant::arm | ShaderVariant::armShadow;
+    const uint32_t strobeHere = everyPart & ShaderVariant::strobe;
+    for (size_t i = 0; i < count; ++i) {
         if (regions[i].parts & armHere) regions[i].parts |= armHere;
+        if (regions[i].parts & ShaderVariant::label) regions[i].parts |= strobeHere;
+    }
 }
 
 // The boxes' edges cut the layer into cells, each reached by the parts of the boxes that hold it;

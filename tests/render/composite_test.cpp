@@ -276,8 +276,11 @@ TEST(MovingRegions, EachPartsPixelsLieInARegionThatNamesItAndTheRestIsLeftAlone)
     // The arm's box alone is shaded for the arm alone, with its shadow: one program for the two, not one for each
     // and one for both.
     EXPECT_GT(std::count(map.begin(), map.end(), V::arm | V::armShadow), 1000);
-    EXPECT_EQ(std::count_if(map.begin(), map.end(), [](uint32_t p) { return !(p & V::arm) != !(p & V::armShadow); }),
-              0);
+    const auto pixelsWhere = [&](auto holds) { return std::count_if(map.begin(), map.end(), holds); };
+    EXPECT_EQ(pixelsWhere([](uint32_t p) { return !(p & V::arm) != !(p & V::armShadow); }), 0);
+    // The label's regions take the strobe as well; the strobe's do not take the label.
+    EXPECT_EQ(pixelsWhere([](uint32_t p) { return (p & V::label) && !(p & V::strobe); }), 0);
+    EXPECT_GT(std::count(map.begin(), map.end(), V::strobe), 100);
     // Held in the still, the arm is drawn only where another part reaches, as before; its parts alone: as if alone.
     const std::vector<uint32_t> held = partsMap(MovingRegions(u, w, h, V::allParts, V::armParts));
     SceneUniforms armAlone = u;
