@@ -440,10 +440,9 @@ class Pipeline:
 
         # One render per time of day: every light group at once.
         light = {}
+        samples = a.samples * (1 if a.quick else LIGHT_SAMPLES_FACTOR.get(name, 1))
         for t in PRESET_ORDER:
-            samples = a.samples * (1 if a.quick else LIGHT_SAMPLES_FACTOR.get(name, 1))
-
-            def setup(t=t, samples=samples):
+            def setup(t=t):
                 self.reset(name)
                 rm.set_time(t)
                 self.scene.cycles.samples = samples
