@@ -168,15 +168,38 @@ TEST(BlenderRoom, QuickPackageRendersAndLightsTheNight)
     EXPECT_LT(night.mean, day.mean);
 }
 
+// Pixels, on a grid over the top band of the sleeve (the manifest's corners: top left, top right,
+// bottom right, bottom left), where two renders differ by more than two levels.
+int sleeveTopDifferences(const QImage &a, const QImage &b, const QJsonArray &corners)
+{
+    const auto corner = [&](int i) { return QPointF(corners[i][0].toDouble(), corners[i][1].toDouble()); };
+    int differing = 0;
+    for (double v = 0.04; v <= 0.18; v += 0.01)
+        for (double s = 0.04; s <= 0.96; s += 0.005) {
+            const QPointF top = corner(0) + s * (corner(1) - corner(0));
+            const QPointF bottom = corner(3) + s * (corner(2) - corner(3));
+            const QPoint p = (top + v * (bottom - top)).toPoint();
+            const QRgb x = a.pixel(p), y = b.pixel(p);
+            differing += std::max({std::abs(qRed(x) - qRed(y)), std::abs(qGreen(x) - qGreen(y)),
+                                   std::abs(qBlue(x) - qBlue(y))}) > 2;
+        }
+    return differing;
+}
+
 // The room that ships, at each framing's full size: through the glass a city with structure by day
-// that is not blown out, and lit windows at night.
+// that is not blown out, and lit windows at night; the sleeve's art sampled where it is.
 TEST(ShippedRoom, EveryWindowShowsTheCityByDayAndItsLightsAtNight)
 {
+    // The placeholder art is a flat colour but for a ring in the middle: the top of the sleeve
+    // must look the same under a wholly flat art (a wrong mip level there brings the ring's colour).
+    QTemporaryDir root;
+    QImage flat(64, 64, QImage::Format_RGB32);
+    flat.fill(QColor(0x2a, 0x26, 0x22));
+    ASSERT_TRUE(flat.save(root.filePath("flat.png")));
     const QString scene = QStringLiteral(TURNELO_SOURCE_DIR) + "/scenes/room";
     const QJsonObject framings =
         QJsonDocument::fromJson(readFile(scene + "/manifest.json")).object()["framings"].toObject();
     ASSERT_FALSE(framings.isEmpty());
-    QTemporaryDir root;
     int windows = 0;
     for (auto it = framings.begin(); it != framings.end(); ++it) {
         const QJsonObject framing = it.value().toObject();
@@ -187,12 +210,17 @@ TEST(ShippedRoom, EveryWindowShowsTheCityByDayAndItsLightsAtNight)
         const QJsonArray size = framing["size"].toArray();
         const QSize full(size[0].toInt(), size[1].toInt());
         ASSERT_EQ(glass.size(), full) << it.key().toStdString();
-        const GlassView day = glassView(appRender(root, scene, it.key(), full, "12:00", {"--no-steam"}), glass, 0.98);
+        const QImage noon = appRender(root, scene, it.key(), full, "12:00", {"--no-steam"});
+        const GlassView day = glassView(noon, glass, 0.98);
         const GlassView night = glassView(appRender(root, scene, it.key(), full, "21:30", {"--no-steam"}), glass, 0.3);
         EXPECT_GE(day.deviation, 0.12) << it.key().toStdString() << ": the noon view has no structure";
         EXPECT_LT(day.above, 0.05) << it.key().toStdString() << ": the noon view is blown out";
         EXPECT_GE(night.above, 0.01) << it.key().toStdString() << ": no lights in the night view";
         EXPECT_LT(night.mean, day.mean) << it.key().toStdString();
+        const QImage dayFlat =
+            appRender(root, scene, it.key(), full, "12:00", {"--no-steam", "--cover", root.filePath("flat.png")});
+        EXPECT_EQ(sleeveTopDifferences(noon, dayFlat, framing["cover"].toObject()["corners"].toArray()), 0)
+            << it.key().toStdString();
     }
     EXPECT_GE(windows, 1) << "no framing sees the window";
 }

@@ -141,6 +141,16 @@ layout(set = 0, binding = 0, std430) readonly buffer Uniforms {
     uint bandCount;
 } U;
 
+// How project(m, ·) of the plate point under a screen pixel changes from that pixel to the next.
+// Textures sampled with it, not with implicit gradients: those are undefined in branches that
+// differ from pixel to pixel, and the software device gets them wrong (dotted lines of the wrong
+// mip level across the art).
+mat2 screenGrad(mat3 m, vec2 screen) {
+    vec2 q0 = project(m, project(U.screenToPlate, screen));
+    return mat2(project(m, project(U.screenToPlate, screen + vec2(1.0, 0.0))) - q0,
+                project(m, project(U.screenToPlate, screen + vec2(0.0, 1.0))) - q0);
+}
+
 layout(set = 0, binding = 8) uniform texture2D coverMask;
 layout(set = 0, binding = 9) uniform texture2D labelMask;
 layout(set = 0, binding = 10) uniform texture2D artNew;
@@ -258,7 +268,7 @@ float recordDiffuse(vec2 p) {
 // What holds still from one frame to the next while the record turns: the lit room, the bounce,
 // the sleeves, the record's sheen, the LEDs, the rainy day's colour. Alpha: the record's coverage,
 // where the turning specks are laid on later.
-vec4 stillRoom(vec2 p, vec2 uv) {
+vec4 stillRoom(vec2 screen, vec2 p, vec2 uv) {
     // 1. Light.
     vec3 lin3 = lightAt(uv);
 
@@ -283,7 +293,9 @@ vec4 stillRoom(vec2 p, vec2 uv) {
     float cm = spriteIn(coverMask, U.coverMaskRect, p).r;
     if (cm > 0.001) {
         vec2 st = project(U.coverInv, p);
-        vec3 a = mix(texture(sampler2D(artOld, art), st).rgb, texture(sampler2D(artNew, art), st).rgb, U.cover.x);
+        mat2 g = screenGrad(U.coverInv, screen);
+        vec3 a = mix(textureGrad(sampler2D(artOld, art), st, g[0], g[1]).rgb,
+                     textureGrad(sampler2D(artNew, art), st, g[0], g[1]).rgb, U.cover.x);
         vec3 avg = (lightAt(U.probes[0].xy) + lightAt(U.probes[0].zw) + lightAt(U.probes[1].xy)
                   + lightAt(U.probes[1].zw) + lightAt(U.probes[2].xy)) / 5.0;
         float artLum = luminance(U.artMean.rgb);
@@ -371,10 +383,7 @@ bool speckCell(uvec2 c) {
 // record's specks and label turning, the strobe, the tonearm and its shadow, and the front layers
 // over them. False where none of them reaches p, which is then the still room as it is.
 bool movingParts(vec2 screen, vec2 p, vec4 still, out vec3 result) {
-    // How the label's coordinates change from one screen pixel to the next.
-    vec2 q0 = project(U.labelInv, p);
-    mat2 labelGrad = mat2(project(U.labelInv, project(U.screenToPlate, screen + vec2(1.0, 0.0))) - q0,
-                          project(U.labelInv, project(U.screenToPlate, screen + vec2(0.0, 1.0))) - q0);
+    mat2 labelGrad = screenGrad(U.labelInv, screen);
     vec3 lin3 = still.rgb;
     bool touched = false;
 
@@ -461,8 +470,6 @@ bool movingParts(vec2 screen, vec2 p, vec4 still, out vec3 result) {
                 mat2 turn = mat2(cos(ang), sin(ang), -sin(ang), cos(ang));
                 vec2 l = turn * q;
                 vec2 st = vec2(l.x * 0.5 + 0.5, 0.5 - l.y * 0.5);
-                // Gradients worked out here: implicit ones are undefined this deep in branches
-                // that differ from pixel to pixel (the software device gets them wrong).
                 vec2 gx = turn * labelGrad[0] * vec2(0.5, -0.5), gy = turn * labelGrad[1] * vec2(0.5, -0.5);
                 acc += mix(textureGrad(sampler2D(labelOld, art), st, gx, gy).rgb,
                            textureGrad(sampler2D(labelNew, art), st, gx, gy).rgb, U.cover.x);
@@ -557,7 +564,7 @@ void main() {
     vec2 screen = gl_FragCoord.xy + U.origin.xy;
     vec2 p = project(U.screenToPlate, screen);
 #if defined(COMPOSITE_STILL)
-    outColor = stillRoom(p, p * U.plateSize.zw);
+    outColor = stillRoom(screen, p, p * U.plateSize.zw);
 #elif defined(COMPOSITE_TONE)
     outColor = finish(texelFetch(sampler2D(stillTex, lin), ivec2(gl_FragCoord.xy), 0).rgb, p, screen);
 #elif defined(COMPOSITE_MOVING)
@@ -567,7 +574,7 @@ void main() {
     outColor = finish(lin3, p, screen);
 #else
     vec3 lin3;
-    movingParts(screen, p, stillRoom(p, p * U.plateSize.zw), lin3);
+    movingParts(screen, p, stillRoom(screen, p, p * U.plateSize.zw), lin3);
     outColor = finish(lin3, p, screen);
 #endif
 #endif
