@@ -265,6 +265,14 @@ float recordDiffuse(vec2 p) {
     return luminance(lightAt(U.recordMisc.xy));
 }
 
+// How the stack's art coordinates change from the screen pixel at `screen` to the next along `d`,
+// read on a side that still shows the cover (see screenGrad).
+vec2 stackStep(vec2 screen, vec2 st, vec2 d) {
+    vec3 ahead = spriteIn(stackUV, U.stackRect, project(U.screenToPlate, screen + d)).rgb;
+    if (ahead.b > 0.001) return ahead.rg - st;
+    return st - spriteIn(stackUV, U.stackRect, project(U.screenToPlate, screen - d)).rg;
+}
+
 // What holds still from one frame to the next while the record turns: the lit room, the bounce,
 // the sleeves, the record's sheen, the LEDs, the rainy day's colour. Alpha: the record's coverage,
 // where the turning specks are laid on later.
@@ -285,7 +293,9 @@ vec4 stillRoom(vec2 screen, vec2 p, vec2 uv) {
         vec3 suv = spriteIn(stackUV, U.stackRect, p).rgb;
         if (suv.b > 0.001) {
             float g = showcaseGain(lightAt(U.probes[2].zw), U.showcase.w, U.tone.z);
-            lin3 *= mix(vec3(1.0), texture(sampler2D(stackArt, art), suv.rg).rgb * g, suv.b);
+            vec3 a = textureGrad(sampler2D(stackArt, art), suv.rg, stackStep(screen, suv.rg, vec2(1.0, 0.0)),
+                                 stackStep(screen, suv.rg, vec2(0.0, 1.0))).rgb;
+            lin3 *= mix(vec3(1.0), a * g, suv.b);
         }
     }
 
