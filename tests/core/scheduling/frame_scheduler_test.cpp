@@ -251,6 +251,9 @@ TEST_F(FrameSchedulerTest, LockSleepSessionSwitchAndDarkScreensPauseEachOnTheirO
     // way back, before a frame is drawn behind it.
     emit session.lockedChanged(true);
     EXPECT_FALSE(s.isProbing());
+    s.setWantsFrames(false);  // whatever else happens meanwhile
+    EXPECT_FALSE(s.isProbing());
+    s.setWantsFrames(true);
     windows.set(kOverAll, false);
     EXPECT_FALSE(runsAfter(locked, false));
     EXPECT_TRUE(s.isProbing());
