@@ -52,10 +52,10 @@ STROBE_COLOUR = [1.6, 0.45, 0.15]
 DUST_COVER_TRANSMISSION = 0.8
 # Aperture of the front layer's render: wide, so the leaf by the lens is a soft shape, not a cut-out.
 FRONT_FSTOP = 1.4
-# In `mid` and `top` the wall low behind the turntable and the platter lie in the lid's shadow and
-# get little light: the filter leaves blotches there that only samples remove, so those framings'
-# light renders take twice the samples.
-LIGHT_SAMPLES_FACTOR = {"mid": 2, "top": 2}
+# In `mid`, `close` and `top` the wall behind the turntable and the platter lie in the lid's shadow
+# and get little light: the filter leaves blotches there that only samples remove, so those
+# framings' light renders take twice the samples.
+LIGHT_SAMPLES_FACTOR = {"mid": 2, "close": 2, "top": 2}
 # Shadow-sprite darkening below this is the catcher's noise, not the arm's shadow.
 SHADOW_FLOOR = 0.04
 MM = 1000.0
@@ -194,6 +194,33 @@ def union(a, b):
 def crop(img, rect):
     x, y, w, h = rect
     return img[y:y + h, x:x + w]
+
+
+def edge_fade(rect, share=0.12):
+    """1 inside a box, easing to 0 over its outer `share` on each side (H x W x 1)."""
+    _, _, w, h = rect
+
+    def ramp(n):
+        t = np.clip(np.minimum(np.arange(n) + 0.5, n - np.arange(n) - 0.5) / max(1.0, share * n), 0, 1)
+        return t * t * (3 - 2 * t)
+    return (ramp(h)[:, None] * ramp(w)[None, :])[:, :, None].astype(np.float32)
+
+
+def soften(img, weight, sigma):
+    """A Gaussian blur of `img` that counts only where `weight` (H x W x 1) holds."""
+    r = int(3 * sigma)
+    k = np.exp(-np.arange(-r, r + 1) ** 2 / (2.0 * sigma * sigma))
+    k /= k.sum()
+
+    def blur(a):
+        for axis in (0, 1):
+            widths = [(0, 0)] * a.ndim
+            widths[axis] = (r, r)
+            p = np.pad(a, widths, mode="edge")
+            n = a.shape[axis]
+            a = sum(k[i] * np.take(p, range(i, i + n), axis=axis) for i in range(2 * r + 1))
+        return a
+    return blur(img * weight) / np.maximum(blur(weight), 1e-4) * weight
 
 
 def disc(centre, r, n=96):
@@ -550,14 +577,19 @@ class Pipeline:
             irradiance = crop(plate(p, diff) * math.pi, record_box)
             write_exr(os.path.join(fdir, "record", p + "_diffuse.exr"), irradiance, "dwaa")
             # Only the light the sleeve throws around it: its own face is the cover's, drawn with the art.
-            b = np.clip(plate(p, raw) - plate(p, specular), 0, None) * (1 - record_px[:, :, None]) * (1 - cover_px[:, :, None])
-            b = crop(b, bounce_box)
+            # The difference of two renders, each filtered first: the noise of one clipped at zero
+            # before filtering left a floor over the whole box, whose edge showed once the light
+            # around it was clean.
+            spec = crop(plate(p, specular), bounce_box)
             if not a.no_denoise:
-                # A difference of two noisy renders: unfiltered, it prints dark dots around the sleeve.
                 g = {k: crop(raw[plates[p][0]][k], bounce_box) for k in ("DiffCol", "GlossCol", "Normal", "Depth")}
-                b, = denoise.filter_plates([b], g["DiffCol"][:, :, :3] + g["GlossCol"][:, :, :3],
-                                           g["Normal"][:, :, :3], g["Depth"][:, :, 0])
-            write_exr(os.path.join(fdir, "bounce", p + ".exr"), b, "dwaa")
+                spec, = denoise.filter_plates([spec], g["DiffCol"][:, :, :3] + g["GlossCol"][:, :, :3],
+                                              g["Normal"][:, :, :3], g["Depth"][:, :, 0])
+            outside = crop((1 - record_px) * (1 - cover_px), bounce_box)[:, :, None]
+            b = np.clip(crop(plate(p, light), bounce_box) - spec, 0, None)
+            # What the two filters left apart is grain; the light a sleeve throws is soft.
+            b = soften(b, outside, 0.006 * record_px.shape[0]) * edge_fade(bounce_box)
+            write_exr(os.path.join(fdir, "bounce", p + ".exr"), b.astype(np.float32), "dwaa")
 
         # Tonearm sprites and shadows, per preset, over the room as a shadow catcher.
         arm_box = self.arm_bounds(cam, yaws)
