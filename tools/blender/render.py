@@ -580,13 +580,13 @@ class Pipeline:
             # The difference of two renders, each filtered first: the noise of one clipped at zero
             # before filtering left a floor over the whole box, whose edge showed once the light
             # around it was clean.
-            spec = crop(plate(p, specular), bounce_box)
+            dark = crop(plate(p, specular), bounce_box)
             if not a.no_denoise:
                 g = {k: crop(raw[plates[p][0]][k], bounce_box) for k in ("DiffCol", "GlossCol", "Normal", "Depth")}
-                spec, = denoise.filter_plates([spec], g["DiffCol"][:, :, :3] + g["GlossCol"][:, :, :3],
+                dark, = denoise.filter_plates([dark], g["DiffCol"][:, :, :3] + g["GlossCol"][:, :, :3],
                                               g["Normal"][:, :, :3], g["Depth"][:, :, 0])
             outside = crop((1 - record_px) * (1 - cover_px), bounce_box)[:, :, None]
-            b = np.clip(crop(plate(p, light), bounce_box) - spec, 0, None)
+            b = np.clip(crop(plate(p, light), bounce_box) - dark, 0, None)
             # What the two filters left apart is grain; the light a sleeve throws is soft.
             b = soften(b, outside, 0.006 * record_px.shape[0]) * edge_fade(bounce_box)
             write_exr(os.path.join(fdir, "bounce", p + ".exr"), b.astype(np.float32), "dwaa")
