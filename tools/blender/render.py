@@ -52,10 +52,10 @@ STROBE_COLOUR = [1.6, 0.45, 0.15]
 DUST_COVER_TRANSMISSION = 0.8
 # Aperture of the front layer's render: wide, so the leaf by the lens is a soft shape, not a cut-out.
 FRONT_FSTOP = 1.4
-# In `mid`, `close` and `top` the wall behind the turntable and the platter lie in the lid's shadow
-# and get little light: the filter leaves blotches there that only samples remove, so those
-# framings' light renders take twice the samples.
-LIGHT_SAMPLES_FACTOR = {"mid": 2, "close": 2, "top": 2}
+# Where little light reaches (the wall under the desk in `wide`, the wall behind the turntable and
+# the platter in the lid's shadow in the others) the filter leaves blotches that only samples
+# remove, so every framing's light renders take twice the samples.
+LIGHT_SAMPLES_FACTOR = {"wide": 2, "mid": 2, "close": 2, "top": 2}
 # Shadow-sprite darkening below this is the catcher's noise, not the arm's shadow.
 SHADOW_FLOOR = 0.04
 MM = 1000.0
