@@ -67,11 +67,15 @@ TEST(CoverArt, MeanColourIsLinearAndCrossFades)
     EXPECT_NEAR(bm.r, srgbToLinear(200 / 255.0), 1e-9);
     EXPECT_NEAR(bm.b, srgbToLinear(50 / 255.0), 1e-9);
 
+    // White to blue: each channel half way at the fade's middle.
     CoverArt art(nullptr);
-    art.set(solidImage(Qt::red), QImage(), 0.0);
+    art.set(solidImage(Qt::white), QImage(), 0.0);
     art.set(solidImage(Qt::blue), QImage(), 100.0);
-    EXPECT_NEAR(art.mean(100.0).r, 1.0, 1e-9);
-    EXPECT_NEAR(art.mean(100.35).r, 0.5, 1e-9);
+    EXPECT_EQ(art.mean(100.0), (CoverArt::Color{1, 1, 1}));
+    const CoverArt::Color half = art.mean(100.35);
+    EXPECT_NEAR(half.r, 0.5, 1e-9);
+    EXPECT_NEAR(half.g, 0.5, 1e-9);
+    EXPECT_NEAR(half.b, 1.0, 1e-9);
     EXPECT_EQ(art.mean(101.0), (CoverArt::Color{0, 0, 1}));
 }
 
