@@ -76,11 +76,14 @@ TEST(LightMixer, RecipesFollowGroupsKeysAndExposure)
                             {"lamp_key", "warm"},
                             {"vignette", 0.3},
                             {"grain", 0.1}}},
-        {"noite",
-         QJsonObject{{"room", 0}, {"sun", QJsonArray{1, 1}}, {"sun_key", "moon"}, {"lamp", QJsonArray{0, 0, 0}}}},
+        {"noite", QJsonObject{{"room", 0},
+                              {"sun", QJsonArray{1, 1}},
+                              {"sun_key", "moon"},
+                              {"lamp", QJsonArray{0, 0, 0}},
+                              {"fill", QJsonArray{0, 0.5, 0}}}},
     };
     const LightMixer mixer(manifestWith({{"presets", presets},
-                                         {"groups", QJsonArray{"room", "sun", "lamp"}},
+                                         {"groups", QJsonArray{"room", "sun", "lamp", "fill"}},
                                          {"sun_keys", QJsonArray{"noon", "dusk"}},
                                          {"per_preset_groups", QJsonArray{"lamp"}},
                                          {"scenario", "loft"},
@@ -97,10 +100,14 @@ TEST(LightMixer, RecipesFollowGroupsKeysAndExposure)
     EXPECT_EQ(mixer.presets.at("dia").recipe.front().plate, "view_dia");  // view group switched on by the extension
     EXPECT_DOUBLE_EQ(mixer.presets.at("dia").vignette, 0.3);
 
-    // 0 and [0,0,0] add nothing; a two-number vector falls back to the default factor (0 for sun).
+    // 0 and [0,0,0] add nothing; a two-number vector falls back to the default factor (0 for sun);
+    // a light of one channel is a light.
     const auto &night = mixer.presets.at("noite").recipe;
-    ASSERT_EQ(night.size(), 1u);
+    ASSERT_EQ(night.size(), 2u);
     EXPECT_EQ(night[0].plate, "view_noite");
+    EXPECT_EQ(night[1].plate, "fill");
+    EXPECT_EQ(night[1].weight, (std::array<double, 3>{0, 0.5, 0}));
+    EXPECT_EQ(term(mixer, "dia", "fill"), nullptr);
 
     EXPECT_DOUBLE_EQ(mixer.vignette({{"dia", 0.5}, {"gone", 1}}), 0.15);
     EXPECT_DOUBLE_EQ(mixer.grain({{"dia", 2}}), 0.2);
