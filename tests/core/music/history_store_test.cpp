@@ -171,8 +171,9 @@ TEST_F(HistoryStoreTest, ACorruptIndexIsAnEmptyStackRewrittenOnTheNextRecord)
 TEST_F(HistoryStoreTest, APlayersHostileAlbumNameIsStoredOnOneLineAndCut)
 {
     HistoryStore store(settings, dir());
-    // A line break, a terminal escape, a right-to-left override (goes) and mark (stays).
-    const QString huge = QString::fromUtf8("Live\n\x1b[2J\u202E\u200F") + QString(1 << 20, 'x');
+    // A character outside the BMP (two UTF-16 units), a line break, a terminal escape, a
+    // right-to-left override (goes) and mark (stays).
+    const QString huge = QString::fromUtf8("Live \U0001F3B5\n\x1b[2J\u202E\u200F") + QString(1 << 20, 'x');
     store.record(cover(Qt::red), huge);
     store.record(cover(Qt::blue), "B\r\n");
     store.record(cover(Qt::red), huge);
@@ -180,7 +181,7 @@ TEST_F(HistoryStoreTest, APlayersHostileAlbumNameIsStoredOnOneLineAndCut)
     EXPECT_EQ(store.entries().last().album, "B");
     const QString kept = store.entries().first().album;
     EXPECT_EQ(kept.size(), SafeText::fieldLength);
-    EXPECT_TRUE(kept.startsWith(QString::fromUtf8("Live [2J\u200Fxxx"))) << kept.left(20).toStdString();
+    EXPECT_TRUE(kept.startsWith(QString::fromUtf8("Live \U0001F3B5 [2J\u200Fxxx"))) << kept.left(20).toStdString();
     EXPECT_TRUE(kept.endsWith("x…"));
     store.flush();
     EXPECT_LT(QFileInfo(dir() + "/index.json").size(), 1000);
