@@ -204,6 +204,10 @@ TEST(PopoverWindow, FramingTilesSayWhatIsOnDiskAndWhatTheCatalogOffers)
     publish();
 
     ASSERT_EQ(popover.framingTiles().size(), 4);
+    QCoreApplication::processEvents();  // the grid lays the new tiles out
+    for (FramingTile *a : popover.framingTiles())
+        for (FramingTile *b : popover.framingTiles())
+            EXPECT_TRUE(a == b || !a->geometry().intersects(b->geometry())) << "tiles over each other";
     EXPECT_EQ(tileNamed(popover, "wide")->tile().text, "In use");
     FramingTile *closeTile = tileNamed(popover, "close");
     EXPECT_EQ(closeTile->tile().kind, Kind::downloadable);

@@ -5,6 +5,7 @@
 #include "core/app/Settings.h"
 #include "core/app/SettingsTable.h"
 #include "core/environment/DesktopCleaner.h"
+#include "core/delivery/SceneInstaller.h"
 #include "core/environment/PowerMonitor.h"
 #include "core/scene/SceneStatus.h"
 #include "platform/linux/LinuxDesktopPreferences.h"
@@ -32,6 +33,12 @@ struct SettingsWindowTest : ::testing::Test {
     SceneStatus status;
     RecordingLauncher launcher;  // as on Plasma, where the cleaner has nothing to change
     DesktopCleaner cleaner{settings, linuxDesktopPreferences("KDE"), launcher};
+    SceneInstaller installer{settings, [this] {
+                                 SceneInstaller::Options o;
+                                 o.root = dir.filePath("support");
+                                 o.schedule = [](auto, auto) {};
+                                 return o;
+                             }()};
     std::unique_ptr<SettingsWindow> window;
 
     void SetUp() override
@@ -41,6 +48,7 @@ struct SettingsWindowTest : ::testing::Test {
         s.power = &power;
         s.status = &status;
         s.cleaner = &cleaner;
+        s.installer = &installer;
         cleaner.setUnavailableNote(linuxDesktopCleanerNote("KDE"));
         s.launchAtLogin = [] { return XdgAutostart::isEnabled(); };
         s.setLaunchAtLogin = [](bool on) { return XdgAutostart::setEnabled(on, "/opt/Turnelo Test/turnelo"); };
@@ -136,6 +144,10 @@ TEST_F(SettingsWindowTest, DesktopSceneAndAboutTellTheStateInTheUsersWords)
     const QString about = control<QLabel>("scene")->text();
     EXPECT_TRUE(about.contains(problem->text() + "\nTechnical detail: sem superfície Vulkan para a janela"))
         << qPrintable(about);
+    EXPECT_FALSE(problem->isHidden());
+    // With no room at all the download section says what is under way instead.
+    status.setProblem(SceneStatus::Problem{SceneStatus::Reason::noScene, "nenhuma cena instalada"});
+    EXPECT_TRUE(problem->isHidden());
 }
 
 TEST_F(SettingsWindowTest, LaunchAtLoginMakesAndRemovesTheAutostartEntry)
