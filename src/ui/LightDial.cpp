@@ -58,10 +58,13 @@ QString LightDial::modeAt(QPointF p) const
 QPointF LightDial::centerOf(const QString &m) const
 {
     const qsizetype index = PlateManifest::canonicalPresets().indexOf(m);
-    if (index < 0) return center();
-    const double rad = index * M_PI / 2;
-    const double r = (innerRadius() + outerRadius()) / 2;
-    return center() + QPointF(std::sin(rad) * r, -std::cos(rad) * r);
+    return index < 0 ? center() : onQuarter(int(index), (innerRadius() + outerRadius()) / 2);
+}
+
+QPointF LightDial::onQuarter(int i, double radius) const
+{
+    const double rad = i * M_PI / 2;
+    return center() + QPointF(std::sin(rad) * radius, -std::cos(rad) * radius);
 }
 
 void LightDial::paintEvent(QPaintEvent *)
@@ -92,8 +95,7 @@ void LightDial::paintEvent(QPaintEvent *)
         p.drawPath(slice);
 
         // The preset's name outside the ring, at its quarter.
-        const double rad = i * M_PI / 2;
-        const QPointF at = c + QPointF(std::sin(rad) * (R + 8), -std::cos(rad) * (R + 8));
+        const QPointF at = onQuarter(i, R + 8);
         QFont f = font();
         f.setBold(picked || (mode == QStringLiteral("auto") && preset == active));
         p.setFont(f);

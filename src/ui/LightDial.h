@@ -35,6 +35,8 @@ private:
     QPointF center() const;
     double outerRadius() const;
     double innerRadius() const;
+    // The point `radius` from the centre in the middle of quarter `i` (0 at the top, then clockwise).
+    QPointF onQuarter(int i, double radius) const;
 
     QStringList offered;
     QString mode = QStringLiteral("auto");
