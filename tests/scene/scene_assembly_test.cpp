@@ -162,7 +162,7 @@ protected:
     double now = 1000;  // the media clock: tests move it
 };
 
-TEST_F(SmallRoom, AChosenLightFadesInOnceItsMixesAreBuilt)
+TEST_F(SmallRoom, AChosenLightFadesInOnceItsMixesAreBuiltAndMusicStartsTheRecord)
 {
     manifest();
     settings.setLightPreset("dia");
@@ -181,6 +181,13 @@ TEST_F(SmallRoom, AChosenLightFadesInOnceItsMixesAreBuilt)
     room->advance(now += LightMixer::crossFadeSeconds / 2);
     EXPECT_EQ(room->blend(), (Blend{{"noite", 1.0}}));
     EXPECT_TRUE(room->describe().contains("luz noite 1.00")) << room->describe().toStdString();
+
+    // Music starting sets the record turning and the arm on its way to the groove.
+    const double rest = room->armState().yaw;
+    state.setPlaying(true);
+    room->advance(now += 5);
+    EXPECT_TRUE(room->describe().startsWith("tocando")) << room->describe().toStdString();
+    EXPECT_NE(room->armState().yaw, rest) << "the arm stayed at rest";
 }
 
 // Unreadable plates, a device out of memory, a thread that throws: the room says why, the program goes on.

@@ -242,7 +242,7 @@ TEST_F(TonearmPose, WeightsSlotsAndWarpsForAYawBetweenSamples)
     // The warps take the plate pixel where a point of the arm appears at (yaw 5°, lift half of
     // 6°) back to where the same point lies in each sample's sprite.
     for (int s = 0; s < 2; ++s)
-        for (const V3 &x : {V3{50, 0, 0}, V3{150, 6, 0}, V3{220, -6, 0}}) {
+        for (const V3 &x : {V3{50, 0, 0}, V3{150, 6, 0}, V3{220, -6, 0}, V3{120, 40, 0}}) {
             const V3 lifted = rotate(rotate(x, info.liftAxis, 3.0), info.yawAxis, 5.0);
             const auto inSample = plate(rotate(x, info.yawAxis, info.yawSamples[size_t(s)]));
             const auto back = project(pose->warps[size_t(s)], plate(lifted));
