@@ -399,6 +399,11 @@ TEST_F(Composite, CoverBounceIsTintedByTheArt)
     // b = (0.625, 0.25, 0.1875): red loses 0.625 (clamped at 0), green keeps all, blue loses half.
     expectLinear(out, 8, 16, {0, l, l - 0.1875 * 0.5}, "inside");
     expectLinear(out, 24, 16, rgb(l), "outside the sprites");
+    // As a moving layer over its still room: a new bounce image alone draws the still again.
+    MovingLayer layer(4, 4, 24, 24);
+    layer.expectFrames(u, t, out, {Redraw::all, Redraw::none});
+    t.bounce[0] = constant({0.125f, 0.5f, 0.0625f, 1}, 16, 32);
+    layer.expectFrames(u, t, render(32, 32), {Redraw::all});
 }
 
 TEST_F(Composite, TheLabelTurnsAndBlursWithTheRecord)
@@ -627,6 +632,7 @@ TEST_F(Composite, RainOnTheGlassAndRainyDayLight)
     };
     u.rain = {5, 1, 0, 1};
     const QImage heavy = render(w, h);
+    MovingLayer(16, 8, 96, 64).expectFrames(u, t, heavy, {Redraw::all});  // the drops of a layer over its still
     const double heavyWet = wetFraction(heavy, 1);
     EXPECT_GT(heavyWet, 0.01);
     EXPECT_LT(heavyWet, 0.5);

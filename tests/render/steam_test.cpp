@@ -100,6 +100,18 @@ TEST_F(Steam, UnderTheSteamACopyOfTheBaseOrOfTheSharedStillStandsForTheShadedRoo
     renderer->waitIdle();
     const QImage a = shaded.readback();
     EXPECT_EQ(differingPixels(a, copied.readback(), 1), 0);
+    // Drawn at half resolution and scaled up, the steam is much the same.
+    OffscreenTarget halfSteam(renderer->vulkan(), 32, 48, VK_FORMAT_B8G8R8A8_UNORM,
+                              VK_IMAGE_LAYOUT_SHADER_READ_ONLY_OPTIMAL),
+        upscaled(renderer->vulkan(), 64, 96);
+    SceneTextures withHalf = t;
+    withHalf.steam = halfSteam.texture();
+    SceneRenderer::Pass up{&upscaled, at, s};
+    up.steamHalf = &halfSteam;
+    renderer->draw(std::nullopt, {up}, std::nullopt, withHalf);
+    renderer->waitIdle();
+    const QImage fromHalf = upscaled.readback();
+    EXPECT_LT(differingPixels(a, fromHalf, 1), 30) << "the steam drawn at half resolution is misplaced";
     EXPECT_GT(differingPixels(a, base.readback().copy(32, 16, 64, 96)), 100) << "the steam shows over the room";
     // Where no base image is kept, the layer's part of it, copied out when the base was drawn, stands for it as well.
     OffscreenTarget kept(renderer->vulkan(), 64, 96), overKept(renderer->vulkan(), 64, 96);
