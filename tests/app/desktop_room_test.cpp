@@ -123,16 +123,9 @@ TEST_F(DesktopRoom, ShowsTheRoomAndPausesWhenNobodyCanSeeIt)
     blocker.move(over, QRect(0, 0, 1280, std::max(1, layer.top() - 40)));
     at = room->waitForLine("Cena: área animada à vista → renderiza", at);
 
-    // Two windows that leave one of the 25 sample points free: the room keeps animating.
-    const int fifthW = layer.width() / 5, fifthH = layer.height() / 5;
-    blocker.move(over, QRect(layer.left() + fifthW, 0, 1280 - layer.left() - fifthW, 720));
-    const Window below = blocker.makeWindow(QRect(0, layer.top() + fifthH, 1280, 720 - layer.top() - fifthH));
-    QThread::msleep(2000);
-    EXPECT_EQ(room->log().indexOf("coberta por janelas", at), -1) << "paused with a sample point in sight";
-    blocker.close(below);
     blocker.close(over);
     EXPECT_TRUE(waitUntil([&] { return std::abs(brightness() - shown) < 3; }, 10s))
-        << "after the windows closed the desktop's brightness is " << brightness() << ", not " << shown;
+        << "after the window closed the desktop's brightness is " << brightness() << ", not " << shown;
 
     for (const bool active : {true, false}) {
         ASSERT_TRUE(isReply(screensaver->callMock("/ScreenSaver", "EmitSignal",
