@@ -590,6 +590,10 @@ TEST_F(Composite, TonearmShadowReflectionAndFrontLayers)
     const QImage there = render(moved, t, 80, 16);
     EXPECT_GT(differingPixels(layer.of(there), layer.of(out), 1), 50);
     layer.expectFrames(moved, t, there, {Redraw::finished, Redraw::finished, Redraw::none});
+    // Tilted in perspective, as the arm's warps are, its far corners move as far as a shift would.
+    SceneUniforms tilted = moved;
+    tilted.armInv[0] = Float3x3::fromRows<float>({{{1, 0, 104}, {0, 1, 0}, {1e-4f, 0, 1}}});
+    layer.expectFrames(tilted, t, render(tilted, t, 80, 16), {Redraw::finished, Redraw::finished, Redraw::none});
 }
 
 TEST_F(Composite, RainOnTheGlassAndRainyDayLight)
