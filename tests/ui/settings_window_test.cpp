@@ -136,6 +136,7 @@ TEST_F(SettingsWindowTest, DesktopSceneAndAboutTellTheStateInTheUsersWords)
     ASSERT_EQ(framing->count(), 1);
     EXPECT_EQ(framing->itemData(0), "wide");
 
+    const int width = window->width();
     status.setProblem(SceneStatus::Problem{SceneStatus::Reason::gpu, "sem superfície Vulkan para a janela"});
     QLabel *problem = control<QLabel>("sceneProblem");
     ASSERT_TRUE(problem);
@@ -145,6 +146,8 @@ TEST_F(SettingsWindowTest, DesktopSceneAndAboutTellTheStateInTheUsersWords)
     EXPECT_TRUE(about.contains(problem->text() + "\nTechnical detail: sem superfície Vulkan para a janela"))
         << qPrintable(about);
     EXPECT_FALSE(problem->isHidden());
+    QCoreApplication::processEvents();
+    EXPECT_EQ(window->width(), width) << "the reason widened the window instead of wrapping";
     // With no room at all the download section says what is under way instead.
     status.setProblem(SceneStatus::Problem{SceneStatus::Reason::noScene, "nenhuma cena instalada"});
     EXPECT_TRUE(problem->isHidden());
