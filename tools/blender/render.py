@@ -55,7 +55,7 @@ FRONT_FSTOP = 1.4
 # Where little light reaches (the wall under the desk in `wide`, the wall behind the turntable and
 # the platter in the lid's shadow in the others) the filter leaves blotches that only samples
 # remove, so every framing's light renders take twice the samples.
-LIGHT_SAMPLES_FACTOR = {"wide": 2, "mid": 2, "close": 2, "top": 2}
+LIGHT_SAMPLES_FACTOR = 2
 # Shadow-sprite darkening below this is the catcher's noise, not the arm's shadow.
 SHADOW_FLOOR = 0.04
 MM = 1000.0
@@ -467,7 +467,7 @@ class Pipeline:
 
         # One render per time of day: every light group at once.
         light = {}
-        samples = a.samples * (1 if a.quick else LIGHT_SAMPLES_FACTOR.get(name, 1))
+        samples = a.samples * (1 if a.quick else LIGHT_SAMPLES_FACTOR)
         for t in PRESET_ORDER:
             def setup(t=t):
                 self.reset(name)
