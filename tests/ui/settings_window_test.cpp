@@ -7,6 +7,7 @@
 #include "core/environment/DesktopCleaner.h"
 #include "core/delivery/SceneInstaller.h"
 #include "core/environment/PowerMonitor.h"
+#include "core/music/HistoryStore.h"
 #include "core/scene/SceneStatus.h"
 #include "platform/linux/LinuxDesktopPreferences.h"
 #include "platform/linux/XdgAutostart.h"
@@ -15,7 +16,11 @@
 #include <QCheckBox>
 #include <QComboBox>
 #include <QFile>
+#include <QApplication>
 #include <QLabel>
+#include <QMessageBox>
+#include <QPushButton>
+#include <QTimer>
 #include <QSpinBox>
 #include <QTest>
 #include <gtest/gtest.h>
@@ -39,6 +44,7 @@ struct SettingsWindowTest : ::testing::Test {
                                  o.schedule = [](auto, auto) {};
                                  return o;
                              }()};
+    HistoryStore history{settings, dir.filePath("history")};
     std::unique_ptr<SettingsWindow> window;
 
     void SetUp() override
@@ -49,6 +55,7 @@ struct SettingsWindowTest : ::testing::Test {
         s.status = &status;
         s.cleaner = &cleaner;
         s.installer = &installer;
+        s.history = &history;
         cleaner.setUnavailableNote(linuxDesktopCleanerNote("KDE"));
         s.launchAtLogin = [] { return XdgAutostart::isEnabled(); };
         s.setLaunchAtLogin = [](bool on) { return XdgAutostart::setEnabled(on, "/opt/Turnelo Test/turnelo"); };
@@ -151,6 +158,24 @@ TEST_F(SettingsWindowTest, DesktopSceneAndAboutTellTheStateInTheUsersWords)
     // With no room at all the download section says what is under way instead.
     status.setProblem(SceneStatus::Problem{SceneStatus::Reason::noScene, "nenhuma cena instalada"});
     EXPECT_TRUE(problem->isHidden());
+}
+
+TEST_F(SettingsWindowTest, ClearingTheHistoryTakesTheUsersYes)
+{
+    history.record(solidImage(Qt::red, 48, 48), "Album");
+    history.flush();
+    window->show(SettingsWindow::Tab::music);
+    for (const bool yes : {false, true}) {
+        // Answers the question once it is asked: Cancel, then Clear History.
+        QTimer::singleShot(100, [yes] {
+            auto *box = qobject_cast<QMessageBox *>(QApplication::activeModalWidget());
+            ASSERT_TRUE(box);
+            for (QAbstractButton *b : box->buttons())
+                if ((box->buttonRole(b) == QMessageBox::DestructiveRole) == yes) return b->click();
+        });
+        control<QPushButton>("clearHistory")->click();
+        EXPECT_EQ(history.entries().empty(), yes) << yes;
+    }
 }
 
 TEST_F(SettingsWindowTest, LaunchAtLoginMakesAndRemovesTheAutostartEntry)
