@@ -45,7 +45,9 @@ DesktopTab::DesktopTab(const UiServices &services, QWidget *parent)
 
     auto *row = new QHBoxLayout;
     apply = new QPushButton(tr("Apply…"));
+    apply->setObjectName(QStringLiteral("apply"));
     restore = new QPushButton(tr("Put Back…"));
+    restore->setObjectName(QStringLiteral("restore"));
     row->addWidget(apply);
     row->addWidget(restore);
     row->addStretch();

@@ -11,6 +11,7 @@
 #include "core/scene/SceneStatus.h"
 #include "platform/linux/LinuxDesktopPreferences.h"
 #include "platform/linux/XdgAutostart.h"
+#include "ui/DesktopTab.h"
 #include "ui/SettingsWindow.h"
 
 #include <QCheckBox>
@@ -78,6 +79,17 @@ struct SettingsWindowTest : ::testing::Test {
     }
     template <typename W> W *control(const QString &key) { return window->findChild<W *>(key); }
 };
+
+// Answers the question once it is asked: the button of role `yes`, or another one (Cancel).
+void answerNextQuestion(QMessageBox::ButtonRole yesRole, bool yes)
+{
+    QTimer::singleShot(100, [=] {
+        auto *box = qobject_cast<QMessageBox *>(QApplication::activeModalWidget());
+        ASSERT_TRUE(box);
+        for (QAbstractButton *b : box->buttons())
+            if ((box->buttonRole(b) == yesRole) == yes) return b->click();
+    });
+}
 
 TEST_F(SettingsWindowTest, ControlsWriteTheirKeysTypedAndFollowOutsideWrites)
 {
@@ -166,15 +178,40 @@ TEST_F(SettingsWindowTest, ClearingTheHistoryTakesTheUsersYes)
     history.flush();
     window->show(SettingsWindow::Tab::music);
     for (const bool yes : {false, true}) {
-        // Answers the question once it is asked: Cancel, then Clear History.
-        QTimer::singleShot(100, [yes] {
-            auto *box = qobject_cast<QMessageBox *>(QApplication::activeModalWidget());
-            ASSERT_TRUE(box);
-            for (QAbstractButton *b : box->buttons())
-                if ((box->buttonRole(b) == QMessageBox::DestructiveRole) == yes) return b->click();
-        });
+        answerNextQuestion(QMessageBox::DestructiveRole, yes);
         control<QPushButton>("clearHistory")->click();
         EXPECT_EQ(history.entries().empty(), yes) << yes;
+    }
+}
+
+// GNOME's desktop icons through real gsettings on its key-file back end.
+TEST(DesktopTabTest, ClearingTheDeskAndPuttingItBackTakeTheUsersYes)
+{
+    QTemporaryDir dir;
+    const ScopedEnv backend("GSETTINGS_BACKEND", "keyfile");
+    ASSERT_FALSE(installDesktopIconsSchema(qEnvironmentVariable("XDG_DATA_HOME")).isEmpty());
+    Settings settings{dir.filePath("settings.json")};
+    RecordingLauncher launcher;
+    DesktopCleaner cleaner{settings, linuxDesktopPreferences("GNOME"), launcher};
+    ASSERT_TRUE(cleaner.available());
+    UiServices s;
+    s.settings = &settings;
+    s.cleaner = &cleaner;
+    DesktopTab tab(s);
+    tab.show();
+    auto *icons = tab.findChild<QCheckBox *>("hideIcons");
+    ASSERT_TRUE(icons);
+    icons->setChecked(true);
+    for (const bool yes : {false, true}) {
+        answerNextQuestion(QMessageBox::AcceptRole, yes);
+        tab.findChild<QPushButton *>("apply")->click();
+        EXPECT_EQ(cleaner.current().hideIcons, yes) << yes;
+    }
+    for (const bool yes : {false, true}) {
+        answerNextQuestion(QMessageBox::AcceptRole, yes);
+        tab.findChild<QPushButton *>("restore")->click();
+        EXPECT_EQ(cleaner.current().hideIcons, !yes) << yes;
+        EXPECT_EQ(icons->isChecked(), !yes) << "the switch does not show the desk as it is";
     }
 }
 
