@@ -106,6 +106,7 @@ SceneTab::SceneTab(const UiServices &services, QWidget *parent)
     if (s.installer) {
         addTitle(layout, tr("Download"));
         download = new QLabel;
+        download->setObjectName(QStringLiteral("download"));
         download->setWordWrap(true);
         layout->addWidget(download);
         auto *check = new QPushButton(tr("Check Now"));
@@ -117,6 +118,8 @@ SceneTab::SceneTab(const UiServices &services, QWidget *parent)
         connect(s.installer, &SceneInstaller::phaseChanged, this, &SceneTab::refreshDownload);
         connect(s.installer, &SceneInstaller::phaseChanged, this, &SceneTab::refreshProblem);
         connect(s.installer, &SceneInstaller::noticeChanged, this, &SceneTab::refreshDownload);
+        // A run's error is known only once it ends, after its last phase change.
+        connect(s.installer, &SceneInstaller::runFinished, this, &SceneTab::refreshDownload);
         connect(s.installer, &SceneInstaller::framingsChanged, this, &SceneTab::refreshFramings);
     }
     if (s.status) {

@@ -13,6 +13,9 @@
 #include "ui/FramingTile.h"
 #include "ui/LightDial.h"
 #include "ui/PopoverWindow.h"
+#include "ui/SceneTab.h"
+
+#include <QLabel>
 
 #include <QTemporaryDir>
 #include <QTest>
@@ -257,6 +260,22 @@ TEST(PopoverWindow, FramingTilesSayWhatIsOnDiskAndWhatTheCatalogOffers)
 
     QTest::keyClick(&popover, Qt::Key_Escape);
     EXPECT_FALSE(popover.isVisible());
+
+    // A later check that fails keeps the room, and Settings › Scene says so until one succeeds.
+    SceneTab sceneTab(services);
+    auto *download = sceneTab.findChild<QLabel *>("download");
+    ASSERT_TRUE(download);
+    auto broken = base;
+    broken.id = "base-2";
+    broken.sha256 = QString(64, '0');
+    for (const auto &offered : {QList{broken, close, top}, QList{base, close, top}}) {
+        writeCatalog(server.scenesDir(), offered);
+        installer.sync();
+        ASSERT_TRUE(waitUntil([&] { return !installer.running(); }, 30s));
+        EXPECT_EQ(installer.phase().kind, SceneInstaller::Phase::ready);
+        EXPECT_EQ(download->text().contains("The last check failed"), offered[0].id == broken.id)
+            << qPrintable(download->text());
+    }
 }
 
 }  // namespace
