@@ -155,20 +155,22 @@ void SceneTab::refreshFramings()
 
 void SceneTab::refreshDownload()
 {
-    if (!download) return;
+    if (!download) return;  // made only with an installer
     // The popover's words, so both say the same.
     QStringList lines;
     if (const QString line = PopoverModel::installerLine(s.installer); !line.isEmpty()) lines << line;
-    if (s.installer && lines.isEmpty()) {
-        if (s.installer->phase().kind == SceneInstaller::Phase::ready && !s.installer->hasInstalledScene())
+    const bool ready = s.installer->phase().kind == SceneInstaller::Phase::ready;
+    // After a failed check nobody knows whether the room is still the newest.
+    const bool checked = s.installer->lastRunError().isEmpty();
+    if (lines.isEmpty()) {
+        const QString title = s.installer->sceneTitle().value_or(tr("installed"));
+        if (ready && !s.installer->hasInstalledScene())
             lines << tr("The room that came with Turnelo is shown.");
-        else if (s.installer->phase().kind == SceneInstaller::Phase::ready)
-            lines << tr("The room is up to date: %1.").arg(s.installer->sceneTitle().value_or(tr("installed")));
+        else if (ready)
+            lines << (checked ? tr("The room is up to date: %1.") : tr("Installed room: %1.")).arg(title);
         else if (!s.installer->hasInstalledScene())
             lines << tr("No room is installed yet.");
     }
-    if (s.installer && !s.installer->lastRunError().isEmpty() &&
-        s.installer->phase().kind == SceneInstaller::Phase::ready)
-        lines << tr("The last check failed; Turnelo will try again later.");
+    if (ready && !checked) lines << tr("The last check failed; Turnelo will try again later.");
     download->setText(lines.join(QLatin1Char('\n')));
 }
