@@ -73,14 +73,15 @@ int renderCommand(const QCommandLineParser &p, const RenderOptions &r)
     o.framing = p.value(r.framing);
     const QStringList wh = p.value(r.size).split('x');
     if (wh.size() != 2 || wh[0].toInt() <= 0 || wh[1].toInt() <= 0) {
-        err << "bad --size\n";
+        err << "turnelo render: --size wants WIDTHxHEIGHT in pixels, both above 0 (got \"" << p.value(r.size)
+            << "\")\n";
         return 2;
     }
     o.width = wh[0].toInt();
     o.height = wh[1].toInt();
     const QTime t = QTime::fromString(p.value(r.time), "H:mm");
     if (!t.isValid()) {
-        err << "bad --time\n";
+        err << "turnelo render: --time wants a local time as HH:MM (got \"" << p.value(r.time) << "\")\n";
         return 2;
     }
     o.localTime = QDateTime(QDate(2024, 6, 1), t);
