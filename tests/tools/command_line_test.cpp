@@ -73,7 +73,8 @@ TEST(CommandLine, EveryProgramAnswersHelpAndVersionWithoutADisplayOrABus)
     EXPECT_TRUE(badOut.isEmpty()) << qPrintable(badOut);
 
     // A size or time it cannot use is named, with the form it wants.
-    for (const auto &[option, value] : {std::pair{"--size", "640x0"}, {"--size", "640"}, {"--time", "25:00"}}) {
+    for (const auto &[option, value] :
+         {std::pair{"--size", "640x0"}, {"--size", "0x480"}, {"--size", "640"}, {"--time", "25:00"}}) {
         const auto [status, out, err] = run(turnelo, {"render", "scene", "out.png", option, value});
         EXPECT_EQ(status, 2);
         EXPECT_TRUE(err.contains(QString(option) + " wants") && err.contains(value)) << qPrintable(err);
