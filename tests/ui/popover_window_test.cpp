@@ -72,6 +72,19 @@ TEST(PopoverWindow, TellsTheRoomsStateAndTheDialWritesTheChosenLight)
     for (const auto &[offset, mode] : quarters) EXPECT_EQ(dial.modeAt(c + offset), mode);
     for (const QString preset : {"manha", "dia", "tarde", "noite"})
         EXPECT_EQ(dial.modeAt(dial.centerOf(preset)), preset);
+    // Each name is written centred beside its quarter: the dark text pixels of the strip outside the ring.
+    const QImage shot = dial.grab().toImage();
+    const auto textCentre = [&](const QRect &strip) {
+        QRect ink;
+        for (int y = strip.top(); y <= strip.bottom(); ++y)
+            for (int x = strip.left(); x <= strip.right(); ++x)
+                if (qGray(shot.pixel(x, y)) < 60) ink |= QRect(x, y, 1, 1);
+        return QRectF(ink).center();
+    };
+    EXPECT_NEAR(textCentre({0, 0, 300, 20}).x(), c.x(), 3) << "Morning";
+    EXPECT_NEAR(textCentre({232, 0, 68, 200}).y(), c.y(), 3) << "Day";
+    EXPECT_NEAR(textCentre({0, 182, 300, 18}).x(), c.x(), 3) << "Afternoon";
+    EXPECT_NEAR(textCentre({0, 0, 68, 200}).y(), c.y(), 3) << "Night";
     dial.setState({"dia", "noite"}, "auto", "dia", std::nullopt);
     EXPECT_EQ(dial.modeAt(c + QPointF(0, -50)), "");
 
