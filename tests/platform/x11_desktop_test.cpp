@@ -71,6 +71,11 @@ struct X11Desktop : ::testing::Test {
         return ownsCompositing();
     }
     bool ownsCompositing() { return XGetSelectionOwner(x->d, x->atom("_NET_WM_CM_S0")) != 0; }
+    bool viewable(Window w)
+    {
+        XWindowAttributes a;
+        return XGetWindowAttributes(x->d, w, &a) && a.map_state == IsViewable;
+    }
     // Something done to the stacking while the room cannot answer; `done` once it took effect.
     void whileStopped(const std::function<void()> &disturb, const std::function<bool()> &done)
     {
@@ -148,10 +153,6 @@ TEST_F(X11Desktop, UnderOpenboxTheRoomIsAStickyClickThroughDesktopWindowBelowAll
     xdotool({"set_desktop", "1"});
     ASSERT_TRUE(soon([&] { return x->values(x->root(), "_NET_CURRENT_DESKTOP") == std::vector<unsigned long>{1}; }));
     // The manager announces the new desktop before it unmaps the old one's windows.
-    const auto viewable = [&](Window w) {
-        XWindowAttributes attributes;
-        return XGetWindowAttributes(x->d, w, &attributes) && attributes.map_state == IsViewable;
-    };
     EXPECT_TRUE(soon([&] { return !viewable(other); })) << "the other desktop's window is still shown";
     EXPECT_TRUE(viewable(ours));
 }
@@ -314,15 +315,18 @@ TEST_F(X11Desktop, BlankedScreensPauseTheRoomAndThirtyTwoBitWindowsAreJudgedByTh
 
     if (!XServer::installed("xcompmgr")) GTEST_SKIP() << "xcompmgr is not installed (blanking passed)";
     // Transparent between a few icons (GNOME's desktop icons); a wallpaper painted into a 32-bit
-    // window (Plasma's desktop) with one small see-through corner; a plain 24-bit window.
+    // window (Plasma's desktop) with one small see-through corner; one see-through only along its
+    // bottom edge, which a sampling that misses the last rows would call opaque; a plain 24-bit window.
     const Window clear = x->makeWindow(QRect(0, 0, 640, 400), true);
     const Window painted = x->makeWindow(QRect(640, 0, 640, 400), true);
+    const Window edged = x->makeWindow(QRect(640, 400, 640, 400), true);
     const Window plain = x->makeWindow(QRect(0, 400, 640, 400));
-    ASSERT_TRUE(clear && painted && plain) << "no 32-bit visual";
+    ASSERT_TRUE(clear && painted && edged && plain) << "no 32-bit visual";
     GC gc = XCreateGC(x->d, clear, 0, nullptr);
     XSetForeground(x->d, gc, 0xFF3050A0ul);
     for (int i = 0; i < 4; ++i) XFillRectangle(x->d, clear, gc, 20, 20 + 90 * i, 64, 64);
     XFillRectangle(x->d, painted, gc, 0, 0, 640, 400);
+    XFillRectangle(x->d, edged, gc, 0, 0, 640, 372);
     XSetForeground(x->d, gc, 0);
     XFillRectangle(x->d, painted, gc, 0, 0, 60, 40);
     XFreeGC(x->d, gc);
@@ -331,12 +335,13 @@ TEST_F(X11Desktop, BlankedScreensPauseTheRoomAndThirtyTwoBitWindowsAreJudgedByTh
     // Without a compositing manager no alpha is blended: every window hides what lies below.
     X11Connection connection(server.display());
     X11WindowTransparency before(connection);
-    for (const Window w : {clear, painted, plain}) EXPECT_FALSE(before.seeThrough(w)) << w;
+    for (const Window w : {clear, painted, edged, plain}) EXPECT_FALSE(before.seeThrough(w)) << w;
 
     ASSERT_TRUE(compositing());
     X11WindowTransparency judge(connection);
     EXPECT_TRUE(judge.seeThrough(clear));
     EXPECT_FALSE(judge.seeThrough(painted)) << "opaque nearly everywhere";
+    EXPECT_TRUE(judge.seeThrough(edged)) << "see-through along its bottom 7%";
     EXPECT_FALSE(judge.seeThrough(plain));
     EXPECT_FALSE(judge.seeThrough(0x7FFFFFul)) << "a window that does not exist";
 }
@@ -425,20 +430,15 @@ TEST_F(X11Desktop, UnderI3BypassesTheManagerAndLiesUnderEveryWindow)
         int below = -1;
         if (XQueryTree(x->d, x->root(), &rootReturn, &parent, &children, &count)) {
             below = 0;
-            for (unsigned int i = 0; i < count && children[i] != ours; ++i) {
-                XWindowAttributes a;
-                if (XGetWindowAttributes(x->d, children[i], &a) && a.map_state == IsViewable) ++below;
-            }
+            for (unsigned int i = 0; i < count && children[i] != ours; ++i) below += viewable(children[i]);
         }
         if (children) XFree(children);
         return below;
     };
+    ASSERT_TRUE(soon([&] { return viewable(ours) && shownBelowOurs() == 0; }))
+        << "shown windows below ours: " << shownBelowOurs();
     XWindowAttributes attributes{};
-    ASSERT_TRUE(soon([&] {
-        return XGetWindowAttributes(x->d, ours, &attributes) && attributes.map_state == IsViewable &&
-               shownBelowOurs() == 0;
-    })) << "shown windows below ours: "
-        << shownBelowOurs();
+    ASSERT_TRUE(XGetWindowAttributes(x->d, ours, &attributes));
     EXPECT_TRUE(attributes.override_redirect);
     EXPECT_EQ(QRect(attributes.x, attributes.y, attributes.width, attributes.height), QRect(0, 0, 1280, 800))
         << "tiled instead of covering the screen";

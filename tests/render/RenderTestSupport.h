@@ -17,7 +17,6 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
-#include <cstring>
 #include <utility>
 #include <gtest/gtest.h>
 
@@ -180,12 +179,7 @@ protected:
         return half(halfImage(w, h, [&](int, int) { return rgba; }));
     }
     static TextureRef art(const QImage &image) { return TextureUpload::art(*renderer->vulkan(), image); }
-    static TextureRef art(QColor colour)
-    {
-        QImage image(4, 4, QImage::Format_RGBA8888);
-        image.fill(colour);
-        return art(image);
-    }
+    static TextureRef art(QColor colour) { return art(testsupport::solidImage(colour, 4, 4)); }
     // An 8-bit mask or shadow of one value everywhere.
     static TextureRef grey(uint8_t value, int w = 4, int h = 4)
     {

@@ -39,25 +39,22 @@ protected:
         writeExr(dir + "/light/lamp.exr", 64, 48, [](int x, int) {
             return std::array<float, 4>{x / 64.0f, 0.1f, 0, 1};
         });
-        QImage mask(64, 48, QImage::Format_Grayscale8);
-        mask.fill(0);
-        for (int y = 10; y < 20; ++y)
-            for (int x = 5; x < 15; ++x) mask.setPixel(x, y, qRgb(255, 255, 255));
+        // A black 64×48 picture saved under masks/, `box` painted by f(x, y).
+        const auto paint = [&](QImage::Format format, QRect box, auto f, QStringList names) {
+            QImage image(64, 48, format);
+            image.fill(0);
+            for (int y = box.top(); y <= box.bottom(); ++y)
+                for (int x = box.left(); x <= box.right(); ++x) image.setPixel(x, y, f(x, y));
+            for (const QString &name : names) image.save(dir + "/masks/" + name);
+        };
         QDir().mkpath(dir + "/masks");
-        mask.save(dir + "/masks/cover.png");
-        mask.save(dir + "/masks/label.png");
+        paint(QImage::Format_Grayscale8, {5, 10, 10, 10}, [](int, int) { return qRgb(255, 255, 255); },
+              {"cover.png", "label.png"});
         // The stack's top cover covers plate (40…59, 36…45): art u, v in red and green, coverage in blue.
-        QImage uv(64, 48, QImage::Format_RGB32);
-        uv.fill(0);
-        for (int y = 36; y < 46; ++y)
-            for (int x = 40; x < 60; ++x) uv.setPixel(x, y, qRgb((x - 40) * 12, (y - 36) * 25, 255));
-        uv.save(dir + "/masks/stack_uv.png");
+        paint(QImage::Format_RGB32, {40, 36, 20, 10},
+              [](int x, int y) { return qRgb((x - 40) * 12, (y - 36) * 25, 255); }, {"stack_uv.png"});
         // The strobe band: plate (1…5, 42…46), away from everything else that moves.
-        QImage strobe(64, 48, QImage::Format_RGB32);
-        strobe.fill(0);
-        for (int y = 42; y < 47; ++y)
-            for (int x = 1; x < 6; ++x) strobe.setPixel(x, y, qRgb(x * 40, 255, 128));
-        strobe.save(dir + "/masks/strobe.png");
+        paint(QImage::Format_RGB32, {1, 42, 5, 5}, [](int x, int) { return qRgb(x * 40, 255, 128); }, {"strobe.png"});
     }
     QJsonObject manifestJson()
     {
@@ -123,15 +120,10 @@ protected:
         scene = std::move(std::get<std::unique_ptr<LoadedScene>>(result));
         return *scene;
     }
-    void TearDown() override
-    {
-        scene.reset();
-        renderer.reset();
-    }
     QTemporaryDir root;
     QString dir;
     std::unique_ptr<SceneRenderer> renderer;
-    std::unique_ptr<LoadedScene> scene;
+    std::unique_ptr<LoadedScene> scene;  // declared after the renderer: it goes first
 };
 
 }  // namespace scenetest

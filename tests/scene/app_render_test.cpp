@@ -42,26 +42,30 @@ QImage appRender(const QTemporaryDir &root, const QString &scene, const QString 
     return image.size() == size ? image : QImage();
 }
 
-// Inside the glass mask (coverage over one half): the grey's mean and deviation (0…1) and the
-// share of pixels brighter than `level`.
-struct GlassView {
-    double mean = 0, deviation = 0, above = 0;
-};
-GlassView glassView(const QImage &image, const QImage &mask, double level)
+// Inside the glass mask (coverage over one half): buildings against the sky at noon, not a white sheet; lit
+// windows and street lamps at night.
+void expectCityView(const QImage &noon, const QImage &evening, const QImage &glass, const std::string &framing)
 {
-    double sum = 0, squares = 0, count = 0, bright = 0;
-    for (int y = 0; y < image.height(); ++y)
-        for (int x = 0; x < image.width(); ++x) {
-            if (qGray(mask.pixel(x, y)) < 128) continue;
-            const double v = qGray(image.pixel(x, y)) / 255.0;
-            sum += v;
-            squares += v * v;
-            count += 1;
-            bright += v > level ? 1 : 0;
-        }
-    if (count == 0) return {};
-    const double mean = sum / count;
-    return {mean, std::sqrt(std::max(0.0, squares / count - mean * mean)), bright / count};
+    struct View {
+        double mean = 0, deviation = 0, above = 0;  // of the grey (0…1); above: the share brighter than `level`
+    };
+    const auto view = [&](const QImage &image, double level) {
+        double sum = 0, squares = 0, count = 0, bright = 0;
+        for (int y = 0; y < image.height(); ++y)
+            for (int x = 0; x < image.width(); ++x) {
+                if (qGray(glass.pixel(x, y)) < 128) continue;
+                const double v = qGray(image.pixel(x, y)) / 255.0;
+                sum += v, squares += v * v, count += 1, bright += v > level ? 1 : 0;
+            }
+        if (count == 0) return View{};
+        const double mean = sum / count;
+        return View{mean, std::sqrt(std::max(0.0, squares / count - mean * mean)), bright / count};
+    };
+    const View day = view(noon, 0.98), night = view(evening, 0.3);
+    EXPECT_GE(day.deviation, 0.12) << framing << ": the noon view has no structure";
+    EXPECT_LT(day.above, 0.05) << framing << ": the noon view is blown out";
+    EXPECT_GE(night.above, 0.01) << framing << ": no lights in the night view";
+    EXPECT_LT(night.mean, day.mean) << framing;
 }
 
 // The wide framing at half the plate size: the sleeve and label are seen small and steep, so
@@ -156,16 +160,10 @@ TEST(BlenderRoom, QuickPackageRendersAndLightsTheNight)
     ASSERT_TRUE(evening.rect().contains(pool) && evening.rect().contains(away));
     EXPECT_GT(meanGrey(evening, pool), 1.5 * meanGrey(evening, away)) << "no pool of lamp light at night";
 
-    // Through the wide framing's glass: buildings against the sky at noon, not a white sheet; lit
-    // windows and street lamps at night.
     const QSize wide(int(manifest.framings.at("wide").size[0]), int(manifest.framings.at("wide").size[1]));
-    const QImage glass(scene + "/wide/" + window["glass_mask"].toString());
-    const GlassView day = glassView(appRender(root, scene, "wide", wide, "12:00", {"--no-steam"}), glass, 0.98);
-    const GlassView night = glassView(appRender(root, scene, "wide", wide, "21:30", {"--no-steam"}), glass, 0.3);
-    EXPECT_GE(day.deviation, 0.12) << "the noon view has no structure";
-    EXPECT_LT(day.above, 0.05) << "the noon view is blown out";
-    EXPECT_GE(night.above, 0.01) << "no lights in the night view";
-    EXPECT_LT(night.mean, day.mean);
+    expectCityView(appRender(root, scene, "wide", wide, "12:00", {"--no-steam"}),
+                   appRender(root, scene, "wide", wide, "21:30", {"--no-steam"}),
+                   QImage(scene + "/wide/" + window["glass_mask"].toString()), "wide");
 }
 
 // Pixels where the placeholder art is one flat colour, away from its ring: a grid over the top band
@@ -213,13 +211,10 @@ std::vector<QPoint> bounceEdgePixels(const QString &dir, const QJsonObject &fram
 // Of `pixels`, those where two renders differ by more than two levels.
 int differing(const QImage &a, const QImage &b, const std::vector<QPoint> &pixels)
 {
-    int n = 0;
-    for (const QPoint p : pixels) {
+    return int(std::count_if(pixels.begin(), pixels.end(), [&](QPoint p) {
         const QRgb x = a.pixel(p), y = b.pixel(p);
-        n +=
-            std::max({std::abs(qRed(x) - qRed(y)), std::abs(qGreen(x) - qGreen(y)), std::abs(qBlue(x) - qBlue(y))}) > 2;
-    }
-    return n;
+        return std::max({qAbs(qRed(x) - qRed(y)), qAbs(qGreen(x) - qGreen(y)), qAbs(qBlue(x) - qBlue(y))}) > 2;
+    }));
 }
 
 // The room that ships, at each framing's full size: through the glass a city with structure by day
@@ -248,12 +243,8 @@ TEST(ShippedRoom, EveryWindowShowsTheCityByDayAndItsLightsAtNight)
         const QSize full(size[0].toInt(), size[1].toInt());
         ASSERT_EQ(glass.size(), full) << it.key().toStdString();
         const QImage noon = appRender(root, scene, it.key(), full, "12:00", {"--no-steam"});
-        const GlassView day = glassView(noon, glass, 0.98);
-        const GlassView night = glassView(appRender(root, scene, it.key(), full, "21:30", {"--no-steam"}), glass, 0.3);
-        EXPECT_GE(day.deviation, 0.12) << it.key().toStdString() << ": the noon view has no structure";
-        EXPECT_LT(day.above, 0.05) << it.key().toStdString() << ": the noon view is blown out";
-        EXPECT_GE(night.above, 0.01) << it.key().toStdString() << ": no lights in the night view";
-        EXPECT_LT(night.mean, day.mean) << it.key().toStdString();
+        expectCityView(noon, appRender(root, scene, it.key(), full, "21:30", {"--no-steam"}), glass,
+                       it.key().toStdString());
         const QImage flatNoon = appRender(root, scene, it.key(), full, "12:00",
                                           {"--no-steam", "--no-bounce", "--cover", root.filePath("flat.png"),
                                            "--stack-cover", root.filePath("flat.png")});

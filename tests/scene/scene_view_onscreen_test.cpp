@@ -58,8 +58,7 @@ TEST(SceneViewOnScreen, SteadyFramesOfTheShippedRoomAllocateNothing)
     // At the lowest rate a loaded machine's slower frames leave the software device's rate where
     // it is: a change of rate is no steady frame.
     settings.setValue("fps", 15);
-    // The media clock: the test moves it.
-    double now = 1000;
+    double now = 1000;  // the media clock: the test moves it
     const MediaClock clock([&now] { return now; });
     PlayerState state;
     state.setTrack(Track{"Side A", "Turnelo", "Demo", 600, PlayerSource{"bench", "Bench", "Bench"}, 2, 5});

@@ -81,18 +81,19 @@ TEST(TurneloPublish, FailedRunsLeaveNoPartialFiles)
 {
     QTemporaryDir tmp;
     const QString scene = tmp.path() + "/scene", out = tmp.path() + "/out", scenes = out + "/v1/scenes";
+    const auto fails = [&](const QStringList &more, const char *why) {
+        const auto r = publish(QStringList{"--out", out, "--base", scene} + more);
+        EXPECT_EQ(r.exitCode, 1);
+        EXPECT_TRUE(r.err.contains(why)) << r.err.toStdString();
+    };
     put(scene + "/wide/light/sun.exr", "x");
-    auto r = publish({"--out", out, "--base", scene});
-    EXPECT_EQ(r.exitCode, 1);
-    EXPECT_TRUE(r.err.contains("no manifest.json"));
+    fails({}, "no manifest.json");
     put(scene + "/manifest.json", R"({"contract":"1"})");
-    r = publish({"--out", out, "--base", scene});
-    EXPECT_EQ(r.exitCode, 1);
-    EXPECT_TRUE(r.err.contains("invalid manifest.json"));
+    fails({}, "invalid manifest.json");
     EXPECT_FALSE(QFileInfo::exists(scenes + "/manifest"));
 
     put(scene + "/manifest.json", manifestJson("ok"));
-    r = publish({"--out", out, "--base", scene, "--id", "first"});
+    const auto r = publish({"--out", out, "--base", scene, "--id", "first"});
     ASSERT_EQ(r.exitCode, 0) << r.err.toStdString();
     const QString file = QString::fromUtf8(r.out.split(' ').first());
     const QByteArray catalog = readFile(scenes + "/manifest");
@@ -100,16 +101,12 @@ TEST(TurneloPublish, FailedRunsLeaveNoPartialFiles)
     // The package cannot take its place: a folder holds its name.
     QFile::remove(scenes + "/" + file);
     put(scenes + "/" + file + "/blocker", "x");
-    r = publish({"--out", out, "--base", scene, "--id", "first"});
-    EXPECT_EQ(r.exitCode, 1);
-    EXPECT_TRUE(r.err.contains("cannot rename")) << r.err.toStdString();
+    fails({"--id", "first"}, "cannot rename");
     EXPECT_TRUE(leftovers(out).isEmpty()) << leftovers(out).join(' ').toStdString();
 
     // A framing that fails after its base was packed takes the new base package back with it.
     QDir().mkpath(tmp.path() + "/empty");
-    r = publish({"--out", out, "--base", scene, "--id", "second", "--framing", "close=" + tmp.path() + "/empty"});
-    EXPECT_EQ(r.exitCode, 1);
-    EXPECT_TRUE(r.err.contains("nothing to package")) << r.err.toStdString();
+    fails({"--id", "second", "--framing", "close=" + tmp.path() + "/empty"}, "nothing to package");
     EXPECT_TRUE(QDir(scenes).entryList({"second*"}).isEmpty()) << QDir(scenes).entryList().join(' ').toStdString();
     EXPECT_TRUE(leftovers(out).isEmpty());
     EXPECT_EQ(readFile(scenes + "/manifest"), catalog);

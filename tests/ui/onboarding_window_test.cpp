@@ -35,10 +35,9 @@ TEST(OnboardingWindow, GoingThroughStartsTheMonitorAndIsNotShownAgain)
     const ScopedEnv backend("GSETTINGS_BACKEND", "keyfile");
     const QString schemas = installDesktopIconsSchema(qEnvironmentVariable("XDG_DATA_HOME"));
     ASSERT_FALSE(schemas.isEmpty());
+    const QString ding = "org.gnome.shell.extensions.ding";
     for (const QString key : {"show-home", "show-trash", "show-volumes"})
-        ASSERT_EQ(runTool("gsettings", {"--schemadir", schemas, "set", "org.gnome.shell.extensions.ding", key, "false"})
-                      .exitCode,
-                  0);
+        ASSERT_EQ(runTool("gsettings", {"--schemadir", schemas, "set", ding, key, "false"}).exitCode, 0);
 
     {
         AppDelegate delegate({});

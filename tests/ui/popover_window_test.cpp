@@ -16,7 +16,6 @@
 #include "ui/SceneTab.h"
 
 #include <QLabel>
-
 #include <QTemporaryDir>
 #include <QTest>
 #include <gtest/gtest.h>
@@ -117,11 +116,7 @@ TEST(PopoverWindow, TellsTheRoomsStateAndTheDialWritesTheChosenLight)
     EXPECT_EQ(model.nowPlaying().emptyText, "Connect Spotify or Music…");
     settings.setMusicSetupDone(true);
     EXPECT_EQ(model.nowPlaying().emptyText, "Play something in Spotify or Music.");
-    Track track;
-    track.title = track.album = "Wave";
-    track.trackNumber = 9;
-    track.trackCount = 14;
-    track.source = {"org.mpris.MediaPlayer2.spotify", "Spotify", "Spotify"};
+    Track track{"Wave", "", "Wave", 0, {"org.mpris.MediaPlayer2.spotify", "Spotify", "Spotify"}, 9, 14};
     state.setTrack(track);
     EXPECT_EQ(model.nowPlaying().side, "Side B · track 2");
     EXPECT_EQ(model.nowPlaying().player, "Spotify");
@@ -161,16 +156,15 @@ TEST(PopoverWindow, FramingTilesSayWhatIsOnDiskAndWhatTheCatalogOffers)
     baseFiles.push_back({"manifest.json", manifestBytes, {}, false});
     auto base = publishZip(server.scenesDir(), "apt-1.zip", baseFiles, "base");
     base.title = "Apartment";
-    auto framing = [](SceneCatalog::Entry e, const QString &name) {
+    auto framing = [&](const QString &zip, const std::vector<ZipEntry> &files, const QString &name) {
+        auto e = publishZip(server.scenesDir(), zip, files, name);
         e.framing = name;
         e.base = false;
         return e;
     };
     // Slow enough that its progress shows; "top" lacks its folder and fails.
-    const auto close =
-        framing(publishZip(server.scenesDir(), "slow-close.zip", framingFiles("close", 1500000), "close"), "close");
-    const auto top =
-        framing(publishZip(server.scenesDir(), "top.zip", {{"elsewhere/t.exr", "T", {}, false}}, "top"), "top");
+    const auto close = framing("slow-close.zip", framingFiles("close", 1500000), "close");
+    const auto top = framing("top.zip", {{"elsewhere/t.exr", "T", {}, false}}, "top");
     writeCatalog(server.scenesDir(), {base, close, top});
 
     Settings settings(tmp.filePath("settings.json"));

@@ -134,12 +134,8 @@ struct CrashStateTest : ::testing::Test {
             (what == "begin" ? e.pending.snapshot : e.snapshot) = w[2].toLongLong();
             if (what == "ack") e.pending.snapshot.reset();
         } else if (kind == "history") {
-            if (what == "begin") {
-                e.pending.album = "Album " + w[2];
-            } else {
-                e.albums.append("Album " + w[2]);
-                e.pending.album.reset();
-            }
+            if (what == "ack") e.albums.append("Album " + w[2]);
+            e.pending.album = what == "begin" ? std::optional<QString>("Album " + w[2]) : std::nullopt;
         } else if (what == "begin" && kind == "catalog") {
             e.pending.install = round % 2;
         } else if (what == "ack" && kind == "install") {

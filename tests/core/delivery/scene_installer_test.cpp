@@ -463,11 +463,10 @@ TEST_F(SceneInstallerTest, FramingsInstallBesideTheBaseAndFailAlone)
         installer->installFraming(installer->framingEntries().value(name), name);
         ASSERT_TRUE(waitUntil([&] { return !installer->framingRunning(); }, 30s));
     }
-    EXPECT_EQ(readFile(scenes() + "/close/light/a.exr"), "A");
-    EXPECT_EQ(readFile(scenes() + "/close/light/b.exr"), "B");
-    EXPECT_EQ(readFile(scenes() + "/top/light/t.exr"), "T");
-    EXPECT_FALSE(QFileInfo::exists(scenes() + "/mid"));
-    EXPECT_FALSE(QFileInfo::exists(scenes() + "/__MACOSX"));
+    for (const auto &[file, data] :
+         {std::pair{"/close/light/a.exr", "A"}, {"/close/light/b.exr", "B"}, {"/top/light/t.exr", "T"}})
+        EXPECT_EQ(readFile(scenes() + file), data) << file;
+    for (const char *absent : {"/mid", "/__MACOSX"}) EXPECT_FALSE(QFileInfo::exists(scenes() + absent)) << absent;
     EXPECT_EQ(installer->framingFailed(), QSet<QString>{"mid"});
     EXPECT_EQ(installer->downloadable(), QSet<QString>{"mid"});
     EXPECT_FALSE(installer->framingDownload().has_value());
@@ -578,17 +577,13 @@ TEST(SceneInstallerRecovery, PutsBackAWholeSceneFromEveryInterruptedState)
     put(root + "/Scenes.incoming/wide/light/half.exr", "partial");
     EXPECT_EQ(recovered(), QStringLiteral("old"));
 
-    // Killed between the two renames: the complete new scene wins.
-    QDir(root + "/Scenes").removeRecursively();
-    scene("Scenes.old", "old", true);
-    scene("Scenes.incoming", "new", true);
-    EXPECT_EQ(recovered(), QStringLiteral("new"));
-
-    // Killed after moving the old scene away while the new one lacked its record.
-    QDir(root + "/Scenes").removeRecursively();
-    scene("Scenes.old", "old", true);
-    scene("Scenes.incoming", "new", false);
-    EXPECT_EQ(recovered(), QStringLiteral("old"));
+    // Killed between the two renames: the complete new scene wins, one that lacked its record does not.
+    for (const auto &[newRecorded, wins] : {std::pair{true, "new"}, {false, "old"}}) {
+        QDir(root + "/Scenes").removeRecursively();
+        scene("Scenes.old", "old", true);
+        scene("Scenes.incoming", "new", newRecorded);
+        EXPECT_EQ(recovered(), QString::fromUtf8(wins)) << newRecorded;
+    }
 
     // Killed while swapping a framing: the replaced framing folder goes back.
     put(root + "/Framing.old/close/light/a.exr", "A");

@@ -14,8 +14,7 @@
 
 namespace {
 
-class HandSetPowerSource : public PowerSource {
-public:
+struct HandSetPowerSource : PowerSource {
     std::optional<Reading> reading = Reading{};
     bool lowPower = false;
 

@@ -73,13 +73,8 @@ struct WeatherServiceTest : ::testing::Test {
 
 TEST_F(WeatherServiceTest, RainDecisionAndIntensityFollowTheAnswer)
 {
-    struct Case {
-        QByteArray body;
-        Now expected;
-        const char *logTail;
-    };
     // Each answer differs from the one before, so every row is a real change.
-    const std::vector<Case> cases{
+    const std::tuple<QByteArray, Now, const char *> cases[] = {
         {forecast("10.0", "10.0", "95"), {true, 1.0}, "código 95, chuva 10 mm/h → chovendo"},
         {forecast("0.05", "0.05", "3"), {false, 0.0}, "código 3, chuva 0.05 mm/h → seco"},
         {forecast("0.06", "0.06", "3"), {true, 0.25}, "código 3, chuva 0.06 mm/h → chovendo"},
@@ -91,16 +86,17 @@ TEST_F(WeatherServiceTest, RainDecisionAndIntensityFollowTheAnswer)
         {R"({"current":{"precipitation":3.0,"weather_code":"61"}})", {true, 0.75}, "código 0, chuva 3 mm/h → chovendo"},
         {R"({"current":{"rain":null,"weather_code":61.5}})", {false, 0.0}, "código 0, chuva 0 mm/h → seco"},
     };
-    for (const Case &c : cases) {
-        SCOPED_TRACE(c.logTail);
-        replies.push_back(c.body);
+    std::vector<Now> expected;
+    for (const auto &[body, now, logTail] : cases) {
+        SCOPED_TRACE(logTail);
+        replies.push_back(body);
         ASSERT_NO_FATAL_FAILURE(fetch());
-        EXPECT_EQ(service.now(), c.expected);
-        EXPECT_TRUE(log.last().endsWith(QStringLiteral("Clima São Paulo: ") + c.logTail)) << log.last().toStdString();
+        EXPECT_EQ(service.now(), now);
+        EXPECT_TRUE(log.last().endsWith(QStringLiteral("Clima São Paulo: ") + logTail)) << log.last().toStdString();
+        expected.push_back(now);
         clockNow += 900;
     }
-    ASSERT_EQ(changes.size(), cases.size());
-    EXPECT_EQ(changes.back(), cases.back().expected);
+    EXPECT_EQ(changes, expected);
 }
 
 TEST_F(WeatherServiceTest, AsksForTheCityOrTheCoordinateOverrideOnceAtEachChange)

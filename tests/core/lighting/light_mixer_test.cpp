@@ -9,9 +9,11 @@
 
 namespace {
 
+QJsonObject json(const QByteArray &text) { return QJsonDocument::fromJson(text).object(); }
+
 PlateManifest manifestWith(const QJsonObject &changes)
 {
-    QJsonObject m = QJsonDocument::fromJson(testsupport::minimalManifest()).object();
+    QJsonObject m = json(testsupport::minimalManifest());
     for (auto it = changes.begin(); it != changes.end(); ++it) m[it.key()] = it.value();
     return PlateManifest::decode(QJsonDocument(m).toJson());
 }
@@ -68,27 +70,13 @@ TEST(LightMixer, ClockBlendAndKeyframes)
 
 TEST(LightMixer, RecipesFollowGroupsKeysAndExposure)
 {
-    QJsonObject presets{
-        {"dia", QJsonObject{{"room", QJsonArray{1, 0.5, 0.25, 9}},
-                            {"sun", 2},
-                            {"exposure", 1},
-                            {"exposure_by_scenario", QJsonObject{{"loft", 1}}},
-                            {"lamp_key", "warm"},
-                            {"vignette", 0.3},
-                            {"grain", 0.1}}},
-        {"noite", QJsonObject{{"room", 0},
-                              {"sun", QJsonArray{1, 1}},
-                              {"sun_key", "moon"},
-                              {"lamp", QJsonArray{0, 0, 0}},
-                              {"fill", QJsonArray{0, 0.5, 0}}}},
-    };
-    const LightMixer mixer(manifestWith({{"presets", presets},
-                                         {"groups", QJsonArray{"room", "sun", "lamp", "fill"}},
-                                         {"sun_keys", QJsonArray{"noon", "dusk"}},
-                                         {"per_preset_groups", QJsonArray{"lamp"}},
-                                         {"scenario", "loft"},
-                                         {"view", QJsonObject{}},
-                                         {"clock", QJsonArray{}}}));
+    const LightMixer mixer(manifestWith(json(R"({
+        "presets": {
+            "dia": {"room": [1, 0.5, 0.25, 9], "sun": 2, "exposure": 1, "exposure_by_scenario": {"loft": 1},
+                    "lamp_key": "warm", "vignette": 0.3, "grain": 0.1},
+            "noite": {"room": 0, "sun": [1, 1], "sun_key": "moon", "lamp": [0, 0, 0], "fill": [0, 0.5, 0]}},
+        "groups": ["room", "sun", "lamp", "fill"], "sun_keys": ["noon", "dusk"], "per_preset_groups": ["lamp"],
+        "scenario": "loft", "view": {}, "clock": []})")));
     // gain 2^(1+1) = 4
     const auto *room = term(mixer, "dia", "room");
     ASSERT_NE(room, nullptr);

@@ -3,7 +3,6 @@
 
 #include <QColorSpace>
 #include <gtest/gtest.h>
-#include <map>
 
 namespace {
 
@@ -13,13 +12,11 @@ using testsupport::solidImage;
 struct Uploads {
     int made = 0;
     int released = 0;
-    std::vector<QSize> sizes;
     std::vector<QImage::Format> formats;
     CoverArt::TextureMaker maker()
     {
         return [this](const QImage &image) {
             ++made;
-            sizes.push_back(image.size());
             formats.push_back(image.format());
             return CoverArt::Texture(new int(made), [this](void *p) {
                 ++released;
@@ -81,13 +78,6 @@ TEST(CoverArt, MeanColourIsLinearAndCrossFades)
 
 TEST(CoverArt, PreviousTexturesLiveUntilTheFadeIsOver)
 {
-    // The placeholder reads as a record: a dark hole in the middle, a lighter ring around it.
-    const QImage placeholder = CoverArt::placeholderCover();
-    const int c = placeholder.width() / 2;
-    const int sleeve = qGray(placeholder.pixel(4, 4));
-    EXPECT_LT(qGray(placeholder.pixel(c, c)), sleeve - 10);
-    EXPECT_GT(qGray(placeholder.pixel(c + int(0.585 * c), c)), sleeve + 30);
-
     Uploads uploads;
     CoverArt art(uploads.maker());
     EXPECT_TRUE(art.usesDefaultCover());
@@ -155,8 +145,12 @@ TEST(CoverArt, ImagePreparation)
     EXPECT_EQ(label.pixelColor(2, 128), QColor(Qt::blue));
     EXPECT_EQ(label.pixelColor(253, 128), QColor(Qt::blue));
 
+    // The placeholder reads as a record: a dark hole in the middle, a lighter ring around it.
     const QImage placeholder = CoverArt::placeholderCover();
     EXPECT_EQ(placeholder.width(), placeholder.height());
+    const int c = placeholder.width() / 2, sleeve = qGray(placeholder.pixel(4, 4));
+    EXPECT_LT(qGray(placeholder.pixel(c, c)), sleeve - 10);
+    EXPECT_GT(qGray(placeholder.pixel(c + int(0.585 * c), c)), sleeve + 30);
     const CoverArt::Color pm = CoverArt::meanLinear(placeholder);
     EXPECT_GT(pm.r, 0.0);
     EXPECT_LT(CoverArt::luminance(pm), 0.1) << "a dark sleeve";

@@ -50,29 +50,28 @@ TEST(TransferGuard, EndsEveryTransferThatWouldNotEndOrWouldNotFit)
     EXPECT_TRUE(fits.ok) << fits.failure.toStdString();
     EXPECT_EQ(fits.kept, 1 << 20);
 
-    // Announced too large: refused on the headers, before the body is taken in.
-    const Ended announced = fetch(server, {"{}", 200, 0, 0, 64 * 1024, 0, qint64(1) << 32}, cap);
-    EXPECT_FALSE(announced.ok);
-    EXPECT_TRUE(announced.failure.contains("4294967296")) << announced.failure.toStdString();
-
-    // No length and no end: cut a chunk past the cap, whatever the status.
-    server.sent = 0;
-    const Ended endless = fetch(server, {"<html>", 500, 0, -1, 64 * 1024}, cap);
-    EXPECT_FALSE(endless.ok);
-    EXPECT_FALSE(endless.failure.isEmpty());
-    EXPECT_LT(server.sent, 8 << 20) << endless.failure.toStdString() << " kept " << endless.kept;
-
-    // A byte now and then keeps an idle timer happy but not the floor on the rate, nor the deadline.
-    const Ended trickle = fetch(server, {"x", 200, 0, 1000, 1, 100},
-                                {.maxBytes = 0, .idleMs = 2000, .deadlineMs = 0, .minBytes = 64, .rateWindowMs = 500});
-    EXPECT_FALSE(trickle.ok);
-    EXPECT_TRUE(trickle.failure.startsWith("lenta demais")) << trickle.failure.toStdString();
-    const Ended late = fetch(server, {"x", 200, 0, 1000, 1, 100},
-                             {.maxBytes = 0, .idleMs = 2000, .deadlineMs = 600, .minBytes = 0, .rateWindowMs = 0});
-    EXPECT_TRUE(late.failure.startsWith("passou do prazo")) << late.failure.toStdString();
-
-    // Silence after the headers.
-    const Ended silent = fetch(server, {"x", 200, 0, 10, 1, 5000},
-                               {.maxBytes = 0, .idleMs = 300, .deadlineMs = 0, .minBytes = 0, .rateWindowMs = 0});
-    EXPECT_TRUE(silent.failure.startsWith("nenhum byte")) << silent.failure.toStdString();
+    struct Case {
+        LoopbackHttp::Reply reply;
+        TransferLimits limits;  // maxBytes, idleMs, deadlineMs, minBytes, rateWindowMs
+        const char *failure;    // how the reason begins
+    };
+    const Case cases[] = {
+        // Announced too large: refused on the headers, before the body is taken in.
+        {{"{}", 200, 0, 0, 64 * 1024, 0, qint64(1) << 32}, cap, "resposta anuncia 4294967296 bytes"},
+        // No length and no end: cut a chunk past the cap, whatever the status.
+        {{"<html>", 500, 0, -1, 64 * 1024}, cap, ""},
+        // A byte now and then keeps an idle timer happy but not the floor on the rate, nor the deadline.
+        {{"x", 200, 0, 1000, 1, 100}, {0, 2000, 0, 64, 500}, "lenta demais"},
+        {{"x", 200, 0, 1000, 1, 100}, {0, 2000, 600, 0, 0}, "passou do prazo"},
+        // Silence after the headers.
+        {{"x", 200, 0, 10, 1, 5000}, {0, 300, 0, 0, 0}, "nenhum byte"},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.failure);
+        server.sent = 0;
+        const Ended end = fetch(server, c.reply, c.limits);
+        EXPECT_FALSE(end.ok);
+        EXPECT_TRUE(!end.failure.isEmpty() && end.failure.startsWith(c.failure)) << end.failure.toStdString();
+        EXPECT_LT(server.sent, 8 << 20) << " kept " << end.kept;
+    }
 }

@@ -51,7 +51,6 @@ struct Exr {
         file.setFrameBuffer(fb);
         file.writePixels(height);
     }
-    // Writes the file and decodes it back.
     HalfImage decoded(const QString &path) const
     {
         write(path);

@@ -144,7 +144,6 @@ TEST_F(FrameSchedulerTest, RunsOnlyWhenAttachedWantedAndExposed)
 TEST_F(FrameSchedulerTest, OnlyOpaqueWindowsOverEverySamplePointStopTheTicks)
 {
     auto &s = make();
-    // Covered pauses the ticks.
     const auto state = [](const FrameScheduler &f) { return std::pair(f.isCovered(), f.isRunning()); };
     const std::pair covered(true, false), shown(false, true);
 

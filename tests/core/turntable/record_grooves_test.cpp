@@ -42,10 +42,8 @@ TEST(RecordGrooves, OneTrackSideIsOneBandAndNoTrackIsTheMadeUpAlbum)
     const RecordGrooves none = RecordGrooves::forTrack(std::nullopt, 140, 70);
     EXPECT_EQ(none.bands.size(), 4u);
     EXPECT_EQ(none.current, 0);
-    Track t;
+    Track t;  // number 0 counts as 1, duration 0 takes a made-up length
     t.album = "Q";
-    t.trackNumber = 0;  // counts as 1
-    t.duration = 0;     // made-up length
     const RecordGrooves first = RecordGrooves::forTrack(t, 140, 70);
     EXPECT_EQ(first.current, 0);
     EXPECT_EQ(int(first.bands.size()), int(std::ceil(RecordGrooves::assumedCount("Q", 0) * 0.5)));

@@ -45,8 +45,6 @@ TEST(TonearmMotion, SubStepsMakeTheMotionIndependentOfFrameRateAndALongSleepSnap
     for (int i = 0; i <= 60; ++i) b.advance(i / 60.0, 25);
     EXPECT_NEAR(a.yaw, b.yaw, 1e-6);
     EXPECT_NEAR(a.lift, b.lift, 1e-6);
-
-    // A long sleep snaps to the goal.
     EXPECT_NE(a.yaw, 25);
     a.advance(9.0, 25);
     EXPECT_EQ(a.yaw, 25);
