@@ -14,8 +14,10 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <tuple>
 
 #include "XClient.h"
+#include <X11/extensions/dpms.h>
 #include <X11/extensions/shape.h>
 
 using namespace testsupport;
@@ -278,7 +280,14 @@ TEST_F(X11Desktop, BlankedScreensPauseTheRoomAndThirtyTwoBitWindowsAreJudgedByTh
         }
     }
     {
-        // As without a screen-saver service (openbox, i3); Xvfb has no DPMS, which blanks the same way first.
+        // Xvfb has no DPMS: its power levels are read by hand. Standby and suspend are dark too; with
+        // DPMS disabled or unanswered the monitors are taken to be on.
+        const std::tuple<bool, bool, int, bool> levels[] = {
+            {true, true, DPMSModeOn, false}, {true, true, DPMSModeStandby, true}, {true, true, DPMSModeSuspend, true},
+            {true, true, DPMSModeOff, true}, {true, false, DPMSModeOff, false},   {false, true, DPMSModeOff, false}};
+        for (const auto &[answered, enabled, level, dark] : levels)
+            EXPECT_EQ(X11WindowList::powerLevelIsDark(answered, enabled, level), dark) << level;
+        // As without a screen-saver service (openbox, i3); powering down blanks the same way first.
         X11WindowList list(server.display());
         ASSERT_TRUE(list.connected());
         int changes = 0;

@@ -58,7 +58,8 @@ bool X11WindowList::screensOff()
     if (dpms) {
         CARD16 level = DPMSModeOn;
         BOOL enabled = False;
-        off = DPMSInfo(d, &level, &enabled) && enabled && level != DPMSModeOn;
+        const bool answered = DPMSInfo(d, &level, &enabled);
+        off = powerLevelIsDark(answered, enabled, level);
     }
     if (!off && saverNotify >= 0) {
         XScreenSaverInfo info{};
@@ -66,6 +67,11 @@ bool X11WindowList::screensOff()
     }
     x.readQueuedSoon();
     return off;
+}
+
+bool X11WindowList::powerLevelIsDark(bool answered, bool enabled, int level)
+{
+    return answered && enabled && level != DPMSModeOn;
 }
 
 void X11WindowList::addOwnWindow(WId window) { own.insert(window); }

@@ -36,6 +36,9 @@ public:
 
     bool connected() const { return x.isOpen(); }
 
+    // Whether a DPMS answer (DPMSInfo's result, its enabled flag and power level) means the monitors are dark.
+    static bool powerLevelIsDark(bool answered, bool enabled, int level);
+
 private:
     void rootPropertyChanged(unsigned long atom);
 
