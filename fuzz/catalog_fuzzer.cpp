@@ -12,7 +12,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     try {
         const SceneCatalog catalog =
             SceneCatalog::parse(QByteArray::fromRawData(reinterpret_cast<const char *>(data), qsizetype(size)));
-        for (const QString version : {QStringLiteral("0.1.0"), QStringLiteral("99")}) {
+        for (const QString &version : {QStringLiteral("0.1.0"), QStringLiteral("99")}) {
             if (const auto base = catalog.pick(version)) catalog.framings(*base, version);
         }
         for (const SceneCatalog::Entry &e : catalog.scenes) {

@@ -31,7 +31,7 @@ public:
         SceneUniforms uniforms;
         // Steam laid over this pass's pixels in the same render pass (premultiplied "over"): a
         // window layer cannot be translucent over its parent without a compositor.
-        std::optional<SteamUniforms> steamOver;
+        std::optional<SteamUniforms> steamOver = {};
         // With steam over it: the room's pixels are copied from this finished base (same size as
         // the screen, in transfer-source layout) at the pass's origin instead of being shaded, so
         // only the steam costs shading. A target that cannot take a copy is shaded as usual.

@@ -250,8 +250,9 @@ TEST(MovingRegions, EachPartsPixelsLieInARegionThatNamesItAndTheRestIsLeftAlone)
             const double angle = (sector + 0.5) * 2 * M_PI / MovingRegions::sectors - 0.7;
             const double r = (ring + 0.5) / MovingRegions::ringsPerMm / 150 * 50;
             const int x = int(90 + r * std::cos(angle)), y = int(40 + r * std::sin(angle));
-            if (x >= 0 && x < w && y >= 0 && y < h)
+            if (x >= 0 && x < w && y >= 0 && y < h) {
                 EXPECT_TRUE(map[y * w + x] & V::specks) << "speck at " << x << "," << y;
+            }
         }
     EXPECT_GT(specks, 20);
     EXPECT_LT(std::count_if(map.begin(), map.end(), [](uint32_t p) { return p & V::specks; }), M_PI * 50 * 50 / 10);
@@ -267,8 +268,9 @@ TEST(MovingRegions, EachPartsPixelsLieInARegionThatNamesItAndTheRestIsLeftAlone)
             const uint32_t at = map[y * w + x];
             bool near = at == 0;
             for (const auto &[part, box] : boxes) {
-                if (part != V::specks && box.contains(c))
+                if (part != V::specks && box.contains(c)) {
                     ASSERT_TRUE(at & part) << part << " missing at " << x << "," << y;
+                }
                 near = near || ((at & part) && box.adjusted(-4, -4, 4, 4).contains(c));
             }
             ASSERT_TRUE(near) << "parts " << at << " drawn at " << x << "," << y;
@@ -311,9 +313,15 @@ TEST(MovingRegions, EachPartsPixelsLieInARegionThatNamesItAndTheRestIsLeftAlone)
             const bool insideLabel = QRectF(10, 20, 15, 20).contains(p);
             labelled += (at & V::label) ? 1 : 0;
             inLabel += insideLabel;
-            if (insideLabel) ASSERT_TRUE(at & V::label) << x << "," << y;
-            if (QRectF(5, 5, 10, 10).contains(p)) ASSERT_TRUE(at & V::front) << x << "," << y;
-            if (p.x() > 20 || p.y() > 20) ASSERT_FALSE(at & V::front) << x << "," << y;
+            if (insideLabel) {
+                ASSERT_TRUE(at & V::label) << x << "," << y;
+            }
+            if (QRectF(5, 5, 10, 10).contains(p)) {
+                ASSERT_TRUE(at & V::front) << x << "," << y;
+            }
+            if (p.x() > 20 || p.y() > 20) {
+                ASSERT_FALSE(at & V::front) << x << "," << y;
+            }
         }
     EXPECT_GT(inLabel, 100);
     EXPECT_LT(labelled, inLabel * 2);

@@ -225,7 +225,9 @@ TEST_F(GeneratedScene, MasksSpritesAndLightHoldContent)
         ASSERT_TRUE(ImageDecoder::cropMask(glass).has_value());
         // Glass seen through the dust cover is glass.
         for (size_t i = 0; i < dust.pixels.size(); ++i)
-            if (dust.pixels[i] > 0) ASSERT_GT(glass.pixels[i], 0) << i;
+            if (dust.pixels[i] > 0) {
+                ASSERT_GT(glass.pixels[i], 0) << i;
+            }
         // The stack map covers exactly its rectangle.
         const QImage stack(root() + "/" + SceneFiles::framingFile(name, f.stack->artUv));
         int x0 = 1 << 20, x1 = -1;

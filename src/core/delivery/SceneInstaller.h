@@ -46,7 +46,7 @@ public:
         enum Kind { idle, checking, downloading, verifying, installing, ready, failed };
         Kind kind = idle;
         qint64 received = 0, total = 0;  // downloading
-        QString message;                 // failed
+        QString message = {};            // failed
         bool operator==(const Phase &) const = default;
     };
     struct FramingDownload {

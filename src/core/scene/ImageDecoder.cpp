@@ -32,8 +32,6 @@ void requireReadable(const QString &path)
         throw SceneError(SceneError::Kind::badPlate, QStringLiteral("não achei ") + path);
 }
 
-constexpr uint16_t halfOne = 0x3C00;
-
 // No plate is wider or taller than a GPU texture may be; a header that says more is damage, and
 // believing it would mean allocating gigabytes.
 constexpr int64_t maxSide = 16384;

@@ -203,7 +203,9 @@ struct CrashStateTest : ::testing::Test {
             const QByteArray bytes = readFile(cache);
             const int which = bytes == offers[0].catalog ? 0 : bytes == offers[1].catalog ? 1 : -1;
             EXPECT_NE(which, -1) << bytes.left(200).toStdString();
-            if (tag && which >= 0) EXPECT_EQ(*tag, offers[which].etag);
+            if (tag && which >= 0) {
+                EXPECT_EQ(*tag, offers[which].etag);
+            }
         } else {
             EXPECT_FALSE(tag.has_value());
         }
