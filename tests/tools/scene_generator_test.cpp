@@ -187,6 +187,7 @@ TEST_F(GeneratedScene, GeometryProjectsOntoThePlate)
         const GrayImage recordMask =
             ImageDecoder::decodeGray(root() + "/" + SceneFiles::framingFile(name, f.record->mask));
         EXPECT_GT(recordMask.pixels[size_t(int(centre[1]) * recordMask.width + int(centre[0]))], 0);
+        EXPECT_EQ(*std::max_element(recordMask.pixels.begin(), recordMask.pixels.end()), 255) << "never wholly record";
         ASSERT_TRUE(f.tonearm->planeZ.has_value());
         EXPECT_DOUBLE_EQ(*f.tonearm->planeZ, f.record->centerWorld[2]);
         EXPECT_DOUBLE_EQ(f.tonearm->pivot[2], f.record->centerWorld[2]);
