@@ -86,13 +86,14 @@ TEST_F(SettingsTest, ValueTypesSurviveARestart)
 TEST_F(SettingsTest, ADamagedFileOrAnOwnerlessLockDoesNotStopTheNextStart)
 {
     LogTail log;
-    const QByteArray damaged = R"({"framing": "mid", "fps": 45, "stackLimit": 1)";
+    // A comma and an open bracket inside a string end nothing.
+    const QByteArray damaged = R"({"framing": "mid", "weatherCity": "Paris, [France", "fps": 45, "stackLimit": 1)";
     writeFile(path(), damaged);
     {
         Settings s(path());
         EXPECT_EQ(s.fps(), 45);
         EXPECT_EQ(readFile(path() + ".bad"), damaged) << "the damaged file is kept aside";
-        EXPECT_TRUE(log.messages().contains("Estado: turnelo.json danificado (JSON ilegível no byte 45); lido até o "
+        EXPECT_TRUE(log.messages().contains("Estado: turnelo.json danificado (JSON ilegível no byte 78); lido até o "
                                             "último item completo, cópia em turnelo.json.bad"))
             << log.messages().join('\n').toStdString();
         s.setStackLimit(3);

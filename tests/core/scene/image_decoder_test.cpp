@@ -205,6 +205,9 @@ TEST(ImageDecoder, CropThresholdsPerKindAndBoxes)
     EXPECT_FALSE(cropByChannel(withBits(0x1419, 1), 1).has_value());
     EXPECT_TRUE(cropByChannel(withBits(0x141A, 1), 1).has_value());
     EXPECT_FALSE(cropByChannel(withBits(0x141A, 1), 2).has_value());
+    // No channel before the first or after the last, where a neighbour's would be read.
+    EXPECT_FALSE(cropByChannel(withBits(0x141A, 3), -1).has_value());
+    EXPECT_FALSE(cropByChannel(withBits(0x141A, 0), 4).has_value());
     EXPECT_FALSE(cropAdditive(withBits(0x1019, 2)).has_value());
     EXPECT_TRUE(cropAdditive(withBits(0x101A, 2)).has_value());
     EXPECT_TRUE(cropAdditive(withBits(0x101A, 0)).has_value());
