@@ -331,15 +331,11 @@ TEST_F(X11Desktop, BlankedScreensPauseTheRoomAndThirtyTwoBitWindowsAreJudgedByTh
     const Window edged = x->makeWindow(QRect(640, 400, 640, 400), true);
     const Window plain = x->makeWindow(QRect(0, 400, 640, 400));
     ASSERT_TRUE(clear && painted && edged && plain) << "no 32-bit visual";
-    GC gc = XCreateGC(x->d, clear, 0, nullptr);
-    XSetForeground(x->d, gc, 0xFF3050A0ul);
-    for (int i = 0; i < 4; ++i) XFillRectangle(x->d, clear, gc, 20, 20 + 90 * i, 64, 64);
-    XFillRectangle(x->d, painted, gc, 0, 0, 640, 400);
-    XFillRectangle(x->d, edged, gc, 0, 0, 640, 372);
-    XSetForeground(x->d, gc, 0);
-    XFillRectangle(x->d, painted, gc, 0, 0, 60, 40);
-    XFreeGC(x->d, gc);
-    XSync(x->d, False);
+    const unsigned long blue = 0xFF3050A0ul;
+    x->fill(clear, blue, {{20, 20, 64, 64}, {20, 110, 64, 64}, {20, 200, 64, 64}, {20, 290, 64, 64}});
+    x->fill(painted, blue, {{0, 0, 640, 400}});
+    x->fill(painted, 0, {{0, 0, 60, 40}});
+    x->fill(edged, blue, {{0, 0, 640, 372}});
 
     // Without a compositing manager no alpha is blended: every window hides what lies below.
     X11Connection connection(server.display());
@@ -377,11 +373,7 @@ TEST_F(X11Desktop, StaysBelowASeeThroughIconWindowAndRisesOnceItIsPaintedOver)
 
     // A desktop that paints its wallpaper in later (Plasma's does) tells nobody: the room looks again
     // and rises above it.
-    GC gc = XCreateGC(x->d, icons, 0, nullptr);
-    XSetForeground(x->d, gc, 0xFF3050A0ul);
-    XFillRectangle(x->d, icons, gc, 0, 0, 1280, 800);
-    XFreeGC(x->d, gc);
-    XSync(x->d, False);
+    x->fill(icons, 0xFF3050A0ul, {{0, 0, 1280, 800}});
     EXPECT_TRUE(soon([&] { return x->stackIndex(ours) > x->stackIndex(icons); })) << "still under a painted desktop";
 }
 

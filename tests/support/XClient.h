@@ -109,6 +109,15 @@ public:
         XMoveResizeWindow(d, window, r.x(), r.y(), unsigned(r.width()), unsigned(r.height()));
         XSync(d, False);
     }
+    // Paints rectangles of a window in one colour; a 32-bit window takes the alpha as given.
+    void fill(Window window, unsigned long argb, std::initializer_list<QRect> rects)
+    {
+        GC gc = XCreateGC(d, window, 0, nullptr);
+        XSetForeground(d, gc, argb);
+        for (const QRect &r : rects) XFillRectangle(d, window, gc, r.x(), r.y(), r.width(), r.height());
+        XFreeGC(d, gc);
+        XSync(d, False);
+    }
     void close(Window window)
     {
         XDestroyWindow(d, window);
