@@ -242,7 +242,7 @@ void PopoverWindow::refreshTiles()
 QPoint PopoverWindow::placement(const QRect &anchor, const QPoint &cursor, const QSize &size, const QRect &screen)
 {
     QPoint at;
-    if (anchor.isValid() && !anchor.isEmpty()) {
+    if (anchor.isValid()) {
         // Under the icon for a panel at the top, above it for one at the bottom.
         at = QPoint(anchor.center().x() - size.width() / 2, anchor.bottom() + 4);
         if (at.y() + size.height() > screen.bottom()) at.setY(anchor.top() - 4 - size.height());
@@ -260,7 +260,7 @@ void PopoverWindow::popup(const QRect &anchor)
     refresh();
     adjustSize();
     const QPoint cursor = QCursor::pos();
-    QScreen *screen = QGuiApplication::screenAt(anchor.isValid() && !anchor.isEmpty() ? anchor.center() : cursor);
+    QScreen *screen = QGuiApplication::screenAt(anchor.isValid() ? anchor.center() : cursor);
     if (!screen) screen = QGuiApplication::primaryScreen();
     move(placement(anchor, cursor, size(), screen ? screen->availableGeometry() : QRect(0, 0, 1280, 800)));
     show();

@@ -67,6 +67,11 @@ TEST(Package, HoldsTheProgramsTheirPagesTheLauncherTheIconsAndTheRoom)
         EXPECT_EQ(icon.size(), QSize(side, side)) << side;
         EXPECT_EQ(qAlpha(icon.pixel(0, 0)), 0) << "the corners are transparent";
         EXPECT_GT(qAlpha(icon.pixel(side / 2, side / 2)), 200);
+        // A disc: the same outline turned a quarter.
+        int unround = 0;
+        for (int y = 0; y < side; ++y)
+            for (int x = 0; x < y; ++x) unround += std::abs(qAlpha(icon.pixel(x, y)) - qAlpha(icon.pixel(y, x))) > 16;
+        EXPECT_EQ(unround, 0) << side;
     }
 
     // The room whole, where the program looks under /usr/share, and whole by the packaged tool.

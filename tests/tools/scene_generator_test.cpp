@@ -22,7 +22,8 @@ using namespace testsupport;
 
 namespace {
 
-constexpr int plateW = 160, plateH = 90;
+// 97 rows: the plates are written in bands of 32, so the last band is a single row.
+constexpr int plateW = 160, plateH = 97;
 
 ToolResult generate(const QString &out, const QStringList &extra = {})
 {

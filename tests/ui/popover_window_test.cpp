@@ -84,6 +84,28 @@ TEST(PopoverWindow, TellsTheRoomsStateAndTheDialWritesTheChosenLight)
     EXPECT_NEAR(textCentre({232, 0, 68, 200}).y(), c.y(), 3) << "Day";
     EXPECT_NEAR(textCentre({0, 182, 300, 18}).x(), c.x(), 3) << "Afternoon";
     EXPECT_NEAR(textCentre({0, 0, 68, 200}).y(), c.y(), 3) << "Night";
+    // The clock's hand at 0.4 of the day (144° clockwise from the top, in the afternoon's quarter): across the
+    // whole ring along that direction, and nowhere else.
+    dial.setState({"manha", "dia", "tarde", "noite"}, "auto", "dia", std::nullopt);
+    const QImage handless = dial.grab().toImage();
+    const QPointF dir(std::sin(0.8 * M_PI), -std::cos(0.8 * M_PI));
+    std::vector<double> ring;
+    for (double a = 0; a < 150; a += 0.5)
+        if (dial.modeAt(c + dir * a) == "tarde") ring.push_back(a);
+    ASSERT_GT(ring.size(), 40u);
+    int strays = 0;
+    for (int y = 0; y < shot.height(); ++y)
+        for (int x = 0; x < shot.width(); ++x) {
+            const QPointF p = QPointF(x + 0.5, y + 0.5) - c;
+            const double along = QPointF::dotProduct(p, dir), across = std::abs(p.x() * dir.y() - p.y() * dir.x());
+            const bool onHand = across < 6 && along > ring.front() - 4 && along < ring.back() + 6;
+            strays += shot.pixel(x, y) != handless.pixel(x, y) && !onHand;
+        }
+    EXPECT_EQ(strays, 0);
+    for (double a = ring.front() + 3; a < ring.back() - 3; a += 1) {
+        const QPoint q = (c + dir * a).toPoint();
+        EXPECT_NE(shot.pixel(q), handless.pixel(q)) << "no hand " << a << " px out";
+    }
     dial.setState({"dia", "noite"}, "auto", "dia", std::nullopt);
     EXPECT_EQ(dial.modeAt(c + QPointF(0, -50)), "");
 
