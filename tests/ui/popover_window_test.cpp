@@ -249,6 +249,14 @@ TEST(PopoverWindow, FramingTilesSayWhatIsOnDiskAndWhatTheCatalogOffers)
     EXPECT_EQ(midTile->tile().kind, Kind::unavailable);
     EXPECT_FALSE(midTile->isEnabled());
     keep(popover, "popover-framing-offer.png");
+    // The tile in use is ringed in the accent colour, the others are not.
+    const auto topEdge = [&](const char *name) {
+        FramingTile *t = tileNamed(popover, name);
+        return QColor(t->grab().toImage().pixel(t->width() / 2, 1));
+    };
+    const QColor accent = popover.palette().color(QPalette::Active, QPalette::Highlight);
+    EXPECT_EQ(topEdge("wide"), accent);
+    EXPECT_NE(topEdge("close"), accent);
     // Neither on disk nor offered: choosing it changes nothing.
     model.activateTile("mid");
     EXPECT_EQ(settings.framing(), "wide");
