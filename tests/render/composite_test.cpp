@@ -657,6 +657,22 @@ TEST_F(Composite, RainOnTheGlassAndRainyDayLight)
     u.dustRect = {0, 0, float(w), float(h)};
     t.dustCover = grey(255, w, h);
     EXPECT_TRUE(render(w, h) == dry);
+    // Under light that varies across the glass a drop shows the light beside it, as a lens does: pixels brighter
+    // than dry in every channel, which the drop's own loss and the wet glass's tint cannot make.
+    u.dust = {};
+    t.mixes[0] = half(halfImage(1024, 4, [](int x, int) {
+        const float l = float(0.2 + 0.15 * std::sin(x * M_PI / 16));
+        return std::array<float, 4>{l, l, l, 1};
+    }));
+    u.rain[3] = 0;
+    const QImage unevenDry = render(w, h);
+    u.rain[3] = 1;
+    const QImage unevenWet = render(w, h);
+    const int brighter = sumOver(QRect(0, 0, 128, h), [&](int x, int y) {
+        const auto wet = rgbAt(unevenWet, x, y), was = rgbAt(unevenDry, x, y);
+        return wet[0] >= was[0] + 4 && wet[1] >= was[1] + 4 && wet[2] >= was[2] + 4;
+    });
+    EXPECT_GT(brighter, 20);
 }
 
 TEST_F(Composite, AFramesPipelinesAreMadeOnAWorkerBeforeItIsDrawnAndGoWhenIdle)
