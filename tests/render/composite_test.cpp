@@ -353,10 +353,10 @@ TEST_F(Composite, FramesWithChangingUniformsHoldTheirMemory)
 TEST_F(Composite, AnLedAddsLightAtItsCentreAndFadesAway)
 {
     const double base = lit(64, 64, rgb(0.05))[0];
-    u.led45 = {32.5f, 20.5f, 3.0f, 1.0f};
-    u.led45Color = {0.0f, 2.0f, 0.0f, 0};
+    u.led45 = {32.5f, 20.5f, 3.0f, 0.5f};
+    u.led45Color = {0.0f, 4.0f, 0.0f, 0};
     const QImage out = render(64, 64);
-    // At the centre the core is exp(0) and the glow 0.03·exp(0); 50 px away only the glow.
+    // At half its level: at the centre the core is exp(0) and the glow 0.03·exp(0); 50 px away only the glow.
     expectLinear(out, 32, 20, {base, base + 2.0 * 1.03, base}, "LED centre");
     expectLinear(out, 2, 60, {base, base + 2.0 * 0.03 * std::exp(-0.45 * 50 / 3.0), base}, "far corner");
     u.led45.at(3) = 0;  // level 0 is off
@@ -602,6 +602,32 @@ TEST_F(Composite, TonearmShadowReflectionAndFrontLayers)
     SceneUniforms tilted = moved;
     tilted.armInv[0] = Float3x3::fromRows<float>({{{1, 0, 104}, {0, 1, 0}, {1e-4f, 0, 1}}});
     layer.expectFrames(tilted, t, render(tilted, t, 80, 16), {Redraw::finished, Redraw::finished, Redraw::none});
+}
+
+TEST_F(Composite, EachSlotOfTheArmItsShadowAndItsReflectionDrawsItsOwnImage)
+{
+    // Twelve columns of 8 px under grey 0.2: the four arm slots, then the four shadows, then the four reflections,
+    // each slot its own image in its own column, each weighing a quarter.
+    const double l = lit(96, 8, rgb(0.2))[0];
+    u.armCount = 4;
+    u.armWeights = {0.25f, 0.25f, 0.25f, 0.25f};
+    for (int j = 0; j < 4; ++j) {
+        const float v = 0.25f * float(j + 1), x = 8.0f * float(j);
+        u.armRects[j] = {x, 0, 8, 8};
+        t.arm[j] = constant({v, 0, 0, 1});
+        u.shadowRects[j] = {x + 32, 0, 8, 8};
+        t.shadows[j] = grey(uint8_t(51 * j), 8, 8);
+        u.reflRects[j] = {x + 64, 0, 8, 8};
+        t.reflections[j] = constant({0, v, 0, 1});
+    }
+    const QImage out = render(96, 8);
+    for (int j = 0; j < 4; ++j) {
+        const double v = 0.25 * (j + 1);
+        // An opaque arm over ¾ of the light; a shadow of 0.2 j where the other three let all through.
+        expectLinear(out, 8 * j + 4, 4, {0.75 * l + v / 4, 0.75 * l, 0.75 * l}, "arm " + std::to_string(j));
+        expectLinear(out, 8 * j + 36, 4, rgb(l * (0.75 + 0.05 * j)), "shadow " + std::to_string(j));
+        expectLinear(out, 8 * j + 68, 4, {l, l + v / 4, l}, "reflection " + std::to_string(j));
+    }
 }
 
 TEST_F(Composite, RainOnTheGlassAndRainyDayLight)
