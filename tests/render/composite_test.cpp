@@ -628,6 +628,11 @@ TEST_F(Composite, EachSlotOfTheArmItsShadowAndItsReflectionDrawsItsOwnImage)
         expectLinear(out, 8 * j + 36, 4, rgb(l * (0.75 + 0.05 * j)), "shadow " + std::to_string(j));
         expectLinear(out, 8 * j + 68, 4, {l, l + v / 4, l}, "reflection " + std::to_string(j));
     }
+    // A shadow whose image is missing darkens nothing.
+    t.shadows = {};
+    const QImage unshaded = render(96, 8);
+    for (int j = 0; j < 4; ++j)
+        expectLinear(unshaded, 8 * j + 36, 4, rgb(l), "no image for shadow " + std::to_string(j));
 }
 
 TEST_F(Composite, RainOnTheGlassAndRainyDayLight)
