@@ -274,7 +274,8 @@ void SceneView::frame(double t)
         if (paced) layers->frameComing();
         renderer.draw(std::nullopt, layerPasses, std::nullopt, textures);
         if (paced && paced->presentedCount() == presentedBefore) layers->frameDropped();
-        layers->showDrawn();
+        // Mapped over a base that is not on screen yet, a layer keeps what lay there (black) until its next frame.
+        if (!base || base->hasShown()) layers->showDrawn();
     }
     int rate = FrameScheduler::nextRate(room.moving(), rain, room.baseFps(), room.eco());
     if (renderer.vulkan()->properties.deviceType == VK_PHYSICAL_DEVICE_TYPE_CPU)

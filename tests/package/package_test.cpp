@@ -14,6 +14,8 @@
 #include <QStandardPaths>
 #include <gtest/gtest.h>
 
+#include <thread>
+
 using namespace testsupport;
 
 TEST(Package, HoldsTheProgramsTheirPagesTheLauncherTheIconsAndTheRoom)
@@ -114,6 +116,9 @@ TEST(Package, HoldsTheProgramsTheirPagesTheLauncherTheIconsAndTheRoom)
     const bool ready = waitUntil([&] { return log().contains("Cena pronta") || app.state() != QProcess::Running; },
                                  std::chrono::seconds(240));
     const QImage shot = x.screenshot();
+    // The room a moment later: its moving parts' windows must not have shown black boxes at first.
+    std::this_thread::sleep_for(std::chrono::milliseconds(1500));
+    const QImage later = x.screenshot();
     app.terminate();
     if (!app.waitForFinished(10000)) app.kill();
     ASSERT_TRUE(ready && log().contains("Cena pronta")) << log().toStdString() << app.readAll().toStdString();
@@ -128,4 +133,10 @@ TEST(Package, HoldsTheProgramsTheirPagesTheLauncherTheIconsAndTheRoom)
     const auto [mean, spread] = greyLevels(shot, shot.rect());
     EXPECT_GT(mean, 8) << "a black desktop";
     EXPECT_GT(spread, 6) << "one flat colour";
+    ASSERT_EQ(later.size(), shot.size());
+    int blackThenLit = 0;
+    for (int py = 0; py < shot.height(); ++py)
+        for (int px = 0; px < shot.width(); ++px)
+            blackThenLit += qGray(shot.pixel(px, py)) < 3 && qGray(later.pixel(px, py)) > 20;
+    EXPECT_LT(blackThenLit, shot.width() * shot.height() / 200) << "black where the room showed a moment later";
 }
