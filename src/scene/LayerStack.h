@@ -32,7 +32,8 @@ public:
     virtual void place(Layer layer, const QRect &rect) = 0;
     virtual SwapchainTarget *target(Layer layer) const = 0;
     virtual QRect rect(Layer layer) const = 0;
-    // Shows the layers that have been drawn once: until then each would be a black box.
+    // Shows the layers that have been drawn once, over a base already on screen: until then each
+    // would be a black box.
     virtual void showDrawn() = 0;
     // Removes every moving layer.
     virtual void clear() = 0;

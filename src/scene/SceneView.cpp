@@ -131,8 +131,7 @@ void SceneView::relayout()
     using Layer = LayerStack::Layer;
     layers->place(Layer::moving, onScreen(scene->dynPlateRect));
     layers->place(Layer::steam, room.steamShown() ? onScreen(*room.steamRect()) : QRect());
-    const auto glass = room.glassRect();
-    layers->place(Layer::rain, room.rainDrawn() && glass ? onScreen(*glass) : QRect());
+    layers->place(Layer::rain, room.rainDrawn() ? onScreen(*room.glassRect()) : QRect());
     baseDirty = true;
     if (drewFirstFrame) frame(s.clock.now());
 }
@@ -274,8 +273,7 @@ void SceneView::frame(double t)
         if (paced) layers->frameComing();
         renderer.draw(std::nullopt, layerPasses, std::nullopt, textures);
         if (paced && paced->presentedCount() == presentedBefore) layers->frameDropped();
-        // Mapped over a base that is not on screen yet, a layer keeps what lay there (black) until its next frame.
-        if (!base || base->hasShown()) layers->showDrawn();
+        layers->showDrawn();
     }
     int rate = FrameScheduler::nextRate(room.moving(), rain, room.baseFps(), room.eco());
     if (renderer.vulkan()->properties.deviceType == VK_PHYSICAL_DEVICE_TYPE_CPU)

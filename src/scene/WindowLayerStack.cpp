@@ -127,6 +127,8 @@ void WindowLayerStack::place(Layer layer, const QRect &wanted)
 
 void WindowLayerStack::showDrawn()
 {
+    // Mapped over a base that is not on screen yet, a layer keeps what lay there (black) until its next frame.
+    if (base && !base->hasShown()) return;
     for (Slot &slot : layerSlots)
         if (slot.window && slot.target && !slot.window->isVisible()) slot.window->show();
 }

@@ -134,9 +134,7 @@ TEST(Package, HoldsTheProgramsTheirPagesTheLauncherTheIconsAndTheRoom)
     EXPECT_GT(mean, 8) << "a black desktop";
     EXPECT_GT(spread, 6) << "one flat colour";
     ASSERT_EQ(later.size(), shot.size());
-    int blackThenLit = 0;
-    for (int py = 0; py < shot.height(); ++py)
-        for (int px = 0; px < shot.width(); ++px)
-            blackThenLit += qGray(shot.pixel(px, py)) < 3 && qGray(later.pixel(px, py)) > 20;
+    const double blackThenLit = sumOver(
+        shot.rect(), [&](int px, int py) { return qGray(shot.pixel(px, py)) < 3 && qGray(later.pixel(px, py)) > 20; });
     EXPECT_LT(blackThenLit, shot.width() * shot.height() / 200) << "black where the room showed a moment later";
 }

@@ -79,14 +79,7 @@ inline std::array<double, 3> agx(std::array<double, 3> v, double contrast, doubl
     return out;
 }
 
-// Σ f(x, y) over the pixels of `area`: a count when f answers yes or no.
-template <typename F> inline double sumOver(const QRect &area, F f)
-{
-    double sum = 0;
-    for (int y = area.top(); y <= area.bottom(); ++y)
-        for (int x = area.left(); x <= area.right(); ++x) sum += f(x, y);
-    return sum;
-}
+using testsupport::sumOver;
 
 // Mean grey level of the image over `area`, all of it by default.
 inline double meanGrey(const QImage &image, QRect area = {})

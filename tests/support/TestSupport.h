@@ -52,6 +52,15 @@ inline std::map<QString, QByteArray> filesUnder(const QString &dir)
     return out;
 }
 
+// Σ f(x, y) over the pixels of `area`: a count when f answers yes or no.
+template <typename F> inline double sumOver(const QRect &area, F f)
+{
+    double sum = 0;
+    for (int y = area.top(); y <= area.bottom(); ++y)
+        for (int x = area.left(); x <= area.right(); ++x) sum += f(x, y);
+    return sum;
+}
+
 // An RGB32 image of one colour.
 inline QImage solidImage(const QColor &color, int width = 32, int height = 32)
 {
