@@ -90,12 +90,6 @@ struct DesktopCleanerXfconfTest : DesktopCleanerTest {
         return writes;
     }
 
-    QVariantMap snapshotEntry() const
-    {
-        const QVariantMap snapshot = settings.desktopSnapshot().value_or(QVariantMap());
-        return snapshot.value(XfconfDesktopPreferences::channel).toMap().value(stylePath).toMap();
-    }
-
     static DesktopCleaner::Desired hide() { return {true, false, false}; }
     static DesktopCleaner::Desired show() { return {}; }
 };
@@ -137,15 +131,10 @@ TEST_F(DesktopCleanerXfconfTest, HidingAndRestoringPutsTheFirstSnapshotBackAndWh
         EXPECT_EQ(style(), "2");
         cleaner->apply(hide());
         EXPECT_EQ(style(), "0");
-        EXPECT_EQ(snapshotEntry().value("exists").toBool(), before.has_value());
-        EXPECT_EQ(snapshotEntry().value("value").toInt(), before.value_or(0));
 
         cleaner->restore();
         EXPECT_EQ(style(), was);
         EXPECT_EQ(launcher.commands, QStringList(4, reload));
-        // Nothing left to put back.
-        cleaner->restore();
-        EXPECT_EQ(launcher.commands.size(), 4);
         if (!before) continue;
         // The restored value keeps its type, so xfdesktop still reads it.
         const auto typed = query({"-p", stylePath, "-n", "-t", "int", "-s", QString::number(*before)});
@@ -184,7 +173,6 @@ TEST_F(DesktopCleanerTest, WithoutABackEndNothingIsTouchedAndGnomeHidesTheExtens
     ASSERT_NE(prefs, nullptr);
     gsettings({"set", "show-trash", "false"});
     DesktopCleaner cleaner(settings, std::move(prefs), launcher);
-    EXPECT_FALSE(cleaner.current().hideIcons);
 
     cleaner.apply({true, false, false});
     for (const char *key : {"show-home", "show-trash", "show-volumes"})

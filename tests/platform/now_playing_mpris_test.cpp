@@ -311,8 +311,8 @@ TEST_F(NowPlayingMprisTest, MpvWithMprisPluginIsSeen)
                                       chunk("data", QByteArray(8000 * 2 * 30, '\0'))));
 
     look(monitor);
-    QProcess &player = startProcess(
-        mpv, {"--no-config", "--script=" + plugin, "--ao=null", "--no-video", "--really-quiet", "--idle=no", file});
+    startProcess(mpv,
+                 {"--no-config", "--script=" + plugin, "--ao=null", "--no-video", "--really-quiet", "--idle=no", file});
     // mpv first announces the file by its name, then its tags once they are read.
     ASSERT_TRUE(
         waitUntil([&] { return state.track() && state.track()->album == "Silent Album" && state.isPlaying(); }, 15s))
@@ -322,12 +322,10 @@ TEST_F(NowPlayingMprisTest, MpvWithMprisPluginIsSeen)
     EXPECT_NEAR(state.track()->duration, 30.0, 0.5);
     EXPECT_TRUE(state.track()->source.id.startsWith("org.mpris.MediaPlayer2.mpv"));
 
-    // Pausing it through MPRIS is seen through its PropertiesChanged; quitting clears the room.
+    // Pausing it through MPRIS is seen through its PropertiesChanged.
     control(state.track()->source.id, "Pause");
     ASSERT_TRUE(waitUntil([&] { return !state.isPlaying(); }, 5s));
     EXPECT_TRUE(state.track().has_value());
-    player.terminate();
-    ASSERT_TRUE(waitUntil([&] { return !state.track().has_value(); }, 10s));
 }
 
 TEST_F(NowPlayingMprisTest, PlayersThatStallFloodOrNameHostileCoversNeverHoldTheRoom)

@@ -10,13 +10,11 @@
 
 using namespace std::chrono_literals;
 using namespace scenepackages;
-using testsupport::builtTool;
-using testsupport::readFile;
-using testsupport::runTool;
+using namespace testsupport;
 
 namespace {
 
-testsupport::ToolResult publish(const QStringList &args) { return runTool(builtTool("turnelo-publish"), args); }
+ToolResult publish(const QStringList &args) { return runTool(builtTool("turnelo-publish"), args); }
 
 QStringList leftovers(const QString &dir)
 {
@@ -29,7 +27,7 @@ QStringList leftovers(const QString &dir)
 TEST(TurneloPublish, RelativePathsGivePackagesThatTheInstallerInstallsWhole)
 {
     QTemporaryDir tmp;
-    qputenv("XDG_STATE_HOME", (tmp.path() + "/state").toUtf8());
+    const ScopedEnv state("XDG_STATE_HOME", (tmp.path() + "/state").toUtf8());
     auto r = runTool(builtTool("turnelo-gen-scene"),
                      {"--out", tmp.path() + "/generated", "--width", "96", "--height", "54"});
     ASSERT_EQ(r.exitCode, 0) << r.err.toStdString();
@@ -66,13 +64,13 @@ TEST(TurneloPublish, RelativePathsGivePackagesThatTheInstallerInstallsWhole)
     options.schedule = [](std::chrono::seconds, std::function<void()>) { FAIL() << "unexpected retry"; };
     SceneInstaller installer(settings, options);
     installer.sync();
-    ASSERT_TRUE(testsupport::waitUntil([&] { return !installer.running(); }, 30s));
+    ASSERT_TRUE(waitUntil([&] { return !installer.running(); }, 30s));
     ASSERT_EQ(installer.phase().kind, SceneInstaller::Phase::ready);
     const QString installed = options.root + "/Scenes";
     for (const ZipEntry &e : source) EXPECT_EQ(readFile(installed + "/" + e.name), e.data) << e.name.toStdString();
 
     installer.installFraming(installer.framingEntries().value("close"), "close");
-    ASSERT_TRUE(testsupport::waitUntil([&] { return !installer.framingRunning(); }, 30s));
+    ASSERT_TRUE(waitUntil([&] { return !installer.framingRunning(); }, 30s));
     EXPECT_EQ(readFile(installed + "/close/light/sun.exr"), randomBytes(5000, 4));
     EXPECT_TRUE(installer.downloadable().isEmpty());
 }

@@ -1,8 +1,6 @@
 #include "TestSupport.h"
 
-#include <ImfHeader.h>
 #include <ImfRgbaFile.h>
-#include <QDir>
 #include <QImage>
 #include <QJsonArray>
 #include <QJsonDocument>
@@ -42,13 +40,8 @@ TEST(SceneTool, ValidateListsSectionsAndMissingFiles)
     EXPECT_EQ(mid["sections"].toArray(), QJsonArray{});
     EXPECT_EQ(o["missing"].toArray(), (QJsonArray{"mid/light/room.exr", "mid/masks/cover.png", "mid/masks/label.png"}));
 
-    QDir().mkpath(dir.filePath("mid/light"));
-    QDir().mkpath(dir.filePath("mid/masks"));
-    writeRgba(dir.filePath("mid/light/room.exr"), 64, 48, [](int, int) { return Imf::Rgba(1, 1, 1, 1); });
-    QImage mask(64, 48, QImage::Format_Grayscale8);
-    mask.fill(0);
-    ASSERT_TRUE(mask.save(dir.filePath("mid/masks/cover.png")));
-    ASSERT_TRUE(mask.save(dir.filePath("mid/masks/label.png")));
+    // Validate only tells which named files are absent: once each one it reported is there, none is missing.
+    for (const QJsonValue &rel : o["missing"].toArray()) writeFile(dir.filePath(rel.toString()), "x");
     r = scene({"validate", dir.path()});
     ASSERT_EQ(r.exitCode, 0) << r.err.constData();
     EXPECT_EQ(json(r)["missing"], QJsonArray{});

@@ -6,10 +6,7 @@
 #include <gtest/gtest.h>
 
 using namespace scenepackages;
-using testsupport::builtTool;
-using testsupport::runTool;
-using testsupport::ToolResult;
-using namespace std::chrono_literals;
+using namespace testsupport;
 
 namespace {
 

@@ -24,7 +24,6 @@ void say(const QString &line)
     std::fflush(stdout);
 }
 
-// Says "begin what", writes, says "ack what".
 void step(const QString &what, const std::function<void()> &write)
 {
     say("begin " + what);

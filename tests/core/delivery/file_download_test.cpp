@@ -93,25 +93,23 @@ TEST_F(FileDownloadTest, FullBodyReplacesTheFileReportsTheEntityTagAndRateLimits
 
 // Appending at the file's end (206) and starting over on a whole answer (200) are covered by
 // the installer's resume tests; a server that answers from another offset only here.
-TEST_F(FileDownloadTest, PartialContentFromElsewhereEmptiesTheFileAsRefusedRange)
+TEST_F(FileDownloadTest, AnswersOtherThanTheFileOrItsRestWriteNoneOfTheirBody)
 {
     scenepackages::put(local("out"), body.left(5000));
-    const Transfer t = fetch(url("shifted-plain.bin"), local("out"), body.size(), "bytes=5000-");
+    Transfer t = fetch(url("shifted-plain.bin"), local("out"), body.size(), "bytes=5000-");
     ASSERT_TRUE(t.outcome.result) << (t.outcome.failure ? t.outcome.failure->message.toStdString() : "no answer");
     EXPECT_EQ(t.outcome.result->status, 416);
     EXPECT_EQ(QFileInfo(local("out")).size(), 0);
-}
 
-TEST_F(FileDownloadTest, ErrorBodyIsCappedAndRetryAfterKept)
-{
-    const Transfer t = fetch(url("missing-file.zip"), local("out"), 10);
+    // An error page is kept for the caller up to its cap, with its Retry-After.
+    t = fetch(url("missing-file.zip"), local("missing"), 10);
     ASSERT_TRUE(t.outcome.result);
     EXPECT_EQ(t.outcome.result->status, 404);
     EXPECT_EQ(t.outcome.result->retryAfter, QStringLiteral("120"));
     const QByteArray &kept = t.outcome.result->errorBody;
     EXPECT_EQ(kept.size(), FileDownload::kErrorBodyLimit);
     EXPECT_EQ(kept, QByteArray(kept.size(), 'E'));
-    EXPECT_FALSE(QFileInfo::exists(local("out")));
+    EXPECT_FALSE(QFileInfo::exists(local("missing")));
 }
 
 TEST_F(FileDownloadTest, DroppedAndCancelledTransfersFailKeepingTheBytesWritten)

@@ -112,7 +112,6 @@ TEST(LightMixer, CrossFadeTicksAndModes)
     mixer.startCrossFade({{"noite", 1.0}}, 200.0);
     EXPECT_EQ(mixer.value(200.75), (Blend{{"dia", 0.5}, {"noite", 0.5}}));
     EXPECT_EQ(mixer.value(201.5), (Blend{{"noite", 1.0}}));
-    EXPECT_EQ(mixer.wantedPresets("noite", at(12, 0)), (QStringList{"dia", "noite"}));
 
     // Auto mode wants the presets of ten minutes ahead: at 09:55, noite's keyframe at 10:05.
     LightMixer autoMixer(manifestWith({{"clock", clock({{"06:00", "manha"}, {"10:00", "dia"}, {"10:05", "noite"}})}}));
