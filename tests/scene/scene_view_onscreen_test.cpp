@@ -1,6 +1,7 @@
 // The room in a real window on a private X server, drawn by the scene view itself: once the
 // record turns and the arm has settled, a frame allocates nothing; through a playing track the
-// needle creeps inwards with no player signal and no lift.
+// needle creeps inwards with no player signal and no lift. A moving part's window is mapped only
+// over a still room already on screen.
 
 #include "TestSupport.h"
 #include "core/app/Settings.h"
@@ -8,9 +9,12 @@
 #include "core/music/PlayerState.h"
 #include "core/scene/SceneStatus.h"
 #include "render/SceneRenderer.h"
+#include "scene/BaseSurface.h"
 #include "scene/LoadedScene.h"
 #include "scene/RoomScene.h"
 #include "scene/SceneView.h"
+#include "scene/WindowLayerStack.h"
+#include "vulkan/RenderTarget.h"
 
 #include <QGuiApplication>
 #include <QRegularExpression>
@@ -136,6 +140,35 @@ TEST(SceneViewOnScreen, SteadyFramesOfTheShippedRoomAllocateNothing)
     EXPECT_NEAR(room.armState().yaw, room.armGoalNow(), 0.25);
     EXPECT_LT(highest, 0.002) << "the arm lifted while creeping";
     view.teardown();
+}
+
+TEST(WindowLayerStackOnScreen, AMovingPartsWindowWaitsForTheStillRoomUnderIt)
+{
+    QWindow host;
+    host.setGeometry(0, 0, 320, 180);
+    host.show();
+    std::shared_ptr<SceneRenderer> gpu = SceneRenderer::create();
+    ASSERT_TRUE(gpu);
+    WindowLayerStack stack(*gpu, &host);
+    ASSERT_TRUE(stack.ok());
+    stack.place(LayerStack::Layer::moving, QRect(40, 30, 64, 48));
+    ASSERT_NE(stack.target(LayerStack::Layer::moving), nullptr);
+    const auto shownWindows = [] { return std::ranges::count_if(QGuiApplication::allWindows(), &QWindow::isVisible); };
+    const auto before = shownWindows();
+    // Mapped now, it would keep the black that lies there until its next frame.
+    stack.showDrawn();
+    EXPECT_EQ(shownWindows(), before);
+
+    BaseSurface &base = *stack.baseSurface();
+    const SceneRenderer::Pass still{base.nextTarget(320, 180), SceneUniforms{}};
+    ASSERT_NE(still.target, nullptr);
+    ASSERT_TRUE(testsupport::waitUntil([&] { return gpu->ready(still, {}, std::nullopt); }, 120s));
+    gpu->draw(still, {}, std::nullopt, SceneTextures{});
+    ASSERT_TRUE(testsupport::waitUntil([&] { return base.canPresent() && base.present(); }, 10s));
+    ASSERT_TRUE(base.hasShown());
+    stack.showDrawn();
+    EXPECT_EQ(shownWindows(), before + 1);
+    gpu->waitIdle();
 }
 
 }  // namespace
