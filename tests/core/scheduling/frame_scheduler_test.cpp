@@ -154,7 +154,7 @@ TEST_F(FrameSchedulerTest, OnlyOpaqueWindowsOverEverySamplePointStopTheTicks)
     windows.set({{QRect(0, 0, 800, 800), 0.99}});  // the room shows through
     EXPECT_EQ(state(s), shown);
 
-    windows.set({{QRect(90, 90, 520, 520), 1.0}});
+    windows.set({{QRect(90, 90, 520, 470), 1.0}});  // over the last row's points at y = 550, not far below
     EXPECT_EQ(state(s), covered);
     probeForASecond();  // several probes while covered say it once
     windows.set({});
@@ -301,10 +301,10 @@ TEST_F(FrameSchedulerTest, TicksCarryTheMediaTimeAtTheRateAndTheSameRateDoesNotR
     // From {30, 0.034, 15}: a cost wavering about a step's edge leaves the rate where it is, both
     // ways; clearly over, or with room to spare, it moves.
     const std::tuple<int, double, int, int> software[] = {
-        {30, 0.010, 0, 30},   {30, 0.029, 0, 15},  {30, 0.0249, 0, 20}, {60, 0.010, 0, 48},
-        {20, 0.040, 0, 12},   {30, 0.3, 0, 1},     {30, 0.15, 0, 3},    {30, 0.0, 15, 30},
-        {30, -1.0, 15, 30},   {30, 0.034, 15, 15}, {30, 0.030, 12, 12}, {30, 0.034, 12, 12},
-        {30, 0.0375, 15, 12}, {30, 0.026, 12, 15}, {30, 0.010, 15, 30}, {15, 0.010, 30, 15}};
+        {30, 0.010, 0, 30},  {30, 0.029, 0, 15},  {30, 0.0249, 0, 20},  {60, 0.010, 0, 48},  {20, 0.040, 0, 12},
+        {30, 0.3, 0, 1},     {30, 0.15, 0, 3},    {30, 0.0, 15, 30},    {30, -1.0, 15, 30},  {30, 0.034, 15, 15},
+        {30, 0.030, 12, 12}, {30, 0.034, 12, 12}, {30, 0.0375, 15, 12}, {30, 0.026, 12, 15}, {30, 0.010, 15, 30},
+        {15, 0.010, 30, 15}, {15, 0.0475, 0, 10}};
     for (const auto &[wanted, seconds, current, expected] : software)
         EXPECT_EQ(FrameScheduler::sustainedRate(wanted, seconds, 0.5, current), expected)
             << wanted << " " << seconds << " " << current;
