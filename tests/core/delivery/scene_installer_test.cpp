@@ -410,8 +410,10 @@ TEST_F(SceneInstallerTest, WithoutAnInstalledSceneFailuresShowTheirText)
     // The amount is written in the user's locale, rounded up: freeing the amount shown is always enough.
     const QLocale saved;
     QLocale::setDefault(QLocale(QLocale::German, QLocale::Germany));
-    for (const auto &[bytes, shown] :
-         {std::pair{2500000000LL, "2,5 GB"}, {2410000000LL, "2,5 GB"}, {340500000LL, "341 MB"}})
+    for (const auto &[bytes, shown] : {std::pair{2500000000LL, "2,5 GB"},
+                                       {2410000000LL, "2,5 GB"},
+                                       {340500000LL, "341 MB"},
+                                       {2410000000000LL, "2,5 TB"}})
         EXPECT_EQ(PackageDownload::formatBytes(bytes), QString::fromUtf8(shown)) << bytes;
     QLocale::setDefault(saved);
 
