@@ -14,8 +14,6 @@
 #include <QStandardPaths>
 #include <gtest/gtest.h>
 
-#include <thread>
-
 using namespace testsupport;
 
 TEST(Package, HoldsTheProgramsTheirPagesTheLauncherTheIconsAndTheRoom)
@@ -117,7 +115,7 @@ TEST(Package, HoldsTheProgramsTheirPagesTheLauncherTheIconsAndTheRoom)
                                  std::chrono::seconds(240));
     const QImage shot = x.screenshot();
     // The room a moment later: its moving parts' windows must not have shown black boxes at first.
-    std::this_thread::sleep_for(std::chrono::milliseconds(1500));
+    spin(std::chrono::milliseconds(1500));
     const QImage later = x.screenshot();
     app.terminate();
     if (!app.waitForFinished(10000)) app.kill();
