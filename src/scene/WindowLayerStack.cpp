@@ -5,6 +5,7 @@
 #include "scene/BaseSurface.h"
 #include "scene/LayerWindow.h"
 
+#include <QScreen>
 #include <QVulkanInstance>
 #include <QWindow>
 #include <cmath>
@@ -39,7 +40,8 @@ WindowLayerStack::WindowLayerStack(SceneRenderer &r, QWindow *hostWindow, Backgr
     }
     VkSurfaceKHR surface = QVulkanInstance::surfaceForWindow(baseWindow.get());
     if (!surface) return;
-    baseTarget = std::make_unique<SwapchainTarget>(vk, surface, uint32_t(host->width()), uint32_t(host->height()));
+    const QSize pixels = pixelSize();
+    baseTarget = std::make_unique<SwapchainTarget>(vk, surface, uint32_t(pixels.width()), uint32_t(pixels.height()));
     base = std::make_unique<BaseSurface>(vk, baseTarget.get());
 }
 
@@ -53,20 +55,20 @@ WindowLayerStack::~WindowLayerStack()
     baseWindow.reset();
 }
 
-QSize WindowLayerStack::pixelSize() const
+SurfaceScale WindowLayerStack::scale() const
 {
-    if (!host) return {};
-    const qreal dpr = host->devicePixelRatio();
-    return QSize(int(std::lround(host->width() * dpr)), int(std::lround(host->height() * dpr)));
+    return SurfaceScale::fractional(int(std::lround(host->devicePixelRatio() * 120)));
 }
+
+QSize WindowLayerStack::pixelSize() const { return host ? scale().pixels(host->size()) : QSize(); }
 
 QRect WindowLayerStack::toWindowList(const QRect &pixels) const
 {
     if (!host) return {};
-    const qreal dpr = host->devicePixelRatio();
-    const QPoint corner = host->mapToGlobal(QPoint(0, 0));
-    return QRect(corner.x() + int(pixels.x() / dpr), corner.y() + int(pixels.y() / dpr), int(pixels.width() / dpr),
-                 int(pixels.height() / dpr));
+    // Qt scales global positions about the screen's corner, which it leaves where the X server has it.
+    const QPoint origin = host->screen() ? host->screen()->geometry().topLeft() : QPoint();
+    const QPoint corner = origin + (host->mapToGlobal(QPoint(0, 0)) - origin) * host->devicePixelRatio();
+    return pixels.translated(corner);
 }
 
 bool WindowLayerStack::isShown() const { return host && host->isVisible(); }
@@ -93,18 +95,17 @@ void WindowLayerStack::clear()
     for (Slot &slot : layerSlots) drop(slot);
 }
 
-void WindowLayerStack::place(Layer layer, const QRect &wanted)
+void WindowLayerStack::place(Layer layer, const QRect &asked)
 {
     Slot &slot = layerSlots[size_t(layer)];
+    const QRect wanted = host ? scale().snap(asked, pixelSize()) : QRect();
     if (wanted == slot.rect && (wanted.isEmpty() || slot.window)) return;
     if (wanted.isEmpty() || !host || !baseWindow) {
         drop(slot);
         return;
     }
     slot.rect = wanted;
-    const qreal dpr = host->devicePixelRatio();
-    const QRect logical(QPoint(int(wanted.x() / dpr), int(wanted.y() / dpr)),
-                        QSize(int(std::ceil(wanted.width() / dpr)), int(std::ceil(wanted.height() / dpr))));
+    const QRect logical = scale().toLogical(wanted);
     if (slot.window) {
         slot.window->setGeometry(logical);
         if (slot.target) slot.target->resize(uint32_t(wanted.width()), uint32_t(wanted.height()));

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "scene/LayerStack.h"
+#include "scene/SurfaceScale.h"
 
 #include <QMetaObject>
 #include <QPointer>
@@ -17,8 +18,8 @@ class SceneRenderer;
 
 // The room's surfaces as Qt windows: the desktop window hosts a child window with the base
 // picture, and each moving layer is a child window of that one with a swapchain of its own.
-// Their pixels are the host's device pixels; the window list's coordinates are global pixels
-// of the screen. Main thread.
+// Their pixels are the host's device pixels, as are the X server's (and so the window list's,
+// global on the screen); Qt places the windows in logical pixels. Main thread.
 class WindowLayerStack : public LayerStack {
 public:
     // Paints a window's background, which the window system repaints by itself; false when it
@@ -52,6 +53,7 @@ private:
     };
     void drop(Slot &slot);
     void hostResized();
+    SurfaceScale scale() const;
 
     SceneRenderer &renderer;
     QPointer<QWindow> host;

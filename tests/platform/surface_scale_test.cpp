@@ -1,4 +1,4 @@
-#include "platform/wayland/SurfaceScale.h"
+#include "scene/SurfaceScale.h"
 
 #include <gtest/gtest.h>
 

@@ -1,7 +1,7 @@
 // The room in a real window on a private X server, drawn by the scene view itself: once the
 // record turns and the arm has settled, a frame allocates nothing; through a playing track the
 // needle creeps inwards with no player signal and no lift. A moving part's window is mapped only
-// over a still room already on screen.
+// over a still room already on screen, and lies on its own pixels at any scale.
 
 #include "TestSupport.h"
 #include "core/app/Settings.h"
@@ -23,6 +23,7 @@
 #include <gtest/gtest.h>
 #include <algorithm>
 #include <new>
+#include "XClient.h"  // last: Xlib's macros clash with Qt's and gtest's names
 
 namespace {
 
@@ -169,6 +170,36 @@ TEST(WindowLayerStackOnScreen, AMovingPartsWindowWaitsForTheStillRoomUnderIt)
     stack.showDrawn();
     EXPECT_EQ(shownWindows(), before + 1);
     gpu->waitIdle();
+}
+
+// Also run at a whole and a fractional scale (QT_SCALE_FACTOR, see tests/CMakeLists.txt): a layer's
+// window (whose size its swapchain takes) lies exactly on the screen pixels its picture is drawn
+// for, with no seam against the room under it; the covering check looks there for other windows.
+TEST(WindowLayerStackOnScreen, ALayersWindowLiesOnThePixelsItDraws)
+{
+    QWindow host;
+    host.setGeometry(0, 0, 320, 180);
+    host.show();
+    std::shared_ptr<SceneRenderer> gpu = SceneRenderer::create();
+    ASSERT_TRUE(gpu);
+    WindowLayerStack stack(*gpu, &host);
+    ASSERT_TRUE(stack.ok());
+    XClient x(qgetenv("DISPLAY"));
+    std::vector<Window> bases;
+    ASSERT_TRUE(testsupport::waitUntil([&] { return (bases = x.children(host.winId())).size() == 1; }, 5s));
+    const QRect base = x.onScreen(bases[0]);
+    EXPECT_EQ(stack.pixelSize(), base.size());
+
+    // Odd edges fall between logical pixels at any scale above 1.
+    const QRect asked(41, 31, 63, 47);
+    stack.place(LayerStack::Layer::moving, asked);
+    const QRect placed = stack.rect(LayerStack::Layer::moving);
+    EXPECT_TRUE(placed.contains(asked));
+    std::vector<Window> layers;
+    ASSERT_TRUE(testsupport::waitUntil([&] { return (layers = x.children(bases[0])).size() == 1; }, 5s));
+    const QRect window = x.onScreen(layers[0]);
+    EXPECT_EQ(window, placed.translated(base.topLeft())) << "scale " << host.devicePixelRatio();
+    EXPECT_EQ(stack.toWindowList(placed), window);
 }
 
 }  // namespace

@@ -14,8 +14,13 @@
 #include <map>
 #include <ostream>
 
-// QStrings in assertion failures read as text, not as bytes.
+// QStrings and rectangles in assertion failures read as text, not as bytes.
 inline void PrintTo(const QString &s, std::ostream *os) { *os << '"' << s.toStdString() << '"'; }
+inline void PrintTo(const QRect &r, std::ostream *os)
+{
+    *os << r.width() << 'x' << r.height() << '+' << r.x() << '+' << r.y();
+}
+inline void PrintTo(const QSize &s, std::ostream *os) { *os << s.width() << 'x' << s.height(); }
 
 namespace testsupport {
 

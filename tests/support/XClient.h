@@ -124,6 +124,26 @@ public:
         XSync(d, False);
     }
 
+    std::vector<Window> children(Window window)
+    {
+        Window rootReturn = 0, parent = 0, *list = nullptr;
+        unsigned int count = 0;
+        std::vector<Window> out;
+        if (XQueryTree(d, window, &rootReturn, &parent, &list, &count)) out.assign(list, list + count);
+        if (list) XFree(list);
+        return out;
+    }
+    // Where a window lies on the screen, mapped or not.
+    QRect onScreen(Window window)
+    {
+        XWindowAttributes a{};
+        int x = 0, y = 0;
+        Window child = 0;
+        if (!XGetWindowAttributes(d, window, &a) || !XTranslateCoordinates(d, window, root(), 0, 0, &x, &y, &child))
+            return {};
+        return QRect(x, y, a.width, a.height);
+    }
+
     // The manager's frame around a client: its top-level ancestor, border included.
     QRect outerFrame(Window window)
     {

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "platform/wayland/SurfaceScale.h"
+#include "scene/SurfaceScale.h"
 #include "scene/LayerStack.h"
 
 #include <QObject>

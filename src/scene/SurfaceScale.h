@@ -3,12 +3,13 @@
 #include <QRect>
 #include <QSize>
 
-// How a surface's buffer pixels map onto the compositor's logical pixels on one output. The
-// compositor names the scale in 120ths (fractional scale, drawn through a viewport at buffer
-// scale 1) or as a whole number (wl_output's buffer scale). A moving layer's rectangle is widened
-// until its edges fall on whole logical pixels, so that the compositor lays it exactly over the
-// base instead of stretching it by a fraction of a pixel (or, at a whole scale, refusing a buffer
-// that is no multiple of it).
+// How a surface's buffer pixels map onto the window system's logical pixels on one screen. A
+// Wayland compositor names the scale in 120ths (fractional scale, drawn through a viewport at
+// buffer scale 1) or as a whole number (wl_output's buffer scale); on X11 it is Qt's device pixel
+// ratio, taken in 120ths too. A moving layer's rectangle is widened until its edges fall on whole
+// logical pixels, so that the window system lays it exactly over the base instead of a pixel off
+// with a seam of black beside it (or, at a whole Wayland scale, refusing a buffer that is no
+// multiple of it).
 class SurfaceScale {
 public:
     static SurfaceScale whole(int factor);
