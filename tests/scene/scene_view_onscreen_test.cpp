@@ -23,6 +23,7 @@
 #include <gtest/gtest.h>
 #include <algorithm>
 #include <new>
+#include <optional>
 #include "XClient.h"  // last: Xlib's macros clash with Qt's and gtest's names
 
 namespace {
@@ -143,63 +144,68 @@ TEST(SceneViewOnScreen, SteadyFramesOfTheShippedRoomAllocateNothing)
     view.teardown();
 }
 
-TEST(WindowLayerStackOnScreen, AMovingPartsWindowWaitsForTheStillRoomUnderIt)
-{
+// A 320×180 desktop window, the device and the window's layer stack.
+class WindowLayerStackOnScreen : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        host.setGeometry(0, 0, 320, 180);
+        host.show();
+        ASSERT_TRUE(gpu);
+        stack.emplace(*gpu, &host);
+        ASSERT_TRUE(stack->ok());
+    }
+    void TearDown() override
+    {
+        if (gpu) gpu->waitIdle();
+    }
     QWindow host;
-    host.setGeometry(0, 0, 320, 180);
-    host.show();
     std::shared_ptr<SceneRenderer> gpu = SceneRenderer::create();
-    ASSERT_TRUE(gpu);
-    WindowLayerStack stack(*gpu, &host);
-    ASSERT_TRUE(stack.ok());
-    stack.place(LayerStack::Layer::moving, QRect(40, 30, 64, 48));
-    ASSERT_NE(stack.target(LayerStack::Layer::moving), nullptr);
+    std::optional<WindowLayerStack> stack;
+};
+
+TEST_F(WindowLayerStackOnScreen, AMovingPartsWindowWaitsForTheStillRoomUnderIt)
+{
+    stack->place(LayerStack::Layer::moving, QRect(40, 30, 64, 48));
+    ASSERT_NE(stack->target(LayerStack::Layer::moving), nullptr);
     const auto shownWindows = [] { return std::ranges::count_if(QGuiApplication::allWindows(), &QWindow::isVisible); };
     const auto before = shownWindows();
     // Mapped now, it would keep the black that lies there until its next frame.
-    stack.showDrawn();
+    stack->showDrawn();
     EXPECT_EQ(shownWindows(), before);
 
-    BaseSurface &base = *stack.baseSurface();
+    BaseSurface &base = *stack->baseSurface();
     const SceneRenderer::Pass still{base.nextTarget(320, 180), SceneUniforms{}};
     ASSERT_NE(still.target, nullptr);
     ASSERT_TRUE(testsupport::waitUntil([&] { return gpu->ready(still, {}, std::nullopt); }, 120s));
     gpu->draw(still, {}, std::nullopt, SceneTextures{});
     ASSERT_TRUE(testsupport::waitUntil([&] { return base.canPresent() && base.present(); }, 10s));
     ASSERT_TRUE(base.hasShown());
-    stack.showDrawn();
+    stack->showDrawn();
     EXPECT_EQ(shownWindows(), before + 1);
-    gpu->waitIdle();
 }
 
 // Also run at a whole and a fractional scale (QT_SCALE_FACTOR, see tests/CMakeLists.txt): a layer's
 // window (whose size its swapchain takes) lies exactly on the screen pixels its picture is drawn
 // for, with no seam against the room under it; the covering check looks there for other windows.
-TEST(WindowLayerStackOnScreen, ALayersWindowLiesOnThePixelsItDraws)
+TEST_F(WindowLayerStackOnScreen, ALayersWindowLiesOnThePixelsItDraws)
 {
-    QWindow host;
-    host.setGeometry(0, 0, 320, 180);
-    host.show();
-    std::shared_ptr<SceneRenderer> gpu = SceneRenderer::create();
-    ASSERT_TRUE(gpu);
-    WindowLayerStack stack(*gpu, &host);
-    ASSERT_TRUE(stack.ok());
     XClient x(qgetenv("DISPLAY"));
     std::vector<Window> bases;
     ASSERT_TRUE(testsupport::waitUntil([&] { return (bases = x.children(host.winId())).size() == 1; }, 5s));
     const QRect base = x.onScreen(bases[0]);
-    EXPECT_EQ(stack.pixelSize(), base.size());
+    EXPECT_EQ(stack->pixelSize(), base.size());
 
     // Odd edges fall between logical pixels at any scale above 1.
     const QRect asked(41, 31, 63, 47);
-    stack.place(LayerStack::Layer::moving, asked);
-    const QRect placed = stack.rect(LayerStack::Layer::moving);
+    stack->place(LayerStack::Layer::moving, asked);
+    const QRect placed = stack->rect(LayerStack::Layer::moving);
     EXPECT_TRUE(placed.contains(asked));
     std::vector<Window> layers;
     ASSERT_TRUE(testsupport::waitUntil([&] { return (layers = x.children(bases[0])).size() == 1; }, 5s));
     const QRect window = x.onScreen(layers[0]);
     EXPECT_EQ(window, placed.translated(base.topLeft())) << "scale " << host.devicePixelRatio();
-    EXPECT_EQ(stack.toWindowList(placed), window);
+    EXPECT_EQ(stack->toWindowList(placed), window);
 }
 
 }  // namespace
