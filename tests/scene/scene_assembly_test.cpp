@@ -135,6 +135,19 @@ TEST_F(SmallScene, TheStackShowsTheCoverPlayedBefore)
     EXPECT_EQ(qRed(none.pixel(100, 80)), qBlue(none.pixel(100, 80)));
     EXPECT_EQ(red.pixel(100, 40), blue.pixel(100, 40));
     EXPECT_EQ(red.pixel(20, 85), none.pixel(20, 85));
+
+    // Shop-window light in the room's dim light (0.2): a dark cover is lifted, a light one is left as it is.
+    o.fxStack = true;
+    const auto stackOf = [&](QRgb cover, bool showcase) {
+        manifest([&](QJsonObject &root, QJsonObject &) {
+            if (showcase) root["showcase"] = QJsonObject{{"floor", 0.01}, {"maxGain", 4}, {"artFloor", 0.05}};
+        });
+        o.stackCoverImage = solid("cover.png", cover);
+        return qGray(rendered(o, "stack.png").pixel(100, 80));
+    };
+    const QRgb light = qRgb(200, 200, 200), dark = qRgb(20, 20, 20);
+    EXPECT_EQ(stackOf(light, true), stackOf(light, false));
+    EXPECT_GT(stackOf(dark, true), 2 * stackOf(dark, false));
 }
 
 // The room's shared state over the small scene, with a settings file of its own, and a renderer.
