@@ -21,7 +21,7 @@ PACKAGES=(
   build-essential cmake ninja-build pkg-config git ccache
   qt6-base-dev qt6-base-dev-tools libqt6opengl6-dev
   libopenexr-dev libarchive-dev
-  libvulkan-dev glslang-tools mesa-vulkan-drivers vulkan-tools
+  libvulkan-dev glslang-tools mesa-vulkan-drivers vulkan-tools vulkan-validationlayers
   libx11-dev libx11-xcb-dev libxext-dev libxfixes-dev libxss-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   clang libclang-rt-14-dev clang-format

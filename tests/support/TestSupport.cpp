@@ -4,6 +4,7 @@
 
 #include <QCoreApplication>
 #include <QElapsedTimer>
+#include <QFileInfo>
 #include <QProcess>
 #include <QThread>
 
@@ -33,6 +34,17 @@ QString installDesktopIconsSchema(const QString &dataHome)
 </schemalist>
 )");
     return runTool(QStringLiteral("glib-compile-schemas"), {schemas}).exitCode == 0 ? schemas : QString();
+}
+
+void validateVulkan()
+{
+    if (qEnvironmentVariableIsSet("VK_INSTANCE_LAYERS")) return;
+    for (const char *dir : {"/usr/share/vulkan/explicit_layer.d", "/etc/vulkan/explicit_layer.d"})
+        if (QFileInfo::exists(QString::fromLatin1(dir) + "/VkLayer_khronos_validation.json")) {
+            qputenv("VK_INSTANCE_LAYERS", "VK_LAYER_KHRONOS_validation");
+            qputenv("VK_LAYER_SETTINGS_PATH", TURNELO_SOURCE_DIR "/tests/support/vk_layer_settings.txt");
+            return;
+        }
 }
 
 ToolResult runTool(const QString &program, const QStringList &args, const QStringList &extraEnv, int timeoutMs)

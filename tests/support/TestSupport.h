@@ -93,6 +93,12 @@ inline QString lavapipeIcd()
     return {};
 }
 
+// Puts Khronos' validation layer under every Vulkan instance of this process and its children,
+// where the layer is installed and no layers were chosen: a misuse of the API stops the process
+// with the layer's message (tests/support/vk_layer_settings.txt) instead of passing on a
+// forgiving software driver.
+void validateVulkan();
+
 // A small valid manifest.json: presets manha/dia/tarde/noite on group "room", framing "mid" of 64×48.
 QByteArray minimalManifest();
 

@@ -28,6 +28,7 @@ int main(int argc, char **argv)
     qputenv("QT_QPA_PLATFORM", "xcb");
     qunsetenv("TURNELO_SCENES_DIR");
     if (const QString icd = testsupport::lavapipeIcd(); !icd.isEmpty()) qputenv("VK_ICD_FILENAMES", icd.toUtf8());
+    testsupport::validateVulkan();
     QApplication app(argc, argv);
     QApplication::setQuitOnLastWindowClosed(false);
     testsupport::PrivateBus bus;
