@@ -248,24 +248,22 @@ TEST(PopoverWindow, FramingTilesSayWhatIsOnDiskAndWhatTheCatalogOffers)
     EXPECT_EQ(midTile->tile().kind, Kind::unavailable);
     EXPECT_FALSE(midTile->isEnabled());
     keep(popover, "popover-framing-offer.png");
-    // The tile in use is ringed in the accent colour, the others are not.
+    // The tile in use is ringed in the accent colour, the others are not; the size badge, top
+    // right, marks what the catalog offers, and a tile on disk has none.
+    const auto tileImage = [&](const char *name) { return tileNamed(popover, name)->grab().toImage(); };
     const auto topEdge = [&](const char *name) {
-        FramingTile *t = tileNamed(popover, name);
-        return QColor(t->grab().toImage().pixel(t->width() / 2, 1));
+        const QImage image = tileImage(name);
+        return QColor(image.pixel(image.width() / 2, 1));
+    };
+    const auto badgePixels = [&](const char *name) {
+        const QImage image = tileImage(name);
+        const QRgb mid = popover.palette().color(QPalette::Active, QPalette::Mid).rgb();
+        const QRect topRight(image.width() / 2, 10, image.width() - 12 - image.width() / 2, 12);
+        return testsupport::sumOver(topRight, [&](int x, int y) { return image.pixel(x, y) == mid; });
     };
     const QColor accent = popover.palette().color(QPalette::Active, QPalette::Highlight);
     EXPECT_EQ(topEdge("wide"), accent);
     EXPECT_NE(topEdge("close"), accent);
-    // The size badge, top right, marks what the catalog offers; a tile on disk has none.
-    const auto badgePixels = [&](const char *name) {
-        FramingTile *t = tileNamed(popover, name);
-        const QImage image = t->grab().toImage();
-        const QRgb mid = popover.palette().color(QPalette::Active, QPalette::Mid).rgb();
-        int n = 0;
-        for (int y = 10; y < 22; ++y)
-            for (int x = t->width() / 2; x < t->width() - 12; ++x) n += image.pixel(x, y) == mid;
-        return n;
-    };
     EXPECT_GT(badgePixels("close"), 20);
     EXPECT_EQ(badgePixels("wide"), 0);
     // Neither on disk nor offered: choosing it changes nothing.
