@@ -143,9 +143,7 @@ TEST_F(DesktopRoom, ShowsTheRoomAndPausesWhenNobodyCanSeeIt)
 
     // Unplugged: the saver takes the room down to 15 frames a second.
     ASSERT_TRUE(isReply(upower->setProperty("/org/freedesktop/UPower", "org.freedesktop.UPower", "OnBattery", true)));
-    const qsizetype battery = room->waitForLine("Energia: bateria", at);
     at = room->waitForLine("Cena: modo economia ligado (15 fps, sem vapor e chuva)", at);
-    EXPECT_EQ(room->log().indexOf("Energia: bateria", battery), -1) << "the battery line came twice";
     EXPECT_TRUE(waitUntil([&] { return layers().size() == 1; }, 20s)) << "still steam; layers: " << layers().size();
 
     // A light change fades once the night is built: no picture on the way darker than both ends.
@@ -363,7 +361,6 @@ TEST(PlasmaDesktop, TheRoomShowsAbovePlasmasDesktopAndPausesUnderAnOpaqueDesktop
         60s);
     at = room.waitForLine("Cena: área animada coberta por janelas → pausa", at);
     EXPECT_GT(c.stackIndex(other), c.stackIndex(ours));
-    EXPECT_EQ(room.log().count("Mesa: a janela de desktop (?) volta sempre para cima da sala"), 1) << "said once";
     c.close(other);
     room.waitForLine("Cena: área animada à vista → renderiza", at);
 }

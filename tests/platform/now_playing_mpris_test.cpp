@@ -217,7 +217,6 @@ TEST_F(NowPlayingMprisTest, ChoiceAmongPlayersDatedPositionsBackgroundPauseAndQu
     EXPECT_EQ(trackSignals, 0);
 
     // The background player quitting leaves the room alone; the shown one quitting clears it.
-    const LogTail sinceQuit;
     quit("vlc");
     ASSERT_TRUE(waitUntil([&] { return !bus.hasOwner("org.mpris.MediaPlayer2.vlc"); }, 5s));
     spin(200ms);
@@ -226,20 +225,17 @@ TEST_F(NowPlayingMprisTest, ChoiceAmongPlayersDatedPositionsBackgroundPauseAndQu
     ASSERT_TRUE(waitUntil([&] { return !state.track().has_value(); }, 5s));
     EXPECT_FALSE(state.isPlaying());
     EXPECT_FALSE(monitor.lastArtworkKey().has_value());
-    EXPECT_EQ(sinceQuit.lines().filter("Nada tocando").size(), 1) << qPrintable(sinceQuit.lines().join('\n'));
 
     // A player starting is picked up from its appearance on the bus.
     startPlayer("vlc", "VLC media player", "Playing", {{"Back", "V", "Valbum"}});
-    ASSERT_TRUE(waitUntil([&] { return titleOf(state) == "Back"; }, 5s));
-    EXPECT_TRUE(logged().contains("[VLC media player] ▶ V — Back (Valbum)"));
+    EXPECT_TRUE(waitUntil([&] { return titleOf(state) == "Back"; }, 5s));
 }
 
 TEST_F(NowPlayingMprisTest, ArtworkFromFilesAndOncePerAlbumLateCoversDropped)
 {
     QTemporaryDir dir;
-    const QString cover = dir.filePath("cover.png"), junk = dir.filePath("junk.png");
+    const QString cover = dir.filePath("cover.png");
     writeFile(cover, pngOf(Qt::yellow));
-    writeFile(junk, "not an image");
     LoopbackHttp http;
     const std::map<QString, QByteArray> covers{
         {"/a.png", pngOf(Qt::red)}, {"/slow.png", pngOf(Qt::green)}, {"/c.png", pngOf(Qt::blue)}};
@@ -250,7 +246,6 @@ TEST_F(NowPlayingMprisTest, ArtworkFromFilesAndOncePerAlbumLateCoversDropped)
     };
     startPlayer("spotify", "Spotify", "Playing",
                 {{"File", "Band", "From file", 200, 1, QUrl::fromLocalFile(cover).toString()},
-                 {"Junk", "Band", "Junk file", 200, 1, QUrl::fromLocalFile(junk).toString()},
                  {"Missing", "Band", "Missing", 200, 1, http.url("/none.png")},
                  {"One", "Band", "Album A", 200, 1, http.url("/a.png")},
                  {"Two", "Band", "Album A", 180, 2, http.url("/a.png")},
@@ -261,11 +256,10 @@ TEST_F(NowPlayingMprisTest, ArtworkFromFilesAndOncePerAlbumLateCoversDropped)
     const auto colour = [&] { return state.artwork().isNull() ? QColor() : state.artwork().pixelColor(0, 0); };
     EXPECT_TRUE(waitUntil([&] { return colour() == QColor(Qt::yellow); }, 5s));
 
-    next("Junk");
-    EXPECT_TRUE(waitUntil([&] { return state.artwork().isNull(); }, 5s));
     next("Missing");
     ASSERT_TRUE(coverFailed(http.url("/none.png")));
     EXPECT_EQ(titleOf(state), "Missing") << "a failed cover leaves the track in place";
+    EXPECT_TRUE(waitUntil([&] { return state.artwork().isNull(); }, 5s)) << "the last track's cover stayed";
 
     next("One");
     ASSERT_TRUE(waitUntil([&] { return colour() == QColor(Qt::red); }, 5s));
@@ -385,13 +379,11 @@ TEST_F(NowPlayingMprisTest, PlayersThatStallFloodOrNameHostileCoversNeverHoldThe
     for (int i = 0; i < 5; ++i) poke("slow", "Next");
     int trackChanges = 0;
     QObject::connect(&state, &PlayerState::trackChanged, [&] { ++trackChanges; });
-    const LogTail sinceFlood;
     poke("spotify", "Play");
     // The flood is merged into a few answers a second, and the last album shows once it ends.
     ASSERT_TRUE(waitUntil([&] { return titleOf(state) == "Flood 1200"; }, 10s)) << qPrintable(titleOf(state));
     EXPECT_LT(trackChanges, 3 * 1000 / NowPlayingMonitor::minQueryIntervalMs + 10);
     EXPECT_GT(trackChanges, 5);
-    EXPECT_LE(sinceFlood.messages().filter("Capa Spotify").size(), trackChanges + 1);
     EXPECT_TRUE(waitUntil([&] { return !state.artwork().isNull(); }, 5s));
     EXPECT_EQ(log.messages().filter("[Slow] não respondeu").size(), 1);
 

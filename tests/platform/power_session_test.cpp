@@ -9,10 +9,8 @@
 #include "TestSupport.h"
 
 #include <QCoreApplication>
-#include <QDBusObjectPath>
 #include <QTemporaryDir>
 #include <gtest/gtest.h>
-#include <vector>
 
 using namespace testsupport;
 using namespace std::chrono_literals;
@@ -38,10 +36,6 @@ struct PowerSessionTest : ::testing::Test {
         EXPECT_TRUE(mock->ok()) << mock->errors().toStdString();
         return mock;
     }
-    static QDBusMessage addBattery(DbusMock &mock, const QString &name)
-    {
-        return mock.callMock(kUPowerPath, "AddDischargingBattery", {name, "Battery", 80.0, qlonglong(3600)});
-    }
     static QDBusMessage setOnBattery(DbusMock &mock, bool on)
     {
         return mock.setProperty(kUPowerPath, kUPower, "OnBattery", on);
@@ -55,39 +49,27 @@ TEST_F(PowerSessionTest, UPowerReadingsAndThePowerSaverProfileEngageTheSaver)
     EXPECT_FALSE(none.read().has_value());
     EXPECT_FALSE(none.lowPowerMode());
 
-    // On battery at start; neither the mains nor a battery that does not power the machine (a UPS
-    // seen through USB, say) counts as a battery.
+    // On battery at start; the mains is no battery. A battery added later, and the plug pulled and put
+    // back, are seen as they happen.
     auto service = started(DbusMock::fromTemplate(bus, "upower", kUPower, R"({"OnBattery": true})"));
     ASSERT_TRUE(isReply(service->callMock(kUPowerPath, "AddAC", {"ac", "Mains"})));
-    ASSERT_TRUE(isReply(addBattery(*service, "ups")));
-    ASSERT_TRUE(isReply(service->callMock(
-        kUPowerPath, "SetDeviceProperties",
-        {QVariant::fromValue(QDBusObjectPath(kUPowerPath + "/devices/ups")), QVariantMap{{"PowerSupply", false}}})));
     UPowerPowerSource source(bus.connect("app"));
     PowerMonitor monitor(settings, &source);
     EXPECT_TRUE(monitor.onBattery());
     EXPECT_FALSE(monitor.hasBattery());
-    std::vector<bool> flips;
-    QObject::connect(&monitor, &PowerMonitor::ecoActiveChanged, [&](bool active) { flips.push_back(active); });
-    ASSERT_TRUE(isReply(addBattery(*service, "bat0")));
+    ASSERT_TRUE(
+        isReply(service->callMock(kUPowerPath, "AddDischargingBattery", {"bat0", "Battery", 80.0, qlonglong(3600)})));
     ASSERT_TRUE(waitUntil([&] { return monitor.hasBattery(); }, 10s));
-
-    // Plugged in, unplugged, the same reading again, plugged in: one line and one flip a change.
-    // Signals of one service arrive in order, so the last line proves the repeat was handled.
+    EXPECT_TRUE(monitor.ecoActive());
     ASSERT_TRUE(isReply(setOnBattery(*service, false)));
     ASSERT_TRUE(waitUntil([&] { return !monitor.onBattery(); }, 10s));
+    EXPECT_FALSE(monitor.ecoActive());
     ASSERT_TRUE(isReply(setOnBattery(*service, true)));
     ASSERT_TRUE(waitUntil([&] { return monitor.onBattery(); }, 10s));
-    setOnBattery(*service, true);
-    setOnBattery(*service, false);
-    ASSERT_TRUE(waitUntil([&] { return !monitor.onBattery(); }, 10s));
-    EXPECT_EQ(log.messages(),
-              (QStringList{"Energia: bateria", "Energia: tomada", "Energia: bateria", "Energia: tomada"}));
-    EXPECT_EQ(flips, (std::vector<bool>{false, true, false}));
 
     // The power-saver profile is Low Power Mode, under either name of power-profiles-daemon.
-    flips.clear();
     monitor.setTrigger(PowerMonitor::Trigger::lowPower);
+    ASSERT_FALSE(monitor.ecoActive());
     const QString hadess = "net.hadess.PowerProfiles";
     auto profiles = started(DbusMock::fromTemplate(bus, "power_profiles_daemon", hadess));
     ASSERT_TRUE(isReply(profiles->setProperty("/net/hadess/PowerProfiles", hadess, "ActiveProfile", "power-saver")));
@@ -104,8 +86,7 @@ TEST_F(PowerSessionTest, UPowerReadingsAndThePowerSaverProfileEngageTheSaver)
         currentPath, "AddProperty", {QString(), "ActiveProfile", QVariant::fromValue(QDBusVariant("balanced"))})));
     ASSERT_TRUE(isReply(renamed->callMock(currentPath, "UpdateProperties",
                                           {QString(), QVariantMap{{"ActiveProfile", "power-saver"}}})));
-    ASSERT_TRUE(waitUntil([&] { return monitor.ecoActive(); }, 10s)) << "under its current name";
-    EXPECT_EQ(flips, (std::vector<bool>{true, false, true}));
+    EXPECT_TRUE(waitUntil([&] { return monitor.ecoActive(); }, 10s)) << "under its current name";
 }
 
 struct SessionSignalsTest : PowerSessionTest {
@@ -143,11 +124,6 @@ struct SessionSignalsTest : PowerSessionTest {
 TEST_F(SessionSignalsTest, EveryLockerAndLogindReportOneLockSleepAndSessionSwitch)
 {
     ScopedEnv sessionId("XDG_SESSION_ID", "");
-    {
-        // No logind at all: no session, and nothing waits long for one.
-        LinuxSessionSignals lonely(connection, connection);
-        EXPECT_TRUE(lonely.sessionPath().isEmpty());
-    }
     logind = started(DbusMock::fromTemplate(bus, "logind", "org.freedesktop.login1"));
     const QString ours = addSession("c1"), other = addSession("c2");
     mock(*logind, kLogindPath, "AddMethod",

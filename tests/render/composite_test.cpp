@@ -3,7 +3,6 @@
 
 #include <QFile>
 #include <gtest/gtest.h>
-#include <map>
 
 // The composite shader against values worked out by hand; 1:1 textures are read at texel centres (no filtering).
 
@@ -83,20 +82,6 @@ protected:
         LayerStill still;
     };
 
-    // Per pixel of a grey image, the grain's unit deviate from the 8-bit green: (linear − l) / (strength · √l).
-    static std::vector<double> grainOf(const QImage &image, double l, double strength)
-    {
-        static std::map<int, double> greyOfLevel;
-        std::vector<double> out;
-        for (int y = 0; y < image.height(); ++y)
-            for (int x = 0; x < image.width(); ++x) {
-                const int level = qGreen(image.pixel(x, y));
-                if (!greyOfLevel.count(level)) greyOfLevel[level] = greyForLevel(level);
-                out.push_back((greyOfLevel[level] - l) / (strength * std::sqrt(l + 1e-4)));
-            }
-        return out;
-    }
-
     SceneUniforms u;
     SceneTextures t;
 };
@@ -123,45 +108,8 @@ TEST_F(Composite, WeightedLightThroughTheToneCurve)
     for (int c = 0; c < 3; ++c) EXPECT_NEAR(got[c], graded[c] * 255, 2) << "graded channel " << c;
 }
 
-TEST_F(Composite, VignetteGrainAndDither)
+TEST_F(Composite, DitherAveragesAGreyBetweenTwoLevelsToItsExactValue)
 {
-    // Vignette on a plate twice as wide as high: both axes in half widths, d² at pixel centres from the corner
-    // (31.5² + 15.5²)/32² to the centre 2 · 0.5²/32²; strength 2 goes below zero at the edges: black, not negative.
-    const double l = lit(64, 32, rgb(0.18))[0];
-    const std::array<std::tuple<int, int, double>, 4> points{
-        {{0, 0, 1.2036133}, {63, 16, 0.9692383}, {32, 31, 0.2348633}, {32, 16, 0.0004883}}};
-    for (const double k : {0.5, 2.0}) {
-        u.look.at(0) = float(k);
-        const QImage image = render(64, 32);
-        for (auto [x, y, d2] : points)
-            expectLinear(image, x, y, rgb(l * std::max(0.0, 1 - k * d2)), "vignette " + std::to_string(k));
-    }
-
-    // Grain: a unit deviate (three uniform hashes, mean 0, range ±3) times strength · √mean.
-    double g = 0;
-    for (auto [level, strength] : {std::pair{0.1, 0.08}, std::pair{0.5, 0.15}}) {
-        SCOPED_TRACE(testing::Message() << "light " << level);
-        g = lit(64, 64, rgb(level))[0];
-        u.look.at(2) = float(strength);
-        const std::vector<double> grain = grainOf(render(64, 64), g, strength);
-        double sum = 0, squares = 0;
-        for (double e : grain) sum += e, squares += e * e;
-        const double mean = sum / grain.size();
-        EXPECT_NEAR(mean, 0.0, 0.1);
-        EXPECT_NEAR(std::sqrt(squares / grain.size() - mean * mean), 1.0, 0.1);
-        const auto [lo, hi] = std::minmax_element(grain.begin(), grain.end());
-        EXPECT_GT(*lo, -3.4);
-        EXPECT_LT(*hi, 3.4);
-    }
-    // Fixed to the plate pixel (the last light, 0.5 at 0.15): a plate shifted under the screen carries its grain along.
-    const std::vector<double> still = grainOf(render(64, 64), g, 0.15);
-    u.screenToPlate = Float3x3::fromRows<float>({{{1, 0, 7}, {0, 1, 3}, {0, 0, 1}}});
-    const std::vector<double> shifted = grainOf(render(64, 64), g, 0.15);
-    double agree = 0;
-    for (int y = 0; y < 61; ++y)
-        for (int x = 0; x < 57; ++x) agree += shifted[y * 64 + x] * still[(y + 3) * 64 + x + 7];
-    EXPECT_GT(agree / (61 * 57), 0.9);  // correlation of two unit deviates, only the dither differs
-
     // Dither: ±1 step, so a grey between two 8-bit levels averages to its exact value and no pixel strays further.
     const double grey = lit(64, 64, rgb(greyForLevel(100.3)))[0];
     const double exact = agx(rgb(grey), 1, 0, 1)[1] * 255;
@@ -241,22 +189,8 @@ TEST(MovingRegions, EachPartsPixelsLieInARegionThatNamesItAndTheRestIsLeftAlone)
         return map;
     };
     const std::vector<uint32_t> map = partsMap(MovingRegions(u, w, h));
-    // Each speck's cell, at the record's turn, lies in a rectangle for the specks; together a small part of the disc.
-    int specks = 0;
-    for (uint32_t ring = 52; ring <= 195; ++ring)
-        for (uint32_t sector = 0; sector < MovingRegions::sectors; ++sector) {
-            if (!MovingRegions::speckCell(ring, sector)) continue;
-            ++specks;
-            const double angle = (sector + 0.5) * 2 * M_PI / MovingRegions::sectors - 0.7;
-            const double r = (ring + 0.5) / MovingRegions::ringsPerMm / 150 * 50;
-            const int x = int(90 + r * std::cos(angle)), y = int(40 + r * std::sin(angle));
-            if (x >= 0 && x < w && y >= 0 && y < h) {
-                EXPECT_TRUE(map[y * w + x] & V::specks) << "speck at " << x << "," << y;
-            }
-        }
-    EXPECT_GT(specks, 20);
-    EXPECT_LT(std::count_if(map.begin(), map.end(), [](uint32_t p) { return p & V::specks; }), M_PI * 50 * 50 / 10);
-    // Each part covers its box; a drawn pixel is within 4 px of one of its parts' boxes (speck rectangles carry all).
+    // Each part covers its box; a drawn pixel is within 4 px of one of its parts' boxes (speck rectangles carry all),
+    // and the specks' rectangles are a small part of the disc: shading the whole layer would be right, but slow.
     const std::pair<uint32_t, QRectF> boxes[] = {{V::specks, {40, -10, 100, 100}},
                                                  {V::label, {70, 20, 40, 40}},
                                                  {V::strobe, {70, 60, 40, 20}},
@@ -275,61 +209,13 @@ TEST(MovingRegions, EachPartsPixelsLieInARegionThatNamesItAndTheRestIsLeftAlone)
             }
             ASSERT_TRUE(near) << "parts " << at << " drawn at " << x << "," << y;
         }
-    // The arm's box alone is shaded for the arm alone, with its shadow: one program for the two, not one for each
-    // and one for both.
-    EXPECT_GT(std::count(map.begin(), map.end(), V::arm | V::armShadow), 1000);
-    const auto pixelsWhere = [&](auto holds) { return std::count_if(map.begin(), map.end(), holds); };
-    EXPECT_EQ(pixelsWhere([](uint32_t p) { return !(p & V::arm) != !(p & V::armShadow); }), 0);
-    // The label's regions take the strobe as well; the strobe's do not take the label.
-    EXPECT_EQ(pixelsWhere([](uint32_t p) { return (p & V::label) && !(p & V::strobe); }), 0);
-    EXPECT_GT(std::count(map.begin(), map.end(), V::strobe), 100);
+    EXPECT_LT(std::count_if(map.begin(), map.end(), [](uint32_t p) { return p & V::specks; }), M_PI * 50 * 50 / 10);
     // Held in the still, the arm is drawn only where another part reaches, as before; its parts alone: as if alone.
     const std::vector<uint32_t> held = partsMap(MovingRegions(u, w, h, V::allParts, V::armParts));
     SceneUniforms armAlone = u;
     armAlone.recordLight = armAlone.labelMaskRect = armAlone.strobeRect = {};
     EXPECT_EQ(partsMap(MovingRegions(u, w, h, V::armParts)), partsMap(MovingRegions(armAlone, w, h)));
     for (int i = 0; i < w * h; ++i) ASSERT_EQ(held[i], (map[i] & ~V::armParts) ? map[i] : 0u) << i % w << "," << i / w;
-
-    // A record map that cannot be inverted: the specks over the whole disc's box instead.
-    SceneUniforms flat = u;
-    flat.recordInv = Float3x3{};
-    const std::vector<uint32_t> whole = partsMap(MovingRegions(flat, w, h));
-    EXPECT_EQ(std::count_if(whole.begin(), whole.end(), [](uint32_t p) { return p & V::specks; }), w * h);
-    // A turned, foreshortened screen map and one front layer of two: each pixel whose centre the map takes into the
-    // label or the front carries it, and the unused second front is nowhere.
-    SceneUniforms turned;
-    turned.screenToPlate = Float3x3::fromRows<float>({{{0, 0.5f, 0}, {0.5f, 0, 0}, {0.002f, 0.004f, 1}}});
-    turned.labelMaskRect = {10, 20, 15, 20};
-    turned.frontCount = 1;
-    turned.frontWeights = {1, 1, 0, 0};
-    turned.frontRects = {{{5, 5, 10, 10}, {0, 0, 500, 500}}};
-    const std::vector<uint32_t> seen = partsMap(MovingRegions(turned, w, h));
-    int labelled = 0, inLabel = 0;
-    for (int y = 0; y < h; ++y)
-        for (int x = 0; x < w; ++x) {
-            const double sx = x + 0.5, sy = y + 0.5, d = 0.002 * sx + 0.004 * sy + 1;
-            const QPointF p(0.5 * sy / d, 0.5 * sx / d);
-            const uint32_t at = seen[y * w + x];
-            const bool insideLabel = QRectF(10, 20, 15, 20).contains(p);
-            labelled += (at & V::label) ? 1 : 0;
-            inLabel += insideLabel;
-            if (insideLabel) {
-                ASSERT_TRUE(at & V::label) << x << "," << y;
-            }
-            if (QRectF(5, 5, 10, 10).contains(p)) {
-                ASSERT_TRUE(at & V::front) << x << "," << y;
-            }
-            if (p.x() > 20 || p.y() > 20) {
-                ASSERT_FALSE(at & V::front) << x << "," << y;
-            }
-        }
-    EXPECT_GT(inLabel, 100);
-    EXPECT_LT(labelled, inLabel * 2);
-
-    // A screen map that cannot be inverted leaves no way to place the parts: all of them everywhere.
-    u.screenToPlate = Float3x3{};
-    const std::vector<uint32_t> all = partsMap(MovingRegions(u, w, h));
-    EXPECT_EQ(std::count(all.begin(), all.end(), V::specks | V::label | V::strobe | V::arm | V::armShadow), w * h);
 }
 
 TEST_F(Composite, FramesWithChangingUniformsHoldTheirMemory)
@@ -348,19 +234,6 @@ TEST_F(Composite, FramesWithChangingUniformsHoldTheirMemory)
         render(32, 32);
     }
     EXPECT_LT(residentMB() - before, 40.0);
-}
-
-TEST_F(Composite, AnLedAddsLightAtItsCentreAndFadesAway)
-{
-    const double base = lit(64, 64, rgb(0.05))[0];
-    u.led45 = {32.5f, 20.5f, 3.0f, 0.5f};
-    u.led45Color = {0.0f, 4.0f, 0.0f, 0};
-    const QImage out = render(64, 64);
-    // At half its level: at the centre the core is exp(0) and the glow 0.03·exp(0); 50 px away only the glow.
-    expectLinear(out, 32, 20, {base, base + 2.0 * 1.03, base}, "LED centre");
-    expectLinear(out, 2, 60, {base, base + 2.0 * 0.03 * std::exp(-0.45 * 50 / 3.0), base}, "far corner");
-    u.led45.at(3) = 0;  // level 0 is off
-    expectLinear(render(64, 64), 32, 20, rgb(base), "LED off");
 }
 
 TEST_F(Composite, SleeveArtCrossfadeMaskAndShowcaseGain)
@@ -441,8 +314,6 @@ TEST_F(Composite, TheLabelTurnsAndBlursWithTheRecord)
     // l = R(π/2) q: the mark at l = (0.75, 0) shows at q = (0, −0.75), the bottom.
     u.label = {float(M_PI / 2), 0, 0, 0};
     expectMarks(off, on, off, "angle π/2");
-    u.label = {float(M_PI / 2), 1, 1, 0};  // one sample: the exact angle, whatever the arc
-    expectMarks(off, on, off, "one sample");
     // Two samples over an arc of π: angles π/2 and −π/2, half the mark at the bottom and the top.
     u.label = {0, float(M_PI), 2, 0};
     expectMarks(off, times(on, 0.5), times(on, 0.5), "blurred");
@@ -477,14 +348,10 @@ TEST_F(Composite, StrobeDotsSitWhereThePhasePutsThem)
     auto with = [&](double k) { return plus(rgb(l), {0.5, 0.25, 0.125}, k); };
     // Four dots, phase 1/16 turn: f = frac(4 · (1/16 + 1/16)) = 0.5 on the left (a dot's centre), 0 on the right
     // (between dots). Across 0.25 puts the point 0.55 from the centre: smoothstep(0.8, 0.5, 0.55) = 0.9259.
-    QImage out = render(32, 32);
+    const QImage out = render(32, 32);
     expectLinear(out, 8, 8, with(0.8), "sharp, on a dot");
     expectLinear(out, 24, 8, with(0), "sharp, between dots");
     expectLinear(out, 8, 24, with(0.9259 * 0.5 * 0.8), "sharp, off-centre, half coverage");
-    u.strobe.at(2) = 0.25f;  // sharpness 0.25 blends towards an even 0.3
-    out = render(32, 32);
-    expectLinear(out, 8, 8, with((0.3 + 0.25 * 0.7) * 0.8), "soft, on a dot");
-    expectLinear(out, 24, 8, with(0.3 * 0.75 * 0.8), "soft, between dots");
 }
 
 TEST_F(Composite, RecordShadingWithAndWithoutPasses)
@@ -508,16 +375,14 @@ TEST_F(Composite, RecordShadingWithAndWithoutPasses)
     ring(out, 48, l, "approximate, smooth");
     ring(out, 10, l, "approximate, label");
 
-    // Sheen along (1, 0) with a given colour: streak 1 ahead, 0.55 behind, none across; ripple 0.85 (a pixel is
-    // wider than 1/8 mm); grooves full, smooth vinyl 0.15.
+    // Sheen along (1, 0) with a given colour: a streak ahead, none across; ripple 0.85 (a pixel is wider than
+    // 1/8 mm).
     u.recordLight = {1, 0, 0.5f, 1};
     u.recordColor = {1, 0.8f, 0.6f, 1};
     const Rgb lc{1, 0.8, 0.6};
     out = render(size, size);
     expectLinear(out, 96, 64, plus(times(l, 0.8), lc, 0.5 * 0.85), "sheen ahead", 3);
-    expectLinear(out, 32, 64, plus(times(l, 0.8), lc, 0.5 * 0.55 * 0.85), "sheen behind", 3);
     expectLinear(out, 64, 96, times(l, 0.8), "sheen across", 3);
-    expectLinear(out, 112, 64, plus(l, lc, 0.5 * 0.15 * 0.85), "sheen on smooth vinyl", 3);
     // Without a colour of its own the sheen is grey, 1.5 × the luminance of the label's light.
     u.recordColor.at(3) = 0;
     expectLinear(render(size, size), 96, 64, plus(times(l, 0.8), rgb(1.5 * luminance(l)), 0.5 * 0.85), "grey sheen", 3);
@@ -688,22 +553,6 @@ TEST_F(Composite, RainOnTheGlassAndRainyDayLight)
     u.dustRect = {0, 0, float(w), float(h)};
     t.dustCover = grey(255, w, h);
     EXPECT_TRUE(render(w, h) == dry);
-    // Under light that varies across the glass a drop shows the light beside it, as a lens does: pixels brighter
-    // than dry in every channel, which the drop's own loss and the wet glass's tint cannot make.
-    u.dust = {};
-    t.mixes[0] = half(halfImage(1024, 4, [](int x, int) {
-        const float l = float(0.2 + 0.15 * std::sin(x * M_PI / 16));
-        return std::array<float, 4>{l, l, l, 1};
-    }));
-    u.rain[3] = 0;
-    const QImage unevenDry = render(w, h);
-    u.rain[3] = 1;
-    const QImage unevenWet = render(w, h);
-    const int brighter = sumOver(QRect(0, 0, 128, h), [&](int x, int y) {
-        const auto wet = rgbAt(unevenWet, x, y), was = rgbAt(unevenDry, x, y);
-        return wet[0] >= was[0] + 4 && wet[1] >= was[1] + 4 && wet[2] >= was[2] + 4;
-    });
-    EXPECT_GT(brighter, 20);
 }
 
 TEST_F(Composite, AFramesPipelinesAreMadeOnAWorkerBeforeItIsDrawnAndGoWhenIdle)

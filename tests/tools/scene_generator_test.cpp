@@ -1,7 +1,6 @@
 #include "TestSupport.h"
 
 #include "core/scene/ImageDecoder.h"
-#include "core/lighting/LightMixer.h"
 #include "core/scene/PlateManifest.h"
 #include "core/scene/SceneFiles.h"
 
@@ -9,11 +8,7 @@
 #include <ImfHeader.h>
 #include <ImfInputFile.h>
 #include <QImage>
-#include <QJsonDocument>
-#include <QJsonObject>
 #include <gtest/gtest.h>
-
-#include <Imath/half.h>
 
 #include <cmath>
 #include <memory>
@@ -88,21 +83,6 @@ protected:
     }
 
     static QString root() { return dir->filePath("scene"); }
-    // Mean luminance of a preset's light over the whole plate, summed from its recipe.
-    static double presetLuminance(const LightMixer &mixer, const QString &framing, const QString &preset)
-    {
-        const double luma[3] = {0.2126, 0.7152, 0.0722};
-        double sum = 0;
-        for (const auto &term : mixer.presets.at(preset).recipe) {
-            const HalfImage img = ImageDecoder::decodeEXR(root() + "/" + SceneFiles::lightPlate(framing, term.plate));
-            for (size_t i = 0; i < img.pixels.size(); ++i) {
-                half h;
-                h.setBits(img.pixels[i]);
-                if (i % 4 < 3) sum += luma[i % 4] * term.weight[i % 4] * float(h);
-            }
-        }
-        return sum / (plateW * plateH);
-    }
 
     static inline std::unique_ptr<QTemporaryDir> dir;
     static inline ToolResult result;
@@ -113,16 +93,7 @@ protected:
 
 TEST_F(GeneratedScene, ManifestHasEverySectionAndEveryFileItNamesHasItsSizeAndFormat)
 {
-    EXPECT_TRUE(manifest.view && manifest.tonemap && manifest.showcase && manifest.scenario);
-    for (const auto &[name, preset] : manifest.presets) {
-        EXPECT_TRUE(preset.count("record_light") && preset.at("record_light").isNested()) << name.toStdString();
-        EXPECT_TRUE(preset.count("exposure_by_scenario") && preset.at("exposure_by_scenario").isObject())
-            << name.toStdString();
-    }
-    const QJsonObject summary = QJsonDocument::fromJson(result.out).object();
-    EXPECT_EQ(summary["files"].toInt(), int(filesUnder(root()).size()));
     ASSERT_EQ(manifest.framings.size(), 2u);
-    int exrs = 0;
     for (const auto &[name, f] : manifest.framings) {
         EXPECT_EQ(f.size, (std::array<double, 2>{plateW, plateH}));
         EXPECT_EQ(SceneFiles::sections(f),
@@ -149,7 +120,6 @@ TEST_F(GeneratedScene, ManifestHasEverySectionAndEveryFileItNamesHasItsSizeAndFo
                 EXPECT_EQ(info.size, size);
                 EXPECT_TRUE(info.zipOfHalves);
                 EXPECT_EQ(info.alpha, rel.contains("/arm_") || rel.contains("/reflection_"));
-                ++exrs;
             } else {
                 const QImage img(path);
                 EXPECT_EQ(img.size(), size);
@@ -166,11 +136,10 @@ TEST_F(GeneratedScene, ManifestHasEverySectionAndEveryFileItNamesHasItsSizeAndFo
             EXPECT_TRUE(info.alpha);
         }
     }
-    EXPECT_GT(exrs, 200);
     EXPECT_EQ(QImage(dir->filePath("preview.png")).size(), QSize(plateW, plateH));
 }
 
-TEST_F(GeneratedScene, GeometryProjectsOntoThePlate)
+TEST_F(GeneratedScene, GeometryProjectsOntoThePlateAndMasksAndSpritesHoldContent)
 {
     for (const auto &[name, f] : manifest.framings) {
         SCOPED_TRACE(name.toStdString());
@@ -183,35 +152,17 @@ TEST_F(GeneratedScene, GeometryProjectsOntoThePlate)
         const auto cross = diagonalCross(f.record->corners);
         EXPECT_NEAR(centre[0], cross[0], 0.05);
         EXPECT_NEAR(centre[1], cross[1], 0.05);
-        const auto labelCross = diagonalCross(f.label.corners);
-        EXPECT_NEAR(centre[0], labelCross[0], 0.05);
         const GrayImage recordMask =
             ImageDecoder::decodeGray(root() + "/" + SceneFiles::framingFile(name, f.record->mask));
         EXPECT_GT(recordMask.pixels[size_t(int(centre[1]) * recordMask.width + int(centre[0]))], 0);
         EXPECT_EQ(*std::max_element(recordMask.pixels.begin(), recordMask.pixels.end()), 255) << "never wholly record";
-        ASSERT_TRUE(f.tonearm->planeZ.has_value());
-        EXPECT_DOUBLE_EQ(*f.tonearm->planeZ, f.record->centerWorld[2]);
-        EXPECT_DOUBLE_EQ(f.tonearm->pivot[2], f.record->centerWorld[2]);
-        EXPECT_TRUE(inside(project(f, f.tonearm->pivot), f.tonearm->bbox));
-        const double pivotDistance =
-            std::hypot(f.tonearm->pivot[0] - f.record->centerWorld[0], f.tonearm->pivot[1] - f.record->centerWorld[1]);
-        EXPECT_GT(pivotDistance, f.record->radiusMm);
+        // The arm rests off the record and sweeps inwards from the lead-in to the run-out.
         const auto &arm = *f.tonearm;
-        EXPECT_TRUE(std::is_sorted(arm.yawSamples.begin(), arm.yawSamples.end()));
-        EXPECT_LT(arm.yawRest, arm.yawLeadIn);
-        EXPECT_LT(arm.yawLeadIn, arm.yawRunOut);
-        EXPECT_TRUE(arm.yawSamples.front() <= arm.yawRest && arm.yawSamples.back() >= arm.yawRunOut);
+        EXPECT_TRUE(inside(project(f, arm.pivot), arm.bbox));
+        EXPECT_TRUE(arm.yawRest < arm.yawLeadIn && arm.yawLeadIn < arm.yawRunOut);
         for (const auto &p : {f.panel->led33->centerPx, f.panel->led45->centerPx, f.steam->pointPx})
             EXPECT_TRUE(inside(p, plate));
-        EXPECT_GT(f.panel->led33->radiusPx, 0);
-    }
-}
 
-TEST_F(GeneratedScene, MasksSpritesAndLightHoldContent)
-{
-    const LightMixer mixer(manifest);
-    for (const auto &[name, f] : manifest.framings) {
-        SCOPED_TRACE(name.toStdString());
         auto gray = [&](const QString &file) {
             return ImageDecoder::decodeGray(root() + "/" + SceneFiles::framingFile(name, file));
         };
@@ -230,17 +181,6 @@ TEST_F(GeneratedScene, MasksSpritesAndLightHoldContent)
             if (dust.pixels[i] > 0) {
                 ASSERT_GT(glass.pixels[i], 0) << i;
             }
-        // The stack map covers exactly its rectangle.
-        const QImage stack(root() + "/" + SceneFiles::framingFile(name, f.stack->artUv));
-        int x0 = 1 << 20, x1 = -1;
-        for (int y = 0; y < stack.height(); ++y)
-            for (int x = 0; x < stack.width(); ++x)
-                if (qBlue(stack.pixel(x, y)) > 0) {
-                    x0 = std::min(x0, x);
-                    x1 = std::max(x1, x);
-                }
-        EXPECT_EQ(x0, int(f.stack->bbox[0]));
-        EXPECT_EQ(x1 + 1, int(f.stack->bbox[0] + f.stack->bbox[2]));
         // Every arm sprite shows the arm; the day shadow darkens something at rest.
         for (const QString &preset : manifest.presetOrder())
             for (int i = 0; i < int(f.tonearm->yawSamples.size()); ++i) {
@@ -249,39 +189,14 @@ TEST_F(GeneratedScene, MasksSpritesAndLightHoldContent)
             }
         EXPECT_TRUE(ImageDecoder::cropShadow(ImageDecoder::decodeGray(
             root() + "/" + SceneFiles::tonearmSprite(name, "dia", 0, SceneFiles::SpriteKind::shadow))));
-        // Night is darker than day, and the recipes name plates that exist.
-        const double day = presetLuminance(mixer, name, "dia"), night = presetLuminance(mixer, name, "noite");
-        EXPECT_GT(day, 0.02);
-        EXPECT_GT(night, 0.0);
-        EXPECT_GT(day, 1.5 * night) << "day " << day << ", night " << night;
     }
 }
 
-TEST_F(GeneratedScene, SameOptionsGiveTheSameBytesAndTheSeedChangesThem)
-{
-    QTemporaryDir again;
-    ASSERT_EQ(generate(again.filePath("same"), {"--framings", "wide,mid", "--seed", "7"}).exitCode, 0);
-    const auto first = filesUnder(root()), same = filesUnder(again.filePath("same"));
-    ASSERT_GT(first.size(), 100u);
-    EXPECT_TRUE(same == first);
-
-    ASSERT_EQ(generate(again.filePath("other"), {"--framings", "wide,mid", "--seed", "8"}).exitCode, 0);
-    const auto other = filesUnder(again.filePath("other"));
-    ASSERT_EQ(other.size(), first.size());
-    EXPECT_TRUE(other.at("mid/light/view_dia.exr") != first.at("mid/light/view_dia.exr"));
-    EXPECT_EQ(other.at("manifest.json"), first.at("manifest.json"));
-}
-
-TEST(SceneGenerator, RejectsBadOptions)
+TEST(SceneGenerator, AnUnknownFramingIsNamedAndNothingIsWritten)
 {
     QTemporaryDir dir;
-    auto r = generate(dir.filePath("x"), {"--framings", "wide,balcony"});
+    const auto r = generate(dir.filePath("x"), {"--framings", "wide,balcony"});
     EXPECT_EQ(r.exitCode, 1);
     EXPECT_TRUE(r.err.contains("balcony")) << r.err.constData();
     EXPECT_FALSE(QFileInfo::exists(dir.filePath("x/manifest.json")));
-
-    r = runTool(builtTool("turnelo-gen-scene"), {"--width", "100"});
-    EXPECT_EQ(r.exitCode, 2);
-    r = runTool(builtTool("turnelo-gen-scene"), {"--out", dir.filePath("y"), "--width", "wide"});
-    EXPECT_EQ(r.exitCode, 2);
 }

@@ -132,9 +132,6 @@ TEST_F(SettingsWindowTest, ControlsWriteTheirKeysTypedAndFollowOutsideWrites)
         10s))
         << "the open window did not follow the file";
     EXPECT_TRUE(power.ecoEnabled());
-    // A key written with another type reads as its default, and the switch says so.
-    write({"fxStack", "-string", "no"});
-    EXPECT_TRUE(waitUntil([&] { return control<QCheckBox>("fxStack")->isChecked(); }, 10s));
 }
 
 // On Plasma the Desktop tab says where the icons are; only framings on disk can be picked; an
@@ -147,7 +144,6 @@ TEST_F(SettingsWindowTest, DesktopSceneAndAboutTellTheStateInTheUsersWords)
     EXPECT_TRUE(why->isVisible());
     EXPECT_TRUE(why->text().contains("Folder View")) << why->text().toStdString();
     EXPECT_FALSE(control<QCheckBox>("hideIcons")) << "a switch that could not work";
-    window->grab().save(QStringLiteral(TURNELO_BINARY_DIR "/settings-desktop-plasma.png"));
 
     settings.setFraming("wide");
     status.setScene({"wide", "mid"}, {"wide"}, "wide", "/scenes", PlateManifest{});
@@ -224,10 +220,8 @@ TEST_F(SettingsWindowTest, LaunchAtLoginMakesAndRemovesTheAutostartEntry)
     const QByteArray entry = readFile(XdgAutostart::entryPath());
     EXPECT_TRUE(entry.contains("\nExec=\"/opt/Turnelo Test/turnelo\"\n")) << entry.constData();
     EXPECT_TRUE(entry.startsWith("[Desktop Entry]\n"));
-    EXPECT_EQ(XdgAutostart::word(), "ativo");
     login->click();
     EXPECT_FALSE(QFile::exists(XdgAutostart::entryPath()));
-    EXPECT_EQ(XdgAutostart::word(), "desligado");
 }
 
 }  // namespace

