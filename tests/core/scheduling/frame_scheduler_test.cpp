@@ -65,8 +65,9 @@ protected:
     // A scheduler at `fps`, attached to the test's window list and session, wanting frames.
     FrameScheduler &make(int fps = 60, bool withArea = true)
     {
-        scheduler = std::make_unique<FrameScheduler>(fps, MediaClock([this] { return clockNow; }), nullptr,
-                                                     [this](double t) { ticks.push_back(t); });
+        scheduler = std::make_unique<FrameScheduler>(
+            fps, MediaClock([this] { return clockNow; }), [this] { return gpuTime; },
+            [this](double t) { ticks.push_back(t); });
         if (withArea) scheduler->animatedArea = [] { return std::optional<QRect>(kArea); };
         scheduler->attach(&windows, &session);
         scheduler->setWantsFrames(true);
@@ -90,6 +91,7 @@ protected:
 
     FixedWindowList windows;
     SessionSignals session;
+    std::pair<double, long long> gpuTime{0.0, 0};  // GPU seconds and command buffers since the last line
     std::unique_ptr<FrameScheduler> scheduler;
     std::vector<double> ticks;  // the media time each tick carried
     double clockNow = 0;
@@ -259,7 +261,9 @@ TEST_F(FrameSchedulerTest, PerformanceLinesCountTheFramesOfTheirInterval)
     EXPECT_EQ(FrameScheduler(30, MediaClock(), nullptr, nullptr).perfInterval(), 300.0);
     Settings().setValue("perfLogInterval", 0.3);
 
-    // The room's tests read its frame rate, and whether it paused, from these lines.
+    // The room's tests read its frame rate from these lines, and a person the frame's GPU cost:
+    // 0.1 GPU seconds over 4 command buffers in 2 s is 25 ms a frame, 5 % busy.
+    gpuTime = {0.1, 4};
     clockNow = 100;
     auto &s = make(60);
     EXPECT_EQ(s.perfInterval(), 0.3);
@@ -271,6 +275,7 @@ TEST_F(FrameSchedulerTest, PerformanceLinesCountTheFramesOfTheirInterval)
     s.writePerfLine();
     ASSERT_EQ(perfLines().size(), 2);
     EXPECT_TRUE(perfLines()[0].startsWith("Perf 2s: 3.5 fps, ")) << perfLines()[0].toStdString();
+    EXPECT_TRUE(perfLines()[0].contains("GPU 25.000 ms/quadro (5.00% ocupada)")) << perfLines()[0].toStdString();
     EXPECT_TRUE(perfLines()[1].startsWith("Perf 2s: 0.0 fps, ")) << perfLines()[1].toStdString();
 }
 
