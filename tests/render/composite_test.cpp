@@ -216,6 +216,37 @@ TEST(MovingRegions, EachPartsPixelsLieInARegionThatNamesItAndTheRestIsLeftAlone)
     armAlone.recordLight = armAlone.labelMaskRect = armAlone.strobeRect = {};
     EXPECT_EQ(partsMap(MovingRegions(u, w, h, V::armParts)), partsMap(MovingRegions(armAlone, w, h)));
     for (int i = 0; i < w * h; ++i) ASSERT_EQ(held[i], (map[i] & ~V::armParts) ? map[i] : 0u) << i % w << "," << i / w;
+    // The record's and the arm's maps are seen in perspective: under a turned, foreshortened map and one front layer
+    // of two, each pixel whose centre the map takes into the label or the front carries it; the unused front is
+    // nowhere.
+    SceneUniforms turned;
+    turned.screenToPlate = Float3x3::fromRows<float>({{{0, 0.5f, 0}, {0.5f, 0, 0}, {0.002f, 0.004f, 1}}});
+    turned.labelMaskRect = {10, 20, 15, 20};
+    turned.frontCount = 1;
+    turned.frontWeights = {1, 1, 0, 0};
+    turned.frontRects = {{{5, 5, 10, 10}, {0, 0, 500, 500}}};
+    const std::vector<uint32_t> seen = partsMap(MovingRegions(turned, w, h));
+    int labelled = 0, inLabel = 0;
+    for (int y = 0; y < h; ++y)
+        for (int x = 0; x < w; ++x) {
+            const double sx = x + 0.5, sy = y + 0.5, d = 0.002 * sx + 0.004 * sy + 1;
+            const QPointF p(0.5 * sy / d, 0.5 * sx / d);
+            const uint32_t at = seen[y * w + x];
+            const bool insideLabel = QRectF(10, 20, 15, 20).contains(p);
+            labelled += (at & V::label) ? 1 : 0;
+            inLabel += insideLabel;
+            if (insideLabel) {
+                ASSERT_TRUE(at & V::label) << x << "," << y;
+            }
+            if (QRectF(5, 5, 10, 10).contains(p)) {
+                ASSERT_TRUE(at & V::front) << x << "," << y;
+            }
+            if (p.x() > 20 || p.y() > 20) {
+                ASSERT_FALSE(at & V::front) << x << "," << y;
+            }
+        }
+    EXPECT_GT(inLabel, 100);
+    EXPECT_LT(labelled, inLabel * 2);
 }
 
 TEST_F(Composite, FramesWithChangingUniformsHoldTheirMemory)
