@@ -137,6 +137,12 @@ TEST(ImageDecoder, DataWindowIsPlacedInTheDisplayWindow)
     EXPECT_EQ(b.pixels[(10 * 32 + 0) * 4], bits(1000.0f));
     EXPECT_EQ(b.pixels[(15 * 32 + 31) * 4], bits(1531.0f));
     EXPECT_EQ(cropByChannel(b, 3).value().rect, (std::array<float, 4>{0, 9, 32, 7}));
+    // Past the right side alone, rows are still wider than the raster: none spills into the next.
+    const HalfImage c =
+        Exr{.display = {{0, 0}, {31, 15}}, .data = Imath::Box2i{{4, 0}, {40, 15}}, .alpha = false, .value = position}
+            .decoded(dir.filePath("right.exr"));
+    EXPECT_EQ(c.pixels[(1 * 32 + 0) * 4], 0);
+    EXPECT_EQ(c.pixels[(1 * 32 + 4) * 4], bits(104.0f));
 }
 
 TEST(ImageDecoder, FailureTexts)
